@@ -1,0 +1,67 @@
+#include "IntegerValue.h"
+
+#include <cmath>
+#include <limits>
+
+namespace
+{
+
+constexpr qint64 Least = std::numeric_limits<qint64>::min();
+constexpr qint64 Most = std::numeric_limits<qint64>::max();
+
+qint64 fromText(const QString &text)
+{
+    qsizetype at = 0;
+    while (at < text.size() && text[at].isSpace())
+        ++at;
+    const bool negative = at < text.size() && text[at] == u'-';
+    if (negative || (at < text.size() && text[at] == u'+'))
+        ++at;
+    qint64 value = 0;
+    for (; at < text.size() && text[at] >= u'0' && text[at] <= u'9'; ++at) {
+        const int digit = text[at].unicode() - u'0';
+        if (__builtin_mul_overflow(value, 10, &value)
+            || __builtin_add_overflow(value, negative ? -digit : digit, &value))
+            return negative ? Least : Most;
+    }
+    return value;
+}
+
+qint64 fromDouble(double number)
+{
+    if (std::isnan(number))
+        return 0;
+    if (number >= 0x1p63)
+        return Most;
+    return number < -0x1p63 ? Least : qint64(number);
+}
+
+} // namespace
+
+qint64 zel::integerValue(const QVariant &value)
+{
+    switch (value.typeId()) {
+    case QMetaType::QString:
+    case QMetaType::QByteArray:
+        return fromText(value.toString());
+    case QMetaType::Double:
+    case QMetaType::Float:
+        return fromDouble(value.toDouble());
+    case QMetaType::ULong:
+    case QMetaType::ULongLong:
+        return qint64(qMin(value.toULongLong(), qulonglong(Most)));
+    case QMetaType::Bool:
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::Long:
+    case QMetaType::LongLong:
+    case QMetaType::Short:
+    case QMetaType::UShort:
+    case QMetaType::SChar:
+    case QMetaType::UChar:
+    case QMetaType::Char:
+        return value.toLongLong();
+    default:
+        return 0;
+    }
+}
