@@ -1,0 +1,28 @@
+// The archive on disk: a pipe cannot be read from its end, where a zip archive keeps its directory.
+#pragma once
+
+#include "FileDescriptor.h"
+#include "Problem.h"
+
+#include <cstdint>
+
+namespace zel
+{
+
+/// The whole input, in a file without a name, which is gone when the process is, however it ends.
+struct Spool {
+    FileDescriptor file;
+    uint64_t size = 0;
+};
+
+/// Reads `input` to its end into a spool below `folder`, so that it lies in the destination's file system and
+/// not in a temporary folder, which may be memory. A full disk is a problem like any other.
+Problem spoolInput(int input, const char *folder, Spool &spool);
+
+/// Reads exactly `length` bytes at `offset`; may be called from several threads.
+Problem readAt(int file, void *buffer, size_t length, uint64_t offset);
+
+/// Writes all of it, going on after interruptions; false leaves the reason in `errno`.
+bool writeAll(int file, const char *data, size_t length);
+
+} // namespace zel

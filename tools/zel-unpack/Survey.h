@@ -1,0 +1,22 @@
+// The judgement over a whole archive, before anything of it is written.
+#pragma once
+
+#include "EntryReader.h"
+#include "ZipDirectory.h"
+
+namespace zel
+{
+
+/// Whether an archive can be extracted without leaving the destination, and whole. Refused are
+/// - names that are empty or absolute or have empty, "." or ".." components or a NUL byte;
+/// - names that occur twice or differ only by case, as whole names or as folders above others;
+/// - entries below a file or a symbolic link;
+/// - symbolic links whose target is empty, absolute, longer than a path can be, has ".." after a name (what that
+///   leaves depends on other links) or more leading ".." than there are folders above the link;
+/// - data that overlaps other data, and more data in all than `maximumTotalSize`.
+Problem survey(const ZipDirectory &directory, EntryReader &reader);
+
+/// A symbolic link's target, judged as above.
+Problem readTarget(const ZipEntry &link, EntryReader &reader, std::string &target);
+
+} // namespace zel
