@@ -1,0 +1,413 @@
+// zel-unpack run as a program, on good, broken and hostile archives.
+#include "TemporaryTree.h"
+#include "ZipMaker.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <QDirIterator>
+#include <QProcess>
+#include <QtTest>
+
+struct Outcome {
+    int status = -1;
+    QByteArray errors;
+};
+
+static Outcome run(const QByteArray &input, const QStringList &arguments, const QString &program = ZEL_UNPACK)
+{
+    QProcess process;
+    process.start(program, arguments);
+    process.write(input);
+    process.closeWriteChannel();
+    if (!process.waitForFinished(-1) || process.exitStatus() != QProcess::NormalExit)
+        return {};
+    return {process.exitCode(), process.readAllStandardError()};
+}
+
+static Outcome unpack(const QByteArray &archive, const QString &folder)
+{
+    return run(archive, {"-x", "-k", "-", folder});
+}
+
+static struct stat statusOf(const QString &file)
+{
+    struct stat status {
+    };
+    ::lstat(QFile::encodeName(file).constData(), &status);
+    return status;
+}
+
+static QStringList everythingIn(const QString &folder)
+{
+    QStringList found;
+    const auto all = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
+    for (QDirIterator it(folder, all, QDirIterator::Subdirectories); it.hasNext();)
+        found.append(it.next());
+    return found;
+}
+
+class tst_unpack : public QObject
+{
+    Q_OBJECT
+private slots:
+    void items_data()
+    {
+        QTest::addColumn<ZipItem>("item");
+        QTest::addColumn<QByteArray>("name");
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<qint64>("time"); // 0: the archive's local time
+
+        constexpr int file = S_IFREG | 0644;
+        const QByteArray text("text");
+        auto row = [](const char *title, ZipItem item, QByteArray name, int mode, qint64 time = 0) {
+            QTest::newRow(title) << item << (name.isNull() ? item.name : name) << mode << time;
+        };
+        const QByteArray large = QByteArray(3'000'000, 'a') + "end";
+        row("deflated", {.name = "a/b/file", .data = large}, {}, file);
+        row("stored", {.name = "file", .data = large, .method = 0}, {}, file);
+        row("empty file", {.name = "file"}, {}, file);
+        row("executable", {.name = "file", .data = text, .mode = S_IFREG | 0755}, {}, S_IFREG | 0755);
+        row("read only", {.name = "file", .data = text, .mode = S_IFREG | 0400}, {}, S_IFREG | 0400);
+        row("writable by all", {.name = "file", .data = text, .mode = S_IFREG | 0666}, {}, S_IFREG | 0666);
+        row("mode without kind", {.name = "file", .data = text, .mode = 0600}, {}, S_IFREG | 0600);
+        row("no mode", {.name = "file", .data = text, .mode = 0, .host = 0}, {}, file);
+        row("other host's mode", {.name = "file", .data = text, .mode = S_IFIFO, .host = 10}, {}, file);
+        row("link", ZipMaker::link("a/link", "../other"), {}, S_IFLNK | 0777);
+        row("deflated link", {.name = "link", .data = "a/b/./c", .mode = S_IFLNK | 0777}, {}, S_IFLNK | 0777);
+        row("link with a time",
+            {.name = "link", .data = "x", .mode = S_IFLNK | 0777, .extra = ZipMaker::timeField(1)}, {},
+            S_IFLNK | 0777, 1);
+        row("empty folder", ZipMaker::folder("a/folder/"), "a/folder", S_IFDIR | 0755);
+        row("folder without slash", ZipMaker::folder("folder"), {}, S_IFDIR | 0755);
+        row("folder by its slash", {.name = "folder/", .mode = 0, .host = 0}, "folder", S_IFDIR | 0755);
+        row("open folder", ZipMaker::folder("folder/", 01777), "folder", S_IFDIR | 01777);
+        row("dot in front", {.name = "./a/file", .data = text}, "a/file", file);
+        row("decomposed name", {.name = "e\xcc\x81.txt", .data = text}, {}, file);
+        row("name of raw bytes", {.name = "caf\xe9", .data = text, .flags = 0}, {}, file);
+        row("odd name", {.name = "-a 'b\" $c;d&(e)\\f\ng", .data = text}, {}, file);
+        const QByteArray old =
+            ZipMaker::extraField(0x5855, ZipMaker::le32(5) + ZipMaker::le32(1'600'000'001));
+        row("time", {.name = "f", .data = text, .extra = ZipMaker::timeField(1'700'000'003)}, {}, file,
+            1'700'000'003);
+        row("before 1970", {.name = "f", .data = text, .extra = ZipMaker::timeField(-7)}, {}, file, -7);
+        row("older time field", {.name = "f", .data = text, .extra = old}, {}, file, 1'600'000'001);
+        row("folder's time",
+            {.name = "d/", .mode = S_IFDIR | 0700, .extra = ZipMaker::timeField(9), .method = 0}, "d",
+            S_IFDIR | 0700, 9);
+        const QByteArray wide = ZipMaker::extraField(1, ZipMaker::le64(4) + ZipMaker::le64(6));
+        row("wide sizes",
+            {.name = "f",
+             .data = text,
+             .extra = wide,
+             .claimedSize = UINT32_MAX,
+             .claimedPackedSize = UINT32_MAX},
+            {}, file);
+    }
+
+    void items()
+    {
+        QFETCH(ZipItem, item);
+        QFETCH(QByteArray, name);
+        QFETCH(int, mode);
+        QFETCH(qint64, time);
+        const TemporaryTree tree;
+        const Outcome outcome = unpack(ZipMaker::make({item}), tree.path("out"));
+        QCOMPARE(outcome.errors, QByteArray());
+        QCOMPARE(outcome.status, 0);
+
+        const QByteArray made = QFile::encodeName(tree.path("out/")) + name;
+        struct stat status;
+        QVERIFY(::lstat(made.constData(), &status) == 0);
+        QCOMPARE(int(status.st_mode), mode);
+        const qint64 packedTime = QDateTime({2024, 5, 6}, {7, 8, 10}).toSecsSinceEpoch();
+        QCOMPARE(qint64(status.st_mtime), time == 0 ? packedTime : time);
+        if (S_ISREG(mode)) {
+            const std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen(made.constData(), "rb"),
+                                                              std::fclose);
+            QByteArray read(item.data.size() + 1, '\0');
+            read.truncate(qsizetype(file ? std::fread(read.data(), 1, size_t(read.size()), file.get()) : 0));
+            QVERIFY(read == item.data);
+        }
+        if (S_ISLNK(mode))
+            QCOMPARE(TemporaryTree::linkTarget(QFile::decodeName(made)), item.data);
+        std::remove(made.constData()); // names of raw bytes are beyond Qt
+    }
+
+    // A bundle as another program packs it: folders that are closed for writing, links between them.
+    void bundleOfAnotherPacker()
+    {
+        const std::vector<ZipItem> items = {
+            ZipMaker::folder("./"),
+            ZipMaker::folder("./My.app/", 0555),
+            ZipMaker::folder("./My.app/Versions/", 0500),
+            ZipMaker::folder("./My.app/Versions/A/"),
+            {.name = "./My.app/Versions/A/tool", .data = QByteArray(500'000, 't'), .mode = S_IFREG | 0755},
+            ZipMaker::link("./My.app/Versions/Current", "A"),
+            ZipMaker::link("./My.app/tool", "Versions/Current/tool"),
+        };
+        const TemporaryTree tree;
+        QCOMPARE(unpack(packedByLibrary(items), tree.path("out")).errors, QByteArray());
+        for (const ZipItem &item : items) {
+            const QString made = tree.path("out/" + item.name);
+            const struct stat status = statusOf(made);
+            if (item.name != "./") {
+                QCOMPARE(status.st_mode, item.mode);
+                QCOMPARE(status.st_mtime, 1'500'000'000);
+            }
+            if (S_ISLNK(item.mode))
+                QCOMPARE(TemporaryTree::linkTarget(made), item.data);
+        }
+        QVERIFY(tree.read("out/My.app/tool") == items[4].data);
+        for (const char *closed : {"out/My.app", "out/My.app/Versions"}) // or they cannot be removed
+            ::chmod(tree.path(closed).toUtf8().constData(), 0700);
+    }
+
+    void refused_data()
+    {
+        QTest::addColumn<QByteArray>("archive");
+        QTest::addColumn<QByteArray>("why");
+
+        auto row = [](const char *title, const std::vector<ZipItem> &items, const char *why) {
+            QTest::newRow(title) << ZipMaker::make(items) << QByteArray(why);
+        };
+        const ZipItem good{.name = "good", .data = "good"};
+        row("absolute", {good, {.name = "/tmp/x"}}, "absolute");
+        row("root", {ZipMaker::folder("/")}, "absolute");
+        row("root behind a dot", {{.name = ".//x"}}, "absolute");
+        row("parent", {good, {.name = "../x"}}, "component");
+        row("parent inside", {{.name = "a/../../x"}}, "component");
+        row("parent folder", {ZipMaker::folder("../", 0777)}, "component");
+        row("destination as a file", {{.name = "./"}}, "without a name");
+        row("dot", {{.name = "a/./b"}}, "component");
+        row("double slash", {{.name = "a//b"}}, "component");
+        row("file with a slash", {{.name = "a/", .data = "x"}}, "component");
+        row("no name", {{.name = ""}}, "without a name");
+        row("NUL", {{.name = QByteArray("a\0/../../x", 10)}}, "NUL");
+        row("NUL alone", {{.name = QByteArray("a\0b", 3)}}, "NUL");
+        row("backslashes", {{.name = "..\\x", .host = 0}}, "backslashes");
+
+        row("absolute link", {ZipMaker::link("l", "/etc")}, "leave");
+        row("leaving link", {ZipMaker::link("a/l", "../../x")}, "leave");
+        row("link to the parent", {ZipMaker::link("l", "..")}, "leave");
+        row("link that climbs late", {ZipMaker::link("here", "."), ZipMaker::link("l", "here/..")}, "leave");
+        row("link without target", {ZipMaker::link("l", "")}, "target");
+        row("link with NUL", {ZipMaker::link("l", QByteArray("a\0b", 3))}, "target");
+        row("endless link", {ZipMaker::link("l", QByteArray(5000, 'a'))}, "target");
+        row("through a link", {ZipMaker::link("l", "a"), {.name = "l/x"}}, "something else");
+        row("through a later link", {{.name = "l/x"}, ZipMaker::link("l", "a")}, "something else");
+        row("through a file", {good, {.name = "good/x"}}, "something else");
+        row("link, then file", {ZipMaker::link("l", "a"), {.name = "l"}}, "twice");
+        row("link, then folder", {ZipMaker::link("l", "a"), ZipMaker::folder("l/")}, "twice");
+
+        row("twice", {good, good}, "twice");
+        row("folder twice", {ZipMaker::folder("d/"), ZipMaker::folder("d/")}, "twice");
+        row("case", {{.name = "a/File"}, {.name = "a/fILE"}}, "case");
+        row("case beyond ASCII", {{.name = "\xc3\x84"}, {.name = "\xc3\xa4"}}, "case");
+        row("case of a folder", {{.name = "A/1"}, {.name = "a/2"}}, "case");
+
+        row("FIFO", {{.name = "x", .mode = S_IFIFO | 0644}}, "neither");
+        row("socket", {{.name = "x", .mode = S_IFSOCK | 0644}}, "neither");
+        row("character device", {{.name = "x", .mode = S_IFCHR | 0644}}, "neither");
+        row("block device", {{.name = "x", .mode = S_IFBLK | 0644, .host = 19}}, "neither");
+        row("set-user-id", {{.name = "x", .mode = S_IFREG | 04755}}, "set-id");
+        row("set-group-id", {ZipMaker::folder("x/", 02755)}, "set-id");
+
+        row("encrypted", {{.name = "x", .flags = 1}}, "encrypted");
+        row("hidden headers", {{.name = "x", .flags = 0x2000}}, "encrypted");
+        row("other method", {{.name = "x", .method = 14}}, "deflate");
+        row("folder with data", {{.name = "x/", .data = "x", .mode = S_IFDIR | 0755}}, "folder with data");
+        row("stored sizes differ", {{.name = "x", .data = "x", .method = 0, .claimedSize = 7}}, "contradict");
+        row("wide size missing", {{.name = "x", .data = "x", .claimedSize = UINT32_MAX}}, "contradict");
+        row("shared data", {good, {.name = "x", .data = "good", .headerOffset = 0}}, "shares");
+        row("data outside", {good, {.name = "x", .data = "x", .claimedPackedSize = 5000}}, "outside");
+        const QByteArray bomb = ZipMaker::extraField(1, ZipMaker::le64(uint64_t(1) << 63));
+        const ZipItem half{.name = "1", .extra = bomb, .claimedSize = UINT32_MAX};
+        row("bomb", {half}, "unpacks to more");
+        ZipItem other = half;
+        other.name = "2";
+        row("bomb whose sum overflows", {half, other}, "unpacks to more");
+
+        const QByteArray whole = ZipMaker::make({good, {.name = "x", .data = "x"}});
+        auto bytes = [](const char *title, const QByteArray &archive, const char *why) {
+            QTest::newRow(title) << archive << QByteArray(why);
+        };
+        bytes("empty", {}, "empty");
+        bytes("one byte", "P", "not a complete zip");
+        bytes("garbage", QByteArray(100'000, 'x'), "not a complete zip");
+        bytes("something in front", "junk" + whole, "not a complete zip");
+        bytes("something behind", whole + "junk", "not a complete zip");
+        bytes("wrong count", ZipMaker::make({good}, 1), "damaged");
+        bytes("directory offset", QByteArray(whole).replace(whole.size() - 6, 4, "\xff\xff\xff\xff", 4),
+              "not a");
+        const QByteArray locator =
+            "PK\6\7" + QByteArray(4, '\0') + ZipMaker::le64(UINT64_MAX - 10) + ZipMaker::le32(1);
+        bytes("wild locator", QByteArray(whole).insert(whole.size() - 22, locator), "not a complete zip");
+        bytes("several parts", QByteArray(whole).replace(whole.size() - 18, 1, "\1", 1), "parts");
+    }
+
+    void refused()
+    {
+        QFETCH(QByteArray, archive);
+        QFETCH(QByteArray, why);
+        const TemporaryTree tree;
+        const QString out = tree.directory("in/out");
+        const Outcome outcome = unpack(archive, out);
+        QCOMPARE(outcome.status, 1);
+        QVERIFY2(outcome.errors.contains(why), outcome.errors);
+        QCOMPARE(outcome.errors.count('\n'), 1);
+        QCOMPARE(everythingIn(tree.path()), QStringList({tree.path("in"), out}));
+    }
+
+    // Cut at every length: an archive is complete or nothing is written at all.
+    void truncated()
+    {
+        const TemporaryTree tree;
+        const QString out = tree.directory("out");
+        const QByteArray whole =
+            ZipMaker::make({{.name = "a/file", .data = "text"}, ZipMaker::link("l", "a")});
+        for (qsizetype length = 0; length < whole.size(); ++length) {
+            const Outcome outcome = unpack(whole.first(length), out);
+            QCOMPARE(outcome.status, 1);
+            QCOMPARE(outcome.errors.count('\n'), 1);
+            QCOMPARE(everythingIn(out), QStringList());
+        }
+    }
+
+    void tooManyEntries()
+    {
+        std::vector<ZipItem> items;
+        for (int i = 0; i < 50'001; ++i)
+            items.push_back({.name = QByteArray::number(i) + "/f", .method = 0}); // each implies a folder
+        const TemporaryTree tree;
+        const Outcome outcome = unpack(ZipMaker::make(items), tree.directory("out"));
+        QCOMPARE(outcome.status, 1);
+        QVERIFY2(outcome.errors.contains("more than 100000 entries"), outcome.errors);
+    }
+
+    void damagedData_data()
+    {
+        QTest::addColumn<ZipItem>("item");
+        QTest::addColumn<QByteArray>("why");
+
+        const QByteArray data(1'000'000, 'd');
+        const QByteArray packed = ZipMaker::deflate(data);
+        QTest::newRow("checksum") << ZipItem{.name = "x", .data = data, .checksumError = 1}
+                                  << QByteArray("checksum");
+        QTest::newRow("stored checksum")
+            << ZipItem{.name = "x", .data = data, .method = 0, .checksumError = 1} << QByteArray("checksum");
+        QTest::newRow("more than declared")
+            << ZipItem{.name = "x", .data = data, .claimedSize = 10} << QByteArray("more data");
+        QTest::newRow("less than declared")
+            << ZipItem{.name = "x", .data = data, .claimedSize = 2'000'000} << QByteArray("less data");
+        QTest::newRow("cut") << ZipItem{.name = "x", .data = data, .packed = packed.chopped(1)}
+                             << QByteArray("cut short");
+        QTest::newRow("goes on") << ZipItem{.name = "x", .data = data, .packed = packed + '\0'}
+                                 << QByteArray("goes on");
+        QTest::newRow("not deflated") << ZipItem{.name = "x", .data = data, .packed = QByteArray(100, '\xff')}
+                                      << QByteArray("cannot be unpacked");
+        QTest::newRow("no header") << ZipItem{.name = "x", .data = data, .headerOffset = 7}
+                                   << QByteArray("not where");
+    }
+
+    void damagedData()
+    {
+        QFETCH(ZipItem, item);
+        QFETCH(QByteArray, why);
+        const TemporaryTree tree;
+        const Outcome outcome = unpack(ZipMaker::make({item}), tree.path("out"));
+        QCOMPARE(outcome.status, 1);
+        QVERIFY2(outcome.errors.contains(why), outcome.errors);
+        QCOMPARE(outcome.errors.count('\n'), 1);
+        QVERIFY(QFileInfo(tree.path("out/x")).size() <= item.data.size());
+    }
+
+    // Links that are in the destination already lead nowhere either.
+    void linksInTheDestination()
+    {
+        const TemporaryTree tree;
+        tree.write("outside/kept", "kept");
+        tree.link("out/folder", tree.path("outside"));
+        tree.link("out/kept", tree.path("outside/kept"));
+        tree.write("out/link", "replaced");
+
+        const Outcome through =
+            unpack(ZipMaker::make({{.name = "folder/new", .data = "x"}}), tree.path("out"));
+        QCOMPARE(through.status, 1);
+        QVERIFY(!QFileInfo::exists(tree.path("outside/new")));
+
+        const QByteArray over =
+            ZipMaker::make({{.name = "kept", .data = "new"}, ZipMaker::link("link", "kept")});
+        QCOMPARE(unpack(over, tree.path("out")).errors, QByteArray());
+        QCOMPARE(tree.read("out/link"), QByteArray("new"));
+        QCOMPARE(tree.read("outside/kept"), QByteArray("kept"));
+    }
+
+    // A limit on the size of files makes writing fail as a full disk does.
+    void diskFull_data()
+    {
+        QTest::addColumn<QByteArray>("archive");
+        const QByteArray data(4'000'000, 'd');
+        QTest::newRow("while storing the input")
+            << ZipMaker::make({{.name = "x", .data = data, .method = 0}});
+        QTest::newRow("while unpacking") << ZipMaker::make({{.name = "x", .data = data}});
+    }
+
+    void diskFull()
+    {
+        QFETCH(QByteArray, archive);
+        const TemporaryTree tree;
+        const QString script = QStringLiteral("trap '' XFSZ; ulimit -f 64; exec \"$0\" -x -k - \"$1\"");
+        const Outcome outcome = run(archive, {"-c", script, ZEL_UNPACK, tree.path("out")}, "/bin/sh");
+        QCOMPARE(outcome.status, 1);
+        QVERIFY2(outcome.errors.contains("File too large"), outcome.errors);
+    }
+
+    void wrongUsage_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("none") << QStringList();
+        QTest::newRow("no folder") << QStringList{"-x", "-k", "-"};
+        QTest::newRow("empty folder name") << QStringList{"-x", "-k", "-", ""};
+        QTest::newRow("from a file") << QStringList{"-x", "-k", "a.zip", "out"};
+        QTest::newRow("other order") << QStringList{"-k", "-x", "-", "out"};
+        QTest::newRow("too many") << QStringList{"-x", "-k", "-", "out", "more"};
+    }
+
+    void wrongUsage()
+    {
+        QFETCH(QStringList, arguments);
+        const Outcome outcome = run({}, arguments);
+        QCOMPARE(outcome.status, 2);
+        QVERIFY(outcome.errors.startsWith("Usage: zel-unpack -x -k - DIR\n"));
+    }
+
+private:
+    static QByteArray packedByLibrary(const std::vector<ZipItem> &items)
+    {
+        QByteArray packed(2'000'000, '\0');
+        size_t used = 0;
+        const std::unique_ptr<archive, int (*)(archive *)> writer(archive_write_new(), archive_write_free);
+        archive_write_set_format_zip(writer.get());
+        archive_write_open_memory(writer.get(), packed.data(), size_t(packed.size()), &used);
+        for (const ZipItem &item : items) {
+            const std::unique_ptr<archive_entry, void (*)(archive_entry *)> entry(archive_entry_new(),
+                                                                                  archive_entry_free);
+            const bool link = S_ISLNK(item.mode);
+            archive_entry_set_pathname(entry.get(), item.name.constData());
+            archive_entry_set_mode(entry.get(), item.mode);
+            archive_entry_set_mtime(entry.get(), 1'500'000'000, 0);
+            archive_entry_set_size(entry.get(), link ? 0 : item.data.size());
+            if (link)
+                archive_entry_set_symlink(entry.get(), item.data.constData());
+            archive_write_header(writer.get(), entry.get());
+            if (!link)
+                archive_write_data(writer.get(), item.data.constData(), size_t(item.data.size()));
+        }
+        archive_write_close(writer.get());
+        packed.truncate(qsizetype(used));
+        return packed;
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_unpack)
+#include "tst_unpack.moc"
