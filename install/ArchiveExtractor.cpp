@@ -1,0 +1,165 @@
+#include "ArchiveExtractor.h"
+
+#include "ChildProcess.h"
+#include "DDLog.h"
+
+#include <cerrno>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <link.h>
+#include <QFile>
+#include <QFileInfo>
+#include <system_error>
+#include <vector>
+
+namespace zel
+{
+
+namespace
+{
+
+void logSystemError(const char *text)
+{
+    systemLog(QLatin1String(text) + QString::fromStdString(std::generic_category().message(errno)));
+}
+
+// The executable or library that this code was linked into; empty when it cannot be told.
+QString ownBinary()
+{
+    Dl_info info;
+    void *map = nullptr;
+    if (!dladdr1(reinterpret_cast<void *>(&ownBinary), &info, &map, RTLD_DL_LINKMAP))
+        return {};
+    // The executable has no name of its own there, and the one it was called by may be relative.
+    const QString name = QFile::decodeName(static_cast<link_map *>(map)->l_name);
+    return QFileInfo(name.isEmpty() ? QStringLiteral("/proc/self/exe") : name).canonicalFilePath();
+}
+
+class Feed
+{
+public:
+    explicit Feed(const QString &file)
+        : m_file(::open(QFile::encodeName(file).constData(), O_RDONLY | O_CLOEXEC))
+        , m_chunk(262144)
+    {
+        if (!m_file)
+            logSystemError("Failed to read data from archive with error ");
+    }
+
+    // Returns the number of bytes that went into the pipe. Errors show up as a wrong number or a bad status of
+    // the tool, and are only logged here.
+    qint64 run(ChildProcess &tool, qint64 size)
+    {
+        qint64 total = 0;
+        bool written = true;
+        do {
+            const size_t length = readChunk();
+            if (length == 0)
+                break;
+            written = tool.write(m_chunk.data(), length);
+            if (written)
+                total += qint64(length);
+            else
+                logSystemError("Failed to write data to pipe with error ");
+        } while (written && total < size);
+        close(tool);
+        return total;
+    }
+
+private:
+    // A failed read counts as the end of the archive.
+    size_t readChunk()
+    {
+        if (!m_file)
+            return 0;
+        ssize_t length = 0;
+        do {
+            length = ::read(m_file.get(), m_chunk.data(), m_chunk.size());
+        } while (length < 0 && errno == EINTR);
+        if (length < 0)
+            logSystemError("Failed to read data from archive with error ");
+        return size_t(qMax<ssize_t>(length, 0));
+    }
+
+    void close(ChildProcess &tool)
+    {
+        if (!tool.closeInput())
+            logSystemError("Failed to close pipe with error ");
+        if (!m_file.close())
+            logSystemError("Failed to close archive input with error ");
+    }
+
+    FileDescriptor m_file;
+    std::vector<char> m_chunk;
+};
+
+// Nothing when all of the archive has gone into the tool and the tool was content.
+ZELError runTool(const QString &file, const QString &directory, const QString &tool)
+{
+    const QStringList arguments{QStringLiteral("-x"), QStringLiteral("-k"), QStringLiteral("-"), directory};
+    const qint64 size = QFileInfo(file).size();
+    ChildProcess process;
+    if (!process.launch(tool, arguments))
+        return ZELError::withMessage(QStringLiteral("Extraction failed. Error launching"));
+    const qint64 total = Feed(file).run(process, size);
+    const int status = process.wait();
+    if (status != 0) {
+        systemLog(QStringLiteral("bad termination status"));
+        return ZELError::withMessage(
+            QStringLiteral("Extraction failed. Invalid termination status - %1").arg(status));
+    }
+    if (total != size)
+        return ZELError::withMessage(
+            QStringLiteral("Extraction failed. %1 of %2 bytes").arg(total).arg(size));
+    return {};
+}
+
+QString findBundle(const QString &directory)
+{
+    using Iterator = std::filesystem::recursive_directory_iterator;
+    std::error_code failure;
+    const std::filesystem::path root = QFile::encodeName(directory).toStdString();
+    Iterator item(root, std::filesystem::directory_options::skip_permission_denied, failure);
+    for (; !failure && item != Iterator(); item.increment(failure)) {
+        // Deliberately any kind of item: a file counts too. A name that only begins with a dot has no extension.
+        if (item->path().extension() == ".app")
+            return QFile::decodeName(item->path().c_str());
+    }
+    return {};
+}
+
+} // namespace
+
+QString archiveTool()
+{
+    const QString name = QStringLiteral("/zel-unpack");
+    const QString binary = ownBinary();
+    if (!binary.isEmpty()) {
+        const QString folder = QFileInfo(binary).path();
+        for (const QString &place : {folder, folder + QStringLiteral("/../libexec")}) {
+            if (QFileInfo(place + name).isExecutable())
+                return QFileInfo(place + name).absoluteFilePath();
+        }
+    }
+    return QStringLiteral(ZEL_LIBEXEC_DIR) + name;
+}
+
+void extractArchive(const QString &file, const QString &directory, const ZELExtractCompletion &completion,
+                    const QString &tool)
+{
+    const ZELError failure = runTool(file, directory, tool);
+    const QString bundle = failure ? QString() : findBundle(directory);
+    if (!completion)
+        return;
+    if (failure)
+        completion(false, {}, failure);
+    else if (bundle.isNull())
+        // Deliberately a success: the flows judge by the path.
+        completion(true, {},
+                   ZELError::withMessage(QStringLiteral("Extraction failed. Unable to find payload")));
+    else
+        completion(true, bundle, {});
+}
+
+} // namespace zel

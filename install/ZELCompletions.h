@@ -1,0 +1,16 @@
+// How the steps of an update report their end: each calls its completion exactly once.
+#pragma once
+
+#include "ZELError.h"
+
+#include <functional>
+
+/// The end of an extraction: whether the archive was extracted, the bundle's path, what went wrong. Judge by the
+/// path: an archive that was extracted but holds no bundle reports true, a null path and an error.
+using ZELExtractCompletion = std::function<void(bool ok, const QString &path, const ZELError &error)>;
+
+/// The end of a download: a download status and the path of the new bundle; a null string stands for no path.
+using ZELDownloadCompletion = std::function<void(qint64 status, const QString &path)>;
+
+/// The end of an installation: a download status and the path of the new bundle; a null string stands for no path.
+using ZELInstallCompletion = std::function<void(qint64 status, const QString &path)>;

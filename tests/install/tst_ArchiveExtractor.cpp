@@ -1,0 +1,229 @@
+#include "ArchiveExtractor.h"
+#include "TemporaryTree.h"
+#include "ZipMaker.h"
+
+#include <csignal>
+#include <QtTest>
+
+struct Result {
+    int calls = 0;
+    bool ok = false;
+    QString path;
+    ZELError error;
+};
+
+static QStringList systemLines;
+
+static void collect(QtMsgType, const QMessageLogContext &context, const QString &message)
+{
+    if (qstrcmp(context.category, "zel.system") == 0)
+        systemLines.append(message);
+}
+
+static Result extract(const QString &file, const QString &directory, const QString &tool = zel::archiveTool())
+{
+    Result result;
+    systemLines.clear();
+    const QtMessageHandler before = qInstallMessageHandler(collect);
+    zel::extractArchive(
+        file, directory,
+        [&](bool ok, const QString &path, const ZELError &error) {
+            result = {result.calls + 1, ok, path, error};
+        },
+        tool);
+    qInstallMessageHandler(before);
+    return result;
+}
+
+class tst_ArchiveExtractor : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase()
+    {
+        sigset_t blocked;
+        sigemptyset(&blocked);
+        sigaddset(&blocked, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+        std::signal(SIGUSR2, SIG_IGN);
+        std::signal(SIGPIPE, SIG_DFL); // one that comes through ends the test
+    }
+
+    void oddPaths_data()
+    {
+        QTest::addColumn<QString>("name");
+        for (const char *name : {"with space", "'single'", "\"double\"", "$HOME `id`", "a;b&c|d", "(e) <f> *",
+                                 "-x", "\xc3\xa9\xe2\x82\xac", "line\nbreak", "back\\slash", "percent %s %1"})
+            QTest::newRow(name) << QString::fromUtf8(name);
+    }
+
+    void oddPaths()
+    {
+        QFETCH(QString, name);
+        const TemporaryTree tree;
+        const std::vector<ZipItem> items = {
+            ZipMaker::folder("My App.app/"),
+            {.name = "My App.app/run", .data = QByteArray(600'000, 'r'), .mode = S_IFREG | 0755, .method = 0},
+            ZipMaker::link("My App.app/link", "run"),
+        };
+        tree.write(name, ZipMaker::make(items));
+        // Relative, so that a leading "-" is the first character that the tool sees.
+        const QString before = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(tree.directory("work")));
+        const QString archive = "../" + name;
+        const Result result = extract(archive, name);
+        QVERIFY(QDir::setCurrent(before));
+
+        QCOMPARE(result.calls, 1);
+        QCOMPARE(result.error.message, QString());
+        QVERIFY(result.ok);
+        QCOMPARE(result.path, name + "/My App.app");
+        const QString bundle = tree.path("work/" + result.path);
+        QVERIFY(TemporaryTree::contents(bundle + "/run") == items[1].data);
+        QCOMPARE(TemporaryTree::mode(bundle + "/run"), 0755);
+        QCOMPARE(TemporaryTree::linkTarget(bundle + "/link"), QByteArray("run"));
+        QCOMPARE(systemLines, QStringList());
+    }
+
+    void bundleChoice_data()
+    {
+        QTest::addColumn<QByteArrayList>("names");
+        QTest::addColumn<QString>("found");
+        QTest::newRow("on top") << QByteArrayList{"A.app/x"} << "A.app";
+        QTest::newRow("nested") << QByteArrayList{"one/two/A.app/x"} << "one/two/A.app";
+        QTest::newRow("outer before inner") << QByteArrayList{"A.app/B.app/x"} << "A.app";
+        QTest::newRow("plain file") << QByteArrayList{"A.app"} << "A.app";
+        QTest::newRow("several dots") << QByteArrayList{"A.1..app/x"} << "A.1..app";
+        QTest::newRow("link") << QByteArrayList{"A.app@x"} << "A.app";
+        QTest::newRow("not through a link") << QByteArrayList{"a/x.app/y", "b@a"} << "a/x.app";
+        QTest::newRow("other case") << QByteArrayList{"A.APP/x", "B.App/x"} << QString();
+        QTest::newRow("only the extension") << QByteArrayList{".app/x"} << QString();
+        QTest::newRow("not at the end") << QByteArrayList{"A.app.old/x", "Bapp/x", "C.app2"} << QString();
+        QTest::newRow("nothing") << QByteArrayList{} << QString();
+    }
+
+    void bundleChoice()
+    {
+        QFETCH(QByteArrayList, names);
+        QFETCH(QString, found);
+        const TemporaryTree tree;
+        std::vector<ZipItem> items;
+        for (const QByteArray &name : names) {
+            const QByteArrayList link = name.split('@');
+            items.push_back(link.size() == 2 ? ZipMaker::link(link[0], link[1]) : ZipItem{.name = name});
+        }
+        const QString archive = tree.write("archive", ZipMaker::make(items));
+        const Result result = extract(archive, tree.directory("out"));
+        QVERIFY(result.ok); // even without a bundle
+        QCOMPARE(result.path, found.isNull() ? QString() : tree.path("out/" + found));
+        QCOMPARE(result.path.isNull(), found.isNull());
+        QCOMPARE(result.error.message,
+                 found.isNull() ? "Extraction failed. Unable to find payload" : QString());
+    }
+
+    void refusedArchive()
+    {
+        const TemporaryTree tree;
+        const QString archive = tree.write("archive", ZipMaker::make({{.name = "../A.app"}}));
+        const Result result = extract(archive, tree.path("out"));
+        QCOMPARE(result.calls, 1);
+        QVERIFY(!result.ok && result.path.isNull());
+        QCOMPARE(result.error.message, "Extraction failed. Invalid termination status - 1");
+        QCOMPARE(result.error.domain, "com.corrand.zelupdater");
+        QCOMPARE(systemLines, QStringList{"bad termination status"});
+        QVERIFY(!QFileInfo::exists(tree.path("A.app")));
+    }
+
+    void misbehavingTools_data()
+    {
+        QTest::addColumn<QByteArray>("script"); // null: there is no tool
+        QTest::addColumn<QString>("message"); // empty: success
+        QTest::addColumn<QStringList>("log");
+
+        auto row = [](const char *title, const QByteArray &script, const QString &message,
+                      const QStringList &log = {}) { QTest::newRow(title) << script << message << log; };
+        const QString broken = "Failed to write data to pipe with error Broken pipe";
+        const QString bad = "bad termination status";
+        const QString status = "Extraction failed. Invalid termination status - %1";
+        row("dies early", "head -c 1 >/dev/null; exit 3", status.arg(3), {broken, bad});
+        row("reads nothing", "exit 4", status.arg(4), {broken, bad});
+        row("fails at the end", "cat >/dev/null; exit 5", status.arg(5), {bad});
+        row("killed", "cat >/dev/null; kill -9 $$", status.arg(9), {bad});
+        row("killed while reading", "head -c 300000 >/dev/null; kill -15 $$", status.arg(15), {broken, bad});
+        row("closes its input, then waits", "exec <&-; exit 0", "Extraction failed. 0 of 1000000 bytes",
+            {broken});
+        row("reads little", "head -c 1 >/dev/null", "Extraction failed. 0 of 1000000 bytes", {broken});
+        row("reads one chunk", "dd bs=262144 count=1 iflag=fullblock of=/dev/null 2>/dev/null",
+            "Extraction failed. 262144 of 1000000 bytes", {broken});
+        row("missing", {}, "Extraction failed. Error launching");
+        row("reads all", "[ $(wc -c) = 1000000 ]", {});
+        row("wants its arguments", "cat >/dev/null; [ \"$1 $2 $3 ${4##*/} $#\" = '-x -k - out 4' ]", {});
+        // The test blocks and ignores some signals: none of it must reach the tool. (The C library ignores signals
+        // 32 and 33 in what it spawns.)
+        row("wants fresh signals",
+            "cat >/dev/null; ! grep -qE '^Sig(Blk|Ign):.*[1-9a-f].{0,6}$' /proc/self/status", {});
+    }
+
+    void misbehavingTools()
+    {
+        QFETCH(QByteArray, script);
+        QFETCH(QString, message);
+        QFETCH(QStringList, log);
+        const TemporaryTree tree;
+        const QString archive = tree.write("archive", QByteArray(1'000'000, 'z'));
+        tree.write("out/A.app", "from before");
+        const QString tool =
+            script.isNull() ? tree.path("missing") : tree.write("tool", "#!/bin/bash\n" + script, 0755);
+        const Result result = extract(archive, tree.path("out"), tool);
+        QCOMPARE(result.calls, 1);
+        QCOMPARE(result.error.message, message);
+        QCOMPARE(result.ok, message.isEmpty());
+        QCOMPARE(result.path, message.isEmpty() ? tree.path("out/A.app") : QString());
+        QCOMPARE(systemLines, log);
+    }
+
+    void notLaunchable()
+    {
+        const TemporaryTree tree;
+        const QString archive = tree.write("archive", "z");
+        const QString message = "Extraction failed. Error launching";
+        QCOMPARE(extract(archive, tree.path("out"), tree.path("out")).error.message, message);
+        QCOMPARE(extract(archive, tree.path("out"), tree.write("tool", "#!/bin/sh", 0644)).error.message,
+                 message);
+        QCOMPARE(extract(archive, tree.path("out"), QString()).error.message, message);
+    }
+
+    void emptyArchive()
+    {
+        const TemporaryTree tree;
+        tree.write("out/A.app", "from before");
+        const QString tool = tree.write("tool", "#!/bin/sh\ncat >/dev/null", 0755);
+        const Result result = extract(tree.write("archive", {}), tree.path("out"), tool);
+        QCOMPARE(result.path, tree.path("out/A.app"));
+    }
+
+    void unreadableArchive()
+    {
+        const TemporaryTree tree;
+        const QString failure = "Failed to read data from archive with error ";
+        const QString status = "Extraction failed. Invalid termination status - 1";
+        QCOMPARE(extract(tree.path("missing"), tree.path("out")).error.message, status);
+        QCOMPARE(systemLines[0], failure + "No such file or directory");
+        QCOMPARE(extract(tree.path(), tree.path("out")).error.message, status);
+        QCOMPARE(systemLines[0], failure + "Is a directory");
+    }
+
+    // After all the broken pipes above, the host's signals are as they were.
+    void cleanupTestCase()
+    {
+        sigset_t mask, pending;
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        sigpending(&pending);
+        QVERIFY(sigismember(&mask, SIGUSR1) && !sigismember(&mask, SIGPIPE));
+        QVERIFY(!sigismember(&pending, SIGPIPE));
+        QVERIFY(std::signal(SIGPIPE, SIG_IGN) == SIG_DFL);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_ArchiveExtractor)
+#include "tst_ArchiveExtractor.moc"
