@@ -6,7 +6,7 @@ target_compile_options(zel_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -
     -Woverloaded-virtual $<$<BOOL:${ZEL_WERROR}>:-Werror>)
 if(ZEL_SANITIZE)
     target_compile_options(zel_options INTERFACE -fsanitize=${ZEL_SANITIZE} -fno-omit-frame-pointer
-        $<$<NOT:$<STREQUAL:${ZEL_SANITIZE},thread>>:-fno-sanitize-recover=undefined>)
+        -fno-sanitize-recover=undefined)
     target_link_options(zel_options INTERFACE -fsanitize=${ZEL_SANITIZE})
 endif()
 
