@@ -4,8 +4,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace zel
-{
+namespace zel {
 
 /// Closes its descriptor when it goes out of scope; -1 stands for none. Moved, never copied.
 class FileDescriptor

@@ -13,11 +13,9 @@
 #include <system_error>
 #include <vector>
 
-namespace zel
-{
+namespace zel {
 
-namespace
-{
+namespace {
 
 void logSystemError(const char *text)
 {

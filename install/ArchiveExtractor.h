@@ -3,8 +3,7 @@
 
 #include "ZELCompletions.h"
 
-namespace zel
-{
+namespace zel {
 
 /// The archive tool, `zel-unpack`: beside the binary that this code is in, else in that folder's `../libexec`, else
 /// where it is installed. Always a full path: the user's search path has no say in what is run.

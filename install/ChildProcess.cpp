@@ -8,11 +8,9 @@
 #include <sys/wait.h>
 #include <vector>
 
-namespace zel
-{
+namespace zel {
 
-namespace
-{
+namespace {
 
 // What the new program starts with: our pipe as standard input, and no signal ignored or blocked.
 class SpawnSetup

@@ -6,8 +6,7 @@
 #include <QStringList>
 #include <sys/types.h>
 
-namespace zel
-{
+namespace zel {
 
 /// A running program. It starts with default signal handlers and an empty signal mask, and shares the host's
 /// environment, standard output and standard error, but no other descriptor. Collect it with `wait`.

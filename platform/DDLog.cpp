@@ -10,8 +10,7 @@
 Q_LOGGING_CATEGORY(zelUpdaterLog, "zel.updater")
 Q_LOGGING_CATEGORY(zelSystemLog, "zel.system")
 
-namespace
-{
+namespace {
 
 struct Entry {
     DDLogFlag flag;

@@ -24,8 +24,7 @@ public:
 #define DDLogInfo(message) DDLog::log(DDLogFlag::Info, __FILE__, Q_FUNC_INFO, __LINE__, (message))
 #define DDLogDebug(message) DDLog::log(DDLogFlag::Debug, __FILE__, Q_FUNC_INFO, __LINE__, (message))
 
-namespace zel
-{
+namespace zel {
 
 /// Writes one line to the category "zel.system", at once.
 void systemLog(const QString &message);

@@ -3,8 +3,7 @@
 #include <cmath>
 #include <limits>
 
-namespace
-{
+namespace {
 
 constexpr qint64 Least = std::numeric_limits<qint64>::min();
 constexpr qint64 Most = std::numeric_limits<qint64>::max();

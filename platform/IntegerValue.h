@@ -3,8 +3,7 @@
 
 #include <QVariant>
 
-namespace zel
-{
+namespace zel {
 
 /// The integer that a value stands for. A number is cut towards zero and held within 64 bits; a boolean is 0 or 1;
 /// of a text, leading white space is skipped, then an optional sign and the digits up to the first other character

@@ -4,8 +4,7 @@
 #include <QThreadPool>
 #include <QTimer>
 
-namespace zel
-{
+namespace zel {
 
 void onMainQueue(std::function<void()> work)
 {

@@ -4,8 +4,7 @@
 #include <chrono>
 #include <functional>
 
-namespace zel
-{
+namespace zel {
 
 /// Runs `work` on the main queue (the application object's event loop), never before the caller returns.
 /// Dropped when there is no application object. Safe from any thread.

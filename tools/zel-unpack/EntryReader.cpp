@@ -4,8 +4,7 @@
 
 #include <algorithm>
 
-namespace zel
-{
+namespace zel {
 
 struct EntryReader::Progress {
     const ZipEntry &entry;

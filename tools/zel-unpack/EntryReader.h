@@ -6,8 +6,7 @@
 #include <functional>
 #include <zlib.h>
 
-namespace zel
-{
+namespace zel {
 
 /// Reads entries, one after the other, in any order. Each thread needs a reader of its own; a reader holds about
 /// 450 KiB whatever the entries' sizes.

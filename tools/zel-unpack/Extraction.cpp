@@ -8,11 +8,9 @@
 #include <atomic>
 #include <thread>
 
-namespace zel
-{
+namespace zel {
 
-namespace
-{
+namespace {
 
 using Kind = ZipEntry::Kind;
 

@@ -3,8 +3,7 @@
 
 #include "ZipDirectory.h"
 
-namespace zel
-{
+namespace zel {
 
 /// Extracts all entries of an archive that the survey has let through into the folder open as `root`: first the
 /// files, by two threads, then the links, so that no file is ever written while there is a link that could

@@ -4,8 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace zel
-{
+namespace zel {
 
 /// The number in the `sizeof(T)` bytes at `offset`, which the caller knows to be there.
 template <typename T> T littleEndian(std::string_view bytes, size_t offset)

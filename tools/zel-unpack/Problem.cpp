@@ -4,8 +4,7 @@
 #include <cerrno>
 #include <system_error>
 
-namespace zel
-{
+namespace zel {
 
 static std::string reason()
 {

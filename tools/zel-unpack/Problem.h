@@ -5,8 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace zel
-{
+namespace zel {
 
 using Problem = std::optional<std::string>; ///< nothing: all is well
 

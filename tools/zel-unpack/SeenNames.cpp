@@ -5,11 +5,9 @@
 #include <cwchar>
 #include <cwctype>
 
-namespace zel
-{
+namespace zel {
 
-namespace
-{
+namespace {
 
 class Hash // FNV-1a
 {

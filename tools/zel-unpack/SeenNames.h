@@ -6,8 +6,7 @@
 #include <cstdint>
 #include <unordered_map>
 
-namespace zel
-{
+namespace zel {
 
 /// Names are kept as 64-bit hashes, to hold 100'000 of them in little memory: names that collide are taken for
 /// equal, and so a collision can refuse an archive but never let one through. Case is folded as the process's

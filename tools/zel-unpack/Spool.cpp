@@ -5,8 +5,7 @@
 #include <stdlib.h>
 #include <vector>
 
-namespace zel
-{
+namespace zel {
 
 static FileDescriptor unnamedFile(const char *folder)
 {

@@ -6,8 +6,7 @@
 
 #include <cstdint>
 
-namespace zel
-{
+namespace zel {
 
 /// The whole input, in a file without a name, which is gone when the process is, however it ends.
 struct Spool {

@@ -5,8 +5,7 @@
 #include <algorithm>
 #include <climits>
 
-namespace zel
-{
+namespace zel {
 
 static Problem judgeName(std::string_view name)
 {

@@ -4,8 +4,7 @@
 #include "EntryReader.h"
 #include "ZipDirectory.h"
 
-namespace zel
-{
+namespace zel {
 
 /// Whether an archive can be extracted without leaving the destination, and whole. Refused are
 /// - names that are empty or absolute or have empty, "." or ".." components or a NUL byte;

@@ -5,11 +5,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-namespace zel
-{
+namespace zel {
 
-namespace
-{
+namespace {
 
 FileDescriptor enterOne(int above, const char *name)
 {

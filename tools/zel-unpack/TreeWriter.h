@@ -5,8 +5,7 @@
 #include "Problem.h"
 #include "ZipDirectory.h"
 
-namespace zel
-{
+namespace zel {
 
 /// Makes items below `root`, with the folders above them. Every folder on the way is opened by itself and without
 /// following links, so that a link which is there already leads nowhere either. What is in the place of a new file

@@ -6,11 +6,9 @@
 #include <ctime>
 #include <sys/stat.h>
 
-namespace zel
-{
+namespace zel {
 
-namespace
-{
+namespace {
 
 // Where the directory lies, from the record at the archive's very end.
 struct EndRecord {

@@ -14,8 +14,7 @@
 #include <sys/types.h>
 #include <vector>
 
-namespace zel
-{
+namespace zel {
 
 /// What may be in an archive; with these the tool stays below 32 MiB of memory.
 constexpr uint64_t maximumDirectorySize = 10 << 20; ///< bytes of the archive's directory

@@ -10,8 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 
-namespace zel
-{
+namespace zel {
 
 static Problem openFolder(const char *path, FileDescriptor &folder)
 {
