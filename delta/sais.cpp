@@ -1,0 +1,630 @@
+// Suffix sorting by induction. A suffix is of type S when it is smaller than the one that starts a position later, else
+// of type L; an S suffix behind an L suffix is an LMS suffix. Once the LMS suffixes are sorted, one pass to the right puts
+// every L suffix into its bucket, each found through the suffix that starts one position later, and one pass to the
+// left every S suffix. The LMS suffixes are sorted the same way: their first characters seed the passes, which sorts the
+// substrings between them; these get names by rank, and the text of the names is sorted by recursion if any two are equal.
+//
+// During the passes an entry is a position whose predecessor is yet to be placed (a position yet to be placed in the two
+// LMS sorts). The complement marks an entry that the current pass has to leave alone; 0 is an empty slot.
+
+#include "sais.h"
+
+#include "alwaysassert.h"
+#include "owned.h"
+#include "sais_main.h"
+
+#include <algorithm>
+
+namespace zel
+{
+namespace
+{
+
+using Index = std::int64_t;
+
+/// How one level works; the counts C and the bounds B have k entries each.
+enum Flag : unsigned {
+    NoFlag = 0,
+    AllocatedC = 1,
+    AllocatedB = 2,
+    AllocatedShared = 4, ///< C and B are one allocated array
+    Recount = 8, ///< B's storage is C's, or something else that takes the counts away
+    AllocatedD = 16, ///< second LMS sort
+    FreeSpaceD = 32, ///< second LMS sort, with its work array in the free space
+};
+
+constexpr Index mostSymbolsCountedApart = 256;
+constexpr Index mostSymbolsBoundedApart = 1024;
+constexpr Index longestTextOfSecondSort = (Index(1) << 30) - 1;
+
+enum class Bound { Start, End };
+
+template <typename Symbol> struct Text {
+    const Symbol *T;
+
+    Index operator()(Index i) const { return static_cast<Index>(T[i]); }
+};
+
+/// Where the next entry of a bucket goes. Runs of one symbol are common: the last place used stays at hand.
+class Place
+{
+public:
+    Place(Index *SA, Index *B)
+        : m_SA(SA)
+        , m_B(B)
+        , m_at(SA + B[0])
+    {
+    }
+
+    Index *&of(Index symbol)
+    {
+        if (symbol != m_symbol) {
+            m_B[m_symbol] = m_at - m_SA;
+            m_at = m_SA + m_B[symbol];
+            m_symbol = symbol;
+        }
+        return m_at;
+    }
+
+private:
+    Index *m_SA;
+    Index *m_B;
+    Index *m_at;
+    Index m_symbol = 0;
+};
+
+template <typename Chr> void getCounts(Chr chr, Index *C, Index n, Index k)
+{
+    std::fill_n(C, k, 0);
+    for (Index i = 0; i < n; ++i)
+        ++C[chr(i)];
+}
+
+/// C and B may be the same array.
+void getBuckets(const Index *C, Index *B, Index k, Bound bound)
+{
+    Index sum = 0;
+    for (Index i = 0; i < k; ++i) {
+        const Index count = C[i];
+        B[i] = bound == Bound::End ? sum + count : sum;
+        sum += count;
+    }
+}
+
+template <typename Chr> void renewBuckets(Chr chr, Index *C, Index *B, Index n, Index k, Bound bound)
+{
+    if (C == B)
+        getCounts(chr, C, n, k);
+    getBuckets(C, B, k, bound);
+}
+
+/// Calls `visit` with the position of every LMS suffix, from the last to the first.
+template <typename Chr, typename Visit> void forEachLMS(Chr chr, Index n, Visit visit)
+{
+    Index i = n - 1;
+    for (;;) {
+        while (i > 0 && chr(i - 1) >= chr(i))
+            --i;
+        if (i-- == 0)
+            return;
+        while (i > 0 && chr(i - 1) <= chr(i))
+            --i;
+        if (i == 0)
+            return;
+        visit(i--);
+    }
+}
+
+/// Moves the m sorted LMS suffixes, the only complemented entries, to the front of SA.
+void compact(Index *SA, Index n, Index m, const char *function)
+{
+    Index i = 0;
+    for (; SA[i] < 0; ++i) {
+        SA[i] = ~SA[i];
+        ZEL_ASSERT_IN(function, (i + 1) < n);
+    }
+    for (Index j = i; j < m; ++i) {
+        ZEL_ASSERT_IN(function, i < n);
+        if (SA[i] < 0) {
+            SA[j++] = ~SA[i];
+            SA[i] = 0;
+        }
+    }
+}
+
+template <typename Chr> void LMSsort1(Chr chr, Index *SA, Index *C, Index *B, Index n, Index k)
+{
+    renewBuckets(chr, C, B, n, k, Bound::Start);
+    Place starts(SA, B);
+    const Index last = n - 2;
+    *starts.of(chr(n - 1))++ = chr(last) < chr(n - 1) ? ~last : last;
+    for (Index i = 0; i < n; ++i) {
+        const Index j = SA[i];
+        if (j > 0) {
+            ZEL_ASSERT(chr(j) >= chr(j + 1));
+            Index *&b = starts.of(chr(j));
+            ZEL_ASSERT(i < (b - SA));
+            *b++ = chr(j - 1) < chr(j) ? ~(j - 1) : j - 1;
+            SA[i] = 0;
+        } else if (j < 0) {
+            SA[i] = ~j;
+        }
+    }
+
+    renewBuckets(chr, C, B, n, k, Bound::End);
+    Place ends(SA, B);
+    for (Index i = n - 1; i >= 0; --i) {
+        const Index j = SA[i];
+        if (j > 0) {
+            ZEL_ASSERT(chr(j) <= chr(j + 1));
+            Index *&b = ends.of(chr(j));
+            ZEL_ASSERT((b - SA) <= i);
+            *--b = chr(j - 1) > chr(j) ? ~j : j - 1;
+            SA[i] = 0;
+        }
+    }
+}
+
+template <typename Chr> Index LMSpostproc1(Chr chr, Index *SA, Index n, Index m)
+{
+    compact(SA, n, m, "LMSpostproc1");
+
+    // Two LMS suffixes are at least two positions apart: half a position is enough to tell them by.
+    Index *const lengths = SA + m;
+    Index next = n;
+    forEachLMS(chr, n, [&](Index j) {
+        lengths[j >> 1] = next - j + 1;
+        next = j;
+    });
+
+    // The substring that takes in the end of the text is like no other.
+    const auto equal = [&](Index p, Index q, Index length) {
+        if (std::max(p, q) + length > n)
+            return false;
+        Index i = 0;
+        while (i < length && chr(p + i) == chr(q + i))
+            ++i;
+        return i == length;
+    };
+    Index name = 0;
+    Index before = 0;
+    Index lengthBefore = 0;
+    for (Index i = 0; i < m; ++i) {
+        const Index p = SA[i];
+        const Index length = lengths[p >> 1];
+        if (length != lengthBefore || !equal(p, before, length)) {
+            ++name;
+            before = p;
+            lengthBefore = length;
+        }
+        lengths[p >> 1] = name;
+    }
+    return name;
+}
+
+/// Adds n to the one entry at the right end of each run of equal substrings instead of the one at its left end.
+void turnMarks(Index *SA, Index n)
+{
+    bool rightEnd = true;
+    for (Index i = n - 1; i >= 0; --i) {
+        const Index j = SA[i];
+        if (j <= 0)
+            continue;
+        const bool leftEnd = j >= n;
+        const Index position = leftEnd ? j - n : j;
+        SA[i] = rightEnd ? position + n : position;
+        rightEnd = leftEnd;
+    }
+}
+
+/// Counts names while it sorts: an entry with n added is the first of its kind that the pass meets. D has a place for
+/// each symbol and type of the position before, as entries that wait for the other pass have runs of their own.
+template <typename Chr> void LMSsort2(Chr chr, Index *SA, Index *C, Index *B, Index *D, Index n, Index k)
+{
+    ZEL_ASSERT(C != B);
+    Index d = 0;
+    const auto markIfNew = [&](Index symbol, bool waits) -> Index {
+        Index &latest = D[2 * symbol + (waits ? 1 : 0)];
+        const bool isNew = latest != d;
+        latest = d;
+        return isNew ? n : 0;
+    };
+
+    getBuckets(C, B, k, Bound::Start);
+    Place starts(SA, B);
+    const Index last = n - 2 + n;
+    *starts.of(chr(n - 1))++ = chr(n - 2) < chr(n - 1) ? ~last : last;
+    for (Index i = 0; i < n; ++i) {
+        Index j = SA[i];
+        if (j > 0) {
+            if (j >= n) {
+                ++d;
+                j -= n;
+            }
+            ZEL_ASSERT(chr(j) >= chr(j + 1));
+            Index *&b = starts.of(chr(j));
+            ZEL_ASSERT(i < (b - SA));
+            const bool waits = chr(j - 1) < chr(j);
+            const Index entry = j - 1 + markIfNew(chr(j), waits);
+            *b++ = waits ? ~entry : entry;
+            SA[i] = 0;
+        } else if (j < 0) {
+            SA[i] = ~j;
+        }
+    }
+    turnMarks(SA, n);
+
+    getBuckets(C, B, k, Bound::End);
+    Place ends(SA, B);
+    for (Index i = n - 1; i >= 0; --i) {
+        Index j = SA[i];
+        if (j > 0) {
+            if (j >= n) {
+                ++d;
+                j -= n;
+            }
+            ZEL_ASSERT(chr(j) <= chr(j + 1));
+            Index *&b = ends.of(chr(j));
+            ZEL_ASSERT((b - SA) <= i);
+            const bool isLMS = chr(j - 1) > chr(j);
+            const Index mark = markIfNew(chr(j), isLMS);
+            *--b = isLMS ? ~(j + mark) : j - 1 + mark;
+            SA[i] = 0;
+        }
+    }
+}
+
+Index LMSpostproc2(Index *SA, Index n, Index m)
+{
+    compact(SA, n, m, "LMSpostproc2");
+    const Index names = std::count_if(SA, SA + m, [n](Index j) { return j >= n; });
+    Index name = names + 1;
+    for (Index i = m - 1; i >= 0; --i) {
+        if (SA[i] >= n) {
+            SA[i] -= n;
+            --name;
+        }
+        SA[m + (SA[i] >> 1)] = name;
+    }
+    return names;
+}
+
+template <typename Chr> void induceSA(Chr chr, Index *SA, Index *C, Index *B, Index n, Index k)
+{
+    renewBuckets(chr, C, B, n, k, Bound::Start);
+    Place starts(SA, B);
+    const Index last = n - 1;
+    *starts.of(chr(last))++ = last > 0 && chr(last - 1) < chr(last) ? ~last : last;
+    for (Index i = 0; i < n; ++i) {
+        Index j = SA[i];
+        SA[i] = ~j;
+        if (j > 0) {
+            --j;
+            ZEL_ASSERT(chr(j) >= chr(j + 1));
+            Index *&b = starts.of(chr(j));
+            ZEL_ASSERT(i < (b - SA));
+            *b++ = j > 0 && chr(j - 1) < chr(j) ? ~j : j;
+        }
+    }
+
+    renewBuckets(chr, C, B, n, k, Bound::End);
+    Place ends(SA, B);
+    for (Index i = n - 1; i >= 0; --i) {
+        Index j = SA[i];
+        if (j > 0) {
+            --j;
+            ZEL_ASSERT(chr(j) <= chr(j + 1));
+            Index *&b = ends.of(chr(j));
+            ZEL_ASSERT((b - SA) <= i);
+            *--b = j == 0 || chr(j - 1) > chr(j) ? ~j : j;
+        } else {
+            SA[i] = ~j;
+        }
+    }
+}
+
+/// As `induceSA`, but an entry that has done its work gives way to the symbol before it. Returns the row of suffix 0.
+template <typename Chr> Index computeBWT(Chr chr, Index *SA, Index *C, Index *B, Index n, Index k)
+{
+    renewBuckets(chr, C, B, n, k, Bound::Start);
+    Place starts(SA, B);
+    const Index last = n - 1;
+    *starts.of(chr(last))++ = last > 0 && chr(last - 1) < chr(last) ? ~last : last;
+    for (Index i = 0; i < n; ++i) {
+        Index j = SA[i];
+        if (j > 0) {
+            --j;
+            ZEL_ASSERT(chr(j) >= chr(j + 1));
+            SA[i] = ~chr(j);
+            Index *&b = starts.of(chr(j));
+            ZEL_ASSERT(i < (b - SA));
+            *b++ = j > 0 && chr(j - 1) < chr(j) ? ~j : j;
+        } else if (j < 0) {
+            SA[i] = ~j;
+        }
+    }
+
+    renewBuckets(chr, C, B, n, k, Bound::End);
+    Place ends(SA, B);
+    Index primary = -1;
+    for (Index i = n - 1; i >= 0; --i) {
+        Index j = SA[i];
+        if (j > 0) {
+            --j;
+            ZEL_ASSERT(chr(j) <= chr(j + 1));
+            SA[i] = chr(j);
+            Index *&b = ends.of(chr(j));
+            ZEL_ASSERT((b - SA) <= i);
+            *--b = j > 0 && chr(j - 1) > chr(j) ? ~chr(j - 1) : j;
+        } else if (j < 0) {
+            SA[i] = ~j;
+        } else {
+            primary = i;
+        }
+    }
+    return primary;
+}
+
+/// The steps of `sais_main` on one kind of text.
+template <typename Chr> class Level
+{
+public:
+    Level(Chr text, Index *entries, Index freeSpace, Index length, Index alphabet)
+        : chr(text)
+        , SA(entries)
+        , fs(freeSpace)
+        , n(length)
+        , k(alphabet)
+    {
+    }
+
+    Index run(bool isbwt)
+    {
+        if (!placeBuckets())
+            return -2;
+        flags |= chooseSort();
+        getCounts(chr, C, n, k);
+        getBuckets(C, B, k, Bound::End);
+        std::fill_n(SA, n, 0);
+        seed();
+        if (m > 1 && (!sortSubstrings() || (name < m && !recurse())))
+            return -2;
+        bucketLMS();
+        if (isbwt)
+            return computeBWT(chr, SA, C, B, n, k);
+        induceSA(chr, SA, C, B, n, k);
+        return 0;
+    }
+
+private:
+    static constexpr const char *function = "sais_main"; // what assertions of these steps name
+
+    bool placeBuckets()
+    {
+        Index *const end = SA + n + fs;
+        if (k <= mostSymbolsCountedApart) {
+            flags = AllocatedC;
+            if (k <= fs)
+                B = end - k;
+            else
+                flags |= AllocatedB;
+        } else if (k <= fs) {
+            C = end - k;
+            if (k <= fs - k) {
+                B = C - k;
+            } else if (k <= mostSymbolsBoundedApart) {
+                flags = AllocatedB;
+            } else {
+                flags = Recount;
+                B = C;
+            }
+        } else {
+            flags = AllocatedShared | Recount;
+        }
+        return allocate(AllocatedC | AllocatedB | AllocatedShared);
+    }
+
+    bool allocate(unsigned which)
+    {
+        which &= flags;
+        if (which & (AllocatedC | AllocatedShared)) {
+            ownC = allocateEntries(k);
+            C = ownC.get();
+        }
+        if (which & AllocatedB) {
+            ownB = allocateEntries(k);
+            B = ownB.get();
+        }
+        if (which & AllocatedShared)
+            B = C;
+        return C && B;
+    }
+
+    Flag chooseSort() const
+    {
+        if (n > longestTextOfSecondSort || n / k < 2)
+            return NoFlag;
+        if (flags & AllocatedC)
+            return 2 * k <= fs - k ? FreeSpaceD : AllocatedD;
+        return flags == NoFlag && 2 * k <= fs - 2 * k ? FreeSpaceD : NoFlag;
+    }
+
+    /// Puts the LMS suffixes at the ends of their buckets, as the positions before them. The first of them is only
+    /// counted: it ends no LMS substring, and what it would induce could run into the start of the text.
+    void seed()
+    {
+        Index j = 0;
+        forEachLMS(chr, n, [&](Index position) {
+            if (m++ > 0)
+                SA[--B[chr(j + 1)]] = j;
+            j = position - 1;
+        });
+        if (m == 1) {
+            ZEL_ASSERT_IN(function, (j + 1) < n);
+            SA[0] = j + 1;
+            name = 1;
+        }
+    }
+
+    bool sortSubstrings()
+    {
+        if (!(flags & (AllocatedD | FreeSpaceD))) {
+            LMSsort1(chr, SA, C, B, n, k);
+            name = LMSpostproc1(chr, SA, n, m);
+            return true;
+        }
+        const Entries ownD = flags & AllocatedD ? allocateEntries(2 * k) : nullptr;
+        Index *const D = flags & AllocatedD ? ownD.get() : B - 2 * k;
+        if (!D)
+            return false;
+        std::fill_n(D, 2 * k, 0);
+        markFirstSeeds();
+        LMSsort2(chr, SA, C, B, D, n, k);
+        name = LMSpostproc2(SA, n, m);
+        return true;
+    }
+
+    void markFirstSeeds()
+    {
+        Index end = 0;
+        for (Index i = 0; i < k; ++i) {
+            end += C[i];
+            if (B[i] != end) {
+                ZEL_ASSERT_IN(function, SA[B[i]] != 0);
+                SA[B[i]] += n;
+            }
+        }
+    }
+
+    /// Sorts the LMS suffixes through the text of their names, which lies at the far end of the space behind them.
+    bool recurse()
+    {
+        if (flags & AllocatedShared)
+            ownC.reset();
+        if (flags & AllocatedB)
+            ownB.reset();
+        Index newfs = n + fs - 2 * m;
+        if (!(flags & (AllocatedC | AllocatedShared | Recount))) {
+            if (k + name <= newfs)
+                newfs -= k;
+            else
+                flags |= Recount;
+        }
+        ZEL_ASSERT_IN(function, (n >> 1) <= (newfs + m));
+        Index *const RA = SA + m + newfs;
+        for (Index i = m + (n >> 1) - 1, j = m - 1; i >= m; --i) {
+            if (SA[i] != 0)
+                RA[j--] = SA[i] - 1;
+        }
+        if (sais_main(RA, SA, newfs, m, name, sizeof(Index), false) != 0)
+            return false;
+
+        Index j = m;
+        forEachLMS(chr, n, [&](Index position) { RA[--j] = position; });
+        for (Index i = 0; i < m; ++i)
+            SA[i] = RA[SA[i]];
+        return allocate(AllocatedB | AllocatedShared);
+    }
+
+    /// Moves the sorted LMS suffixes from the front of SA to the ends of their buckets, none of which lies before them.
+    void bucketLMS()
+    {
+        if (flags & Recount)
+            getCounts(chr, C, n, k);
+        getBuckets(C, B, k, Bound::End);
+        std::fill(SA + m, SA + n, 0);
+        for (Index i = m - 1; i >= 0; --i) {
+            const Index j = SA[i];
+            SA[i] = 0;
+            SA[--B[chr(j)]] = j;
+        }
+    }
+
+    Chr chr;
+    Index *SA;
+    Index fs;
+    Index n;
+    Index k;
+    unsigned flags = NoFlag;
+    Index *C = nullptr;
+    Index *B = nullptr;
+    Entries ownC;
+    Entries ownB;
+    Index m = 0; ///< number of LMS suffixes
+    Index name = 0; ///< number of different LMS substrings
+};
+
+/// Undoes the shift that the end mark makes: its row is left out of U, but T[n - 1] comes first.
+template <typename Symbol>
+Index finishTransform(const Symbol *T, Symbol *U, const Index *A, Index n, Index primary)
+{
+    if (primary < 0)
+        return primary;
+    U[0] = T[n - 1];
+    for (Index i = 0; i < primary; ++i)
+        U[i + 1] = static_cast<Symbol>(A[i]);
+    for (Index i = primary + 1; i < n; ++i)
+        U[i] = static_cast<Symbol>(A[i]);
+    return primary + 1;
+}
+
+template <typename Symbol> Index sortText(const Symbol *T, Index *SA, int n, int k, int cs)
+{
+    if (n < 0 || !T || !SA)
+        return -1;
+    if (n <= 1) {
+        std::fill_n(SA, n, 0);
+        return 0;
+    }
+    return sais_main(T, SA, 0, n, k, cs, false);
+}
+
+template <typename Symbol> Index transformText(const Symbol *T, Symbol *U, Index *A, int n, int k, int cs)
+{
+    if (n < 0 || !T || !U || !A)
+        return -1;
+    if (n <= 1) {
+        std::copy_n(T, n, U);
+        return n;
+    }
+    return finishTransform(T, U, A, n, sais_main(T, A, 0, n, k, cs, true));
+}
+
+constexpr int byteAlphabet = 256;
+constexpr int byteWidth = 1;
+constexpr int integerEntryWidth =
+    4; // deliberate, `sais_int` and `sais_int_bwt` promise it: not 8, so read as bytes
+
+} // namespace
+
+std::int64_t sais_main(const void *T, std::int64_t *SA, std::int64_t fs, std::int64_t n, std::int64_t k,
+                       int cs, bool isbwt)
+{
+    ZEL_ASSERT((T != NULL) && (SA != NULL)); // NOLINT(modernize-use-nullptr): the expression is printed
+    ZEL_ASSERT((0 <= fs) && (0 < n) && (1 <= k));
+    if (cs == sizeof(Index))
+        return Level(Text<Index>{static_cast<const Index *>(T)}, SA, fs, n, k).run(isbwt);
+    return Level(Text<unsigned char>{static_cast<const unsigned char *>(T)}, SA, fs, n, k).run(isbwt);
+}
+
+} // namespace zel
+
+std::int64_t sais(const unsigned char *T, std::int64_t *SA, int n)
+{
+    return zel::sortText(T, SA, n, zel::byteAlphabet, zel::byteWidth);
+}
+
+std::int64_t sais_int(const std::int64_t *T, std::int64_t *SA, int n, int k)
+{
+    return k < 1 ? -1 : zel::sortText(T, SA, n, k, zel::integerEntryWidth);
+}
+
+std::int64_t sais_bwt(const unsigned char *T, unsigned char *U, std::int64_t *A, int n)
+{
+    return zel::transformText(T, U, A, n, zel::byteAlphabet, zel::byteWidth);
+}
+
+std::int64_t sais_int_bwt(const std::int64_t *T, std::int64_t *U, std::int64_t *A, int n, int k)
+{
+    return k < 1 ? -1 : zel::transformText(T, U, A, n, k, zel::integerEntryWidth);
+}

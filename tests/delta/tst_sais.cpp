@@ -1,0 +1,282 @@
+#include "sais.h"
+#include "sais_main.h"
+
+#include "CapturedOutput.h"
+#include "DeltaSupport.h"
+
+#include <algorithm>
+#include <csignal>
+#include <numeric>
+#include <QtTest>
+#include <sys/wait.h>
+
+namespace
+{
+
+using Entries = std::vector<std::int64_t>;
+
+const unsigned char *data(const QByteArray &text)
+{
+    return reinterpret_cast<const unsigned char *>(text.constData());
+}
+
+template <typename Text> Entries sortedNaively(const Text &text)
+{
+    Entries suffixes(text.size());
+    std::iota(suffixes.begin(), suffixes.end(), 0);
+    std::sort(suffixes.begin(), suffixes.end(), [&](std::int64_t a, std::int64_t b) {
+        return std::lexicographical_compare(text.begin() + a, text.end(), text.begin() + b, text.end());
+    });
+    return suffixes;
+}
+
+std::vector<unsigned char> bytesOf(const QByteArray &text)
+{
+    return {text.begin(), text.end()};
+}
+
+/// Neighbours are in order when their first symbols are, or these are equal and the suffixes behind them in order.
+template <typename Text> bool isSuffixArray(const Text &text, const std::int64_t *SA)
+{
+    const auto n = std::int64_t(text.size());
+    Entries rank(text.size() + 1, -1);
+    for (std::int64_t i = 0; i < n; ++i) {
+        if (SA[i] < 0 || SA[i] >= n || rank[SA[i]] != -1)
+            return false;
+        rank[SA[i]] = i;
+    }
+    for (std::int64_t i = 1; i < n; ++i) {
+        const auto a = SA[i - 1];
+        const auto b = SA[i];
+        if (text[a] > text[b] || (text[a] == text[b] && rank[a + 1] >= rank[b + 1]))
+            return false;
+    }
+    return true;
+}
+
+/// The last column of the sorted rotations of the text with its end mark, which is then left out.
+QByteArray transformedNaively(const QByteArray &text, std::int64_t *row)
+{
+    QByteArray transform(text.last(1));
+    *row = 1;
+    const Entries suffixes = sortedNaively(bytesOf(text));
+    for (std::size_t i = 0; i < suffixes.size(); ++i) {
+        if (suffixes[i] == 0)
+            *row = std::int64_t(i) + 1;
+        else
+            transform += text.at(suffixes[i] - 1);
+    }
+    return transform;
+}
+
+} // namespace
+
+class tst_sais : public QObject
+{
+    Q_OBJECT
+private slots:
+    /// Every text over a small alphabet up to a length, which has each shape of runs and repeats.
+    void everySmallText_data()
+    {
+        QTest::addColumn<int>("alphabet");
+        QTest::addColumn<int>("longest");
+
+        QTest::newRow("two symbols") << 2 << 14;
+        QTest::newRow("three symbols") << 3 << 8;
+        QTest::newRow("four symbols") << 4 << 6;
+    }
+
+    void everySmallText()
+    {
+        QFETCH(int, alphabet);
+        QFETCH(int, longest);
+        for (int length = 0, count = 1; length <= longest; ++length, count *= alphabet) {
+            for (int number = 0; number < count; ++number) {
+                QByteArray text;
+                for (int rest = number; text.size() < length; rest /= alphabet)
+                    text += char(0x7F + rest % alphabet);
+                Entries SA(length + 1, 77);
+                Entries expected = sortedNaively(bytesOf(text));
+                expected.push_back(77); // nothing is written behind the entries
+                QCOMPARE(sais(data(text), SA.data(), length), 0);
+                if (SA != expected)
+                    QFAIL("wrong order for " + text.toHex());
+                if (length == 0)
+                    continue;
+                std::int64_t row = 0;
+                const QByteArray transform = transformedNaively(text, &row);
+                QByteArray U(length, '\0');
+                QCOMPARE(sais_bwt(data(text), reinterpret_cast<unsigned char *>(U.data()), SA.data(), length),
+                         row);
+                QCOMPARE(U, transform);
+            }
+        }
+    }
+
+    void largeTexts_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+
+        const QByteArray random = randomBytes(1 << 20, 256, 1);
+        QTest::newRow("random bytes") << random;
+        QTest::newRow("two symbols") << randomBytes(2'000'000, 2, 2);
+        QTest::newRow("one symbol") << QByteArray(1'000'000, 'x');
+        QTest::newRow("short period") << QByteArray("abcab").repeated(300'000);
+        QTest::newRow("long period") << random.first(1000).repeated(1000);
+        QTest::newRow("copy of itself") << random + random;
+        QTest::newRow("Fibonacci") << fibonacciBytes(3'000'000);
+        QTest::newRow("descending runs") << [] {
+            QByteArray text;
+            for (int i = 255; i >= 0; --i)
+                text += QByteArray(4000, char(i));
+            return text;
+        }();
+    }
+
+    void largeTexts()
+    {
+        QFETCH(QByteArray, text);
+        Entries SA(text.size());
+        QCOMPARE(sais(data(text), SA.data(), int(text.size())), 0);
+        const std::vector<unsigned char> bytes = bytesOf(text);
+        QVERIFY(isSuffixArray(bytes, SA.data()));
+
+        std::vector<unsigned char> expected{bytes.back()};
+        std::int64_t row = 0;
+        for (std::size_t i = 0; i < SA.size(); ++i) {
+            if (SA[i] == 0)
+                row = std::int64_t(i) + 1;
+            else
+                expected.push_back(bytes[SA[i] - 1]);
+        }
+        std::vector<unsigned char> U(text.size());
+        QCOMPARE(sais_bwt(data(text), U.data(), SA.data(), int(text.size())), row);
+        QVERIFY(U == expected);
+    }
+
+    /// Each place that the counts and bounds can live in, with either sort of the LMS substrings, on integer symbols.
+    void layouts_data()
+    {
+        QTest::addColumn<int>("n");
+        QTest::addColumn<int>("k");
+        QTest::addColumn<int>("fs");
+
+        QTest::newRow("C apart, B and D in free space") << 5000 << 200 << 600;
+        QTest::newRow("C apart, B in free space, D apart") << 5000 << 200 << 599;
+        QTest::newRow("C and B apart") << 5000 << 200 << 199;
+        QTest::newRow("C and B apart, too few symbols for D") << 300 << 200 << 0;
+        QTest::newRow("C, B and D in free space") << 5000 << 300 << 1200;
+        QTest::newRow("C and B in free space") << 5000 << 300 << 1199;
+        QTest::newRow("C and B in free space, all of it needed") << 60'000 << 300 << 600;
+        QTest::newRow("C in free space, B apart") << 5000 << 1024 << 2047;
+        QTest::newRow("C and B one place in free space") << 5000 << 1025 << 2049;
+        QTest::newRow("C and B one place apart") << 5000 << 1025 << 1024;
+    }
+
+    void layouts()
+    {
+        QFETCH(int, n);
+        QFETCH(int, k);
+        QFETCH(int, fs);
+        for (const int symbols : {2, 16, k}) {
+            // A short period with a break makes a deep recursion, few symbols a shallow one with many names.
+            for (const int period : {n, 7, 600}) {
+                std::mt19937 random(unsigned(n + period));
+                Entries text(n);
+                for (int i = 0; i < n; ++i)
+                    text[i] =
+                        i < period || i % 1013 == 0 ? std::int64_t(random()) % symbols : text[i - period];
+                text[n / 2] = k - 1;
+                constexpr std::int64_t untouched = -77;
+                Entries SA(n + fs + 1, untouched);
+                QCOMPARE(zel::sais_main(text.data(), SA.data(), fs, n, k, 8, false), 0);
+                QVERIFY(isSuffixArray(text, SA.data()));
+                QCOMPARE(SA.back(), untouched);
+
+                Entries transform(n + fs);
+                const auto row = zel::sais_main(text.data(), transform.data(), fs, n, k, 8, true);
+                QCOMPARE(SA[row], 0);
+                for (int i = 0; i < n; ++i)
+                    QVERIFY(i == row || transform[i] == text[SA[i] - 1]);
+            }
+        }
+    }
+
+    /// The integer entries sort the first bytes of their text.
+    void integerEntries()
+    {
+        const Entries text{3, 1, 4, 1, 5, 9, 2, 6, 5, 3, 5, 8};
+        const QByteArray bytes(reinterpret_cast<const char *>(text.data()), qsizetype(text.size()));
+        Entries SA(text.size());
+        QCOMPARE(sais_int(text.data(), SA.data(), int(text.size()), 10), 0);
+        QVERIFY(SA == sortedNaively(bytesOf(bytes)));
+
+        Entries U(text.size());
+        std::int64_t row = 0;
+        QByteArray transform = transformedNaively(bytes, &row);
+        transform[0] = char(text.back());
+        QCOMPARE(sais_int_bwt(text.data(), U.data(), SA.data(), int(text.size()), 10), row);
+        QVERIFY(std::equal(U.begin(), U.end(), transform.begin(), transform.end()));
+    }
+
+    void refusedArguments()
+    {
+        const unsigned char T[2] = {'b', 'a'};
+        const std::int64_t integers[2] = {1, 0};
+        unsigned char U[2] = {};
+        std::int64_t SA[2] = {77, 77};
+        std::int64_t integerU[2] = {};
+        QCOMPARE(sais(T, SA, -1), -1);
+        QCOMPARE(sais(nullptr, SA, 0), -1);
+        QCOMPARE(sais(T, nullptr, 2), -1);
+        QCOMPARE(sais_int(integers, SA, 2, 0), -1);
+        QCOMPARE(sais_int(nullptr, SA, 2, 2), -1);
+        QCOMPARE(sais_bwt(T, nullptr, SA, 2), -1);
+        QCOMPARE(sais_bwt(T, U, SA, -1), -1);
+        QCOMPARE(sais_bwt(T, U, nullptr, 2), -1);
+        QCOMPARE(sais_int_bwt(integers, integerU, SA, 2, 0), -1);
+        QCOMPARE(SA[0], 77);
+    }
+
+    void transformOfOneByte()
+    {
+        const unsigned char T = 'a';
+        unsigned char U = 0;
+        std::int64_t A = 77;
+        QCOMPARE(sais_bwt(&T, &U, &A, 0), 0);
+        QCOMPARE(U, 0);
+        QCOMPARE(sais_bwt(&T, &U, &A, 1), 1);
+        QCOMPARE(U, 'a');
+    }
+
+    void exhaustedMemory()
+    {
+        const std::int64_t text[4] = {1, 0, 1, 0};
+        std::int64_t SA[4];
+        QCOMPARE(zel::sais_main(text, SA, 0, 4, std::int64_t(1) << 60, 8, false), -2);
+    }
+
+    /// Assertions are active in every build and name their expression, routine and unit.
+    void brokenPreconditionAborts()
+    {
+        CapturedStream output(stderr);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            std::signal(SIGABRT, SIG_DFL);
+            std::int64_t SA[1];
+            zel::sais_main("a", SA, -1, 1, 256, 1, false);
+            ::_exit(0);
+        }
+        int status = 0;
+        QCOMPARE(::waitpid(child, &status, 0), child);
+        const QByteArray text = output.text();
+        QVERIFY(WIFSIGNALED(status));
+        QCOMPARE(WTERMSIG(status), SIGABRT);
+        QVERIFY2(text.contains("sais.cpp:"), text.constData());
+        QVERIFY2(text.contains("sais_main: Assertion `(0 <= fs) && (0 < n) && (1 <= k)' failed."),
+                 text.constData());
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_sais)
+#include "tst_sais.moc"
