@@ -54,6 +54,26 @@ template <typename Text> bool isSuffixArray(const Text &text, const std::int64_t
     return true;
 }
 
+Entries brokenPeriod(int n, int symbols, int period)
+{
+    std::mt19937 random(unsigned(n + period));
+    Entries text(n);
+    for (int i = 0; i < n; ++i)
+        text[i] = i < period || i % 1013 == 0 ? std::int64_t(random()) % symbols : text[i - period];
+    return text;
+}
+
+Entries alternatingText(int n, int symbols)
+{
+    std::mt19937 random(unsigned(n + symbols));
+    const unsigned half = unsigned(symbols) / 2;
+    Entries text(n);
+    for (int i = 0; i < n; ++i)
+        text[i] = i % 2 * half + random() % half;
+    std::copy_n(text.begin(), 20, text.end() - 20); // at least some substrings are equal
+    return text;
+}
+
 /// The last column of the sorted rotations of the text with its end mark, which is then left out.
 QByteArray transformedNaively(const QByteArray &text, std::int64_t *row)
 {
@@ -178,15 +198,13 @@ private slots:
         QFETCH(int, n);
         QFETCH(int, k);
         QFETCH(int, fs);
+        constexpr int alternating = 0;
         for (const int symbols : {2, 16, k}) {
-            // A short period with a break makes a deep recursion, few symbols a shallow one with many names.
-            for (const int period : {n, 7, 600}) {
-                std::mt19937 random(unsigned(n + period));
-                Entries text(n);
-                for (int i = 0; i < n; ++i)
-                    text[i] =
-                        i < period || i % 1013 == 0 ? std::int64_t(random()) % symbols : text[i - period];
-                text[n / 2] = k - 1;
+            // A short period with breaks makes a deep recursion, few symbols a shallow one; ups and downs in turn
+            // make the most LMS suffixes and so leave the recursion the least space.
+            for (const int period : {n, 7, 600, alternating}) {
+                const Entries text =
+                    period == alternating ? alternatingText(n, symbols) : brokenPeriod(n, symbols, period);
                 constexpr std::int64_t untouched = -77;
                 Entries SA(n + fs + 1, untouched);
                 QCOMPARE(zel::sais_main(text.data(), SA.data(), fs, n, k, 8, false), 0);
