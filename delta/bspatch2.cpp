@@ -1,0 +1,249 @@
+#include "bspatch2.h"
+
+#include "deltainteger.h"
+#include "deltalayout.h"
+#include "owned.h"
+#include "readfile.h"
+
+#include <algorithm>
+#include <cstring>
+#include <err.h>
+#include <optional>
+
+namespace zel
+{
+namespace
+{
+
+using Index = std::int64_t;
+
+struct Header {
+    Index controlLength;
+    Index diffLength;
+    Index newSize;
+};
+
+struct Old {
+    Bytes bytes;
+    Index size = 0;
+};
+
+struct Triple {
+    Index add;
+    Index insert;
+    Index seek;
+};
+
+/// A read position in the delta. Blocks have no end of their own: reading runs on to the end of the delta.
+class Cursor
+{
+public:
+    explicit Cursor(std::span<const std::byte> patch)
+        : m_patch(patch)
+    {
+    }
+
+    bool seek(std::uint64_t offset)
+    {
+        if (offset > m_patch.size()) {
+            errno = EINVAL;
+            warn("fseeko(%s, %lld)", "patch", static_cast<long long>(offset));
+            return false;
+        }
+        m_rest = m_patch.subspan(offset);
+        return true;
+    }
+
+    /// Copies up to `count` bytes and returns how many there were.
+    std::size_t read(unsigned char *to, std::size_t count)
+    {
+        count = std::min(count, m_rest.size());
+        std::copy_n(reinterpret_cast<const unsigned char *>(m_rest.data()), count, to);
+        m_rest = m_rest.subspan(count);
+        return count;
+    }
+
+private:
+    std::span<const std::byte> m_patch;
+    std::span<const std::byte> m_rest;
+};
+
+struct Blocks {
+    explicit Blocks(std::span<const std::byte> patch)
+        : control(patch)
+        , diff(patch)
+        , extra(patch)
+    {
+    }
+
+    /// The sums are unsigned and cannot wrap: no length is negative, and the second is added only to an offset within
+    /// the delta.
+    bool seek(const Header &header)
+    {
+        const std::uint64_t diffStart = headerSize + static_cast<std::uint64_t>(header.controlLength);
+        return control.seek(headerSize) && diff.seek(diffStart)
+            && extra.seek(diffStart + static_cast<std::uint64_t>(header.diffLength));
+    }
+
+    Cursor control;
+    Cursor diff;
+    Cursor extra;
+};
+
+/// The new file's bytes while they are built from the old ones and the blocks.
+class Application
+{
+public:
+    Application(const Old &old, const Blocks &blocks, unsigned char *newBytes, Index newSize)
+        : m_old(old)
+        , m_blocks(blocks)
+        , m_new(newBytes)
+        , m_newSize(newSize)
+    {
+    }
+
+    /// False when the delta is corrupt.
+    bool run()
+    {
+        while (m_newPosition < m_newSize) {
+            if (!pass())
+                return false;
+        }
+        return true;
+    }
+
+private:
+    bool pass()
+    {
+        Triple triple;
+        const bool fresh = readTriple(triple);
+        if (!fresh && triple.add == 0 && triple.insert == 0)
+            return false; // no later pass would differ from this one
+        if (!take(m_blocks.diff, triple.add))
+            return false;
+        addOld(triple.add);
+        m_newPosition += triple.add;
+        if (!take(m_blocks.extra, triple.insert))
+            return false;
+        m_newPosition += triple.insert;
+        return !__builtin_add_overflow(m_oldPosition, triple.add, &m_oldPosition)
+            && !__builtin_add_overflow(m_oldPosition, triple.seek, &m_oldPosition);
+    }
+
+    /// Returns whether any new control byte was read. At the end of the data a value keeps the bytes of the one
+    /// before it: deliberate, so that a delta whose control data ends early gives the same file everywhere.
+    bool readTriple(Triple &triple)
+    {
+        std::size_t count = 0;
+        for (Index *value : {&triple.add, &triple.insert, &triple.seek}) {
+            count += m_blocks.control.read(m_control.data(), m_control.size());
+            *value = decodeDeltaInteger(m_control);
+        }
+        return count > 0;
+    }
+
+    bool take(Cursor &block, Index length)
+    {
+        if (length < 0 || length > m_newSize - m_newPosition)
+            return false;
+        const auto count = static_cast<std::size_t>(length);
+        return block.read(m_new + m_newPosition, count) == count;
+    }
+
+    /// Adds the old bytes to the `length` diff bytes just read; outside the old file the diff bytes stand.
+    void addOld(Index length)
+    {
+        if (m_oldPosition >= m_old.size || m_oldPosition <= -length)
+            return;
+        const Index begin = std::max<Index>(0, -m_oldPosition);
+        const Index end = std::min(length, m_old.size - m_oldPosition);
+        const unsigned char *const from = m_old.bytes.get() + (m_oldPosition + begin);
+        unsigned char *const to = m_new + m_newPosition + begin;
+        for (Index i = 0; i < end - begin; ++i)
+            to[i] = static_cast<unsigned char>(to[i] + from[i]);
+    }
+
+    const Old &m_old;
+    Blocks m_blocks;
+    unsigned char *m_new;
+    Index m_newSize;
+    Index m_oldPosition = 0;
+    Index m_newPosition = 0;
+    std::array<unsigned char, deltaIntegerSize> m_control = {};
+};
+
+void reportCorrupt()
+{
+    warnx(
+        "Corrupt patch\n"); // deliberate: readers of this output know the message by the blank line after it
+}
+
+std::optional<Header> readHeader(std::span<const std::byte> patch)
+{
+    std::array<unsigned char, headerSize> bytes;
+    if (patch.size() < bytes.size()) {
+        std::puts("header error");
+        reportCorrupt();
+        return std::nullopt;
+    }
+    std::memcpy(bytes.data(), patch.data(), bytes.size());
+    const auto field = [&bytes](std::size_t offset) {
+        return decodeDeltaInteger(std::span(bytes).subspan(offset).first<deltaIntegerSize>());
+    };
+    const Header header{field(controlLengthOffset), field(diffLengthOffset), field(newSizeOffset)};
+    if (header.controlLength < 0 || header.diffLength < 0 || header.newSize < 0) {
+        reportCorrupt();
+        return std::nullopt;
+    }
+    return header;
+}
+
+bool writeFile(const char *path, const unsigned char *bytes, Index size)
+{
+    File file(std::fopen(path, "we"));
+    if (!file) {
+        warn("failed to write new file: %s", path);
+        return false;
+    }
+    const auto count = static_cast<std::size_t>(size);
+    if (std::fwrite(bytes, 1, count, file.get()) < count) {
+        warn("failed to write to new file: %s", path);
+        return false;
+    }
+    if (std::fclose(file.release()) != 0) {
+        warn("failed to close new file: %s", path);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+} // namespace zel
+
+int bspatch2(const std::filesystem::path &oldPath, const std::filesystem::path &newPath,
+             std::span<const std::byte> patch)
+{
+    using namespace zel;
+    const std::optional<Header> header = readHeader(patch);
+    if (!header)
+        return -1;
+    Blocks blocks(patch);
+    if (!blocks.seek(*header))
+        return -1;
+    Old old;
+    old.bytes.reset(readfile(oldPath.c_str(), &old.size));
+    if (!old.bytes) {
+        warn("old file: %s", oldPath.c_str());
+        return -1;
+    }
+    const Bytes newBytes = allocateBytes(header->newSize);
+    if (!newBytes) {
+        warn("Failed to allocate memory for new");
+        return -1;
+    }
+    if (!Application(old, blocks, newBytes.get(), header->newSize).run()) {
+        reportCorrupt();
+        return -1;
+    }
+    return writeFile(newPath.c_str(), newBytes.get(), header->newSize) ? 0 : -1;
+}
