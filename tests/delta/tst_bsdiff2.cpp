@@ -44,7 +44,9 @@ public:
         , m_I(oldBytes.size() + 1)
     {
         std::iota(m_I.begin(), m_I.end(), 0);
-        std::sort(m_I.begin(), m_I.end(), [this](qint64 a, qint64 b) { return m_old.mid(a) < m_old.mid(b); });
+        std::sort(m_I.begin(), m_I.end(), [bytes = QByteArrayView(m_old)](qint64 a, qint64 b) {
+            return bytes.sliced(a) < bytes.sliced(b);
+        });
     }
 
     QByteArray delta()

