@@ -43,8 +43,8 @@ struct Work {
     Block eb;
 };
 
-/// Refuses before anything is allocated what could not be read or sorted. A file that cannot be looked at is left to
-/// the reading, which then says why.
+/// Refuses before anything is allocated what could not be read or sorted. A file that cannot be looked at is
+/// left to the reading, which then says why.
 bool isAcceptable(const char *role, const char *path)
 {
     struct stat status;
@@ -113,7 +113,8 @@ void appendExtra(Block &eb, const Work &work, const Step &step)
     eb.length += step.insert;
 }
 
-/// Writes a delta to a stream: the header with its lengths open, the control block while the scan runs, the other blocks.
+/// Writes a delta to a stream: the header with its lengths open, the control block while the scan runs, the
+/// other blocks.
 class DeltaWriter
 {
 public:
@@ -181,7 +182,8 @@ private:
         std::ranges::copy(encodeDeltaInteger(value), m_header.begin() + static_cast<std::ptrdiff_t>(offset));
     }
 
-    /// The first value's failure goes without the system's reason: deliberate, all three messages are told apart by it.
+    /// Only the first value's failure goes without the system's reason: deliberate, readers of the output
+    /// tell it by that.
     bool writeTriple(const Step &step) const
     {
         if (!writeValue(step.add)) {
@@ -233,7 +235,8 @@ private:
     Header m_header = {};
 };
 
-/// Writes everything but the final header. The suffixes and the old file are released as soon as the scan is done.
+/// Writes everything but the final header. The suffixes and the old file are released as soon as the scan is
+/// done.
 bool writeDelta(DeltaWriter &writer, Work &work)
 {
     if (!writer.writeHeader() || !writer.writeSteps(work))
@@ -301,7 +304,8 @@ std::optional<std::vector<std::byte>> bsdiff2(const std::filesystem::path &oldPa
     DeltaWriter writer(sink.file.get(), nullptr, work.newFile.size);
     if (!writeDelta(writer, work))
         return std::nullopt;
-    // The final header goes into the copy: a rewound memory stream would be cut off behind it when it is closed.
+    // The final header goes into the copy: a rewound memory stream would be cut off behind it when it is
+    // closed.
     return copyDelta(sink, writer.header());
 }
 

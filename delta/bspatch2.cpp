@@ -76,8 +76,8 @@ struct Blocks {
     {
     }
 
-    /// The sums are unsigned and cannot wrap: no length is negative, and the second is added only to an offset within
-    /// the delta.
+    /// The sums are unsigned and cannot wrap: no length is negative, and the second is added only to an
+    /// offset within the delta.
     bool seek(const Header &header)
     {
         const std::uint64_t diffStart = headerSize + static_cast<std::uint64_t>(header.controlLength);
@@ -130,8 +130,9 @@ private:
             && !__builtin_add_overflow(m_oldPosition, triple.seek, &m_oldPosition);
     }
 
-    /// Returns whether any new control byte was read. At the end of the data a value keeps the bytes of the one
-    /// before it: deliberate, so that a delta whose control data ends early gives the same file everywhere.
+    /// Returns whether any new control byte was read. At the end of the data a value keeps the bytes of the
+    /// one before it: deliberate, so that a delta whose control data ends early gives the same file
+    /// everywhere.
     bool readTriple(Triple &triple)
     {
         std::size_t count = 0;

@@ -1,11 +1,13 @@
-// Suffix sorting by induction. A suffix is of type S when it is smaller than the one that starts a position later, else
-// of type L; an S suffix behind an L suffix is an LMS suffix. Once the LMS suffixes are sorted, one pass to the right puts
-// every L suffix into its bucket, each found through the suffix that starts one position later, and one pass to the
-// left every S suffix. The LMS suffixes are sorted the same way: their first characters seed the passes, which sorts the
-// substrings between them; these get names by rank, and the text of the names is sorted by recursion if any two are equal.
+// Suffix sorting by induction. A suffix is of type S when it is smaller than the one that starts a position
+// later, else of type L; an S suffix behind an L suffix is an LMS suffix. Once the LMS suffixes are sorted,
+// one pass to the right puts every L suffix into its bucket, each found through the suffix that starts one
+// position later, and one pass to the left every S suffix. The LMS suffixes are sorted the same way: their
+// first characters seed the passes, which sorts the substrings between them; these get names by rank, and the
+// text of the names is sorted by recursion if any two are equal.
 //
-// During the passes an entry is a position whose predecessor is yet to be placed (a position yet to be placed in the two
-// LMS sorts). The complement marks an entry that the current pass has to leave alone; 0 is an empty slot.
+// During the passes an entry is a position whose predecessor is yet to be placed (a position yet to be placed
+// in the two LMS sorts). The complement marks an entry that the current pass has to leave alone; 0 is an
+// empty slot.
 
 #include "sais.h"
 
@@ -202,7 +204,8 @@ template <typename Chr> Index LMSpostproc1(Chr chr, Index *SA, Index n, Index m)
     return name;
 }
 
-/// Adds n to the one entry at the right end of each run of equal substrings instead of the one at its left end.
+/// Adds n to the one entry at the right end of each run of equal substrings instead of the one at its left
+/// end.
 void turnMarks(Index *SA, Index n)
 {
     bool rightEnd = true;
@@ -217,8 +220,9 @@ void turnMarks(Index *SA, Index n)
     }
 }
 
-/// Counts names while it sorts: an entry with n added is the first of its kind that the pass meets. D has a place for
-/// each symbol and type of the position before, as entries that wait for the other pass have runs of their own.
+/// Counts names while it sorts: an entry with n added is the first of its kind that the pass meets. D has a
+/// place for each symbol and type of the position before, as entries that wait for the other pass have runs
+/// of their own.
 template <typename Chr> void LMSsort2(Chr chr, Index *SA, Index *C, Index *B, Index *D, Index n, Index k)
 {
     ZEL_ASSERT(C != B);
@@ -323,7 +327,8 @@ template <typename Chr> void induceSA(Chr chr, Index *SA, Index *C, Index *B, In
     }
 }
 
-/// As `induceSA`, but an entry that has done its work gives way to the symbol before it. Returns the row of suffix 0.
+/// As `induceSA`, but an entry that has done its work gives way to the symbol before it. Returns the row of
+/// suffix 0.
 template <typename Chr> Index computeBWT(Chr chr, Index *SA, Index *C, Index *B, Index n, Index k)
 {
     renewBuckets(chr, C, B, n, k, Bound::Start);
@@ -449,8 +454,8 @@ private:
         return flags == NoFlag && 2 * k <= fs - 2 * k ? FreeSpaceD : NoFlag;
     }
 
-    /// Puts the LMS suffixes at the ends of their buckets, as the positions before them. The first of them is only
-    /// counted: it ends no LMS substring, and what it would induce could run into the start of the text.
+    /// Puts the LMS suffixes at the ends of their buckets, as the positions before them. The first of them is
+    /// only counted: it ends no LMS substring, and what it would induce could run into the start of the text.
     void seed()
     {
         Index j = 0;
@@ -496,7 +501,8 @@ private:
         }
     }
 
-    /// Sorts the LMS suffixes through the text of their names, which lies at the far end of the space behind them.
+    /// Sorts the LMS suffixes through the text of their names, which lies at the far end of the space behind
+    /// them.
     bool recurse()
     {
         if (flags & AllocatedShared)
@@ -526,7 +532,8 @@ private:
         return allocate(AllocatedB | AllocatedShared);
     }
 
-    /// Moves the sorted LMS suffixes from the front of SA to the ends of their buckets, none of which lies before them.
+    /// Moves the sorted LMS suffixes from the front of SA to the ends of their buckets, none of which lies
+    /// before them.
     void bucketLMS()
     {
         if (flags & Recount)

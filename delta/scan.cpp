@@ -14,7 +14,8 @@ using Index = std::int64_t;
 /// By how many more bytes a new match must beat the going one to be worth a control triple.
 constexpr Index mismatchAllowance = 8;
 
-/// The first position from `from` on where the bytes differ; `limit` when there is none, or when `from` is beyond it.
+/// The first position from `from` on where the bytes differ; `limit` when there is none, or when `from` is
+/// beyond it.
 Index matchLength(const unsigned char *a, const unsigned char *b, Index from, Index limit)
 {
     constexpr Index wordSize = sizeof(std::uint64_t);
@@ -41,8 +42,8 @@ Index matchLength(const unsigned char *a, const unsigned char *b, Index from, In
 Index search(const Index *I, const unsigned char *old, Index oldSize, const unsigned char *newBytes,
              Index nlen, Index st, Index en, Index *pos)
 {
-    // Every suffix between two others begins with all that both of these share with the new bytes, so it need not be
-    // compared again. A bound that was not compared yet is taken to share nothing.
+    // Every suffix between two others begins with all that both of these share with the new bytes, so it need
+    // not be compared again. A bound that was not compared yet is taken to share nothing.
     Index stLength = 0;
     Index enLength = 0;
     const auto limit = [&](Index x) { return std::min(oldSize - I[x], nlen); };
@@ -85,8 +86,8 @@ std::optional<Step> Scan::next()
     return std::nullopt;
 }
 
-/// Moves on to the next place where another part of the old file matches better than the one the last step goes on
-/// with, or that one matches all along.
+/// Moves on to the next place where another part of the old file matches better than the one the last step
+/// goes on with, or that one matches all along.
 void Scan::findMatch()
 {
     m_oldscore = 0;
@@ -101,8 +102,9 @@ void Scan::findMatch()
     }
 }
 
-/// Whether the part of the old file that the last step goes on with has the new byte at `position`. The old position is
-/// never negative: it began at m_pos for the scan position of that step, and scan positions only grow.
+/// Whether the part of the old file that the last step goes on with has the new byte at `position`. The old
+/// position is never negative: it began at m_pos for the scan position of that step, and scan positions only
+/// grow.
 bool Scan::continues(Index position) const
 {
     const Index oldPosition = position + m_lastoffset;
@@ -127,7 +129,8 @@ Step Scan::takeStep()
     return step;
 }
 
-/// How far the last match goes on with more bytes equal than not. All ties here and below go to the shorter length.
+/// How far the last match goes on with more bytes equal than not. All ties here and below go to the shorter
+/// length.
 Index Scan::forwardLength() const
 {
     const Index limit = std::min(m_scan - m_lastscan, m_oldSize - m_lastpos);

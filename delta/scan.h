@@ -1,5 +1,5 @@
-// Finding what a new file shares with an old one. `search` and the scan decide every byte of a delta: how they get at
-// their results may change, the results may not.
+// Finding what a new file shares with an old one. `search` and the scan decide every byte of a delta: how
+// they get at their results may change, the results may not.
 #pragma once
 
 #include <cstdint>
@@ -9,10 +9,11 @@
 namespace zel
 {
 
-/// Finds new bytes in the old file by bisection of its sorted suffixes. `I` holds the suffixes, the empty one first;
-/// `newBytes` and `nlen` are the bytes to find; `st` and `en` the indices into I to search between, both included.
-/// Returns the length of the match and stores where it lies in the old file; of the two suffixes the bisection ends
-/// at, the first wins only when it is strictly longer.
+/// Finds new bytes in the old file by bisection of its sorted suffixes. `I` holds the suffixes, the empty one
+/// first; `newBytes` and `nlen` are the bytes to find; `st` and `en` the indices into I to search between,
+/// both included.
+/// Returns the length of the match and stores where it lies in the old file; of the two suffixes the
+/// bisection ends at, the first wins only when it is strictly longer.
 std::int64_t search(const std::int64_t *I, const unsigned char *old, std::int64_t oldSize,
                     const unsigned char *newBytes, std::int64_t nlen, std::int64_t st, std::int64_t en,
                     std::int64_t *pos);
@@ -26,8 +27,8 @@ struct Step {
     std::int64_t newStart;
 };
 
-/// Walks through the new file and yields the steps that build it. The bytes and I (old size + 1 entries, see `search`)
-/// belong to the caller and outlive the scan.
+/// Walks through the new file and yields the steps that build it. The bytes and I (old size + 1 entries, see
+/// `search`) belong to the caller and outlive the scan.
 class Scan
 {
 public:
