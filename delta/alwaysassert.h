@@ -1,8 +1,7 @@
 // Assertions that stay active in every build: a broken suffix array would make wrong deltas without a sign.
 #pragma once
 
-namespace zel
-{
+namespace zel {
 
 /// Prints the platform's assertion message and aborts the process.
 [[noreturn]] void assertionFailed(const char *expression, const char *file, unsigned line,

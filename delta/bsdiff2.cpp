@@ -13,10 +13,8 @@
 #include <new>
 #include <sys/stat.h>
 
-namespace zel
-{
-namespace
-{
+namespace zel {
+namespace {
 
 using Index = std::int64_t;
 

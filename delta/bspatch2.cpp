@@ -10,10 +10,8 @@
 #include <err.h>
 #include <optional>
 
-namespace zel
-{
-namespace
-{
+namespace zel {
+namespace {
 
 using Index = std::int64_t;
 

@@ -5,8 +5,7 @@
 #include <cstdint>
 #include <span>
 
-namespace zel
-{
+namespace zel {
 
 inline constexpr std::size_t deltaIntegerSize = 8;
 

@@ -4,8 +4,7 @@
 #include <cstddef>
 #include <string_view>
 
-namespace zel
-{
+namespace zel {
 
 inline constexpr std::string_view deltaMagic = "BSDIFN40";
 inline constexpr std::size_t controlLengthOffset = 8;

@@ -7,8 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
-namespace zel
-{
+namespace zel {
 
 struct Free {
     void operator()(void *memory) const

@@ -17,10 +17,8 @@
 
 #include <algorithm>
 
-namespace zel
-{
-namespace
-{
+namespace zel {
+namespace {
 
 using Index = std::int64_t;
 

@@ -3,8 +3,7 @@
 
 #include <cstdint>
 
-namespace zel
-{
+namespace zel {
 
 /// Sorts the suffixes of T (`n` symbols of 0 to k - 1, 64-bit integers when `cs` is 8, else bytes) into SA,
 /// behind whose `n` entries lie `fs` more that serve as work space. With `isbwt`, SA receives the transform's

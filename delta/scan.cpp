@@ -4,10 +4,8 @@
 #include <bit>
 #include <cstring>
 
-namespace zel
-{
-namespace
-{
+namespace zel {
+namespace {
 
 using Index = std::int64_t;
 

@@ -6,8 +6,7 @@
 #include <optional>
 #include <span>
 
-namespace zel
-{
+namespace zel {
 
 /// Finds new bytes in the old file by bisection of its sorted suffixes. `I` holds the suffixes, the empty one
 /// first; `newBytes` and `nlen` are the bytes to find; `st` and `en` the indices into I to search between,

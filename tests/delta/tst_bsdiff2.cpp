@@ -12,8 +12,7 @@
 #include <QtTest>
 #include <sys/stat.h>
 
-namespace
-{
+namespace {
 
 QByteArray toBytes(const std::vector<std::byte> &bytes)
 {

@@ -10,8 +10,7 @@
 #include <limits>
 #include <QtTest>
 
-namespace
-{
+namespace {
 
 constexpr qint64 most = std::numeric_limits<qint64>::max();
 

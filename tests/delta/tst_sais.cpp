@@ -10,8 +10,7 @@
 #include <QtTest>
 #include <sys/wait.h>
 
-namespace
-{
+namespace {
 
 using Entries = std::vector<std::int64_t>;
 
