@@ -1,0 +1,32 @@
+// Files and folders: copying, removing, reading and writing whole items. Links are never followed below the top.
+#pragma once
+
+#include "ZELError.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <optional>
+
+namespace zel {
+
+/// Copies a file or a whole folder to `to`, which must not exist (its parent must). Modes, times, symbolic links and
+/// extended attributes are kept, data is shared with the source where the file system can clone. When `from` itself
+/// is a link, what it points at is copied. Anything but files, folders and links is an error. What was copied before
+/// an error stays for the caller to remove.
+ZELError copyTree(const QString &from, const QString &to);
+
+/// Removes a file, a link (never what it points at) or a folder with all it holds. A missing item is no error.
+ZELError removeTree(const QString &path);
+
+/// The whole content of a regular file, links followed; nothing where it cannot be read.
+std::optional<QByteArray> readFile(const QString &path);
+
+/// Writes a file aside and moves it into place, so that there is never half a file; what was there is replaced, a
+/// link included. The file gets the default mode (0666 less the umask), whatever stood there before.
+ZELError writeFileAtomically(const QString &path, QByteArrayView bytes);
+
+/// Makes a folder and those above it that are missing, all of them private (0700).
+ZELError makePrivateFolder(const QString &path);
+
+} // namespace zel
