@@ -1,0 +1,42 @@
+// Performing the commands of a manifest on the bundle that is being built.
+#pragma once
+
+#include "PatchFile.h"
+
+#include <QString>
+#include <QVariantList>
+
+namespace zel {
+
+class PatchRunner
+{
+public:
+    /// All four must outlive the runner. `log` receives the entries of commands that fail.
+    PatchRunner(const QString &oldBundle, const QString &newBundle, const PatchFile &patch, QVariantList &log)
+        : m_old(oldBundle)
+        , m_new(newBundle)
+        , m_patch(patch)
+        , m_log(log)
+    {
+    }
+
+    /// Performs one command; false when it failed in a way that must end the patch. A path that leaves the bundle
+    /// does, before anything is touched.
+    bool perform(const PatchCommand &command);
+
+private:
+    bool deleteSymlink(const PatchCommand &command, const QString &target);
+    bool createSymlink(const PatchCommand &command, const QString &target);
+    void symlinkFailed(int number, const char *description, const PatchCommand &command);
+    bool add(const PatchCommand &command, const QString &target);
+    bool patch(const PatchCommand &command, const QString &target);
+    void appendContents(const char *description, const PatchCommand &command, const QString &original,
+                        const QString &target);
+
+    const QString &m_old;
+    const QString &m_new;
+    const PatchFile &m_patch;
+    QVariantList &m_log;
+};
+
+} // namespace zel

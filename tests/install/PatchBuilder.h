@@ -1,0 +1,33 @@
+// Bundle patch files of given commands, sound or not.
+#pragma once
+
+#include "XZ.h"
+
+#include <QByteArray>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+/// Puts a patch file together from its three parts as they stand.
+inline QByteArray patchFile(const QByteArray &header, const QByteArray &manifest, const QByteArray &payload)
+{
+    return header.leftJustified(32, '\0') + manifest + payload;
+}
+
+inline QByteArray xz(const QByteArray &data)
+{
+    return zel::compressXZ(data).value();
+}
+
+/// A patch file of a manifest's text and a payload.
+inline QByteArray patchOf(const QByteArray &manifest, const QByteArray &payload = "payload")
+{
+    const QByteArray compressed = xz(manifest);
+    return patchFile(QByteArray::number(compressed.size()), compressed, xz(payload));
+}
+
+/// A patch file of commands, written as the content of the "commands" array.
+inline QByteArray patchOfCommands(const QByteArray &commands, const QByteArray &payload = "payload")
+{
+    return patchOf("{\"commands\":[" + commands + "]}", payload);
+}

@@ -1,0 +1,45 @@
+#include "MD5Digest.h"
+#include "MD5FromData.h"
+#include "TemporaryTree.h"
+#include "ZELUpdaterEscapeString.h"
+
+#include <QCryptographicHash>
+
+class tst_MD5FromData : public QObject
+{
+    Q_OBJECT
+private slots:
+    void lengths_data()
+    {
+        QTest::addColumn<int>("length");
+        for (const int length : {0, 1, 32767, 32768, 32769, 65536, 98304, 98305, 262144, 262145, 300000})
+            QTest::addRow("%d", length) << length;
+    }
+
+    // The reference is another implementation of MD5; whole chunks, and nothing at all, have no digest.
+    void lengths()
+    {
+        QFETCH(int, length);
+        QByteArray data(length, 'a');
+        for (int i = 0; i < length; i += 7)
+            data[i] = char(i);
+        const QString expected = length % 32768 == 0
+            ? QLatin1String("")
+            : QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Md5).toHex());
+        QCOMPARE(MD5FromData(data), expected);
+        QVERIFY(!MD5FromData(data).isNull());
+        const TemporaryTree tree;
+        QCOMPARE(zel::MD5FromFile(tree.write(QStringLiteral("f"), data)), std::optional(expected));
+    }
+
+    void unreadableFile() { QCOMPARE(zel::MD5FromFile(QStringLiteral("/nowhere")), std::nullopt); }
+
+    void escape()
+    {
+        QCOMPARE(ZELUpdaterEscapeString(QStringLiteral("a (b) & 'c' \"d\" $e \\ ;")),
+                 QStringLiteral("a\\ \\(b\\)\\ \\&\\ 'c'\\ \"d\"\\ $e\\ \\\\ ;"));
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_MD5FromData)
+#include "tst_MD5FromData.moc"
