@@ -1,0 +1,54 @@
+#include "BundleInfo.h"
+
+#include "IntegerValue.h"
+#include "PropertyList.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+namespace
+{
+
+constexpr qint64 MaxInfoSize = 4 << 20;
+
+QVariantMap readInfo(const QString &path)
+{
+    if (!QFileInfo(path).isFile()) // opening a pipe would wait for its writer
+        return {};
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray bytes = file.read(MaxInfoSize + 1);
+    if (bytes.size() > MaxInfoSize)
+        return {};
+    return zel::readPropertyList(bytes).value_or(QVariantMap());
+}
+
+} // namespace
+
+namespace zel
+{
+
+QString contentsFolder(const QString &bundle)
+{
+    const QString contents = bundle + QLatin1String("/Contents");
+    return QFileInfo(contents).isDir() ? contents : bundle;
+}
+
+std::optional<QVariantMap> bundleInfo(const QString &bundle)
+{
+    if (!QFileInfo(bundle).isDir())
+        return std::nullopt;
+    const QString inner = bundle + QLatin1String("/Contents/Info.plist");
+    return readInfo(QFileInfo::exists(inner) ? inner : bundle + QLatin1String("/Info.plist"));
+}
+
+std::optional<qint64> bundleBuild(const QString &bundle)
+{
+    const std::optional<QVariantMap> info = bundleInfo(bundle);
+    if (!info)
+        return std::nullopt;
+    return integerValue(info->value(QStringLiteral("CFBundleVersion")));
+}
+
+} // namespace zel

@@ -1,0 +1,129 @@
+#include "PropertyListGuard.h"
+
+#include <QByteArray>
+
+#include <optional>
+#include <vector>
+
+namespace
+{
+
+constexpr quint64 MaxContainers =
+    4096; // bounds the nesting as well; a large application's Info.plist holds hundreds
+constexpr quint64 MaxObjects = 1 << 20;
+constexpr quint64 MaxUnfolded = 64 << 20; // bytes
+constexpr quint64 NodeSize = 128; // what the reader spends on a value, besides its bytes
+constexpr qsizetype TrailerSize = 32;
+
+std::optional<quint64> bigEndian(QByteArrayView bytes, quint64 at, quint64 width)
+{
+    const quint64 size = quint64(bytes.size());
+    if (width == 0 || width > 8 || at > size || width > size - at)
+        return std::nullopt;
+    quint64 value = 0;
+    for (quint64 i = at; i < at + width; ++i)
+        value = value << 8 | quint8(bytes[qsizetype(i)]);
+    return value;
+}
+
+struct Object {
+    enum Kind { Data = 0x4, Ascii = 0x5, Utf16 = 0x6, Array = 0xa, Set = 0xc, Dictionary = 0xd };
+
+    int kind = 0;
+    quint64 count = 0; // of bytes, UTF-16 units, members or pairs
+    quint64 start = 0; // where the content begins
+
+    bool isContainer() const { return kind == Array || kind == Set || kind == Dictionary; }
+    bool isCounted() const { return isContainer() || kind == Data || kind == Ascii || kind == Utf16; }
+    quint64 references() const { return kind == Dictionary ? 2 * count : isContainer() ? count : 0; }
+    quint64 unfolded() const { return NodeSize + (isContainer() || !isCounted() ? 0 : 2 * count); }
+};
+
+std::optional<Object> objectAt(QByteArrayView bytes, quint64 at)
+{
+    const std::optional<quint64> marker = bigEndian(bytes, at, 1);
+    if (!marker)
+        return std::nullopt;
+    Object object{int(*marker >> 4), *marker & 0xf, at + 1};
+    if (object.isCounted()
+        && object.count == 0xf) { // the count stands behind the marker, as an integer object
+        const std::optional<quint64> width = bigEndian(bytes, at + 1, 1);
+        const quint64 size = width ? 1ull << (*width & 0xf) : 0;
+        const std::optional<quint64> count = bigEndian(bytes, at + 2, size);
+        if (!count)
+            return std::nullopt;
+        object.count = *count;
+        object.start = at + 2 + size;
+    }
+    if (object.isCounted() && object.count > quint64(bytes.size()))
+        return std::nullopt;
+    return object;
+}
+
+struct Outline {
+    std::vector<Object> objects;
+    quint64 referenceSize = 0;
+};
+
+std::optional<Outline> outlineOf(QByteArrayView bytes)
+{
+    if (bytes.size() < TrailerSize)
+        return std::nullopt;
+    const QByteArrayView trailer = bytes.last(TrailerSize);
+    const quint64 offsetSize = quint8(trailer[6]);
+    const quint64 objects = *bigEndian(trailer, 8, 8);
+    const quint64 table = *bigEndian(trailer, 24, 8);
+    if (objects > MaxObjects || table > quint64(bytes.size()))
+        return std::nullopt;
+    Outline outline{{}, quint8(trailer[7])};
+    for (quint64 i = 0; i < objects; ++i) {
+        const std::optional<quint64> offset = bigEndian(bytes, table + i * offsetSize, offsetSize);
+        const std::optional<Object> object = offset ? objectAt(bytes, *offset) : std::nullopt;
+        if (!object)
+            return std::nullopt;
+        outline.objects.push_back(*object);
+    }
+    return outline;
+}
+
+// No writer shares a container. With each referenced once, the containers form a tree, and what the list unfolds to
+// is no more than the sum over all references.
+bool isTameBinary(QByteArrayView bytes)
+{
+    const std::optional<Outline> outline = outlineOf(bytes);
+    if (!outline)
+        return false;
+    std::vector<bool> held(outline->objects.size());
+    quint64 containers = 0;
+    quint64 unfolded = 0;
+    for (const Object &object : outline->objects) {
+        if (object.isContainer() && ++containers > MaxContainers)
+            return false;
+        for (quint64 i = 0; i < object.references(); ++i) {
+            const auto target =
+                bigEndian(bytes, object.start + i * outline->referenceSize, outline->referenceSize);
+            if (!target || *target >= held.size())
+                return false;
+            const Object &referenced = outline->objects[*target];
+            if (referenced.isContainer() && held[*target])
+                return false;
+            held[*target] = true;
+            unfolded += referenced.unfolded();
+            if (unfolded > MaxUnfolded)
+                return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+bool zel::isTamePropertyList(QByteArrayView bytes)
+{
+    // Whatever the reader takes for the start of a container has these bytes, so this can only count too many. It is
+    // done for binary lists too: what the reader makes of a damaged head is its own affair.
+    const QByteArray text = QByteArray::fromRawData(bytes.data(), bytes.size());
+    if (quint64(text.count("<array")) + quint64(text.count("<dict")) > MaxContainers)
+        return false;
+    return !bytes.startsWith("bplist") || isTameBinary(bytes);
+}
