@@ -1,0 +1,190 @@
+#include "BundleScan.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+
+namespace zel
+{
+
+namespace
+{
+
+constexpr int MaxDepth = 128; // each level holds a descriptor open
+constexpr qsizetype MaxItems = 500'000;
+constexpr qsizetype PieceSize = 256 << 10;
+constexpr int FolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int FileFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC; // never waits for a pipe's writer
+
+struct Close {
+    void operator()(DIR *entries) const { ::closedir(entries); }
+};
+struct FreeDigest {
+    void operator()(EVP_MD_CTX *digest) const { EVP_MD_CTX_free(digest); }
+};
+
+ZELError cannotRead(const QByteArray &path, int number)
+{
+    return ZELError::fromErrno(QLatin1String("cannot read ") + shownPath(path), number);
+}
+
+ZELError refusal(const QByteArray &path, const char *why)
+{
+    return ZELError::withMessage(shownPath(path) + u' ' + QLatin1String(why));
+}
+
+ssize_t readPiece(int file, char *buffer, qsizetype size)
+{
+    ssize_t count = 0;
+    do {
+        count = ::read(file, buffer, size_t(size));
+    } while (count < 0 && errno == EINTR);
+    return count;
+}
+
+class Scanner
+{
+public:
+    explicit Scanner(SealedItems &items)
+        : m_items(items)
+    {
+    }
+
+    ZELError scanFolder(int folder, const QByteArray &prefix, int depth)
+    {
+        const int copy =
+            ::openat(folder, ".", FolderFlags); // the listing takes the descriptor that it is given
+        const std::unique_ptr<DIR, Close> entries(copy < 0 ? nullptr : ::fdopendir(copy));
+        if (!entries)
+            return cannotRead(prefix, errno);
+        errno = 0;
+        while (const dirent *entry = ::readdir(entries.get())) {
+            const QByteArray name = entry->d_name;
+            if (name == "." || name == "..")
+                continue;
+            if (const ZELError error = scanEntry(folder, name, prefix + name, depth))
+                return error;
+            errno = 0;
+        }
+        return errno == 0 ? ZELError() : cannotRead(prefix, errno);
+    }
+
+private:
+    ZELError scanEntry(int folder, const QByteArray &name, const QByteArray &path, int depth)
+    {
+        struct stat status;
+        if (::fstatat(folder, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+            return cannotRead(path, errno);
+        if (++m_seen > MaxItems)
+            return refusal(path, "is one item too many");
+        if (S_ISDIR(status.st_mode))
+            return scanSubfolder(folder, name, path, depth + 1);
+        if (S_ISREG(status.st_mode))
+            return addFile(folder, name, path);
+        if (S_ISLNK(status.st_mode))
+            return addLink(folder, name, path);
+        return refusal(path, "is neither a file, a folder nor a link");
+    }
+
+    ZELError scanSubfolder(int folder, const QByteArray &name, const QByteArray &path, int depth)
+    {
+        if (depth > MaxDepth)
+            return refusal(path, "is nested too deeply");
+        const FileDescriptor subfolder(::openat(folder, name.constData(), FolderFlags));
+        return subfolder ? scanFolder(subfolder.get(), path + '/', depth) : cannotRead(path, errno);
+    }
+
+    ZELError addFile(int folder, const QByteArray &name, const QByteArray &path)
+    {
+        const FileDescriptor file(::openat(folder, name.constData(), FileFlags));
+        if (!file)
+            return cannotRead(path, errno);
+        EVP_DigestInit_ex(m_digest.get(), EVP_sha256(), nullptr);
+        ssize_t count = 0;
+        while ((count = readPiece(file.get(), m_piece.data(), m_piece.size())) > 0)
+            EVP_DigestUpdate(m_digest.get(), m_piece.constData(), size_t(count));
+        if (count < 0)
+            return cannotRead(path, errno);
+        QByteArray digest(32, Qt::Uninitialized);
+        EVP_DigestFinal_ex(m_digest.get(), reinterpret_cast<unsigned char *>(digest.data()), nullptr);
+        m_items.files.insert(path, digest);
+        return {};
+    }
+
+    ZELError addLink(int folder, const QByteArray &name, const QByteArray &path)
+    {
+        QByteArray target(PATH_MAX, Qt::Uninitialized);
+        const ssize_t size = ::readlinkat(folder, name.constData(), target.data(), size_t(target.size()));
+        if (size < 0)
+            return cannotRead(path, errno);
+        m_items.links.insert(path,
+                             QByteArray(target.constData(), size)); // a copy of its own, not a whole page
+        return {};
+    }
+
+    SealedItems &m_items;
+    qsizetype m_seen = 0;
+    QByteArray m_piece{PieceSize, Qt::Uninitialized};
+    std::unique_ptr<EVP_MD_CTX, FreeDigest> m_digest{EVP_MD_CTX_new()};
+};
+
+// Opens folder after folder, so that no link in between is followed.
+FileDescriptor openBelow(int root, const QByteArray &path, int flags)
+{
+    QByteArrayList names = path.split('/');
+    const QByteArray last = names.takeLast();
+    FileDescriptor folder(::openat(root, ".", FolderFlags));
+    for (const QByteArray &name : names) {
+        if (folder)
+            folder = FileDescriptor(::openat(folder.get(), name.constData(), FolderFlags));
+    }
+    return folder ? FileDescriptor(::openat(folder.get(), last.constData(), flags)) : FileDescriptor();
+}
+
+} // namespace
+
+ZELError BundleFolder::open(const QString &bundle)
+{
+    if (bundle.contains(QChar::Null))
+        return ZELError::withMessage(QStringLiteral("the path is not a file name"));
+    m_folder = FileDescriptor(::open(QFile::encodeName(bundle).constData(), FolderFlags & ~O_NOFOLLOW));
+    return m_folder ? ZELError() : ZELError::fromErrno(QStringLiteral("cannot open the folder"), errno);
+}
+
+ZELError BundleFolder::scan(SealedItems &items) const
+{
+    return Scanner(items).scanFolder(m_folder.get(), {}, 0);
+}
+
+bool BundleFolder::hasFolder(const QByteArray &path) const
+{
+    return bool(openBelow(m_folder.get(), path, FolderFlags));
+}
+
+ZELError BundleFolder::read(const QByteArray &path, qint64 limit, QByteArray &bytes) const
+{
+    const FileDescriptor file = openBelow(m_folder.get(), path, FileFlags);
+    struct stat status;
+    if (!file || ::fstat(file.get(), &status) != 0)
+        return cannotRead(path, errno);
+    if (!S_ISREG(status.st_mode))
+        return refusal(path, "is no file");
+    if (status.st_size > limit)
+        return refusal(path, "is too large");
+    bytes.resize(status.st_size);
+    qsizetype filled = 0;
+    ssize_t count = 0;
+    while ((count = readPiece(file.get(), bytes.data() + filled, bytes.size() - filled)) > 0)
+        filled += count;
+    if (count < 0)
+        return cannotRead(path, errno);
+    bytes.truncate(filled);
+    return {};
+}
+
+} // namespace zel

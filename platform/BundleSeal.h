@@ -1,0 +1,28 @@
+// The seal of a bundle: a signed list of everything in it. docs/bundle-seal.md describes the two files.
+#pragma once
+
+#include "ZELError.h"
+
+#include <QString>
+#include <QStringList>
+
+namespace zel
+{
+
+/// Seals a bundle, in place of the seal that it may have, with a private key and its certificate (PEM files, no
+/// passphrase). The new seal is verified before this returns. On an error the bundle is as it was, with the seal that
+/// it had; the message says what stands in the way: an unreadable or special file, a name that cannot be sealed, a
+/// link that leads out of the bundle, a nested bundle whose seal is not valid, a key and certificate that do not
+/// belong together, a folder that cannot be written.
+/// Each file is read twice, in pieces; memory is some kilobytes per item. Nobody may change the bundle meanwhile.
+ZELError sealBundle(const QString &bundle, const QString &keyFile, const QString &certificateFile);
+
+/// No error when the bundle's seal is valid: its signature verifies, every file and link is as it was sealed, nothing
+/// was added, and the seals of all nested bundles are valid too. Modes, times and empty folders are not sealed.
+/// Anyone's signature will do, unless `pinnedSigners` names those that are accepted by the SHA-256 fingerprints of
+/// their certificates (hexadecimal, colons and case ignored); nested bundles may be signed by anyone.
+/// The bundle may be hostile: no link in it is followed, and what exceeds a limit is refused. Memory: some kilobytes
+/// per item. Safe from any thread.
+ZELError verifySeal(const QString &bundle, const QStringList &pinnedSigners = {});
+
+} // namespace zel

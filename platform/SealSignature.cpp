@@ -1,0 +1,165 @@
+#include "SealSignature.h"
+
+#include <QFile>
+
+#include <openssl/cms.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+namespace
+{
+
+constexpr qint64 MaxPemSize = 1 << 20;
+
+struct Free {
+    void operator()(BIO *memory) const { BIO_free(memory); }
+    void operator()(CMS_ContentInfo *cms) const { CMS_ContentInfo_free(cms); }
+    void operator()(STACK_OF(X509) * certificates) const { sk_X509_free(certificates); } // the stack alone
+};
+using Bio = std::unique_ptr<BIO, Free>;
+using Cms = std::unique_ptr<CMS_ContentInfo, Free>;
+using Certificates = std::unique_ptr<STACK_OF(X509), Free>;
+
+Bio readerOf(const QByteArray &bytes)
+{
+    return Bio(BIO_new_mem_buf(bytes.constData(), int(bytes.size())));
+}
+
+// Takes the library's queued errors along, so that none is left for the host to stumble over.
+ZELError failure(const QString &what)
+{
+    const char *reason = ERR_reason_error_string(ERR_peek_last_error());
+    ERR_clear_error();
+    return ZELError::withMessage(reason ? what + QLatin1String(" (") + QLatin1String(reason) + u')' : what);
+}
+
+ZELError readPem(const QString &path, QByteArray &pem)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return ZELError::withMessage(QLatin1String("cannot read ") + path + QLatin1String(": ")
+                                     + file.errorString());
+    pem = file.read(MaxPemSize);
+    return {};
+}
+
+// Without it the library would ask for the passphrase on the terminal.
+int noPassphrase(char *, int, int, void *)
+{
+    return -1;
+}
+
+bool isStrong(CMS_SignerInfo *signer)
+{
+    X509_ALGOR *digest = nullptr;
+    CMS_SignerInfo_get0_algs(signer, nullptr, nullptr, &digest, nullptr);
+    switch (digest ? OBJ_obj2nid(digest->algorithm) : NID_undef) {
+    case NID_sha256:
+    case NID_sha384:
+    case NID_sha512:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// The shape that `Signer::sign` gives it; a structure that holds a digest alone, for one, is something else.
+ZELError checkShape(CMS_ContentInfo *cms)
+{
+    if (OBJ_obj2nid(CMS_get0_type(cms)) != NID_pkcs7_signed)
+        return failure(QStringLiteral("the signature file holds no signature"));
+    if (!CMS_is_detached(cms))
+        return failure(QStringLiteral("the signature is not detached"));
+    STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
+    if (sk_CMS_SignerInfo_num(signers) < 1)
+        return failure(QStringLiteral("the signature has no signer"));
+    for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
+        if (!isStrong(sk_CMS_SignerInfo_value(signers, i)))
+            return failure(QStringLiteral("the signature is over a digest that is not SHA-2"));
+    }
+    return {};
+}
+
+QString fingerprint(const X509 *certificate)
+{
+    QByteArray digest(EVP_MAX_MD_SIZE, Qt::Uninitialized);
+    unsigned int size = 0;
+    X509_digest(certificate, EVP_sha256(), reinterpret_cast<unsigned char *>(digest.data()), &size);
+    return QString::fromLatin1(digest.left(size).toHex());
+}
+
+bool hasPinnedSigner(CMS_ContentInfo *cms, const QStringList &pinnedSigners)
+{
+    const QString pins = pinnedSigners.join(u' ').remove(u':').toLower();
+    const QStringList accepted = pins.split(u' ');
+    const Certificates signers(CMS_get0_signers(cms));
+    for (int i = 0; i < sk_X509_num(signers.get()); ++i) {
+        if (accepted.contains(fingerprint(sk_X509_value(signers.get(), i))))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+namespace zel
+{
+
+ZELError Signer::load(const QString &keyFile, const QString &certificateFile)
+{
+    QByteArray key;
+    QByteArray certificate;
+    if (const ZELError error = readPem(keyFile, key))
+        return error;
+    if (const ZELError error = readPem(certificateFile, certificate))
+        return error;
+    m_key = {PEM_read_bio_PrivateKey(readerOf(key).get(), nullptr, noPassphrase, nullptr), EVP_PKEY_free};
+    if (!m_key)
+        return failure(keyFile + QLatin1String(" holds no private key in PEM without a passphrase"));
+    m_certificate = {PEM_read_bio_X509(readerOf(certificate).get(), nullptr, noPassphrase, nullptr),
+                     X509_free};
+    if (!m_certificate)
+        return failure(certificateFile + QLatin1String(" holds no certificate in PEM"));
+    if (X509_check_private_key(m_certificate.get(), m_key.get()) != 1)
+        return failure(certificateFile + QLatin1String(" is not the certificate of the key in ") + keyFile);
+    return {};
+}
+
+ZELError Signer::sign(const QByteArray &content, QByteArray &signature) const
+{
+    constexpr unsigned int flags = CMS_DETACHED | CMS_BINARY | CMS_PARTIAL | CMS_NOSMIMECAP;
+    const Bio reader = readerOf(content);
+    const Cms cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags));
+    if (!cms || !CMS_add1_signer(cms.get(), m_certificate.get(), m_key.get(), EVP_sha256(), flags)
+        || CMS_final(cms.get(), reader.get(), nullptr, flags) != 1)
+        return failure(QStringLiteral("cannot sign"));
+    unsigned char *der = nullptr;
+    const int size = i2d_CMS_ContentInfo(cms.get(), &der);
+    if (size < 0)
+        return failure(QStringLiteral("cannot write the signature"));
+    signature = QByteArray(reinterpret_cast<const char *>(der), size);
+    OPENSSL_free(der);
+    return {};
+}
+
+ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
+                         const QStringList &pinnedSigners)
+{
+    const auto *at = reinterpret_cast<const unsigned char *>(signature.constData());
+    const auto *end = at + signature.size();
+    const Cms cms(d2i_CMS_ContentInfo(nullptr, &at, long(signature.size())));
+    if (!cms || at != end)
+        return failure(QStringLiteral("the signature file is malformed"));
+    if (const ZELError error = checkShape(cms.get()))
+        return error;
+    constexpr unsigned int flags = CMS_DETACHED | CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY;
+    const Bio reader = readerOf(content);
+    if (CMS_verify(cms.get(), nullptr, nullptr, reader.get(), nullptr, flags) != 1)
+        return failure(QStringLiteral("the signature does not verify"));
+    if (!pinnedSigners.isEmpty() && !hasPinnedSigner(cms.get(), pinnedSigners))
+        return failure(QStringLiteral("the signer is not one of those that are pinned"));
+    return {};
+}
+
+} // namespace zel

@@ -1,0 +1,39 @@
+// Detached CMS signatures (RFC 5652) over a seal's list of items.
+#pragma once
+
+#include "ZELError.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+#include <openssl/types.h>
+
+namespace zel
+{
+
+/// A private key with its certificate. Signing with one object is for one thread at a time.
+class Signer
+{
+public:
+    /// Reads both from PEM files; an error when one cannot be read, the key has a passphrase, or the certificate is
+    /// not that of the key.
+    ZELError load(const QString &keyFile, const QString &certificateFile);
+
+    /// Signs with SHA-256; `signature` receives the CMS structure in DER, with the certificate inside.
+    ZELError sign(const QByteArray &content, QByteArray &signature) const;
+
+private:
+    std::shared_ptr<EVP_PKEY> m_key;
+    std::shared_ptr<X509> m_certificate;
+};
+
+/// No error when `signature` is a detached CMS signature over `content` that has one signer or more, each with its
+/// certificate inside and with SHA-2 as digest, all of which verify. The certificates' chain, purpose and dates are not
+/// looked at. When `pinnedSigners` (SHA-256 fingerprints, hexadecimal, colons and case ignored) is not empty, one
+/// signer at least must be among them. Safe from any thread.
+ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
+                         const QStringList &pinnedSigners = {});
+
+} // namespace zel

@@ -1,0 +1,199 @@
+#include "SealedItems.h"
+
+#include "PropertyList.h"
+
+#include <QStringList>
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <plist/plist.h>
+
+namespace
+{
+
+constexpr qint64 Version = 1;
+constexpr qsizetype DigestSize = 32;
+constexpr int MaxLinksFollowed = 40; // as the kernel has it
+
+ZELError problem(const QByteArray &path, const char *what)
+{
+    return ZELError::withMessage(zel::shownPath(path) + u' ' + QLatin1String(what));
+}
+
+bool canBeListed(const QByteArray &name)
+{
+    const QString text = QString::fromUtf8(name);
+    const bool forbidden = std::any_of(text.begin(), text.end(), [](QChar c) {
+        const bool control = c < u' ' && c != u'\t' && c != u'\n' && c != u'\r';
+        return control || c == QChar(0xfffe) || c == QChar(0xffff);
+    });
+    return !forbidden && text.toUtf8() == name;
+}
+
+// Follows a link name by name, with the links below the folder as the only ones there are.
+bool staysInside(const QMap<QByteArray, QByteArray> &links, const QByteArray &link)
+{
+    QByteArrayList place = link.split('/');
+    QByteArrayList ahead{place.takeLast()};
+    int followed = 0;
+    while (!ahead.isEmpty()) {
+        const QByteArray name = ahead.takeFirst();
+        if (name.isEmpty() || name == ".")
+            continue;
+        if (name == "..") {
+            if (place.isEmpty())
+                return false;
+            place.removeLast();
+            continue;
+        }
+        place.append(name);
+        const auto found = links.constFind(place.join('/'));
+        if (found == links.constEnd())
+            continue;
+        if (found->startsWith('/') || ++followed > MaxLinksFollowed)
+            return false;
+        place.removeLast();
+        ahead = found->split('/') + ahead;
+    }
+    return true;
+}
+
+using Items = QMap<QByteArray, QByteArray>;
+
+ZELError compare(const Items &sealed, const Items &found, const char *changed)
+{
+    for (auto item = sealed.begin(); item != sealed.end(); ++item) {
+        const auto there = found.constFind(item.key());
+        if (there == found.constEnd())
+            return problem(item.key(), "is missing");
+        if (*there != *item)
+            return problem(item.key(), changed);
+    }
+    for (auto item = found.begin(); item != found.end(); ++item) {
+        if (!sealed.contains(item.key()))
+            return problem(item.key(), "is not sealed");
+    }
+    return {};
+}
+
+Items below(const Items &items, const QByteArray &prefix)
+{
+    Items result;
+    for (auto item = items.lowerBound(prefix); item != items.end() && item.key().startsWith(prefix); ++item)
+        result.insert(item.key().mid(prefix.size()), item.value());
+    return result;
+}
+
+plist_t dictionaryOf(const Items &items, plist_t (*makeValue)(const QByteArray &))
+{
+    plist_t dictionary = plist_new_dict();
+    for (auto item = items.begin(); item != items.end(); ++item)
+        plist_dict_set_item(dictionary, item.key().constData(), makeValue(item.value()));
+    return dictionary;
+}
+
+// Each value must be of the type and, unless it is 0, of the size.
+std::optional<Items> itemsOf(const QVariant &value, QMetaType::Type type, qsizetype size)
+{
+    if (value.typeId() != QMetaType::QVariantMap)
+        return std::nullopt;
+    Items items;
+    const QVariantMap map = value.toMap();
+    for (auto item = map.begin(); item != map.end(); ++item) {
+        const QByteArray bytes = item->toByteArray(); // of a string: as UTF-8
+        if (item->typeId() != type || (size != 0 && bytes.size() != size))
+            return std::nullopt;
+        items.insert(item.key().toUtf8(), bytes);
+    }
+    return items;
+}
+
+} // namespace
+
+namespace zel
+{
+
+QString shownPath(const QByteArray &path)
+{
+    QString text = QString::fromUtf8(path);
+    for (QChar &c : text) {
+        if (!c.isPrint() && !c.isSurrogate())
+            c = QChar::ReplacementCharacter;
+    }
+    return text;
+}
+
+ZELError checkNames(const SealedItems &items)
+{
+    for (const Items &part : {items.files, items.links}) {
+        for (auto item = part.begin(); item != part.end(); ++item) {
+            if (!canBeListed(item.key()))
+                return problem(item.key(),
+                               "has a name that cannot be sealed (not UTF-8, or control characters)");
+        }
+    }
+    for (auto link = items.links.begin(); link != items.links.end(); ++link) {
+        if (!canBeListed(link.value()))
+            return problem(link.key(),
+                           "has a target that cannot be sealed (not UTF-8, or control characters)");
+    }
+    return {};
+}
+
+ZELError checkLinks(const SealedItems &items)
+{
+    for (auto link = items.links.begin(); link != items.links.end(); ++link) {
+        if (!staysInside(items.links, link.key()))
+            return problem(link.key(), "is a link that leads out of the bundle or in a circle");
+    }
+    return {};
+}
+
+ZELError compareItems(const SealedItems &sealed, const SealedItems &found)
+{
+    if (const ZELError error = compare(sealed.files, found.files, "was changed"))
+        return error;
+    return compare(sealed.links, found.links, "points elsewhere");
+}
+
+SealedItems itemsBelow(const SealedItems &items, const QByteArray &folder)
+{
+    return {below(items.files, folder + '/'), below(items.links, folder + '/')};
+}
+
+QByteArray toPropertyList(const SealedItems &items)
+{
+    const auto digest = [](const QByteArray &bytes) {
+        return plist_new_data(bytes.constData(), uint64_t(bytes.size()));
+    };
+    const auto target = [](const QByteArray &bytes) { return plist_new_string(bytes.constData()); };
+    const std::unique_ptr<void, decltype(&plist_free)> list(plist_new_dict(), plist_free);
+    plist_dict_set_item(list.get(), "version", plist_new_uint(Version));
+    plist_dict_set_item(list.get(), "files", dictionaryOf(items.files, digest));
+    plist_dict_set_item(list.get(), "links", dictionaryOf(items.links, target));
+    char *text = nullptr;
+    uint32_t size = 0;
+    plist_to_xml(list.get(), &text, &size);
+    const std::unique_ptr<char, decltype(&std::free)> xml(text, std::free);
+    // Written bare, a carriage return in a name would be read as a newline by any other XML reader.
+    return QByteArray(text, qsizetype(size)).replace("\r", "&#13;");
+}
+
+std::optional<SealedItems> fromPropertyList(const QByteArray &xml)
+{
+    if (!xml.startsWith("<?xml"))
+        return std::nullopt;
+    const std::optional<QVariantMap> list = readPropertyList(xml);
+    if (!list || list->size() != 3 || list->value(QStringLiteral("version")) != QVariant(Version))
+        return std::nullopt;
+    const std::optional<Items> files =
+        itemsOf(list->value(QStringLiteral("files")), QMetaType::QByteArray, DigestSize);
+    const std::optional<Items> links = itemsOf(list->value(QStringLiteral("links")), QMetaType::QString, 0);
+    // A key that stands twice is read once; each key that is read has these bytes.
+    if (!files || !links || xml.count("<key") != list->size() + files->size() + links->size())
+        return std::nullopt;
+    return SealedItems{*files, *links};
+}
+
+} // namespace zel
