@@ -17,7 +17,7 @@ QString modelFromFile(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         return {};
     const QByteArray text = file.read(MaxModelSize);
-    const QByteArray model = text.left(text.indexOf('\0')).trimmed();
+    const QByteArray model = QByteArray(text.constData()).trimmed(); // ends at the first NUL
     const bool ascii = std::all_of(model.begin(), model.end(), [](char c) { return quint8(c) < 0x80; });
     return ascii && !model.isEmpty() ? QString::fromLatin1(model) : QString();
 }

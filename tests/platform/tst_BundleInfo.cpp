@@ -1,0 +1,245 @@
+#include "BundleInfo.h"
+#include "PropertyList.h"
+#include "TemporaryTree.h"
+
+#include <QtEndian>
+
+namespace
+{
+
+QByteArray xml(const QByteArray &body)
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">" + body + "</plist>\n";
+}
+
+QByteArray build(const QByteArray &value)
+{
+    return xml("<dict><key>CFBundleVersion</key>" + value + "</dict>");
+}
+
+// A binary list with two-byte references and four-byte offsets, the first object at the top.
+QByteArray binary(const QByteArrayList &objects)
+{
+    QByteArray list = "bplist00";
+    QByteArray offsets;
+    for (const QByteArray &object : objects) {
+        const quint32 offset = qToBigEndian(quint32(list.size()));
+        offsets.append(reinterpret_cast<const char *>(&offset), sizeof offset);
+        list.append(object);
+    }
+    const quint64 numbers[] = {qToBigEndian(quint64(objects.size())), 0, qToBigEndian(quint64(list.size()))};
+    list.append(offsets).append(QByteArray(6, '\0')).append("\x04\x02", 2);
+    return list.append(reinterpret_cast<const char *>(numbers), sizeof numbers);
+}
+
+QByteArray reference(qsizetype object)
+{
+    const quint16 number = qToBigEndian(quint16(object));
+    return {reinterpret_cast<const char *>(&number), sizeof number};
+}
+
+const QByteArray pairMarker = "\xd1"; // a dictionary of one pair
+
+// A dictionary whose one value is the object with the number 2.
+QByteArrayList topWith(const QByteArrayList &objects)
+{
+    return QByteArrayList{pairMarker + reference(1) + reference(2),
+                          "\x51"
+                          "k"}
+    + objects;
+}
+
+QByteArray nestedBinary(int depth)
+{
+    QByteArrayList arrays;
+    for (int i = 0; i < depth; ++i)
+        arrays.append("\xa1" + reference(i + 3));
+    return binary(topWith(arrays + QByteArrayList{"\x09"}));
+}
+
+// Each level holds the next one twice.
+QByteArray doublingBinary()
+{
+    QByteArrayList arrays;
+    for (int i = 0; i < 30; ++i)
+        arrays.append("\xa2" + reference(i + 3) + reference(i + 3));
+    return binary(topWith(arrays + QByteArrayList{"\x09"}));
+}
+
+QByteArray cyclicBinary()
+{
+    return binary(topWith({"\xa1" + reference(3), "\xa1" + reference(2)}));
+}
+
+// An array that holds one long string many times.
+QByteArray repeatingBinary()
+{
+    const QByteArray text = QByteArray("\x5f\x12\x00\x01\x00\x00", 6) + QByteArray(0x10000, 'x');
+    return binary(topWith({QByteArray("\xaf\x11\x40\x00", 4) + reference(3).repeated(0x4000), text}));
+}
+
+} // namespace
+
+class tst_BundleInfo : public QObject
+{
+    Q_OBJECT
+private slots:
+    void values_data()
+    {
+        QTest::addColumn<QByteArray>("element");
+        QTest::addColumn<QVariant>("expected");
+
+        QTest::newRow("string") << QByteArray("<string>a &lt;ö</string>")
+                                << QVariant(QString::fromUtf8("a <ö"));
+        QTest::newRow("empty string") << QByteArray("<string></string>") << QVariant(QString(""));
+        QTest::newRow("integer") << QByteArray("<integer>9007199254740993</integer>")
+                                 << QVariant(qint64(9007199254740993));
+        QTest::newRow("negative") << QByteArray("<integer>-5</integer>") << QVariant(qint64(-5));
+        QTest::newRow("real") << QByteArray("<real>7.25</real>") << QVariant(7.25);
+        QTest::newRow("true") << QByteArray("<true/>") << QVariant(true);
+        QTest::newRow("false") << QByteArray("<false/>") << QVariant(false);
+        QTest::newRow("data") << QByteArray("<data>AAEC</data>") << QVariant(QByteArray("\0\1\2", 3));
+        QTest::newRow("date") << QByteArray("<date>2001-01-02T00:00:01Z</date>")
+                              << QVariant(QDateTime(QDate(2001, 1, 2), QTime(0, 0, 1), Qt::UTC));
+        QTest::newRow("array") << QByteArray("<array><string>a</string><integer>1</integer></array>")
+                               << QVariant(QVariantList{QString("a"), qint64(1)});
+        QTest::newRow("dictionary") << QByteArray("<dict><key>k</key><true/></dict>")
+                                    << QVariant(QVariantMap{{"k", true}});
+    }
+
+    void values()
+    {
+        QFETCH(QByteArray, element);
+        QFETCH(QVariant, expected);
+        const auto list = zel::readPropertyList(xml("<dict><key>value</key>" + element + "</dict>"));
+        QVERIFY(list);
+        QCOMPARE(list->value("value"), expected);
+        QCOMPARE(list->value("value").typeId(), expected.typeId());
+    }
+
+    void binaryValues()
+    {
+        const auto list = zel::readPropertyList(binary(
+            topWith({"\xa3" + reference(1) + reference(1) + reference(3), QByteArray("\x11\x1b\x59")})));
+        QVERIFY(list);
+        QCOMPARE(list->value("k"), QVariant(QVariantList{QString("k"), QString("k"), qint64(7001)}));
+    }
+
+    void refusedLists_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+
+        QTest::newRow("no bytes") << QByteArray();
+        QTest::newRow("text") << QByteArray("CFBundleVersion = 1;");
+        QTest::newRow("array at the top") << xml("<array/>");
+        QTest::newRow("nested to exhaust the stack")
+            << xml("<dict><key>k</key>" + QByteArray("<array>").repeated(500'000)
+                   + QByteArray("</array>").repeated(500'000) + "</dict>");
+        QTest::newRow("nested behind a binary head") << "bplist99"
+                + xml("<dict><key>k</key>" + QByteArray("<array>").repeated(500'000)) + nestedBinary(1);
+        QTest::newRow("binary, nested to exhaust the stack") << nestedBinary(60'000);
+        QTest::newRow("binary, doubling at each level") << doublingBinary();
+        QTest::newRow("binary, cyclic") << cyclicBinary();
+        QTest::newRow("binary, one long string very often") << repeatingBinary();
+        QTest::newRow("binary, reference to no object") << binary(topWith({}));
+    }
+
+    void refusedLists()
+    {
+        QFETCH(QByteArray, bytes);
+        QVERIFY(!zel::readPropertyList(bytes));
+    }
+
+    void deepButBoundedListsAreCut()
+    {
+        const auto list = zel::readPropertyList(nestedBinary(4000));
+        QVERIFY(list);
+        int depth = 0;
+        for (QVariant value = list->value("k"); value.typeId() == QMetaType::QVariantList; ++depth)
+            value = value.toList().value(0);
+        QCOMPARE(depth, 64);
+    }
+
+    // A list cut or damaged at any byte is read or refused, never a crash.
+    void damagedLists()
+    {
+        const QByteArrayList lists{build("<string>7001</string>"),
+                                   binary(topWith({"\xa2" + reference(3) + reference(4),
+                                                   "\x51"
+                                                   "a",
+                                                   QByteArray("\x5f\x10\x11"
+                                                              "12345678901234567",
+                                                              20)}))};
+        for (const QByteArray &whole : lists) {
+            QVERIFY(zel::readPropertyList(whole));
+            for (qsizetype i = 0; i < whole.size(); ++i) {
+                zel::readPropertyList(whole.left(i));
+                for (const char byte : {'\0', '\x0f', '\x7f', '\xff'}) {
+                    QByteArray damaged = whole;
+                    damaged[i] = byte;
+                    zel::readPropertyList(damaged);
+                }
+            }
+        }
+    }
+
+    void builds_data()
+    {
+        QTest::addColumn<QString>("file"); // none when empty
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<qint64>("expected");
+
+        QTest::newRow("text") << "Contents/Info.plist" << build("<string>7001</string>") << qint64(7001);
+        QTest::newRow("number") << "Contents/Info.plist" << build("<integer>7001</integer>") << qint64(7001);
+        QTest::newRow("text with dots")
+            << "Contents/Info.plist" << build("<string>70.1</string>") << qint64(70);
+        QTest::newRow("no Contents") << "Info.plist" << build("<string>7001</string>") << qint64(7001);
+        QTest::newRow("no key") << "Info.plist" << xml("<dict/>") << qint64(0);
+        QTest::newRow("array for a value") << "Info.plist" << build("<array/>") << qint64(0);
+        QTest::newRow("garbage") << "Contents/Info.plist" << QByteArray("garbage") << qint64(0);
+        QTest::newRow("too large") << "Info.plist" << build("<string>1</string>" + QByteArray(4 << 20, ' '))
+                                   << qint64(0);
+        QTest::newRow("no plist") << "" << QByteArray() << qint64(0);
+    }
+
+    void builds()
+    {
+        QFETCH(QString, file);
+        QFETCH(QByteArray, bytes);
+        QFETCH(qint64, expected);
+        const TemporaryTree tree;
+        tree.directory("App.app");
+        if (!file.isEmpty())
+            tree.write("App.app/" + file, bytes);
+        const QString link = tree.link("Link.app", "App.app");
+        QCOMPARE(zel::bundleBuild(tree.path("App.app")), std::optional<qint64>(expected));
+        QCOMPARE(zel::bundleBuild(link), std::optional<qint64>(expected));
+    }
+
+    void innerPlistComesFirst()
+    {
+        const TemporaryTree tree;
+        tree.write("App.app/Info.plist", build("<string>1</string>"));
+        tree.write("App.app/Contents/Info.plist", build("<string>2</string>"));
+        QCOMPARE(zel::bundleBuild(tree.path("App.app")), std::optional<qint64>(2));
+    }
+
+    void whatIsNoBundle()
+    {
+        const TemporaryTree tree;
+        QVERIFY(!zel::bundleBuild(tree.path("missing.app")));
+        QVERIFY(!zel::bundleBuild(tree.write("file.app", "text")));
+        QVERIFY(!zel::bundleBuild(QString()));
+    }
+
+    void pipeInPlaceOfThePlist()
+    {
+        const TemporaryTree tree;
+        tree.directory("App.app");
+        QCOMPARE(::mkfifo(QFile::encodeName(tree.path("App.app/Info.plist")).constData(), 0600), 0);
+        QCOMPARE(zel::bundleInfo(tree.path("App.app")), std::optional<QVariantMap>(QVariantMap()));
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_BundleInfo)
+#include "tst_BundleInfo.moc"
