@@ -64,16 +64,14 @@ bool isStrong(CMS_SignerInfo *signer)
     }
 }
 
-// The shape that `Signer::sign` gives it; a structure that holds a digest alone, for one, is something else.
+// The library verifies what has no signer in its own ways; a structure that holds a digest alone, for one.
 ZELError checkShape(CMS_ContentInfo *cms)
 {
-    if (OBJ_obj2nid(CMS_get0_type(cms)) != NID_pkcs7_signed)
-        return failure(QStringLiteral("the signature file holds no signature"));
-    if (!CMS_is_detached(cms))
-        return failure(QStringLiteral("the signature is not detached"));
     STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
     if (sk_CMS_SignerInfo_num(signers) < 1)
         return failure(QStringLiteral("the signature has no signer"));
+    if (!CMS_is_detached(cms))
+        return failure(QStringLiteral("the signature is not detached"));
     for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
         if (!isStrong(sk_CMS_SignerInfo_value(signers, i)))
             return failure(QStringLiteral("the signature is over a digest that is not SHA-2"));

@@ -135,8 +135,6 @@ private slots:
         QTest::newRow("nested to exhaust the stack")
             << xml("<dict><key>k</key>" + QByteArray("<array>").repeated(500'000)
                    + QByteArray("</array>").repeated(500'000) + "</dict>");
-        QTest::newRow("nested behind a binary head") << "bplist99"
-                + xml("<dict><key>k</key>" + QByteArray("<array>").repeated(500'000)) + nestedBinary(1);
         QTest::newRow("binary, nested to exhaust the stack") << nestedBinary(60'000);
         QTest::newRow("binary, doubling at each level") << doublingBinary();
         QTest::newRow("binary, cyclic") << cyclicBinary();
@@ -197,7 +195,7 @@ private slots:
         QTest::newRow("no key") << "Info.plist" << xml("<dict/>") << qint64(0);
         QTest::newRow("array for a value") << "Info.plist" << build("<array/>") << qint64(0);
         QTest::newRow("garbage") << "Contents/Info.plist" << QByteArray("garbage") << qint64(0);
-        QTest::newRow("too large") << "Info.plist" << build("<string>1</string>" + QByteArray(4 << 20, ' '))
+        QTest::newRow("too large") << "Info.plist" << build("<string>1</string>") + QByteArray(4 << 20, ' ')
                                    << qint64(0);
         QTest::newRow("no plist") << "" << QByteArray() << qint64(0);
     }

@@ -545,7 +545,9 @@ private slots:
             items.files.insert("a" + QString(QChar(c)).toUtf8() + 'b', QByteArray(32, char(c)));
         items.links.insert("a", "");
         items.links.insert("b", " \r\n&#13; ");
-        const auto read = zel::fromPropertyList(zel::toPropertyList(items));
+        const QByteArray xml = zel::toPropertyList(items);
+        QVERIFY(!xml.contains('\r'));
+        const auto read = zel::fromPropertyList(xml);
         QVERIFY(read);
         QCOMPARE(read->files, items.files);
         QCOMPARE(read->links, items.links);

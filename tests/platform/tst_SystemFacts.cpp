@@ -16,6 +16,7 @@ private slots:
         QTest::newRow("patch") << "5.15.167.4-custom" << QList<qint64>{5, 15, 167};
         QTest::newRow("two numbers") << "5.10" << QList<qint64>{5, 10, 0};
         QTest::newRow("candidate") << "6.1-rc3" << QList<qint64>{6, 1, 0};
+        QTest::newRow("number behind a dash") << "6.1-13" << QList<qint64>{6, 1, 0};
         QTest::newRow("one number") << "7" << QList<qint64>{7, 0, 0};
         QTest::newRow("dot at the end") << "7." << QList<qint64>{7, 0, 0};
         QTest::newRow("garbage") << "linux-6.1" << QList<qint64>{0, 0, 0};
