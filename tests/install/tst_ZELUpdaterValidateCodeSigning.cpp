@@ -28,8 +28,7 @@ private slots:
         QTest::addColumn<bool>("valid");
 
         const QString good = m_tree.path("Good App.app");
-        QUrl withHost = QUrl::fromLocalFile(good);
-        withHost.setHost("host");
+        const QUrl withHost("file:/" + good); // the first folder of the path is the host
         QTest::newRow("good") << QUrl::fromLocalFile(good) << true;
         QTest::newRow("good, as a folder") << QUrl::fromLocalFile(good + '/') << true;
         QTest::newRow("changed") << QUrl::fromLocalFile(m_tree.path("Changed.app")) << false;
