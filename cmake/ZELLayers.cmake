@@ -32,6 +32,7 @@ function(zel_add_layer name)
 endfunction()
 
 # zel_add_tests(LAYER LINK libraries...): every tst_*.cpp of tests/LAYER becomes one executable and one test.
+# The thread sanitizer takes QProcess's vfork for a fork of the test itself, hence die_after_fork.
 function(zel_add_tests layer)
     cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
     file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${layer}/tst_*.cpp)
@@ -44,6 +45,6 @@ function(zel_add_tests layer)
         target_link_libraries(tst_${layer}_${unit} PRIVATE zel_options ${ARG_LINK} Qt6::Test)
         add_test(NAME ${layer}.${unit} COMMAND tst_${layer}_${unit})
         set_tests_properties(${layer}.${unit} PROPERTIES TIMEOUT 300
-            ENVIRONMENT "ASAN_OPTIONS=allocator_may_return_null=1;QT_QPA_PLATFORM=offscreen")
+            ENVIRONMENT "ASAN_OPTIONS=allocator_may_return_null=1;TSAN_OPTIONS=die_after_fork=0;QT_QPA_PLATFORM=offscreen")
     endforeach()
 endfunction()
