@@ -1,0 +1,260 @@
+#include "TestServer.h"
+
+#include <QSslSocket>
+#include <QTcpServer>
+
+#include <chrono>
+#include <functional>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace
+{
+
+class Listener : public QTcpServer
+{
+public:
+    explicit Listener(std::function<void(qintptr)> accept)
+        : m_accept(std::move(accept))
+    {
+    }
+
+protected:
+    void incomingConnection(qintptr descriptor) override { m_accept(descriptor); }
+
+private:
+    std::function<void(qintptr)> m_accept;
+};
+
+// A second name of a connection, ours to shut down: a socket object closes its own as soon as the peer is gone, and
+// the number may then stand for another file.
+class Handle
+{
+public:
+    explicit Handle(qintptr descriptor)
+        : m_descriptor(::dup(int(descriptor)))
+    {
+    }
+    ~Handle()
+    {
+        ::shutdown(m_descriptor, SHUT_RDWR);
+        ::close(m_descriptor);
+    }
+    Handle(const Handle &) = delete;
+    Handle &operator=(const Handle &) = delete;
+
+    int descriptor() const { return m_descriptor; }
+
+private:
+    const int m_descriptor;
+};
+
+bool flush(QTcpSocket &socket)
+{
+    while (socket.bytesToWrite() > 0)
+        if (!socket.waitForBytesWritten(-1))
+            return false;
+    return true;
+}
+
+QByteArray reason(int status)
+{
+    return status < 300 ? "OK" : status < 400 ? "Elsewhere" : "Refused";
+}
+
+QByteArray head(const TestServer::Answer &answer)
+{
+    QByteArray text = "HTTP/1.1 " + QByteArray::number(answer.status) + ' ' + reason(answer.status) + "\r\n";
+    for (const auto &[name, value] : answer.headers)
+        text += name + ": " + value + "\r\n";
+    if (answer.framing == TestServer::Framing::Length)
+        text += "Content-Length: " + QByteArray::number(answer.body.size()) + "\r\n";
+    if (answer.framing == TestServer::Framing::Chunked)
+        text += "Transfer-Encoding: chunked\r\n";
+    return text + "Connection: close\r\n\r\n";
+}
+
+QByteArray framed(QByteArrayView piece, TestServer::Framing framing)
+{
+    if (framing != TestServer::Framing::Chunked || piece.isEmpty())
+        return piece.toByteArray();
+    return QByteArray::number(piece.size(), 16) + "\r\n" + piece.toByteArray() + "\r\n";
+}
+
+} // namespace
+
+TestServer::Answer TestServer::Answer::redirect(const QString &location, int status)
+{
+    return {.status = status, .body = "moved", .headers = {{"Location", location.toUtf8()}}};
+}
+
+TestServer::TestServer(std::optional<QSslConfiguration> tls)
+    : m_tls(std::move(tls))
+    , m_listener([this] { listen(); })
+{
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_port != 0; });
+}
+
+TestServer::~TestServer()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_ending = true;
+        // Wakes every thread that waits for a byte or a connection.
+        for (const int descriptor : std::as_const(m_open))
+            ::shutdown(descriptor, SHUT_RDWR);
+        m_changed.notify_all();
+    }
+    m_listener.join();
+    for (std::thread &connection : m_connections)
+        connection.join();
+}
+
+void TestServer::answer(const QString &path, const QList<Answer> &answers)
+{
+    const std::lock_guard lock(m_mutex);
+    m_answers[path.toUtf8()] = answers;
+}
+
+void TestServer::release()
+{
+    const std::lock_guard lock(m_mutex);
+    m_released = true;
+    m_changed.notify_all();
+}
+
+QUrl TestServer::url(const QString &path) const
+{
+    QUrl url(path);
+    url.setScheme(m_tls ? QStringLiteral("https") : QStringLiteral("http"));
+    url.setHost(QStringLiteral("127.0.0.1"));
+    url.setPort(m_port);
+    return url;
+}
+
+QList<TestServer::Request> TestServer::requests() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_requests;
+}
+
+bool TestServer::waitForRequests(int count) const
+{
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::seconds(30), [&] { return m_requests.size() >= count; });
+}
+
+void TestServer::listen()
+{
+    Listener listener([this](qintptr descriptor) {
+        const std::lock_guard lock(m_mutex);
+        m_connections.emplace_back([this, descriptor] { serve(descriptor); });
+    });
+    if (!listener.listen(QHostAddress::LocalHost))
+        qFatal("the test server cannot listen: %s", qPrintable(listener.errorString()));
+    {
+        const std::lock_guard lock(m_mutex);
+        m_open.append(int(listener.socketDescriptor()));
+        m_port = listener.serverPort();
+        m_changed.notify_all();
+    }
+    const auto ending = [this] {
+        const std::lock_guard lock(m_mutex);
+        return m_ending;
+    };
+    while (!ending())
+        listener.waitForNewConnection(-1);
+}
+
+void TestServer::serve(qintptr descriptor)
+{
+    QSslSocket socket;
+    socket.setSocketDescriptor(descriptor);
+    const Handle handle(descriptor);
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_ending)
+            return;
+        m_open.append(handle.descriptor());
+    }
+    if (m_tls) {
+        socket.setSslConfiguration(*m_tls);
+        socket.startServerEncryption();
+    }
+    if (!m_tls || socket.waitForEncrypted(-1))
+        if (const std::optional<Request> request = receive(socket))
+            send(socket, take(*request));
+    const std::lock_guard lock(m_mutex);
+    m_open.removeOne(handle.descriptor());
+}
+
+std::optional<TestServer::Request> TestServer::receive(QTcpSocket &socket)
+{
+    const auto line = [&]() -> QByteArray {
+        while (!socket.canReadLine())
+            if (!socket.waitForReadyRead(-1))
+                return {};
+        return socket.readLine().trimmed();
+    };
+    const QList<QByteArray> start = line().split(' ');
+    if (start.size() != 3)
+        return {};
+    Request request{.method = start[0], .path = start[1], .headers = {}, .body = {}};
+    for (QByteArray header = line(); !header.isEmpty(); header = line()) {
+        const qsizetype colon = header.indexOf(':');
+        request.headers[header.left(colon).toLower()] = header.mid(colon + 1).trimmed();
+    }
+    const qint64 length = request.headers.value("content-length").toLongLong();
+    while (request.body.size() < length) {
+        if (socket.bytesAvailable() == 0 && !socket.waitForReadyRead(-1))
+            return {};
+        request.body += socket.read(length - request.body.size());
+    }
+    return request;
+}
+
+TestServer::Answer TestServer::take(const Request &request)
+{
+    const std::lock_guard lock(m_mutex);
+    m_requests.append(request);
+    m_changed.notify_all();
+    QList<Answer> &answers = m_answers[request.path.split('?').first()];
+    if (answers.isEmpty())
+        return {.status = 404, .body = "nothing here"};
+    return answers.size() == 1 ? answers.first() : answers.takeFirst();
+}
+
+void TestServer::send(QTcpSocket &socket, const Answer &answer)
+{
+    if (answer.stallAt == BeforeHead)
+        waitForRelease(socket);
+    if (answer.dropAt == BeforeHead)
+        return;
+    socket.write(head(answer));
+    constexpr qsizetype Piece = 64 * 1024;
+    for (qsizetype at = 0; flush(socket) && at <= answer.body.size();) {
+        if (at == answer.stallAt)
+            waitForRelease(socket);
+        if (at == answer.dropAt)
+            return;
+        if (at == answer.body.size())
+            break;
+        qsizetype end = qMin(at + Piece, answer.body.size());
+        for (const qsizetype stop : {answer.stallAt, answer.dropAt})
+            if (stop > at)
+                end = qMin(end, stop);
+        socket.write(framed(QByteArrayView(answer.body).sliced(at, end - at), answer.framing));
+        at = end;
+    }
+    if (answer.framing == Framing::Chunked)
+        socket.write("0\r\n\r\n");
+    flush(socket);
+}
+
+void TestServer::waitForRelease(QTcpSocket &socket)
+{
+    flush(socket);
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_released || m_ending; });
+}
