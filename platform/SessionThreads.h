@@ -1,0 +1,14 @@
+// The threads that URL sessions run on, and their orderly end with the application.
+#pragma once
+
+#include <functional>
+
+namespace zel
+{
+
+/// Runs `body` on a new thread. `cancel` is called, on another thread, when the application ends before `body` has
+/// returned: then every session is cancelled and the application object's destructor waits for all of them. A session
+/// that starts during that is cancelled at once. Safe from any thread.
+void startSession(std::function<void()> body, std::function<void()> cancel);
+
+} // namespace zel

@@ -1,0 +1,243 @@
+#include "URLSession.h"
+
+#include "SessionThreads.h"
+#include "URLTransfer.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTemporaryFile>
+
+#include <mutex>
+#include <utility>
+
+namespace zel
+{
+namespace
+{
+
+class Task : public URLSessionTask, public std::enable_shared_from_this<Task>
+{
+public:
+    /// What the session does: the transfer, then the completion.
+    using Work = std::function<void(Task &)>;
+
+    explicit Task(Work work)
+        : m_work(std::move(work))
+    {
+    }
+
+    void resume() override
+    {
+        std::unique_lock lock(m_mutex);
+        if (std::exchange(m_started, true))
+            return;
+        lock.unlock();
+        URLTransfer::initialiseLibraries();
+        startSession([self = shared_from_this()] { std::exchange(self->m_work, {})(*self); },
+                     [weak = weak_from_this()] {
+                         if (const auto self = weak.lock())
+                             self->cancel();
+                     });
+    }
+
+    void cancel() override
+    {
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_ended)
+                return;
+            m_cancelled = true;
+            if (m_transfer)
+                m_transfer->cancel();
+        }
+        resume(); // the completion of a task that never started comes from a session too
+    }
+
+    qint64 countOfBytesReceived() const override
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_received;
+    }
+
+    qint64 countOfBytesExpectedToReceive() const override
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_expected;
+    }
+
+    void observeCountOfBytesReceived(std::function<void()> observer) override
+    {
+        auto shared = observer ? std::make_shared<const std::function<void()>>(std::move(observer)) : nullptr;
+        const auto first = shared;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_ended)
+                shared = nullptr;
+            m_observer.swap(shared); // the one before is destroyed after the lock is gone
+        }
+        if (first)
+            (*first)();
+    }
+
+    /// Moves the bytes and settles how the task ends. The network is done with when this returns.
+    ZELError transfer(const URLRequest &request, BodySink &sink, QUrl *responseUrl = nullptr)
+    {
+        URLTransfer transfer(request, sink,
+                             [this](qint64 received, qint64 expected) { setCounts(received, expected); });
+        begin(transfer);
+        const ZELError error = transfer.run();
+        if (responseUrl)
+            *responseUrl = transfer.responseUrl();
+        return settle() ? transfer.cancelled() : error;
+    }
+
+private:
+    void begin(URLTransfer &transfer)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_transfer = &transfer;
+        if (m_cancelled)
+            transfer.cancel();
+    }
+
+    /// Whether the task was cancelled; from now on it cannot be.
+    bool settle()
+    {
+        std::shared_ptr<const std::function<void()>> observer;
+        const std::lock_guard lock(m_mutex);
+        m_observer.swap(observer);
+        m_transfer = nullptr;
+        m_ended = true;
+        return m_cancelled;
+    }
+
+    void setCounts(qint64 received, qint64 expected)
+    {
+        std::shared_ptr<const std::function<void()>> observer;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (received != m_received)
+                observer = m_observer;
+            m_received = received;
+            m_expected = expected;
+        }
+        if (observer)
+            (*observer)();
+    }
+
+    mutable std::mutex m_mutex;
+    Work m_work; // until the session runs it
+    URLTransfer *m_transfer = nullptr; // while bytes may move
+    std::shared_ptr<const std::function<void()>> m_observer;
+    qint64 m_received = 0;
+    qint64 m_expected = -1;
+    bool m_started = false;
+    bool m_cancelled = false;
+    bool m_ended = false;
+};
+
+class MemorySink : public BodySink
+{
+public:
+    explicit MemorySink(qint64 limit)
+        : m_limit(limit)
+    {
+    }
+
+    ZELError open() override { return {}; }
+
+    ZELError write(QByteArrayView bytes) override
+    {
+        if (bytes.size() > m_limit - m_body.size())
+            return ZELError::withMessage(
+                QStringLiteral("the answer is longer than the limit of %1 bytes").arg(m_limit));
+        m_body.append(bytes);
+        return {};
+    }
+
+    bool takesDecodedContent() const override { return true; }
+
+    QByteArray body() const { return m_body; }
+
+private:
+    const qint64 m_limit;
+    QByteArray m_body = ""; // empty, not null
+};
+
+class TemporaryFile : public QTemporaryFile
+{
+public:
+    using QTemporaryFile::open;
+    using QTemporaryFile::QTemporaryFile;
+};
+
+class FileSink : public BodySink
+{
+public:
+    explicit FileSink(const QString &folder)
+        : m_folder(QDir::cleanPath(folder))
+        , m_file(m_folder + QStringLiteral("/XXXXXX.download"))
+    {
+    }
+
+    ZELError open() override
+    {
+        QDir().mkpath(QFileInfo(m_folder).path());
+        QDir().mkdir(m_folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        // Asking for the name gives the file one: it may start without.
+        const bool made =
+            m_file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) && !m_file.fileName().isEmpty();
+        return made ? ZELError() : failure();
+    }
+
+    ZELError write(QByteArrayView bytes) override
+    {
+        while (!bytes.isEmpty()) {
+            const qint64 written = m_file.write(bytes.data(), bytes.size());
+            if (written <= 0)
+                return failure();
+            bytes = bytes.sliced(written);
+        }
+        return {};
+    }
+
+    bool takesDecodedContent() const override { return false; }
+
+    QString location() const { return m_file.fileName(); }
+
+private:
+    ZELError failure() const
+    {
+        return ZELError::withMessage(
+            QStringLiteral("cannot write the download in \"%1\": %2").arg(m_folder, m_file.errorString()));
+    }
+
+    const QString m_folder;
+    TemporaryFile m_file; // removed with the sink, under the name it had when it was made
+};
+
+} // namespace
+
+std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompletion completion)
+{
+    return std::make_shared<Task>([request, completion = std::move(completion)](Task &task) {
+        MemorySink sink(request.bodyLimit);
+        const ZELError error = task.transfer(request, sink);
+        if (completion)
+            completion(error ? QByteArray() : sink.body(), error);
+    });
+}
+
+std::shared_ptr<URLSessionTask> downloadTask(const URLRequest &request, const QString &temporaryFolder,
+                                             DownloadCompletion completion)
+{
+    return std::make_shared<Task>([request, temporaryFolder, completion = std::move(completion)](Task &task) {
+        FileSink sink(temporaryFolder);
+        QUrl responseUrl;
+        const ZELError error = task.transfer(request, sink, &responseUrl);
+        if (completion)
+            completion(error ? QString() : sink.location(), responseUrl, error);
+    });
+}
+
+} // namespace zel

@@ -1,0 +1,93 @@
+// Requests over HTTP and HTTPS. Every task is a session of its own: its own connections, nothing kept afterwards (no
+// cache, no cookies), and a thread of its own that is the session's queue.
+#pragma once
+
+#include "ZELError.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QUrl>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace zel
+{
+
+/// Codes of the transport errors that a flow tells apart; every other one has the code 0.
+namespace URLErrorCode
+{
+constexpr qint64 Cancelled = -999;
+constexpr qint64 TimedOut = -1001;
+} // namespace URLErrorCode
+
+struct URLRequest {
+    QUrl url; ///< http or https with a host; anything else is a transport error
+    QByteArray method = "GET"; ///< "GET" or "POST"
+    QByteArray body = {}; ///< of a POST; sent as "application/x-www-form-urlencoded", the platform's default
+    std::chrono::milliseconds timeout{120'000}; ///< longest time without a byte in either direction
+    qint64 bodyLimit = 64 * 1024 * 1024; ///< most bytes of a data task's body; one more is a transport error
+};
+
+/// One request, made by `dataTask` or `downloadTask` and idle until `resume`. All functions are safe from any thread,
+/// from the observer and from the completion. Once started a task needs no owner: it lives until its completion has
+/// returned, and the completion, with all that it holds, is destroyed on the session's thread.
+class URLSessionTask
+{
+public:
+    virtual ~URLSessionTask() = default;
+    URLSessionTask(const URLSessionTask &) = delete;
+    URLSessionTask &operator=(const URLSessionTask &) = delete;
+
+    /// Starts the request; calls after the first do nothing.
+    virtual void resume() = 0;
+
+    /// Ends the task, one that was never resumed too, with the error `URLErrorCode::Cancelled`: when this returns
+    /// before the completion was entered, the completion gets that error. Does nothing after that.
+    virtual void cancel() = 0;
+
+    /// Bytes of the body that have come in so far.
+    virtual qint64 countOfBytesReceived() const = 0;
+
+    /// Bytes of the whole body as the server announced them; -1 as long as that is not known.
+    virtual qint64 countOfBytesExpectedToReceive() const = 0;
+
+    /// Calls `observer` once before this returns, then on the session's thread after each change of
+    /// `countOfBytesReceived`, never after the completion was entered. There is one observer; an empty function
+    /// removes it. One that another thread removes may still be finishing a call when this returns.
+    virtual void observeCountOfBytesReceived(std::function<void()> observer) = 0;
+
+protected:
+    URLSessionTask() = default;
+};
+
+/// Called exactly once, on the session's thread, which it may block for as long as it likes: the network is done with
+/// by then. `body` is null when there is an error and never null when there is none, an empty body included.
+using DataCompletion = std::function<void(const QByteArray &body, const ZELError &error)>;
+
+/// As `DataCompletion`. `location` is the downloaded file, mode 0600, null when there is an error; it is removed when
+/// the completion returns unless it was moved away. `responseUrl` is the address that answered, after redirections.
+using DownloadCompletion =
+    std::function<void(const QString &location, const QUrl &responseUrl, const ZELError &error)>;
+
+/// A request whose body is handed over in memory, at most `request.bodyLimit` bytes of it.
+///
+/// What counts as a transport error, here and in `downloadTask`: an address that is not http or https, no connection,
+/// a certificate that does not verify, an answer that breaks HTTP or ends early, a redirection to another kind of
+/// address, from https down to http or one too many, `request.timeout`, and a cancelled task. An HTTP status is none:
+/// the body of a 404 is a body. A POST is sent once, however its connection ends.
+///
+/// Needs no running event loop. When the application object is destroyed, or the process exits without that, running
+/// tasks are cancelled and their completions waited for: a completion must never wait for the main thread. The
+/// application's proxy (QNetworkProxy) is used, and the machine's certificates or those of the file that the variable
+/// SSL_CERT_FILE names.
+std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompletion completion);
+
+/// A request whose body goes to a new file in `temporaryFolder` as it arrives, with any content coding left as it is;
+/// takes less than a MiB of memory whatever the size. The folder is made with mode 0700 when it is missing. A file that
+/// cannot be made or written, as on a full disk, is a transport error.
+std::shared_ptr<URLSessionTask> downloadTask(const URLRequest &request, const QString &temporaryFolder,
+                                             DownloadCompletion completion);
+
+} // namespace zel
