@@ -6,8 +6,7 @@
 #include <QFile>
 #include <QFileInfo>
 
-namespace
-{
+namespace {
 
 constexpr qint64 MaxInfoSize = 4 << 20;
 
@@ -26,8 +25,7 @@ QVariantMap readInfo(const QString &path)
 
 } // namespace
 
-namespace zel
-{
+namespace zel {
 
 QString contentsFolder(const QString &bundle)
 {

@@ -6,8 +6,7 @@
 
 #include <optional>
 
-namespace zel
-{
+namespace zel {
 
 /// The folder that a bundle keeps its Info.plist and its seal in: `Contents` when that is a folder, else the bundle.
 QString contentsFolder(const QString &bundle);

@@ -9,11 +9,9 @@
 #include <openssl/evp.h>
 #include <sys/stat.h>
 
-namespace zel
-{
+namespace zel {
 
-namespace
-{
+namespace {
 
 constexpr int MaxDepth = 128; // each level holds a descriptor open
 constexpr qsizetype MaxItems = 500'000;

@@ -4,8 +4,7 @@
 #include "FileDescriptor.h"
 #include "SealedItems.h"
 
-namespace zel
-{
+namespace zel {
 
 /// A bundle's folder, held open. For one thread at a time.
 class BundleFolder

@@ -8,11 +8,9 @@
 #include <QFile>
 #include <QFileInfo>
 
-namespace zel
-{
+namespace zel {
 
-namespace
-{
+namespace {
 
 struct Seal {
     QByteArray resources;

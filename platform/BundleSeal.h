@@ -6,8 +6,7 @@
 #include <QString>
 #include <QStringList>
 
-namespace zel
-{
+namespace zel {
 
 /// Seals a bundle, in place of the seal that it may have, with a private key and its certificate (PEM files, no
 /// passphrase). The new seal is verified before this returns. On an error the bundle is as it was, with the seal that

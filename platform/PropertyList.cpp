@@ -9,8 +9,7 @@
 #include <memory>
 #include <plist/plist.h>
 
-namespace
-{
+namespace {
 
 constexpr int MaxDepth = 64;
 

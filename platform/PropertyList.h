@@ -6,8 +6,7 @@
 
 #include <optional>
 
-namespace zel
-{
+namespace zel {
 
 /// The dictionary at the top of a property list. Strings become QString, integers qint64 (the bits of an unsigned one
 /// beyond 2^63 are kept), reals double, booleans bool, dates QDateTime (UTC), data QByteArray, arrays QVariantList

@@ -5,8 +5,7 @@
 #include <optional>
 #include <vector>
 
-namespace
-{
+namespace {
 
 constexpr quint64 MaxContainers =
     4096; // bounds the nesting as well; a large application's Info.plist holds hundreds

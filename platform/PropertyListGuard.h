@@ -3,8 +3,7 @@
 
 #include <QByteArrayView>
 
-namespace zel
-{
+namespace zel {
 
 /// Whether a property list can be read without exhausting stack or memory. The reading library calls itself once per
 /// level of nesting when it reads a binary list and when it frees any list, and copies an object of a binary list for

@@ -2,8 +2,7 @@
 
 #include <QFile>
 
-namespace zel
-{
+namespace zel {
 
 SealFile::SealFile(const QString &path, qint64 rememberedSize)
     : m_file(path)

@@ -8,8 +8,7 @@
 
 #include <optional>
 
-namespace zel
-{
+namespace zel {
 
 /// One file while it is replaced: its new content is written aside, moved into place, and taken back if need be.
 /// What was written aside and not moved goes with the object.

@@ -7,8 +7,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
-namespace
-{
+namespace {
 
 constexpr qint64 MaxPemSize = 1 << 20;
 
@@ -99,8 +98,7 @@ bool hasPinnedSigner(CMS_ContentInfo *cms, const QStringList &pinnedSigners)
 
 } // namespace
 
-namespace zel
-{
+namespace zel {
 
 ZELError Signer::load(const QString &keyFile, const QString &certificateFile)
 {

@@ -10,8 +10,7 @@
 #include <memory>
 #include <openssl/types.h>
 
-namespace zel
-{
+namespace zel {
 
 /// A private key with its certificate. Signing with one object is for one thread at a time.
 class Signer

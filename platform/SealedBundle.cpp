@@ -5,11 +5,9 @@
 #include <optional>
 #include <set>
 
-namespace zel
-{
+namespace zel {
 
-namespace
-{
+namespace {
 
 QByteArray joined(const QByteArray &folder, const QByteArray &name)
 {

@@ -5,8 +5,7 @@
 
 #include <QStringList>
 
-namespace zel
-{
+namespace zel {
 
 constexpr qint64 MaxResourcesSize = 64 << 20; // bytes; what some 400 000 items take
 constexpr qint64 MaxSignatureSize = 1 << 20;

@@ -9,8 +9,7 @@
 #include <memory>
 #include <plist/plist.h>
 
-namespace
-{
+namespace {
 
 constexpr qint64 Version = 1;
 constexpr qsizetype DigestSize = 32;
@@ -111,8 +110,7 @@ std::optional<Items> itemsOf(const QVariant &value, QMetaType::Type type, qsizet
 
 } // namespace
 
-namespace zel
-{
+namespace zel {
 
 QString shownPath(const QByteArray &path)
 {

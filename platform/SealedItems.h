@@ -9,8 +9,7 @@
 
 #include <optional>
 
-namespace zel
-{
+namespace zel {
 
 /// The files and links below a folder. Paths are relative to it, as the file system has them, with "/" between.
 struct SealedItems {

@@ -8,8 +8,7 @@
 #include <thread>
 #include <utility>
 
-namespace
-{
+namespace {
 
 struct Session {
     std::function<void()> cancel;

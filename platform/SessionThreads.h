@@ -3,8 +3,7 @@
 
 #include <functional>
 
-namespace zel
-{
+namespace zel {
 
 /// Runs `body` on a new thread. `cancel` is called, on another thread, when the application ends before `body` has
 /// returned: then every session is cancelled and the application object's destructor waits for all of them. A session

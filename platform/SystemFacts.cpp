@@ -6,8 +6,7 @@
 #include <algorithm>
 #include <array>
 
-namespace
-{
+namespace {
 
 constexpr qint64 MaxModelSize = 127;
 
@@ -24,8 +23,7 @@ QString modelFromFile(const QString &path)
 
 } // namespace
 
-namespace zel
-{
+namespace zel {
 
 QString architectureWord()
 {

@@ -6,8 +6,7 @@
 
 #include <compare>
 
-namespace zel
-{
+namespace zel {
 
 /// The word that the update server knows this build's processor by: "x86" on Intel, "arm" on ARM, else the word that
 /// the build was configured with (ZEL_ARCHITECTURE_WORD).

@@ -10,10 +10,8 @@
 #include <mutex>
 #include <utility>
 
-namespace zel
-{
-namespace
-{
+namespace zel {
+namespace {
 
 class Task : public URLSessionTask, public std::enable_shared_from_this<Task>
 {

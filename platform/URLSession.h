@@ -12,12 +12,10 @@
 #include <functional>
 #include <memory>
 
-namespace zel
-{
+namespace zel {
 
 /// Codes of the transport errors that a flow tells apart; every other one has the code 0.
-namespace URLErrorCode
-{
+namespace URLErrorCode {
 constexpr qint64 Cancelled = -999;
 constexpr qint64 TimedOut = -1001;
 } // namespace URLErrorCode

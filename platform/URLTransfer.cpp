@@ -2,8 +2,7 @@
 
 #include <QNetworkProxy>
 
-namespace
-{
+namespace {
 
 constexpr int MostRedirections = 20;
 constexpr long PieceSize = 256 * 1024;
@@ -16,8 +15,7 @@ bool isLoadable(const QUrl &url)
 
 } // namespace
 
-namespace zel
-{
+namespace zel {
 
 void URLTransfer::initialiseLibraries()
 {

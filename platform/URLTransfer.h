@@ -12,8 +12,7 @@
 #include <functional>
 #include <memory>
 
-namespace zel
-{
+namespace zel {
 
 /// Where the bytes of a body go.
 class BodySink

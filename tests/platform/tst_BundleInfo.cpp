@@ -4,8 +4,7 @@
 
 #include <QtEndian>
 
-namespace
-{
+namespace {
 
 QByteArray xml(const QByteArray &body)
 {

@@ -9,8 +9,7 @@
 #include <openssl/cms.h>
 #include <openssl/pem.h>
 
-namespace
-{
+namespace {
 
 const QString app = QStringLiteral("App.app/");
 const QString list = QStringLiteral("App.app/Contents/_CodeSignature/CodeResources");

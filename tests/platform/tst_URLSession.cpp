@@ -19,8 +19,7 @@ using Framing = TestServer::Framing;
 
 Q_DECLARE_METATYPE(Answers)
 
-namespace
-{
+namespace {
 
 enum class Kind { Data, Download };
 

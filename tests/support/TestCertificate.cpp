@@ -8,8 +8,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
-namespace
-{
+namespace {
 
 using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;

@@ -8,8 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 class Listener : public QTcpServer
 {
