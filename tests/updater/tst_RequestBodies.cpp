@@ -1,0 +1,81 @@
+#include "RequestBodies.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QtTest>
+
+using namespace zel;
+
+namespace {
+
+const MachineFacts Machine{QStringLiteral("arm"), {6, 1, 38}, QStringLiteral("Machine 1,1")};
+const MachineFacts Nameless{QStringLiteral("arm"), {6, 1, 38}, QString()};
+
+QJsonObject object(const QByteArray &json)
+{
+    return QJsonDocument::fromJson(json).object();
+}
+
+} // namespace
+
+class tst_RequestBodies : public QObject
+{
+    Q_OBJECT
+private slots:
+    void bodies_data()
+    {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QByteArray>("expected");
+
+        const QVariantMap number{{QStringLiteral("build"), qint64(9007199254740993)},
+                                 {QStringLiteral("version"), 7.01},
+                                 {QStringLiteral("beta"), true}};
+        const QVariantMap text{{QStringLiteral("build"), QStringLiteral("7001")},
+                               {QStringLiteral("version"), QStringLiteral("7.01")}};
+        // The minor version stands twice.
+        QTest::newRow("check")
+            << checkRequestBody(number, Machine)
+            << QByteArray(
+                   R"({"arch":"arm","build":9007199254740993,"model":"Machine 1,1","os":{"major":6,"minor":1,"patch":1}})");
+        QTest::newRow("check, build as text")
+            << checkRequestBody(text, Nameless)
+            << QByteArray(R"({"arch":"arm","build":"7001","os":{"major":6,"minor":1,"patch":1}})");
+        QTest::newRow("check, no build")
+            << checkRequestBody({}, Nameless)
+            << QByteArray(R"({"arch":"arm","os":{"major":6,"minor":1,"patch":1}})");
+        QTest::newRow("history page")
+            << historyPageBody(text, Machine) << QByteArray(R"({"arch":"arm","build":"7001"})");
+        const QVariantList log{
+            QVariantMap{{QStringLiteral("description"), QStringLiteral("Hash error")},
+                        {QStringLiteral("exists"), true},
+                        {QStringLiteral("original"), QByteArray("\x00\xff\x80", 3)},
+                        {QStringLiteral("new"), QByteArray("")}},
+        };
+        QTest::newRow("log")
+            << logUploadBody(text, log, Machine)
+            << QByteArray(
+                   R"({"arch":"arm","build":"7001","log":[{"description":"Hash error","exists":true,"new":"","original":"AP+A"}],)"
+                   R"("os":{"major":6,"minor":1,"patch":1},"version":"7.01"})");
+    }
+
+    void bodies()
+    {
+        QFETCH(QByteArray, body);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(object(body), object(expected));
+        QVERIFY(!body.contains('\n'));
+    }
+
+    void supportedArchs()
+    {
+        QVERIFY(isArchSupported(QStringLiteral("arm"), Machine));
+        QVERIFY(isArchSupported(QStringLiteral("all"), Machine));
+        for (const char *other : {"x86", "arm64", "ARM", ""})
+            QVERIFY(!isArchSupported(QLatin1String(other), Machine));
+        QVERIFY(!isArchSupported(QString(), Machine));
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_RequestBodies)
+#include "tst_RequestBodies.moc"
