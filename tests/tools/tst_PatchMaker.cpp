@@ -1,0 +1,199 @@
+#include "PatchFile.h"
+#include "PatchMaker.h"
+#include "TemporaryTree.h"
+#include "ZELUpdaterApplyPatch.h"
+
+using namespace zel;
+
+namespace {
+
+// A tree in words: "path" of a file with its content after "=", a folder's path ends in "/", a link's target after "->",
+// an executable's path starts with "*".
+void makeTree(const TemporaryTree &tree, const QString &root, const QStringList &items)
+{
+    tree.directory(root);
+    for (QString item : items) {
+        const bool executable = item.startsWith(u'*');
+        if (executable)
+            item.remove(0, 1);
+        const qsizetype link = item.indexOf(QLatin1String("->"));
+        const qsizetype file = item.indexOf(u'=');
+        if (link >= 0)
+            tree.link(root + u'/' + item.left(link), item.mid(link + 2));
+        else if (file >= 0)
+            tree.write(root + u'/' + item.left(file), item.mid(file + 1).toUtf8(), executable ? 0755 : 0644);
+        else
+            tree.directory(root + u'/' + item);
+    }
+}
+
+QStringList listing(const QString &root)
+{
+    QStringList items;
+    QDirIterator entries(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                         QDirIterator::Subdirectories);
+    while (entries.hasNext()) {
+        const QString path = entries.next();
+        const QString name = QDir(root).relativeFilePath(path);
+        if (entries.fileInfo().isSymLink())
+            items.append(name + QLatin1String("->") + QString::fromUtf8(TemporaryTree::linkTarget(path)));
+        else if (entries.fileInfo().isDir())
+            items.append(name + u'/');
+        else
+            items.append(name + u'=' + QString::fromUtf8(TemporaryTree::contents(path)));
+    }
+    items.sort();
+    return items;
+}
+
+QString words(const QByteArray &text, int count)
+{
+    return QString::fromUtf8(text.repeated(count));
+}
+
+} // namespace
+
+class tst_PatchMaker : public QObject
+{
+    Q_OBJECT
+private slots:
+    void changes_data()
+    {
+        QTest::addColumn<QStringList>("before");
+        QTest::addColumn<QStringList>("after");
+        QTest::addColumn<QStringList>("commands"); // action and path, in order
+
+        const auto row = [](const char *name, const QStringList &before, const QStringList &after,
+                            const QStringList &commands) {
+            QTest::newRow(name) << before << after << commands;
+        };
+        const auto list = [](std::initializer_list<const char *> items) {
+            QStringList result;
+            for (const char *item : items)
+                result.append(QString::fromUtf8(item));
+            return result;
+        };
+        row("nothing", list({"a=1", "d/", "l->a"}), list({"a=1", "d/", "l->a"}), {});
+        row("file becomes folder", list({"x=1"}), list({"x/y=1"}),
+            list({"delete x", "adddirectory x", "add x/y"}));
+        row("folder becomes file", list({"x/y/z=1", "x/l->y"}), list({"x=1"}), list({"delete x", "add x"}));
+        row("link becomes file", list({"x->y", "y=1"}), list({"x=2", "y=1"}),
+            list({"delete-symlink x", "add x"}));
+        row("file becomes link", list({"x=1", "y=1"}), list({"x->y", "y=1"}),
+            list({"delete x", "create-symlink x"}));
+        row("link becomes folder", list({"x->y", "y/a=1"}), list({"x/b=2", "y/a=1"}),
+            list({"delete-symlink x", "adddirectory x", "add x/b"}));
+        row("folder becomes link", list({"x/a=1", "y/a=1"}), list({"x->y", "y/a=1"}),
+            list({"delete x", "create-symlink x"}));
+        row("link gets another target", list({"l->a", "a=1"}), list({"l->b", "a=1"}),
+            list({"delete-symlink l", "create-symlink l"}));
+        row("empty folders come and go", list({"old/"}), list({"new/deep/"}),
+            list({"delete old", "adddirectory new", "adddirectory new/deep"}));
+        row("names around a removed folder", list({"a/b=1", "a/l->b", "a-b/c=1", "a.b=1"}), {},
+            list({"delete a", "delete a-b", "delete a.b"}));
+        row("nested additions", {}, list({"a/b/c/d=1", "a/b/l->c"}),
+            list({"adddirectory a", "adddirectory a/b", "adddirectory a/b/c", "add a/b/c/d",
+                  "create-symlink a/b/l"}));
+        row("awkward names", list({"it's $HOME & \"x\"\n=1"}), list({"Größe (2);`x`=1"}),
+            list({"delete it's $HOME & \"x\"\n", "add Größe (2);`x`"}));
+        row("dangling and outward links", {}, list({"l->../../x", "m->/dev/null"}),
+            list({"create-symlink l", "create-symlink m"}));
+        row("to and from empty", list({"a=", "b=1"}), list({"a=1", "b="}), list({"add a", "add b"}));
+        const QString text = words("line of a text that does not change ", 500);
+        row("delta where smaller", {QLatin1String("a=") + text}, {QLatin1String("a=") + text + u'!'},
+            list({"patch a"}));
+        row("whole where smaller", list({"a=something wholly different"}), list({"a=zzz"}), list({"add a"}));
+        row("an executable is always a delta", list({"*a=something wholly different"}), list({"*a=zzz"}),
+            list({"patch a"}));
+        row("a file that becomes executable is, too", list({"a=1"}), list({"*a=2"}), list({"patch a"}));
+        row("an executable that stays needs nothing", list({"a=1"}), list({"*a=1"}), {});
+    }
+
+    void changes()
+    {
+        QFETCH(QStringList, before);
+        QFETCH(QStringList, after);
+        QFETCH(QStringList, commands);
+        const TemporaryTree tree;
+        makeTree(tree, QStringLiteral("old.app"), before);
+        makeTree(tree, QStringLiteral("new.app"), after);
+        const QString oldBundle = tree.path(QStringLiteral("old.app"));
+        const QString newBundle = tree.path(QStringLiteral("new.app"));
+        const QString patch = tree.path(QStringLiteral("patch"));
+
+        PatchSummary summary;
+        const ZELError error = makePatch(oldBundle, newBundle, patch, {}, summary);
+        QVERIFY2(!error, qPrintable(error.message));
+        PatchFile file;
+        QVERIFY(!PatchFile::read(patch, file));
+        QStringList made;
+        for (const PatchCommand &command : file.commands)
+            made.append(wordOf(command.action) + u' ' + command.path);
+        QCOMPARE(made, commands);
+
+        QVariantList log;
+        const QString built = tree.path(QStringLiteral("built.app"));
+        QVERIFY(ZELUpdaterApplyPatch(oldBundle, built, patch, log));
+        QCOMPARE(listing(built), listing(newBundle));
+        for (const QString &item : after) {
+            if (item.startsWith(u'*'))
+                QCOMPARE(TemporaryTree::mode(built + u'/' + item.mid(1).section(u'=', 0, 0)), 0755);
+        }
+        QCOMPARE(QDir(tree.path()).entryList(QDir::Hidden | QDir::Dirs | QDir::NoDotAndDotDot).size(), 3);
+    }
+
+    void lostModes()
+    {
+        const TemporaryTree tree;
+        makeTree(tree, QStringLiteral("old.app"), {QStringLiteral("link->x")});
+        makeTree(tree, QStringLiteral("new.app"), {QStringLiteral("*link=1"), QStringLiteral("*tool=1")});
+        const QString patch = tree.path(QStringLiteral("patch"));
+        PatchSummary summary;
+        PatchMakerOptions options;
+        const auto make = [&] {
+            summary = {};
+            return makePatch(tree.path(QStringLiteral("old.app")), tree.path(QStringLiteral("new.app")),
+                             patch, options, summary);
+        };
+        const ZELError error = make();
+        QVERIFY(error.message.contains(QLatin1String("link, tool")));
+        QVERIFY(error.message.contains(QLatin1String("--allow-lost-modes")));
+        QVERIFY(!QFileInfo::exists(patch));
+        options.allowLostModes = true;
+        QVERIFY(!make());
+        QCOMPARE(summary.lostModes, (QStringList{QStringLiteral("link"), QStringLiteral("tool")}));
+    }
+
+    void refusals_data()
+    {
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("fifo") << QStringLiteral("neither a file");
+        QTest::newRow("name") << QStringLiteral("not UTF-8");
+        QTest::newRow("gone") << QStringLiteral("cannot read the bundle");
+    }
+
+    // What was at the patch's place stays there.
+    void refusals()
+    {
+        QFETCH(QString, reason);
+        const TemporaryTree tree;
+        makeTree(tree, QStringLiteral("old.app"), {QStringLiteral("a=1")});
+        makeTree(tree, QStringLiteral("new.app"), {QStringLiteral("a=1")});
+        const QByteArray bundle = tree.path(QStringLiteral("new.app")).toUtf8();
+        if (qstrcmp(QTest::currentDataTag(), "fifo") == 0)
+            QCOMPARE(::mkfifo((bundle + "/fifo").constData(), 0644), 0);
+        else if (qstrcmp(QTest::currentDataTag(), "name") == 0)
+            QCOMPARE(::symlink("x", (bundle + "/\xff\xfe").constData()), 0);
+        else
+            QDir(QString::fromUtf8(bundle)).removeRecursively();
+        const QString patch = tree.write(QStringLiteral("patch"), "an earlier patch");
+        PatchSummary summary;
+        const ZELError error =
+            makePatch(tree.path(QStringLiteral("old.app")), QString::fromUtf8(bundle), patch, {}, summary);
+        QVERIFY2(error.message.contains(reason), qPrintable(error.message));
+        QCOMPARE(tree.read(QStringLiteral("patch")), QByteArray("an earlier patch"));
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_PatchMaker)
+#include "tst_PatchMaker.moc"

@@ -1,0 +1,295 @@
+// The command line as scripts see it: exit statuses, what goes to which stream, the JSON forms.
+#include "TemporaryTree.h"
+#include "TestCertificate.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTcpSocket>
+
+namespace {
+
+struct Outcome {
+    int status;
+    QByteArray out;
+    QByteArray err;
+
+    /// The one JSON value on standard output; an array of it, so that any value fits.
+    QJsonValue json() const
+    {
+        const QJsonArray values = QJsonDocument::fromJson('[' + out + ']').array();
+        return values.size() == 1 && out.count('\n') == 1 ? values[0] : QJsonValue(QJsonValue::Undefined);
+    }
+};
+
+QByteArray http(const QUrl &server, const QByteArray &request)
+{
+    QTcpSocket socket;
+    socket.connectToHost(server.host(), quint16(server.port()));
+    socket.waitForConnected();
+    socket.write(request);
+    QByteArray reply;
+    while (socket.waitForReadyRead(10000))
+        reply += socket.readAll();
+    return reply + socket.readAll();
+}
+
+} // namespace
+
+class tst_commands : public QObject
+{
+    Q_OBJECT
+
+    Outcome run(QStringList arguments) const
+    {
+        for (QString &argument : arguments)
+            argument.replace(QLatin1String("{}"), m_tree.path());
+        QProcess process;
+        process.start(QStringLiteral(ZELUPDATER), arguments);
+        if (!process.waitForFinished(120000))
+            qFatal("zelupdater does not end: %s", qPrintable(arguments.join(u' ')));
+        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+                process.readAllStandardOutput(), process.readAllStandardError()};
+    }
+
+    Outcome run(const char *line) const { return run(QString::fromUtf8(line).split(u'|')); }
+
+    void makeBundle(const QString &name, const QByteArray &build)
+    {
+        m_tree.write(
+            name + QStringLiteral("/Contents/Info.plist"),
+            "<plist version=\"1.0\"><dict><key>CFBundleVersion</key><string>" + build
+                + "</string><key>CFBundleShortVersionString</key><string>1.0</string></dict></plist>");
+        m_tree.write(name + QStringLiteral("/Contents/MacOS/example"),
+                     QByteArray("program ").repeated(5000) + build, 0755);
+    }
+
+private slots:
+    void initTestCase()
+    {
+        makeTestCertificate(m_tree.path(), QStringLiteral("maker"));
+        makeBundle(QStringLiteral("100/My App.app"), "100");
+        makeBundle(QStringLiteral("101/My App.app"), "101");
+        m_tree.write(QStringLiteral("a"), QByteArray("some text ").repeated(50));
+        m_tree.write(QStringLiteral("b"), QByteArray("some text ").repeated(50) + "and more");
+        m_tree.write(QStringLiteral("chunk"), QByteArray(32768, 'x'));
+        m_tree.write(QStringLiteral("short"), "BSDIFN40");
+        m_tree.write(QStringLiteral("notes.html"), "<h1>Notes</h1>");
+        for (const char *build : {"100", "101"}) {
+            const QString bundle = QStringLiteral("{}/%1/My App.app").arg(QLatin1String(build));
+            QCOMPARE(
+                run({QStringLiteral("sign"), bundle, QStringLiteral("--key"), QStringLiteral("{}/maker.key"),
+                     QStringLiteral("--cert"), QStringLiteral("{}/maker.crt")})
+                    .status,
+                0);
+        }
+        QCOMPARE(run("make-patch|{}/100/My App.app|{}/101/My App.app|{}/good.patch").status, 0);
+    }
+
+    void outcomes_data()
+    {
+        QTest::addColumn<QString>("line"); // arguments between bars; {} is the folder of the test
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("out"); // regular expressions
+        QTest::addColumn<QString>("err");
+
+        const auto row = [](const char *line, int status, const char *out, const char *err) {
+            QTest::newRow(line) << QString::fromUtf8(line) << status << QString::fromUtf8(out)
+                                << QString::fromUtf8(err);
+        };
+        row("", 2, "^$", "^Usage: ");
+        row("--help", 0, "^Usage: [^$]*make-patch", "^$");
+        row("frobnicate", 2, "^$", "there is no command 'frobnicate'");
+        row("diff|--help", 0, "^Usage: zelupdater diff OLD NEW DELTA", "^$");
+        row("diff|{}/a|{}/b", 2, "^$",
+            "3 arguments are needed, 2 given\nUsage: zelupdater diff OLD NEW DELTA");
+        row("diff|{}/a|{}/b||", 2, "^$", "arguments");
+        row("diff|{}/a|{}/b|{}/d|--frob", 2, "^$", "Unknown option 'frob'");
+        row("diff|{}/none|{}/b|{}/d", 1, "^$", "zelupdater diff: there is no file .*/none\n$");
+        row("diff|{}|{}/b|{}/d", 1, "^$", "is not a file");
+        row("diff|{}/a|{}/b|{}/none/d", 1, "^$", "cannot create .*No such file or directory");
+        row("diff|{}/a|{}/b|{}/delta", 0, "delta: \\d+ bytes\n$", "^$");
+        row("patch|{}/a|{}/built|{}/delta", 0, "built: 508 bytes", "^$");
+        row("patch|{}/a|{}/built|{}/short", 1, "^$", "shorter than a delta's header");
+        row("patch|{}/a|{}/built|{}/chunk", 1, "^$", "could not be applied to .*/a\n$");
+        row("patch|{}/a|{}/built|{}/short|--json", 1, R"(^\{"error":".*"\}\n$)", "shorter");
+        row("md5|{}/b", 0, "^[0-9a-f]{32}\n$", "^$");
+        row("md5|{}/chunk", 0, "^\n$", "^$");
+        row("md5|{}/chunk|--json", 0, R"(^\{"md5":""\}\n$)", "^$");
+        row("md5|{}/none", 1, "^$", "there is no file");
+        row("make-patch|{}/100/My App.app|{}/none.app|{}/p", 1, "^$", "there is no bundle .*none.app");
+        row("make-patch|{}/100/My App.app|{}/a|{}/p", 1, "^$", "/a is not a folder");
+        row("make-patch|{}/100|{}/101/My App.app|{}/p", 1, "^$",
+            "Contents/MacOS/example; .*--allow-lost-modes");
+        row("make-patch|{}/100|{}/101/My App.app|{}/p|--allow-lost-modes", 0, "without their executable bit",
+            "^$");
+        row("apply-patch|{}/100/My App.app|{}/new.app|{}/good.patch", 0, "new.app is ready", "^$");
+        row("apply-patch|{}/100/My App.app|{}/new.app|{}/short", 1, "^$", "shorter than its header");
+        row("apply-patch|{}/101/My App.app|{}/new.app|{}/good.patch", 1, "^$", "Hash error: Contents/");
+        row("apply-patch|{}/none.app|{}/new.app|{}/good.patch", 1, "^$", "there is no .*none.app");
+        row("test-patch|{}/100/My App.app|{}/new.app|{}/good.patch|{}/101/My App.app", 0,
+            "Successfully patched", "^$");
+        row("test-patch|{}/100/My App.app|{}/new.app|{}/good.patch|{}/100/My App.app", 1, "^$",
+            "Patching failed");
+        row("test-patch|{}/100/My App.app|{}/new.app|{}/good.patch|{}/none.app", 1, "^$",
+            "there is no bundle");
+        row("inspect-patch|{}/good.patch", 0, "patch +\\d+ +\\d+  Contents/MacOS/example\n", "^$");
+        row("inspect-patch|{}/chunk", 1, "^$", "is not a bundle patch");
+        row("sign|{}/100/My App.app|--key|{}/maker.key", 2, "^$", "--cert is missing");
+        row("sign|{}/100/My App.app|--key|{}/maker.key|--cert|{}/a", 1, "^$", "/a");
+        row("verify|{}/100/My App.app", 0, "is valid", "^$");
+        row("verify|{}/100/My App.app|--signer|00", 1, "^$", ".");
+        row("verify|{}/100", 1, "^$", ".");
+        row("check|--url|http://127.0.0.1:9/", 2, "^$", "--build is missing");
+        row("check|--url|ftp://h/|--build|1", 2, "^$", "--url takes an http or https address");
+        row("check|--url|http://127.0.0.1:9/|--build|one", 2, "^$", "--build takes a whole number");
+        row("check|--url|http://127.0.0.1:9/|--build|1", 1, "^$",
+            "Unknown Error: no usable answer from http://127.0.0.1:9/");
+        row("update|--url|http://127.0.0.1:9/|--path|{}/none.app", 1, "^$", "none.app is not a bundle");
+        row("release|{}/none.app|{}/r0", 1, "^$", "is not a bundle");
+        row("release|{}/a|{}/r0", 1, "^$", "is not a bundle");
+        row("release|{}/100|{}/r0", 1, "^$", "CFBundleVersion");
+        row("release|{}/100/My App.app|{}/r0|--notes|{}/none.html", 1, "My App-100.zip",
+            "cannot read the notes .*none.html");
+        row("release|{}/100/My App.app|{}/a", 1, "^$", "cannot make the folder");
+        row("serve|{}/none", 1, "^$", "is not a folder");
+        row("serve|{}|--port|99999", 2, "^$", "--port takes a whole number from 0 to 65535");
+    }
+
+    void outcomes()
+    {
+        QFETCH(QString, line);
+        QFETCH(int, status);
+        QFETCH(QString, out);
+        QFETCH(QString, err);
+        const Outcome outcome = run(line.isEmpty() ? QStringList() : line.split(u'|'));
+        QVERIFY2(QRegularExpression(out).match(QString::fromUtf8(outcome.out)).hasMatch(),
+                 outcome.out.constData());
+        QVERIFY2(QRegularExpression(err).match(QString::fromUtf8(outcome.err)).hasMatch(),
+                 outcome.err.constData());
+        QCOMPARE(outcome.status, status);
+    }
+
+    void applyPatchPrintsItsLog()
+    {
+        const Outcome good = run("apply-patch|{}/100/My App.app|{}/new.app|{}/good.patch|--json");
+        QCOMPARE(good.status, 0);
+        QCOMPARE(good.json()[0][QLatin1String("description")], QJsonValue(QStringLiteral("Starting Patch")));
+
+        const Outcome bad = run("apply-patch|{}/101/My App.app|{}/new.app|{}/good.patch|--json");
+        QCOMPARE(bad.status, 1);
+        const QJsonArray log = bad.json().toArray();
+        const QJsonObject fault = log[log.size() - 2].toObject();
+        QCOMPARE(fault[QLatin1String("description")], QJsonValue(QStringLiteral("Hash error")));
+        const QByteArray original =
+            QByteArray::fromBase64(fault[QLatin1String("original")].toString().toLatin1());
+        QCOMPARE(original,
+                 m_tree.read(QStringLiteral("101/My App.app/") + fault[QLatin1String("file")].toString()));
+        QVERIFY(fault[QLatin1String("new")].isString());
+    }
+
+    // The parts of a patch file are what other tools of the platform can read.
+    void patchFileIsReadable()
+    {
+        const QByteArray file = m_tree.read(QStringLiteral("good.patch"));
+        const qsizetype size = file.first(32).replace('\0', "").toLongLong();
+        m_tree.write(QStringLiteral("manifest.xz"), file.mid(32, size));
+        m_tree.write(QStringLiteral("payload.xz"), file.mid(32 + size));
+        for (const char *part : {"manifest", "payload"}) {
+            QProcess xz;
+            xz.start(QStringLiteral("xz"),
+                     {QStringLiteral("-dk"), m_tree.path(QLatin1String(part) + QLatin1String(".xz"))});
+            QVERIFY(xz.waitForFinished() && xz.exitCode() == 0);
+        }
+        const QJsonDocument manifest = QJsonDocument::fromJson(m_tree.read(QStringLiteral("manifest")));
+        QVERIFY(!manifest[QLatin1String("commands")].toArray().isEmpty());
+        for (const QJsonValue command : manifest[QLatin1String("commands")].toArray()) {
+            if (command[QLatin1String("actions")][0] == QLatin1String("patch"))
+                QCOMPARE(m_tree.read(QStringLiteral("payload"))
+                             .mid(command[QLatin1String("position")].toInteger(), 8),
+                         QByteArray("BSDIFN40"));
+        }
+    }
+
+    void releasesAreServedAndInstalled()
+    {
+        QCOMPARE(run("release|{}/100/My App.app|{}/releases").status, 0);
+        const Outcome second =
+            run("release|{}/101/My App.app|{}/releases|--notes|{}/notes.html|--beta|--json");
+        QCOMPARE(second.status, 0);
+        QCOMPARE(second.json()[QLatin1String("patches")][0][QLatin1String("build")], QJsonValue(100));
+        QVERIFY(run("release|{}/101/My App.app|{}/releases").err.contains("build 101 is already in"));
+
+        QProcess server;
+        server.start(QStringLiteral(ZELUPDATER),
+                     {QStringLiteral("serve"), m_tree.path(QStringLiteral("releases")),
+                      QStringLiteral("--port"), QStringLiteral("0"), QStringLiteral("--json")});
+        QVERIFY(server.waitForReadyRead(30000));
+        const QUrl url(QJsonDocument::fromJson(server.readLine())[QLatin1String("url")].toString());
+        QVERIFY(url.port() > 0);
+        const auto client = [&](QStringList words) {
+            words << QStringLiteral("--url") << url.toString() << QStringLiteral("--json");
+            return run(words);
+        };
+        const QString installed = QStringLiteral("{}/100/My App.app");
+
+        // The beta build is offered only to those who ask for it.
+        const QStringList check{QStringLiteral("check"), QStringLiteral("--build"), QStringLiteral("100"),
+                                QStringLiteral("--path"), installed};
+        QCOMPARE(client(check).json()[QLatin1String("status")], QJsonValue(2));
+        const QJsonValue offer = client(QStringList(check) << QStringLiteral("--beta")).json();
+        QCOMPARE(offer[QLatin1String("text")], QJsonValue(QStringLiteral("Update Available")));
+        const QJsonValue result = offer[QLatin1String("result")];
+        QCOMPARE(result[QLatin1String("patch")][QLatin1String("build")], QJsonValue(100));
+
+        const QStringList update{QStringLiteral("update"), QStringLiteral("--path"), installed,
+                                 QStringLiteral("--staging"), QStringLiteral("{}/staging")};
+        QCOMPARE(client(update).json()[QLatin1String("text")], QJsonValue(QStringLiteral("No Updates")));
+        const Outcome done = client(QStringList(update) << QStringLiteral("--beta"));
+        QCOMPARE(done.status, 0);
+        const QString path = done.json()[QLatin1String("path")].toString();
+        QVERIFY2(path.endsWith(QLatin1String("/Patched-100.app")), done.out.constData());
+        QCOMPARE(TemporaryTree::contents(path + QStringLiteral("/Contents/MacOS/example")),
+                 m_tree.read(QStringLiteral("101/My App.app/Contents/MacOS/example")));
+
+        serverAnswers(url, result[QLatin1String("update")].toObject());
+        server.kill();
+        server.waitForFinished();
+    }
+
+private:
+    void serverAnswers(const QUrl &url, const QJsonObject &record)
+    {
+        const QByteArray close = " HTTP/1.1\r\nHost: example.test:1\r\nConnection: close\r\n";
+        const QByteArray file =
+            QUrl(record[QLatin1String("file")].toString()).path(QUrl::FullyEncoded).toLatin1();
+        const QByteArray zip = m_tree.read(QStringLiteral("releases/My App-101.zip"));
+        const QByteArray range = http(url, "GET " + file + close + "Range: bytes=10-19\r\n\r\n");
+        QVERIFY2(range.startsWith("HTTP/1.1 206") && range.endsWith(zip.mid(10, 10)), range.constData());
+
+        const QByteArray notes =
+            QUrl(record[QLatin1String("history")].toString()).path(QUrl::FullyEncoded).toLatin1();
+        const QByteArray post = close + "Content-Length: 2\r\n\r\n{}";
+        QVERIFY(http(url, "POST " + notes + post).endsWith("<h1>Notes</h1>"));
+        // Addresses are those that the client used to reach the server.
+        QVERIFY(http(url, "POST /any" + post).contains("\"http://example.test:1/My%20App-101.zip\""));
+
+        for (const char *path :
+             {"/none", "/../notes.html", "/%2e%2e/notes.html", "/..%2fnotes.html", "/logs/x", "//etc/passwd"})
+            QVERIFY2(http(url, QByteArray("GET ") + path + close + "\r\n").startsWith("HTTP/1.1 404"), path);
+
+        QVERIFY(http(url, "POST /wexmoor7/updates/patch/" + post).startsWith("HTTP/1.1 200"));
+        const QDir logs(m_tree.path(QStringLiteral("releases/logs")));
+        QCOMPARE(logs.entryList(QDir::Files).size(), 1);
+        const QByteArray garbage = close + "Content-Length: 2\r\n\r\n{[";
+        QVERIFY(http(url, "POST /wexmoor7/updates/patch/" + garbage).startsWith("HTTP/1.1 400"));
+        QCOMPARE(logs.entryList(QDir::Files).size(), 1);
+    }
+
+    const TemporaryTree m_tree;
+};
+
+QTEST_GUILESS_MAIN(tst_commands)
+#include "tst_commands.moc"

@@ -1,0 +1,108 @@
+#include "BundleTree.h"
+
+#include <QFile>
+
+#include <filesystem>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+namespace zel {
+
+namespace {
+
+// A manifest is JSON: what is not UTF-8 would come out as something else.
+bool isUtf8(const fs::path &path)
+{
+    return QFile::encodeName(QFile::decodeName(path.c_str())) == path.c_str();
+}
+
+ZELError readItem(const fs::directory_entry &entry, BundleItem &item)
+{
+    const QString path = QFile::decodeName(entry.path().c_str());
+    if (!isUtf8(entry.path()))
+        return ZELError::withMessage(QLatin1String("the name of ") + path + QLatin1String(" is not UTF-8"));
+    std::error_code error;
+    const fs::file_status status = entry.symlink_status(error);
+    if (fs::is_symlink(status)) {
+        item.kind = BundleItem::Link;
+        const fs::path target = fs::read_symlink(entry.path(), error);
+        item.target = QFile::decodeName(target.c_str());
+        if (!isUtf8(target))
+            return ZELError::withMessage(QLatin1String("the target of ") + path
+                                         + QLatin1String(" is not UTF-8"));
+    } else if (fs::is_directory(status)) {
+        item.kind = BundleItem::Folder;
+    } else if (fs::is_regular_file(status)) {
+        item.kind = BundleItem::File;
+        item.size = qint64(entry.file_size(error));
+        constexpr fs::perms execute = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
+        item.executable = (status.permissions() & execute) != fs::perms::none;
+    } else if (!error) {
+        return ZELError::withMessage(path + QLatin1String(" is neither a file, a folder nor a link"));
+    }
+    return error ? ZELError::fromErrno(QLatin1String("cannot read ") + path, error.value()) : ZELError();
+}
+
+bool sameItem(const QString &first, const BundleItem &a, const QString &second, const BundleItem &b)
+{
+    if (a.kind != b.kind || a.target != b.target)
+        return false;
+    return a.kind != BundleItem::File || (a.size == b.size && haveSameContent(first, second));
+}
+
+} // namespace
+
+ZELError readBundleTree(const QString &bundle, BundleTree &tree)
+{
+    const fs::path root = QFile::encodeName(bundle).toStdString();
+    std::error_code error;
+    fs::recursive_directory_iterator entries(root, error);
+    for (const fs::recursive_directory_iterator end; !error && entries != end; entries.increment(error)) {
+        BundleItem item;
+        if (const ZELError failed = readItem(*entries, item))
+            return failed;
+        tree[QFile::decodeName(entries->path().lexically_relative(root).c_str())] = item;
+    }
+    return error ? ZELError::fromErrno(QLatin1String("cannot read the bundle ") + bundle, error.value())
+                 : ZELError();
+}
+
+ZELError compareBundles(const QString &first, const QString &second, std::vector<QString> &differences)
+{
+    BundleTree a;
+    BundleTree b;
+    if (const ZELError error = readBundleTree(first, a))
+        return error;
+    if (const ZELError error = readBundleTree(second, b))
+        return error;
+    for (const auto &[path, item] : a) {
+        const auto other = b.find(path);
+        if (other == b.end() || !sameItem(first + u'/' + path, item, second + u'/' + path, other->second))
+            differences.push_back(path);
+    }
+    for (const auto &[path, item] : b) {
+        if (!a.contains(path))
+            differences.push_back(path);
+    }
+    return {};
+}
+
+bool haveSameContent(const QString &first, const QString &second)
+{
+    QFile a(first);
+    QFile b(second);
+    if (!a.open(QIODevice::ReadOnly | QIODevice::Unbuffered)
+        || !b.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+        return false;
+    constexpr qint64 step = 1 << 18;
+    for (;;) {
+        const QByteArray piece = a.read(step);
+        if (piece != b.read(step) || a.error() != QFile::NoError || b.error() != QFile::NoError)
+            return false;
+        if (piece.isEmpty())
+            return true;
+    }
+}
+
+} // namespace zel

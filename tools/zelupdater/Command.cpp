@@ -1,0 +1,147 @@
+#include "Command.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTextStream>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+void print(FILE *stream, const QString &line)
+{
+    const QByteArray bytes = line.toUtf8() + '\n';
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stream);
+    std::fflush(stream);
+}
+
+QString usageLine(const Command &command)
+{
+    QString line = QLatin1String("zelupdater ") + command.name;
+    for (const QString &name : command.positionals)
+        line += u' ' + name;
+    for (const QString &name : command.required) {
+        for (const QCommandLineOption &option : command.options) {
+            if (option.names().contains(name))
+                line += QLatin1String(" --") + name + u' ' + option.valueName();
+        }
+    }
+    return line + QLatin1String(" [options]");
+}
+
+} // namespace
+
+bool Arguments::parse(const QStringList &words)
+{
+    m_parser.addOptions(m_command.options);
+    m_parser.addOption({QStringLiteral("json"), QStringLiteral("Print one JSON value and nothing else.")});
+    m_parser.addOption({QStringLiteral("verbose"), QStringLiteral("Show the log on standard error.")});
+    m_parser.addOption({{QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help.")});
+    const bool understood = m_parser.parse(words);
+    if (m_parser.isSet(QStringLiteral("help"))) {
+        printHelp();
+        std::exit(Done);
+    }
+    const auto count = m_parser.positionalArguments().size();
+    if (!understood)
+        misused(m_parser.errorText());
+    else if (count != m_command.positionals.size())
+        misused(
+            QStringLiteral("%1 arguments are needed, %2 given").arg(m_command.positionals.size()).arg(count));
+    else if (m_parser.positionalArguments().contains(QLatin1String("")))
+        misused(QStringLiteral("an argument is empty"));
+    else {
+        for (const QString &name : m_command.required) {
+            if (value(name).isEmpty()) {
+                misused(QLatin1String("--") + name + QLatin1String(" is missing"));
+                return false;
+            }
+        }
+        return true;
+    }
+    return false;
+}
+
+std::optional<qint64> Arguments::number(const QString &option, qint64 least, qint64 most) const
+{
+    bool understood = false;
+    const qint64 number = value(option).toLongLong(&understood);
+    if (understood && number >= least && number <= most)
+        return number;
+    misused(QStringLiteral("--%1 takes a whole number from %2 to %3, not '%4'")
+                .arg(option, QString::number(least), QString::number(most), value(option)));
+    return std::nullopt;
+}
+
+int Arguments::done(const QString &text, const QJsonValue &value) const
+{
+    showProgress({});
+    if (json())
+        printJson(value);
+    else if (!text.isEmpty())
+        print(stdout, text);
+    return Done;
+}
+
+int Arguments::failed(const QString &message, const QJsonValue &value) const
+{
+    showProgress({});
+    print(stderr, QLatin1String("zelupdater ") + m_command.name + QLatin1String(": ") + message);
+    if (json())
+        printJson(value.isUndefined() ? QJsonObject{{QLatin1String("error"), message}} : value);
+    return JobFailed;
+}
+
+int Arguments::misused(const QString &message) const
+{
+    print(stderr,
+          QLatin1String("zelupdater ") + m_command.name + QLatin1String(": ") + message
+              + QLatin1String("\nUsage: ") + usageLine(m_command));
+    return WrongUsage;
+}
+
+void Arguments::say(const QString &line) const
+{
+    if (!json())
+        print(stdout, line);
+}
+
+void Arguments::showProgress(const QString &text)
+{
+    static const bool terminal = ::isatty(STDERR_FILENO) == 1;
+    if (!terminal)
+        return;
+    const QByteArray line = "\r\033[K" + text.toUtf8();
+    std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
+    std::fflush(stderr);
+}
+
+void Arguments::printHelp() const
+{
+    QString help = QLatin1String("Usage: ") + usageLine(m_command) + QLatin1String("\n\n") + m_command.summary
+        + QLatin1String("\n\nOptions:");
+    QList<QCommandLineOption> options = m_command.options;
+    options.append({QStringLiteral("json"), QStringLiteral("Print one JSON value and nothing else.")});
+    options.append({QStringLiteral("verbose"), QStringLiteral("Show the log on standard error.")});
+    for (const QCommandLineOption &option : options) {
+        const QString form = QLatin1String("  --") + option.names().constFirst()
+            + (option.valueName().isEmpty() ? QString() : u' ' + option.valueName());
+        help += u'\n' + form.leftJustified(24) + u' ' + option.description();
+    }
+    print(stdout, help);
+}
+
+void printJson(const QJsonValue &value)
+{
+    // QJsonDocument prints arrays and objects only; any other value goes through an array of one.
+    QByteArray text = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    text = text.sliced(1, text.size() - 2);
+    print(stdout, QString::fromUtf8(text));
+}
+
+QString sizeText(qint64 bytes)
+{
+    return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
+}

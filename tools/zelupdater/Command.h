@@ -1,0 +1,78 @@
+// The frame of the tool's commands: what each takes, and how it reports.
+#pragma once
+
+#include <QCommandLineParser>
+#include <QJsonValue>
+#include <QStringList>
+
+#include <vector>
+
+class Arguments;
+
+/// Exit statuses.
+enum ExitStatus { Done = 0, JobFailed = 1, WrongUsage = 2 };
+
+struct Command {
+    QString name;
+    QStringList positionals; ///< their names, as usage lines show them
+    QString summary;
+    QList<QCommandLineOption> options;
+    QStringList required; ///< the options that must be given
+    int (*run)(const Arguments &arguments);
+};
+
+/// All commands, in the order in which help shows them.
+const std::vector<Command> &allCommands();
+
+/// The parsed arguments of one command, and its two ways to end.
+///
+/// With --json, exactly one JSON value goes to standard output, whether the job was done or failed. Without it, text
+/// goes to standard output; errors go to standard error, one line each, in both cases.
+class Arguments
+{
+public:
+    explicit Arguments(const Command &command)
+        : m_command(command)
+    {
+    }
+
+    /// Wrong usage is reported and gives false.
+    bool parse(const QStringList &words);
+
+    QString positional(int index) const { return m_parser.positionalArguments().at(index); }
+    bool isSet(const QString &option) const { return m_parser.isSet(option); }
+    QString value(const QString &option) const { return m_parser.value(option); }
+    QStringList values(const QString &option) const { return m_parser.values(option); }
+
+    /// An option's whole number; reports wrong usage and gives nothing when it is not one between `least` and `most`.
+    std::optional<qint64> number(const QString &option, qint64 least, qint64 most) const;
+
+    bool json() const { return isSet(QStringLiteral("json")); }
+
+    /// Ends a command that did its job: prints `text`, or `value` with --json.
+    int done(const QString &text, const QJsonValue &value) const;
+
+    /// Ends a command that failed; `value` is printed with --json, {"error": message} when it is not given.
+    int failed(const QString &message, const QJsonValue &value = QJsonValue::Undefined) const;
+
+    /// Ends a command that was called in a wrong way.
+    int misused(const QString &message) const;
+
+    /// Prints a line of text on standard output at once; nothing with --json.
+    void say(const QString &line) const;
+
+    /// Shows, on a terminal, how far a long job is; nothing when standard error is not one. An empty text clears it.
+    static void showProgress(const QString &text);
+
+private:
+    void printHelp() const;
+
+    const Command &m_command;
+    QCommandLineParser m_parser;
+};
+
+/// Prints one JSON value, compact, and a newline.
+void printJson(const QJsonValue &value);
+
+/// A size for people, such as "12.3 MB".
+QString sizeText(qint64 bytes);

@@ -1,0 +1,16 @@
+// The commands, grouped by what they work on.
+#pragma once
+
+#include "Command.h"
+
+std::vector<Command> deltaCommands(); // diff, patch, md5
+std::vector<Command> patchCommands(); // make-patch, apply-patch, test-patch, inspect-patch
+std::vector<Command> sealCommands(); // sign, verify
+std::vector<Command> updateCommands(); // check, update
+std::vector<Command> publishCommands(); // release, serve
+
+/// Shows on a terminal what the patch maker is at.
+void showPatchProgress(const QString &step, qint64 done, qint64 total);
+
+/// --signer, for the commands that check seals.
+QCommandLineOption signerOption();

@@ -1,0 +1,205 @@
+#include "Commands.h"
+#include "PatchFile.h"
+#include "PatchLog.h"
+#include "PatchMaker.h"
+#include "ZELUpdaterApplyPatch.h"
+#include "ZELUpdaterTestPatch.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonObject>
+
+using namespace zel;
+
+namespace {
+
+QString absolute(const QString &path)
+{
+    return QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+}
+
+QString notABundle(const QString &path)
+{
+    if (!QFileInfo::exists(path))
+        return QLatin1String("there is no bundle ") + path;
+    return QFileInfo(path).isDir() ? QString() : path + QLatin1String(" is not a folder");
+}
+
+QString summaryText(const PatchSummary &summary)
+{
+    return QStringLiteral("%1: %2 patched, %3 added, %4 removed, %5 folders, %6 links")
+        .arg(sizeText(summary.size))
+        .arg(summary.patched)
+        .arg(summary.added)
+        .arg(summary.removed)
+        .arg(summary.folders)
+        .arg(summary.links);
+}
+
+QJsonObject summaryJson(const PatchSummary &summary)
+{
+    return {{QLatin1String("size"), summary.size},
+            {QLatin1String("patched"), summary.patched},
+            {QLatin1String("added"), summary.added},
+            {QLatin1String("removed"), summary.removed},
+            {QLatin1String("folders"), summary.folders},
+            {QLatin1String("links"), summary.links},
+            {QLatin1String("lostModes"), QJsonArray::fromStringList(summary.lostModes)}};
+}
+
+int runMakePatch(const Arguments &arguments)
+{
+    const QString oldBundle = absolute(arguments.positional(0));
+    const QString newBundle = absolute(arguments.positional(1));
+    const QString patch = absolute(arguments.positional(2));
+    for (const QString &bundle : {oldBundle, newBundle}) {
+        if (const QString problem = notABundle(bundle); !problem.isNull())
+            return arguments.failed(problem);
+    }
+    PatchMakerOptions options;
+    options.allowLostModes = arguments.isSet(QStringLiteral("allow-lost-modes"));
+    options.progress = showPatchProgress;
+    PatchSummary summary;
+    if (const ZELError error = makePatch(oldBundle, newBundle, patch, options, summary))
+        return arguments.failed(error.message);
+    QString text = patch + QLatin1String(": ") + summaryText(summary);
+    if (!summary.lostModes.isEmpty())
+        text +=
+            QLatin1String("\nwithout their executable bit: ") + summary.lostModes.join(QLatin1String(", "));
+    return arguments.done(text, summaryJson(summary));
+}
+
+// The first entry that tells of a fault, with the file that it names.
+QString faultOf(const QVariantList &log)
+{
+    for (const QVariant &entry : log) {
+        const QVariantMap keys = entry.toMap();
+        const QString description = keys[QStringLiteral("description")].toString();
+        if (!description.contains(QLatin1String("rror")))
+            continue;
+        const QString file = keys[QStringLiteral("file")].toString();
+        return file.isEmpty() ? description : description + QLatin1String(": ") + file;
+    }
+    return {};
+}
+
+int runApplyPatch(const Arguments &arguments)
+{
+    const QString oldBundle = absolute(arguments.positional(0));
+    const QString newBundle = absolute(arguments.positional(1));
+    const QString patch = absolute(arguments.positional(2));
+    QVariantList log;
+    const bool applied = ZELUpdaterApplyPatch(oldBundle, newBundle, patch, log);
+    const QJsonArray json = patchLogJson(log);
+    if (applied)
+        return arguments.done(newBundle + QLatin1String(" is ready"), json);
+    QString why = faultOf(log);
+    if (why.isEmpty()) {
+        PatchFile file;
+        const ZELError error = PatchFile::read(patch, file);
+        why = error ? error.message : QStringLiteral("it names a path outside the bundle");
+    }
+    return arguments.failed(QStringLiteral("%1 could not be applied: %2").arg(patch, why), json);
+}
+
+int runTestPatch(const Arguments &arguments)
+{
+    const QString expected = absolute(arguments.positional(3));
+    if (const QString problem = notABundle(expected); !problem.isNull())
+        return arguments.failed(problem);
+    const bool matches =
+        ZELUpdaterTestPatch(absolute(arguments.positional(0)), absolute(arguments.positional(1)),
+                            absolute(arguments.positional(2)), expected);
+    const QJsonObject json{{QLatin1String("matches"), matches}};
+    if (matches)
+        return arguments.done(QStringLiteral("Successfully patched"), json);
+    return arguments.failed(QStringLiteral("Patching failed: the result differs from %1").arg(expected),
+                            json);
+}
+
+QString rowOf(const PatchCommand &command)
+{
+    const bool sliced = command.action == PatchAction::Add || command.action == PatchAction::Patch;
+    const QString action =
+        command.action == PatchAction::None ? QStringLiteral("(none)") : wordOf(command.action);
+    const QString length = sliced ? QString::number(command.length) : QString();
+    const QString position = sliced ? QString::number(command.position) : QString();
+    const QString target =
+        command.action == PatchAction::CreateSymlink ? QLatin1String(" -> ") + command.symlink : QString();
+    return QStringLiteral("%1 %2 %3  %4%5")
+        .arg(action.leftJustified(14), length.rightJustified(12), position.rightJustified(12), command.path,
+             target);
+}
+
+int runInspectPatch(const Arguments &arguments)
+{
+    PatchFile patch;
+    if (const ZELError error = PatchFile::read(arguments.positional(0), patch))
+        return arguments.failed(error.message);
+    const QString header =
+        QStringLiteral("%1 %2 %3  %4")
+            .arg(QStringLiteral("action").leftJustified(14), QStringLiteral("length").rightJustified(12),
+                 QStringLiteral("position").rightJustified(12), QStringLiteral("path"));
+    arguments.say(header);
+    QJsonArray commands;
+    std::map<PatchAction, std::pair<int, qint64>> totals;
+    for (const PatchCommand &command : patch.commands) {
+        arguments.say(rowOf(command));
+        commands.append(command.toJson());
+        auto &[count, bytes] = totals[command.action];
+        ++count;
+        bytes += command.length;
+    }
+    arguments.say(QString());
+    for (const auto &[action, total] : totals)
+        arguments.say(
+            QStringLiteral("%1 %2 (%3)").arg(total.first).arg(wordOf(action)).arg(sizeText(total.second)));
+    arguments.say(
+        QStringLiteral("manifest %1 compressed; payload %2 compressed, %3 in all")
+            .arg(sizeText(patch.manifestSize), sizeText(patch.payloadSize), sizeText(patch.payload.size())));
+    return arguments.done({},
+                          QJsonObject{{QLatin1String("commands"), commands},
+                                      {QLatin1String("manifestSize"), patch.manifestSize},
+                                      {QLatin1String("payloadSize"), patch.payloadSize},
+                                      {QLatin1String("payloadLength"), qint64(patch.payload.size())}});
+}
+
+} // namespace
+
+void showPatchProgress(const QString &step, qint64 done, qint64 total)
+{
+    const QString share = total > 0 ? QStringLiteral("%1 % ").arg(100 * done / total) : QString();
+    Arguments::showProgress(share + step);
+}
+
+std::vector<Command> patchCommands()
+{
+    const auto word = [](const char *text) { return QString::fromLatin1(text); };
+    return {
+        {word("make-patch"),
+         {word("OLD"), word("NEW"), word("PATCH")},
+         word("Make the bundle patch that turns one bundle into another, and prove it."),
+         {{word("allow-lost-modes"), word("Make it although new executables lose their executable bit.")}},
+         {},
+         runMakePatch},
+        {word("apply-patch"),
+         {word("OLD"), word("NEW"), word("PATCH")},
+         word("Build a bundle from an old one and a patch; what stands at NEW is replaced."),
+         {},
+         {},
+         runApplyPatch},
+        {word("test-patch"),
+         {word("OLD"), word("NEW"), word("PATCH"), word("EXPECTED")},
+         word("Apply a patch and compare the result's files with those of a reference bundle."),
+         {},
+         {},
+         runTestPatch},
+        {word("inspect-patch"),
+         {word("PATCH")},
+         word("Show a patch's commands, with sizes and totals."),
+         {},
+         {},
+         runInspectPatch},
+    };
+}

@@ -1,0 +1,35 @@
+// Making a bundle patch out of two bundles.
+#pragma once
+
+#include "ZELError.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+
+namespace zel {
+
+struct PatchMakerOptions {
+    bool allowLostModes = false; ///< make the patch although executables lose their executable bit by it
+    std::function<void(const QString &step, qint64 done, qint64 total)> progress; ///< bytes; may be left out
+};
+
+struct PatchSummary {
+    qint64 size = 0; ///< of the patch file, in bytes
+    int removed = 0;
+    int folders = 0;
+    int links = 0;
+    int added = 0; ///< files that travel whole
+    int patched = 0; ///< files that travel as deltas
+    QStringList lostModes; ///< executables that arrive without their executable bit
+};
+
+/// Writes the patch file that turns the bundle `oldPath` into the bundle `newPath`, and proves it: the patch is applied
+/// to a copy and the outcome compared item by item, byte by byte, before the file gets its name. On an error nothing
+/// is left at `patchPath` that was not there before. Peak memory: about that of generating the largest changed file's
+/// delta (nine bytes per old byte, three per new byte), or of compressing the payload.
+ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
+                   const PatchMakerOptions &options, PatchSummary &summary);
+
+} // namespace zel

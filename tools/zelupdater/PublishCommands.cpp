@@ -1,0 +1,88 @@
+#include "Commands.h"
+#include "ReleaseFolder.h"
+#include "UpdateServer.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QUrl>
+
+using namespace zel;
+
+namespace {
+
+int runRelease(const Arguments &arguments)
+{
+    const QString bundle = QDir::cleanPath(QFileInfo(arguments.positional(0)).absoluteFilePath());
+    const QString folder = QDir::cleanPath(QFileInfo(arguments.positional(1)).absoluteFilePath());
+    ReleaseFolder::Options options;
+    options.notes = arguments.value(QStringLiteral("notes"));
+    options.arch = arguments.value(QStringLiteral("arch"));
+    options.beta = arguments.isSet(QStringLiteral("beta"));
+    options.patchOnly = arguments.isSet(QStringLiteral("patch-only"));
+    options.say = [&arguments](const QString &line) {
+        Arguments::showProgress({});
+        arguments.say(line);
+    };
+    options.progress = showPatchProgress;
+    QJsonObject record;
+    if (const ZELError error = ReleaseFolder(folder).add(bundle, options, record))
+        return arguments.failed(error.message);
+    return arguments.done(QStringLiteral("build %1 is released in %2")
+                              .arg(record[QLatin1String("build")].toInteger())
+                              .arg(folder),
+                          record);
+}
+
+int runServe(const Arguments &arguments)
+{
+    const QString folder = arguments.positional(0);
+    if (!QFileInfo(folder).isDir())
+        return arguments.failed(folder + QLatin1String(" is not a folder"));
+    const QString host = arguments.value(QStringLiteral("host"));
+    const auto port = arguments.number(QStringLiteral("port"), 0, 65535);
+    if (!port)
+        return WrongUsage;
+    UpdateServer server(QFileInfo(folder).absoluteFilePath(),
+                        [&arguments](const QString &line) { arguments.say(line); });
+    const int bound = server.bind(host, int(*port));
+    if (bound < 0)
+        return arguments.failed(
+            QStringLiteral("cannot listen on %1 port %2: choose another with --port").arg(host).arg(*port));
+    QUrl address;
+    address.setScheme(QStringLiteral("http"));
+    address.setHost(host);
+    address.setPort(bound);
+    address.setPath(QStringLiteral("/"));
+    arguments.done(QStringLiteral("Serving %1 on %2").arg(folder, address.toString()),
+                   QJsonObject{{QLatin1String("url"), address.toString()}, {QLatin1String("port"), bound}});
+    server.run();
+    return Done;
+}
+
+} // namespace
+
+std::vector<Command> publishCommands()
+{
+    const auto word = [](const char *text) { return QString::fromLatin1(text); };
+    return {
+        {word("release"),
+         {word("BUNDLE"), word("DIR")},
+         word("Add a sealed bundle to a release folder: archive, patches, record."),
+         {{word("notes"), word("The release notes, an HTML file."), word("FILE")},
+          {word("beta"), word("Offer the build to beta testers only.")},
+          {word("patch-only"), word("Offer the build only to installations that a patch can bring there.")},
+          {word("arch"), word("The processor that the build is for: x86, arm or all."), word("WORD")}},
+         {},
+         runRelease},
+        {word("serve"),
+         {word("DIR")},
+         word("Serve a release folder over HTTP."),
+         {{word("host"), word("The address to listen on; 127.0.0.1 unless given."), word("H"),
+           word("127.0.0.1")},
+          {word("port"), word("The port to listen on; 8080 unless given, 0 for a free one."), word("P"),
+           word("8080")}},
+         {},
+         runServe},
+    };
+}

@@ -1,0 +1,111 @@
+#include "BundleInfo.h"
+#include "Commands.h"
+#include "IntegerValue.h"
+#include "UpdateCheck.h"
+#include "UpdateDecision.h"
+#include "UpdateRun.h"
+#include "UpdateStatus.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QUrl>
+
+using namespace zel;
+
+namespace {
+
+bool isWebAddress(const QString &text)
+{
+    const QUrl url(text);
+    return (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"))
+        && !url.host().isEmpty();
+}
+
+// The configuration that the options describe; nothing after wrong usage, which is then reported.
+std::optional<QVariantMap> configOf(const Arguments &arguments)
+{
+    QVariantMap config{{QStringLiteral("url"), arguments.value(QStringLiteral("url"))}};
+    if (!isWebAddress(config[QStringLiteral("url")].toString())) {
+        arguments.misused(QStringLiteral("--url takes an http or https address"));
+        return std::nullopt;
+    }
+    if (arguments.isSet(QStringLiteral("build"))) {
+        const auto build = arguments.number(QStringLiteral("build"), 0, std::numeric_limits<qint64>::max());
+        if (!build)
+            return std::nullopt;
+        config[QStringLiteral("build")] = *build;
+    }
+    if (arguments.isSet(QStringLiteral("path")))
+        config[QStringLiteral("path")] =
+            QFileInfo(arguments.value(QStringLiteral("path"))).absoluteFilePath();
+    if (arguments.isSet(QStringLiteral("beta")))
+        config[QStringLiteral("beta")] = true;
+    return config;
+}
+
+int runCheck(const Arguments &arguments)
+{
+    const std::optional<QVariantMap> config = configOf(arguments);
+    if (!config)
+        return WrongUsage;
+    Decision decision;
+    checkForUpdates(*config, [&decision](qint64 status, const QVariantMap &result, const QVariant &) {
+        decision = {status, result};
+        QCoreApplication::quit();
+    });
+    QCoreApplication::exec();
+    const QString text = descriptionForStatus(decision.status);
+    const QJsonObject json{{QLatin1String("status"), decision.status},
+                           {QLatin1String("text"), text},
+                           {QLatin1String("result"), QJsonObject::fromVariantMap(decision.result)}};
+    if (decision.status == CheckFailed)
+        return arguments.failed(
+            text + QLatin1String(": no usable answer from ") + arguments.value(QStringLiteral("url")), json);
+    return arguments.done(
+        decision.status == UpdateAvailable ? text + QLatin1String(": ") + offerText(decision.result) : text,
+        json);
+}
+
+int runUpdate(const Arguments &arguments)
+{
+    std::optional<QVariantMap> config = configOf(arguments);
+    if (!config)
+        return WrongUsage;
+    const QString path = (*config)[QStringLiteral("path")].toString();
+    const std::optional<qint64> installed = bundleBuild(path);
+    if (!installed)
+        return arguments.failed(path + QLatin1String(" is not a bundle"));
+    if (!config->contains(QStringLiteral("build")))
+        (*config)[QStringLiteral("build")] = *installed;
+    UpdateRun run(*config, arguments);
+    return run.exec();
+}
+
+} // namespace
+
+std::vector<Command> updateCommands()
+{
+    const auto word = [](const char *text) { return QString::fromLatin1(text); };
+    const QCommandLineOption url(word("url"), word("The update server's check address."), word("URL"));
+    const QCommandLineOption build(word("build"), word("The installed build."), word("N"));
+    const QCommandLineOption path(word("path"), word("The installed bundle."), word("BUNDLE"));
+    const QCommandLineOption beta(word("beta"), word("Accept beta builds."));
+    const QCommandLineOption staging(word("staging"), word("Build the new bundle below this folder."),
+                                     word("DIR"));
+    return {
+        {word("check"),
+         {},
+         word("Ask an update server what is new."),
+         {url, build, path, beta},
+         {word("url"), word("build")},
+         runCheck},
+        {word("update"),
+         {},
+         word("Check, download, and build the new bundle beside the installed one."),
+         {url, build, path, beta, staging, signerOption()},
+         {word("url"), word("path")},
+         runUpdate},
+    };
+}

@@ -1,0 +1,134 @@
+#include "UpdateRun.h"
+
+#include "Command.h"
+#include "IntegerValue.h"
+#include "Queues.h"
+#include "StagingFolder.h"
+#include "UpdateCheck.h"
+#include "UpdateStatus.h"
+
+#include <QCoreApplication>
+#include <QFileInfo>
+#include <QJsonObject>
+
+using namespace zel;
+
+namespace {
+
+QString buildText(const QVariant &entry)
+{
+    return QString::number(integerValue(entry.toMap()[QStringLiteral("build")]));
+}
+
+QJsonObject outcome(qint64 status, const QString &text, const QString &path)
+{
+    return {{QLatin1String("status"), status},
+            {QLatin1String("text"), text},
+            {QLatin1String("path"), path.isNull() ? QJsonValue() : QJsonValue(path)}};
+}
+
+} // namespace
+
+QString offerText(const QVariantMap &result)
+{
+    const QVariantMap update = result[QStringLiteral("update")].toMap();
+    QString text = QLatin1String("build ") + buildText(update);
+    if (const QString version = update[QStringLiteral("version")].toString(); !version.isEmpty())
+        text += QLatin1String(" (version ") + version + u')';
+    if (const auto patch = result.constFind(QStringLiteral("patch")); patch != result.constEnd())
+        text += QLatin1String(", as a patch from build ") + buildText(*patch);
+    return text;
+}
+
+UpdateRun::UpdateRun(const QVariantMap &config, const Arguments &arguments)
+    : m_config(config)
+    , m_arguments(arguments)
+{
+    UpdateInstaller::Hooks hooks;
+    hooks.handleLog = [this](const QVariantList &log) { uploadLog(log); };
+    hooks.preparing = [this] {
+        onMainQueue([this] {
+            Arguments::showProgress({});
+            m_arguments.say(QStringLiteral(
+                "Applying the patch to a copy of the bundle, checking every hash and the seal"));
+        });
+    };
+    hooks.progress = [this](qint64 received, qint64 expected) { progressed(received, expected); };
+    m_installer = UpdateInstaller::create(hooks);
+    const QString staging = arguments.value(QStringLiteral("staging"));
+    m_installer->setSettings({m_config[QStringLiteral("path")].toString(),
+                              staging.isEmpty() ? stagingRoot() : QFileInfo(staging).absoluteFilePath(),
+                              arguments.values(QStringLiteral("signer"))});
+}
+
+int UpdateRun::exec()
+{
+    m_arguments.say(QLatin1String("Checking ") + m_config[QStringLiteral("url")].toString());
+    checkForUpdates(m_config, [this](qint64 status, const QVariantMap &result, const QVariant &) {
+        checked(status, result);
+    });
+    return QCoreApplication::exec();
+}
+
+void UpdateRun::checked(qint64 status, const QVariantMap &result)
+{
+    const QString text = descriptionForStatus(status);
+    if (status == CheckFailed)
+        return end(m_arguments.failed(text + QLatin1String(": no usable answer from the update server"),
+                                      outcome(status, text, {})));
+    if (status == NoUpdates)
+        return end(m_arguments.done(text, outcome(status, text, {})));
+    m_arguments.say(QLatin1String("Found ") + offerText(result));
+    m_startedWithPatch = result.contains(QStringLiteral("patch"));
+    if (m_startedWithPatch)
+        m_arguments.say(QStringLiteral("Downloading the bundle patch"));
+    m_installer->setUpdate(result);
+    // A failed transfer is reported off the main queue.
+    m_installer->downloadUpdate([this](qint64 downloadStatus, const QString &path) {
+        onMainQueue([this, downloadStatus, path] { installed(downloadStatus, path); });
+    });
+}
+
+void UpdateRun::progressed(qint64 received, qint64 expected)
+{
+    if (!m_toldFullArchive && !m_installer->update().contains(QStringLiteral("patch"))) {
+        m_toldFullArchive = true;
+        Arguments::showProgress({});
+        m_arguments.say(m_startedWithPatch
+                            ? QStringLiteral("The patch cannot be used: downloading the full archive instead")
+                            : QStringLiteral("Downloading the full archive"));
+    }
+    if (expected > 0)
+        Arguments::showProgress(
+            QStringLiteral("%1 %").arg(downloadFraction(received, expected) * 100, 0, 'f', 0));
+}
+
+void UpdateRun::uploadLog(const QVariantList &log)
+{
+    ++m_uploads;
+    const QString last =
+        log.isEmpty() ? QString() : log.last().toMap()[QStringLiteral("description")].toString();
+    m_arguments.say(QLatin1String("Sending the patch log to the update server; it ends in: ") + last);
+    uploadPatchLog(m_config, log, [this] {
+        --m_uploads;
+        if (m_exitStatus)
+            end(*m_exitStatus);
+    });
+}
+
+void UpdateRun::installed(qint64 status, const QString &path)
+{
+    const QString text = descriptionForDownloadStatus(status);
+    const QJsonObject json = outcome(status, text, path);
+    if (path.isNull())
+        end(m_arguments.failed(text, json));
+    else
+        end(m_arguments.done(text + QLatin1String(": ") + path, json));
+}
+
+void UpdateRun::end(int exitStatus)
+{
+    m_exitStatus = exitStatus;
+    if (m_uploads == 0)
+        QCoreApplication::exit(exitStatus);
+}

@@ -1,0 +1,37 @@
+// A whole update without a window: check, download, install, each step told in a line.
+#pragma once
+
+#include "UpdateInstaller.h"
+
+#include <QString>
+#include <QVariantMap>
+
+class Arguments;
+
+/// What a check result offers, in words: "build 101 (version 1.1), as a patch from build 100".
+QString offerText(const QVariantMap &result);
+
+class UpdateRun
+{
+public:
+    /// `config` as the host of a window would give it. Of the arguments, "staging" and "signer" are read.
+    UpdateRun(const QVariantMap &config, const Arguments &arguments);
+
+    /// Runs the update in an event loop and returns the exit status.
+    int exec();
+
+private:
+    void checked(qint64 status, const QVariantMap &result);
+    void progressed(qint64 received, qint64 expected);
+    void uploadLog(const QVariantList &log);
+    void installed(qint64 status, const QString &path);
+    void end(int exitStatus);
+
+    const QVariantMap m_config;
+    const Arguments &m_arguments;
+    std::shared_ptr<zel::UpdateInstaller> m_installer;
+    bool m_startedWithPatch = false;
+    bool m_toldFullArchive = false;
+    int m_uploads = 0; // running log uploads; the tool waits for them
+    std::optional<int> m_exitStatus;
+};

@@ -1,0 +1,49 @@
+// An update server for a release folder: for trying updates, and for small teams behind a proxy of theirs.
+#pragma once
+
+#include "ReleaseFolder.h"
+
+#include <QString>
+
+#include <functional>
+#include <memory>
+
+namespace httplib {
+class Server;
+struct Request;
+struct Response;
+} // namespace httplib
+
+namespace zel {
+
+/// Answers over HTTP:
+///  - GET of a file in the folder, with byte ranges; POST of one too, because that is how release notes are asked for;
+///  - POST to "/wexmoor7/updates/patch/": a patch log, stored as a file in the folder's "logs", which is never served;
+///  - any other POST: a check, answered with the feed, its addresses made absolute.
+class UpdateServer
+{
+public:
+    /// `said` gets one line per request, on the threads that serve them.
+    UpdateServer(const QString &folder, std::function<void(const QString &)> said);
+    ~UpdateServer();
+
+    /// Takes the address; port 0 takes a free one. Returns the port, or -1 when the address cannot be had.
+    int bind(const QString &host, int port);
+
+    /// Serves until the process ends.
+    void run();
+
+private:
+    void serveFile(const httplib::Request &request, httplib::Response &response) const;
+    void post(const httplib::Request &request, httplib::Response &response) const;
+    void storeLog(const httplib::Request &request, httplib::Response &response) const;
+    void answerCheck(const httplib::Request &request, httplib::Response &response) const;
+    QString servedFile(const std::string &path) const;
+
+    const QString m_folder;
+    const std::function<void(const QString &)> m_said;
+    QString m_address; // "http://host:port/"
+    std::unique_ptr<httplib::Server> m_server;
+};
+
+} // namespace zel
