@@ -1,0 +1,193 @@
+#include "ZELLocalization.h"
+
+#include <QCoreApplication>
+#include <QTranslator>
+#include <QtTest>
+
+#include <thread>
+
+using zel::localized;
+
+namespace {
+
+const QStringList keys{"Updater.Checking for Updates",
+                       "Updater.Cancel",
+                       "Updater.Downloading",
+                       "Updater.Connecting",
+                       "Updater.%@ completed",
+                       "Updater.Preparing update",
+                       "Updater.Error",
+                       "Updater.An error occurred while updating.",
+                       "Updater.Retry",
+                       "Updater.Up To Date",
+                       "Updater.No updates are available.",
+                       "Updater.Done",
+                       "Updater.Completed",
+                       "Updater.Updates were successfully installed.",
+                       "Updater.Install",
+                       "Updater.Skip"};
+
+const QStringList languages{"en", "de", "fr", "es", "it", "pt_BR", "nl",      "pl",     "ru",
+                            "uk", "tr", "ar", "he", "ja", "ko",    "zh_Hans", "zh_Hant"};
+
+} // namespace
+
+class tst_Localization : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase() { localized("Updater.Cancel"); } // makes the tables known
+    void cleanup() { zel::setLanguage({}); }
+
+    void tablesAreComplete()
+    {
+        QStringList faults;
+        for (const QString &language : languages) {
+            QTranslator table;
+            if (!table.load(":/ZELUpdater/texts/ZELUpdater_" + language + ".qm"))
+                faults << language + ": no table";
+            for (const QString &key : keys) {
+                const QString text = table.translate("ZELUpdater", key.toUtf8().constData());
+                if (text.isEmpty())
+                    faults << language + ": no text for \"" + key + '"';
+                else if (text.count("%@") != key.count("%@") || text.count('%') != key.count('%'))
+                    faults << language + ": other placeholders in \"" + text + "\" than in \"" + key + '"';
+                else if (text != text.trimmed() || text.startsWith("Updater."))
+                    faults << language + ": \"" + text + "\" is no text to show";
+            }
+        }
+        QVERIFY2(faults.isEmpty(), qPrintable('\n' + faults.join('\n')));
+    }
+
+    void englishIsTheKey()
+    {
+        zel::setLanguage("en");
+        for (const QString &key : keys)
+            QCOMPARE(localized(qPrintable(key)), key.mid(qstrlen("Updater.")));
+    }
+
+    void languageFallBacks_data()
+    {
+        QTest::addColumn<QString>("language");
+        QTest::addColumn<QString>("skip");
+        QTest::addColumn<Qt::LayoutDirection>("direction");
+
+        QTest::newRow("exact") << "de"
+                               << "Auslassen" << Qt::LeftToRight;
+        QTest::newRow("other country") << "de_AT"
+                                       << "Auslassen" << Qt::LeftToRight;
+        QTest::newRow("hyphens") << "de-Latn-AT"
+                                 << "Auslassen" << Qt::LeftToRight;
+        QTest::newRow("country of the table") << "pt_BR"
+                                              << "Pular" << Qt::LeftToRight;
+        QTest::newRow("country without a table") << "pt_PT"
+                                                 << "Pular" << Qt::LeftToRight;
+        QTest::newRow("language alone") << "pt"
+                                        << "Pular" << Qt::LeftToRight;
+        QTest::newRow("traditional by script") << "zh_Hant"
+                                               << "略過" << Qt::LeftToRight;
+        QTest::newRow("traditional by country") << "zh_TW"
+                                                << "略過" << Qt::LeftToRight;
+        QTest::newRow("traditional, another country") << "zh-HK"
+                                                      << "略過" << Qt::LeftToRight;
+        QTest::newRow("script decides over country") << "zh_Hans_TW"
+                                                     << "跳过" << Qt::LeftToRight;
+        QTest::newRow("simplified by default") << "zh"
+                                               << "跳过" << Qt::LeftToRight;
+        QTest::newRow("simplified by country") << "zh_SG"
+                                               << "跳过" << Qt::LeftToRight;
+        QTest::newRow("right to left") << "he_IL"
+                                       << "דילוג" << Qt::RightToLeft;
+        QTest::newRow("right to left without a table") << "fa_IR"
+                                                       << "Skip" << Qt::LeftToRight;
+        QTest::newRow("no language at all") << "C"
+                                            << "Skip" << Qt::LeftToRight;
+        QTest::newRow("nonsense") << "../../x_%1"
+                                  << "Skip" << Qt::LeftToRight;
+    }
+
+    void languageFallBacks()
+    {
+        QFETCH(QString, language);
+        QFETCH(Qt::LayoutDirection, direction);
+        zel::setLanguage(language);
+        QTEST(localized("Updater.Skip"), "skip");
+        QCOMPARE(zel::textDirection(), direction);
+    }
+
+    void languageOfTheUser()
+    {
+        QLocale::setDefault(QLocale("fr_CA"));
+        zel::setLanguage({});
+        QCOMPARE(localized("Updater.Cancel"), "Annuler");
+        QLocale::setDefault(QLocale::system());
+    }
+
+    void keyWhenNothingIsFound_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("table");
+        QTest::addColumn<QString>("bundle");
+        QTest::newRow("key") << "Updater.No such text"
+                             << "ZELUpdater" << QString();
+        QTest::newRow("empty key") << ""
+                                   << "ZELUpdater" << QString();
+        QTest::newRow("no ASCII") << "Überspringen"
+                                  << "ZELUpdater" << QString();
+        QTest::newRow("table") << "Updater.Cancel"
+                               << "Other" << QString();
+        QTest::newRow("no table") << "Updater.Cancel"
+                                  << "" << QString();
+        QTest::newRow("bundle") << "Updater.Cancel"
+                                << "ZELUpdater"
+                                << "/nowhere";
+    }
+
+    void keyWhenNothingIsFound()
+    {
+        QFETCH(QString, key);
+        QFETCH(QString, table);
+        QFETCH(QString, bundle);
+        zel::setLanguage("de");
+        QCOMPARE(ZELLocalizedStringFromTableInBundle(key, table, bundle, {}), key);
+    }
+
+    void bundleOnDisk()
+    {
+        QTemporaryDir bundle;
+        QVERIFY(QFile::copy(":/ZELUpdater/texts/ZELUpdater_tr.qm", bundle.filePath("ZELUpdater_de.qm")));
+        QVERIFY(QFile::copy(":/ZELUpdater/texts/ZELUpdater_it.qm", bundle.filePath("ZELUpdater_en.qm")));
+        const auto cancel = [&](const char *language) {
+            zel::setLanguage(language);
+            return ZELLocalizedStringFromTableInBundle("Updater.Cancel", "ZELUpdater", bundle.path(),
+                                                       "A button");
+        };
+        QCOMPARE(cancel("de_CH"), "İptal");
+        QCOMPARE(cancel("ja"), "Annulla");
+    }
+
+    void hostsTextsAreApart()
+    {
+        zel::setLanguage("de");
+        QCOMPARE(localized("Updater.Cancel"), "Abbrechen");
+        QCOMPARE(QCoreApplication::translate("ZELUpdater", "Updater.Cancel"), "Updater.Cancel");
+    }
+
+    void languageChangesWhileOthersRead()
+    {
+        std::vector<std::jthread> readers;
+        for (int i = 0; i < 4; ++i) {
+            readers.emplace_back([] {
+                for (int n = 0; n < 200; ++n)
+                    localized("Updater.Skip");
+            });
+        }
+        for (int n = 0; n < 20; ++n)
+            zel::setLanguage(n % 2 ? "de" : "fr");
+        readers.clear();
+        QCOMPARE(localized("Updater.Skip"), "Auslassen");
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_Localization)
+#include "tst_Localization.moc"

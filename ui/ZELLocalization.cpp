@@ -1,0 +1,169 @@
+#include "ZELLocalization.h"
+
+#include <QDir>
+#include <QHash>
+#include <QLocale>
+#include <QTranslator>
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+// The linker drops a resource that nothing refers to from a static library; the macro refuses to stand in a namespace.
+static void keepTables()
+{
+    Q_INIT_RESOURCE(ZELUpdaterTexts);
+}
+
+namespace zel {
+
+namespace {
+
+const char ownTable[] = "ZELUpdater";
+const char ownBundle[] = ":/ZELUpdater/texts";
+
+/// The languages that a bundle has `table` in, as their files name them.
+QStringList languagesOf(const QString &table, const QString &bundle)
+{
+    const QString prefix = table + '_';
+    QStringList languages;
+    for (const QString &file : QDir(bundle).entryList({"*.qm"}, QDir::Files, QDir::Name)) {
+        if (file.startsWith(prefix))
+            languages.append(file.sliced(prefix.size()).chopped(3));
+    }
+    return languages;
+}
+
+/// How well a table suits a reader: 0 when it is in another language.
+int suitability(const QLocale &table, const QLocale &reader)
+{
+    if (table.language() != reader.language())
+        return 0;
+    return 1 + 2 * int(table.script() == reader.script()) + int(table.territory() == reader.territory());
+}
+
+/// The language of `available` nearest to the first of `wanted` that has any; null when none has.
+QString nearestLanguage(const QStringList &wanted, const QStringList &available)
+{
+    for (const QString &reader : wanted) {
+        QString nearest;
+        int best = 0;
+        for (const QString &language : available) {
+            const int suits = suitability(QLocale(language), QLocale(reader));
+            if (suits > best) {
+                best = suits;
+                nearest = language;
+            }
+        }
+        if (best > 0)
+            return nearest;
+    }
+    return {};
+}
+
+/// One table in the language in use, with English behind it.
+class Table
+{
+public:
+    Table(const QString &name, const QString &bundle, const QStringList &wanted)
+        : m_name(name.toUtf8())
+        , m_language(nearestLanguage(wanted, languagesOf(name, bundle)))
+    {
+        for (const QString &language : {m_language, QStringLiteral("en")}) {
+            auto translator = std::make_unique<QTranslator>();
+            translator->moveToThread(nullptr); // it may outlive the thread that happened to look first
+            if (!language.isNull() && translator->load(bundle + '/' + name + '_' + language + ".qm"))
+                m_translators.push_back(std::move(translator));
+        }
+    }
+
+    QString language() const { return m_language; }
+
+    QString text(const QString &key) const
+    {
+        const QByteArray source = key.toUtf8();
+        for (const auto &translator : m_translators) {
+            const QString text = translator->translate(m_name.constData(), source.constData());
+            if (!text.isEmpty())
+                return text;
+        }
+        return key;
+    }
+
+private:
+    QByteArray m_name;
+    QString m_language;
+    std::vector<std::unique_ptr<QTranslator>> m_translators;
+};
+
+/// The tables that were asked for, and the language that they are in.
+class Tables
+{
+public:
+    static Tables &shared()
+    {
+        static Tables tables;
+        return tables;
+    }
+
+    QString text(const QString &key, const QString &name, const QString &bundle)
+    {
+        const std::lock_guard lock(m_mutex);
+        return table(name, bundle).text(key);
+    }
+
+    QString ownLanguage()
+    {
+        const std::lock_guard lock(m_mutex);
+        return table(ownTable, ownBundle).language();
+    }
+
+    void setLanguage(const QString &language)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_language = language;
+        m_tables.clear();
+    }
+
+private:
+    Tables() { keepTables(); }
+
+    const Table &table(const QString &name, const QString &bundle)
+    {
+        auto &table = m_tables[{bundle, name}];
+        if (!table)
+            table = std::make_shared<Table>(
+                name, bundle, m_language.isEmpty() ? QLocale().uiLanguages() : QStringList(m_language));
+        return *table;
+    }
+
+    std::mutex m_mutex;
+    QString m_language;
+    QHash<std::pair<QString, QString>, std::shared_ptr<Table>> m_tables;
+};
+
+} // namespace
+
+QString localized(const char *key)
+{
+    return Tables::shared().text(QString::fromUtf8(key), ownTable, ownBundle);
+}
+
+Qt::LayoutDirection textDirection()
+{
+    const QString language = Tables::shared().ownLanguage();
+    return language.isNull() ? Qt::LeftToRight : QLocale(language).textDirection();
+}
+
+void setLanguage(const QString &language)
+{
+    Tables::shared().setLanguage(language);
+}
+
+} // namespace zel
+
+QString ZELLocalizedStringFromTableInBundle(const QString &key, const QString &table, const QString &bundle,
+                                            const QString &)
+{
+    return zel::Tables::shared().text(key, table, bundle.isEmpty() ? QString(zel::ownBundle) : bundle);
+}
