@@ -1,0 +1,187 @@
+#include "ZELUpdaterButton.h"
+#include "AccessibleButton.h"
+#include "ButtonPainter.h"
+
+#include <QGraphicsEffect>
+#include <QKeyEvent>
+#include <QMouseEvent>
+#include <QPainter>
+
+namespace {
+
+constexpr qint64 primaryStyle = 1;
+
+zel::ButtonLook lookOf(const ZELUpdaterButton &button)
+{
+    return {button.style() == primaryStyle, button.isActive()};
+}
+
+// A widget cannot paint beyond its rectangle, an effect on it can: Qt then repaints what lies behind as well, in
+// whatever order and region.
+class Surround : public QGraphicsEffect
+{
+public:
+    explicit Surround(const ZELUpdaterButton &button)
+        : m_button(button)
+    {
+    }
+
+    QRectF boundingRectFor(const QRectF &rect) const override
+    {
+        return rect.marginsAdded(zel::buttonSurroundMargins);
+    }
+
+protected:
+    void draw(QPainter *painter) override
+    {
+        painter->save();
+        zel::drawButtonSurround(*painter, m_button.rect(), lookOf(m_button));
+        painter->restore();
+        drawSource(painter);
+    }
+
+private:
+    const ZELUpdaterButton &m_button;
+};
+
+// A page that was taken out of its window is its own window, in Qt's terms, which nobody has shown.
+bool isInWindow(const QWidget &page)
+{
+    return !page.isWindow() || page.isVisible();
+}
+
+// Until its window is shown for the first time Qt calls a widget hidden that nobody has hidden.
+bool isHiddenPage(const QWidget &page)
+{
+    const bool waitsForWindow =
+        !page.window()->isVisible() && !page.testAttribute(Qt::WA_WState_ExplicitShowHide);
+    return page.isHidden() && !waitsForWindow;
+}
+
+} // namespace
+
+ZELUpdaterButton::ZELUpdaterButton(QWidget *parent)
+    : QWidget(parent)
+{
+    zel::AccessibleButton::install();
+    setGraphicsEffect(new Surround(*this)); // the widget owns it
+}
+
+qint64 ZELUpdaterButton::style() const
+{
+    return m_style;
+}
+void ZELUpdaterButton::setStyle(qint64 style)
+{
+    m_style = style;
+}
+
+bool ZELUpdaterButton::isActive() const
+{
+    return m_isActive;
+}
+void ZELUpdaterButton::setIsActive(bool isActive)
+{
+    m_isActive = isActive;
+}
+
+QString ZELUpdaterButton::label() const
+{
+    return m_label;
+}
+void ZELUpdaterButton::setLabel(const QString &label)
+{
+    m_label = label;
+}
+
+std::function<void()> ZELUpdaterButton::onClick() const
+{
+    return m_onClick;
+}
+void ZELUpdaterButton::setOnClick(std::function<void()> onClick)
+{
+    m_onClick = std::move(onClick);
+}
+
+std::function<bool(ZELUpdaterButton *, QKeyEvent *)> ZELUpdaterButton::processKeyEvent() const
+{
+    return m_processKeyEvent;
+}
+
+void ZELUpdaterButton::setProcessKeyEvent(
+    std::function<bool(ZELUpdaterButton *, QKeyEvent *)> processKeyEvent)
+{
+    m_processKeyEvent = std::move(processKeyEvent);
+}
+
+bool ZELUpdaterButton::performKeyEquivalent(QKeyEvent *event)
+{
+    const QWidget *page = parentWidget();
+    if (!page || !isInWindow(*page) || isHiddenPage(*page) || event->type() != QEvent::KeyPress)
+        return false;
+    const auto process = m_processKeyEvent; // the callback may delete the button, and itself with it
+    return process && process(this, event);
+}
+
+QWidgetList ZELUpdaterButton::accessibilityChildren1() const
+{
+    return findChildren<QWidget *>(QString(), Qt::FindDirectChildrenOnly);
+}
+
+bool ZELUpdaterButton::accessibilityPerformPress()
+{
+    if (const auto action = m_onClick) // a copy, for it may delete the button
+        action();
+    return true;
+}
+
+void ZELUpdaterButton::mousePressEvent(QMouseEvent *event)
+{
+    if (event->button() == Qt::LeftButton)
+        showActive(true);
+    else
+        event->ignore();
+}
+
+void ZELUpdaterButton::mouseMoveEvent(QMouseEvent *event)
+{
+    if (!(event->buttons() & Qt::LeftButton))
+        return event->ignore();
+    const bool isInside = rect().contains(event->position().toPoint());
+    if (isInside != m_isActive)
+        showActive(isInside);
+}
+
+void ZELUpdaterButton::mouseReleaseEvent(QMouseEvent *event)
+{
+    if (event->button() != Qt::LeftButton)
+        return event->ignore();
+    showActive(false);
+    if (rect().contains(event->position().toPoint()))
+        accessibilityPerformPress();
+}
+
+// A button hidden under the pointer never hears of the release and must not come back pressed.
+void ZELUpdaterButton::hideEvent(QHideEvent *)
+{
+    if (m_isActive)
+        showActive(false);
+}
+
+void ZELUpdaterButton::paintEvent(QPaintEvent *)
+{
+    QPainter painter(this);
+    zel::drawButtonBody(painter, rect(), lookOf(*this), m_label);
+}
+
+void ZELUpdaterButton::showActive(bool isActive)
+{
+    m_isActive = isActive;
+    update();
+    if (!QAccessible::isActive())
+        return;
+    QAccessible::State changed;
+    changed.pressed = true;
+    QAccessibleStateChangeEvent event(this, changed);
+    QAccessible::updateAccessibility(&event);
+}
