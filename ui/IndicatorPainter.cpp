@@ -37,7 +37,7 @@ void drawTrack(QPainter &painter, const QRectF &track)
     painter.fillPath(groove, QColor::fromRgbF(0, 0, 0, 0.4f));
 }
 
-// The blue of the primary button, from `left` to `right` within the track and as round as its ends.
+// The blue of the primary button, from `left` to `right` and as round as the track, as far as the track reaches.
 void drawFill(QPainter &painter, const QRectF &track, qreal left, qreal right)
 {
     if (right - left < 0.01)
@@ -58,7 +58,9 @@ void drawBar(QPainter &painter, const QRectF &bounds, double fraction)
     painter.setRenderHint(QPainter::Antialiasing);
     const QRectF track = trackIn(painter, bounds);
     drawTrack(painter, track);
-    drawFill(painter, track, track.left(), track.left() + track.width() * fraction);
+    if (fraction > 0) // the first bit of progress shows as a whole dot
+        drawFill(painter, track, track.left(),
+                 track.left() + std::max(track.width() * fraction, track.height()));
 }
 
 void drawMovingBar(QPainter &painter, const QRectF &bounds, double time)
@@ -70,7 +72,6 @@ void drawMovingBar(QPainter &painter, const QRectF &bounds, double time)
     const double eased = QEasingCurve(QEasingCurve::InOutSine).valueForProgress(phase);
     const qreal length = track.width() * segmentShare;
     const qreal left = track.left() - length + eased * (track.width() + length);
-    painter.setClipRect(track, Qt::IntersectClip);
     drawFill(painter, track, left, left + length);
 }
 

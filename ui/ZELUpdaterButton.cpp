@@ -17,7 +17,7 @@ zel::ButtonLook lookOf(const ZELUpdaterButton &button)
 }
 
 // A widget cannot paint beyond its rectangle, an effect on it can: Qt then repaints what lies behind as well, in
-// whatever order and region.
+// whatever order and region. It draws the body too, for QWidget::render() moves what drawSource() draws twice as far.
 class Surround : public QGraphicsEffect
 {
 public:
@@ -36,8 +36,8 @@ protected:
     {
         painter->save();
         zel::drawButtonSurround(*painter, m_button.rect(), lookOf(m_button));
+        zel::drawButtonBody(*painter, m_button.rect(), lookOf(m_button), m_button.label());
         painter->restore();
-        drawSource(painter);
     }
 
 private:
@@ -168,6 +168,7 @@ void ZELUpdaterButton::hideEvent(QHideEvent *)
         showActive(false);
 }
 
+// Asked for only when another effect has taken the surround's place.
 void ZELUpdaterButton::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);

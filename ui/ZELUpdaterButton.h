@@ -13,7 +13,8 @@ class QKeyEvent;
 ///
 /// Its action is a callback. It takes no keyboard focus: its window offers each key to `performKeyEquivalent`.
 /// Accessibility clients see a button named by its label that can be pressed. Rim and shadow are drawn around the
-/// button's rectangle, onto what lies behind it, as its graphics effect; another effect takes their place.
+/// button's rectangle, onto what lies behind it, as its graphics effect; another effect takes their place. Child
+/// widgets are not drawn.
 ///
 /// The setters do not redraw: a new label or style shows with the next redraw that something else causes. Main thread
 /// only. The callbacks may hide or delete the button, its page or its window.
