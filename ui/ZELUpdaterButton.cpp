@@ -137,10 +137,10 @@ bool ZELUpdaterButton::accessibilityPerformPress()
 
 void ZELUpdaterButton::mousePressEvent(QMouseEvent *event)
 {
-    if (event->button() == Qt::LeftButton)
-        showActive(true);
-    else
-        event->ignore();
+    if (event->button() != Qt::LeftButton)
+        return event->ignore();
+    m_wasHiddenSincePress = false;
+    showActive(true);
 }
 
 void ZELUpdaterButton::mouseMoveEvent(QMouseEvent *event)
@@ -157,13 +157,14 @@ void ZELUpdaterButton::mouseReleaseEvent(QMouseEvent *event)
     if (event->button() != Qt::LeftButton)
         return event->ignore();
     showActive(false);
-    if (rect().contains(event->position().toPoint()))
+    if (!m_wasHiddenSincePress && rect().contains(event->position().toPoint()))
         accessibilityPerformPress();
 }
 
-// A button hidden under the pointer never hears of the release and must not come back pressed.
+// A button that is hidden under the pointer must not act when the mouse is released then, nor come back pressed.
 void ZELUpdaterButton::hideEvent(QHideEvent *)
 {
+    m_wasHiddenSincePress = true;
     if (m_isActive)
         showActive(false);
 }

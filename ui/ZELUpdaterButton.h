@@ -70,6 +70,7 @@ private:
 
     qint64 m_style = 0;
     bool m_isActive = false;
+    bool m_wasHiddenSincePress = false;
     QString m_label;
     std::function<void()> m_onClick;
     std::function<bool(ZELUpdaterButton *, QKeyEvent *)> m_processKeyEvent;

@@ -1,0 +1,195 @@
+#include "AnimationTimer.h"
+#include "Rendering.h"
+#include "ZELProgressIndicator.h"
+
+#include <QAccessible>
+
+#include <limits>
+
+namespace {
+
+using Style = ZELProgressIndicator::Style;
+
+/// An indicator on a dark window, with a clock that only the test moves. A bar is 200 wide and shows 0 to 1.
+struct Scene {
+    explicit Scene(Style style)
+        : indicator(style, &window)
+    {
+        indicator.setGeometry(0, 0, style == Style::Bar ? 200 : 18, 18);
+        indicator.setMaxValue(1);
+        timer->setClock([this] { return now; });
+    }
+
+    bool isFilled(double x, qreal ratio = 1)
+    {
+        const QColor color = colorAt(rendered(window, ratio), {x, 9});
+        return color.blue() > color.red() + 60;
+    }
+
+    double now = 1000;
+    DarkWindow window{QSize(200, 18)};
+    ZELProgressIndicator indicator;
+    zel::AnimationTimer *timer = indicator.findChild<zel::AnimationTimer *>();
+};
+
+} // namespace
+
+class tst_ZELProgressIndicator : public QObject
+{
+    Q_OBJECT
+private slots:
+    void bar_data()
+    {
+        QTest::addColumn<double>("value");
+        QTest::addColumn<double>("maximum");
+        QTest::addColumn<double>("filled"); // in points
+        const double infinity = std::numeric_limits<double>::infinity();
+        QTest::newRow("nothing") << 0.0 << 1.0 << 0.0;
+        QTest::newRow("a bit") << 0.001 << 1.0 << 6.0;
+        QTest::newRow("half") << 0.5 << 1.0 << 100.0;
+        QTest::newRow("all") << 1.0 << 1.0 << 200.0;
+        QTest::newRow("part of another range") << 30.0 << 40.0 << 150.0;
+        QTest::newRow("above") << 1.5 << 1.0 << 200.0;
+        QTest::newRow("below") << -1.0 << 1.0 << 0.0;
+        QTest::newRow("infinite") << infinity << 1.0 << 200.0;
+        QTest::newRow("not a number") << std::nan("") << 1.0 << 0.0;
+        QTest::newRow("empty range") << 1.0 << 0.0 << 0.0;
+        QTest::newRow("reversed range") << -3.0 << -2.0 << 0.0;
+        QTest::newRow("infinite range") << 5.0 << infinity << 0.0;
+    }
+
+    void bar()
+    {
+        QFETCH(double, value);
+        QFETCH(double, maximum);
+        QFETCH(double, filled);
+        Scene scene(Style::Bar);
+        scene.indicator.setIndeterminate(false);
+        scene.indicator.setMaxValue(maximum);
+        scene.indicator.setDoubleValue(value);
+        if (value == value)
+            QCOMPARE(scene.indicator.doubleValue(), value);
+        for (const auto direction : {Qt::LeftToRight, Qt::RightToLeft}) {
+            scene.indicator.setLayoutDirection(direction);
+            const auto fromStart = [&](double x) { return direction == Qt::LeftToRight ? x : 200 - x; };
+            for (const qreal ratio : {1.0, 1.5, 2.0})
+                for (double x = 2.5; x < 198; x += 5)
+                    if (std::abs(x - filled) > 2)
+                        QCOMPARE(scene.isFilled(fromStart(x), ratio), x < filled);
+        }
+    }
+
+    void segmentMoves_data()
+    {
+        QTest::addColumn<Qt::LayoutDirection>("direction");
+        QTest::newRow("left to right") << Qt::LeftToRight;
+        QTest::newRow("right to left") << Qt::RightToLeft;
+    }
+
+    void segmentMoves()
+    {
+        QFETCH(Qt::LayoutDirection, direction);
+        Scene scene(Style::Bar);
+        scene.indicator.setLayoutDirection(direction);
+        scene.indicator.startAnimation();
+        const double early = direction == Qt::LeftToRight ? 40 : 160;
+        const auto seen = [&] {
+            return QList<bool>{scene.isFilled(early), scene.isFilled(100), scene.isFilled(200 - early)};
+        };
+        QCOMPARE(seen(), (QList<bool>{false, false, false}));
+        scene.now += 0.55;
+        QCOMPARE(seen(), (QList<bool>{true, false, false}));
+        scene.now += 0.25;
+        QCOMPARE(seen(), (QList<bool>{false, true, false}));
+        scene.now += 0.25;
+        QCOMPARE(seen(), (QList<bool>{false, false, true}));
+        scene.now += 1.6 - 0.25; // a period after the middle
+        QCOMPARE(seen(), (QList<bool>{false, true, false}));
+        scene.indicator.stopAnimation();
+        QCOMPARE(seen(), (QList<bool>{false, false, false}));
+    }
+
+    void spinnerTurnsClockwise()
+    {
+        Scene scene(Style::Spinning);
+        scene.indicator.startAnimation();
+        const auto brightest = [&] { // of the places at twelve, three, six and nine o'clock
+            const QImage image = rendered(scene.window, 2);
+            const QPointF places[] = {{9, 3}, {15, 9}, {9, 15}, {3, 9}};
+            int best = 0;
+            for (int i = 1; i < 4; ++i)
+                if (colorAt(image, places[i]).red() > colorAt(image, places[best]).red())
+                    best = i;
+            return best;
+        };
+        for (const int place : {0, 1, 2, 3, 0}) {
+            QCOMPARE(brightest(), place);
+            scene.now += 0.251;
+        }
+    }
+
+    void ticksOnlyWhileItMoves_data()
+    {
+        QTest::addColumn<Style>("style");
+        QTest::addColumn<bool>("isIndeterminate");
+        QTest::addColumn<bool>("ticks");
+        QTest::newRow("spinner") << Style::Spinning << true << true;
+        QTest::newRow("spinners have no end") << Style::Spinning << false << true;
+        QTest::newRow("bar without an end") << Style::Bar << true << true;
+        QTest::newRow("bar with an end") << Style::Bar << false << false;
+    }
+
+    void ticksOnlyWhileItMoves()
+    {
+        QFETCH(Style, style);
+        QFETCH(bool, isIndeterminate);
+        QFETCH(bool, ticks);
+        Scene scene(style);
+        scene.indicator.setIndeterminate(isIndeterminate);
+        scene.window.show();
+        QVERIFY(!scene.timer->isTicking());
+        scene.indicator.startAnimation();
+        QCOMPARE(scene.timer->isTicking(), ticks);
+        scene.indicator.setHidden(true);
+        QVERIFY(!scene.timer->isTicking());
+        scene.indicator.setHidden(false);
+        QCOMPARE(scene.timer->isTicking(), ticks);
+        scene.indicator.stopAnimation();
+        QVERIFY(!scene.timer->isTicking());
+    }
+
+    void movesByItself()
+    {
+        Scene scene(Style::Spinning);
+        scene.timer->setClock([&] { return scene.now += 0.1; });
+        scene.window.show();
+        scene.indicator.startAnimation();
+        const QImage first = onScreen(scene.window);
+        QTRY_VERIFY(onScreen(scene.window) != first);
+    }
+
+    void accessibility()
+    {
+        Scene scene(Style::Bar);
+        scene.indicator.setMaxValue(2);
+        scene.indicator.setDoubleValue(0.84);
+        QAccessibleInterface *interface = QAccessible::queryAccessibleInterface(&scene.indicator);
+        QVERIFY(interface);
+        QCOMPARE(interface->role(), QAccessible::ProgressBar);
+        QVERIFY(interface->state().busy);
+        QCOMPARE(interface->text(QAccessible::Value), QString());
+
+        scene.indicator.setIndeterminate(false);
+        QVERIFY(!interface->state().busy);
+        QCOMPARE(interface->text(QAccessible::Value), "42%");
+        QAccessibleValueInterface *value = interface->valueInterface();
+        QVERIFY(value);
+        QCOMPARE(value->currentValue().toDouble(), 0.84);
+        QCOMPARE(value->maximumValue().toDouble(), 2.0);
+        value->setCurrentValue(2.0);
+        QCOMPARE(scene.indicator.doubleValue(), 0.84);
+    }
+};
+
+QTEST_MAIN(tst_ZELProgressIndicator)
+#include "tst_ZELProgressIndicator.moc"
