@@ -103,10 +103,22 @@ std::shared_ptr<URLSessionTask> UpdateInstaller::task() const
     return m_task;
 }
 
+void UpdateInstaller::setTask(const std::shared_ptr<URLSessionTask> &task)
+{
+    const std::lock_guard lock(m_mutex);
+    m_task = task;
+}
+
 QString UpdateInstaller::temporaryDirectory() const
 {
     const std::lock_guard lock(m_mutex);
     return m_temporaryDirectory;
+}
+
+void UpdateInstaller::setTemporaryDirectory(const QString &directory)
+{
+    const std::lock_guard lock(m_mutex);
+    m_temporaryDirectory = directory;
 }
 
 void UpdateInstaller::downloadUpdate(ZELDownloadCompletion completion)
@@ -136,10 +148,7 @@ void UpdateInstaller::downloadUpdate(ZELDownloadCompletion completion)
             // Deliberate: the one result that is not delivered on the main queue. Hosts expect it here.
             completion(Failed, QString());
         });
-    {
-        const std::lock_guard lock(m_mutex);
-        m_task = task;
-    }
+    setTask(task);
     task->resume();
     if (m_hooks.progress)
         task->observeCountOfBytesReceived([self, weak = std::weak_ptr(task)] {
@@ -155,10 +164,7 @@ void UpdateInstaller::downloaded(const Chosen &chosen, const QString &location, 
                                  ZELDownloadCompletion completion)
 {
     const QString staging = newStagingPath(settings().stagingRoot);
-    {
-        const std::lock_guard lock(m_mutex);
-        m_temporaryDirectory = staging;
-    }
+    setTemporaryDirectory(staging);
     makePrivateFolder(staging);
     const QString payload = staging + payloadName(answered);
     moveFile(location, payload);

@@ -55,9 +55,11 @@ public:
 
     /// The running or last download; null before the first.
     std::shared_ptr<URLSessionTask> task() const;
+    void setTask(const std::shared_ptr<URLSessionTask> &task);
 
-    /// The staging folder of the last finished download; null before.
+    /// The staging folder of the last finished download, in which the payload is unpacked or applied; null before.
     QString temporaryDirectory() const;
+    void setTemporaryDirectory(const QString &directory);
 
     /// Downloads what the check result names, verifies it and makes a bundle of it. The completion is called once,
     /// with 1 and the new bundle's path, 0 when the download failed or is not what the server announced, or 2 when the

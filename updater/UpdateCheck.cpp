@@ -5,8 +5,6 @@
 #include "UpdateDecision.h"
 #include "URLSession.h"
 
-#include <QUrl>
-
 namespace zel {
 
 namespace {
@@ -55,6 +53,22 @@ void checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion)
                  });
              })
         ->resume();
+}
+
+QUrl historyUrl(const QVariantMap &result)
+{
+    const QVariantMap record = result[QStringLiteral("update")].toMap();
+    return QUrl(record[QStringLiteral("history")].toString());
+}
+
+void downloadHistory(const QVariantMap &config, const QVariantMap &result,
+                     std::function<void(const QByteArray &notes)> completion)
+{
+    const QByteArray body = checkRequestBody(config, MachineFacts::current());
+    dataTask(postRequest(historyUrl(result), body), [completion](const QByteArray &notes, const ZELError &) {
+        if (completion)
+            onMainQueue([=] { completion(notes); });
+    })->resume();
 }
 
 void uploadPatchLog(const QVariantMap &config, const QVariantList &log, std::function<void()> ended)

@@ -1,13 +1,9 @@
 // The update check: one request, one decision, one report.
 #pragma once
 
-#include <QVariantMap>
+#include "ZELCompletions.h"
 
-#include <functional>
-
-/// Called with the status, the check result and a null reserved value.
-using ZELCheckCompletion =
-    std::function<void(qint64 status, const QVariantMap &result, const QVariant &reserved)>;
+#include <QUrl>
 
 namespace zel {
 
@@ -15,6 +11,14 @@ namespace zel {
 /// on the main queue. Of `config` the keys "url", "build", "beta" and "path" are read. Checks do not know of each
 /// other; any number may run. Safe from any thread; needs the application object's event loop.
 void checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion);
+
+/// Posts the machine's facts to the "history" address of the result's "update" and calls `completion` on the main queue
+/// with the body that came, the release notes; null when none did. The HTTP status is not looked at.
+void downloadHistory(const QVariantMap &config, const QVariantMap &result,
+                     std::function<void(const QByteArray &notes)> completion);
+
+/// The address of the release notes; an invalid one where the record has none.
+QUrl historyUrl(const QVariantMap &result);
 
 /// Uploads the log of a failed patch, in the background; nobody learns how that went, but `ended` is called on the main
 /// queue when it is over, for callers that are about to end. The address is

@@ -1,9 +1,14 @@
-// How the steps of an update report their end: each calls its completion exactly once.
+// How checks and the steps of an update report their end: each calls its completion exactly once.
 #pragma once
 
 #include "ZELError.h"
 
+#include <QVariantMap>
+
 #include <functional>
+
+/// The end of a check: its status, the check result, and a reserved value that is always null.
+using ZELCheckCompletion = std::function<void(qint64 status, const QVariantMap &result, const QVariant &reserved)>;
 
 /// The end of an extraction: whether the archive was extracted, the bundle's path, what went wrong. Judge by the
 /// path: an archive that was extracted but holds no bundle reports true, a null path and an error.
