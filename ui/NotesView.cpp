@@ -1,0 +1,63 @@
+#include "NotesView.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QLibrary>
+#include <QLoggingCategory>
+
+#include <dlfcn.h>
+
+namespace zel {
+
+namespace {
+
+// The web engine shares OpenGL contexts with its widgets, which an application can only be told before it is made;
+// this library is usually loaded before.
+void shareOpenGLContexts()
+{
+    if (!QCoreApplication::instance())
+        QCoreApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
+}
+Q_CONSTRUCTOR_FUNCTION(shareOpenGLContexts)
+
+/// The folder of the library or program that this code is in.
+QString ownFolder()
+{
+    Dl_info info = {};
+    if (dladdr(reinterpret_cast<void *>(&shareOpenGLContexts), &info) == 0)
+        return {};
+    return QFileInfo(QFile::decodeName(info.dli_fname)).absolutePath();
+}
+
+/// The module's file: beside the library, or where programs of the build folder find it.
+QString moduleFile()
+{
+    for (const char *folder : {"ZELUpdater", "../lib/ZELUpdater"}) {
+        const QString file =
+            QDir(ownFolder()).filePath(QLatin1String(folder) + QLatin1String("/libZELUpdaterNotes.so"));
+        if (QFileInfo::exists(file))
+            return file;
+    }
+    return QStringLiteral("libZELUpdaterNotes.so");
+}
+
+NotesViewFactory loadModule()
+{
+    static const QLoggingCategory category("zel.system");
+    QLibrary module(moduleFile());
+    const auto factory = reinterpret_cast<NotesViewFactory>(module.resolve("zelMakeNotesView"));
+    if (!factory)
+        qCWarning(category).noquote() << "The release notes cannot be shown:" << module.errorString();
+    return factory;
+}
+
+} // namespace
+
+std::unique_ptr<NotesView> makeNotesView(QWidget *parent)
+{
+    static const NotesViewFactory factory = loadModule();
+    return std::unique_ptr<NotesView>(factory ? factory(parent) : nullptr);
+}
+
+} // namespace zel

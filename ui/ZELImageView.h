@@ -1,0 +1,27 @@
+// A picture in a window.
+#pragma once
+
+#include "ZELExport.h"
+
+#include <QImage>
+#include <QWidget>
+
+/// Shows an image as large as fits, in its own proportions, centred. Main thread only.
+class ZEL_EXPORT ZELImageView : public QWidget
+{
+    Q_OBJECT
+    Q_PROPERTY(QImage image READ image WRITE setImage)
+public:
+    using QWidget::QWidget;
+
+    QImage image() const { return m_image; }
+
+    /// A null image shows nothing.
+    void setImage(const QImage &image);
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+
+private:
+    QImage m_image;
+};

@@ -1,0 +1,144 @@
+#include "ZELUpdaterWindow.h"
+
+#include "ZELUpdaterButton.h"
+
+#include <QCloseEvent>
+#include <QKeyEvent>
+#include <QMouseEvent>
+#include <QScreen>
+#include <QWindow>
+
+namespace {
+
+constexpr QSize InitialSize(350, 450);
+const QColor Background = QColor::fromRgbF(0.16F, 0.16F, 0.16F);
+
+} // namespace
+
+ZELUpdaterWindow::ZELUpdaterWindow()
+    : QWidget(nullptr, Qt::Window | Qt::FramelessWindowHint)
+    , m_contentView(new QWidget(this))
+{
+    setAttribute(Qt::WA_QuitOnClose, false);
+    QPalette dark = palette();
+    dark.setColor(QPalette::Window, Background);
+    setPalette(dark);
+    m_contentView->setAutoFillBackground(true);
+    setFrame({QPoint(), InitialSize}, true);
+}
+
+QRect ZELUpdaterWindow::frame() const
+{
+    return {m_sheetParent ? m_sheetOrigin : pos(), size()};
+}
+
+void ZELUpdaterWindow::setFrame(const QRect &frame, bool display)
+{
+    setFixedSize(frame.size());
+    m_sheetOrigin = frame.topLeft();
+    move(m_sheetParent ? sheetPlace() : frame.topLeft());
+    if (display && isVisible())
+        repaint();
+}
+
+QRect ZELUpdaterWindow::centredFrame(const QSize &size) const
+{
+    const QRect current = frame();
+    const QSize change = (current.size() - size) / 2;
+    return {current.topLeft() + QPoint(change.width(), change.height()), size};
+}
+
+void ZELUpdaterWindow::center()
+{
+    QRect place = frame();
+    place.moveCenter(screen()->availableGeometry().center());
+    move(place.topLeft());
+}
+
+void ZELUpdaterWindow::makeKeyAndOrderFront()
+{
+    show();
+    raise();
+    activateWindow();
+}
+
+void ZELUpdaterWindow::beginSheet(QWidget *host)
+{
+    endSheet();
+    hide(); // window systems take a new parent and modality only while the window is hidden
+    m_sheetParent = host->window();
+    m_sheetOrigin = {};
+    winId(); // makes the window's handle
+    m_sheetParent->winId();
+    windowHandle()->setTransientParent(m_sheetParent->windowHandle());
+    setWindowModality(Qt::WindowModal);
+    m_sheetParent->installEventFilter(this);
+    connect(m_sheetParent, &QObject::destroyed, this, &ZELUpdaterWindow::endSheet);
+    move(sheetPlace());
+    makeKeyAndOrderFront();
+}
+
+void ZELUpdaterWindow::endSheet()
+{
+    if (windowModality() == Qt::NonModal)
+        return;
+    hide();
+    if (m_sheetParent) {
+        m_sheetParent->removeEventFilter(this);
+        disconnect(m_sheetParent, nullptr, this, nullptr);
+        m_sheetParent = nullptr;
+    }
+    windowHandle()->setTransientParent(nullptr);
+    setWindowModality(Qt::NonModal);
+}
+
+QPoint ZELUpdaterWindow::sheetPlace() const
+{
+    const QRect host = m_sheetParent->geometry();
+    return {host.left() + (host.width() - width()) / 2, host.top()};
+}
+
+bool ZELUpdaterWindow::performKeyEquivalent(QKeyEvent *event)
+{
+    for (ZELUpdaterButton *button : m_contentView->findChildren<ZELUpdaterButton *>()) {
+        if (button->performKeyEquivalent(event))
+            return true;
+    }
+    return false;
+}
+
+bool ZELUpdaterWindow::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == m_sheetParent && (event->type() == QEvent::Move || event->type() == QEvent::Resize))
+        move(sheetPlace());
+    return QWidget::eventFilter(watched, event);
+}
+
+void ZELUpdaterWindow::closeEvent(QCloseEvent *event)
+{
+    event->setAccepted(!event->spontaneous());
+}
+
+void ZELUpdaterWindow::keyPressEvent(QKeyEvent *event)
+{
+    if (!performKeyEquivalent(event))
+        QWidget::keyPressEvent(event);
+}
+
+void ZELUpdaterWindow::mousePressEvent(QMouseEvent *event)
+{
+    if (event->button() != Qt::LeftButton || m_sheetParent || windowHandle()->startSystemMove())
+        return;
+    m_grip = event->position().toPoint();
+}
+
+void ZELUpdaterWindow::mouseMoveEvent(QMouseEvent *event)
+{
+    if (event->buttons() & Qt::LeftButton && !m_sheetParent)
+        move(event->globalPosition().toPoint() - m_grip);
+}
+
+void ZELUpdaterWindow::resizeEvent(QResizeEvent *)
+{
+    m_contentView->setGeometry(rect());
+}
