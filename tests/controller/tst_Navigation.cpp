@@ -1,0 +1,263 @@
+#include "ZELImageView.h"
+#include "ZELLocalization.h"
+#include "ZELProgressIndicator.h"
+#include "ZELUpdater.h"
+#include "ZELUpdaterButton.h"
+#include "ZELUpdaterCheckingPage.h"
+#include "ZELUpdaterDownloadPage.h"
+#include "ZELUpdaterErrorPage.h"
+#include "ZELUpdaterHistoryPage.h"
+#include "ZELUpdaterNoUpdatesPage.h"
+#include "ZELUpdaterUpdatedPage.h"
+#include "ZELUpdaterWindow.h"
+
+#include <QLabel>
+#include <QTest>
+
+#include <thread>
+
+namespace {
+
+using Show = void (ZELUpdater::*)();
+
+enum Presentation { Free, Sheet };
+
+} // namespace
+
+Q_DECLARE_METATYPE(Show)
+
+/// The pages of the one updater in its window.
+class NavigationTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        zel::setLanguage(QStringLiteral("en"));
+        std::thread other([this] {
+            ZELUpdater *made = ZELUpdater::shared();
+            QMetaObject::invokeMethod(this, [=, this] { m_updater = made; });
+        });
+        QTRY_VERIFY(m_updater);
+        other.join();
+        QCOMPARE(ZELUpdater::shared(), m_updater);
+        QCOMPARE(m_updater->thread(), thread());
+    }
+
+    void init()
+    {
+        m_calls.clear();
+        m_updater->setOnCancel([this] { m_calls += QStringLiteral("cancel"); });
+        m_updater->setOnRetry([this] { m_calls += QStringLiteral("retry"); });
+    }
+
+    void cleanup()
+    {
+        window().endSheet();
+        window().hide();
+        window().setFrame({0, 0, 350, 450}, false);
+    }
+
+    void pagesTakeTheirPlace_data()
+    {
+        QTest::addColumn<Show>("show");
+        QTest::addColumn<QRect>("before");
+        QTest::addColumn<Presentation>("presentation");
+        QTest::addColumn<QRect>("after");
+
+        struct Method {
+            const char *name;
+            Show show;
+            bool looksAtSheet;
+        };
+        const QRect first(100, 100, 350, 450), notes(100, 100, 500, 470);
+        for (const Method &method : {Method{"checking", &ZELUpdater::showCheckingView, true},
+                                     Method{"download", &ZELUpdater::showDownloadPage, true},
+                                     Method{"error", &ZELUpdater::showErrorPage, true},
+                                     Method{"no updates", &ZELUpdater::showNoUpdates, false},
+                                     Method{"updated", &ZELUpdater::showUpdated, false}}) {
+            QTest::addRow("%s, free", method.name)
+                << method.show << first << Free << QRect(100, 125, 350, 400);
+            QTest::addRow("%s, free, after the notes", method.name)
+                << method.show << notes << Free << QRect(175, 135, 350, 400);
+            QTest::addRow("%s, sheet", method.name)
+                << method.show << notes << Sheet
+                << (method.looksAtSheet ? QRect(0, 0, 350, 400) : QRect(175, 135, 350, 400));
+        }
+    }
+
+    void pagesTakeTheirPlace()
+    {
+        QFETCH(Show, show);
+        QFETCH(QRect, before);
+        QFETCH(Presentation, presentation);
+        QFETCH(QRect, after);
+
+        QWidget host;
+        host.setGeometry(50, 60, 700, 500);
+        host.show();
+        if (presentation == Sheet)
+            window().beginSheet(&host);
+        else
+            window().show();
+        window().setFrame(before, false);
+        (m_updater->*show)();
+        (m_updater->*show)();
+        QCOMPARE(window().frame(), after);
+        QCOMPARE(window().contentView()->findChildren<QWidget *>(Qt::FindDirectChildrenOnly),
+                 QList<QWidget *>{m_updater->currentPage()});
+        QVERIFY(m_updater->currentPage()->isVisible());
+        QTRY_COMPARE(m_updater->currentPage()->geometry(), QRect(0, 0, 350, 400));
+        if (presentation == Sheet)
+            QCOMPARE(window().pos(), host.geometry().topLeft() + QPoint((700 - 350) / 2, 0));
+    }
+
+    void sheetGoesWithItsHost()
+    {
+        auto host = std::make_unique<QWidget>();
+        host->setGeometry(50, 60, 700, 500);
+        host->show();
+        window().beginSheet(host.get());
+        QCOMPARE(window().sheetParent(), host.get());
+        QCOMPARE(window().windowModality(), Qt::WindowModal);
+        host->move(80, 90);
+        QTRY_COMPARE(window().pos(), host->geometry().topLeft() + QPoint((700 - 350) / 2, 0));
+        host.reset();
+        QVERIFY(!window().sheetParent());
+        QVERIFY(!window().isVisible());
+        window().show();
+        QCOMPARE(window().windowModality(), Qt::NonModal);
+    }
+
+    void keysReachTheirButtons_data()
+    {
+        QTest::addColumn<Show>("show");
+        QTest::addColumn<int>("key");
+        QTest::addColumn<QStringList>("calls");
+
+        struct Page {
+            const char *name;
+            Show show;
+            bool onReturn, onEscape;
+        };
+        for (const Page &page : {Page{"checking", &ZELUpdater::showCheckingView, true, false},
+                                 Page{"download", &ZELUpdater::showDownloadPage, false, false},
+                                 Page{"error", &ZELUpdater::showErrorPage, false, false},
+                                 Page{"no updates", &ZELUpdater::showNoUpdates, true, true},
+                                 Page{"updated", &ZELUpdater::showUpdated, true, true}}) {
+            const auto calls = [](bool handled) { return handled ? QStringList("cancel") : QStringList(); };
+            QTest::addRow("%s, Return", page.name)
+                << page.show << int(Qt::Key_Return) << calls(page.onReturn);
+            QTest::addRow("%s, Escape", page.name)
+                << page.show << int(Qt::Key_Escape) << calls(page.onEscape);
+            QTest::addRow("%s, keypad", page.name) << page.show << int(Qt::Key_Enter) << calls(false);
+        }
+    }
+
+    void keysReachTheirButtons()
+    {
+        QFETCH(Show, show);
+        QFETCH(int, key);
+        QFETCH(QStringList, calls);
+        (m_updater->*show)();
+        window().show();
+        QTest::keyClick(&window(), Qt::Key(key));
+        QCOMPARE(m_calls, calls);
+    }
+
+    void buttonsReachTheHost()
+    {
+        const auto clicked = [this](Show show, ZELUpdaterButton *button) {
+            m_calls.clear();
+            if (show)
+                (m_updater->*show)();
+            window().show();
+            QTest::mouseClick(button, Qt::LeftButton);
+            return m_calls;
+        };
+        const QStringList cancel{QStringLiteral("cancel")};
+        QCOMPARE(clicked(&ZELUpdater::showCheckingView, m_updater->checkingPage()->cancelButton()), cancel);
+        QCOMPARE(clicked(&ZELUpdater::showDownloadPage, m_updater->downloadPage()->cancelButton()), cancel);
+        QCOMPARE(clicked(&ZELUpdater::showErrorPage, m_updater->errorPage()->cancelButton()), cancel);
+        QCOMPARE(clicked(&ZELUpdater::showErrorPage, m_updater->errorPage()->retryButton()),
+                 QStringList("retry"));
+        QCOMPARE(clicked(&ZELUpdater::showNoUpdates, m_updater->noUpdatesPage()->cancelButton()), cancel);
+        QCOMPARE(clicked(&ZELUpdater::showUpdated, m_updater->updatedPage()->cancelButton()), cancel);
+        QCOMPARE(clicked(nullptr, m_updater->historyPage()->laterButton()), cancel);
+
+        m_updater->setOnCancel({});
+        m_updater->setOnRetry({});
+        QCOMPARE(clicked(&ZELUpdater::showErrorPage, m_updater->errorPage()->retryButton()), QStringList());
+        QCOMPARE(clicked(&ZELUpdater::showUpdated, m_updater->updatedPage()->cancelButton()), QStringList());
+    }
+
+    void pagesStartAfresh()
+    {
+        m_updater->showDownloadPage();
+        ZELUpdaterDownloadPage *page = m_updater->downloadPage();
+        page->progress()->setIndeterminate(false);
+        page->progress()->setDoubleValue(0.7);
+        page->text()->setText(QStringLiteral("70% completed"));
+        m_updater->showDownloadPage();
+        QVERIFY(page->progress()->isIndeterminate());
+        QCOMPARE(page->progress()->doubleValue(), 0.);
+        QCOMPARE(page->text()->text(), QStringLiteral("Connecting"));
+
+        m_updater->showCheckingView();
+        QVERIFY(!m_updater->checkingPage()->progress()->isHidden());
+    }
+
+    void iconIsOnFivePages()
+    {
+        QImage icon(4, 4, QImage::Format_RGB32);
+        icon.fill(Qt::green);
+        m_updater->setIcon(icon);
+        for (ZELUpdaterPage *page : std::initializer_list<ZELUpdaterPage *>{
+                 m_updater->downloadPage(), m_updater->checkingPage(), m_updater->errorPage(),
+                 m_updater->noUpdatesPage(), m_updater->updatedPage()})
+            QCOMPARE(page->icon()->image(), icon);
+        m_updater->setIcon({});
+        QVERIFY(m_updater->errorPage()->icon()->image().isNull());
+    }
+
+    void windowIsDarkAndStays()
+    {
+        m_updater->showErrorPage();
+        window().show();
+        QCOMPARE(window().grab().toImage().pixelColor(3, 3), QColor(41, 41, 41));
+        QVERIFY(window().windowFlags() & Qt::FramelessWindowHint);
+        QCOMPARE(window().minimumSize(), window().maximumSize());
+
+        QCloseEvent asked;
+        QCoreApplication::sendEvent(&window(), &asked);
+        QVERIFY(asked.isAccepted()); // code may close it
+        window().close();
+        m_updater->showCheckingView();
+        window().show();
+        QVERIFY(m_updater->checkingPage()->isVisible());
+    }
+
+    void dragMovesTheWindow()
+    {
+        m_updater->showErrorPage();
+        window().setFrame({100, 100, 350, 400}, false);
+        window().show();
+        QTest::mousePress(m_updater->errorPage()->label(), Qt::LeftButton, {}, {10, 5});
+        const QPoint from = m_updater->errorPage()->label()->mapToGlobal(QPoint(10, 5));
+        QMouseEvent move(QEvent::MouseMove, QPointF(10, 5), from + QPoint(30, 20), Qt::LeftButton,
+                         Qt::LeftButton, {});
+        QCoreApplication::sendEvent(m_updater->errorPage()->label(), &move);
+        QTest::mouseRelease(m_updater->errorPage()->label(), Qt::LeftButton);
+        QCOMPARE(window().pos(), QPoint(130, 120));
+    }
+
+private:
+    ZELUpdaterWindow &window() { return *m_updater->window(); }
+
+    ZELUpdater *m_updater = nullptr;
+    QStringList m_calls;
+};
+
+QTEST_MAIN(NavigationTest)
+#include "tst_Navigation.moc"
