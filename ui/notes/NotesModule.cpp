@@ -6,6 +6,7 @@
 
 #include <QCoreApplication>
 #include <QPointer>
+#include <QQuickRenderControl>
 #include <QWebEngineHttpRequest>
 #include <QWebEngineView>
 
@@ -24,10 +25,9 @@ public:
         m_view->setContextMenuPolicy(Qt::NoContextMenu);
         m_view->setAcceptDrops(false);
         openViews().append(this);
-        // The web engine ends itself with the application, and its pages must be gone by then. Such routines run in
-        // the reverse order of their registration: this one before that of the engine, which the profile has started.
-        static const bool registered = (qAddPostRoutine(closeViews), true);
+        static const bool registered = (closeBeforeTheEngineEnds(), true);
         Q_UNUSED(registered);
+        QObject::connect(qApp, &QCoreApplication::aboutToQuit, m_page.get(), closeViews);
     }
     ~WebNotesView() override
     {
@@ -43,11 +43,14 @@ public:
         QWebEngineHttpRequest request(address, QWebEngineHttpRequest::Post);
         request.setHeader("Content-Type", "application/x-www-form-urlencoded");
         request.setPostData(body);
-        m_page->load(request);
+        if (m_page)
+            m_page->load(request);
     }
 
     void setHtml(const QString &html) override
     {
+        if (!m_page)
+            return;
         m_profile->source().setHtml(html);
         m_page->load(notesUrl());
     }
@@ -59,6 +62,15 @@ private:
         return views;
     }
 
+    // The web engine and the scene graph end themselves with the application, and the views must be gone by then. They
+    // do so in routines that run in the reverse order of their registration. The engine's is there with the first
+    // profile, the scene graph's with the first render control.
+    static void closeBeforeTheEngineEnds()
+    {
+        const QQuickRenderControl sceneGraph;
+        qAddPostRoutine(closeViews);
+    }
+
     static void closeViews()
     {
         for (WebNotesView *view : openViews())
@@ -67,12 +79,12 @@ private:
 
     void close()
     {
-        delete m_view;
         m_page.reset();
         m_profile.reset();
+        delete m_view;
     }
 
-    std::unique_ptr<NotesProfile> m_profile;
+    std::unique_ptr<NotesProfile> m_profile; // null once the application ends
     std::unique_ptr<NotesPage> m_page;
     QPointer<QWebEngineView> m_view;
 };

@@ -29,7 +29,8 @@ NotesPage::NotesPage(QWebEngineProfile *profile, QObject *parent)
          {QWebEngineSettings::JavascriptCanOpenWindows, QWebEngineSettings::JavascriptCanAccessClipboard,
           QWebEngineSettings::LocalContentCanAccessFileUrls, QWebEngineSettings::PluginsEnabled,
           QWebEngineSettings::PdfViewerEnabled, QWebEngineSettings::ErrorPageEnabled,
-          QWebEngineSettings::NavigateOnDropEnabled, QWebEngineSettings::FocusOnNavigationEnabled})
+          QWebEngineSettings::NavigateOnDropEnabled, QWebEngineSettings::AutoLoadIconsForPage,
+          QWebEngineSettings::FocusOnNavigationEnabled})
         settings()->setAttribute(attribute, false);
     connect(this, &QWebEnginePage::newWindowRequested, this, &NotesPage::openNewWindowOutside);
     connect(this, &QWebEnginePage::featurePermissionRequested, this,
