@@ -18,30 +18,10 @@
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QPainter>
 
 #include <cstdio>
 
 namespace {
-
-/// Stands for an application's icon.
-QImage exampleIcon()
-{
-    QImage icon(512, 512, QImage::Format_ARGB32_Premultiplied);
-    icon.fill(Qt::transparent);
-    QPainter painter(&icon);
-    painter.setRenderHint(QPainter::Antialiasing);
-    QLinearGradient sky(0, 40, 0, 472);
-    sky.setColorAt(0, QColor(92, 200, 250));
-    sky.setColorAt(1, QColor(20, 90, 210));
-    painter.setPen(Qt::NoPen);
-    painter.setBrush(sky);
-    painter.drawRoundedRect(QRect(40, 40, 432, 432), 96, 96);
-    painter.setPen(QPen(Qt::white, 44, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
-    painter.drawLine(256, 140, 256, 360);
-    painter.drawPolyline(QPolygon({{170, 274}, {256, 360}, {342, 274}}));
-    return icon;
-}
 
 const char Notes[] =
     R"(<html><body style="background:transparent;color:#ddd;font:14px sans-serif;margin:32px">
@@ -79,6 +59,7 @@ private:
     void saveWindow(const QString &name);
 
     const QDir m_folder;
+    const QImage m_icon = QImage(QStringLiteral(ZEL_EXAMPLE_ICON));
     ZELUpdater *const m_updater = ZELUpdater::shared();
     int m_number = 0;
     bool m_ok = true;
@@ -86,7 +67,7 @@ private:
 
 bool Gallery::render()
 {
-    m_updater->setIcon(exampleIcon());
+    m_updater->setIcon(m_icon);
     m_updater->window()->show();
     pages();
     download();
@@ -157,13 +138,13 @@ void Gallery::texts()
         ZELUpdaterWindow window;
         window.setFrame({0, 0, 350, 400}, false);
         ZELUpdaterErrorPage error(window.contentView());
-        error.icon()->setImage(exampleIcon());
+        error.icon()->setImage(m_icon);
         error.resize(350, 400);
         window.show();
         save(QStringLiteral("error-%1").arg(QLatin1String(language)), window);
         error.hide();
         ZELUpdaterDownloadPage page(window.contentView());
-        page.icon()->setImage(exampleIcon());
+        page.icon()->setImage(m_icon);
         page.progress()->setIndeterminate(false);
         page.progress()->setDoubleValue(0.42);
         page.text()->setText(zel::localized("Updater.%@ completed").replace("%@", "42%"));

@@ -1,0 +1,32 @@
+// A small application that keeps itself up to date.
+#pragma once
+
+#include <QMainWindow>
+#include <QVariantMap>
+
+/// The main window, and all that a host does for its updates.
+class HostWindow : public QMainWindow
+{
+    Q_OBJECT
+public:
+    /// `bundle` is the bundle that this program runs from, `url` the address that checks go to.
+    HostWindow(const QString &bundle, const QString &url);
+
+    /// The menu's Check for Updates…
+    void checkForUpdates();
+
+    /// Asks without showing anything unless something is found.
+    void checkInBackground();
+
+private:
+    void found(const QVariantMap &result);
+    void chosen(qint64 choice);
+    void downloaded(qint64 status, const QString &newBundle);
+    void dismissed();
+    void relaunch();
+
+    const QString m_bundle;
+    const QString m_url;
+    QString m_newBundle; // ready to take the installed one's place
+    int m_attempt = 0; // tells an answer that is still wanted from one that came after Cancel
+};
