@@ -50,14 +50,6 @@ bool isInWindow(const QWidget &page)
     return !page.isWindow() || page.isVisible();
 }
 
-// Until its window is shown for the first time Qt calls a widget hidden that nobody has hidden.
-bool isHiddenPage(const QWidget &page)
-{
-    const bool waitsForWindow =
-        !page.window()->isVisible() && !page.testAttribute(Qt::WA_WState_ExplicitShowHide);
-    return page.isHidden() && !waitsForWindow;
-}
-
 } // namespace
 
 ZELUpdaterButton::ZELUpdaterButton(QWidget *parent)
@@ -117,7 +109,7 @@ void ZELUpdaterButton::setProcessKeyEvent(
 bool ZELUpdaterButton::performKeyEquivalent(QKeyEvent *event)
 {
     const QWidget *page = parentWidget();
-    if (!page || !isInWindow(*page) || isHiddenPage(*page) || event->type() != QEvent::KeyPress)
+    if (!page || !isInWindow(*page) || page->isHidden() || event->type() != QEvent::KeyPress)
         return false;
     const auto process = m_processKeyEvent; // the callback may delete the button, and itself with it
     return process && process(this, event);

@@ -155,7 +155,10 @@ private slots:
         QTest::newRow("page deleted") << Action([](Scene &scene) { delete scene.page; });
         QTest::newRow("window deleted") << Action([](Scene &scene) { scene.window.reset(); });
         QTest::newRow("page hidden") << Action([](Scene &scene) { scene.page->hide(); });
-        QTest::newRow("action replaced") << Action([](Scene &scene) { scene.button->setOnClick(nullptr); });
+        QTest::newRow("actions replaced") << Action([](Scene &scene) {
+            scene.button->setOnClick(nullptr);
+            scene.button->setProcessKeyEvent(nullptr);
+        });
     }
 
     void takenAwayByItsAction()
@@ -289,7 +292,7 @@ private slots:
 
         QTest::newRow("grey, line") << qint64(0) << false << top << over(white(0.26f), white(1, 0.06f));
         QTest::newRow("grey, upper end") << qint64(0) << false << upper << white(0.255f);
-        QTest::newRow("grey, lower quarter") << qint64(0) << false << quarter << white(0.2f);
+        QTest::newRow("blue, lower quarter") << qint64(1) << false << quarter << rgb(0.035f, 0.478f, 0.922f);
         QTest::newRow("grey, bottom") << qint64(0) << false << bottom << white(0.2f);
         QTest::newRow("any other style is grey") << qint64(2) << false << bottom << white(0.2f);
         QTest::newRow("grey pressed, no line") << qint64(0) << true << top << white(0.2f);
