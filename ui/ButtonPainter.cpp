@@ -72,6 +72,14 @@ void drawHighlight(QPainter &painter, const QRectF &body, const QColor &color)
     painter.fillPath(path.subtracted(path.translated(0, alignedLine(painter))), color);
 }
 
+// The metrics of a font round it to whole pixels, up on a fine screen, which puts the label too low.
+qreal exactCapHeight(const QFont &font)
+{
+    QPainterPath outline;
+    outline.addText(0, 0, font, QStringLiteral("H"));
+    return outline.boundingRect().height();
+}
+
 void drawLabel(QPainter &painter, const QRectF &bounds, const QColor &color, const QString &label)
 {
     const QRectF box(bounds.x() + 15, bounds.y() + 7, bounds.width() - 30, 16);
@@ -81,8 +89,9 @@ void drawLabel(QPainter &painter, const QRectF &bounds, const QColor &color, con
 
     // The box stands one point above the middle of a 32-point button; its capitals stand in the middle.
     const qreal middle = box.center().y() + 1;
-    const QRectF capitals(box.center().x() - metrics.horizontalAdvance(text) / 2,
-                          middle - metrics.capHeight() / 2, 0, metrics.capHeight());
+    const qreal capHeight = exactCapHeight(font);
+    const QRectF capitals(box.center().x() - metrics.horizontalAdvance(text) / 2, middle - capHeight / 2, 0,
+                          capHeight);
     painter.setFont(font);
     painter.setPen(color);
     painter.drawText(alignedToPixels(capitals, painter).bottomLeft(), text);
