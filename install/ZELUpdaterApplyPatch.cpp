@@ -39,9 +39,7 @@ bool overlap(const QString &oldPath, const QString &newPath)
 bool copyOldBundle(const QString &oldPath, const QString &newPath, QVariantList &log)
 {
     ZELError error;
-    if (!QFileInfo::exists(oldPath)) {
-        error = ZELError::withMessage(QLatin1String("there is no ") + oldPath);
-    } else if (overlap(oldPath, newPath)) {
+    if (overlap(oldPath, newPath)) {
         error = ZELError::withMessage(newPath + QLatin1String(" and ") + oldPath
                                       + QLatin1String(" must not contain each other"));
     } else {

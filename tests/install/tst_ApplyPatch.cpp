@@ -428,13 +428,15 @@ private slots:
         QVERIFY(!ZELUpdaterApplyPatch(old, built, tree.path(QStringLiteral("none")), log));
         QCOMPARE(descriptions(log), QStringList(Opening) << QStringLiteral("Patch failed"));
         QCOMPARE(log[2].toMap()[QStringLiteral("exists")], QVariant(false));
+        QCOMPARE(log[3].toMap()[QStringLiteral("path")], QVariant(built));
 
         log.clear();
         QVERIFY(
             !ZELUpdaterApplyPatch(tree.path(QStringLiteral("gone.app")), built, QStringLiteral("p"), log));
         QCOMPARE(log.size(), 4); // the copy error is the last entry
         QVERIFY(descriptions(log).last().startsWith(QStringLiteral("Error copying old app: ")));
-        QCOMPARE(tree.read(QStringLiteral("new.app/f")), QByteArray("old")); // nothing was lost for it
+        QCOMPARE(log[3].toMap()[QStringLiteral("path")], QVariant(built));
+        QVERIFY(!QFileInfo::exists(built)); // an earlier result is never taken for this one's
     }
 
     void bundlesMustNotContainEachOther_data()
