@@ -1,4 +1,5 @@
 #include "bsdiff2.h"
+#include "DDLog.h"
 #include "LogCapture.h"
 #include "MD5FromData.h"
 #include "PatchBuilder.h"
@@ -10,11 +11,16 @@
 
 namespace {
 
+// One line an entry: its description, and the file that it names.
 QStringList descriptions(const QVariantList &log)
 {
     QStringList result;
-    for (const QVariant &entry : log)
-        result.append(entry.toMap()[QStringLiteral("description")].toString());
+    for (const QVariant &entry : log) {
+        const QVariantMap keys = entry.toMap();
+        result.append(keys[QStringLiteral("description")].toString());
+        if (keys.contains(QStringLiteral("file")))
+            result.last() += QLatin1String(": ") + keys[QStringLiteral("file")].toString();
+    }
     return result;
 }
 
@@ -49,6 +55,9 @@ QByteArray delta(const QByteArray &from, const QByteArray &to)
                                tree.write(QStringLiteral("b"), to).toStdString());
     return QByteArray(reinterpret_cast<const char *>(bytes->data()), qsizetype(bytes->size()));
 }
+
+// Makes an empty file of any file.
+const QByteArray DeltaToNothing = "BSDIFN40" + QByteArray(24, '\0');
 
 } // namespace
 
@@ -119,6 +128,9 @@ private slots:
             "");
         row("delete of a link leaves its target", R"({"actions":["delete"],"path":"Contents/out"})",
             "Contents/out -> ../../outside", "");
+        row("a slash behind a link means the link", R"({"actions":["delete"],"path":"Contents/folderlink/"})",
+            "Contents/folderlink -> sub", "Contents/sub/deep = deep");
+        row("delete below a file", R"({"actions":["delete"],"path":"Contents/file/x"})", "", "");
         row("delete of nothing", R"({"actions":["delete"],"path":"Contents/none/at/all"})", "", "");
         row("add", R"({"actions":["add"],"path":"Contents/new/file","position":3,"length":4})", "",
             "Contents/new/file = load");
@@ -144,12 +156,12 @@ private slots:
             R"({"actions":["create-symlink","delete-symlink"],"path":"Contents/link","symlink":"sub"})",
             "Contents/link -> file", "");
         row("delete link that is not there", R"({"actions":["delete-symlink"],"path":"Contents/none"})", "",
-            "", "Error deleting symlink");
+            "", "Error deleting symlink: Contents/none");
         row("create link", R"({"actions":["create-symlink"],"path":"Contents/l","symlink":"/any/where"})", "",
             "Contents/l -> /any/where");
         row("create link over a link",
             R"({"actions":["create-symlink"],"path":"Contents/link","symlink":"sub"})", "",
-            "Contents/link -> file", "Error creating symlink");
+            "Contents/link -> file", "Error creating symlink: Contents/link");
         row("file becomes folder",
             R"({"actions":["delete"],"path":"Contents/file"},{"actions":["add"],"path":"Contents/file/x","position":0,"length":3})",
             "Contents/file = old file", "Contents/file/x = pay");
@@ -191,13 +203,13 @@ private slots:
         add("the root itself", "./.");
         add("absolute path", "/tmp/x");
         add("parent", "../outside/x");
-        add("parent on the way", "Contents/../../outside/x");
+        add("parent that stays inside", "Contents/../x");
         add("NUL in a path", "Contents/x\\u0000y");
         add("through a relative link", "Contents/out/x");
         add("through an absolute link", "Contents/absolute/x");
         add("through a circle", "Contents/circle/x");
-        add("where a folder is", "Contents/sub", "Error creating file");
-        add("below a file", "Contents/file/x", "Error creating file");
+        add("where a folder is", "Contents/sub", "Error creating file: Contents/sub");
+        add("below a file", "Contents/file/x", "Error creating file: Contents/file/x");
 
         const auto other = [](const char *name, const char *commands, const char *entry = "") {
             QTest::newRow(name) << QByteArray(commands) << QString::fromUtf8(entry);
@@ -211,21 +223,35 @@ private slots:
         other(
             "through a link made before",
             R"({"actions":["create-symlink"],"path":"up","symlink":".."},{"actions":["delete"],"path":"up/outside"})");
+        // What lies at 7 is sound: only its stated place is wrong.
         for (const char *slice :
-             {R"("position":-1,"length":1)", R"("position":0,"length":-1)", R"("position":0,"length":8)",
-              R"("position":8,"length":0)", R"("position":1,"length":9223372036854775807)",
+             {R"("position":-1,"length":33)", R"("position":7,"length":-1)", R"("position":7,"length":33)",
+              R"("position":40,"length":0)", R"("position":7,"length":9223372036854775807)",
               R"("position":9223372036854775807,"length":1)"}) {
-            other(slice, (R"({"actions":["add"],"path":"x",)" + QByteArray(slice) + '}').constData(),
-                  "Error creating file");
+            other(slice,
+                  (R"({"actions":["patch"],"path":"Contents/file","hash":"",)" + QByteArray(slice) + '}')
+                      .constData(),
+                  "Error patching file: Contents/file");
         }
-        other("delta outside the payload",
-              R"({"actions":["patch"],"path":"Contents/file","position":5,"length":32,"hash":""})",
-              "Error patching file");
+        other("file outside the payload", R"({"actions":["add"],"path":"x","position":8,"length":32})",
+              "Error creating file: x");
+        const QByteArray sound = R"("position":7,"length":32,"hash":"")";
         other("delta of a file outside",
-              R"({"actions":["patch"],"path":"Contents/out/treasure","position":0,"length":7,"hash":""})");
+              (R"({"actions":["patch"],"path":"Contents/out/treasure",)" + sound + '}').constData());
+        other(
+            "delta through a link to a file outside",
+            (R"({"actions":["create-symlink"],"path":"l","symlink":"../outside/treasure"},{"actions":["patch"],"path":"l",)"
+             + sound + '}')
+                .constData());
+        other(
+            "delta from a file outside",
+            (R"({"actions":["delete-symlink"],"path":"Contents/out"},{"actions":["adddirectory"],"path":"Contents/out"},{"actions":["patch"],"path":"Contents/out/treasure",)"
+             + sound + '}')
+                .constData(),
+            "Error patching file: Contents/out/treasure");
         other("delta that is none",
               R"({"actions":["patch"],"path":"Contents/file","position":0,"length":7,"hash":""})",
-              "Error patching file");
+              "Error patching file: Contents/file");
     }
 
     void refusals()
@@ -235,7 +261,9 @@ private slots:
         const TemporaryTree tree;
         // What follows a refused command is not performed.
         const Outcome outcome =
-            apply(tree, patchOfCommands(commands + R"(,{"actions":["delete"],"path":"Contents/file"})"));
+            apply(tree,
+                  patchOfCommands(commands + R"(,{"actions":["delete"],"path":"Contents/file"})",
+                                  "payload" + DeltaToNothing));
 
         QVERIFY(!outcome.applied);
         QStringList expected = Opening;
@@ -351,6 +379,23 @@ private slots:
         QCOMPARE(TemporaryTree::mode(tree.path(QStringLiteral("new.app/replaced"))), 0640);
         QCOMPARE(TemporaryTree::mode(tree.path(QStringLiteral("new.app/added"))), 0640);
         QCOMPARE(TemporaryTree::mode(tree.path(QStringLiteral("old.app/kept"))), 0600);
+    }
+
+    void leavesAMarker()
+    {
+        const TemporaryTree tree;
+        tree.write(QStringLiteral("old.app/f"), "x");
+        const QString patch = tree.write(QStringLiteral("patch"), patchOfCommands(""));
+        const QByteArray before = qgetenv("TMPDIR");
+        qputenv("TMPDIR", tree.directory(QStringLiteral("tmp")).toUtf8());
+        QVariantList log;
+        const bool applied = ZELUpdaterApplyPatch(tree.path(QStringLiteral("old.app")),
+                                                  tree.path(QStringLiteral("new.app")), patch, log);
+        before.isNull() ? qunsetenv("TMPDIR") : qputenv("TMPDIR", before);
+        QVERIFY(applied);
+        const QStringList left = QDir(tree.path(QStringLiteral("tmp"))).entryList({QStringLiteral("*-*")});
+        QCOMPARE(left.size(), 1);
+        QCOMPARE(left[0], QUuid(left[0]).toString(QUuid::WithoutBraces).toUpper());
     }
 
     void patchFiles_data()
@@ -475,34 +520,51 @@ private slots:
     void testPatchComparesFiles_data()
     {
         QTest::addColumn<QByteArray>("commands");
-        QTest::addColumn<bool>("same");
-        QTest::newRow("equal") << QByteArray() << true;
-        QTest::newRow("file differs")
-            << QByteArray(R"({"actions":["add"],"path":"f","position":0,"length":3})") << false;
-        QTest::newRow("file is missing") << QByteArray(R"({"actions":["delete"],"path":"f"})") << false;
-        QTest::newRow("file too many")
-            << QByteArray(R"({"actions":["add"],"path":"g","position":0,"length":3})") << true;
-        QTest::newRow("link instead of the file is passed over") << QByteArray(
-            R"({"actions":["delete"],"path":"f"},{"actions":["create-symlink"],"path":"f","symlink":"x"})")
-                                                                 << true;
-        QTest::newRow("empty file is missing")
-            << QByteArray(R"({"actions":["delete"],"path":"empty"})") << true;
+        QTest::addColumn<QStringList>("differing");
+
+        const auto row = [](const char *name, const char *commands, const QStringList &differing) {
+            QTest::newRow(name) << QByteArray(commands) << differing;
+        };
+        row("equal", "", {});
+        row("files differ, one of them hidden",
+            R"({"actions":["add"],"path":"f","position":0,"length":3},{"actions":["add"],"path":".h","position":0,"length":3})",
+            {QStringLiteral(".h"), QStringLiteral("f")});
+        row("file is missing", R"({"actions":["delete"],"path":"f"})", {QStringLiteral("f")});
+        row("file too many", R"({"actions":["add"],"path":"g","position":0,"length":3})", {});
+        row("link instead of the file is passed over",
+            R"({"actions":["delete"],"path":"f"},{"actions":["create-symlink"],"path":"f","symlink":"x"})",
+            {});
+        row("file instead of a folder is passed over",
+            R"({"actions":["delete"],"path":"d"},{"actions":["add"],"path":"d","position":0,"length":3})",
+            {});
+        row("empty file is missing", R"({"actions":["delete"],"path":"empty"})", {});
     }
 
     void testPatchComparesFiles()
     {
         QFETCH(QByteArray, commands);
-        QFETCH(bool, same);
+        QFETCH(QStringList, differing);
         const TemporaryTree tree;
         const LogCapture capture;
         tree.write(QStringLiteral("old.app/f"), "content");
+        tree.write(QStringLiteral("old.app/.h"), "content");
         tree.write(QStringLiteral("old.app/empty"), "");
+        tree.directory(QStringLiteral("old.app/d"));
         const QString old = tree.path(QStringLiteral("old.app"));
         QCOMPARE(ZELUpdaterTestPatch(old, tree.path(QStringLiteral("new.app")),
                                      tree.write(QStringLiteral("patch"), patchOfCommands(commands)), old),
-                 same);
+                 differing.isEmpty());
+        DDLog::flushLog();
+        const QStringList logged = capture.lines("zel.updater");
+        QStringList named;
+        for (qsizetype at = logged.indexOf(QStringLiteral("hash error")); at >= 0;
+             at = logged.indexOf(QStringLiteral("hash error"), at + 1))
+            named.append(logged.value(at + 1));
+        named.sort();
+        QCOMPARE(named, differing);
         QCOMPARE(capture.lines("zel.system").last(),
-                 same ? QStringLiteral("Successfully patched") : QStringLiteral("Patching failed"));
+                 differing.isEmpty() ? QStringLiteral("Successfully patched")
+                                     : QStringLiteral("Patching failed"));
     }
 };
 
