@@ -154,7 +154,9 @@ std::optional<QByteArray> readFile(const QString &path)
 
 ZELError writeFileAtomically(const QString &path, QByteArrayView bytes)
 {
-    const QString aside = path + QLatin1Char('.') + QUuid::createUuid().toString(QUuid::Id128);
+    // Not made of the file's own name, which may be as long as names can be.
+    const QString aside =
+        path.left(path.lastIndexOf(u'/') + 1) + u'.' + QUuid::createUuid().toString(QUuid::Id128);
     const QByteArray asideName = QFile::encodeName(aside);
     FileDescriptor file(::open(asideName.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (!file)

@@ -127,10 +127,13 @@ private slots:
         QVERIFY(!writeFileAtomically(tree.path(QStringLiteral("link")), "new"));
         QCOMPARE(tree.read(QStringLiteral("target")), QByteArray("target"));
         QCOMPARE(tree.read(QStringLiteral("link")), QByteArray("new"));
+        const QString longest(255, u'x');
+        QVERIFY(!writeFileAtomically(tree.path(longest), "long"));
+        QCOMPARE(tree.read(longest), QByteArray("long"));
         tree.directory(QStringLiteral("folder/inside"));
         QVERIFY(writeFileAtomically(tree.path(QStringLiteral("folder")), "new"));
         QCOMPARE(QDir(tree.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).size(),
-                 3);
+                 4);
     }
 
     void privateFolders()
