@@ -114,6 +114,9 @@ private slots:
         QVERIFY(copyTree(tree.path(QStringLiteral("a")), tree.path(QStringLiteral("a")))
                     .message.contains(QLatin1String("cannot make folder")));
         QVERIFY(copyTree(tree.path(QStringLiteral("a")), tree.path(QStringLiteral("none/b"))));
+        tree.write(QStringLiteral("there"), "y");
+        QVERIFY(copyTree(tree.path(QStringLiteral("a/file")), tree.path(QStringLiteral("there"))));
+        QCOMPARE(tree.read(QStringLiteral("there")), QByteArray("y"));
         ::mkfifo(tree.path(QStringLiteral("a/fifo")).toUtf8().constData(), 0644);
         QVERIFY(copyTree(tree.path(QStringLiteral("a")), tree.path(QStringLiteral("c")))
                     .message.contains(QLatin1String("fifo is neither")));
