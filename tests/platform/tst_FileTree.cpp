@@ -73,10 +73,13 @@ private slots:
         if (attributes)
             QCOMPARE(attribute(tree.path(QStringLiteral("b/large"))), QByteArray("kept"));
 
-        // The copy goes although its folder forbids changes, and what links point at stays.
+        // The copy goes although its folder forbids changes, and what links point at stays as it is.
+        ::chmod(tree.path(QStringLiteral("outside")).toUtf8().constData(), 0555);
         QVERIFY(!removeTree(tree.path(QStringLiteral("b"))));
         QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("b"))));
         QCOMPARE(tree.read(QStringLiteral("outside/treasure")), QByteArray("treasure"));
+        QCOMPARE(TemporaryTree::mode(tree.path(QStringLiteral("outside"))), 0555);
+        ::chmod(tree.path(QStringLiteral("outside")).toUtf8().constData(), 0755);
         ::chmod(tree.path(QStringLiteral("a/sealed")).toUtf8().constData(), 0755);
     }
 
