@@ -9,11 +9,7 @@
 #include "StagingFolder.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
-
-#include <algorithm>
-#include <filesystem>
 
 using namespace zel;
 
@@ -28,12 +24,7 @@ void appendItem(QVariantList &log, const char *description, const QString &path)
 // Removing what stands at the new path must never remove the old bundle, and a copy cannot hold itself.
 bool overlap(const QString &oldPath, const QString &newPath)
 {
-    std::error_code error;
-    const auto oldBundle = std::filesystem::weakly_canonical(QFile::encodeName(oldPath).toStdString(), error);
-    const auto newBundle = std::filesystem::weakly_canonical(QFile::encodeName(newPath).toStdString(), error);
-    const auto [first, second] =
-        std::mismatch(oldBundle.begin(), oldBundle.end(), newBundle.begin(), newBundle.end());
-    return first == oldBundle.end() || second == newBundle.end();
+    return liesWithin(oldPath, newPath) || liesWithin(newPath, oldPath);
 }
 
 bool copyOldBundle(const QString &oldPath, const QString &newPath, QVariantList &log)

@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QUuid>
 
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -139,6 +140,14 @@ ZELError removeTree(const QString &path)
         fs::remove_all(item, error);
     }
     return error ? ZELError::fromErrno(QLatin1String("cannot remove ") + path, error.value()) : ZELError();
+}
+
+bool liesWithin(const QString &path, const QString &folder)
+{
+    std::error_code error; // what cannot be resolved becomes an empty path, and everything lies within that
+    const fs::path inner = fs::weakly_canonical(QFile::encodeName(path).toStdString(), error);
+    const fs::path outer = fs::weakly_canonical(QFile::encodeName(folder).toStdString(), error);
+    return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
 }
 
 std::optional<QByteArray> readFile(const QString &path)

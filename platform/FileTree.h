@@ -19,6 +19,9 @@ ZELError copyTree(const QString &from, const QString &to);
 /// Removes a file, a link (never what it points at) or a folder with all it holds. A missing item is no error.
 ZELError removeTree(const QString &path);
 
+/// Whether `path` is `folder` or lies below it, with all links resolved. Neither needs to exist.
+bool liesWithin(const QString &path, const QString &folder);
+
 /// The whole content of a regular file, links followed; nothing where it cannot be read.
 std::optional<QByteArray> readFile(const QString &path);
 

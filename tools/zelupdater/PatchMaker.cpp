@@ -181,9 +181,17 @@ ZELError prove(const QString &oldPath, const QString &newPath, const QString &pa
 ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
                    const PatchMakerOptions &options, PatchSummary &summary)
 {
+    if (liesWithin(patchPath, oldPath) || liesWithin(patchPath, newPath))
+        return ZELError::withMessage(patchPath + QLatin1String(" lies in a bundle; put the patch elsewhere"));
     Maker maker(oldPath, newPath, options, summary);
     if (const ZELError error = maker.plan())
         return error;
+    // Beside the patch, so that its new name is a rename and the proof has the space that the patch's folder has. Made
+    // before the long work, which would be lost if nothing can be written there.
+    const QTemporaryDir folder(QFileInfo(patchPath).absolutePath() + QLatin1String("/.make-patch-XXXXXX"));
+    if (!folder.isValid())
+        return ZELError::withMessage(QLatin1String("cannot write ") + patchPath + QLatin1String(": ")
+                                     + folder.errorString());
     if (const ZELError error = maker.addFiles())
         return error;
     if (options.progress)
@@ -191,12 +199,6 @@ ZELError makePatch(const QString &oldPath, const QString &newPath, const QString
     const std::optional<QByteArray> bytes = maker.encode();
     if (!bytes)
         return ZELError::withMessage(QStringLiteral("the patch cannot be compressed: memory is exhausted"));
-
-    // Beside the patch, so that its new name is a rename and the proof has the space that the patch's folder has.
-    const QTemporaryDir folder(QFileInfo(patchPath).absolutePath() + QLatin1String("/.make-patch-XXXXXX"));
-    if (!folder.isValid())
-        return ZELError::withMessage(QLatin1String("cannot write ") + patchPath + QLatin1String(": ")
-                                     + folder.errorString());
     const QString aside = folder.filePath(QStringLiteral("patch"));
     if (const ZELError error = writeFileAtomically(aside, *bytes))
         return error;
