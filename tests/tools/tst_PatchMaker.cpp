@@ -3,6 +3,8 @@
 #include "TemporaryTree.h"
 #include "ZELUpdaterApplyPatch.h"
 
+#include <QRegularExpression>
+
 using namespace zel;
 
 namespace {
@@ -168,7 +170,8 @@ private slots:
     {
         QTest::addColumn<QString>("reason");
         QTest::newRow("fifo") << QStringLiteral("neither a file");
-        QTest::newRow("name") << QStringLiteral("not UTF-8");
+        QTest::newRow("name") << QStringLiteral("name of .*not UTF-8");
+        QTest::newRow("target") << QStringLiteral("target of .*not UTF-8");
         QTest::newRow("gone") << QStringLiteral("cannot read the bundle");
     }
 
@@ -184,14 +187,70 @@ private slots:
             QCOMPARE(::mkfifo((bundle + "/fifo").constData(), 0644), 0);
         else if (qstrcmp(QTest::currentDataTag(), "name") == 0)
             QCOMPARE(::symlink("x", (bundle + "/\xff\xfe").constData()), 0);
+        else if (qstrcmp(QTest::currentDataTag(), "target") == 0)
+            QCOMPARE(::symlink("\xff\xfe", (bundle + "/x").constData()), 0);
         else
             QDir(QString::fromUtf8(bundle)).removeRecursively();
         const QString patch = tree.write(QStringLiteral("patch"), "an earlier patch");
         PatchSummary summary;
         const ZELError error =
             makePatch(tree.path(QStringLiteral("old.app")), QString::fromUtf8(bundle), patch, {}, summary);
-        QVERIFY2(error.message.contains(reason), qPrintable(error.message));
+        QVERIFY2(error.message.contains(QRegularExpression(reason)), qPrintable(error.message));
         QCOMPARE(tree.read(QStringLiteral("patch")), QByteArray("an earlier patch"));
+    }
+
+    void patchInsideABundleIsRefused()
+    {
+        const TemporaryTree tree;
+        makeTree(tree, QStringLiteral("old.app"), {QStringLiteral("a=1")});
+        makeTree(tree, QStringLiteral("new.app"), {QStringLiteral("a=1")});
+        tree.link(QStringLiteral("link"), QStringLiteral("new.app"));
+        for (const char *place : {"old.app/patch", "new.app/none/patch", "link/patch", "new.app"}) {
+            PatchSummary summary;
+            const ZELError error =
+                makePatch(tree.path(QStringLiteral("old.app")), tree.path(QStringLiteral("new.app")),
+                          tree.path(QLatin1String(place)), {}, summary);
+            QVERIFY2(error.message.contains(QLatin1String("lies in a bundle")), place);
+        }
+    }
+
+    void proof_data()
+    {
+        QTest::addColumn<QString>("bundle"); // what is changed once the patch's commands are made
+        QTest::addColumn<QString>("item");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("old file") << QStringLiteral("old.app") << QStringLiteral("a->none")
+                                  << QStringLiteral("does not apply");
+        QTest::newRow("new file") << QStringLiteral("new.app") << QStringLiteral("a=")
+                                  << QStringLiteral("a differs");
+        QTest::newRow("one more file")
+            << QStringLiteral("new.app") << QStringLiteral("b=") << QStringLiteral("b differs");
+        QTest::newRow("link's target")
+            << QStringLiteral("new.app") << QStringLiteral("k->a") << QStringLiteral("k differs");
+    }
+
+    // A patch that does not give the new bundle gets no name.
+    void proof()
+    {
+        QFETCH(QString, bundle);
+        QFETCH(QString, item);
+        QFETCH(QString, reason);
+        const TemporaryTree tree;
+        makeTree(tree, QStringLiteral("old.app"), {QStringLiteral("*a=1")});
+        makeTree(tree, QStringLiteral("new.app"), {QStringLiteral("*a=2"), QStringLiteral("k->b")});
+        PatchMakerOptions options;
+        options.progress = [&](const QString &step, qint64, qint64) {
+            if (step == QLatin1String("compressing")) {
+                QDir(tree.path(bundle)).remove(item.first(1));
+                makeTree(tree, bundle, {item});
+            }
+        };
+        PatchSummary summary;
+        const ZELError error =
+            makePatch(tree.path(QStringLiteral("old.app")), tree.path(QStringLiteral("new.app")),
+                      tree.path(QStringLiteral("patch")), options, summary);
+        QVERIFY2(error.message.contains(reason), qPrintable(error.message));
+        QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("patch"))));
     }
 };
 
