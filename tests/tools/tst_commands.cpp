@@ -1,4 +1,5 @@
 // The command line as scripts see it: exit statuses, what goes to which stream, the JSON forms.
+#include "PatchBuilder.h"
 #include "TemporaryTree.h"
 #include "TestCertificate.h"
 
@@ -105,7 +106,8 @@ private slots:
         row("diff|--help", 0, "^Usage: zelupdater diff OLD NEW DELTA", "^$");
         row("diff|{}/a|{}/b", 2, "^$",
             "3 arguments are needed, 2 given\nUsage: zelupdater diff OLD NEW DELTA");
-        row("diff|{}/a|{}/b||", 2, "^$", "arguments");
+        row("diff|{}/a|{}/b|", 2, "^$", "an argument is empty");
+        row("md5|{}/a|{}/b|--json", 2, R"(^\{"error":"1 argument is needed, 2 given"\}\n$)", "Usage: ");
         row("diff|{}/a|{}/b|{}/d|--frob", 2, "^$", "Unknown option 'frob'");
         row("diff|{}/none|{}/b|{}/d", 1, "^$", "zelupdater diff: there is no file .*/none\n$");
         row("diff|{}|{}/b|{}/d", 1, "^$", "is not a file");
@@ -170,6 +172,18 @@ private slots:
         QVERIFY2(QRegularExpression(err).match(QString::fromUtf8(outcome.err)).hasMatch(),
                  outcome.err.constData());
         QCOMPARE(outcome.status, status);
+    }
+
+    // The delta engine says "header error" on standard output; scripts that read JSON must not meet it.
+    void jsonStaysAlone()
+    {
+        const QByteArray manifest =
+            R"({"actions":["patch"],"path":"Contents/Info.plist","position":0,"length":3,"hash":""})";
+        m_tree.write(QStringLiteral("bad.patch"), patchOfCommands(manifest));
+        const Outcome outcome = run("apply-patch|{}/100/My App.app|{}/new.app|{}/bad.patch|--json");
+        QCOMPARE(outcome.status, 1);
+        QVERIFY2(outcome.json().isArray(), outcome.out.constData());
+        QVERIFY2(outcome.err.contains("header error\n"), outcome.err.constData());
     }
 
     void applyPatchPrintsItsLog()

@@ -6,6 +6,7 @@
 #include <QTextStream>
 
 #include <cstdio>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -44,12 +45,17 @@ bool Arguments::parse(const QStringList &words)
         printHelp();
         std::exit(Done);
     }
+    if (json())
+        setJsonApart();
     const auto count = m_parser.positionalArguments().size();
     if (!understood)
         misused(m_parser.errorText());
     else if (count != m_command.positionals.size())
-        misused(
-            QStringLiteral("%1 arguments are needed, %2 given").arg(m_command.positionals.size()).arg(count));
+        misused(QStringLiteral("%1 %2 needed, %3 given")
+                    .arg(m_command.positionals.size())
+                    .arg(m_command.positionals.size() == 1 ? QLatin1String("argument is")
+                                                           : QLatin1String("arguments are"))
+                    .arg(count));
     else if (m_parser.positionalArguments().contains(QLatin1String("")))
         misused(QStringLiteral("an argument is empty"));
     else {
@@ -99,6 +105,8 @@ int Arguments::misused(const QString &message) const
     print(stderr,
           QLatin1String("zelupdater ") + m_command.name + QLatin1String(": ") + message
               + QLatin1String("\nUsage: ") + usageLine(m_command));
+    if (json())
+        printJson(QJsonObject{{QLatin1String("error"), message}});
     return WrongUsage;
 }
 
@@ -133,12 +141,21 @@ void Arguments::printHelp() const
     print(stdout, help);
 }
 
-void printJson(const QJsonValue &value)
+// Children and the delta engine know of standard output only, so it is that which is led elsewhere.
+void Arguments::setJsonApart()
+{
+    m_json.reset(::fdopen(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1), "w"));
+    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+}
+
+// One value, compact, and a newline.
+void Arguments::printJson(const QJsonValue &value) const
 {
     // QJsonDocument prints arrays and objects only; any other value goes through an array of one.
     QByteArray text = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
     text = text.sliced(1, text.size() - 2);
-    print(stdout, QString::fromUtf8(text));
+    if (m_json)
+        print(m_json.get(), QString::fromUtf8(text));
 }
 
 QString sizeText(qint64 bytes)

@@ -5,6 +5,8 @@
 #include <QJsonValue>
 #include <QStringList>
 
+#include <cstdio>
+#include <memory>
 #include <vector>
 
 class Arguments;
@@ -26,7 +28,8 @@ const std::vector<Command> &allCommands();
 
 /// The parsed arguments of one command, and its two ways to end.
 ///
-/// With --json, exactly one JSON value goes to standard output, whether the job was done or failed. Without it, text
+/// With --json, exactly one JSON value goes to standard output, whether the job was done, failed or was never begun;
+/// whatever else is written there (by the delta engine, by a child process) goes to standard error. Without it, text
 /// goes to standard output; errors go to standard error, one line each, in both cases.
 class Arguments
 {
@@ -65,14 +68,18 @@ public:
     static void showProgress(const QString &text);
 
 private:
+    struct CloseStream {
+        void operator()(std::FILE *stream) const { std::fclose(stream); }
+    };
+
+    void setJsonApart();
+    void printJson(const QJsonValue &value) const;
     void printHelp() const;
 
     const Command &m_command;
     QCommandLineParser m_parser;
+    std::unique_ptr<std::FILE, CloseStream> m_json; ///< with --json, what was standard output
 };
-
-/// Prints one JSON value, compact, and a newline.
-void printJson(const QJsonValue &value);
 
 /// A size for people, such as "12.3 MB".
 QString sizeText(qint64 bytes);
