@@ -130,13 +130,24 @@ private slots:
         row("apply-patch|{}/100/My App.app|{}/new.app|{}/good.patch", 0, "new.app is ready", "^$");
         row("apply-patch|{}/100/My App.app|{}/new.app|{}/short", 1, "^$", "shorter than its header");
         row("apply-patch|{}/101/My App.app|{}/new.app|{}/good.patch", 1, "^$", "Hash error: Contents/");
-        row("apply-patch|{}/none.app|{}/new.app|{}/good.patch", 1, "^$", "there is no .*none.app");
+        row("apply-patch|{}/none.app|{}/new.app|{}/good.patch", 1, "^$", "there is no bundle .*none.app");
         row("test-patch|{}/100/My App.app|{}/new.app|{}/good.patch|{}/101/My App.app", 0,
             "Successfully patched", "^$");
         row("test-patch|{}/100/My App.app|{}/new.app|{}/good.patch|{}/100/My App.app", 1, "^$",
             "Patching failed");
         row("test-patch|{}/100/My App.app|{}/new.app|{}/good.patch|{}/none.app", 1, "^$",
             "there is no bundle");
+        row("apply-patch|{}/a|{}/new.app|{}/good.patch", 1, "^$", "/a is not a folder");
+        row("apply-patch|{}/100/My App.app|{}/new.app|{}/100", 1, "^$", "/100 is not a file");
+        row("apply-patch|{}/100/My App.app|{}|{}/good.patch", 1, "^$",
+            "good.patch lies in .*, which is replaced");
+        row("test-patch|{}/100/My App.app|{}/new.app|{}/none|{}/101/My App.app", 1, "^$",
+            "there is no file .*none");
+        row("test-patch|{}/100/My App.app|{}/101/My App.app|{}/good.patch|{}/101/My App.app", 1, "^$",
+            "is replaced by the patched bundle");
+        row("test-patch|{}/100/My App.app|{}/101|{}/good.patch|{}/101/My App.app", 1, "^$",
+            "is replaced by the patched bundle");
+        row("inspect-patch|{}/none", 1, "^$", "there is no file .*none");
         row("inspect-patch|{}/good.patch", 0, "patch +\\d+ +\\d+  Contents/MacOS/example\n", "^$");
         row("inspect-patch|{}/chunk", 1, "^$", "is not a bundle patch");
         row("sign|{}/100/My App.app|--key|{}/maker.key", 2, "^$", "--cert is missing");

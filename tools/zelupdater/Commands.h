@@ -9,6 +9,9 @@ std::vector<Command> sealCommands(); // sign, verify
 std::vector<Command> updateCommands(); // check, update
 std::vector<Command> publishCommands(); // release, serve
 
+/// Why a file cannot be read; a null string when it can.
+QString unreadable(const QString &path);
+
 /// Shows on a terminal what the patch maker is at.
 void showPatchProgress(const QString &step, qint64 done, qint64 total);
 

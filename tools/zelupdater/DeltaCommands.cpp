@@ -19,16 +19,6 @@ std::filesystem::path fsPath(const QString &path)
     return QFile::encodeName(path).toStdString();
 }
 
-QString unreadable(const QString &path)
-{
-    const QFileInfo file(path);
-    if (!file.exists())
-        return QLatin1String("there is no file ") + path;
-    if (!file.isFile())
-        return path + QLatin1String(" is not a file");
-    return file.isReadable() ? QString() : QLatin1String("cannot read ") + path;
-}
-
 int runDiff(const Arguments &arguments)
 {
     const QString oldFile = arguments.positional(0);
@@ -84,6 +74,16 @@ int runMd5(const Arguments &arguments)
 }
 
 } // namespace
+
+QString unreadable(const QString &path)
+{
+    const QFileInfo file(path);
+    if (!file.exists())
+        return QLatin1String("there is no file ") + path;
+    if (!file.isFile())
+        return path + QLatin1String(" is not a file");
+    return file.isReadable() ? QString() : QLatin1String("cannot read ") + path;
+}
 
 std::vector<Command> deltaCommands()
 {

@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "FileTree.h"
 #include "PatchFile.h"
 #include "PatchLog.h"
 #include "PatchMaker.h"
@@ -70,6 +71,19 @@ int runMakePatch(const Arguments &arguments)
     return arguments.done(text, summaryJson(summary));
 }
 
+// What keeps a patch from being applied; a null string when nothing is seen. What stands at the new bundle's place is
+// removed before the patch is read.
+QString misplaced(const QString &oldBundle, const QString &newBundle, const QString &patch)
+{
+    if (const QString problem = notABundle(oldBundle); !problem.isNull())
+        return problem;
+    if (const QString problem = unreadable(patch); !problem.isNull())
+        return problem;
+    return liesWithin(patch, newBundle) ? patch + QLatin1String(" lies in ") + newBundle
+            + QLatin1String(", which is replaced; give another place for the new bundle")
+                                        : QString();
+}
+
 // The first entry that tells of a fault, with the file that it names.
 QString faultOf(const QVariantList &log)
 {
@@ -89,6 +103,8 @@ int runApplyPatch(const Arguments &arguments)
     const QString oldBundle = absolute(arguments.positional(0));
     const QString newBundle = absolute(arguments.positional(1));
     const QString patch = absolute(arguments.positional(2));
+    if (const QString problem = misplaced(oldBundle, newBundle, patch); !problem.isNull())
+        return arguments.failed(problem);
     QVariantList log;
     const bool applied = ZELUpdaterApplyPatch(oldBundle, newBundle, patch, log);
     const QJsonArray json = patchLogJson(log);
@@ -105,17 +121,28 @@ int runApplyPatch(const Arguments &arguments)
 
 int runTestPatch(const Arguments &arguments)
 {
+    const QString oldBundle = absolute(arguments.positional(0));
+    const QString newBundle = absolute(arguments.positional(1));
+    const QString patch = absolute(arguments.positional(2));
     const QString expected = absolute(arguments.positional(3));
-    if (const QString problem = notABundle(expected); !problem.isNull())
-        return arguments.failed(problem);
-    const bool matches =
-        ZELUpdaterTestPatch(absolute(arguments.positional(0)), absolute(arguments.positional(1)),
-                            absolute(arguments.positional(2)), expected);
+    for (const QString &problem : {misplaced(oldBundle, newBundle, patch), notABundle(expected)}) {
+        if (!problem.isNull())
+            return arguments.failed(problem);
+    }
+    if (liesWithin(expected, newBundle) || liesWithin(newBundle, expected))
+        return arguments.failed(
+            QStringLiteral("%1 is replaced by the patched bundle, so it cannot hold, or lie in, "
+                           "the reference %2; give another place for the new bundle")
+                .arg(newBundle, expected));
+    const bool matches = ZELUpdaterTestPatch(oldBundle, newBundle, patch, expected);
     const QJsonObject json{{QLatin1String("matches"), matches}};
     if (matches)
         return arguments.done(QStringLiteral("Successfully patched"), json);
-    return arguments.failed(QStringLiteral("Patching failed: the result differs from %1").arg(expected),
-                            json);
+    return arguments.failed(
+        QStringLiteral(
+            "Patching failed: the patch does not apply (apply-patch tells why) or the result differs from %1")
+            .arg(expected),
+        json);
 }
 
 QString rowOf(const PatchCommand &command)
@@ -134,8 +161,11 @@ QString rowOf(const PatchCommand &command)
 
 int runInspectPatch(const Arguments &arguments)
 {
+    const QString path = arguments.positional(0);
+    if (const QString problem = unreadable(path); !problem.isNull())
+        return arguments.failed(problem);
     PatchFile patch;
-    if (const ZELError error = PatchFile::read(arguments.positional(0), patch))
+    if (const ZELError error = PatchFile::read(path, patch))
         return arguments.failed(error.message);
     const QString header =
         QStringLiteral("%1 %2 %3  %4")
