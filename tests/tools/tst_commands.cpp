@@ -185,6 +185,24 @@ private slots:
         QCOMPARE(outcome.status, status);
     }
 
+    // A hostile patch: no size is summed that the payload does not have, and no name steers the terminal.
+    void inspectPatchShowsTotals()
+    {
+        const QByteArray endless =
+            "{\"actions\":[\"add\"],\"path\":\"b\\n\",\"position\":0,\"length\":9223372036854775807},";
+        m_tree.write(QStringLiteral("odd.patch"),
+                     patchOfCommands(R"({"actions":["add"],"path":"a","position":0,"length":7},)" + endless
+                                     + endless
+                                     + "{\"actions\":[\"delete\"],\"path\":\"x\\n\\u001b[2Jy\",\"length\":5},"
+                                     + R"({"actions":["explode"]})"));
+        const Outcome outcome = run("inspect-patch|{}/odd.patch");
+        QCOMPARE(outcome.status, 0);
+        QVERIFY2(outcome.out.contains("\n\n1 (none)\n1 delete\n3 add (7 bytes)\n"), outcome.out.constData());
+        QVERIFY(run("apply-patch|{}/100/My App.app|{}/new.app|{}/odd.patch")
+                    .err.endsWith(": Error creating file: b\xEF\xBF\xBD\n"));
+        QVERIFY2(outcome.out.contains("  x\xEF\xBF\xBD\xEF\xBF\xBD[2Jy\n"), outcome.out.constData());
+    }
+
     // The delta engine says "header error" on standard output; scripts that read JSON must not meet it.
     void jsonStaysAlone()
     {

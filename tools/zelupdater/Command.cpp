@@ -94,7 +94,7 @@ int Arguments::done(const QString &text, const QJsonValue &value) const
 int Arguments::failed(const QString &message, const QJsonValue &value) const
 {
     showProgress({});
-    print(stderr, QLatin1String("zelupdater ") + m_command.name + QLatin1String(": ") + message);
+    print(stderr, QLatin1String("zelupdater ") + m_command.name + QLatin1String(": ") + printable(message));
     if (json())
         printJson(value.isUndefined() ? QJsonObject{{QLatin1String("error"), message}} : value);
     return JobFailed;
@@ -156,6 +156,15 @@ void Arguments::printJson(const QJsonValue &value) const
     text = text.sliced(1, text.size() - 2);
     if (m_json)
         print(m_json.get(), QString::fromUtf8(text));
+}
+
+QString printable(QString text)
+{
+    for (QChar &character : text) {
+        if (character.category() == QChar::Other_Control || character.category() == QChar::Other_Format)
+            character = QChar::ReplacementCharacter;
+    }
+    return text;
 }
 
 QString sizeText(qint64 bytes)

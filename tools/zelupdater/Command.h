@@ -81,5 +81,8 @@ private:
     std::unique_ptr<std::FILE, CloseStream> m_json; ///< with --json, what was standard output
 };
 
+/// A text that names what a stranger named, such as a path of a patch: one line, which cannot steer the terminal.
+QString printable(QString text);
+
 /// A size for people, such as "12.3 MB".
 QString sizeText(qint64 bytes);

@@ -145,18 +145,32 @@ int runTestPatch(const Arguments &arguments)
         json);
 }
 
+bool isSliced(PatchAction action)
+{
+    return action == PatchAction::Add || action == PatchAction::Patch;
+}
+
+QString nameOf(PatchAction action)
+{
+    return action == PatchAction::None ? QStringLiteral("(none)") : wordOf(action);
+}
+
 QString rowOf(const PatchCommand &command)
 {
-    const bool sliced = command.action == PatchAction::Add || command.action == PatchAction::Patch;
-    const QString action =
-        command.action == PatchAction::None ? QStringLiteral("(none)") : wordOf(command.action);
+    const bool sliced = isSliced(command.action);
     const QString length = sliced ? QString::number(command.length) : QString();
     const QString position = sliced ? QString::number(command.position) : QString();
     const QString target =
         command.action == PatchAction::CreateSymlink ? QLatin1String(" -> ") + command.symlink : QString();
-    return QStringLiteral("%1 %2 %3  %4%5")
-        .arg(action.leftJustified(14), length.rightJustified(12), position.rightJustified(12), command.path,
-             target);
+    return QStringLiteral("%1 %2 %3  %4")
+        .arg(nameOf(command.action).leftJustified(14), length.rightJustified(12), position.rightJustified(12),
+             printable(command.path + target));
+}
+
+QString totalOf(PatchAction action, int count, qint64 bytes)
+{
+    const QString size = isSliced(action) ? QStringLiteral(" (%1)").arg(sizeText(bytes)) : QString();
+    return QStringLiteral("%1 %2%3").arg(QString::number(count), nameOf(action), size);
 }
 
 int runInspectPatch(const Arguments &arguments)
@@ -179,12 +193,12 @@ int runInspectPatch(const Arguments &arguments)
         commands.append(command.toJson());
         auto &[count, bytes] = totals[command.action];
         ++count;
-        bytes += command.length;
+        if (const auto slice = patch.slice(command)) // no sum for what is not there
+            bytes += slice->size();
     }
     arguments.say(QString());
     for (const auto &[action, total] : totals)
-        arguments.say(
-            QStringLiteral("%1 %2 (%3)").arg(total.first).arg(wordOf(action)).arg(sizeText(total.second)));
+        arguments.say(totalOf(action, total.first, total.second));
     arguments.say(
         QStringLiteral("manifest %1 compressed; payload %2 compressed, %3 in all")
             .arg(sizeText(patch.manifestSize), sizeText(patch.payloadSize), sizeText(patch.payload.size())));
