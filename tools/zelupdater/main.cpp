@@ -4,7 +4,11 @@
 
 #include <QCoreApplication>
 
+#include <clocale>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <langinfo.h>
 
 namespace {
 
@@ -24,10 +28,19 @@ void quietUnlessAsked(const QStringList &words)
         QLoggingCategory::setFilterRules(QStringLiteral("zel.*=false"));
 }
 
+// Qt takes the locale for a UTF-8 one, and newer versions complain on standard error where it is none.
+void setUtf8Locale()
+{
+    std::setlocale(LC_CTYPE, "");
+    if (std::strcmp(::nl_langinfo(CODESET), "UTF-8") != 0)
+        ::setenv("LC_ALL", "C.UTF-8", 1);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
+    setUtf8Locale();
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("zelupdater"));
     QStringList words = QCoreApplication::arguments();
