@@ -41,16 +41,15 @@ struct Work {
     Block eb;
 };
 
-/// Refuses before anything is allocated what could not be read or sorted. A file that cannot be looked at is
-/// left to the reading, which then says why.
+/// Refuses before anything is allocated what could not be read or sorted.
 bool isAcceptable(const char *role, const char *path)
 {
     struct stat status;
-    if (::stat(path, &status) != 0)
-        return true;
-    if (!S_ISDIR(status.st_mode) && status.st_size <= largestFile)
-        return true;
-    errno = S_ISDIR(status.st_mode) ? EISDIR : EFBIG;
+    if (::stat(path, &status) == 0) {
+        if (!S_ISDIR(status.st_mode) && status.st_size <= largestFile)
+            return true;
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EFBIG;
+    }
     warn("%s file error: %s", role, path);
     return false;
 }

@@ -266,10 +266,10 @@ private slots:
         QTest::addColumn<QString>("patch");
         QTest::addColumn<QByteArray>("message");
 
-        QTest::newRow("old missing") << "no"
-                                     << "file"
-                                     << "patch"
-                                     << QByteArray("old file error: no: No such file or directory");
+        QTest::newRow("old missing, then the new one")
+            << "no"
+            << "."
+            << "patch" << QByteArray("old file error: no: No such file or directory");
         QTest::newRow("new missing") << "file"
                                      << "no"
                                      << "patch"
