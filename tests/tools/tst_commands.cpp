@@ -285,6 +285,8 @@ private slots:
         const QJsonValue offer = client(QStringList(check) << QStringLiteral("--beta")).json();
         QCOMPARE(offer[QLatin1String("text")], QJsonValue(QStringLiteral("Update Available")));
         const QJsonValue result = offer[QLatin1String("result")];
+        const QStringList patchKeys{QStringLiteral("build"), QStringLiteral("file"), QStringLiteral("hash")};
+        QCOMPARE(result[QLatin1String("patch")].toObject().keys(), patchKeys);
         QCOMPARE(result[QLatin1String("patch")][QLatin1String("build")], QJsonValue(100));
 
         const QStringList update{QStringLiteral("update"), QStringLiteral("--path"), installed,

@@ -47,7 +47,7 @@ QJsonObject withAbsoluteAddresses(QJsonObject entry, const QUrl &base)
         if (entry.contains(key))
             entry[key] = absolute(entry[key], base);
     }
-    if (const QJsonArray patches = entry[QLatin1String("patches")].toArray(); !patches.isEmpty()) {
+    if (const QJsonArray patches = entry.value(QLatin1String("patches")).toArray(); !patches.isEmpty()) {
         QJsonArray served;
         for (const QJsonValue patch : patches)
             served.append(withAbsoluteAddresses(patch.toObject(), base));
