@@ -321,6 +321,8 @@ private:
         // Addresses are those that the client used to reach the server.
         QVERIFY(http(url, "POST /any" + post).contains("\"http://example.test:1/My%20App-101.zip\""));
 
+        m_tree.write(QStringLiteral("releases/line\nbreak"), "x");
+        QVERIFY(http(url, "GET /line%0Abreak" + close + "\r\n").startsWith("HTTP/1.1 200"));
         for (const char *path :
              {"/none", "/../notes.html", "/%2e%2e/notes.html", "/..%2fnotes.html", "/logs/x", "//etc/passwd"})
             QVERIFY2(http(url, QByteArray("GET ") + path + close + "\r\n").startsWith("HTTP/1.1 404"), path);

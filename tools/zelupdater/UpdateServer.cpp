@@ -1,6 +1,7 @@
 #include "UpdateServer.h"
 
 #include "FileTree.h"
+#include "SealedItems.h"
 #include "StagingFolder.h"
 
 #include <QDateTime>
@@ -19,6 +20,7 @@ namespace {
 
 constexpr size_t LogLimit = size_t(512)
     << 20; // a patch log can hold the old and the new file of a failed delta
+const char *const AnyPath = "[\\s\\S]*"; // a dot would leave out names with a line break
 const char *const PatchLogPath = "/wexmoor7/updates/patch/";
 
 const char *contentType(const QString &file)
@@ -64,11 +66,12 @@ UpdateServer::UpdateServer(const QString &folder, std::function<void(const QStri
     , m_server(std::make_unique<httplib::Server>())
 {
     m_server->set_payload_max_length(LogLimit);
-    m_server->Get(".*", [this](const auto &request, auto &response) { serveFile(request, response); });
-    m_server->Post(".*", [this](const auto &request, auto &response) { post(request, response); });
+    m_server->Get(AnyPath, [this](const auto &request, auto &response) { serveFile(request, response); });
+    m_server->Post(AnyPath, [this](const auto &request, auto &response) { post(request, response); });
     m_server->set_logger([this](const httplib::Request &request, const httplib::Response &response) {
         m_said(QStringLiteral("%1 %2 %3")
-                   .arg(QString::fromStdString(request.method), QString::fromStdString(request.path))
+                   .arg(QString::fromStdString(request.method),
+                        shownPath(QByteArray::fromStdString(request.path)))
                    .arg(response.status));
     });
 }
