@@ -3,6 +3,7 @@
 #include "TemporaryTree.h"
 #include "TestCertificate.h"
 
+#include <QCryptographicHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -300,6 +301,16 @@ private slots:
                  m_tree.read(QStringLiteral("101/My App.app/Contents/MacOS/example")));
 
         serverAnswers(url, result[QLatin1String("update")].toObject());
+
+        // What the user has in the staging folder outlives an archive that cannot be extracted.
+        m_tree.write(QStringLiteral("releases/bad.zip"), "no archive");
+        const QByteArray hash = QCryptographicHash::hash("no archive", QCryptographicHash::Md5).toHex();
+        m_tree.write(QStringLiteral("releases/releases.json"),
+                     "[{\"build\":102,\"file\":\"bad.zip\",\"hash\":\"" + hash + "\"}]");
+        m_tree.write(QStringLiteral("staging/mine"), "");
+        QCOMPARE(client(update).json()[QLatin1String("text")],
+                 QJsonValue(QStringLiteral("Extraction Failed")));
+        QVERIFY(QFileInfo::exists(m_tree.path(QStringLiteral("staging/mine"))));
         server.kill();
         server.waitForFinished();
     }

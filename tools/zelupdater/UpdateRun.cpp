@@ -27,6 +27,13 @@ QJsonObject outcome(qint64 status, const QString &text, const QString &path)
             {QLatin1String("path"), path.isNull() ? QJsonValue() : QJsonValue(path)}};
 }
 
+// A failed extraction removes the whole root, so in the user's folder it is one of our own.
+QString stagingRootIn(const QString &folder)
+{
+    return folder.isEmpty() ? stagingRoot()
+                            : QFileInfo(folder).absoluteFilePath() + QLatin1String("/update-") + newUUID();
+}
+
 } // namespace
 
 QString offerText(const QVariantMap &result)
@@ -55,9 +62,8 @@ UpdateRun::UpdateRun(const QVariantMap &config, const Arguments &arguments)
     };
     hooks.progress = [this](qint64 received, qint64 expected) { progressed(received, expected); };
     m_installer = UpdateInstaller::create(hooks);
-    const QString staging = arguments.value(QStringLiteral("staging"));
     m_installer->setSettings({m_config[QStringLiteral("path")].toString(),
-                              staging.isEmpty() ? stagingRoot() : QFileInfo(staging).absoluteFilePath(),
+                              stagingRootIn(arguments.value(QStringLiteral("staging"))),
                               arguments.values(QStringLiteral("signer"))});
 }
 
