@@ -12,7 +12,8 @@ namespace zel {
 
 namespace {
 
-// What the new program starts with: our pipe as standard input, and no signal ignored or blocked.
+// What the new program starts with: our pipe as standard input, no descriptor of the host beyond the standard ones,
+// and no signal ignored or blocked.
 class SpawnSetup
 {
 public:
@@ -27,6 +28,7 @@ public:
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+        posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
     }
     ~SpawnSetup()
     {

@@ -46,6 +46,7 @@ private slots:
         sigaddset(&blocked, SIGUSR1);
         pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
         std::signal(SIGUSR2, SIG_IGN);
+        ::dup2(STDERR_FILENO, 100); // a descriptor that is inherited
         std::signal(SIGPIPE, SIG_DFL); // one that comes through ends the test
     }
 
@@ -160,6 +161,7 @@ private slots:
         row("wants its arguments", "cat >/dev/null; [ \"$1 $2 $3 ${4##*/} $#\" = '-x -k - out 4' ]", {});
         // The test blocks and ignores some signals: none of it must reach the tool. (The C library ignores signals
         // 32 and 33 in what it spawns.)
+        row("wants no other descriptors", "cat >/dev/null; [ ! -e /proc/$$/fd/100 ]", {});
         row("wants fresh signals",
             "cat >/dev/null; ! grep -qE '^Sig(Blk|Ign):.*[1-9a-f].{0,6}$' /proc/self/status", {});
     }
