@@ -31,7 +31,7 @@ QUrl patchLogUrl(const QVariantMap &config)
         server = QStringLiteral(ZEL_UPDATE_SERVER);
     if (server.isEmpty())
         server = QUrl(config[QStringLiteral("url")].toString())
-                     .adjusted(QUrl::RemovePath | QUrl::RemoveQuery)
+                     .adjusted(QUrl::RemovePath | QUrl::RemoveQuery | QUrl::RemoveFragment)
                      .toString();
     while (server.endsWith(u'/'))
         server.chop(1);

@@ -108,7 +108,7 @@ private slots:
         QFETCH(QString, server);
         QFETCH(QByteArray, asked);
         TestServer target;
-        QVariantMap config{{QStringLiteral("url"), target.url(QStringLiteral("/check?x=1")).toString()},
+        QVariantMap config{{QStringLiteral("url"), target.url(QStringLiteral("/check?x=1#top")).toString()},
                            {QStringLiteral("version"), 7.01}};
         if (!server.isNull())
             config[QStringLiteral("server")] = target.url(server).toString();
