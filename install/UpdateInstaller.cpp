@@ -25,6 +25,13 @@ namespace {
 
 enum InstallStatus : qint64 { Failed = 0, Succeeded = 1, ExtractionFailed = 2, PatchFailed = 3 };
 
+// Completions may be left out.
+void report(const ZELInstallCompletion &completion, InstallStatus status, const QString &path = {})
+{
+    if (completion)
+        completion(status, path);
+}
+
 QString jsonText(const QVariantMap &entry)
 {
     return QString::fromUtf8(
@@ -145,8 +152,9 @@ void UpdateInstaller::downloadUpdate(ZELDownloadCompletion completion)
                 return;
             }
             DDLogInfo(QStringLiteral("Error downloading file"));
+            systemLog(error.message);
             // Deliberate: the one result that is not delivered on the main queue. Hosts expect it here.
-            completion(Failed, QString());
+            report(completion, Failed);
         });
     setTask(task);
     task->resume();
@@ -186,7 +194,7 @@ void UpdateInstaller::wrongPayload(const Chosen &chosen, ZELDownloadCompletion c
         if (isPatch)
             self->downloadFullUpdate(completion);
         else
-            completion(Failed, QString());
+            report(completion, Failed);
     });
 }
 
@@ -199,7 +207,7 @@ ZELInstallCompletion UpdateInstaller::patchRouter(ZELDownloadCompletion completi
             if (path.isNull())
                 self->downloadFullUpdate(completion);
             else
-                completion(Succeeded, path);
+                report(completion, Succeeded, path);
         });
     };
 }
@@ -207,12 +215,8 @@ ZELInstallCompletion UpdateInstaller::patchRouter(ZELDownloadCompletion completi
 ZELInstallCompletion UpdateInstaller::updateRouter(ZELDownloadCompletion completion)
 {
     return [completion](qint64, const QString &path) {
-        onMainQueue([completion, path] {
-            if (path.isNull())
-                completion(ExtractionFailed, QString());
-            else
-                completion(Succeeded, path);
-        });
+        onMainQueue(
+            [completion, path] { report(completion, path.isNull() ? ExtractionFailed : Succeeded, path); });
     };
 }
 
@@ -228,7 +232,7 @@ void UpdateInstaller::handleUpdate(const QString &payload, ZELInstallCompletion 
                 DDLogInfo(ok ? QStringLiteral("extraction succeeded") : QStringLiteral("extraction failed"));
                 if (!ok)
                     self->cleanup();
-                completion(ok ? Succeeded : ExtractionFailed, ok ? path : QString());
+                report(completion, ok ? Succeeded : ExtractionFailed, ok ? path : QString());
             });
         });
 }
@@ -280,7 +284,7 @@ void UpdateInstaller::applyPatch(const QString &staging, const QString &build, c
     }
     onMainQueue([=] {
         if (ready)
-            completion(Succeeded, patchedPath);
+            report(completion, Succeeded, patchedPath);
         else
             self->patchFailed(log, completion);
     });
@@ -290,7 +294,7 @@ void UpdateInstaller::patchFailed(const QVariantList &log, const ZELInstallCompl
 {
     if (m_hooks.handleLog)
         m_hooks.handleLog(log);
-    completion(PatchFailed, QString());
+    report(completion, PatchFailed);
 }
 
 void UpdateInstaller::downloadFullUpdate(ZELDownloadCompletion completion)

@@ -25,8 +25,8 @@ QString payloadName(const QUrl &url);
 
 /// Carries one update at a time. Made with `create`; it lives at least until what it has started has ended.
 ///
-/// Threads: the methods may be called from any thread. Completions run on the main queue, with the one exception that
-/// `downloadUpdate` reports a failed transfer on the URL session's thread.
+/// Threads: the methods may be called from any thread. Completions, which may be empty, run on the main queue, with
+/// the one exception that `downloadUpdate` reports a failed transfer on the URL session's thread.
 class UpdateInstaller : public std::enable_shared_from_this<UpdateInstaller>
 {
 public:

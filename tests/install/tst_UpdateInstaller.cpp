@@ -35,6 +35,7 @@ struct Flow {
     QString bundle; // the end of the new bundle's path; null: none
     QByteArrayList requests;
     QString lastLogged; // last entry of the patch log; null: no log
+    QStringList logged; // on the info level, cut at the first blank before "=" and after "{"
     QStringList staged; // what the staging folders hold, in the order of the downloads
     bool onMainQueue = true;
 };
@@ -123,23 +124,35 @@ private slots:
         const QStringList afterPatch{QStringLiteral("Old-100.app"), QStringLiteral("Patched-100.app"),
                                      QStringLiteral("p 1")};
         const QByteArrayList both{"/p%201", "/full.zip"};
+        const QStringList stored{QStringLiteral("Download location"), QStringLiteral("temp"),
+                                 QStringLiteral("payload")};
+        const QStringList patchStart{QStringLiteral("Downloading patch"), QStringLiteral("{")};
+        const QStringList patchRun = patchStart + stored + QStringList(QStringLiteral("verifying patch"));
+        const QStringList fullRun =
+            QStringList{QStringLiteral("Downloading full update"), QStringLiteral("{")} + stored
+            + QStringList{QStringLiteral("extracting update"), QStringLiteral("extraction succeeded")};
+        const QStringList fallBack =
+            QStringList(QStringLiteral("Attempting to download full update after patch failure")) + fullRun;
 
         row("by patch", [&](Flow &flow) {
             flow.bundle = QStringLiteral("/Patched-100.app");
             flow.requests = {"/p%201"};
             flow.staged = afterPatch;
+            flow.logged = patchRun + QStringList(QStringLiteral("patch succeeded"));
         });
         row("by full archive", [&](Flow &flow) {
             flow.offersPatch = false;
             flow.bundle = QStringLiteral("/Example.app");
             flow.requests = {"/full.zip"};
             flow.staged = afterFull;
+            flow.logged = fullRun;
         });
         row("a patch with a wrong hash falls back", [&](Flow &flow) {
             flow.patchHash = fullHash;
             flow.bundle = QStringLiteral("/Example.app");
             flow.requests = both;
             flow.staged = QStringList{QStringLiteral("p 1")} + afterFull;
+            flow.logged = patchStart + stored + QStringList(QStringLiteral("MD5 Error")) + fallBack;
         });
         row("a patch without a hash falls back", [&](Flow &flow) {
             flow.patchHash = QString();
@@ -161,6 +174,7 @@ private slots:
             flow.requests = both;
             flow.lastLogged = QStringLiteral("Patch failed");
             flow.staged = afterPatch + afterFull;
+            flow.logged = patchRun + QStringList(QStringLiteral("patch failed")) + fallBack;
         });
         row("a patch whose result is not sealed falls back", [&](Flow &flow) {
             const QByteArray altered = patchTo(QStringLiteral("new/Example.app"), "Contents/extra");
@@ -170,6 +184,10 @@ private slots:
             flow.requests = both;
             flow.lastLogged = QStringLiteral("failed with code signing error");
             flow.staged = afterPatch + afterFull;
+            flow.logged = patchRun
+                + QStringList{QStringLiteral("patch failed with codesigning error"),
+                              QStringLiteral("patch failed")}
+                + fallBack;
         });
         row("an installed bundle that cannot be copied falls back", [&](Flow &flow) {
             flow.installed = QStringLiteral("gone/Example.app");
@@ -177,12 +195,16 @@ private slots:
             flow.requests = both;
             flow.lastLogged = QStringLiteral("Unable to copy old appliocation to temp folder");
             flow.staged = QStringList{QStringLiteral("p 1")} + afterFull;
+            flow.logged = patchRun
+                + QStringList{QStringLiteral("Unable to copy old app"), QStringLiteral("patch failed")}
+                + fallBack;
         });
         row("a patch whose transfer fails does not fall back", [&](Flow &flow) {
             flow.patch = {{.body = m_patch, .dropAt = 10}};
             flow.status = 0;
             flow.requests = {"/p%201"};
             flow.onMainQueue = false;
+            flow.logged = patchStart + QStringList(QStringLiteral("Error downloading file"));
         });
         row("patch and archive with wrong hashes", [&](Flow &flow) {
             flow.patchHash = QString(u'x');
@@ -204,6 +226,7 @@ private slots:
             flow.fullHash = MD5FromData(QByteArray("no zip"));
             flow.status = 2;
             flow.requests = {"/full.zip"};
+            flow.logged = fullRun.first(6) + QStringList(QStringLiteral("extraction failed"));
         });
         row("an archive without a bundle", [&](Flow &flow) {
             const QByteArray zip = ZipMaker::make({{.name = "file", .data = "x"}});
@@ -245,6 +268,8 @@ private slots:
         const TemporaryTree staging;
         const QString root = staging.path(QStringLiteral("it's \"a\" $(staging) folder\n"));
 
+        DDLog::flushLog();
+        const LogCapture capture;
         QList<QVariantList> logs;
         const auto installer =
             UpdateInstaller::create({.handleLog = [&](const QVariantList &log) { logs.append(log); },
@@ -276,6 +301,9 @@ private slots:
         });
         QTRY_COMPARE_WITH_TIMEOUT(calls.load(), 1, 60000);
 
+        DDLog::flushLog();
+        if (!flow.logged.isEmpty())
+            QCOMPARE(capture.lines("zel.updater").replaceInStrings(m_variable, QString()), flow.logged);
         QCOMPARE(int(status), flow.status);
         QCOMPARE(thread == QThread::currentThread(), flow.onMainQueue);
         QCOMPARE(path.isNull(), flow.bundle.isNull());
@@ -326,6 +354,28 @@ private slots:
         QCoreApplication::processEvents();
         QCOMPARE(calls, 0);
         compareStaged(staging.path(QStringLiteral("staging")), {});
+    }
+
+    void completionMayBeLeftOut()
+    {
+        TestServer server;
+        server.answer(QStringLiteral("/dropped"), {{.body = m_zip, .dropAt = 5}});
+        const TemporaryTree staging;
+        const LogCapture capture;
+        const auto installer = UpdateInstaller::create({});
+        installer->setSettings({{}, staging.path(QStringLiteral("staging")), {}});
+        for (const auto &[path, end] :
+             {std::pair("/dropped", "Error downloading file"), std::pair("/wrong", "MD5 Error")}) {
+            const QVariantMap record{{QStringLiteral("file"), server.url(QLatin1String(path))}};
+            installer->setUpdate({{QStringLiteral("update"), record}});
+            installer->downloadUpdate({});
+            const auto ended = [&] {
+                DDLog::flushLog();
+                return capture.lines("zel.updater").contains(QLatin1String(end));
+            };
+            QTRY_VERIFY(ended());
+        }
+        QVERIFY(capture.lines("zel.system").first().contains(QLatin1String("/dropped\": ")));
     }
 
     void payloadNames_data()
@@ -380,6 +430,8 @@ private:
         QCOMPARE(staged, expected);
     }
 
+    const QRegularExpression m_variable{QStringLiteral(" = .*|(?<=\\{).*"),
+                                        QRegularExpression::DotMatchesEverythingOption};
     const TemporaryTree m_tree;
     TestCertificate m_signer;
     QByteArray m_patch;

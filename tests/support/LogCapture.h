@@ -15,7 +15,7 @@ public:
         s_lines.clear();
     }
 
-    /// The messages of one category, in order.
+    /// The informational messages of one category, in order.
     QStringList lines(const char *category) const
     {
         const QMutexLocker lock(&s_mutex);
@@ -28,10 +28,11 @@ public:
     }
 
 private:
-    static void handle(QtMsgType, const QMessageLogContext &context, const QString &message)
+    static void handle(QtMsgType type, const QMessageLogContext &context, const QString &message)
     {
         const QMutexLocker lock(&s_mutex);
-        s_lines.append({QByteArray(context.category), message});
+        if (type == QtInfoMsg)
+            s_lines.append({QByteArray(context.category), message});
     }
 
     static inline QtMessageHandler s_previous = nullptr;
