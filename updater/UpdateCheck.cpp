@@ -1,6 +1,7 @@
 #include "UpdateCheck.h"
 
 #include "BundleInfo.h"
+#include "DDLog.h"
 #include "Queues.h"
 #include "UpdateDecision.h"
 #include "URLSession.h"
@@ -45,7 +46,9 @@ void checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion)
     const MachineFacts facts = MachineFacts::current();
     const QUrl url(config[QStringLiteral("url")].toString());
     dataTask(postRequest(url, checkRequestBody(config, facts)),
-             [=](const QByteArray &body, const ZELError &) {
+             [=](const QByteArray &body, const ZELError &error) {
+                 if (error)
+                     systemLog(error.message);
                  onMainQueue([=] {
                      const Decision decision = decideUpdate(body, config, installedBuild(config), facts);
                      if (completion)
@@ -74,7 +77,9 @@ void downloadHistory(const QVariantMap &config, const QVariantMap &result,
 void uploadPatchLog(const QVariantMap &config, const QVariantList &log, std::function<void()> ended)
 {
     const QByteArray body = logUploadBody(config, log, MachineFacts::current());
-    dataTask(postRequest(patchLogUrl(config), body), [ended](const QByteArray &, const ZELError &) {
+    dataTask(postRequest(patchLogUrl(config), body), [ended](const QByteArray &, const ZELError &error) {
+        if (error)
+            systemLog(error.message);
         if (ended)
             onMainQueue(ended);
     })->resume();

@@ -159,8 +159,9 @@ private slots:
         row("check|--url|http://127.0.0.1:9/", 2, "^$", "--build is missing");
         row("check|--url|ftp://h/|--build|1", 2, "^$", "--url takes an http or https address");
         row("check|--url|http://127.0.0.1:9/|--build|one", 2, "^$", "--build takes a whole number");
-        row("check|--url|http://127.0.0.1:9/|--build|1", 1, "^$",
-            "Unknown Error: no usable answer from http://127.0.0.1:9/");
+        row("check|--url|http://127.0.0.1:9/|--build|1|--verbose", 1, "^$",
+            "Could[^$]*connect[^$]*\nzelupdater check: Unknown Error: no usable answer from "
+            "http://127.0.0.1:9/");
         row("update|--url|http://127.0.0.1:9/|--path|{}/none.app", 1, "^$", "none.app is not a bundle");
         row("release|{}/none.app|{}/r0", 1, "^$", "is not a bundle");
         row("release|{}/a|{}/r0", 1, "^$", "is not a bundle");

@@ -61,8 +61,10 @@ int runCheck(const Arguments &arguments)
                            {QLatin1String("text"), text},
                            {QLatin1String("result"), QJsonObject::fromVariantMap(decision.result)}};
     if (decision.status == CheckFailed)
-        return arguments.failed(
-            text + QLatin1String(": no usable answer from ") + arguments.value(QStringLiteral("url")), json);
+        return arguments.failed(text + QLatin1String(": no usable answer from ")
+                                    + arguments.value(QStringLiteral("url"))
+                                    + QLatin1String(" (--verbose shows why)"),
+                                json);
     return arguments.done(
         decision.status == UpdateAvailable ? text + QLatin1String(": ") + offerText(decision.result) : text,
         json);

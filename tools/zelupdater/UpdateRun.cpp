@@ -80,7 +80,9 @@ void UpdateRun::checked(qint64 status, const QVariantMap &result)
 {
     const QString text = descriptionForStatus(status);
     if (status == CheckFailed)
-        return end(m_arguments.failed(text + QLatin1String(": no usable answer from the update server"),
+        return end(m_arguments.failed(text + QLatin1String(": no usable answer from ")
+                                          + m_config[QStringLiteral("url")].toString()
+                                          + QLatin1String(" (--verbose shows why)"),
                                       outcome(status, text, {})));
     if (status == NoUpdates)
         return end(m_arguments.done(text, outcome(status, text, {})));
@@ -127,7 +129,7 @@ void UpdateRun::installed(qint64 status, const QString &path)
     const QString text = descriptionForDownloadStatus(status);
     const QJsonObject json = outcome(status, text, path);
     if (path.isNull())
-        end(m_arguments.failed(text, json));
+        end(m_arguments.failed(text + QLatin1String(" (--verbose shows why)"), json));
     else
         end(m_arguments.done(text + QLatin1String(": ") + path, json));
 }
