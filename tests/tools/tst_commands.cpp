@@ -79,7 +79,9 @@ private slots:
         m_tree.write(QStringLiteral("chunk"), QByteArray(32768, 'x'));
         m_tree.write(QStringLiteral("short"), "BSDIFN40");
         m_tree.write(QStringLiteral("notes.html"), "<h1>Notes</h1>");
-        for (const char *build : {"100", "101"}) {
+        makeBundle(QStringLiteral("case/My App.app"), "100");
+        m_tree.write(QStringLiteral("case/My App.app/Contents/info.plist"), "differs by case");
+        for (const char *build : {"100", "101", "case"}) {
             const QString bundle = QStringLiteral("{}/%1/My App.app").arg(QLatin1String(build));
             QCOMPARE(
                 run({QStringLiteral("sign"), bundle, QStringLiteral("--key"), QStringLiteral("{}/maker.key"),
@@ -164,7 +166,8 @@ private slots:
             "http://127.0.0.1:9/");
         row("update|--url|http://127.0.0.1:9/|--path|{}/none.app", 1, "^$", "none.app is not a bundle");
         row("release|{}/none.app|{}/r0", 1, "^$", "is not a bundle");
-        row("release|{}/a|{}/r0", 1, "^$", "is not a bundle");
+        row("release|{}/case/My App.app|{}/r0", 1, "^$",
+            "by case\nzelupdater release: .* could not be installed");
         row("release|{}/100|{}/r0", 1, "^$", "CFBundleVersion");
         row("release|{}/100/My App.app|{}/r0|--notes|{}/none.html", 1, "My App-100.zip",
             "cannot read the notes .*none.html");

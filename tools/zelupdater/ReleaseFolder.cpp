@@ -117,6 +117,8 @@ ZELError ReleaseFolder::addFiles(const Build &build, const QJsonArray &records, 
     files.append(archive);
     if (const ZELError error = writeBundleZip(build.bundle, file(archive)))
         return error;
+    if (const ZELError error = proveArchive(archive))
+        return error;
     const qint64 size = QFileInfo(file(archive)).size();
     options.say(QStringLiteral("%1: %2").arg(
         archive, QLocale::c().formattedDataSize(size, 1, QLocale::DataSizeSIFormat)));
@@ -149,13 +151,25 @@ ZELError ReleaseFolder::addFiles(const Build &build, const QJsonArray &records, 
     return writeFileAtomically(file(notes), *html);
 }
 
+ZELError ReleaseFolder::proveArchive(const QString &archive) const
+{
+    const QTemporaryDir scratch(scratchPattern());
+    if (!scratch.isValid())
+        return cannotWrite(scratch);
+    QString bundle;
+    ZELError error = unpack(archive, scratch.path(), bundle);
+    if (!error)
+        error = verifySeal(bundle);
+    return error ? ZELError::withMessage(archive + QLatin1String(" could not be installed: ") + error.message)
+                 : ZELError();
+}
+
 ZELError ReleaseFolder::addPatch(const Build &build, const QJsonObject &earlier, const Options &options,
                                  qint64 archiveSize, QJsonArray &patches, QStringList &files) const
 {
-    const QTemporaryDir scratch(m_path + QLatin1String("/.release-XXXXXX"));
+    const QTemporaryDir scratch(scratchPattern());
     if (!scratch.isValid())
-        return ZELError::withMessage(QLatin1String("cannot write to ") + m_path + QLatin1String(": ")
-                                     + scratch.errorString());
+        return cannotWrite(scratch);
     const QString from = QString::number(buildOf(earlier));
     const QString name = QStringLiteral("%1-%2-to-%3.zelpatch").arg(build.name, from).arg(build.number);
     const auto leftOut = [&](const QString &why) {
@@ -164,7 +178,8 @@ ZELError ReleaseFolder::addPatch(const Build &build, const QJsonObject &earlier,
         return ZELError();
     };
     QString oldBundle;
-    if (const ZELError error = unpack(earlier, scratch.path(), oldBundle))
+    const QString archive = nameOf(earlier[QLatin1String("file")]);
+    if (const ZELError error = unpack(archive, scratch.path(), oldBundle))
         return leftOut(error.message);
     PatchMakerOptions makerOptions;
     makerOptions.progress = options.progress;
@@ -182,17 +197,22 @@ ZELError ReleaseFolder::addPatch(const Build &build, const QJsonObject &earlier,
     return {};
 }
 
-ZELError ReleaseFolder::unpack(const QJsonObject &record, const QString &folder, QString &bundle) const
+ZELError ReleaseFolder::unpack(const QString &archive, const QString &folder, QString &bundle) const
 {
     ZELError error;
-    const QString archive = file(nameOf(record[QLatin1String("file")]));
-    if (!QFileInfo::exists(archive))
-        return ZELError::withMessage(archive + QLatin1String(" is gone"));
-    extractArchive(archive, folder, [&](bool, const QString &path, const ZELError &failed) {
+    if (!QFileInfo::exists(file(archive)))
+        return ZELError::withMessage(file(archive) + QLatin1String(" is gone"));
+    extractArchive(file(archive), folder, [&](bool, const QString &path, const ZELError &failed) {
         bundle = path;
         error = failed;
     });
     return error;
+}
+
+ZELError ReleaseFolder::cannotWrite(const QTemporaryDir &scratch) const
+{
+    return ZELError::withMessage(QLatin1String("cannot write to ") + m_path + QLatin1String(": ")
+                                 + scratch.errorString());
 }
 
 } // namespace zel

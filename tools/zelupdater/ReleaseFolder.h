@@ -9,6 +9,8 @@
 
 #include <functional>
 
+class QTemporaryDir;
+
 namespace zel {
 
 /// The feed of a release folder: "releases.json", an array of update records whose addresses ("file", "history") are
@@ -33,9 +35,9 @@ public:
         std::function<void(const QString &step, qint64 done, qint64 total)> progress;
     };
 
-    /// Adds a sealed bundle: its full archive, a patch from each earlier build that is in the folder, and its record. A
-    /// patch that cannot be made, or is no smaller than the archive, is left out and said. The feed is written last:
-    /// after an error the folder offers what it offered before.
+    /// Adds a sealed bundle: its full archive, proved by unpacking it as an installation would, a patch from each
+    /// earlier build that is in the folder, and its record. A patch that cannot be made, or is no smaller than the
+    /// archive, is left out and said. The feed is written last: after an error the folder offers what it offered before.
     ZELError add(const QString &bundle, const Options &options, QJsonObject &record) const;
 
 private:
@@ -44,7 +46,10 @@ private:
                       QJsonObject &record, QStringList &files) const;
     ZELError addPatch(const Build &build, const QJsonObject &earlier, const Options &options,
                       qint64 archiveSize, QJsonArray &patches, QStringList &files) const;
-    ZELError unpack(const QJsonObject &record, const QString &folder, QString &bundle) const;
+    ZELError proveArchive(const QString &archive) const;
+    ZELError unpack(const QString &archive, const QString &folder, QString &bundle) const;
+    ZELError cannotWrite(const QTemporaryDir &scratch) const;
+    QString scratchPattern() const { return m_path + QStringLiteral("/.release-XXXXXX"); }
     QString file(const QString &name) const { return m_path + u'/' + name; }
 
     const QString m_path;
