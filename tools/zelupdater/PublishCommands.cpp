@@ -48,7 +48,9 @@ int runServe(const Arguments &arguments)
     const int bound = server.bind(host, int(*port));
     if (bound < 0)
         return arguments.failed(
-            QStringLiteral("cannot listen on %1 port %2: choose another with --port").arg(host).arg(*port));
+            QStringLiteral("cannot listen on %1 port %2: choose others with --host and --port")
+                .arg(host)
+                .arg(*port));
     QUrl address;
     address.setScheme(QStringLiteral("http"));
     address.setHost(host);
