@@ -64,7 +64,7 @@ int runMakePatch(const Arguments &arguments)
     PatchSummary summary;
     if (const ZELError error = makePatch(oldBundle, newBundle, patch, options, summary))
         return arguments.failed(error.message);
-    QString text = patch + QLatin1String(": ") + summaryText(summary);
+    QString text = arguments.positional(2) + QLatin1String(": ") + summaryText(summary);
     if (!summary.lostModes.isEmpty())
         text +=
             QLatin1String("\nwithout their executable bit: ") + summary.lostModes.join(QLatin1String(", "));
@@ -109,7 +109,7 @@ int runApplyPatch(const Arguments &arguments)
     const bool applied = ZELUpdaterApplyPatch(oldBundle, newBundle, patch, log);
     const QJsonArray json = patchLogJson(log);
     if (applied)
-        return arguments.done(newBundle + QLatin1String(" is ready"), json);
+        return arguments.done(arguments.positional(1) + QLatin1String(" is ready"), json);
     QString why = faultOf(log);
     if (why.isEmpty()) {
         PatchFile file;

@@ -30,7 +30,7 @@ int runRelease(const Arguments &arguments)
         return arguments.failed(error.message);
     return arguments.done(QStringLiteral("build %1 is released in %2")
                               .arg(record[QLatin1String("build")].toInteger())
-                              .arg(folder),
+                              .arg(arguments.positional(1)),
                           record);
 }
 

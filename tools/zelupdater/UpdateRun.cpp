@@ -8,6 +8,7 @@
 #include "UpdateStatus.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFileInfo>
 #include <QJsonObject>
 
@@ -30,8 +31,16 @@ QJsonObject outcome(qint64 status, const QString &text, const QString &path)
 // A failed extraction removes the whole root, so in the user's folder it is one of our own.
 QString stagingRootIn(const QString &folder)
 {
-    return folder.isEmpty() ? stagingRoot()
-                            : QFileInfo(folder).absoluteFilePath() + QLatin1String("/update-") + newUUID();
+    return folder.isEmpty()
+        ? stagingRoot()
+        : QFileInfo(folder).absoluteFilePath() + QLatin1String("/update-") + newUUID().left(8);
+}
+
+// As short as it can be in the folder where the user is; scripts get the whole path.
+QString shownHere(const QString &path)
+{
+    const QString relative = QDir().relativeFilePath(path);
+    return relative.startsWith(QLatin1String("../")) ? path : relative;
 }
 
 } // namespace
@@ -131,7 +140,7 @@ void UpdateRun::installed(qint64 status, const QString &path)
     if (path.isNull())
         end(m_arguments.failed(text + QLatin1String(" (--verbose shows why)"), json));
     else
-        end(m_arguments.done(text + QLatin1String(": ") + path, json));
+        end(m_arguments.done(text + QLatin1String(": ") + shownHere(path), json));
 }
 
 void UpdateRun::end(int exitStatus)
