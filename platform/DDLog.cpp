@@ -54,7 +54,9 @@ public:
 private:
     Writer()
     {
-        zelUpdaterLog(); // made before the writer, so that it outlives the last message
+        // Made before the writer, so that they outlive the last message: the category and Qt's message pattern.
+        zelUpdaterLog();
+        qFormatLogMessage(QtInfoMsg, {}, {});
         m_thread = std::thread([this] { run(); });
     }
 
