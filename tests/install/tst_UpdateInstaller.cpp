@@ -154,7 +154,8 @@ private slots:
             flow.staged = QStringList{QStringLiteral("p 1")} + afterFull;
             flow.logged = patchStart + stored + QStringList(QStringLiteral("MD5 Error")) + fallBack;
         });
-        row("a patch without a hash falls back", [&](Flow &flow) {
+        row("a patch without a hash falls back, even an empty one", [&](Flow &flow) {
+            flow.patch = {{.body = ""}};
             flow.patchHash = QString();
             flow.bundle = QStringLiteral("/Example.app");
             flow.requests = both;
@@ -271,9 +272,10 @@ private slots:
         DDLog::flushLog();
         const LogCapture capture;
         QList<QVariantList> logs;
+        std::atomic<int> prepared = 0;
         const auto installer =
             UpdateInstaller::create({.handleLog = [&](const QVariantList &log) { logs.append(log); },
-                                     .preparing = {},
+                                     .preparing = [&] { ++prepared; },
                                      .progress = {}});
         installer->setSettings({m_tree.path(flow.installed), root, flow.signers});
         QVariantMap entry{
@@ -302,8 +304,13 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(calls.load(), 1, 60000);
 
         DDLog::flushLog();
+        const QStringList logged = capture.lines("zel.updater");
+        for (const QString &line : logged.filter(QStringLiteral(" = ")))
+            QVERIFY2(line.contains(QLatin1String(" = ") + root), qPrintable(line));
         if (!flow.logged.isEmpty())
-            QCOMPARE(capture.lines("zel.updater").replaceInStrings(m_variable, QString()), flow.logged);
+            QCOMPARE(QStringList(logged).replaceInStrings(m_variable, QString()), flow.logged);
+        QCOMPARE(prepared.load(), int(logged.count(QStringLiteral("verifying patch"))));
+        QVERIFY(!capture.hasMainThreadIn("zel.system")); // long work and its diagnostics are elsewhere
         QCOMPARE(int(status), flow.status);
         QCOMPARE(thread == QThread::currentThread(), flow.onMainQueue);
         QCOMPARE(path.isNull(), flow.bundle.isNull());

@@ -1,9 +1,11 @@
 // Collects what is logged while it lives.
 #pragma once
 
+#include <QCoreApplication>
 #include <QMutex>
 #include <QStringList>
 #include <QtGlobal>
+#include <QThread>
 
 class LogCapture
 {
@@ -13,6 +15,7 @@ public:
     {
         qInstallMessageHandler(s_previous);
         s_lines.clear();
+        s_mainThreadCategories.clear();
     }
 
     /// The informational messages of one category, in order.
@@ -27,15 +30,25 @@ public:
         return result;
     }
 
+    /// Whether the main thread has logged anything in a category.
+    bool hasMainThreadIn(const char *category) const
+    {
+        const QMutexLocker lock(&s_mutex);
+        return s_mainThreadCategories.contains(category);
+    }
+
 private:
     static void handle(QtMsgType type, const QMessageLogContext &context, const QString &message)
     {
         const QMutexLocker lock(&s_mutex);
+        if (QThread::currentThread() == QCoreApplication::instance()->thread())
+            s_mainThreadCategories.append(context.category);
         if (type == QtInfoMsg)
             s_lines.append({QByteArray(context.category), message});
     }
 
     static inline QtMessageHandler s_previous = nullptr;
     static inline QMutex s_mutex;
+    static inline QByteArrayList s_mainThreadCategories;
     static inline QList<std::pair<QByteArray, QString>> s_lines;
 };

@@ -79,6 +79,7 @@ private slots:
         m_tree.write(QStringLiteral("chunk"), QByteArray(32768, 'x'));
         m_tree.write(QStringLiteral("short"), "BSDIFN40");
         m_tree.write(QStringLiteral("notes.html"), "<h1>Notes</h1>");
+        makeBundle(QStringLiteral("bare/My App.app"), "100");
         makeBundle(QStringLiteral("case/My App.app"), "100");
         m_tree.write(QStringLiteral("case/My App.app/Contents/info.plist"), "differs by case");
         for (const char *build : {"100", "101", "case"}) {
@@ -169,6 +170,7 @@ private slots:
         row("release|{}/case/My App.app|{}/r0", 1, "^$",
             "by case\nzelupdater release: .* could not be installed");
         row("release|{}/100|{}/r0", 1, "^$", "CFBundleVersion");
+        row("release|{}/bare/My App.app|{}/r0", 1, "^$", "seal the bundle with 'zelupdater sign' first");
         row("release|{}/100/My App.app|{}/r0|--notes|{}/none.html", 1, "My App-100.zip",
             "cannot read the notes .*none.html");
         row("release|{}/100/My App.app|{}/a", 1, "^$", "cannot make the folder");
@@ -263,11 +265,15 @@ private slots:
 
     void releasesAreServedAndInstalled()
     {
+        // What failed in the rows above has left nothing behind.
+        QVERIFY(QDir(m_tree.path(QStringLiteral("r0")))
+                    .isEmpty(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot));
         QCOMPARE(run("release|{}/100/My App.app|{}/releases").status, 0);
         const Outcome second =
-            run("release|{}/101/My App.app|{}/releases|--notes|{}/notes.html|--beta|--json");
+            run("release|{}/101/My App.app|{}/releases|--notes|{}/notes.html|--beta|--patch-only|--json");
         QCOMPARE(second.status, 0);
         QCOMPARE(second.json()[QLatin1String("patches")][0][QLatin1String("build")], QJsonValue(100));
+        QCOMPARE(second.json()[QLatin1String("patchonly")], QJsonValue(true));
         QVERIFY(run("release|{}/101/My App.app|{}/releases").err.contains("build 101 is already in"));
 
         QProcess server;
@@ -337,9 +343,11 @@ private:
         QVERIFY(http(url, "POST /any" + post).contains("\"http://example.test:1/My%20App-101.zip\""));
 
         m_tree.write(QStringLiteral("releases/line\nbreak"), "x");
+        m_tree.write(QStringLiteral("releases/.hidden"), "x");
+        QVERIFY(QFile::link(m_tree.path(QStringLiteral("a")), m_tree.path(QStringLiteral("releases/link"))));
         QVERIFY(http(url, "GET /line%0Abreak" + close + "\r\n").startsWith("HTTP/1.1 200"));
-        for (const char *path :
-             {"/none", "/../notes.html", "/%2e%2e/notes.html", "/..%2fnotes.html", "/logs/x", "//etc/passwd"})
+        for (const char *path : {"/none", "/../notes.html", "/%2e%2e/notes.html", "/..%2fnotes.html",
+                                 "/logs/x", "//etc/passwd", "/.hidden", "/link"})
             QVERIFY2(http(url, QByteArray("GET ") + path + close + "\r\n").startsWith("HTTP/1.1 404"), path);
 
         QVERIFY(http(url, "POST /wexmoor7/updates/patch/" + post).startsWith("HTTP/1.1 200"));
