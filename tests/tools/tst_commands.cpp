@@ -170,6 +170,7 @@ private slots:
         row("release|{}/case/My App.app|{}/r0", 1, "^$",
             "by case\nzelupdater release: .* could not be installed");
         row("release|{}/100|{}/r0", 1, "^$", "CFBundleVersion");
+        row("release|{}/100/My App.app|{}/r1|--patch-only", 0, "offered to nobody", "^$");
         row("release|{}/bare/My App.app|{}/r0", 1, "^$", "seal the bundle with 'zelupdater sign' first");
         row("release|{}/100/My App.app|{}/r0|--notes|{}/none.html", 1, "My App-100.zip",
             "cannot read the notes .*none.html");

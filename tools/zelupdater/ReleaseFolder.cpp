@@ -134,6 +134,9 @@ ZELError ReleaseFolder::addFiles(const Build &build, const QJsonArray &records, 
             return error;
     }
     record[QLatin1String("patches")] = patches;
+    if (options.patchOnly && patches.isEmpty())
+        options.say(QStringLiteral(
+            "the build is offered to nobody: there is no patch, and it was asked for patches only"));
     if (!options.arch.isEmpty())
         record[QLatin1String("arch")] = options.arch;
     if (options.beta)
