@@ -8,7 +8,8 @@
 #include <functional>
 
 /// The end of a check: its status, the check result, and a reserved value that is always null.
-using ZELCheckCompletion = std::function<void(qint64 status, const QVariantMap &result, const QVariant &reserved)>;
+using ZELCheckCompletion =
+    std::function<void(qint64 status, const QVariantMap &result, const QVariant &reserved)>;
 
 /// The end of an extraction: whether the archive was extracted, the bundle's path, what went wrong. Judge by the
 /// path: an archive that was extracted but holds no bundle reports true, a null path and an error.

@@ -15,8 +15,7 @@ void ZELImageView::paintEvent(QPaintEvent *)
     QPainter painter(this);
     const qreal ratio = painter.device()->devicePixelRatioF();
     // Scaled by hand: a painter that shrinks an image to less than half of its size drops pixels.
-    const QSize pixels =
-        m_image.size().scaled((QSizeF(size()) * ratio).toSize(), Qt::KeepAspectRatio);
+    const QSize pixels = m_image.size().scaled((QSizeF(size()) * ratio).toSize(), Qt::KeepAspectRatio);
     QImage scaled = m_image.scaled(pixels, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
     scaled.setDevicePixelRatio(ratio);
     QRectF place(QPointF(), scaled.deviceIndependentSize());

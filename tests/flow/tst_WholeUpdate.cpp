@@ -118,24 +118,23 @@ private slots:
                     .pages = {"checking", "history", "download", "updated"},
                     .requests = {patch, archive, check, notes},
                     .staged = patched.mid(0, 1) + unpacked};
-        QTest::newRow("patch that fails") << Flow{
-            .change = uselessPatch,
-            .clicks = {install},
-            .events = {"check 1", "choice 2", "download 1 Example.app"},
-            .pages = {"checking", "history", "download", "updated"},
-            .requests = {patch, archive, check, notes, log},
-            .staged = patched + unpacked};
-        QTest::newRow("patch that fails, server gone at the log") << Flow{
-            .change =
-                [=](Offer &offer) {
-                    uselessPatch(offer);
-                    offer.answers["/wexmoor7/updates/patch/"] = {Gone};
-                },
-            .clicks = {install},
-            .events = {"check 1", "choice 2", "download 1 Example.app"},
-            .pages = {"checking", "history", "download", "updated"},
-            .requests = {patch, archive, check, notes, log},
-            .staged = patched + unpacked};
+        QTest::newRow("patch that fails") << Flow{.change = uselessPatch,
+                                                  .clicks = {install},
+                                                  .events = {"check 1", "choice 2", "download 1 Example.app"},
+                                                  .pages = {"checking", "history", "download", "updated"},
+                                                  .requests = {patch, archive, check, notes, log},
+                                                  .staged = patched + unpacked};
+        QTest::newRow("patch that fails, server gone at the log")
+            << Flow{.change =
+                        [=](Offer &offer) {
+                            uselessPatch(offer);
+                            offer.answers["/wexmoor7/updates/patch/"] = {Gone};
+                        },
+                    .clicks = {install},
+                    .events = {"check 1", "choice 2", "download 1 Example.app"},
+                    .pages = {"checking", "history", "download", "updated"},
+                    .requests = {patch, archive, check, notes, log},
+                    .staged = patched + unpacked};
         QTest::newRow("no update") << Flow{.change = [](Offer &offer) { offer.record["build"] = 100; },
                                            .clicks = {{"noUpdates", "cancel"}},
                                            .events = {"check 2", "cancel"},
@@ -256,8 +255,9 @@ private slots:
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override
     {
-        const QString page =
-            event->type() == QEvent::ChildAdded ? pageName(static_cast<QChildEvent *>(event)->child()) : QString();
+        const QString page = event->type() == QEvent::ChildAdded
+            ? pageName(static_cast<QChildEvent *>(event)->child())
+            : QString();
         if (!page.isEmpty())
             m_pages += page;
         return QObject::eventFilter(watched, event);

@@ -555,7 +555,7 @@ private slots:
                                      tree.write(QStringLiteral("patch"), patchOfCommands(commands)), old),
                  differing.isEmpty());
         DDLog::flushLog();
-        const QStringList logged = capture.lines("zel.updater");
+        const QStringList logged = capture.lines("zel.updater", QtDebugMsg);
         QStringList named;
         for (qsizetype at = logged.indexOf(QStringLiteral("hash error")); at >= 0;
              at = logged.indexOf(QStringLiteral("hash error"), at + 1))

@@ -18,14 +18,14 @@ public:
         s_mainThreadCategories.clear();
     }
 
-    /// The informational messages of one category, in order.
-    QStringList lines(const char *category) const
+    /// The messages of one kind in one category, in order.
+    QStringList lines(const char *category, QtMsgType type = QtInfoMsg) const
     {
         const QMutexLocker lock(&s_mutex);
         QStringList result;
-        for (const auto &[name, message] : s_lines) {
-            if (name == category)
-                result.append(message);
+        for (const Line &line : s_lines) {
+            if (line.category == category && line.type == type)
+                result.append(line.message);
         }
         return result;
     }
@@ -43,12 +43,17 @@ private:
         const QMutexLocker lock(&s_mutex);
         if (QThread::currentThread() == QCoreApplication::instance()->thread())
             s_mainThreadCategories.append(context.category);
-        if (type == QtInfoMsg)
-            s_lines.append({QByteArray(context.category), message});
+        s_lines.append({type, context.category, message});
     }
+
+    struct Line {
+        QtMsgType type;
+        QByteArray category;
+        QString message;
+    };
 
     static inline QtMessageHandler s_previous = nullptr;
     static inline QMutex s_mutex;
     static inline QByteArrayList s_mainThreadCategories;
-    static inline QList<std::pair<QByteArray, QString>> s_lines;
+    static inline QList<Line> s_lines;
 };
