@@ -8,6 +8,15 @@ namespace fs = std::filesystem;
 
 namespace {
 
+/// A hidden name beside the bundle.
+fs::path sibling(const fs::path &bundle, const char *suffix)
+{
+    fs::path name(".");
+    name += bundle.filename();
+    name += suffix;
+    return bundle.parent_path() / name;
+}
+
 /// A rename where both are on one file system, a copy otherwise.
 std::error_code bring(const fs::path &from, const fs::path &to)
 {
@@ -16,6 +25,12 @@ std::error_code bring(const fs::path &from, const fs::path &to)
     if (error == std::errc::cross_device_link)
         fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
     return error;
+}
+
+std::error_code exchange(const fs::path &one, const fs::path &other)
+{
+    const bool done = renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0;
+    return {done ? 0 : errno, std::generic_category()};
 }
 
 /// For file systems that cannot exchange two names: for a moment there is no bundle at the installed path, and the old
@@ -37,7 +52,7 @@ std::error_code replaceInTwoSteps(const fs::path &staged, const fs::path &instal
 
 fs::path previousBundle(const fs::path &installed)
 {
-    return installed.parent_path() / ("." + installed.filename().string() + ".previous");
+    return sibling(installed, ".previous");
 }
 
 void dropPreviousBundle(const fs::path &installed)
@@ -48,18 +63,18 @@ void dropPreviousBundle(const fs::path &installed)
 
 std::error_code swapBundles(const fs::path &newBundle, const fs::path &installed)
 {
-    const fs::path staged = installed.parent_path() / ("." + installed.filename().string() + ".new");
+    const fs::path staged = sibling(installed, ".new");
     const fs::path previous = previousBundle(installed);
-    std::error_code error, ignored;
+    std::error_code ignored;
     fs::remove_all(staged, ignored);
     fs::remove_all(previous, ignored);
-    error = bring(newBundle, staged);
-    if (!error && renameat2(AT_FDCWD, staged.c_str(), AT_FDCWD, installed.c_str(), RENAME_EXCHANGE) == 0)
+    std::error_code error = bring(newBundle, staged);
+    if (!error)
+        error = exchange(staged, installed);
+    if (!error)
         fs::rename(staged, previous, ignored);
-    else if (!error && (errno == EINVAL || errno == ENOSYS))
+    else if (error == std::errc::invalid_argument || error == std::errc::function_not_supported)
         error = replaceInTwoSteps(staged, installed, previous);
-    else if (!error)
-        error = {errno, std::generic_category()};
     if (error)
         fs::remove_all(staged, ignored);
     return error;

@@ -32,8 +32,9 @@ void click(ZELUpdaterButton *button)
 
 void ClickThrough::start(HostWindow &window, const QString &folder)
 {
-    new ClickThrough(window, folder); // owned by the window
+    auto *user = new ClickThrough(window, folder); // owned by the window
     window.checkForUpdates();
+    user->look();
 }
 
 ClickThrough::ClickThrough(HostWindow &window, const QString &folder)
