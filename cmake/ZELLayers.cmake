@@ -51,6 +51,6 @@ function(zel_add_tests layer)
         target_link_libraries(tst_${layer}_${unit} PRIVATE zel_options ${ARG_LINK} Qt6::Test)
         add_test(NAME ${layer}.${unit} COMMAND tst_${layer}_${unit})
         set_tests_properties(${layer}.${unit} PROPERTIES TIMEOUT 300
-            ENVIRONMENT "ASAN_OPTIONS=allocator_may_return_null=1;TSAN_OPTIONS=die_after_fork=0:suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp;QT_QPA_PLATFORM=offscreen;QTWEBENGINE_DISABLE_SANDBOX=1")
+            ENVIRONMENT "ASAN_OPTIONS=allocator_may_return_null=1;TSAN_OPTIONS=die_after_fork=0:suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp;LSAN_OPTIONS=print_suppressions=0:suppressions=${CMAKE_SOURCE_DIR}/tests/lsan.supp;QT_QPA_PLATFORM=offscreen;QTWEBENGINE_DISABLE_SANDBOX=1")
     endforeach()
 endfunction()
