@@ -11,12 +11,15 @@
 namespace {
 
 constexpr QSize InitialSize(350, 450);
+constexpr Qt::WindowFlags FreeStanding = Qt::Window | Qt::FramelessWindowHint;
+constexpr Qt::WindowFlags Attached =
+    Qt::Sheet | Qt::FramelessWindowHint; // X11 ties only such a window to another
 const QColor Background = QColor::fromRgbF(0.16F, 0.16F, 0.16F);
 
 } // namespace
 
 ZELUpdaterWindow::ZELUpdaterWindow()
-    : QWidget(nullptr, Qt::Window | Qt::FramelessWindowHint)
+    : QWidget(nullptr, FreeStanding)
     , m_contentView(new QWidget(this))
 {
     setAttribute(Qt::WA_QuitOnClose, false);
@@ -57,25 +60,38 @@ void ZELUpdaterWindow::center()
 
 void ZELUpdaterWindow::makeKeyAndOrderFront()
 {
+    setWindowState(windowState() & ~Qt::WindowMinimized);
     show();
     raise();
     activateWindow();
 }
 
+bool ZELUpdaterWindow::isSeen() const
+{
+    return isVisible() && !isMinimized();
+}
+
 void ZELUpdaterWindow::beginSheet(QWidget *host)
 {
     endSheet();
-    hide(); // window systems take a new parent and modality only while the window is hidden
+    setWindowFlags(
+        Attached); // hides it: window systems take a new parent and modality only of a hidden window
+    setWindowModality(Qt::WindowModal);
     m_sheetParent = host->window();
     m_sheetOrigin = {};
-    winId(); // makes the window's handle
-    m_sheetParent->winId();
-    windowHandle()->setTransientParent(m_sheetParent->windowHandle());
-    setWindowModality(Qt::WindowModal);
+    m_sheetParent->winId(); // makes the handle
+    winId();
+    followHost();
     m_sheetParent->installEventFilter(this);
     connect(m_sheetParent, &QObject::destroyed, this, &ZELUpdaterWindow::endSheet);
     move(sheetPlace());
     makeKeyAndOrderFront();
+}
+
+void ZELUpdaterWindow::followHost()
+{
+    if (m_sheetParent && windowHandle())
+        windowHandle()->setTransientParent(m_sheetParent->windowHandle());
 }
 
 void ZELUpdaterWindow::endSheet()
@@ -88,8 +104,10 @@ void ZELUpdaterWindow::endSheet()
         disconnect(m_sheetParent, nullptr, this, nullptr);
         m_sheetParent = nullptr;
     }
-    windowHandle()->setTransientParent(nullptr);
+    if (windowHandle())
+        windowHandle()->setTransientParent(nullptr);
     setWindowModality(Qt::NonModal);
+    setWindowFlags(FreeStanding);
 }
 
 QPoint ZELUpdaterWindow::sheetPlace() const
@@ -105,6 +123,14 @@ bool ZELUpdaterWindow::performKeyEquivalent(QKeyEvent *event)
             return true;
     }
     return false;
+}
+
+bool ZELUpdaterWindow::event(QEvent *event)
+{
+    // A web view makes the window one that OpenGL draws, with a new handle that knows nothing of the host.
+    if (event->type() == QEvent::WinIdChange)
+        followHost();
+    return QWidget::event(event);
 }
 
 bool ZELUpdaterWindow::eventFilter(QObject *watched, QEvent *event)
@@ -127,6 +153,7 @@ void ZELUpdaterWindow::keyPressEvent(QKeyEvent *event)
 
 void ZELUpdaterWindow::mousePressEvent(QMouseEvent *event)
 {
+    m_grip.reset();
     if (event->button() != Qt::LeftButton || m_sheetParent || windowHandle()->startSystemMove())
         return;
     m_grip = event->position().toPoint();
@@ -134,8 +161,13 @@ void ZELUpdaterWindow::mousePressEvent(QMouseEvent *event)
 
 void ZELUpdaterWindow::mouseMoveEvent(QMouseEvent *event)
 {
-    if (event->buttons() & Qt::LeftButton && !m_sheetParent)
-        move(event->globalPosition().toPoint() - m_grip);
+    if (m_grip && event->buttons() & Qt::LeftButton)
+        move(event->globalPosition().toPoint() - *m_grip);
+}
+
+void ZELUpdaterWindow::mouseReleaseEvent(QMouseEvent *)
+{
+    m_grip.reset();
 }
 
 void ZELUpdaterWindow::resizeEvent(QResizeEvent *)

@@ -6,6 +6,8 @@
 #include <QPointer>
 #include <QWidget>
 
+#include <optional>
+
 /// Holds one page at a time in its content view. It has no title bar: dragging its background moves it. Only code
 /// resizes and closes it; what the window system asks (Alt+F4) is ignored, and it never keeps the application
 /// running. Main thread only.
@@ -34,8 +36,11 @@ public:
     /// Moves to the middle of the screen.
     void center();
 
-    /// Shows the window, raises it and makes it the active one.
+    /// Shows the window, raises it and makes it the active one; a minimised one comes back.
     void makeKeyAndOrderFront();
+
+    /// Whether the window is shown and not minimised.
+    bool isSeen() const;
 
     /// Attaches the window to `host`'s window and shows it there: under the top edge, in the middle, above it, and with
     /// the host's window blocked until `endSheet`. Ends by itself when the host's window goes away.
@@ -55,18 +60,21 @@ public:
     bool performKeyEquivalent(QKeyEvent *event);
 
 protected:
+    bool event(QEvent *event) override;
     bool eventFilter(QObject *watched, QEvent *event) override;
     void closeEvent(QCloseEvent *event) override;
     void keyPressEvent(QKeyEvent *event) override;
     void mouseMoveEvent(QMouseEvent *event) override;
     void mousePressEvent(QMouseEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
 
 private:
     QPoint sheetPlace() const;
+    void followHost();
 
     QWidget *m_contentView;
     QPointer<QWidget> m_sheetParent;
     QPoint m_sheetOrigin; // the position that was set last
-    QPoint m_grip; // where a drag took hold of the window, where the window system does not move it itself
+    std::optional<QPoint> m_grip; // where a drag took hold of the window; not when the window system moves it
 };

@@ -57,7 +57,7 @@ void ZELUpdater::bringForward()
     // Either key counts by being there, whatever its value: the host shows the window itself.
     const bool hostShows =
         m_config.contains(QStringLiteral("sheet")) || m_config.contains(QStringLiteral("hidechecking"));
-    if (!m_window || hostShows || m_window->isVisible())
+    if (!m_window || hostShows || m_window->isSeen())
         return;
     m_window->center();
     m_window->makeKeyAndOrderFront();
@@ -115,7 +115,8 @@ void ZELUpdater::showHistoryPage()
     // Deliberate: the page has no place for the versions yet.
     [[maybe_unused]] const zel::OfferTexts texts =
         zel::offerTexts(m_config, update()[QStringLiteral("update")].toMap());
-    placePage(m_historyPage);
+    if (!placePage(m_historyPage))
+        return;
     if (m_window->sheetParent())
         m_window->setFrame({QPoint(), HistoryPageSize}, true);
     else

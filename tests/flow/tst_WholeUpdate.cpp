@@ -3,6 +3,7 @@
 #include "TemporaryTree.h"
 #include "TestCertificate.h"
 #include "TestServer.h"
+#include "ZELProgressIndicator.h"
 #include "ZELUpdater.h"
 #include "ZELUpdaterButton.h"
 #include "ZELUpdaterCheckingPage.h"
@@ -18,6 +19,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QWindow>
 
 using Answer = TestServer::Answer;
 
@@ -39,13 +41,13 @@ struct Click {
 };
 
 struct Flow {
-    std::function<void(Offer &)> change = [](Offer &) {};
+    std::function<void(Offer &)> change = {};
     QVariantMap config = {};
     QList<Click> clicks = {};
 
-    QStringList events; // what the host hears
-    QStringList pages; // what is shown
-    QStringList requests; // what the server hears, sorted; with the keys of their bodies
+    QStringList events = {}; // what the host hears
+    QStringList pages = {}; // what is shown
+    QStringList requests = {}; // what the server hears, sorted; with the keys of their bodies
     QStringList staged = {}; // what the staging folders hold, sorted
 };
 
@@ -201,6 +203,43 @@ private slots:
         if (flow.config.isEmpty())
             return;
         QCOMPARE(m_visibleAtCheck, false);
+    }
+
+    void progressIsShown_data()
+    {
+        QTest::addColumn<TestServer::Framing>("framing");
+        QTest::addColumn<QString>("text");
+
+        QTest::newRow("size is announced") << TestServer::Framing::Length << "42% completed";
+        QTest::newRow("size is unknown") << TestServer::Framing::Close << "-4200% completed";
+    }
+
+    void progressIsShown()
+    {
+        QFETCH(TestServer::Framing, framing);
+        QFETCH(QString, text);
+        begin({.change = [=](Offer &offer) {
+            offer.answers[Patch] = {{.body = QByteArray(100, 'x'), .framing = framing, .stallAt = 42}};
+        }});
+        check();
+        QVERIFY(clicked({"history", "download"}));
+        QTRY_COMPARE_WITH_TIMEOUT(m_updater->downloadPage()->text()->text(), text, 30'000);
+        QVERIFY(!m_updater->downloadPage()->progress()->isIndeterminate());
+        QVERIFY(clicked({"download", "cancel"}));
+    }
+
+    void sheetStaysWithItsHost()
+    {
+        begin({.config = {{"sheet", true}}});
+        QWidget host;
+        host.setGeometry(50, 60, 700, 600);
+        host.show();
+        m_updater->window()->beginSheet(&host);
+        check();
+        QVERIFY(clicked({"history", "skip"}));
+        QCOMPARE(m_updater->window()->frame(), QRect(0, 0, 500, 470));
+        QCOMPARE(m_updater->window()->windowHandle()->transientParent(), host.windowHandle());
+        m_updater->window()->endSheet();
     }
 
     void twoChecksAtOnce()
