@@ -15,7 +15,7 @@ class QWidget;
 namespace zel {
 
 /// Shows one document. Links open in the system's handler and nothing else leaves the view: no files, windows,
-/// dialogs, downloads or stored data. Main thread only.
+/// dialogs of scripts, downloads or stored data. Main thread only.
 class NotesView
 {
 public:

@@ -32,7 +32,7 @@ public:
 
     /// The web view; null where it cannot be made. Its user agent is "corrand". A click on a link opens the system's
     /// handler (http, https and mailto only) and leaves the page where it is; the notes get no files, windows,
-    /// dialogs, downloads or permissions, and nothing of them is stored.
+    /// dialogs of scripts, downloads or permissions, and nothing of them is stored.
     QWebEngineView *webview();
     void setWebview(QWebEngineView *webview);
 

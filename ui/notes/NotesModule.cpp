@@ -8,6 +8,7 @@
 #include <QPointer>
 #include <QQuickRenderControl>
 #include <QWebEngineHttpRequest>
+#include <QWebEngineLoadingInfo>
 #include <QWebEngineView>
 
 namespace zel {
@@ -27,6 +28,8 @@ public:
         openViews().append(this);
         static const bool registered = (closeBeforeTheEngineEnds(), true);
         Q_UNUSED(registered);
+        QObject::connect(m_page.get(), &QWebEnginePage::loadingChanged, m_view,
+                         [this](const QWebEngineLoadingInfo &loading) { clearAfterFailure(loading); });
         QObject::connect(qApp, &QCoreApplication::aboutToQuit, m_page.get(), closeViews);
     }
     ~WebNotesView() override
@@ -40,6 +43,10 @@ public:
 
     void load(const QUrl &address, const QByteArray &body) override
     {
+        if (!isNetworkAddress(address)) {
+            setHtml({});
+            return;
+        }
         QWebEngineHttpRequest request(address, QWebEngineHttpRequest::Post);
         request.setHeader("Content-Type", "application/x-www-form-urlencoded");
         request.setPostData(body);
@@ -56,6 +63,21 @@ public:
     }
 
 private:
+    static bool isNetworkAddress(const QUrl &url)
+    {
+        return url.isValid()
+            && (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"));
+    }
+
+    // Notes that cannot be had leave the view empty: what was there may be another build's.
+    void clearAfterFailure(const QWebEngineLoadingInfo &loading)
+    {
+        const bool failed = loading.status() == QWebEngineLoadingInfo::LoadFailedStatus
+            && loading.errorDomain() != QWebEngineLoadingInfo::HttpStatusCodeDomain;
+        if (failed && loading.url() != notesUrl())
+            setHtml({});
+    }
+
     static QList<WebNotesView *> &openViews()
     {
         static QList<WebNotesView *> views;

@@ -7,8 +7,8 @@ class QWebEngineNewWindowRequest;
 
 namespace zel {
 
-/// A page that stays where it is: links go to the system's handler, and nothing that asks for a window, a dialog, a
-/// file, a device or a permission gets it.
+/// A page that stays where it is: links go to the system's handler, and nothing that asks for a window, a script's
+/// dialog, a file, a device or a permission gets it.
 class NotesPage : public QWebEnginePage
 {
 public:
