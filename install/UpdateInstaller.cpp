@@ -161,7 +161,9 @@ void UpdateInstaller::downloadUpdate(ZELDownloadCompletion completion)
     if (m_hooks.progress)
         task->observeCountOfBytesReceived([self, weak = std::weak_ptr(task)] {
             onMainQueue([self, weak] {
-                if (const auto running = weak.lock())
+                // One that was cancelled must not write over its successor's progress.
+                const auto running = weak.lock();
+                if (running && running == self->task())
                     self->m_hooks.progress(running->countOfBytesReceived(),
                                            running->countOfBytesExpectedToReceive());
             });

@@ -14,9 +14,12 @@ void ZELImageView::paintEvent(QPaintEvent *)
         return;
     QPainter painter(this);
     const qreal ratio = painter.device()->devicePixelRatioF();
+    const QSizeF room = QSizeF(size()) * ratio;
+    QSizeF pixels = m_image.deviceIndependentSize() * ratio;
+    if (pixels.width() > room.width() || pixels.height() > room.height())
+        pixels.scale(room, Qt::KeepAspectRatio);
     // Scaled by hand: a painter that shrinks an image to less than half of its size drops pixels.
-    const QSize pixels = m_image.size().scaled((QSizeF(size()) * ratio).toSize(), Qt::KeepAspectRatio);
-    QImage scaled = m_image.scaled(pixels, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    QImage scaled = m_image.scaled(pixels.toSize(), Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
     scaled.setDevicePixelRatio(ratio);
     QRectF place(QPointF(), scaled.deviceIndependentSize());
     place.moveCenter(QRectF(rect()).center());

@@ -6,7 +6,7 @@
 #include <QImage>
 #include <QWidget>
 
-/// Shows an image as large as fits, in its own proportions, centred. Main thread only.
+/// Shows an image in its own proportions, centred; one that is too large is made to fit. Main thread only.
 class ZEL_EXPORT ZELImageView : public QWidget
 {
     Q_OBJECT

@@ -2,7 +2,7 @@
 
 #include "IntegerValue.h"
 
-#include <cstdlib>
+#include <charconv>
 
 namespace zel {
 
@@ -13,7 +13,11 @@ const QString Build = QStringLiteral("build");
 
 float floatValue(const QVariant &value)
 {
-    return std::strtof(value.toString().toUtf8().constData(), nullptr);
+    // Not strtof, which reads a number as the user's country writes it.
+    const QByteArray text = value.toString().trimmed().toUtf8();
+    float number = 0;
+    std::from_chars(text.begin(), text.end(), number);
+    return number;
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <QImage>
 #include <QLabel>
 #include <QObject>
+#include <QPointer>
 #include <QTimer>
 #include <QVariantMap>
 
@@ -161,7 +162,8 @@ public:
     void showNoUpdates();
     void showUpdated();
 
-    // Properties. The setters only store what they are given; the updater owns none of it. What the updater makes
+    // Properties. The setters only store what they are given; the updater owns none of it, and a view must stay until
+    // another one, or null, is set. A page that is null is not shown. What the updater makes
     // itself is gone once the application object is: the getters return null from then on.
 
     /// The updater's window.
@@ -277,7 +279,7 @@ private:
     void dropViews();
     void wireDismissal();
     void cancel() const;
-    void placePage(QWidget *page);
+    bool placePage(QWidget *page);
     void resizeWindow(const QSize &size);
     void recentreWindow(const QSize &size);
     void bringForward();
@@ -294,7 +296,7 @@ private:
     std::function<void()> m_onCancel;
     std::function<void()> m_onRetry;
     ZELUpdaterWindow *m_window = nullptr;
-    QWidget *m_currentPage = nullptr;
+    QPointer<QWidget> m_currentPage;
     ZELUpdaterCheckingPage *m_checkingPage = nullptr;
     ZELUpdaterHistoryPage *m_historyPage = nullptr;
     ZELUpdaterDownloadPage *m_downloadPage = nullptr;

@@ -86,18 +86,17 @@ void ZELUpdater::cancel() const
 
 void ZELUpdater::setIcon(const QImage &icon)
 {
-    if (!m_views)
-        return;
     for (ZELUpdaterPage *page : std::initializer_list<ZELUpdaterPage *>{
-             m_downloadPage, m_checkingPage, m_errorPage, m_noUpdatesPage, m_updatedPage})
-        page->icon()->setImage(icon);
+             m_downloadPage, m_checkingPage, m_errorPage, m_noUpdatesPage, m_updatedPage}) {
+        if (page)
+            page->icon()->setImage(icon);
+    }
 }
 
 void ZELUpdater::showCheckingView()
 {
-    if (!m_views)
+    if (!placePage(m_checkingPage))
         return;
-    placePage(m_checkingPage);
     resizeWindow(PageSize);
     m_checkingPage->progress()->setHidden(false);
     m_checkingPage->progress()->startAnimation();
@@ -107,9 +106,8 @@ void ZELUpdater::showCheckingView()
 
 void ZELUpdater::showDownloadPage()
 {
-    if (!m_views)
+    if (!placePage(m_downloadPage))
         return;
-    placePage(m_downloadPage);
     resizeWindow(PageSize);
     m_downloadPage->text()->setText(zel::localized("Updater.Connecting"));
     ZELProgressIndicator *bar = m_downloadPage->progress();
@@ -120,9 +118,8 @@ void ZELUpdater::showDownloadPage()
 
 void ZELUpdater::showErrorPage()
 {
-    if (!m_views)
+    if (!placePage(m_errorPage))
         return;
-    placePage(m_errorPage);
     resizeWindow(PageSize);
     m_errorPage->retryButton()->setOnClick([this] {
         if (const auto callback = m_onRetry)
@@ -133,30 +130,31 @@ void ZELUpdater::showErrorPage()
 
 void ZELUpdater::showNoUpdates()
 {
-    if (!m_views)
+    if (!placePage(m_noUpdatesPage))
         return;
-    placePage(m_noUpdatesPage);
     recentreWindow(PageSize);
     m_noUpdatesPage->cancelButton()->setProcessKeyEvent(clickOn({Qt::Key_Return, Qt::Key_Escape}));
 }
 
 void ZELUpdater::showUpdated()
 {
-    if (!m_views)
+    if (!placePage(m_updatedPage))
         return;
-    placePage(m_updatedPage);
     recentreWindow(PageSize);
     m_updatedPage->cancelButton()->setProcessKeyEvent(clickOn({Qt::Key_Return, Qt::Key_Escape}));
 }
 
-void ZELUpdater::placePage(QWidget *page)
+bool ZELUpdater::placePage(QWidget *page)
 {
+    if (!m_window || !page)
+        return false;
     if (m_currentPage)
         m_currentPage->setParent(nullptr);
     m_currentPage = page;
     page->setParent(m_window->contentView());
     ZELLayoutView(page, ZELMakeLayoutFrame(0, 0, 0, 0, ZELLayoutNotSet, ZELLayoutNotSet));
     page->show();
+    return true;
 }
 
 void ZELUpdater::resizeWindow(const QSize &size)
@@ -176,7 +174,7 @@ void ZELUpdater::recentreWindow(const QSize &size)
 
 void ZELUpdater::showProgress(qint64 received, qint64 expected)
 {
-    if (!m_views)
+    if (!m_downloadPage)
         return;
     ZELProgressIndicator *bar = m_downloadPage->progress();
     if (bar->isIndeterminate()) {
