@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -25,6 +26,16 @@ std::error_code bring(const fs::path &from, const fs::path &to)
     if (error == std::errc::cross_device_link)
         fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
     return error;
+}
+
+/// Waits until the bundle's data is on the disk: the exchange must not get there before it.
+void flush(const fs::path &bundle)
+{
+    const int folder = open(bundle.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0)
+        return;
+    syncfs(folder);
+    close(folder);
 }
 
 std::error_code exchange(const fs::path &one, const fs::path &other)
@@ -55,10 +66,11 @@ fs::path previousBundle(const fs::path &installed)
     return sibling(installed, ".previous");
 }
 
-void dropPreviousBundle(const fs::path &installed)
+bool dropPreviousBundle(const fs::path &installed)
 {
     std::error_code ignored;
-    fs::remove_all(previousBundle(installed), ignored);
+    const auto removed = fs::remove_all(previousBundle(installed), ignored);
+    return removed != 0 && removed != static_cast<std::uintmax_t>(-1);
 }
 
 std::error_code swapBundles(const fs::path &newBundle, const fs::path &installed)
@@ -69,6 +81,8 @@ std::error_code swapBundles(const fs::path &newBundle, const fs::path &installed
     fs::remove_all(staged, ignored);
     fs::remove_all(previous, ignored);
     std::error_code error = bring(newBundle, staged);
+    if (!error)
+        flush(staged);
     if (!error)
         error = exchange(staged, installed);
     if (!error)

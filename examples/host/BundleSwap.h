@@ -12,5 +12,5 @@ std::error_code swapBundles(const std::filesystem::path &newBundle, const std::f
 /// Where the old bundle is kept.
 std::filesystem::path previousBundle(const std::filesystem::path &installed);
 
-/// Removes the old bundle: the new one has started. Does nothing when there is none.
-void dropPreviousBundle(const std::filesystem::path &installed);
+/// Removes the old bundle: the new one has started. Whether there was one.
+bool dropPreviousBundle(const std::filesystem::path &installed);

@@ -9,6 +9,7 @@
 #include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QPointer>
 #include <QProcess>
 #include <QSettings>
 #include <QTimer>
@@ -33,7 +34,6 @@ QVariant offeredBuild(const QVariantMap &result)
 
 HostWindow::HostWindow(const QString &bundle, const QString &url)
     : m_bundle(bundle)
-    , m_url(url)
 {
     setWindowTitle(QStringLiteral("Example — build %1").arg(HOST_BUILD));
     setCentralWidget(new QLabel(QStringLiteral("<h2>Example</h2>This is build %1.").arg(HOST_BUILD)));
@@ -49,9 +49,9 @@ HostWindow::HostWindow(const QString &bundle, const QString &url)
     updater->setOnCancel([this] { dismissed(); });
     updater->setOnRetry([this] { checkForUpdates(); });
 
-    // This build has started: what came before it, and what it was made of, can go.
-    dropPreviousBundle(bundle.toStdString());
-    updater->cleanup();
+    // The first start of a new build: what came before it, and what it was made of, can go.
+    if (dropPreviousBundle(bundle.toStdString()))
+        updater->cleanup();
 }
 
 void HostWindow::checkForUpdates()
@@ -88,7 +88,7 @@ void HostWindow::found(const QVariantMap &result)
     ZELUpdater *updater = ZELUpdater::shared();
     updater->setUpdate(result);
     updater->showUpdate([this](qint64 choice) { chosen(choice); });
-    if (updater->window()->isVisible())
+    if (updater->window()->isSeen())
         return;
     // After a check in the background the page fetches its notes first, and comes half a second later.
     QTimer::singleShot(600ms, this, [updater] {
@@ -106,13 +106,14 @@ void HostWindow::chosen(qint64 choice)
         dismissed();
         return;
     }
-    // A transfer that fails is reported on another thread: back to this one.
-    updater->downloadUpdate([this, attempt = ++m_attempt](qint64 status, const QString &path) {
-        QMetaObject::invokeMethod(this, [=, this] {
-            if (attempt == m_attempt)
-                downloaded(status, path);
+    // A transfer that fails is reported on another thread, and this window may be gone by then.
+    updater->downloadUpdate(
+        [self = QPointer(this), attempt = ++m_attempt](qint64 status, const QString &path) {
+            QMetaObject::invokeMethod(qApp, [=] {
+                if (self && attempt == self->m_attempt)
+                    self->downloaded(status, path);
+            });
         });
-    });
 }
 
 void HostWindow::downloaded(qint64 status, const QString &newBundle)
@@ -121,7 +122,13 @@ void HostWindow::downloaded(qint64 status, const QString &newBundle)
         ZELUpdater::shared()->showErrorPage();
         return;
     }
-    m_newBundle = newBundle;
+    if (const std::error_code error = swapBundles(newBundle.toStdString(), m_bundle.toStdString())) {
+        qWarning("The update could not be installed in %s: %s", qPrintable(m_bundle),
+                 error.message().c_str());
+        ZELUpdater::shared()->showErrorPage();
+        return;
+    }
+    m_isReplaced = true;
     ZELUpdater::shared()->showUpdated();
 }
 
@@ -129,21 +136,17 @@ void HostWindow::dismissed()
 {
     ++m_attempt;
     ZELUpdater::shared()->window()->hide();
-    if (!m_newBundle.isEmpty())
+    if (m_isReplaced)
         relaunch();
 }
 
 void HostWindow::relaunch()
 {
-    const QString newBundle = std::exchange(m_newBundle, QString());
-    if (const std::error_code error = swapBundles(newBundle.toStdString(), m_bundle.toStdString())) {
-        QMessageBox::warning(this, windowTitle(),
-                             tr("The update could not be installed in %1: %2.")
-                                 .arg(m_bundle, QString::fromStdString(error.message())));
-        return;
-    }
     QStringList arguments = QApplication::arguments();
     arguments.removeFirst();
-    QProcess::startDetached(m_bundle + QStringLiteral("/Contents/MacOS/host"), arguments);
-    QApplication::quit();
+    if (QProcess::startDetached(m_bundle + QStringLiteral("/Contents/MacOS/host"), arguments))
+        QApplication::quit();
+    else
+        QMessageBox::information(this, windowTitle(),
+                                 tr("The new version is installed. Please start it yourself."));
 }

@@ -26,7 +26,6 @@ private:
     void relaunch();
 
     const QString m_bundle;
-    const QString m_url;
-    QString m_newBundle; // ready to take the installed one's place
+    bool m_isReplaced = false; // the bundle is the new one already, this program still the old one
     int m_attempt = 0; // tells an answer that is still wanted from one that came after Cancel
 };

@@ -39,7 +39,8 @@ private slots:
         QCOMPARE(TemporaryTree::mode(tree.path(QStringLiteral("My App.app/Contents/program"))), 0755);
         QVERIFY(!fs::exists(installed / "Contents/old"));
         QVERIFY(fs::exists(previousBundle(installed) / "Contents/old"));
-        dropPreviousBundle(installed);
+        QVERIFY(dropPreviousBundle(installed));
+        QVERIFY(!dropPreviousBundle(installed));
         QCOMPARE(QDir(tree.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
                  QStringList{QStringLiteral("My App.app")});
     }
