@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <sys/mman.h>
+#include <utility>
 
 namespace zel {
 
@@ -31,17 +33,38 @@ using Bytes = std::unique_ptr<unsigned char[], Free>;
 using Entries = std::unique_ptr<std::int64_t[], Free>;
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
+/// Lets the system back a large block with large pages, where it knows them: sorting and searching jump about
+/// in it, and are half as fast when each jump has to look up a page first.
+template <typename Owner> Owner withLargePages(Owner block, std::size_t size)
+{
+    constexpr std::size_t largePage = std::size_t(1) << 21;
+    const auto begin = reinterpret_cast<std::uintptr_t>(block.get());
+    const auto first = (begin + largePage - 1) & ~(largePage - 1);
+    const auto end = (begin + size) & ~(largePage - 1);
+#ifdef MADV_HUGEPAGE
+    if (block && first < end) {
+        const int cause = errno;
+        ::madvise(reinterpret_cast<void *>(first), end - first, MADV_HUGEPAGE);
+        errno = cause;
+    }
+#endif
+    return block;
+}
+
 /// Room for `size` + 1 bytes with unset contents; null, with errno set, when there is no memory.
 inline Bytes allocateBytes(std::int64_t size)
 {
-    return Bytes(static_cast<unsigned char *>(std::malloc(static_cast<std::size_t>(size) + 1)));
+    const auto bytes = static_cast<std::size_t>(size) + 1;
+    return withLargePages(Bytes(static_cast<unsigned char *>(std::malloc(bytes))), bytes);
 }
 
 /// Room for `count` entries with unset contents; null, with errno set, when there is no memory.
 inline Entries allocateEntries(std::int64_t count)
 {
     const auto entries = static_cast<std::size_t>(count);
-    return Entries(static_cast<std::int64_t *>(::reallocarray(nullptr, entries, sizeof(std::int64_t))));
+    constexpr std::size_t width = sizeof(std::int64_t);
+    Entries block(static_cast<std::int64_t *>(::reallocarray(nullptr, entries, width)));
+    return withLargePages(std::move(block), entries * width);
 }
 
 } // namespace zel
