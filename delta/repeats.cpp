@@ -1,0 +1,138 @@
+#include "repeats.h"
+
+#include "matchlength.h"
+
+#include <algorithm>
+
+namespace zel {
+namespace {
+
+using Index = std::int64_t;
+
+constexpr Index longMatch = 256; ///< bytes that are compared without a thought
+constexpr Index worthLearning = 4096; ///< bytes that have to be compared before a period is looked for
+constexpr Index longestPeriodText = Index(1) << 20;
+constexpr int hashShift = 54; // leaves ten bits, for as many agreements as are kept
+
+std::size_t slotOf(Index offset)
+{
+    return static_cast<std::size_t>((static_cast<std::uint64_t>(offset) * 0x9E3779B97F4A7C15U) >> hashShift);
+}
+
+/// The shortest period of a text, if it is at most half as long; 0 when there is none or when the search takes
+/// too long. A period p that is broken after p + t bytes rules out all others up to t.
+Index shortPeriod(const unsigned char *text, Index length)
+{
+    Index work = 4 * length;
+    for (Index p = 1; p <= length / 2 && work > 0;) {
+        const Index t = matchLength(text, text + p, 0, length - p);
+        if (t == length - p)
+            return p;
+        p = std::max(p, t) + 1;
+        work -= t + 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+Repeats::Repeats(std::span<const unsigned char> oldBytes, std::span<const unsigned char> newBytes)
+    : m_old(oldBytes)
+    , m_new(newBytes)
+{
+}
+
+inline bool Repeats::inPhase(Index a, const Run &oldRun, Index s, const Run &newRun) const
+{
+    return m_period == 1 || (a + oldRun.phase - s - newRun.phase) % m_period == 0;
+}
+
+/// As `length`, but 0 where the runs say nothing, as when both end at once: then all depends on what follows.
+inline Index Repeats::lengthInRuns(Index a, Index s)
+{
+    const Run *const newRun = m_newRuns.at(s);
+    const Run *const oldRun = newRun ? m_oldRuns.at(a) : nullptr;
+    if (!oldRun || !inPhase(a, *oldRun, s, *newRun))
+        return 0;
+    const Index oldRest = oldRun->end - a;
+    const Index newRest = newRun->end - s;
+    return oldRest == newRest ? 0 : std::min(oldRest, newRest);
+}
+
+Index Repeats::length(Index a, Index s, Index from)
+{
+    if (const Index found = lengthInRuns(a, s); found > 0)
+        return found;
+    const Index limit = std::min(static_cast<Index>(m_old.size()) - a, static_cast<Index>(m_new.size()) - s);
+    const Index near = std::min(from + longMatch, limit);
+    const Index equal = matchLength(m_old.data() + a, m_new.data() + s, from, near);
+    return equal < near || near == limit ? equal : longLength(a, s, equal);
+}
+
+Index Repeats::knownAfter(Index a, Index s)
+{
+    const Run *const newRun = m_newRuns.at(s);
+    const Run *const oldRun = newRun ? m_oldRuns.at(a) : nullptr;
+    return oldRun && inPhase(a, *oldRun, s, *newRun) ? std::min(oldRun->end - a, newRun->end - s) : 0;
+}
+
+Index Repeats::knownBefore(Index a, Index s)
+{
+    const Run *const newRun = m_newRuns.at(s - 1);
+    const Run *const oldRun = newRun ? m_oldRuns.at(a - 1) : nullptr;
+    return oldRun && inPhase(a, *oldRun, s, *newRun) ? std::min(a - oldRun->begin, s - newRun->begin) : 0;
+}
+
+Index Repeats::longLength(Index a, Index s, Index from)
+{
+    Agreement &known = m_agreements[slotOf(a - s)];
+    if (known.offset == a - s && known.begin <= s + from && s < known.end)
+        return known.end - s;
+    const Index limit = std::min(static_cast<Index>(m_old.size()) - a, static_cast<Index>(m_new.size()) - s);
+    const Index equal = matchLength(m_old.data() + a, m_new.data() + s, from, limit);
+    known = {a - s, s, s + equal};
+    if (equal - from >= worthLearning)
+        learn(a, s, equal, equal - from);
+    return equal;
+}
+
+/// A run next to a known one in the other file has its period; only without one a period is looked for.
+void Repeats::learn(Index a, Index s, Index equal, Index compared)
+{
+    const Run *newRun = m_newRuns.at(s);
+    const Run *const oldRun = m_oldRuns.at(a);
+    if (!newRun && (!oldRun || equal < 2 * m_period)) {
+        if (!learnPeriod(s, compared))
+            return;
+        newRun = m_newRuns.at(s);
+    }
+    if (newRun && !m_oldRuns.at(a) && equal >= 2 * m_period)
+        m_oldRuns.add(runAround(m_old, a, newRun->phase + s - a));
+    else if (!newRun)
+        m_newRuns.add(runAround(m_new, s, oldRun->phase + a - s));
+}
+
+bool Repeats::learnPeriod(Index s, Index length)
+{
+    const Index period = shortPeriod(m_new.data() + s, std::min(length, longestPeriodText));
+    if (period == 0)
+        return false;
+    m_period = period;
+    m_oldRuns.clear();
+    m_newRuns.clear();
+    m_newRuns.add(runAround(m_new, s, 0));
+    return true;
+}
+
+Run Repeats::runAround(std::span<const unsigned char> text, Index at, Index phase) const
+{
+    const unsigned char *const bytes = text.data();
+    const Index next = at + m_period;
+    const Index end = next + matchLength(bytes + at, bytes + next, 0, static_cast<Index>(text.size()) - next);
+    Index begin = at;
+    while (begin > 0 && bytes[begin - 1] == bytes[begin - 1 + m_period])
+        --begin;
+    return {begin, end, phase};
+}
+
+} // namespace zel
