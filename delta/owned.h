@@ -30,7 +30,8 @@ struct CloseFile {
 };
 
 using Bytes = std::unique_ptr<unsigned char[], Free>;
-using Entries = std::unique_ptr<std::int64_t[], Free>;
+template <typename T> using Array = std::unique_ptr<T[], Free>;
+using Entries = Array<std::int64_t>;
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
 /// Lets the system back a large block with large pages, where it knows them: sorting and searching jump about
@@ -59,12 +60,11 @@ inline Bytes allocateBytes(std::int64_t size)
 }
 
 /// Room for `count` entries with unset contents; null, with errno set, when there is no memory.
-inline Entries allocateEntries(std::int64_t count)
+template <typename T = std::int64_t> Array<T> allocateEntries(std::int64_t count)
 {
     const auto entries = static_cast<std::size_t>(count);
-    constexpr std::size_t width = sizeof(std::int64_t);
-    Entries block(static_cast<std::int64_t *>(::reallocarray(nullptr, entries, width)));
-    return withLargePages(std::move(block), entries * width);
+    Array<T> block(static_cast<T *>(::reallocarray(nullptr, entries, sizeof(T))));
+    return withLargePages(std::move(block), entries * sizeof(T));
 }
 
 } // namespace zel

@@ -22,9 +22,8 @@ PrefixTable::PrefixTable(std::span<const unsigned char> oldBytes, const Index *I
     : m_old(oldBytes)
     , m_width(width)
 {
-    const std::size_t count = (std::size_t(1) << (8 * m_width)) + 1;
-    const std::size_t size = count * sizeof(std::uint32_t);
-    m_starts = withLargePages(Starts(static_cast<std::uint32_t *>(std::malloc(size))), size);
+    const Index count = (Index(1) << (8 * m_width)) + 1;
+    m_starts = allocateEntries<std::uint32_t>(count);
     if (!m_starts) {
         m_width = 0;
         return;

@@ -30,7 +30,6 @@ public:
     Interval narrow(const unsigned char *newBytes, std::int64_t nlen) const;
 
 private:
-    using Starts = std::unique_ptr<std::uint32_t[], Free>;
     static constexpr int widest = 3;
 
     void countPrefixes();
@@ -39,7 +38,7 @@ private:
 
     std::span<const unsigned char> m_old;
     int m_width; ///< bytes of a prefix; 0 without table
-    Starts m_starts;
+    Array<std::uint32_t> m_starts;
     std::array<std::int64_t, widest> m_tails = {}; ///< the index of the suffix of each length below the width
 };
 

@@ -16,11 +16,13 @@
 #include "sais_main.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace zel {
 namespace {
 
 using Index = std::int64_t;
+using Entry = std::int32_t; // of all arrays: lengths are ints, and half the memory is half the cache misses
 
 /// How one level works; the counts C and the bounds B have k entries each.
 enum Flag : unsigned {
@@ -43,20 +45,24 @@ template <typename Symbol> struct Text {
     const Symbol *T;
 
     Index operator()(Index i) const { return static_cast<Index>(T[i]); }
+    void fetch(Index i) const { __builtin_prefetch(T + std::max<Index>(i, 0)); }
 };
+
+/// The passes jump about in the text. An entry tells where to a while before its turn, if it is there by then.
+constexpr Index fetchAhead = 40;
 
 /// Where the next entry of a bucket goes. Runs of one symbol are common: the last place used stays at hand.
 class Place
 {
 public:
-    Place(Index *SA, Index *B)
+    Place(Entry *SA, Entry *B)
         : m_SA(SA)
         , m_B(B)
         , m_at(SA + B[0])
     {
     }
 
-    Index *&of(Index symbol)
+    Entry *&of(Index symbol)
     {
         if (symbol != m_symbol) {
             m_B[m_symbol] = m_at - m_SA;
@@ -67,13 +73,13 @@ public:
     }
 
 private:
-    Index *m_SA;
-    Index *m_B;
-    Index *m_at;
+    Entry *m_SA;
+    Entry *m_B;
+    Entry *m_at;
     Index m_symbol = 0;
 };
 
-template <typename Chr> void getCounts(Chr chr, Index *C, Index n, Index k)
+template <typename Chr> void getCounts(Chr chr, Entry *C, Index n, Index k)
 {
     std::fill_n(C, k, 0);
     for (Index i = 0; i < n; ++i)
@@ -81,7 +87,7 @@ template <typename Chr> void getCounts(Chr chr, Index *C, Index n, Index k)
 }
 
 /// C and B may be the same array.
-void getBuckets(const Index *C, Index *B, Index k, Bound bound)
+void getBuckets(const Entry *C, Entry *B, Index k, Bound bound)
 {
     Index sum = 0;
     for (Index i = 0; i < k; ++i) {
@@ -91,7 +97,7 @@ void getBuckets(const Index *C, Index *B, Index k, Bound bound)
     }
 }
 
-template <typename Chr> void renewBuckets(Chr chr, Index *C, Index *B, Index n, Index k, Bound bound)
+template <typename Chr> void renewBuckets(Chr chr, Entry *C, Entry *B, Index n, Index k, Bound bound)
 {
     if (C == B)
         getCounts(chr, C, n, k);
@@ -116,7 +122,7 @@ template <typename Chr, typename Visit> void forEachLMS(Chr chr, Index n, Visit 
 }
 
 /// Moves the m sorted LMS suffixes, the only complemented entries, to the front of SA.
-void compact(Index *SA, Index n, Index m, const char *function)
+void compact(Entry *SA, Index n, Index m, const char *function)
 {
     Index i = 0;
     for (; SA[i] < 0; ++i) {
@@ -132,17 +138,19 @@ void compact(Index *SA, Index n, Index m, const char *function)
     }
 }
 
-template <typename Chr> void LMSsort1(Chr chr, Index *SA, Index *C, Index *B, Index n, Index k)
+template <typename Chr> void LMSsort1(Chr chr, Entry *SA, Entry *C, Entry *B, Index n, Index k)
 {
     renewBuckets(chr, C, B, n, k, Bound::Start);
     Place starts(SA, B);
     const Index last = n - 2;
     *starts.of(chr(n - 1))++ = chr(last) < chr(n - 1) ? ~last : last;
     for (Index i = 0; i < n; ++i) {
+        if (i + fetchAhead < n)
+            chr.fetch(SA[i + fetchAhead] - 1);
         const Index j = SA[i];
         if (j > 0) {
             ZEL_ASSERT(chr(j) >= chr(j + 1));
-            Index *&b = starts.of(chr(j));
+            Entry *&b = starts.of(chr(j));
             ZEL_ASSERT(i < (b - SA));
             *b++ = chr(j - 1) < chr(j) ? ~(j - 1) : j - 1;
             SA[i] = 0;
@@ -154,10 +162,12 @@ template <typename Chr> void LMSsort1(Chr chr, Index *SA, Index *C, Index *B, In
     renewBuckets(chr, C, B, n, k, Bound::End);
     Place ends(SA, B);
     for (Index i = n - 1; i >= 0; --i) {
+        if (i >= fetchAhead)
+            chr.fetch(SA[i - fetchAhead] - 1);
         const Index j = SA[i];
         if (j > 0) {
             ZEL_ASSERT(chr(j) <= chr(j + 1));
-            Index *&b = ends.of(chr(j));
+            Entry *&b = ends.of(chr(j));
             ZEL_ASSERT((b - SA) <= i);
             *--b = chr(j - 1) > chr(j) ? ~j : j - 1;
             SA[i] = 0;
@@ -165,12 +175,12 @@ template <typename Chr> void LMSsort1(Chr chr, Index *SA, Index *C, Index *B, In
     }
 }
 
-template <typename Chr> Index LMSpostproc1(Chr chr, Index *SA, Index n, Index m)
+template <typename Chr> Index LMSpostproc1(Chr chr, Entry *SA, Index n, Index m)
 {
     compact(SA, n, m, "LMSpostproc1");
 
     // Two LMS suffixes are at least two positions apart: half a position is enough to tell them by.
-    Index *const lengths = SA + m;
+    Entry *const lengths = SA + m;
     Index next = n;
     forEachLMS(chr, n, [&](Index j) {
         lengths[j >> 1] = next - j + 1;
@@ -204,7 +214,7 @@ template <typename Chr> Index LMSpostproc1(Chr chr, Index *SA, Index n, Index m)
 
 /// Adds n to the one entry at the right end of each run of equal substrings instead of the one at its left
 /// end.
-void turnMarks(Index *SA, Index n)
+void turnMarks(Entry *SA, Index n)
 {
     bool rightEnd = true;
     for (Index i = n - 1; i >= 0; --i) {
@@ -218,15 +228,20 @@ void turnMarks(Index *SA, Index n)
     }
 }
 
+Index unmarked(Index j, Index n)
+{
+    return j >= n ? j - n : j;
+}
+
 /// Counts names while it sorts: an entry with n added is the first of its kind that the pass meets. D has a
 /// place for each symbol and type of the position before, as entries that wait for the other pass have runs
 /// of their own.
-template <typename Chr> void LMSsort2(Chr chr, Index *SA, Index *C, Index *B, Index *D, Index n, Index k)
+template <typename Chr> void LMSsort2(Chr chr, Entry *SA, Entry *C, Entry *B, Entry *D, Index n, Index k)
 {
     ZEL_ASSERT(C != B);
     Index d = 0;
     const auto markIfNew = [&](Index symbol, bool waits) -> Index {
-        Index &latest = D[2 * symbol + (waits ? 1 : 0)];
+        Entry &latest = D[2 * symbol + (waits ? 1 : 0)];
         const bool isNew = latest != d;
         latest = d;
         return isNew ? n : 0;
@@ -237,6 +252,8 @@ template <typename Chr> void LMSsort2(Chr chr, Index *SA, Index *C, Index *B, In
     const Index last = n - 2 + n;
     *starts.of(chr(n - 1))++ = chr(n - 2) < chr(n - 1) ? ~last : last;
     for (Index i = 0; i < n; ++i) {
+        if (i + fetchAhead < n)
+            chr.fetch(unmarked(SA[i + fetchAhead], n) - 1);
         Index j = SA[i];
         if (j > 0) {
             if (j >= n) {
@@ -244,7 +261,7 @@ template <typename Chr> void LMSsort2(Chr chr, Index *SA, Index *C, Index *B, In
                 j -= n;
             }
             ZEL_ASSERT(chr(j) >= chr(j + 1));
-            Index *&b = starts.of(chr(j));
+            Entry *&b = starts.of(chr(j));
             ZEL_ASSERT(i < (b - SA));
             const bool waits = chr(j - 1) < chr(j);
             const Index entry = j - 1 + markIfNew(chr(j), waits);
@@ -259,6 +276,8 @@ template <typename Chr> void LMSsort2(Chr chr, Index *SA, Index *C, Index *B, In
     getBuckets(C, B, k, Bound::End);
     Place ends(SA, B);
     for (Index i = n - 1; i >= 0; --i) {
+        if (i >= fetchAhead)
+            chr.fetch(unmarked(SA[i - fetchAhead], n) - 1);
         Index j = SA[i];
         if (j > 0) {
             if (j >= n) {
@@ -266,7 +285,7 @@ template <typename Chr> void LMSsort2(Chr chr, Index *SA, Index *C, Index *B, In
                 j -= n;
             }
             ZEL_ASSERT(chr(j) <= chr(j + 1));
-            Index *&b = ends.of(chr(j));
+            Entry *&b = ends.of(chr(j));
             ZEL_ASSERT((b - SA) <= i);
             const bool isLMS = chr(j - 1) > chr(j);
             const Index mark = markIfNew(chr(j), isLMS);
@@ -276,7 +295,7 @@ template <typename Chr> void LMSsort2(Chr chr, Index *SA, Index *C, Index *B, In
     }
 }
 
-Index LMSpostproc2(Index *SA, Index n, Index m)
+Index LMSpostproc2(Entry *SA, Index n, Index m)
 {
     compact(SA, n, m, "LMSpostproc2");
     const Index names = std::count_if(SA, SA + m, [n](Index j) { return j >= n; });
@@ -291,19 +310,21 @@ Index LMSpostproc2(Index *SA, Index n, Index m)
     return names;
 }
 
-template <typename Chr> void induceSA(Chr chr, Index *SA, Index *C, Index *B, Index n, Index k)
+template <typename Chr> void induceSA(Chr chr, Entry *SA, Entry *C, Entry *B, Index n, Index k)
 {
     renewBuckets(chr, C, B, n, k, Bound::Start);
     Place starts(SA, B);
     const Index last = n - 1;
     *starts.of(chr(last))++ = last > 0 && chr(last - 1) < chr(last) ? ~last : last;
     for (Index i = 0; i < n; ++i) {
+        if (i + fetchAhead < n)
+            chr.fetch(SA[i + fetchAhead] - 1);
         Index j = SA[i];
         SA[i] = ~j;
         if (j > 0) {
             --j;
             ZEL_ASSERT(chr(j) >= chr(j + 1));
-            Index *&b = starts.of(chr(j));
+            Entry *&b = starts.of(chr(j));
             ZEL_ASSERT(i < (b - SA));
             *b++ = j > 0 && chr(j - 1) < chr(j) ? ~j : j;
         }
@@ -312,11 +333,13 @@ template <typename Chr> void induceSA(Chr chr, Index *SA, Index *C, Index *B, In
     renewBuckets(chr, C, B, n, k, Bound::End);
     Place ends(SA, B);
     for (Index i = n - 1; i >= 0; --i) {
+        if (i >= fetchAhead)
+            chr.fetch(SA[i - fetchAhead] - 1);
         Index j = SA[i];
         if (j > 0) {
             --j;
             ZEL_ASSERT(chr(j) <= chr(j + 1));
-            Index *&b = ends.of(chr(j));
+            Entry *&b = ends.of(chr(j));
             ZEL_ASSERT((b - SA) <= i);
             *--b = j == 0 || chr(j - 1) > chr(j) ? ~j : j;
         } else {
@@ -327,19 +350,21 @@ template <typename Chr> void induceSA(Chr chr, Index *SA, Index *C, Index *B, In
 
 /// As `induceSA`, but an entry that has done its work gives way to the symbol before it. Returns the row of
 /// suffix 0.
-template <typename Chr> Index computeBWT(Chr chr, Index *SA, Index *C, Index *B, Index n, Index k)
+template <typename Chr> Index computeBWT(Chr chr, Entry *SA, Entry *C, Entry *B, Index n, Index k)
 {
     renewBuckets(chr, C, B, n, k, Bound::Start);
     Place starts(SA, B);
     const Index last = n - 1;
     *starts.of(chr(last))++ = last > 0 && chr(last - 1) < chr(last) ? ~last : last;
     for (Index i = 0; i < n; ++i) {
+        if (i + fetchAhead < n)
+            chr.fetch(SA[i + fetchAhead] - 1);
         Index j = SA[i];
         if (j > 0) {
             --j;
             ZEL_ASSERT(chr(j) >= chr(j + 1));
             SA[i] = ~chr(j);
-            Index *&b = starts.of(chr(j));
+            Entry *&b = starts.of(chr(j));
             ZEL_ASSERT(i < (b - SA));
             *b++ = j > 0 && chr(j - 1) < chr(j) ? ~j : j;
         } else if (j < 0) {
@@ -351,12 +376,14 @@ template <typename Chr> Index computeBWT(Chr chr, Index *SA, Index *C, Index *B,
     Place ends(SA, B);
     Index primary = -1;
     for (Index i = n - 1; i >= 0; --i) {
+        if (i >= fetchAhead)
+            chr.fetch(SA[i - fetchAhead] - 1);
         Index j = SA[i];
         if (j > 0) {
             --j;
             ZEL_ASSERT(chr(j) <= chr(j + 1));
             SA[i] = chr(j);
-            Index *&b = ends.of(chr(j));
+            Entry *&b = ends.of(chr(j));
             ZEL_ASSERT((b - SA) <= i);
             *--b = j > 0 && chr(j - 1) > chr(j) ? ~chr(j - 1) : j;
         } else if (j < 0) {
@@ -372,7 +399,7 @@ template <typename Chr> Index computeBWT(Chr chr, Index *SA, Index *C, Index *B,
 template <typename Chr> class Level
 {
 public:
-    Level(Chr text, Index *entries, Index freeSpace, Index length, Index alphabet)
+    Level(Chr text, Entry *entries, Index freeSpace, Index length, Index alphabet)
         : chr(text)
         , SA(entries)
         , fs(freeSpace)
@@ -404,7 +431,7 @@ private:
 
     bool placeBuckets()
     {
-        Index *const end = SA + n + fs;
+        Entry *const end = SA + n + fs;
         if (k <= mostSymbolsCountedApart) {
             flags = AllocatedC;
             if (k <= fs)
@@ -431,11 +458,11 @@ private:
     {
         which &= flags;
         if (which & (AllocatedC | AllocatedShared)) {
-            ownC = allocateEntries(k);
+            ownC = allocateEntries<Entry>(k);
             C = ownC.get();
         }
         if (which & AllocatedB) {
-            ownB = allocateEntries(k);
+            ownB = allocateEntries<Entry>(k);
             B = ownB.get();
         }
         if (which & AllocatedShared)
@@ -476,8 +503,8 @@ private:
             name = LMSpostproc1(chr, SA, n, m);
             return true;
         }
-        const Entries ownD = flags & AllocatedD ? allocateEntries(2 * k) : nullptr;
-        Index *const D = flags & AllocatedD ? ownD.get() : B - 2 * k;
+        const Array<Entry> ownD = flags & AllocatedD ? allocateEntries<Entry>(2 * k) : nullptr;
+        Entry *const D = flags & AllocatedD ? ownD.get() : B - 2 * k;
         if (!D)
             return false;
         std::fill_n(D, 2 * k, 0);
@@ -515,12 +542,12 @@ private:
                 flags |= Recount;
         }
         ZEL_ASSERT_IN(function, (n >> 1) <= (newfs + m));
-        Index *const RA = SA + m + newfs;
+        Entry *const RA = SA + m + newfs;
         for (Index i = m + (n >> 1) - 1, j = m - 1; i >= m; --i) {
             if (SA[i] != 0)
                 RA[j--] = SA[i] - 1;
         }
-        if (sais_main(RA, SA, newfs, m, name, sizeof(Index), false) != 0)
+        if (sais_main(RA, SA, newfs, m, name, false) != 0)
             return false;
 
         Index j = m;
@@ -546,22 +573,28 @@ private:
     }
 
     Chr chr;
-    Index *SA;
+    Entry *SA;
     Index fs;
     Index n;
     Index k;
     unsigned flags = NoFlag;
-    Index *C = nullptr;
-    Index *B = nullptr;
-    Entries ownC;
-    Entries ownB;
+    Entry *C = nullptr;
+    Entry *B = nullptr;
+    Array<Entry> ownC;
+    Array<Entry> ownB;
     Index m = 0; ///< number of LMS suffixes
     Index name = 0; ///< number of different LMS substrings
 };
 
+/// Deliberate, `sais_int` and `sais_int_bwt` promise it: integer texts are read as bytes, too.
+template <typename Symbol> const unsigned char *asBytes(const Symbol *T)
+{
+    return reinterpret_cast<const unsigned char *>(T);
+}
+
 /// Undoes the shift that the end mark makes: its row is left out of U, but T[n - 1] comes first.
 template <typename Symbol>
-Index finishTransform(const Symbol *T, Symbol *U, const Index *A, Index n, Index primary)
+Index finishTransform(const Symbol *T, Symbol *U, const Entry *A, Index n, Index primary)
 {
     if (primary < 0)
         return primary;
@@ -573,7 +606,24 @@ Index finishTransform(const Symbol *T, Symbol *U, const Index *A, Index n, Index
     return primary + 1;
 }
 
-template <typename Symbol> Index sortText(const Symbol *T, Index *SA, int n, int k, int cs)
+/// The front half of the caller's entries, as narrow ones; the back half is free space of another n.
+Entry *narrowEntries(Index *SA)
+{
+    return reinterpret_cast<Entry *>(SA);
+}
+
+/// Goes from the end, so that no narrow entry is overwritten before it is read.
+void widen(Index *SA, Index n)
+{
+    const auto *const narrow = reinterpret_cast<const unsigned char *>(SA);
+    for (Index i = n - 1; i >= 0; --i) {
+        Entry entry;
+        std::memcpy(&entry, narrow + static_cast<std::size_t>(i) * sizeof entry, sizeof entry);
+        SA[i] = entry;
+    }
+}
+
+template <typename Symbol> Index sortText(const Symbol *T, Index *SA, int n, int k)
 {
     if (n < 0 || !T || !SA)
         return -1;
@@ -581,10 +631,13 @@ template <typename Symbol> Index sortText(const Symbol *T, Index *SA, int n, int
         std::fill_n(SA, n, 0);
         return 0;
     }
-    return sais_main(T, SA, 0, n, k, cs, false);
+    const Index result = sais_main(asBytes(T), narrowEntries(SA), n, n, k, false);
+    if (result == 0)
+        widen(SA, n);
+    return result;
 }
 
-template <typename Symbol> Index transformText(const Symbol *T, Symbol *U, Index *A, int n, int k, int cs)
+template <typename Symbol> Index transformText(const Symbol *T, Symbol *U, Index *A, int n, int k)
 {
     if (n < 0 || !T || !U || !A)
         return -1;
@@ -592,44 +645,51 @@ template <typename Symbol> Index transformText(const Symbol *T, Symbol *U, Index
         std::copy_n(T, n, U);
         return n;
     }
-    return finishTransform(T, U, A, n, sais_main(T, A, 0, n, k, cs, true));
+    const Index primary = sais_main(asBytes(T), narrowEntries(A), n, n, k, true);
+    return finishTransform(T, U, narrowEntries(A), n, primary);
+}
+
+template <typename Symbol> Index sortLevel(const Symbol *T, Entry *SA, Index fs, Index n, Index k, bool isbwt)
+{
+    ZEL_ASSERT_IN("sais_main", (T != NULL) && (SA != NULL)); // NOLINT(modernize-use-nullptr): it is printed
+    ZEL_ASSERT_IN("sais_main", (0 <= fs) && (0 < n) && (1 <= k));
+    return Level(Text<Symbol>{T}, SA, fs, n, k).run(isbwt);
 }
 
 constexpr int byteAlphabet = 256;
-constexpr int byteWidth = 1;
-constexpr int integerEntryWidth =
-    4; // deliberate, `sais_int` and `sais_int_bwt` promise it: not 8, so read as bytes
 
 } // namespace
 
-std::int64_t sais_main(const void *T, std::int64_t *SA, std::int64_t fs, std::int64_t n, std::int64_t k,
-                       int cs, bool isbwt)
+std::int64_t sais_main(const unsigned char *T, std::int32_t *SA, std::int64_t fs, std::int64_t n,
+                       std::int64_t k, bool isbwt)
 {
-    ZEL_ASSERT((T != NULL) && (SA != NULL)); // NOLINT(modernize-use-nullptr): the expression is printed
-    ZEL_ASSERT((0 <= fs) && (0 < n) && (1 <= k));
-    if (cs == sizeof(Index))
-        return Level(Text<Index>{static_cast<const Index *>(T)}, SA, fs, n, k).run(isbwt);
-    return Level(Text<unsigned char>{static_cast<const unsigned char *>(T)}, SA, fs, n, k).run(isbwt);
+    return sortLevel(T, SA, fs, n, k, isbwt);
+}
+
+std::int64_t sais_main(const std::int32_t *T, std::int32_t *SA, std::int64_t fs, std::int64_t n,
+                       std::int64_t k, bool isbwt)
+{
+    return sortLevel(T, SA, fs, n, k, isbwt);
 }
 
 } // namespace zel
 
 std::int64_t sais(const unsigned char *T, std::int64_t *SA, int n)
 {
-    return zel::sortText(T, SA, n, zel::byteAlphabet, zel::byteWidth);
+    return zel::sortText(T, SA, n, zel::byteAlphabet);
 }
 
 std::int64_t sais_int(const std::int64_t *T, std::int64_t *SA, int n, int k)
 {
-    return k < 1 ? -1 : zel::sortText(T, SA, n, k, zel::integerEntryWidth);
+    return k < 1 ? -1 : zel::sortText(T, SA, n, k);
 }
 
 std::int64_t sais_bwt(const unsigned char *T, unsigned char *U, std::int64_t *A, int n)
 {
-    return zel::transformText(T, U, A, n, zel::byteAlphabet, zel::byteWidth);
+    return zel::transformText(T, U, A, n, zel::byteAlphabet);
 }
 
 std::int64_t sais_int_bwt(const std::int64_t *T, std::int64_t *U, std::int64_t *A, int n, int k)
 {
-    return k < 1 ? -1 : zel::transformText(T, U, A, n, k, zel::integerEntryWidth);
+    return k < 1 ? -1 : zel::transformText(T, U, A, n, k);
 }

@@ -13,6 +13,7 @@
 namespace {
 
 using Entries = std::vector<std::int64_t>;
+using Names = std::vector<std::int32_t>; // texts and entries of the levels below the first
 
 const unsigned char *data(const QByteArray &text)
 {
@@ -36,7 +37,7 @@ std::vector<unsigned char> bytesOf(const QByteArray &text)
 
 /// Neighbours are in order when their first symbols are, or these are equal and the suffixes behind them in
 /// order.
-template <typename Text> bool isSuffixArray(const Text &text, const std::int64_t *SA)
+template <typename Text, typename Entry> bool isSuffixArray(const Text &text, const Entry *SA)
 {
     const auto n = std::int64_t(text.size());
     Entries rank(text.size() + 1, -1);
@@ -54,22 +55,22 @@ template <typename Text> bool isSuffixArray(const Text &text, const std::int64_t
     return true;
 }
 
-Entries brokenPeriod(int n, int symbols, int period)
+Names brokenPeriod(int n, int symbols, int period)
 {
     std::mt19937 random(unsigned(n + period));
-    Entries text(n);
+    Names text(n);
     for (int i = 0; i < n; ++i)
-        text[i] = i < period || i % 1013 == 0 ? std::int64_t(random()) % symbols : text[i - period];
+        text[i] = i < period || i % 1013 == 0 ? int(random() >> 1) % symbols : text[i - period];
     return text;
 }
 
-Entries alternatingText(int n, int symbols)
+Names alternatingText(int n, int symbols)
 {
     std::mt19937 random(unsigned(n + symbols));
     const unsigned half = unsigned(symbols) / 2;
-    Entries text(n);
+    Names text(n);
     for (int i = 0; i < n; ++i)
-        text[i] = i % 2 * half + random() % half;
+        text[i] = int(i % 2 * half + random() % half);
     std::copy_n(text.begin(), 20, text.end() - 20); // at least some substrings are equal
     return text;
 }
@@ -204,16 +205,16 @@ private slots:
             // A short period with breaks makes a deep recursion, few symbols a shallow one; ups and downs in
             // turn make the most LMS suffixes and so leave the recursion the least space.
             for (const int period : {n, 7, 600, alternating}) {
-                const Entries text =
+                const Names text =
                     period == alternating ? alternatingText(n, symbols) : brokenPeriod(n, symbols, period);
-                constexpr std::int64_t untouched = -77;
-                Entries SA(n + fs + 1, untouched);
-                QCOMPARE(zel::sais_main(text.data(), SA.data(), fs, n, k, 8, false), 0);
+                constexpr std::int32_t untouched = -77;
+                Names SA(n + fs + 1, untouched);
+                QCOMPARE(zel::sais_main(text.data(), SA.data(), fs, n, k, false), 0);
                 QVERIFY(isSuffixArray(text, SA.data()));
                 QCOMPARE(SA.back(), untouched);
 
-                Entries transform(n + fs);
-                const auto row = zel::sais_main(text.data(), transform.data(), fs, n, k, 8, true);
+                Names transform(n + fs);
+                const auto row = zel::sais_main(text.data(), transform.data(), fs, n, k, true);
                 QCOMPARE(SA[row], 0);
                 for (int i = 0; i < n; ++i)
                     QVERIFY(i == row || transform[i] == text[SA[i] - 1]);
@@ -270,9 +271,9 @@ private slots:
 
     void exhaustedMemory()
     {
-        const std::int64_t text[4] = {1, 0, 1, 0};
-        std::int64_t SA[4];
-        QCOMPARE(zel::sais_main(text, SA, 0, 4, std::int64_t(1) << 60, 8, false), -2);
+        const std::int32_t text[4] = {1, 0, 1, 0};
+        std::int32_t SA[4];
+        QCOMPARE(zel::sais_main(text, SA, 0, 4, std::int64_t(1) << 60, false), -2);
     }
 
     /// Assertions are active in every build and name their expression, routine and unit.
@@ -282,8 +283,9 @@ private slots:
         const pid_t child = ::fork();
         if (child == 0) {
             std::signal(SIGABRT, SIG_DFL);
-            std::int64_t SA[1];
-            zel::sais_main("a", SA, -1, 1, 256, 1, false);
+            const unsigned char T = 'a';
+            std::int32_t SA[1];
+            zel::sais_main(&T, SA, -1, 1, 256, false);
             ::_exit(0);
         }
         int status = 0;
