@@ -1,0 +1,97 @@
+#include "rows.h"
+
+#include "owned.h"
+#include "readfile.h"
+#include "sais.h"
+#include "scan.h"
+
+#include <cstdio>
+#include <divsufsort64.h>
+
+namespace bench {
+namespace {
+
+using zel::Bytes;
+
+struct File {
+    std::int64_t size = 0;
+    Bytes bytes;
+
+    explicit File(const std::filesystem::path &path)
+        : bytes(readfile(path.c_str(), &size))
+    {
+    }
+
+    std::span<const unsigned char> span() const { return {bytes.get(), static_cast<std::size_t>(size)}; }
+};
+
+Work sortWith(std::int64_t (*sort)(const unsigned char *, std::int64_t *, std::int64_t),
+              const std::filesystem::path &path)
+{
+    return [=](const auto &timed) {
+        const File text(path);
+        const zel::Entries SA = zel::allocateEntries(text.size);
+        std::int64_t result = -1;
+        if (text.bytes && SA)
+            timed([&] { result = sort(text.bytes.get(), SA.get(), text.size); });
+        return result == 0;
+    };
+}
+
+std::int64_t sortOurs(const unsigned char *T, std::int64_t *SA, std::int64_t n)
+{
+    return sais(T, SA, static_cast<int>(n));
+}
+
+std::int64_t sortTheirs(const unsigned char *T, std::int64_t *SA, std::int64_t n)
+{
+    return divsufsort64(T, SA, n);
+}
+
+/// All of making a delta but its files: suffix array and scan.
+Work sortAndScan(const std::filesystem::path &oldPath, const std::filesystem::path &newPath)
+{
+    return [=](const auto &timed) {
+        const File oldFile(oldPath);
+        const File newFile(newPath);
+        if (!oldFile.bytes || !newFile.bytes)
+            return false;
+        std::int64_t covered = 0;
+        timed([&] {
+            const zel::Entries I = zel::allocateEntries(oldFile.size + 1);
+            I[0] = oldFile.size;
+            sais(oldFile.bytes.get(), I.get() + 1, static_cast<int>(oldFile.size));
+            zel::Scan scan(oldFile.span(), I.get(), newFile.span());
+            while (const auto step = scan.next())
+                covered += step->add + step->insert;
+        });
+        return covered == newFile.size;
+    };
+}
+
+/// Files that a plain scan takes quadratic time for.
+void addWorstCases(std::vector<Row> &rows, const std::filesystem::path &data)
+{
+    for (const std::string name : {"zeros-4M", "zeros-100M", "period-50M"})
+        rows.push_back({"suffix array and scan", name,
+                        sortAndScan(data / (name + ".old"), data / (name + ".new")), "", nullptr});
+}
+
+} // namespace
+
+void addDeltaRows(std::vector<Row> &rows, const std::filesystem::path &data)
+{
+    for (const std::string name : {"esbuild", "biome"}) {
+        const auto oldFile = data / (name + ".old");
+        const auto newFile = data / (name + ".new");
+        rows.push_back({"suffix array", name, sortWith(sortOurs, oldFile), "libdivsufsort64",
+                        sortWith(sortTheirs, oldFile), 1.2});
+        rows.push_back({"suffix array and scan", name, sortAndScan(oldFile, newFile), "zstd -19 --patch-from",
+                        command({"zstd", "-19", "--long=31", "-q", "-f", "-c",
+                                 "--patch-from=" + oldFile.string(), newFile.string()}),
+                        0.35});
+    }
+    addWorstCases(rows, data);
+}
+
+} // namespace bench
