@@ -9,19 +9,24 @@ namespace {
 
 using Index = std::int64_t;
 
+constexpr std::size_t shortestForTwoBytes = std::size_t(1) << 14;
 constexpr std::size_t shortestForThreeBytes = std::size_t(1) << 24;
 
 } // namespace
 
 int PrefixTable::fittingWidth(std::size_t oldSize)
 {
-    return oldSize >= shortestForThreeBytes ? 3 : 2;
+    if (oldSize < shortestForTwoBytes)
+        return 0;
+    return oldSize < shortestForThreeBytes ? 2 : 3;
 }
 
 PrefixTable::PrefixTable(std::span<const unsigned char> oldBytes, const Index *I, int width)
     : m_old(oldBytes)
     , m_width(width)
 {
+    if (m_width == 0)
+        return;
     const Index count = (Index(1) << (8 * m_width)) + 1;
     m_starts = allocateEntries<std::uint32_t>(count);
     if (!m_starts) {

@@ -19,10 +19,10 @@ struct Interval {
 class PrefixTable
 {
 public:
-    /// Three bytes for an old file of 16 MiB and more.
+    /// Three bytes for an old file of 16 MiB and more, none for one that is searched sooner than counted.
     static int fittingWidth(std::size_t oldSize);
 
-    /// `width`: 2 or 3 bytes. `I`: the sorted suffixes of the old bytes, the empty one first.
+    /// `width`: 0, 2 or 3 bytes. `I`: the sorted suffixes of the old bytes, the empty one first.
     PrefixTable(std::span<const unsigned char> oldBytes, const std::int64_t *I, int width);
 
     /// The state of the bisection for these new bytes at the first suffix that begins like them; its steps up

@@ -186,11 +186,11 @@ private slots:
         QTest::newRow("Fibonacci") << fibonacciBytes(2000) << edited(fibonacciBytes(2500), 10, 8);
 
         // What follows is repetitive enough, or long enough, for what is remembered and what is searched ahead.
-        const QByteArray zeros(20'000, '\0');
+        const QByteArray zeros(12'000, '\0');
         const QByteArray block = randomBytes(700, 256, 10);
         const QByteArray longPeriod = block.repeated(40);
-        QTest::newRow("zeros, one byte put in") << zeros << zeros.first(10'000) + '\1' + zeros.first(10'000);
-        QTest::newRow("zeros, one byte changed") << zeros << zeros.first(15'000) + '\1' + zeros.first(4999);
+        QTest::newRow("zeros, one byte put in") << zeros << zeros.first(6000) + '\1' + zeros.first(6000);
+        QTest::newRow("zeros, one byte changed") << zeros << zeros.first(9000) + '\1' + zeros.first(2999);
         QTest::newRow("runs of zeros") << zeros + random + zeros.first(9000) + "end" + zeros.first(7000)
                                        << zeros.first(9000) + "end" + zeros + random + zeros.first(8000);
         QTest::newRow("long period") << longPeriod << longPeriod.mid(300);
@@ -203,12 +203,12 @@ private slots:
         for (const qsizetype at : {9000, 12'000, 17'000})
             nearCopy[at] = char(nearCopy[at] + 1);
         QTest::newRow("near copies") << random + nearCopy + block << nearCopy.first(500) + random + nearCopy;
-        const QByteArray large = randomBytes(300'000, 20, 14);
+        const QByteArray large = randomBytes(200'000, 20, 14);
         QTest::newRow("several chunks") << large << edited(large, 400, 15);
         QFile program(QCoreApplication::applicationFilePath());
         QVERIFY(program.open(QIODevice::ReadOnly));
-        const QByteArray code = program.read(400'000);
-        QTest::newRow("program") << code.first(250'000) << edited(code.mid(20'000), 100, 16);
+        const QByteArray code = program.read(250'000);
+        QTest::newRow("program") << code.first(150'000) << edited(code.mid(20'000), 100, 16);
     }
 
     /// Both generators give the bytes of the plain scan, and these rebuild the new file.
