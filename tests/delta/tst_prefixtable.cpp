@@ -21,6 +21,8 @@ private slots:
         QTest::newRow("end begins like much") << randomBytes(3000, 3, 2) + QByteArray(2, '\1') << 3;
         QTest::newRow("zeros") << QByteArray(1000, '\0') << 2;
         QTest::newRow("zeros at the end") << randomBytes(1000, 256, 3) + QByteArray(3, '\0') << 2;
+        for (unsigned seed = 0; seed < 12; ++seed) // so short that each suffix is looked at
+            QTest::addRow("short %u", seed) << randomBytes(4 + seed, 2, seed) << 2;
         QTest::newRow("random bytes") << randomBytes(5000, 256, 4) << 256;
     }
 
