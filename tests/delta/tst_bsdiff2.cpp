@@ -3,12 +3,12 @@
 
 #include "CapturedOutput.h"
 #include "DeltaSupport.h"
+#include "sais.h"
 #include "TemporaryTree.h"
 
 #include <algorithm>
 #include <cstring>
 #include <fcntl.h>
-#include <numeric>
 #include <QtTest>
 #include <sys/stat.h>
 
@@ -42,10 +42,8 @@ public:
         , m_new(newBytes)
         , m_I(oldBytes.size() + 1)
     {
-        std::iota(m_I.begin(), m_I.end(), 0);
-        std::sort(m_I.begin(), m_I.end(), [bytes = QByteArrayView(m_old)](qint64 a, qint64 b) {
-            return bytes.sliced(a) < bytes.sliced(b);
-        });
+        m_I[0] = m_old.size(); // the sort has tests of its own
+        sais(reinterpret_cast<const unsigned char *>(m_old.constData()), m_I.data() + 1, int(m_old.size()));
     }
 
     QByteArray delta()
@@ -142,7 +140,7 @@ private:
 
     const QByteArray m_old;
     const QByteArray m_new;
-    std::vector<qint64> m_I;
+    std::vector<std::int64_t> m_I;
     qint64 scan = 0, len = 0, pos = 0, lastscan = 0, lastpos = 0, lastoffset = 0;
     QList<qint64> m_control;
     QByteArray m_diff, m_extra;
