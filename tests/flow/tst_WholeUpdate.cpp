@@ -154,6 +154,12 @@ private slots:
                     .events = {"check 1", "choice 0"},
                     .pages = {"checking", "history"},
                     .requests = {check, ownNotes, notes}};
+        QTest::newRow("notes that do not come until the user has cancelled")
+            << Flow{.change = [](Offer &offer) { offer.answers["/notes.html"] = {Stalled}; },
+                    .clicks = {{"checking", "cancel"}},
+                    .events = {"cancel", "check 1"},
+                    .pages = {"checking", "history"},
+                    .requests = {check, notes}};
         QTest::newRow("server gone at the download")
             << Flow{.change = [](Offer &offer) { offer.answers[Patch] = {{.body = "begin", .dropAt = 2}}; },
                     .clicks = {install, {"error", "cancel"}},
