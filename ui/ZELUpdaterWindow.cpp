@@ -12,8 +12,8 @@ namespace {
 
 constexpr QSize InitialSize(350, 450);
 constexpr Qt::WindowFlags FreeStanding = Qt::Window | Qt::FramelessWindowHint;
-constexpr Qt::WindowFlags Attached =
-    Qt::Sheet | Qt::FramelessWindowHint; // X11 ties only such a window to another
+// X11 ties a window to another one only when it is of such a kind.
+constexpr Qt::WindowFlags Attached = Qt::Sheet | Qt::FramelessWindowHint;
 const QColor Background = QColor::fromRgbF(0.16F, 0.16F, 0.16F);
 
 } // namespace
@@ -74,8 +74,8 @@ bool ZELUpdaterWindow::isSeen() const
 void ZELUpdaterWindow::beginSheet(QWidget *host)
 {
     endSheet();
-    setWindowFlags(
-        Attached); // hides it: window systems take a new parent and modality only of a hidden window
+    // This hides the window: window systems take a new parent and modality only of a hidden one.
+    setWindowFlags(Attached);
     setWindowModality(Qt::WindowModal);
     m_sheetParent = host->window();
     m_sheetOrigin = {};

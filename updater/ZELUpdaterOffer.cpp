@@ -117,10 +117,7 @@ void ZELUpdater::showHistoryPage()
         zel::offerTexts(m_config, update()[QStringLiteral("update")].toMap());
     if (!placePage(m_historyPage))
         return;
-    if (m_window->sheetParent())
-        m_window->setFrame({QPoint(), HistoryPageSize}, true);
-    else
-        m_window->setFrame(m_window->centredFrame(HistoryPageSize), true);
+    resizeWindow(HistoryPageSize);
     zel::onMainQueueAfter(300ms, [this] { historyPageShown(); });
 }
 
