@@ -52,13 +52,13 @@ public:
         return true;
     }
 
-    /// Copies up to `count` bytes and returns how many there were.
-    std::size_t read(unsigned char *to, std::size_t count)
+    /// Up to `count` bytes where they lie.
+    std::span<const unsigned char> read(std::size_t count)
     {
         count = std::min(count, m_rest.size());
-        std::copy_n(reinterpret_cast<const unsigned char *>(m_rest.data()), count, to);
+        const auto *const bytes = reinterpret_cast<const unsigned char *>(m_rest.data());
         m_rest = m_rest.subspan(count);
-        return count;
+        return {bytes, count};
     }
 
 private:
@@ -117,13 +117,8 @@ private:
         const bool fresh = readTriple(triple);
         if (!fresh && triple.add == 0 && triple.insert == 0)
             return false; // no later pass would differ from this one
-        if (!take(m_blocks.diff, triple.add))
+        if (!add(triple.add) || !insert(triple.insert))
             return false;
-        addOld(triple.add);
-        m_newPosition += triple.add;
-        if (!take(m_blocks.extra, triple.insert))
-            return false;
-        m_newPosition += triple.insert;
         return !__builtin_add_overflow(m_oldPosition, triple.add, &m_oldPosition)
             && !__builtin_add_overflow(m_oldPosition, triple.seek, &m_oldPosition);
     }
@@ -135,31 +130,61 @@ private:
     {
         std::size_t count = 0;
         for (Index *value : {&triple.add, &triple.insert, &triple.seek}) {
-            count += m_blocks.control.read(m_control.data(), m_control.size());
+            const auto bytes = m_blocks.control.read(m_control.size());
+            std::ranges::copy(bytes, m_control.begin());
             *value = decodeDeltaInteger(m_control);
+            count += bytes.size();
         }
         return count > 0;
     }
 
-    bool take(Cursor &block, Index length)
+    /// The next `length` bytes of a block; nothing when there are not as many, or no room for them.
+    std::optional<std::span<const unsigned char>> take(Cursor &block, Index length) const
     {
         if (length < 0 || length > m_newSize - m_newPosition)
-            return false;
-        const auto count = static_cast<std::size_t>(length);
-        return block.read(m_new + m_newPosition, count) == count;
+            return std::nullopt;
+        const auto bytes = block.read(static_cast<std::size_t>(length));
+        return bytes.size() == static_cast<std::size_t>(length) ? std::optional(bytes) : std::nullopt;
     }
 
-    /// Adds the old bytes to the `length` diff bytes just read; outside the old file the diff bytes stand.
-    void addOld(Index length)
+    /// Diff bytes added to the old ones; outside the old file the diff bytes stand.
+    bool add(Index length)
     {
-        if (m_oldPosition >= m_old.size || m_oldPosition <= -length)
-            return;
-        const Index begin = std::max<Index>(0, -m_oldPosition);
-        const Index end = std::min(length, m_old.size - m_oldPosition);
-        const unsigned char *const from = m_old.bytes.get() + (m_oldPosition + begin);
-        unsigned char *const to = m_new + m_newPosition + begin;
-        for (Index i = 0; i < end - begin; ++i)
-            to[i] = static_cast<unsigned char>(to[i] + from[i]);
+        const auto diff = take(m_blocks.diff, length);
+        if (!diff)
+            return false;
+        Index begin = length;
+        Index end = length;
+        if (m_oldPosition < m_old.size && m_oldPosition > -length) {
+            begin = std::max<Index>(0, -m_oldPosition);
+            end = std::min(length, m_old.size - m_oldPosition);
+        }
+        unsigned char *const to = m_new + m_newPosition;
+        std::copy_n(diff->data(), begin, to);
+        if (begin < end)
+            addBytes(diff->data() + begin, m_old.bytes.get() + (m_oldPosition + begin), to + begin,
+                     end - begin);
+        std::copy_n(diff->data() + end, length - end, to + end);
+        m_newPosition += length;
+        return true;
+    }
+
+    /// The three do not overlap, which lets the compiler add many bytes at once.
+    static void addBytes(const unsigned char *__restrict diff, const unsigned char *__restrict old,
+                         unsigned char *__restrict to, Index count)
+    {
+        for (Index i = 0; i < count; ++i)
+            to[i] = static_cast<unsigned char>(diff[i] + old[i]);
+    }
+
+    bool insert(Index length)
+    {
+        const auto extra = take(m_blocks.extra, length);
+        if (!extra)
+            return false;
+        std::ranges::copy(*extra, m_new + m_newPosition);
+        m_newPosition += length;
+        return true;
     }
 
     const Old &m_old;
