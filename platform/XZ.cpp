@@ -1,86 +1,186 @@
 #include "XZ.h"
 
+#include "Parallel.h"
+#include "XZBlocks.h"
+
 #include <algorithm>
+#include <array>
+#include <limits>
 #include <lzma.h>
+#include <memory>
+#include <vector>
+
+namespace zel {
 
 namespace {
 
 constexpr uint64_t DecoderMemory = uint64_t(512) << 20;
-constexpr qsizetype DictionaryLimit = qsizetype(64) << 20;
+constexpr qsizetype FooterSize = LZMA_STREAM_HEADER_SIZE;
 
 const uint8_t *bytesOf(QByteArrayView data)
 {
     return reinterpret_cast<const uint8_t *>(data.data());
 }
 
-// The size that the stream's index states. A lie is found when the blocks are decoded: both must agree.
-std::optional<uint64_t> statedSize(QByteArrayView data)
+struct FreeIndex {
+    void operator()(lzma_index *index) const { lzma_index_end(index, nullptr); }
+};
+
+using Index = std::unique_ptr<lzma_index, FreeIndex>;
+
+/// The index of data that is exactly one stream, header and footer included; null for other data. A lie in it is found
+/// when the blocks are decoded: both must agree.
+Index readIndex(QByteArrayView data, lzma_stream_flags &flags)
 {
     lzma_stream_flags footer;
-    if (data.size() < 2 * LZMA_STREAM_HEADER_SIZE
-        || lzma_stream_footer_decode(&footer, bytesOf(data.last(LZMA_STREAM_HEADER_SIZE))) != LZMA_OK
-        || footer.backward_size > lzma_vli(data.size() - 2 * LZMA_STREAM_HEADER_SIZE))
-        return std::nullopt;
+    if (data.size() < 2 * FooterSize || lzma_stream_header_decode(&flags, bytesOf(data)) != LZMA_OK
+        || lzma_stream_footer_decode(&footer, bytesOf(data.last(FooterSize))) != LZMA_OK
+        || lzma_stream_flags_compare(&flags, &footer) != LZMA_OK
+        || footer.backward_size > lzma_vli(data.size() - 2 * FooterSize))
+        return nullptr;
     uint64_t memory = DecoderMemory;
     lzma_index *index = nullptr;
-    size_t at = size_t(data.size()) - LZMA_STREAM_HEADER_SIZE - footer.backward_size;
-    if (lzma_index_buffer_decode(&index, &memory, nullptr, bytesOf(data), &at,
-                                 size_t(data.size()) - LZMA_STREAM_HEADER_SIZE)
+    const size_t end = size_t(data.size() - FooterSize);
+    size_t at = end - footer.backward_size;
+    if (lzma_index_buffer_decode(&index, &memory, nullptr, bytesOf(data), &at, end) != LZMA_OK)
+        return nullptr;
+    Index owner(index);
+    return at == end && lzma_index_file_size(index) == lzma_vli(data.size()) ? std::move(owner) : nullptr;
+}
+
+/// One block of a stream, as its index and its own header describe it.
+class Block
+{
+public:
+    Block(const lzma_index_iter &place, lzma_check check)
+        : m_start(place.block.compressed_stream_offset)
+        , m_size(place.block.total_size)
+        , m_outStart(place.block.uncompressed_stream_offset)
+        , m_outSize(place.block.uncompressed_size)
+        , m_unpaddedSize(place.block.unpadded_size)
+    {
+        m_filters[0].id = LZMA_VLI_UNKNOWN;
+        m_header.version = 1;
+        m_header.check = check;
+    }
+
+    Block(const Block &) = delete;
+    Block &operator=(const Block &) = delete;
+    ~Block() { lzma_filters_free(m_filters.data(), nullptr); }
+
+    bool readHeader(QByteArrayView stream)
+    {
+        const uint8_t *const in = bytesOf(stream) + m_start;
+        m_header.filters = m_filters.data();
+        if (*in == 0) // an index, not a block
+            return false;
+        m_header.header_size = lzma_block_header_size_decode(*in);
+        return m_header.header_size <= m_size && lzma_block_header_decode(&m_header, nullptr, in) == LZMA_OK
+            && lzma_block_compressed_size(&m_header, m_unpaddedSize) == LZMA_OK;
+    }
+
+    uint64_t memory() const { return lzma_raw_decoder_memusage(m_filters.data()); }
+
+    bool decode(QByteArrayView stream, uint8_t *result)
+    {
+        size_t read = m_start + m_header.header_size;
+        size_t written = m_outStart;
+        const size_t end = m_start + m_size;
+        const size_t outEnd = m_outStart + m_outSize;
+        return lzma_block_buffer_decode(&m_header, nullptr, bytesOf(stream), &read, end, result, &written,
+                                        outEnd)
+            == LZMA_OK
+            && read == end && written == outEnd;
+    }
+
+private:
+    size_t m_start;
+    size_t m_size;
+    size_t m_outStart;
+    size_t m_outSize;
+    lzma_vli m_unpaddedSize;
+    lzma_block m_header = {};
+    std::array<lzma_filter, LZMA_FILTERS_MAX + 1> m_filters = {};
+};
+
+using Blocks = std::vector<std::unique_ptr<Block>>;
+
+std::optional<Blocks> readBlocks(QByteArrayView stream, const lzma_index &index, lzma_check check)
+{
+    Blocks blocks;
+    lzma_index_iter place;
+    lzma_index_iter_init(&place, &index);
+    while (!lzma_index_iter_next(&place, LZMA_INDEX_ITER_BLOCK)) {
+        blocks.push_back(std::make_unique<Block>(place, check));
+        if (!blocks.back()->readHeader(stream) || blocks.back()->memory() > DecoderMemory)
+            return std::nullopt;
+    }
+    return blocks;
+}
+
+/// The library's own threaded decoder is left aside: it handed freed memory to its threads when input was damaged in
+/// the versions that systems still carry.
+bool decodeBlocks(Blocks &blocks, QByteArrayView stream, uint8_t *result)
+{
+    std::vector<qint64> costs;
+    std::vector<char> sound(blocks.size());
+    for (const auto &block : blocks)
+        costs.push_back(qint64(block->memory()));
+    runJobs(
+        costs, [&](size_t i) { sound[i] = blocks[i]->decode(stream, result); }, qint64(DecoderMemory));
+    return std::ranges::all_of(sound, [](char ok) { return ok; });
+}
+
+qint64 quickSize(QByteArrayView data)
+{
+    std::vector<uint8_t> out(lzma_stream_buffer_bound(size_t(data.size())));
+    size_t written = 0;
+    if (lzma_easy_buffer_encode(0, LZMA_CHECK_NONE, nullptr, bytesOf(data), size_t(data.size()), out.data(),
+                                &written, out.size())
         != LZMA_OK)
-        return std::nullopt;
-    const uint64_t size = lzma_index_uncompressed_size(index);
-    lzma_index_end(index, nullptr);
-    return size;
+        return std::numeric_limits<qint64>::max();
+    return qint64(written);
 }
 
 } // namespace
 
-namespace zel {
-
 std::optional<QByteArray> decompressXZ(QByteArrayView data, qint64 limit)
 {
-    const std::optional<uint64_t> size = statedSize(data);
-    if (!size || *size > uint64_t(limit))
+    lzma_stream_flags flags;
+    const Index index = readIndex(data, flags);
+    if (!index || lzma_index_uncompressed_size(index.get()) > lzma_vli(std::max<qint64>(limit, 0)))
+        return std::nullopt;
+    std::optional<Blocks> blocks = readBlocks(data, *index, flags.check);
+    if (!blocks)
         return std::nullopt;
     QByteArray result;
     try {
-        result.resize(qsizetype(*size));
+        result = QByteArray(qsizetype(lzma_index_uncompressed_size(index.get())), Qt::Uninitialized);
     } catch (const std::bad_alloc &) {
         return std::nullopt;
     }
-    uint64_t memory = DecoderMemory;
-    size_t read = 0;
-    size_t written = 0;
-    uint8_t none = 0; // an empty result still needs a place to write nothing to
-    uint8_t *out = result.isEmpty() ? &none : reinterpret_cast<uint8_t *>(result.data());
-    if (lzma_stream_buffer_decode(&memory, 0, nullptr, bytesOf(data), &read, size_t(data.size()), out,
-                                  &written, size_t(result.size()))
-            != LZMA_OK
-        || read != size_t(data.size()) || written != size_t(result.size()))
+    if (!decodeBlocks(*blocks, data, reinterpret_cast<uint8_t *>(result.data())))
         return std::nullopt;
     return result;
 }
 
-std::optional<QByteArray> compressXZ(QByteArrayView data, XZEffort effort)
+std::optional<QByteArray> compressXZ(QByteArrayView data)
 {
-    lzma_options_lzma options;
-    lzma_lzma_preset(&options, effort == XZEffort::Best ? 9 | LZMA_PRESET_EXTREME : 1);
-    options.dict_size = uint32_t(std::clamp<qsizetype>(data.size(), LZMA_DICT_SIZE_MIN, DictionaryLimit));
-    lzma_filter filters[] = {{LZMA_FILTER_LZMA2, &options}, {LZMA_VLI_UNKNOWN, nullptr}};
-    QByteArray result;
-    size_t written = 0;
-    try {
-        result.resize(qsizetype(lzma_stream_buffer_bound(size_t(data.size()))));
-    } catch (const std::bad_alloc &) {
-        return std::nullopt;
-    }
-    if (lzma_stream_buffer_encode(filters, LZMA_CHECK_CRC64, nullptr, bytesOf(data), size_t(data.size()),
-                                  reinterpret_cast<uint8_t *>(result.data()), &written, size_t(result.size()))
-        != LZMA_OK)
-        return std::nullopt;
-    result.resize(qsizetype(written));
-    result.squeeze();
-    return result;
+    const XZBlock block{data};
+    return compressXZBlocks(std::span(&block, data.isEmpty() ? 0 : 1), std::numeric_limits<qint64>::max());
+}
+
+qint64 estimateXZ(QByteArrayView data)
+{
+    constexpr qsizetype piece = 1 << 16;
+    constexpr qsizetype pieces = 64;
+    if (data.size() <= 2 * piece * pieces)
+        return quickSize(data);
+    QByteArray sample;
+    const qsizetype step = data.size() / pieces;
+    for (qsizetype i = 0; i < pieces; ++i)
+        sample += data.sliced(i * step, piece);
+    return qint64(double(quickSize(sample)) * double(data.size()) / double(sample.size()));
 }
 
 } // namespace zel

@@ -1,0 +1,89 @@
+#include "Parallel.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <numeric>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+namespace zel {
+
+namespace {
+
+class Jobs
+{
+public:
+    Jobs(std::span<const qint64> costs, const std::function<void(size_t)> &job, qint64 budget)
+        : m_costs(costs)
+        , m_job(job)
+        , m_budget(budget)
+        , m_waiting(costs.size())
+    {
+        std::iota(m_waiting.begin(), m_waiting.end(), size_t(0));
+        std::ranges::stable_sort(m_waiting, std::ranges::greater(), [costs](size_t i) { return costs[i]; });
+    }
+
+    void work()
+    {
+        std::unique_lock lock(m_mutex);
+        while (const std::optional<size_t> next = take(lock)) {
+            lock.unlock();
+            m_job(*next);
+            lock.lock();
+            m_running -= 1;
+            m_used -= m_costs[*next];
+            m_changed.notify_all();
+        }
+    }
+
+private:
+    // The costliest job that fits now; waits for one.
+    std::optional<size_t> take(std::unique_lock<std::mutex> &lock)
+    {
+        for (;;) {
+            if (m_waiting.empty())
+                return std::nullopt;
+            const auto found = std::ranges::find_if(m_waiting, [this](size_t i) { return fits(m_costs[i]); });
+            if (found != m_waiting.end()) {
+                const size_t next = *found;
+                m_waiting.erase(found);
+                m_running += 1;
+                m_used += m_costs[next];
+                return next;
+            }
+            m_changed.wait(lock);
+        }
+    }
+
+    bool fits(qint64 cost) const { return m_running == 0 || cost <= m_budget - m_used; }
+
+    const std::span<const qint64> m_costs;
+    const std::function<void(size_t)> &m_job;
+    const qint64 m_budget;
+    std::vector<size_t> m_waiting;
+    qint64 m_used = 0;
+    int m_running = 0;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+};
+
+} // namespace
+
+void runJobs(std::span<const qint64> costs, const std::function<void(size_t)> &job, qint64 budget)
+{
+    Jobs jobs(costs, job, budget);
+    const size_t count = std::min<size_t>(std::max(1U, std::thread::hardware_concurrency()), costs.size());
+    std::vector<std::jthread> others;
+    try {
+        for (size_t i = 1; i < count; ++i)
+            others.emplace_back([&jobs] { jobs.work(); });
+    } catch (const std::system_error &) {
+        // No more threads are to be had: those that run do all the jobs.
+    }
+    jobs.work();
+}
+
+} // namespace zel

@@ -1,0 +1,186 @@
+#include "XZBlocks.h"
+
+#include "Parallel.h"
+
+#include <algorithm>
+#include <array>
+#include <lzma.h>
+#include <memory>
+#include <vector>
+
+namespace zel {
+
+namespace {
+
+constexpr qsizetype DictionaryLimit = qsizetype(64) << 20;
+constexpr qsizetype SampleSize = qsizetype(1) << 20;
+constexpr lzma_check Check = LZMA_CHECK_CRC64;
+
+/// How many bits of what went before the encoder looks at for a literal, and how many of the position for a literal
+/// and for everything.
+struct Model {
+    uint32_t lc;
+    uint32_t lp;
+    uint32_t pb;
+};
+
+using Models = std::array<Model, 3>;
+
+/// What was smallest on programs, on text and on deltas of both.
+const Models &modelsOf(XZContent content)
+{
+    static constexpr Models bytes = {{{3, 0, 2}, {4, 0, 0}, {4, 0, 3}}};
+    static constexpr Models records = {{{1, 3, 3}, {0, 3, 3}, {1, 2, 2}}};
+    static constexpr Models sparse = {{{4, 0, 0}, {0, 0, 0}, {3, 0, 2}}};
+    return content == XZContent::Records ? records : content == XZContent::Sparse ? sparse : bytes;
+}
+
+/// The options of one block. The filter points into the object itself.
+class Filters
+{
+public:
+    Filters(const XZBlock &block, const Model &model)
+    {
+        lzma_lzma_preset(&m_options, 9 | LZMA_PRESET_EXTREME);
+        m_options.dict_size =
+            uint32_t(std::clamp<qsizetype>(block.data.size(), LZMA_DICT_SIZE_MIN, DictionaryLimit));
+        m_options.depth = 0;
+        // A row of values is cheaper as short matches and literals than as a long match that just happens to be there.
+        if (block.content == XZContent::Records)
+            m_options.nice_len = 64;
+        m_options.lc = model.lc;
+        m_options.lp = model.lp;
+        m_options.pb = model.pb;
+    }
+
+    Filters(const Filters &) = delete;
+    Filters &operator=(const Filters &) = delete;
+
+    lzma_filter *get() { return m_filters.data(); }
+
+private:
+    lzma_options_lzma m_options = {};
+    std::array<lzma_filter, 2> m_filters = {{{LZMA_FILTER_LZMA2, &m_options}, {LZMA_VLI_UNKNOWN, nullptr}}};
+};
+
+struct Encoded {
+    QByteArray bytes;
+    lzma_vli unpaddedSize = 0;
+    lzma_vli uncompressedSize = 0;
+};
+
+const uint8_t *bytesOf(QByteArrayView data)
+{
+    return reinterpret_cast<const uint8_t *>(data.data());
+}
+
+uint8_t *bytesOf(QByteArray &data)
+{
+    return reinterpret_cast<uint8_t *>(data.data());
+}
+
+std::optional<QByteArray> allocate(size_t size)
+{
+    try {
+        return QByteArray(qsizetype(size), Qt::Uninitialized);
+    } catch (const std::bad_alloc &) {
+        return std::nullopt;
+    }
+}
+
+std::optional<Encoded> encode(const XZBlock &block, const Model &model)
+{
+    Filters filters(block, model);
+    lzma_block header = {};
+    header.check = Check;
+    header.filters = filters.get();
+    const size_t size = size_t(block.data.size());
+    std::optional<QByteArray> out = allocate(lzma_block_buffer_bound(size));
+    size_t written = 0;
+    if (!out
+        || lzma_block_buffer_encode(&header, nullptr, bytesOf(block.data), size, bytesOf(*out), &written,
+                                    size_t(out->size()))
+            != LZMA_OK)
+        return std::nullopt;
+    out->resize(qsizetype(written));
+    out->squeeze();
+    return Encoded{std::move(*out), lzma_block_unpadded_size(&header), header.uncompressed_size};
+}
+
+/// The model that makes the middle of the block smallest.
+std::optional<Model> bestModel(const XZBlock &block)
+{
+    const qsizetype length = std::min(block.data.size(), SampleSize);
+    const XZBlock sample{block.data.sliced((block.data.size() - length) / 2, length), block.content};
+    std::optional<Model> best;
+    qsizetype least = 0;
+    for (const Model &model : modelsOf(block.content)) {
+        const std::optional<Encoded> encoded = encode(sample, model);
+        if (!encoded)
+            return std::nullopt;
+        if (best && encoded->bytes.size() >= least)
+            continue;
+        best = model;
+        least = encoded->bytes.size();
+    }
+    return best;
+}
+
+struct FreeIndex {
+    void operator()(lzma_index *index) const { lzma_index_end(index, nullptr); }
+};
+
+/// Header, blocks, index and footer in a row; nothing when memory runs out.
+std::optional<QByteArray> assemble(const std::vector<std::optional<Encoded>> &blocks)
+{
+    const std::unique_ptr<lzma_index, FreeIndex> index(lzma_index_init(nullptr));
+    qsizetype size = 0;
+    for (const auto &block : blocks) {
+        if (!index || !block
+            || lzma_index_append(index.get(), nullptr, block->unpaddedSize, block->uncompressedSize)
+                != LZMA_OK)
+            return std::nullopt;
+        size += block->bytes.size();
+    }
+    if (!index)
+        return std::nullopt;
+    lzma_stream_flags flags = {};
+    flags.backward_size = lzma_index_size(index.get());
+    flags.check = Check;
+    std::array<uint8_t, LZMA_STREAM_HEADER_SIZE> end;
+    std::optional<QByteArray> tail = allocate(flags.backward_size);
+    size_t written = 0;
+    if (!tail
+        || lzma_index_buffer_encode(index.get(), bytesOf(*tail), &written, size_t(tail->size())) != LZMA_OK
+        || lzma_stream_header_encode(&flags, end.data()) != LZMA_OK)
+        return std::nullopt;
+    QByteArray stream;
+    stream.reserve(size + tail->size() + 2 * qsizetype(end.size()));
+    stream.append(reinterpret_cast<const char *>(end.data()), qsizetype(end.size()));
+    for (const auto &block : blocks)
+        stream += block->bytes;
+    stream += *tail;
+    if (lzma_stream_footer_encode(&flags, end.data()) != LZMA_OK)
+        return std::nullopt;
+    return stream.append(reinterpret_cast<const char *>(end.data()), qsizetype(end.size()));
+}
+
+} // namespace
+
+std::optional<QByteArray> compressXZBlocks(std::span<const XZBlock> blocks, qint64 memory)
+{
+    std::vector<qint64> costs;
+    for (const XZBlock &block : blocks) {
+        Filters filters(block, modelsOf(block.content).front());
+        costs.push_back(qint64(lzma_raw_encoder_memusage(filters.get())));
+    }
+    std::vector<std::optional<Encoded>> encoded(blocks.size());
+    const auto encodeBlock = [&blocks, &encoded](size_t i) {
+        if (const std::optional<Model> model = bestModel(blocks[i]))
+            encoded[i] = encode(blocks[i], *model);
+    };
+    runJobs(costs, encodeBlock, memory);
+    return assemble(encoded);
+}
+
+} // namespace zel

@@ -1,0 +1,28 @@
+// An xz stream of several blocks, each modelled for what it holds and all compressed side by side.
+#pragma once
+
+#include <QByteArray>
+
+#include <optional>
+#include <span>
+
+namespace zel {
+
+enum class XZContent {
+    Bytes, ///< text, programs, anything
+    Records, ///< rows of eight-byte values
+    Sparse, ///< mostly zeros
+};
+
+struct XZBlock {
+    QByteArrayView data;
+    XZContent content = XZContent::Bytes;
+};
+
+/// Compresses into one stream of plain LZMA2, block after block; any xz reader gives their bytes in a row. A block
+/// knows nothing of the others, so parts that resemble each other belong into one. The outcome does not depend on the
+/// machine. `memory` bounds what the encoders take together: eleven bytes per byte of a block, 700 MiB at most; a
+/// block that needs more by itself gets it. Nothing when memory runs out.
+std::optional<QByteArray> compressXZBlocks(std::span<const XZBlock> blocks, qint64 memory);
+
+} // namespace zel
