@@ -2,6 +2,7 @@
 
 #include "FileTree.h"
 #include "IntegerValue.h"
+#include "PayloadBlocks.h"
 #include "XZ.h"
 
 #include <QJsonArray>
@@ -122,14 +123,15 @@ std::optional<QByteArrayView> PatchFile::slice(const PatchCommand &command) cons
     return QByteArrayView(payload).sliced(command.position, command.length);
 }
 
-std::optional<QByteArray> PatchFile::encode(const std::vector<PatchCommand> &commands, QByteArrayView payload)
+std::optional<QByteArray> PatchFile::encode(const std::vector<PatchCommand> &commands, QByteArrayView payload,
+                                            qint64 memory)
 {
     QJsonArray list;
     for (const PatchCommand &command : commands)
         list.append(command.toJson());
     const QJsonDocument manifest(QJsonObject{{QLatin1String("commands"), list}});
     const std::optional<QByteArray> first = compressXZ(manifest.toJson(QJsonDocument::Compact));
-    const std::optional<QByteArray> second = compressXZ(payload);
+    const std::optional<QByteArray> second = compressXZBlocks(payloadBlocks(commands, payload), memory);
     if (!first || !second)
         return std::nullopt;
     return QByteArray::number(first->size()).leftJustified(HeaderSize, '\0') + *first + *second;
