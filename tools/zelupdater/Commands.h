@@ -15,5 +15,9 @@ QString unreadable(const QString &path);
 /// Shows on a terminal what the patch maker is at.
 void showPatchProgress(const QString &step, qint64 done, qint64 total);
 
+/// --memory, for the commands that make patches, and its value in bytes; wrong usage is reported and gives nothing.
+QCommandLineOption memoryOption();
+std::optional<qint64> memoryBudget(const Arguments &arguments);
+
 /// --signer, for the commands that check seals.
 QCommandLineOption signerOption();

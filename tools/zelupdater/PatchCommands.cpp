@@ -58,7 +58,11 @@ int runMakePatch(const Arguments &arguments)
         if (const QString problem = notABundle(bundle); !problem.isNull())
             return arguments.failed(problem);
     }
+    const std::optional<qint64> memory = memoryBudget(arguments);
+    if (!memory)
+        return WrongUsage;
     PatchMakerOptions options;
+    options.memory = *memory;
     options.allowLostModes = arguments.isSet(QStringLiteral("allow-lost-modes"));
     options.progress = showPatchProgress;
     PatchSummary summary;
@@ -211,6 +215,22 @@ int runInspectPatch(const Arguments &arguments)
 
 } // namespace
 
+QCommandLineOption memoryOption()
+{
+    return {QStringLiteral("memory"),
+            QStringLiteral(
+                "What files may take that are worked on together; half of the machine's unless given."),
+            QStringLiteral("MIB")};
+}
+
+std::optional<qint64> memoryBudget(const Arguments &arguments)
+{
+    if (!arguments.isSet(QStringLiteral("memory")))
+        return halfOfMemory();
+    const auto mebibytes = arguments.number(QStringLiteral("memory"), 1, qint64(1) << 30);
+    return mebibytes ? std::optional(*mebibytes << 20) : std::nullopt;
+}
+
 void showPatchProgress(const QString &step, qint64 done, qint64 total)
 {
     const QString share = total > 0 ? QStringLiteral("%1 % ").arg(100 * done / total) : QString();
@@ -224,7 +244,8 @@ std::vector<Command> patchCommands()
         {word("make-patch"),
          {word("OLD"), word("NEW"), word("PATCH")},
          word("Make the bundle patch that turns one bundle into another, and prove it."),
-         {{word("allow-lost-modes"), word("Make it although new executables lose their executable bit.")}},
+         {{word("allow-lost-modes"), word("Make it although new executables lose their executable bit.")},
+          memoryOption()},
          {},
          runMakePatch},
         {word("apply-patch"),

@@ -1,12 +1,10 @@
 #include "PatchMaker.h"
 
-#include "bsdiff2.h"
 #include "BundleTree.h"
+#include "FileSlices.h"
 #include "FileTree.h"
-#include "MD5FromData.h"
 #include "PatchFile.h"
 #include "PatchPlan.h"
-#include "XZ.h"
 #include "ZELUpdaterApplyPatch.h"
 
 #include <QFile>
@@ -14,13 +12,11 @@
 #include <QTemporaryDir>
 
 #include <filesystem>
-#include <limits>
+#include <unistd.h>
 
 namespace zel {
 
 namespace {
-
-constexpr qint64 DeltaLimit = std::numeric_limits<qint32>::max(); // a suffix array's length is an int
 
 class Maker
 {
@@ -58,12 +54,14 @@ public:
     {
         m_commands = m_plan.removals;
         m_commands.insert(m_commands.end(), m_plan.folders.begin(), m_plan.folders.end());
-        qint64 done = 0;
-        for (const PlannedFile &file : m_plan.files) {
-            report(file.path, done);
-            if (const ZELError error = addFile(file))
-                return error;
-            done += QFileInfo(m_new + u'/' + file.path).size();
+        std::vector<FileSlice> slices;
+        const auto progress = [this](const QString &path, qint64 done) { report(path, done); };
+        if (const ZELError error =
+                makeFileSlices(m_old, m_new, m_plan.files, m_options.memory, progress, slices))
+            return error;
+        for (size_t i = 0; i < slices.size(); ++i) {
+            append(m_plan.files[i].path, slices[i]);
+            slices[i] = {};
         }
         m_commands.insert(m_commands.end(), m_plan.links.begin(), m_plan.links.end());
         m_summary.removed = int(m_plan.removals.size());
@@ -72,7 +70,10 @@ public:
         return {};
     }
 
-    std::optional<QByteArray> encode() const { return PatchFile::encode(m_commands, m_payload); }
+    std::optional<QByteArray> encode() const
+    {
+        return PatchFile::encode(m_commands, m_payload, m_options.memory);
+    }
 
 private:
     std::set<QString> changedFiles(const BundleTree &before, const BundleTree &after)
@@ -92,56 +93,17 @@ private:
         return changed;
     }
 
-    ZELError addFile(const PlannedFile &file)
-    {
-        const QString newFile = m_new + u'/' + file.path;
-        const std::optional<QByteArray> whole = readFile(newFile);
-        if (!whole)
-            return ZELError::withMessage(QLatin1String("cannot read ") + newFile);
-        if (file.transport == Transport::Whole) {
-            append(PatchAction::Add, file.path, *whole);
-            return {};
-        }
-        const auto delta = deltaOf(m_old + u'/' + file.path, newFile);
-        if (!delta && file.transport == Transport::Delta)
-            return ZELError::withMessage(QLatin1String("cannot make a delta of ") + newFile
-                                         + QLatin1String("; an executable cannot travel in another way"));
-        const bool asDelta = delta && (file.transport == Transport::Delta || isSmaller(*delta, *whole));
-        append(asDelta ? PatchAction::Patch : PatchAction::Add, file.path, asDelta ? *delta : *whole);
-        if (asDelta)
-            m_commands.back().hash = MD5FromData(*whole);
-        return {};
-    }
-
-    static std::optional<QByteArray> deltaOf(const QString &oldFile, const QString &newFile)
-    {
-        if (QFileInfo(oldFile).size() >= DeltaLimit || QFileInfo(newFile).size() >= DeltaLimit)
-            return std::nullopt;
-        const auto delta =
-            bsdiff2(QFile::encodeName(oldFile).toStdString(), QFile::encodeName(newFile).toStdString());
-        if (!delta)
-            return std::nullopt;
-        return QByteArray(reinterpret_cast<const char *>(delta->data()), qsizetype(delta->size()));
-    }
-
-    // What counts is the size after compression; a quick one is enough to compare.
-    static bool isSmaller(const QByteArray &delta, const QByteArray &whole)
-    {
-        const auto first = compressXZ(delta, XZEffort::Quick);
-        const auto second = compressXZ(whole, XZEffort::Quick);
-        return first && second && first->size() <= second->size();
-    }
-
-    void append(PatchAction action, const QString &path, const QByteArray &bytes)
+    void append(const QString &path, const FileSlice &slice)
     {
         PatchCommand command;
-        command.action = action;
+        command.action = slice.action;
         command.path = path;
         command.position = m_payload.size();
-        command.length = bytes.size();
+        command.length = slice.bytes.size();
+        command.hash = slice.hash;
         m_commands.push_back(command);
-        m_payload += bytes;
-        ++(action == PatchAction::Add ? m_summary.added : m_summary.patched);
+        m_payload += slice.bytes;
+        ++(slice.action == PatchAction::Add ? m_summary.added : m_summary.patched);
     }
 
     void report(const QString &step, qint64 done) const
@@ -177,6 +139,11 @@ ZELError prove(const QString &oldPath, const QString &newPath, const QString &pa
 }
 
 } // namespace
+
+qint64 halfOfMemory()
+{
+    return qint64(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE) / 2;
+}
 
 ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
                    const PatchMakerOptions &options, PatchSummary &summary)

@@ -10,8 +10,13 @@
 
 namespace zel {
 
+/// Half of the machine's memory, in bytes.
+qint64 halfOfMemory();
+
 struct PatchMakerOptions {
     bool allowLostModes = false; ///< make the patch although executables lose their executable bit by it
+    qint64 memory =
+        halfOfMemory(); ///< bytes that deltas and encoders made at the same time may take together
     std::function<void(const QString &step, qint64 done, qint64 total)> progress; ///< bytes; may be left out
 };
 
@@ -27,8 +32,9 @@ struct PatchSummary {
 
 /// Writes the patch file that turns the bundle `oldPath` into the bundle `newPath`, and proves it: the patch is applied
 /// to a copy and the outcome compared item by item, byte by byte, before the file gets its name. On an error nothing
-/// is left at `patchPath` that was not there before. Peak memory: about that of generating the largest changed file's
-/// delta (nine bytes per old byte, three per new byte), or of compressing the payload.
+/// is left at `patchPath` that was not there before. Works on all processors. Peak memory: `options.memory`, or what the
+/// largest changed file takes by itself if that is more (nine bytes per old byte, three per new byte and 90 MiB), and
+/// the payload besides.
 ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
                    const PatchMakerOptions &options, PatchSummary &summary);
 

@@ -15,7 +15,11 @@ int runRelease(const Arguments &arguments)
 {
     const QString bundle = QDir::cleanPath(QFileInfo(arguments.positional(0)).absoluteFilePath());
     const QString folder = QDir::cleanPath(QFileInfo(arguments.positional(1)).absoluteFilePath());
+    const std::optional<qint64> memory = memoryBudget(arguments);
+    if (!memory)
+        return WrongUsage;
     ReleaseFolder::Options options;
+    options.memory = *memory;
     options.notes = arguments.value(QStringLiteral("notes"));
     options.arch = arguments.value(QStringLiteral("arch"));
     options.beta = arguments.isSet(QStringLiteral("beta"));
@@ -74,7 +78,8 @@ std::vector<Command> publishCommands()
          {{word("notes"), word("The release notes, an HTML file."), word("FILE")},
           {word("beta"), word("Offer the build to beta testers only.")},
           {word("patch-only"), word("Offer the build only to installations that a patch can bring there.")},
-          {word("arch"), word("The processor that the build is for: x86, arm or all."), word("WORD")}},
+          {word("arch"), word("The processor that the build is for: x86, arm or all."), word("WORD")},
+          memoryOption()},
          {},
          runRelease},
         {word("serve"),

@@ -185,6 +185,7 @@ ZELError ReleaseFolder::addPatch(const Build &build, const QJsonObject &earlier,
     if (const ZELError error = unpack(archive, scratch.path(), oldBundle))
         return leftOut(error.message);
     PatchMakerOptions makerOptions;
+    makerOptions.memory = options.memory;
     makerOptions.progress = options.progress;
     PatchSummary summary;
     if (const ZELError error = makePatch(oldBundle, build.bundle, file(name), makerOptions, summary))

@@ -31,6 +31,7 @@ public:
         QString arch; ///< the only architecture word that the build is for; null for any
         bool beta = false;
         bool patchOnly = false; ///< offer the build only to installations that a patch can bring there
+        qint64 memory = 0; ///< bytes that files may take that are worked on together
         std::function<void(const QString &line)> say;
         std::function<void(const QString &step, qint64 done, qint64 total)> progress;
     };

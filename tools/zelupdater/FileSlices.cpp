@@ -1,0 +1,117 @@
+#include "FileSlices.h"
+
+#include "bsdiff2.h"
+#include "FileTree.h"
+#include "MD5Digest.h"
+#include "Parallel.h"
+#include "XZ.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <limits>
+#include <mutex>
+
+namespace zel {
+
+namespace {
+
+constexpr qint64 DeltaLimit = std::numeric_limits<qint32>::max(); // a suffix array's length is an int
+constexpr qint64 TableSize = qint64(90) << 20; // of the tables that speed up generation
+
+class SliceMaker
+{
+public:
+    SliceMaker(const QString &oldBundle, const QString &newBundle, const PlannedFile &file)
+        : m_old(oldBundle + u'/' + file.path)
+        , m_new(newBundle + u'/' + file.path)
+        , m_transport(file.transport)
+    {
+    }
+
+    qint64 newSize() const { return QFileInfo(m_new).size(); }
+
+    /// The memory that `make` takes, in bytes.
+    qint64 cost() const
+    {
+        return m_transport == Transport::Whole ? newSize()
+                                               : 9 * QFileInfo(m_old).size() + 3 * newSize() + TableSize;
+    }
+
+    ZELError make(FileSlice &slice) const
+    {
+        if (m_transport == Transport::Whole)
+            return makeWhole(slice);
+        const bool possible = makeDelta(slice);
+        if (m_transport == Transport::Smaller) {
+            FileSlice whole;
+            if (const ZELError error = makeWhole(whole))
+                return error;
+            if (!possible || estimateXZ(whole.bytes) < estimateXZ(slice.bytes))
+                slice = std::move(whole);
+        } else if (!possible) {
+            return ZELError::withMessage(QLatin1String("cannot make a delta of ") + m_new
+                                         + QLatin1String("; an executable cannot travel in another way"));
+        }
+        return {};
+    }
+
+private:
+    ZELError makeWhole(FileSlice &slice) const
+    {
+        std::optional<QByteArray> bytes = readFile(m_new);
+        if (!bytes)
+            return ZELError::withMessage(QLatin1String("cannot read ") + m_new);
+        slice.bytes = std::move(*bytes);
+        return {};
+    }
+
+    bool makeDelta(FileSlice &slice) const
+    {
+        if (QFileInfo(m_old).size() >= DeltaLimit || newSize() >= DeltaLimit)
+            return false;
+        const auto delta =
+            bsdiff2(QFile::encodeName(m_old).toStdString(), QFile::encodeName(m_new).toStdString());
+        slice.hash = MD5FromFile(m_new);
+        if (!delta || !slice.hash)
+            return false;
+        slice.action = PatchAction::Patch;
+        slice.bytes = QByteArray(reinterpret_cast<const char *>(delta->data()), qsizetype(delta->size()));
+        return true;
+    }
+
+    QString m_old;
+    QString m_new;
+    Transport m_transport;
+};
+
+} // namespace
+
+ZELError makeFileSlices(const QString &oldBundle, const QString &newBundle,
+                        const std::vector<PlannedFile> &files, qint64 memory,
+                        const std::function<void(const QString &path, qint64 done)> &progress,
+                        std::vector<FileSlice> &slices)
+{
+    std::vector<SliceMaker> makers;
+    std::vector<qint64> costs;
+    for (const PlannedFile &file : files) {
+        makers.emplace_back(oldBundle, newBundle, file);
+        costs.push_back(makers.back().cost());
+    }
+    slices.assign(files.size(), {});
+    std::mutex mutex;
+    ZELError first;
+    qint64 done = 0;
+    const auto job = [&](size_t i) {
+        const ZELError error = makers[i].make(slices[i]);
+        const std::lock_guard lock(mutex);
+        if (error && !first)
+            first = error;
+        done += makers[i].newSize();
+        progress(files[i].path, done);
+    };
+    runJobs(costs, job, memory);
+    return first;
+}
+
+} // namespace zel

@@ -1,0 +1,29 @@
+// The contents of files as they travel in a patch's payload.
+#pragma once
+
+#include "PatchFile.h"
+#include "PatchPlan.h"
+#include "ZELError.h"
+
+#include <functional>
+#include <vector>
+
+namespace zel {
+
+/// What one command carries: a whole file, or a delta and the hash of the file that it gives.
+struct FileSlice {
+    PatchAction action = PatchAction::Add;
+    QByteArray bytes;
+    std::optional<QString> hash;
+};
+
+/// Makes the slices of files side by side, one per processor, the costliest first, as long as what they need together
+/// stays within `memory` bytes; a file that needs more is done alone. `progress` hears the path of each file that is
+/// done and how many bytes of new files are done by then, one call at a time, on any thread. Gives the slices in the
+/// order of `files`.
+ZELError makeFileSlices(const QString &oldBundle, const QString &newBundle,
+                        const std::vector<PlannedFile> &files, qint64 memory,
+                        const std::function<void(const QString &path, qint64 done)> &progress,
+                        std::vector<FileSlice> &slices);
+
+} // namespace zel
