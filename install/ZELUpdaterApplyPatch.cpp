@@ -11,6 +11,9 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <algorithm>
+#include <future>
+
 using namespace zel;
 
 namespace {
@@ -27,23 +30,39 @@ bool overlap(const QString &oldPath, const QString &newPath)
     return liesWithin(oldPath, newPath) || liesWithin(newPath, oldPath);
 }
 
-bool copyOldBundle(const QString &oldPath, const QString &newPath, QVariantList &log)
+ZELError makeRoom(const QString &oldPath, const QString &newPath)
 {
-    ZELError error;
-    if (overlap(oldPath, newPath)) {
-        error = ZELError::withMessage(newPath + QLatin1String(" and ") + oldPath
-                                      + QLatin1String(" must not contain each other"));
-    } else {
-        removeTree(newPath);
-        error = copyTree(oldPath, newPath);
-    }
-    if (!error)
-        return true;
+    if (overlap(oldPath, newPath))
+        return ZELError::withMessage(newPath + QLatin1String(" and ") + oldPath
+                                     + QLatin1String(" must not contain each other"));
+    removeTree(newPath);
+    return {};
+}
+
+void appendCopyError(const ZELError &error, const QString &newPath, QVariantList &log)
+{
     const QString description = QLatin1String("Error copying old app: ") + error.message;
     appendEntry(log, description, {{QStringLiteral("path"), newPath}});
     DDLogDebug(description);
-    return false;
 }
+
+/// A patch file that is read and decompressed on a thread of its own, where there can be one.
+class PatchReading
+{
+public:
+    explicit PatchReading(const QString &path)
+        : m_error(std::async([this, path] { return PatchFile::read(path, m_patch); }))
+    {
+    }
+
+    /// Waits; to be called once.
+    ZELError error() { return m_error.get(); }
+    const PatchFile &patch() const { return m_patch; }
+
+private:
+    PatchFile m_patch;
+    std::future<ZELError> m_error;
+};
 
 // Deliberate: nothing uses the folder. It marks in the temporary folder that a patch was applied.
 void makeMarkerFolder()
@@ -51,21 +70,22 @@ void makeMarkerFolder()
     QDir(QDir::tempPath()).mkdir(newUUID());
 }
 
-bool applyPatchFile(const QString &oldPath, const QString &newPath, const QString &patchPath,
-                    QVariantList &log)
+bool performCommands(const QString &oldPath, const QString &newPath, const PatchFile &patch,
+                     QVariantList &log)
 {
-    PatchFile patch;
-    if (const ZELError error = PatchFile::read(patchPath, patch)) {
+    PatchRunner runner(oldPath, newPath, patch, log);
+    return std::ranges::all_of(patch.commands,
+                               [&runner](const PatchCommand &command) { return runner.perform(command); });
+}
+
+bool applyPatchFile(const QString &oldPath, const QString &newPath, PatchReading &reading, QVariantList &log)
+{
+    if (const ZELError error = reading.error()) {
         DDLogDebug(error.message);
         return false;
     }
     makeMarkerFolder();
-    PatchRunner runner(oldPath, newPath, patch, log);
-    for (const PatchCommand &command : patch.commands) {
-        if (!runner.perform(command))
-            return false;
-    }
-    return true;
+    return performCommands(oldPath, newPath, reading.patch(), log);
 }
 
 } // namespace
@@ -84,14 +104,21 @@ bool ZELUpdaterApplyPatch(const QString &oldPath, const QString &newPath, const 
     DDLogDebug(QLatin1String("Old File: ") + oldPath);
     DDLogDebug(QLatin1String("New File: ") + newPath);
     DDLogDebug(QLatin1String("Patch File: ") + patchPath);
+    ZELError error = makeRoom(oldPath, newPath);
+    // Begins here, because a patch that lies at the new path must be gone by now.
+    PatchReading reading(patchPath);
+    if (!error)
+        error = copyTree(oldPath, newPath);
     // Deliberate: a copy that fails ends the log with its own entry, without "Patch failed".
-    if (!copyOldBundle(oldPath, newPath, log))
+    if (error) {
+        appendCopyError(error, newPath, log);
         return false;
+    }
     appendItem(log, "New file", newPath);
     appendEntry(log, QStringLiteral("chmod'ing new file"));
     // Before the commands: what "add" writes keeps its default mode.
     makeExecutableTree(newPath);
-    const bool applied = applyPatchFile(oldPath, newPath, patchPath, log);
+    const bool applied = applyPatchFile(oldPath, newPath, reading, log);
     DDLogDebug(applied ? QStringLiteral("patch succeeded") : QStringLiteral("patch failed"));
     appendEntry(log, applied ? QStringLiteral("Patch succeeded") : QStringLiteral("Patch failed"));
     return applied;
