@@ -63,13 +63,12 @@ private slots:
             "/notes",
             {{.body = "<p id=a>Grüße</p>", .headers = {{"Content-Type", "text/html; charset=utf-8"}}}});
         QVERIFY(loaded([&] { m_page->loadURL(server.url("/notes"), R"({"build":100})"); }));
-        QCOMPARE(text("document.getElementById('a').textContent"), QStringLiteral("Grüße"));
+        QCOMPARE(text("document.getElementById('a').textContent"), "Grüße");
         const TestServer::Request request = server.requests().constFirst();
         QCOMPARE(request.method, "POST");
         QCOMPARE(request.body, R"({"build":100})");
         QCOMPARE(request.headers["user-agent"], "corrand");
-        QCOMPARE(text("getComputedStyle(document.getElementById('a')).webkitUserSelect"),
-                 QStringLiteral("none"));
+        QCOMPARE(text("getComputedStyle(document.getElementById('a')).webkitUserSelect"), "none");
     }
 
     void failureShowsNothing_data()
@@ -122,7 +121,7 @@ private slots:
         QTest::addColumn<QString>("opened");
 
         const QByteArray there = "href='http://example.invalid/there'";
-        const QString away = QStringLiteral("http://example.invalid/there");
+        const QString away = "http://example.invalid/there";
         QTest::newRow("click") << there << "" << Qt::LeftButton << away;
         QTest::newRow("target=_blank") << there + " target=_blank"
                                        << "" << Qt::LeftButton << away;
@@ -155,7 +154,7 @@ private slots:
         if (opened.isEmpty())
             text("1"); // a round trip, after which the click has arrived
         QTRY_COMPARE(m_opened, opened.isEmpty() ? QStringList() : QStringList(opened));
-        QCOMPARE(text("document.getElementById('link').textContent"), QStringLiteral("link"));
+        QCOMPARE(text("document.getElementById('link').textContent"), "link");
         QCOMPARE(QApplication::topLevelWidgets().size(), windows);
     }
 
@@ -177,8 +176,8 @@ private slots:
         QVERIFY(secret.open() && secret.write("<p>secret</p>") > 0 && secret.flush());
         QVERIFY(loaded([&] { m_page->loadHTML("<p>notes</p>"); }));
         const qsizetype windows = QApplication::topLevelWidgets().size();
-        text(script.replace(QLatin1String("FILE"), QUrl::fromLocalFile(secret.fileName()).toString()));
-        QCOMPARE(text("document.body.innerText").trimmed(), QStringLiteral("notes"));
+        text(script.replace("FILE", QUrl::fromLocalFile(secret.fileName()).toString()));
+        QCOMPARE(text("document.body.innerText").trimmed(), "notes");
         QCOMPARE(text("window.frames.length ? (function() { try { return frames[0].document.body.innerText } "
                       "catch (e) { return '' } })() : ''"),
                  QString());
@@ -204,7 +203,7 @@ private:
         std::optional<QString> result;
         webPage().runJavaScript(script, [&](const QVariant &value) { result = value.toString(); });
         [&] { QTRY_VERIFY_WITH_TIMEOUT(result, 30'000); }();
-        return result.value_or(QStringLiteral("no answer"));
+        return result.value_or("no answer");
     }
 
     void click(Qt::MouseButton button)
