@@ -101,7 +101,7 @@ private slots:
                                                       : part->sizeHint().height());
         QCOMPARE(part->geometry(), place);
         if (const auto *label = qobject_cast<QLabel *>(part))
-            QCOMPARE(label->text(), text);
+            QVERIFY(label->text() == text && label->alignment() & Qt::AlignHCenter);
         if (const auto *button = qobject_cast<ZELUpdaterButton *>(part))
             QCOMPARE(button->label(), text);
     }
@@ -160,6 +160,9 @@ private slots:
         QCOMPARE(seen.pixelColor(2, 88), QColor(Qt::red));
         QCOMPARE(seen.pixelColor(173, 88), QColor(Qt::red));
         QVERIFY(seen.pixelColor(88, 60) != QColor(Qt::red));
+        view.setImage(wide.copy(0, 0, 20, 20)); // it is never scaled up
+        QCOMPARE(view.grab().toImage().pixelColor(88, 88), QColor(Qt::red));
+        QVERIFY(view.grab().toImage().pixelColor(60, 88) != QColor(Qt::red));
         view.setImage({});
         QVERIFY(view.grab().toImage().pixelColor(88, 88) != QColor(Qt::red));
     }
