@@ -32,6 +32,7 @@ private slots:
         const TemporaryTree tree;
         tree.write("My App.app/Contents/old", "old");
         tree.write(".My App.app.new/of an earlier attempt", "");
+        tree.write(".My App.app.previous/of an earlier update", "");
         const fs::path installed = tree.path("My App.app").toStdString();
 
         QVERIFY(!swapBundles(fresh, installed));
@@ -51,7 +52,8 @@ private slots:
         tree.write("Installed.app/file", "installed");
         tree.write("Fresh.app/file", "fresh");
         for (const auto &[fresh, installed] :
-             {std::pair("missing.app", "Installed.app"), std::pair("Fresh.app", "elsewhere/Installed.app")}) {
+             {std::pair("missing.app", "Installed.app"), std::pair("Fresh.app", "Missing.app"),
+              std::pair("Fresh.app", "elsewhere/Installed.app")}) {
             QVERIFY(swapBundles(tree.path(fresh).toStdString(), tree.path(installed).toStdString()));
             QCOMPARE(tree.read("Installed.app/file"), "installed");
             QCOMPARE(tree.read("Fresh.app/file"), "fresh");
