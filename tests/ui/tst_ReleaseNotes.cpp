@@ -11,14 +11,6 @@
 #include <QWebEngineProfile>
 #include <QWebEngineView>
 
-#include <array>
-
-namespace {
-
-constexpr std::array Schemes{"http", "https", "mailto", "file", "ftp"};
-
-} // namespace
-
 /// Shows real pages of a real server in the real web engine.
 class ReleaseNotesTest : public QObject
 {
@@ -27,14 +19,8 @@ class ReleaseNotesTest : public QObject
 private slots:
     void initTestCase()
     {
-        for (const char *scheme : Schemes)
+        for (const char *scheme : {"http", "https", "mailto", "file", "ftp"})
             QDesktopServices::setUrlHandler(QString::fromLatin1(scheme), this, "opened");
-    }
-
-    void cleanupTestCase()
-    {
-        for (const char *scheme : Schemes)
-            QDesktopServices::unsetUrlHandler(QString::fromLatin1(scheme));
     }
 
     void init()
