@@ -248,6 +248,7 @@ private slots:
         QCOMPARE(sais(nullptr, SA, 0), -1);
         QCOMPARE(sais(T, nullptr, 2), -1);
         QCOMPARE(sais_int(integers, SA, 2, 0), -1);
+        QCOMPARE(sais_int(nullptr, SA, 2, 2), -1);
         QCOMPARE(sais_bwt(T, nullptr, SA, 2), -1);
         QCOMPARE(sais_bwt(T, U, SA, -1), -1);
         QCOMPARE(sais_bwt(T, U, nullptr, 2), -1);

@@ -220,7 +220,7 @@ private slots:
         for (const bool answer : {false, true}) {
             int asked = 0;
             scene.button->setProcessKeyEvent([&](ZELUpdaterButton *button, QKeyEvent *key) {
-                asked += button == scene.button && key == &event ? 1 : 100;
+                asked += button == scene.button && key == &event ? 1 : 100; // 100: of another event
                 return answer;
             });
             QCOMPARE(scene.button->performKeyEquivalent(&event), answer && isAsked);
