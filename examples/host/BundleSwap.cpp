@@ -89,7 +89,9 @@ std::error_code swapBundles(const fs::path &newBundle, const fs::path &installed
         fs::rename(staged, previous, ignored);
     else if (error == std::errc::invalid_argument || error == std::errc::function_not_supported)
         error = replaceInTwoSteps(staged, installed, previous);
-    if (error)
+    if (error) {
+        fs::rename(staged, newBundle, ignored); // fails for a copy, whose original is still there
         fs::remove_all(staged, ignored);
+    }
     return error;
 }

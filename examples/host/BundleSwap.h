@@ -6,7 +6,7 @@
 
 /// Brings `newBundle` beside `installed` and exchanges the two in one step, so that there is a whole bundle at the
 /// installed path at every moment, also after a crash. The old bundle is kept at `previousBundle(installed)` until
-/// `dropPreviousBundle`. On failure the installed bundle is what it was.
+/// `dropPreviousBundle`. On failure both bundles are what they were.
 std::error_code swapBundles(const std::filesystem::path &newBundle, const std::filesystem::path &installed);
 
 /// Where the old bundle is kept.

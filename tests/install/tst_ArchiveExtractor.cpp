@@ -1,4 +1,5 @@
 #include "ArchiveExtractor.h"
+#include "LogCapture.h"
 #include "TemporaryTree.h"
 #include "ZipMaker.h"
 
@@ -10,28 +11,20 @@ struct Result {
     bool ok = false;
     QString path;
     ZELError error;
+    QStringList log; // of the system
 };
-
-static QStringList systemLines;
-
-static void collect(QtMsgType, const QMessageLogContext &context, const QString &message)
-{
-    if (qstrcmp(context.category, "zel.system") == 0)
-        systemLines.append(message);
-}
 
 static Result extract(const QString &file, const QString &directory, const QString &tool = zel::archiveTool())
 {
     Result result;
-    systemLines.clear();
-    const QtMessageHandler before = qInstallMessageHandler(collect);
+    const LogCapture capture;
     zel::extractArchive(
         file, directory,
         [&](bool ok, const QString &path, const ZELError &error) {
-            result = {result.calls + 1, ok, path, error};
+            result = {result.calls + 1, ok, path, error, {}};
         },
         tool);
-    qInstallMessageHandler(before);
+    result.log = capture.lines("zel.system");
     return result;
 }
 
@@ -53,8 +46,8 @@ private slots:
     void oddPaths_data()
     {
         QTest::addColumn<QString>("name");
-        for (const char *name : {"with space", "'single'", "\"double\"", "$HOME `id`", "a;b&c|d", "(e) <f> *",
-                                 "-x", "\xc3\xa9\xe2\x82\xac", "line\nbreak", "back\\slash", "percent %s %1"})
+        for (const char *name : {"'single' \"double\"", "$HOME `id` (e) <f> *;b&c|d", "-x",
+                                 "\xc3\xa9\xe2\x82\xac \nback\\slash", "percent %s %1"})
             QTest::newRow(name) << QString::fromUtf8(name);
     }
 
@@ -83,24 +76,26 @@ private slots:
         QVERIFY(TemporaryTree::contents(bundle + "/run") == items[1].data);
         QCOMPARE(TemporaryTree::mode(bundle + "/run"), 0755);
         QCOMPARE(TemporaryTree::linkTarget(bundle + "/link"), QByteArray("run"));
-        QCOMPARE(systemLines, QStringList());
+        QCOMPARE(result.log, QStringList());
     }
 
     void bundleChoice_data()
     {
         QTest::addColumn<QByteArrayList>("names");
         QTest::addColumn<QString>("found");
-        QTest::newRow("on top") << QByteArrayList{"A.app/x"} << "A.app";
-        QTest::newRow("nested") << QByteArrayList{"one/two/A.app/x"} << "one/two/A.app";
-        QTest::newRow("outer before inner") << QByteArrayList{"A.app/B.app/x"} << "A.app";
-        QTest::newRow("plain file") << QByteArrayList{"A.app"} << "A.app";
-        QTest::newRow("several dots") << QByteArrayList{"A.1..app/x"} << "A.1..app";
-        QTest::newRow("link") << QByteArrayList{"A.app@x"} << "A.app";
-        QTest::newRow("not through a link") << QByteArrayList{"a/x.app/y", "b@a"} << "a/x.app";
-        QTest::newRow("other case") << QByteArrayList{"A.APP/x", "B.App/x"} << QString();
-        QTest::newRow("only the extension") << QByteArrayList{".app/x"} << QString();
-        QTest::newRow("not at the end") << QByteArrayList{"A.app.old/x", "Bapp/x", "C.app2"} << QString();
-        QTest::newRow("nothing") << QByteArrayList{} << QString();
+        const auto row = [](const char *name, const QByteArrayList &names, const QString &found = {}) {
+            QTest::newRow(name) << names << found;
+        };
+        row("on top", {"A.app/x"}, "A.app");
+        row("nested", {"one/two/A.app/x"}, "one/two/A.app");
+        row("outer before inner", {"A.app/B.app/x"}, "A.app");
+        row("several dots", {"A.1..app/x"}, "A.1..app");
+        row("link", {"A.app@x"}, "A.app");
+        row("not through a link", {"a/x.app/y", "b@a"}, "a/x.app");
+        row("other case", {"A.APP/x", "B.App/x"});
+        row("only the extension", {".app/x"});
+        row("not at the end", {"A.app.old/x", "Bapp/x", "C.app2"});
+        row("nothing", {});
     }
 
     void bundleChoice()
@@ -131,7 +126,7 @@ private slots:
         QVERIFY(!result.ok && result.path.isNull());
         QCOMPARE(result.error.message, "Extraction failed. Invalid termination status - 1");
         QCOMPARE(result.error.domain, "com.corrand.zelupdater");
-        QCOMPARE(systemLines, QStringList{"bad termination status"});
+        QCOMPARE(result.log, QStringList{"bad termination status"});
         QVERIFY(!QFileInfo::exists(tree.path("A.app")));
     }
 
@@ -149,11 +144,9 @@ private slots:
         row("dies early", "head -c 1 >/dev/null; exit 3", status.arg(3), {broken, bad});
         row("reads nothing", "exit 4", status.arg(4), {broken, bad});
         row("fails at the end", "cat >/dev/null; exit 5", status.arg(5), {bad});
-        row("killed", "cat >/dev/null; kill -9 $$", status.arg(9), {bad});
         row("killed while reading", "head -c 300000 >/dev/null; kill -15 $$", status.arg(15), {broken, bad});
         row("closes its input, then waits", "exec <&-; exit 0", "Extraction failed. 0 of 1000000 bytes",
             {broken});
-        row("reads little", "head -c 1 >/dev/null", "Extraction failed. 0 of 1000000 bytes", {broken});
         row("reads one chunk", "dd bs=262144 count=1 iflag=fullblock of=/dev/null 2>/dev/null",
             "Extraction failed. 262144 of 1000000 bytes", {broken});
         row("missing", {}, "Extraction failed. Error launching");
@@ -181,7 +174,7 @@ private slots:
         QCOMPARE(result.error.message, message);
         QCOMPARE(result.ok, message.isEmpty());
         QCOMPARE(result.path, message.isEmpty() ? tree.path("out/A.app") : QString());
-        QCOMPARE(systemLines, log);
+        QCOMPARE(result.log, log);
     }
 
     void notLaunchable()
@@ -209,10 +202,12 @@ private slots:
         const TemporaryTree tree;
         const QString failure = "Failed to read data from archive with error ";
         const QString status = "Extraction failed. Invalid termination status - 1";
-        QCOMPARE(extract(tree.path("missing"), tree.path("out")).error.message, status);
-        QCOMPARE(systemLines[0], failure + "No such file or directory");
-        QCOMPARE(extract(tree.path(), tree.path("out")).error.message, status);
-        QCOMPARE(systemLines[0], failure + "Is a directory");
+        for (const auto &[archive, reason] : {std::pair(tree.path("missing"), "No such file or directory"),
+                                              std::pair(tree.path(), "Is a directory")}) {
+            const Result result = extract(archive, tree.path("out"));
+            QCOMPARE(result.error.message, status);
+            QCOMPARE(result.log.value(0), failure + reason);
+        }
     }
 
     // After all the broken pipes above, the host's signals are as they were.

@@ -24,20 +24,20 @@ private slots:
         for (int i = 0; i < length; i += 7)
             data[i] = char(i);
         const QString expected = length % 32768 == 0
-            ? QLatin1String("")
+            ? ""
             : QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Md5).toHex());
         QCOMPARE(MD5FromData(data), expected);
         QVERIFY(!MD5FromData(data).isNull());
         const TemporaryTree tree;
-        QCOMPARE(zel::MD5FromFile(tree.write(QStringLiteral("f"), data)), std::optional(expected));
+        QCOMPARE(zel::MD5FromFile(tree.write("f", data)), std::optional(expected));
     }
 
-    void unreadableFile() { QCOMPARE(zel::MD5FromFile(QStringLiteral("/nowhere")), std::nullopt); }
+    void unreadableFile() { QCOMPARE(zel::MD5FromFile("/nowhere"), std::nullopt); }
 
     void escape()
     {
-        QCOMPARE(ZELUpdaterEscapeString(QStringLiteral("a (b) & 'c' \"d\" $e \\ ;")),
-                 QStringLiteral("a\\ \\(b\\)\\ \\&\\ 'c'\\ \"d\"\\ $e\\ \\\\ ;"));
+        QCOMPARE(ZELUpdaterEscapeString("a (b) & 'c' \"d\" $e \\ ;"),
+                 "a\\ \\(b\\)\\ \\&\\ 'c'\\ \"d\"\\ $e\\ \\\\ ;");
     }
 };
 

@@ -19,7 +19,6 @@ private slots:
             QVERIFY(!zel::sealBundle(m_tree.path(name), signer.keyFile, signer.certificateFile));
         }
         m_tree.write("Changed.app/Contents/MacOS/app", "other");
-        m_tree.write("Unsealed.app/Contents/MacOS/app", "program");
     }
 
     void bundles_data()
@@ -32,7 +31,6 @@ private slots:
         QTest::newRow("good") << QUrl::fromLocalFile(good) << true;
         QTest::newRow("good, as a folder") << QUrl::fromLocalFile(good + '/') << true;
         QTest::newRow("changed") << QUrl::fromLocalFile(m_tree.path("Changed.app")) << false;
-        QTest::newRow("unsealed") << QUrl::fromLocalFile(m_tree.path("Unsealed.app")) << false;
         QTest::newRow("missing") << QUrl::fromLocalFile(m_tree.path("Missing.app")) << false;
         QTest::newRow("a file") << QUrl::fromLocalFile(good + "/Contents/MacOS/app") << false;
         QTest::newRow("NUL in the path")

@@ -42,26 +42,16 @@ const QByteArray pairMarker = "\xd1"; // a dictionary of one pair
 // A dictionary whose one value is the object with the number 2.
 QByteArrayList topWith(const QByteArrayList &objects)
 {
-    return QByteArrayList{pairMarker + reference(1) + reference(2),
-                          "\x51"
-                          "k"}
-    + objects;
+    return QByteArrayList{pairMarker + reference(1) + reference(2), "Qk"}
+    + objects; // Q: a string of one byte
 }
 
-QByteArray nestedBinary(int depth)
+// Each level holds the next one, or the same one several times.
+QByteArray nestedBinary(int depth, int times = 1)
 {
     QByteArrayList arrays;
     for (int i = 0; i < depth; ++i)
-        arrays.append("\xa1" + reference(i + 3));
-    return binary(topWith(arrays + QByteArrayList{"\x09"}));
-}
-
-// Each level holds the next one twice.
-QByteArray doublingBinary()
-{
-    QByteArrayList arrays;
-    for (int i = 0; i < 30; ++i)
-        arrays.append("\xa2" + reference(i + 3) + reference(i + 3));
+        arrays.append(char(0xa0 + times) + reference(i + 3).repeated(times));
     return binary(topWith(arrays + QByteArrayList{"\x09"}));
 }
 
@@ -88,22 +78,19 @@ private slots:
         QTest::addColumn<QByteArray>("element");
         QTest::addColumn<QVariant>("expected");
 
-        QTest::newRow("string") << QByteArray("<string>a &lt;ö</string>")
-                                << QVariant(QString::fromUtf8("a <ö"));
-        QTest::newRow("empty string") << QByteArray("<string></string>") << QVariant(QString(""));
-        QTest::newRow("integer") << QByteArray("<integer>9007199254740993</integer>")
-                                 << QVariant(qint64(9007199254740993));
-        QTest::newRow("negative") << QByteArray("<integer>-5</integer>") << QVariant(qint64(-5));
-        QTest::newRow("real") << QByteArray("<real>7.25</real>") << QVariant(7.25);
-        QTest::newRow("true") << QByteArray("<true/>") << QVariant(true);
-        QTest::newRow("false") << QByteArray("<false/>") << QVariant(false);
-        QTest::newRow("data") << QByteArray("<data>AAEC</data>") << QVariant(QByteArray("\0\1\2", 3));
-        QTest::newRow("date") << QByteArray("<date>2001-01-02T00:00:01Z</date>")
-                              << QVariant(QDateTime(QDate(2001, 1, 2), QTime(0, 0, 1), Qt::UTC));
-        QTest::newRow("array") << QByteArray("<array><string>a</string><integer>1</integer></array>")
-                               << QVariant(QVariantList{QString("a"), qint64(1)});
-        QTest::newRow("dictionary") << QByteArray("<dict><key>k</key><true/></dict>")
-                                    << QVariant(QVariantMap{{"k", true}});
+        const auto row = [](const char *name, const QByteArray &element, const QVariant &expected) {
+            QTest::newRow(name) << element << expected;
+        };
+        row("string", "<string>a &lt;ö</string>", "a <ö");
+        row("empty string", "<string></string>", "");
+        row("integer", "<integer>9007199254740993</integer>", qint64(9007199254740993));
+        row("negative", "<integer>-5</integer>", qint64(-5));
+        row("real", "<real>7.25</real>", 7.25);
+        row("booleans", "<array><true/><false/></array>", QVariantList{true, false});
+        row("data", "<data>AAEC</data>", QByteArray("\0\1\2", 3));
+        row("date", "<date>2001-01-02T00:00:01Z</date>", QDateTime({2001, 1, 2}, {0, 0, 1}, Qt::UTC));
+        row("array", "<array><string>a</string><integer>1</integer></array>", QVariantList{"a", qint64(1)});
+        row("dictionary", "<dict><key>k</key><true/></dict>", QVariantMap{{"k", true}});
     }
 
     void values()
@@ -135,7 +122,7 @@ private slots:
             << xml("<dict><key>k</key>" + QByteArray("<array>").repeated(500'000)
                    + QByteArray("</array>").repeated(500'000) + "</dict>");
         QTest::newRow("binary, nested to exhaust the stack") << nestedBinary(60'000);
-        QTest::newRow("binary, doubling at each level") << doublingBinary();
+        QTest::newRow("binary, doubling at each level") << nestedBinary(30, 2);
         QTest::newRow("binary, cyclic") << cyclicBinary();
         QTest::newRow("binary, one long string very often") << repeatingBinary();
         QTest::newRow("binary, reference to no object") << binary(topWith({}));
@@ -161,9 +148,7 @@ private slots:
     void damagedLists()
     {
         const QByteArrayList lists{build("<string>7001</string>"),
-                                   binary(topWith({"\xa2" + reference(3) + reference(4),
-                                                   "\x51"
-                                                   "a",
+                                   binary(topWith({"\xa2" + reference(3) + reference(4), "Qa",
                                                    QByteArray("\x5f\x10\x11"
                                                               "12345678901234567",
                                                               20)}))};
@@ -186,17 +171,17 @@ private slots:
         QTest::addColumn<QByteArray>("bytes");
         QTest::addColumn<qint64>("expected");
 
-        QTest::newRow("text") << "Contents/Info.plist" << build("<string>7001</string>") << qint64(7001);
-        QTest::newRow("number") << "Contents/Info.plist" << build("<integer>7001</integer>") << qint64(7001);
-        QTest::newRow("text with dots")
-            << "Contents/Info.plist" << build("<string>70.1</string>") << qint64(70);
-        QTest::newRow("no Contents") << "Info.plist" << build("<string>7001</string>") << qint64(7001);
-        QTest::newRow("no key") << "Info.plist" << xml("<dict/>") << qint64(0);
-        QTest::newRow("array for a value") << "Info.plist" << build("<array/>") << qint64(0);
-        QTest::newRow("garbage") << "Contents/Info.plist" << QByteArray("garbage") << qint64(0);
-        QTest::newRow("too large") << "Info.plist" << build("<string>1</string>") + QByteArray(4 << 20, ' ')
-                                   << qint64(0);
-        QTest::newRow("no plist") << "" << QByteArray() << qint64(0);
+        const auto row = [](const char *name, const char *file, const QByteArray &bytes, qint64 expected) {
+            QTest::newRow(name) << file << bytes << expected;
+        };
+        row("text", "Contents/Info.plist", build("<string>7001</string>"), 7001);
+        row("number", "Contents/Info.plist", build("<integer>7001</integer>"), 7001);
+        row("no Contents", "Info.plist", build("<string>70.1</string>"), 70);
+        row("no key", "Info.plist", xml("<dict/>"), 0);
+        row("array for a value", "Info.plist", build("<array/>"), 0);
+        row("garbage", "Contents/Info.plist", "garbage", 0);
+        row("too large", "Info.plist", build("<string>1</string>") + QByteArray(4 << 20, ' '), 0);
+        row("no plist", "", {}, 0);
     }
 
     void builds()

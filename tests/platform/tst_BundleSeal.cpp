@@ -11,10 +11,10 @@
 
 namespace {
 
-const QString app = QStringLiteral("App.app/");
-const QString list = QStringLiteral("App.app/Contents/_CodeSignature/CodeResources");
-const QString signature = QStringLiteral("App.app/Contents/_CodeSignature/CodeSignature");
-const QString nested = QStringLiteral("App.app/Contents/Frameworks/Lib.framework/Versions/A");
+const QString app = "App.app/";
+const QString list = "App.app/Contents/_CodeSignature/CodeResources";
+const QString signature = "App.app/Contents/_CodeSignature/CodeSignature";
+const QString nested = "App.app/Contents/Frameworks/Lib.framework/Versions/A";
 
 using Change = std::function<void(const TemporaryTree &)>;
 
@@ -24,16 +24,33 @@ void remove(const QString &path)
         qFatal("cannot remove %s", qPrintable(path));
 }
 
-void move(const QString &from, const QString &to)
+Change removed(const QString &path)
 {
-    if (!QFile::rename(from, to))
-        qFatal("cannot move %s", qPrintable(from));
+    return [=](const TemporaryTree &tree) { remove(tree.path(path)); };
 }
 
-void pipe(const QString &path)
+Change written(const QString &path, const QByteArray &bytes)
 {
-    if (::mkfifo(QFile::encodeName(path).constData(), 0600) != 0)
-        qFatal("cannot make %s", qPrintable(path));
+    return [=](const TemporaryTree &tree) { tree.write(path, bytes); };
+}
+
+Change madePipe(const QString &path)
+{
+    return [=](const TemporaryTree &tree) {
+        QFile::remove(tree.path(path));
+        if (::mkfifo(QFile::encodeName(tree.path(path)).constData(), 0600) != 0)
+            qFatal("cannot make %s", qPrintable(path));
+    };
+}
+
+// What stood at the path is behind a link then.
+Change madeLink(const QString &path, const QString &place = "outside")
+{
+    return [=](const TemporaryTree &tree) {
+        if (!QFile::rename(tree.path(path), tree.path(place)))
+            qFatal("cannot move %s", qPrintable(path));
+        tree.link(path, QDir(QFileInfo(tree.path(path)).path()).relativeFilePath(tree.path(place)));
+    };
 }
 
 // A name that is not UTF-8, which Qt can neither make nor remove.
@@ -74,55 +91,43 @@ QByteArray digestOf(const QByteArray &bytes)
     return "<data>" + QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toBase64() + "</data>";
 }
 
+using Bio = std::unique_ptr<BIO, decltype(&BIO_free)>;
+
+Bio opened(const QString &file)
+{
+    return {BIO_new_file(qPrintable(file), "r"), BIO_free};
+}
+
 /// Keys and certificates straight from their files, to make signatures of every shape.
 struct Party {
     explicit Party(const TestCertificate &files)
+        : key(PEM_read_bio_PrivateKey(opened(files.keyFile).get(), nullptr, nullptr, nullptr), EVP_PKEY_free)
+        , certificate(PEM_read_bio_X509(opened(files.certificateFile).get(), nullptr, nullptr, nullptr),
+                      X509_free)
     {
-        const std::unique_ptr<BIO, decltype(&BIO_free)> keyFile(BIO_new_file(qPrintable(files.keyFile), "r"),
-                                                                BIO_free);
-        const std::unique_ptr<BIO, decltype(&BIO_free)> certificateFile(
-            BIO_new_file(qPrintable(files.certificateFile), "r"), BIO_free);
-        key.reset(PEM_read_bio_PrivateKey(keyFile.get(), nullptr, nullptr, nullptr));
-        certificate.reset(PEM_read_bio_X509(certificateFile.get(), nullptr, nullptr, nullptr));
     }
 
-    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key{nullptr, EVP_PKEY_free};
-    std::unique_ptr<X509, decltype(&X509_free)> certificate{nullptr, X509_free};
+    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key;
+    std::unique_ptr<X509, decltype(&X509_free)> certificate;
 };
-
-using Cms = std::unique_ptr<CMS_ContentInfo, decltype(&CMS_ContentInfo_free)>;
-
-QByteArray der(const Cms &cms)
-{
-    unsigned char *bytes = nullptr;
-    const int size = i2d_CMS_ContentInfo(cms.get(), &bytes);
-    const QByteArray result(reinterpret_cast<const char *>(bytes), size);
-    OPENSSL_free(bytes);
-    return result;
-}
 
 QByteArray cmsOver(const QByteArray &content, const std::vector<const Party *> &parties, unsigned int flags,
                    const EVP_MD *digest = EVP_sha256())
 {
-    const std::unique_ptr<BIO, decltype(&BIO_free)> data(BIO_new_mem_buf(content.constData(), content.size()),
-                                                         BIO_free);
+    const Bio data(BIO_new_mem_buf(content.constData(), content.size()), BIO_free);
     flags |= CMS_BINARY | CMS_PARTIAL;
-    const Cms cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags), CMS_ContentInfo_free);
+    const std::unique_ptr<CMS_ContentInfo, decltype(&CMS_ContentInfo_free)> cms(
+        CMS_sign(nullptr, nullptr, nullptr, nullptr, flags), CMS_ContentInfo_free);
     for (const Party *party : parties)
         CMS_add1_signer(cms.get(), party->certificate.get(), party->key.get(), digest, flags);
     if (CMS_final(cms.get(), data.get(), nullptr, flags) != 1
         && !parties.empty()) // it takes offence at nobody
         qFatal("cannot sign");
-    return der(cms);
-}
-
-QByteArray digestOnlyCms(const QByteArray &content)
-{
-    const std::unique_ptr<BIO, decltype(&BIO_free)> data(BIO_new_mem_buf(content.constData(), content.size()),
-                                                         BIO_free);
-    const Cms cms(CMS_digest_create(data.get(), EVP_sha256(), CMS_DETACHED | CMS_BINARY),
-                  CMS_ContentInfo_free);
-    return der(cms);
+    unsigned char *bytes = nullptr;
+    const int size = i2d_CMS_ContentInfo(cms.get(), &bytes);
+    const QByteArray result(reinterpret_cast<const char *>(bytes), size);
+    OPENSSL_free(bytes);
+    return result;
 }
 
 } // namespace
@@ -170,23 +175,25 @@ class tst_BundleSeal : public QObject
         return result;
     }
 
+    // A seal around any list, whatever it says.
+    void writeSeal(const TemporaryTree &tree, const QString &folder, const QByteArray &bytes) const
+    {
+        tree.write(folder + "CodeResources", bytes);
+        tree.write(folder + "CodeSignature", signedBy(m_signer, bytes));
+    }
+
 private slots:
     void namesAreSealed_data()
     {
         QTest::addColumn<QString>("name");
 
-        QTest::newRow("plain") << "file";
         QTest::newRow("markup") << "a<key>&amp;\"'>]]>.txt";
-        QTest::newRow("newline") << "a\nb";
-        QTest::newRow("carriage return") << "Icon\r";
-        QTest::newRow("tab") << "\ta\t";
+        QTest::newRow("white space") << "\ta\nb\r";
         QTest::newRow("blanks around") << "  a  ";
-        QTest::newRow("beyond ASCII") << QString::fromUtf8("Grüße 🎉");
-        QTest::newRow("composed") << QString::fromUtf8("u\u0308");
+        QTest::newRow("beyond ASCII") << QString::fromUtf8("Grüße u\u0308 🎉");
         QTest::newRow("beside the seal") << "Contents/_CodeSignature/notes";
         QTest::newRow("seal's name elsewhere") << "Contents/Resources/CodeResources";
         QTest::newRow("beside Contents") << "_CodeSignature/CodeResources";
-        QTest::newRow("beside Contents further down") << "Inner/_CodeSignature/CodeResources";
     }
 
     void namesAreSealed()
@@ -194,7 +201,6 @@ private slots:
         QFETCH(QString, name);
         const TemporaryTree tree;
         writeBundle(tree);
-        tree.directory(app + "Inner/Contents");
         tree.write(app + name, "content");
         tree.link(app + "links/" + name + " link", "x/" + name);
         QCOMPARE(seal(tree.path("App.app")).message, QString());
@@ -228,70 +234,36 @@ private slots:
         row("mode", "", [](auto &t) { ::chmod(qPrintable(t.path(app + "Contents/Info.plist")), 0755); });
         row("empty folder added", "", [](auto &t) { t.directory(app + "Contents/PlugIns"); });
         row("byte", "Contents/MacOS/app was changed",
-            [](auto &t) { t.write(app + "Contents/MacOS/app", QByteArray(999'999, 'a') + 'b'); });
-        row("length", "Contents/Info.plist was changed",
-            [](auto &t) { t.write(app + "Contents/Info.plist", "<plist/>\n"); });
-        row("file added", "Contents/Resources/new is not sealed",
-            [](auto &t) { t.write(app + "Contents/Resources/new", ""); });
-        row("file beside Contents", "new is not sealed", [](auto &t) { t.write(app + "new", ""); });
+            written(app + "Contents/MacOS/app", QByteArray(999'999, 'a') + 'b'));
+        row("file beside Contents", "new is not sealed", written(app + "new", ""));
         row("file beside the seal", "_CodeSignature/new is not sealed",
-            [](auto &t) { t.write(app + "Contents/_CodeSignature/new", ""); });
+            written(app + "Contents/_CodeSignature/new", ""));
         row("name not UTF-8", "is not sealed", makeStrangeLink);
         row("line break in a message", QString::fromUtf8("a\ufffdb is not sealed"),
-            [](auto &t) { t.write(app + "a\nb", ""); });
-        row("file removed", "Contents/Resources/empty is missing",
-            [](auto &t) { remove(t.path(app + "Contents/Resources/empty")); });
-        row("file moved", "is missing",
-            [](auto &t) { move(t.path(app + "Contents/Info.plist"), t.path(app + "Info.plist")); });
-        row("pipe added", "neither a file", [](auto &t) { pipe(t.path(app + "pipe")); });
+            written(app + "a\nb", ""));
+        row("file removed", "Contents/Resources/empty is missing", removed(app + "Contents/Resources/empty"));
+        row("pipe added", "neither a file", madePipe(app + "pipe"));
         row("link retargeted", "Contents/Resources/program points elsewhere", [link](auto &t) {
             remove(t.path(link));
             t.link(link, "../MacOS/other");
         });
-        row("link removed", "Contents/Resources/program is missing",
-            [link](auto &t) { remove(t.path(link)); });
-        row("link added", "new is not sealed", [](auto &t) { t.link(app + "new", "Contents"); });
+        row("link removed", "Contents/Resources/program is missing", removed(link));
         row("link made the file that it points at", "is not sealed", [link](auto &t) {
             remove(t.path(link));
             t.write(link, t.read(app + "Contents/MacOS/app"));
         });
-        row("file made a link to its equal", "Contents/Info.plist is missing", [](auto &t) {
-            move(t.path(app + "Contents/Info.plist"), t.path("outside"));
-            t.link(app + "Contents/Info.plist", t.path("outside"));
-        });
-        row("folder made a link to its equal", "Contents/MacOS/app is missing", [](auto &t) {
-            move(t.path(app + "Contents/MacOS"), t.path("outside"));
-            t.link(app + "Contents/MacOS", t.path("outside"));
-        });
-        row("Contents made a link", "cannot read", [](auto &t) {
-            move(t.path(app + "Contents"), t.path("outside"));
-            t.link(app + "Contents", "../outside");
-        });
-        row("no list", "cannot read", [](auto &t) { remove(t.path(list)); });
-        row("no signature", "cannot read", [](auto &t) { remove(t.path(signature)); });
-        row("no seal", "cannot read",
-            [](auto &t) { QDir(t.path(app + "Contents/_CodeSignature")).removeRecursively(); });
+        row("file made a link to its equal", "Contents/Info.plist is missing",
+            madeLink(app + "Contents/Info.plist"));
+        row("folder made a link to its equal", "Contents/MacOS/app is missing",
+            madeLink(app + "Contents/MacOS"));
+        row("Contents made a link", "cannot read", madeLink(app + "Contents"));
+        row("no list", "cannot read", removed(list));
         row("list a byte longer", "does not verify", [](auto &t) { t.write(list, t.read(list) + ' '); });
-        row("list a byte shorter", "does not verify",
-            [](auto &t) { t.write(list, t.read(list).chopped(1)); });
         row("list of huge size", "too large", [](auto &t) { QFile::resize(t.path(list), 1ll << 40); });
-        row("signature of huge size", "too large",
-            [](auto &t) { QFile::resize(t.path(signature), 1ll << 40); });
-        row("empty signature", "malformed", [](auto &t) { t.write(signature, ""); });
-        row("cut signature", "malformed", [](auto &t) { t.write(signature, t.read(signature).chopped(1)); });
         row("longer signature", "malformed", [](auto &t) { t.write(signature, t.read(signature) + '\0'); });
-        row("signature is a pipe", "is no file", [](auto &t) {
-            remove(t.path(signature));
-            pipe(t.path(signature));
-        });
-        row("signature is a link", "cannot read", [](auto &t) {
-            move(t.path(signature), t.path("outside"));
-            t.link(signature, t.path("outside"));
-        });
-        row("seal folder is a link", "cannot read", [](auto &t) {
-            move(t.path(app + "Contents/_CodeSignature"), t.path("outside"));
-            t.link(app + "Contents/_CodeSignature", t.path("outside"));
-        });
+        row("signature is a pipe", "is no file", madePipe(signature));
+        row("signature is a link", "cannot read", madeLink(signature));
+        row("seal folder is a link", "cannot read", madeLink(app + "Contents/_CodeSignature"));
     }
 
     void tampering()
@@ -314,15 +286,11 @@ private slots:
         QTest::addColumn<Change>("change");
 
         const QString seal = nested + "/_CodeSignature";
-        QTest::newRow("file changed") << Change([](auto &t) { t.write(nested + "/Lib", "changed"); });
-        QTest::newRow("file added") << Change([](auto &t) { t.write(nested + "/new", ""); });
-        QTest::newRow("half a seal") << Change([seal](auto &t) { remove(t.path(seal + "/CodeSignature")); });
-        QTest::newRow("seal folder is a link") << Change([seal](auto &t) {
-            move(t.path(seal), t.path(nested + "/moved"));
-            t.link(seal, "moved");
-        });
-        QTest::newRow("bundle in it, in Contents") << Change(
-            [](auto &t) { t.write(app + "Inner.app/Contents/_CodeSignature/CodeSignature", "garbage"); });
+        QTest::newRow("file added") << written(nested + "/new", "");
+        QTest::newRow("half a seal") << removed(seal + "/CodeSignature");
+        QTest::newRow("seal folder is a link") << madeLink(seal, nested + "/moved");
+        QTest::newRow("bundle in it, in Contents")
+            << written(app + "Inner.app/Contents/_CodeSignature/CodeSignature", "garbage");
     }
 
     void brokenNestedBundles()
@@ -335,9 +303,7 @@ private slots:
         QVERIFY(seal(tree.path("App.app")).message.contains("the nested bundle"));
         QCOMPARE(identity(tree.path(list)), before);
 
-        QByteArray resources = listOfWhatIsIn(tree);
-        tree.write(list, resources);
-        tree.write(signature, signedBy(m_signer, resources));
+        writeSeal(tree, app + "Contents/_CodeSignature/", listOfWhatIsIn(tree));
         const QString message = zel::verifySeal(tree.path("App.app")).message;
         QVERIFY2(message.contains("the nested bundle"), qPrintable(message));
     }
@@ -356,27 +322,20 @@ private slots:
         const auto row = [this](const char *name, const QString &message, const Change &change) {
             QTest::newRow(name) << change << m_signer.keyFile << m_signer.certificateFile << message;
         };
-        QTest::newRow("key of another")
-            << nothing << m_other.keyFile << m_signer.certificateFile << "is not the certificate of the key";
-        QTest::newRow("no key") << nothing << "/missing" << m_signer.certificateFile
-                                << "cannot read /missing";
-        QTest::newRow("key with a passphrase")
-            << nothing << encrypted << m_signer.certificateFile << "passphrase";
-        QTest::newRow("certificate for a key")
-            << nothing << m_signer.certificateFile << m_signer.certificateFile << "no private key";
+        const auto withKey = [&](const char *name, const QString &message, const QString &key) {
+            QTest::newRow(name) << nothing << key << m_signer.certificateFile << message;
+        };
+        withKey("key of another", "is not the certificate of the key", m_other.keyFile);
+        withKey("no key", "cannot read /missing", "/missing");
+        withKey("key with a passphrase", "passphrase", encrypted);
         QTest::newRow("key for a certificate")
             << nothing << m_signer.keyFile << m_signer.keyFile << "no certificate";
-        row("control character", "cannot be sealed", [](auto &t) { t.write(app + "a\x01", ""); });
+        row("control character", "cannot be sealed", written(app + "a\x01", ""));
         row("control character in a target", "cannot be sealed", [](auto &t) { t.link(app + "a", "b\x1b"); });
         row("not UTF-8", "cannot be sealed", makeStrangeLink);
-        row("pipe", "neither a file", [](auto &t) { pipe(t.path(app + "pipe")); });
         row("absolute link", "leads out", [](auto &t) { t.link(app + "a", "/etc/passwd"); });
-        row("climbing link", "leads out", [](auto &t) { t.link(app + "Contents/a", "../../other"); });
         row("deep folders", "too deeply", [](auto &t) { t.directory(app + QString("d/").repeated(200)); });
-        row("list is a link", "CodeResources is a link", [](auto &t) {
-            move(t.path(list), t.path(app + "Contents/moved"));
-            t.link(list, "../moved");
-        });
+        row("list is a link", "CodeResources is a link", madeLink(list, app + "Contents/moved"));
         row("signature is a folder", "CodeSignature", [](auto &t) {
             remove(t.path(signature));
             t.directory(signature);
@@ -406,29 +365,26 @@ private slots:
         QTest::addColumn<QByteArray>("bytes");
         QTest::addColumn<QString>("message"); // part of it; empty where the list is valid
 
+        const auto malformed = [](const char *name, const QByteArray &bytes) {
+            QTest::newRow(name) << bytes << "malformed";
+        };
         const QByteArray good = entry("a", digestOf("a"));
         QTest::newRow("good") << listOf(good) << "";
-        QTest::newRow("absolute path")
-            << listOf(good + entry("/etc/passwd", digestOf("x"))) << "/etc/passwd is missing";
         QTest::newRow("path that climbs")
             << listOf(good + entry("../outside", digestOf("outside"))) << "../outside is missing";
         QTest::newRow("path by another way") << listOf(entry("./a", digestOf("a"))) << "./a is missing";
-        QTest::newRow("key twice") << listOf(entry("a", digestOf("x")) + good) << "malformed";
-        QTest::newRow("dictionary twice")
-            << listOf(good + "</dict><key>files</key><dict>" + good) << "malformed";
-        QTest::newRow("other version") << listOf(good).replace("<integer>1", "<integer>2") << "malformed";
-        QTest::newRow("unknown key") << listOf(good + "</dict><key>rules</key><dict>") << "malformed";
-        QTest::newRow("no links") << listOf(good).replace("<key>links</key><dict></dict>", "") << "malformed";
-        QTest::newRow("array for a dictionary")
-            << listOf(good).replace("<dict></dict>", "<array></array>") << "malformed";
-        QTest::newRow("string for a digest") << listOf(entry("a", "<string>a</string>")) << "malformed";
-        QTest::newRow("short digest") << listOf(entry("a", "<data>AAEC</data>")) << "malformed";
-        QTest::newRow("data for a target") << listOf(good, entry("b", digestOf("x"))) << "malformed";
-        QTest::newRow("array for a target") << listOf(good, entry("b", "<array/>")) << "malformed";
-        QTest::newRow("nested to exhaust the stack")
-            << listOf(entry("a", QByteArray("<array>").repeated(1'000'000))) << "malformed";
-        QTest::newRow("not XML") << QByteArray("bplist00") << "malformed";
-        QTest::newRow("empty") << QByteArray() << "malformed";
+        malformed("key twice", listOf(entry("a", digestOf("x")) + good));
+        malformed("dictionary twice", listOf(good + "</dict><key>files</key><dict>" + good));
+        malformed("other version", listOf(good).replace("<integer>1", "<integer>2"));
+        malformed("unknown key", listOf(good + "</dict><key>rules</key><dict>"));
+        malformed("no links", listOf(good).replace("<key>links</key><dict></dict>", ""));
+        malformed("array for a dictionary", listOf(good).replace("<dict></dict>", "<array></array>"));
+        malformed("string for a digest", listOf(entry("a", "<string>a</string>")));
+        malformed("short digest", listOf(entry("a", "<data>AAEC</data>")));
+        malformed("data for a target", listOf(good, entry("b", digestOf("x"))));
+        malformed("nested to exhaust the stack",
+                  listOf(entry("a", QByteArray("<array>").repeated(1'000'000))));
+        malformed("not XML", "bplist00");
     }
 
     void hostileLists()
@@ -438,8 +394,7 @@ private slots:
         const TemporaryTree tree;
         tree.write("outside", "outside");
         tree.write("App.app/a", "a");
-        tree.write("App.app/_CodeSignature/CodeResources", bytes);
-        tree.write("App.app/_CodeSignature/CodeSignature", signedBy(m_signer, bytes));
+        writeSeal(tree, app + "_CodeSignature/", bytes);
         const ZELError error = zel::verifySeal(tree.path("App.app"));
         QCOMPARE(bool(error), !message.isEmpty());
         QVERIFY2(error.message.contains(message), qPrintable(error.message));
@@ -448,10 +403,8 @@ private slots:
     void sealedLinkThatLeadsOut()
     {
         const TemporaryTree tree;
-        const QByteArray bytes = listOf({}, entry("up", "<string>../outside</string>"));
         tree.link("App.app/up", "../outside");
-        tree.write("App.app/_CodeSignature/CodeResources", bytes);
-        tree.write("App.app/_CodeSignature/CodeSignature", signedBy(m_signer, bytes));
+        writeSeal(tree, app + "_CodeSignature/", listOf({}, entry("up", "<string>../outside</string>")));
         QVERIFY(zel::verifySeal(tree.path("App.app")).message.contains("up is a link that leads out"));
     }
 
@@ -465,24 +418,18 @@ private slots:
         const Party other(m_other);
         const QByteArray own = signedBy(m_signer, content);
         QByteArray twoWithOneBroken = cmsOver(content, {&signer, &other}, CMS_DETACHED);
-        twoWithOneBroken.data()[twoWithOneBroken.size() - 1] ^=
-            1; // the signature value of one ends the structure
+        twoWithOneBroken.back() ^= 1; // the signature value of one ends the structure
 
         QTest::newRow("own") << own << "";
         QTest::newRow("two signers") << cmsOver(content, {&signer, &other}, CMS_DETACHED) << "";
         QTest::newRow("without signed attributes")
             << cmsOver(content, {&signer}, CMS_DETACHED | CMS_NOATTR) << "";
         QTest::newRow("two signers, one broken") << twoWithOneBroken << "does not verify";
-        QTest::newRow("over other content")
-            << cmsOver("contenT", {&signer}, CMS_DETACHED) << "does not verify";
         QTest::newRow("content inside") << cmsOver(content, {&signer}, 0) << "not detached";
-        QTest::newRow("other content inside") << cmsOver("contenT", {&signer}, 0) << "not detached";
         QTest::newRow("no signer") << cmsOver(content, {}, CMS_DETACHED) << "no signer";
         QTest::newRow("no certificate")
             << cmsOver(content, {&signer}, CMS_DETACHED | CMS_NOCERTS) << "does not verify";
         QTest::newRow("SHA-1") << cmsOver(content, {&signer}, CMS_DETACHED, EVP_sha1()) << "not SHA-2";
-        QTest::newRow("digest alone") << digestOnlyCms(content) << "no signer";
-        QTest::newRow("PEM") << TemporaryTree::contents(m_signer.certificateFile) << "malformed";
     }
 
     void signatures()
@@ -501,8 +448,7 @@ private slots:
             QVERIFY(zel::verifySignature("content", good.left(i)));
             QByteArray damaged = good;
             damaged[i] = char(damaged[i] ^ 0x55);
-            zel::verifySignature("content",
-                                 damaged); // some bytes do not count, such as the certificate's dates
+            zel::verifySignature("content", damaged); // some bytes do not count, as the certificate's dates
         }
     }
 
@@ -513,7 +459,6 @@ private slots:
 
         QString bare = m_signer.fingerprint.toLower();
         bare.remove(':');
-        QTest::newRow("anyone") << QStringList() << true;
         QTest::newRow("as printed") << QStringList{m_signer.fingerprint} << true;
         QTest::newRow("bare, lower case") << QStringList{bare} << true;
         QTest::newRow("one of two") << QStringList{m_other.fingerprint, m_signer.fingerprint} << true;
@@ -536,14 +481,11 @@ private slots:
         QTest::addColumn<QString>("links"); // "path>target", with blanks between
         QTest::addColumn<bool>("accepted");
 
-        QTest::newRow("beside") << "a>b" << true;
         QTest::newRow("up and down") << "d/e/a>../../b" << true;
         QTest::newRow("the bundle itself") << "d/a>.." << true;
         QTest::newRow("empty names") << "d/a>.//b/./" << true;
         QTest::newRow("absolute") << "a>/" << false;
         QTest::newRow("one up") << "a>.." << false;
-        QTest::newRow("up and back in") << "d/a>../../App.app/b" << false;
-        QTest::newRow("down and up") << "a>d/../.." << false;
         QTest::newRow("through a link that goes up") << "d/e/up>../.. a>d/e/up/.." << false;
         QTest::newRow("through a link that goes down") << "x>d/e a>x/../.." << true;
         QTest::newRow("through a link that goes down, out") << "x>d/e a>x/../../.." << false;

@@ -1,4 +1,5 @@
 #include "TemporaryTree.h"
+#include "TestCertificate.h"
 #include "TestServer.h"
 #include "URLSession.h"
 
@@ -117,20 +118,6 @@ void waitForBytes(URLSessionTask &task, qint64 count)
     arrived->get_future().wait();
 }
 
-QSslConfiguration makeCertificate(const TemporaryTree &tree)
-{
-    QProcess openssl;
-    openssl.start("openssl",
-                  {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", tree.path("key.pem"), "-out",
-                   tree.path("cert.pem"), "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
-                   "subjectAltName=IP:127.0.0.1"});
-    openssl.waitForFinished();
-    QSslConfiguration configuration;
-    configuration.setPrivateKey(QSslKey(tree.read("key.pem"), QSsl::Rsa));
-    configuration.setLocalCertificate(QSslCertificate(tree.read("cert.pem")));
-    return configuration;
-}
-
 // What the child process of `applicationEnds` does: leaves with tasks running and says how they ended.
 void leaveWithRunningTasks(int argc, char *argv[])
 {
@@ -149,7 +136,7 @@ void leaveWithRunningTasks(int argc, char *argv[])
     download->resume();
     waitForBytes(*data, 3);
     waitForBytes(*download, 3);
-    if (way == QLatin1String("exit"))
+    if (way == "exit")
         exit(0);
 }
 
@@ -185,10 +172,7 @@ private slots:
         };
         row("length", {{.body = text}}, text);
         row("chunked", {{.body = text, .framing = Framing::Chunked}}, text);
-        row("until the connection ends", {{.body = text, .framing = Framing::Close}}, text);
-        row("empty", {{.body = ""}}, "");
         row("no content", {{.status = 204, .framing = Framing::Close}}, "");
-        row("large", {{.body = large}}, large);
         row("large, chunked", {{.body = large, .framing = Framing::Chunked}}, large);
         row("large, until the end", {{.body = large, .framing = Framing::Close}}, large);
         row("overflowing length",
@@ -196,11 +180,10 @@ private slots:
               .headers = {{"Content-Length", "99999999999999999999"}},
               .framing = Framing::Close}},
             text);
-        for (int status : {300, 400, 401, 404, 407, 418, 500, 599})
+        for (int status : {300, 401, 404, 407, 599})
             row(qPrintable(QString::number(status)), {{.status = status, .body = text}}, text);
         row("redirection to nowhere", {{.status = 302, .body = text}}, text);
         row("redirection", {Answer::redirect("/file?again"), {.body = text}}, text);
-        row("redirection to a 404", {Answer::redirect("/missing", 308)}, "nothing here");
 
         const auto fails = [](const char *name, const Answer &answer) {
             QTest::newRow(name) << Answers{answer} << false << QByteArray();
@@ -208,11 +191,9 @@ private slots:
         fails("negative length",
               {.body = text, .headers = {{"Content-Length", "-6"}}, .framing = Framing::Close});
         fails("dropped before the answer", {.dropAt = TestServer::BeforeHead});
-        fails("dropped after the head", {.body = text, .dropAt = 0});
         fails("dropped in the body", {.body = large, .dropAt = 1'000'000});
         fails("dropped in a chunked body", {.body = large, .framing = Framing::Chunked, .dropAt = 1'000'000});
         fails("dropped before the last chunk", {.body = text, .framing = Framing::Chunked, .dropAt = 6});
-        fails("dropped in a 404", {.status = 404, .body = text, .dropAt = 3});
         fails("dropped in a chunked 404",
               {.status = 404, .body = text, .framing = Framing::Chunked, .dropAt = 3});
         fails("redirected for ever", Answer::redirect("/file"));
@@ -241,8 +222,8 @@ private slots:
     void addresses_data()
     {
         QTest::addColumn<QString>("address");
-        for (const char *address : {"", "nothing", "/path", "http://", "http://[/", "ftp://127.0.0.1/file",
-                                    "file:///etc/hostname", "qrc:/file", "data:,text", "http://127.0.0.1:1/"})
+        for (const char *address : {"", "/path", "http://", "ftp://127.0.0.1/file", "file:///etc/hostname",
+                                    "qrc:/file", "data:,text", "http://127.0.0.1:1/"})
             QTest::newRow(*address ? address : "empty") << QString(address);
     }
 
@@ -260,20 +241,14 @@ private slots:
     void redirectedPost_data()
     {
         QTest::addColumn<int>("status");
-        QTest::addColumn<QByteArray>("method");
-        QTest::addColumn<QByteArray>("body");
-        QTest::newRow("301") << 301 << QByteArray("GET") << QByteArray();
-        QTest::newRow("302") << 302 << QByteArray("GET") << QByteArray();
-        QTest::newRow("303") << 303 << QByteArray("GET") << QByteArray();
-        QTest::newRow("307") << 307 << QByteArray("POST") << QByteArray("question");
-        QTest::newRow("308") << 308 << QByteArray("POST") << QByteArray("question");
+        for (const int status : {301, 302, 303, 307, 308})
+            QTest::addRow("%d", status) << status;
     }
 
     void redirectedPost()
     {
         QFETCH(int, status);
-        QFETCH(QByteArray, method);
-        QFETCH(QByteArray, body);
+        const bool isRepeated = status >= 307;
         TestServer server;
         server.answer("/old", {Answer::redirect("new", status)});
         server.answer("/new", {{.body = "answer"}});
@@ -284,8 +259,8 @@ private slots:
         QCOMPARE(requests[0].body, "question");
         QCOMPARE(requests[0].headers["content-type"], "application/x-www-form-urlencoded");
         QCOMPARE(requests[1].path, "/new");
-        QCOMPARE(requests[1].method, method);
-        QCOMPARE(requests[1].body, body);
+        QCOMPARE(requests[1].method, isRepeated ? "POST" : "GET");
+        QCOMPARE(requests[1].body, isRepeated ? "question" : "");
     }
 
     void postIsSentOnce()
@@ -391,16 +366,13 @@ private slots:
     void progress_data()
     {
         QTest::addColumn<Framing>("framing");
-        QTest::addColumn<qint64>("expected");
-        QTest::newRow("announced") << Framing::Length << qint64(6);
-        QTest::newRow("chunked") << Framing::Chunked << qint64(-1);
-        QTest::newRow("until the connection ends") << Framing::Close << qint64(-1);
+        QTest::newRow("announced") << Framing::Length;
+        QTest::newRow("chunked") << Framing::Chunked;
     }
 
     void progress()
     {
         QFETCH(Framing, framing);
-        QFETCH(qint64, expected);
         TestServer server;
         server.answer("/file", {{.body = "abcdef", .framing = framing, .stallAt = 4}});
         Load load(Kind::Download, {.url = server.url("/file")}, folder());
@@ -409,7 +381,7 @@ private slots:
         task->resume();
         waitForBytes(*task, 4);
         QCOMPARE(task->countOfBytesReceived(), 4);
-        QCOMPARE(task->countOfBytesExpectedToReceive(), expected);
+        QCOMPARE(task->countOfBytesExpectedToReceive(), framing == Framing::Length ? 6 : -1);
 
         std::mutex mutex;
         QList<qint64> seen;
@@ -427,7 +399,7 @@ private slots:
         QCOMPARE(seen, QList<qint64>{6});
     }
 
-    void removedObserver()
+    void removedObserverAndOwner()
     {
         TestServer server;
         server.answer("/file", {{.body = "abcdef", .stallAt = 3}});
@@ -437,6 +409,7 @@ private slots:
         std::atomic<int> calls = 0;
         load.task->observeCountOfBytesReceived([&] { ++calls; });
         load.task->observeCountOfBytesReceived({});
+        load.task.reset(); // the load goes on
         server.release();
         QCOMPARE(load.wait().body, "abcdef");
         QCOMPARE(calls, 1);
@@ -527,17 +500,6 @@ private slots:
             QCOMPARE(load->wait().body.size(), 300'000);
     }
 
-    void ownerlessTask()
-    {
-        TestServer server;
-        server.answer("/file", {{.body = "abcdef", .stallAt = 3}});
-        Load load(Kind::Data, {.url = server.url("/file")}, {});
-        load.task->resume();
-        load.task.reset();
-        server.release();
-        QCOMPARE(load.wait().body, "abcdef");
-    }
-
     void blockedCompletion()
     {
         TestServer server;
@@ -553,7 +515,10 @@ private slots:
 
     void certificates()
     {
-        const QSslConfiguration own = makeCertificate(m_tree);
+        const TestCertificate files = makeTestCertificate(m_tree.path(), "server");
+        QSslConfiguration own;
+        own.setPrivateKey(QSslKey(TemporaryTree::contents(files.keyFile), QSsl::Ec));
+        own.setLocalCertificate(QSslCertificate(TemporaryTree::contents(files.certificateFile)));
         TestServer plain, secure(own);
         secure.answer("/file", {{.body = "abcdef"}});
         secure.answer("/down", {Answer::redirect(plain.url("/file").toString())});
@@ -563,7 +528,7 @@ private slots:
         QCOMPARE(body(secure.url("/file")), QByteArray());
         QVERIFY(secure.requests().isEmpty());
 
-        qputenv("SSL_CERT_FILE", QFile::encodeName(m_tree.path("cert.pem")));
+        qputenv("SSL_CERT_FILE", QFile::encodeName(files.certificateFile));
         const auto restore = qScopeGuard([] { qunsetenv("SSL_CERT_FILE"); });
         QCOMPARE(body(secure.url("/file")), "abcdef");
         QCOMPARE(body(plain.url("/up")), "abcdef");
@@ -571,29 +536,21 @@ private slots:
         QCOMPARE(plain.requests().size(), 1);
     }
 
-    void applicationEnds_data()
-    {
-        QTest::addColumn<QString>("way");
-        QTest::addColumn<QByteArray>("output");
-        QTest::newRow("application object destroyed")
-            << QString("destroy") << QByteArray("-999\n-999\n-999\nleft\n");
-        QTest::newRow("exit") << QString("exit") << QByteArray("-999\n-999\n-999\n");
-    }
-
     void applicationEnds()
     {
-        QFETCH(QString, way);
-        QFETCH(QByteArray, output);
-        TestServer server;
-        server.answer("/file", {{.body = "abcdef", .stallAt = 3}});
-        QProcess child;
-        child.start(QCoreApplication::applicationFilePath(),
-                    {"leave", way, server.url("/file").toString(), folder()});
-        QVERIFY(child.waitForFinished());
-        QCOMPARE(child.readAllStandardError(), "");
-        QCOMPARE(child.readAllStandardOutput(), output);
-        QCOMPARE(child.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(child.exitCode(), 0);
+        for (const auto &[way, last] :
+             {std::pair("destroy the application object", "left\n"), std::pair("exit", "")}) {
+            TestServer server;
+            server.answer("/file", {{.body = "abcdef", .stallAt = 3}});
+            QProcess child;
+            child.start(QCoreApplication::applicationFilePath(),
+                        {"leave", way, server.url("/file").toString(), folder()});
+            QVERIFY(child.waitForFinished());
+            QCOMPARE(child.readAllStandardError(), "");
+            QCOMPARE(child.readAllStandardOutput(), QByteArray("-999\n-999\n-999\n") + last);
+            QCOMPARE(child.exitStatus(), QProcess::NormalExit);
+            QCOMPARE(child.exitCode(), 0);
+        }
     }
 };
 

@@ -1,12 +1,13 @@
 #include "TestServer.h"
 
+#include "FileDescriptor.h"
+
 #include <QSslSocket>
 #include <QTcpServer>
 
 #include <chrono>
 #include <functional>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
@@ -23,29 +24,6 @@ protected:
 
 private:
     std::function<void(qintptr)> m_accept;
-};
-
-// A second name of a connection, ours to shut down: a socket object closes its own as soon as the peer is gone, and
-// the number may then stand for another file.
-class Handle
-{
-public:
-    explicit Handle(qintptr descriptor)
-        : m_descriptor(::dup(int(descriptor)))
-    {
-    }
-    ~Handle()
-    {
-        ::shutdown(m_descriptor, SHUT_RDWR);
-        ::close(m_descriptor);
-    }
-    Handle(const Handle &) = delete;
-    Handle &operator=(const Handle &) = delete;
-
-    int descriptor() const { return m_descriptor; }
-
-private:
-    const int m_descriptor;
 };
 
 bool flush(QTcpSocket &socket)
@@ -126,8 +104,8 @@ void TestServer::release()
 QUrl TestServer::url(const QString &path) const
 {
     QUrl url(path);
-    url.setScheme(m_tls ? QStringLiteral("https") : QStringLiteral("http"));
-    url.setHost(QStringLiteral("127.0.0.1"));
+    url.setScheme(m_tls ? "https" : "http");
+    url.setHost("127.0.0.1");
     url.setPort(m_port);
     return url;
 }
@@ -170,12 +148,14 @@ void TestServer::serve(qintptr descriptor)
 {
     QSslSocket socket;
     socket.setSocketDescriptor(descriptor);
-    const Handle handle(descriptor);
+    // A second name of the connection, ours to shut down: the socket closes its own as soon as the peer is gone, and the
+    // number may then stand for another file.
+    const zel::FileDescriptor handle(::dup(int(descriptor)));
     {
         const std::lock_guard lock(m_mutex);
         if (m_ending)
             return;
-        m_open.append(handle.descriptor());
+        m_open.append(handle.get());
     }
     if (m_tls) {
         socket.setSslConfiguration(*m_tls);
@@ -185,7 +165,7 @@ void TestServer::serve(qintptr descriptor)
         if (const std::optional<Request> request = receive(socket))
             send(socket, take(*request));
     const std::lock_guard lock(m_mutex);
-    m_open.removeOne(handle.descriptor());
+    m_open.removeOne(handle.get());
 }
 
 std::optional<TestServer::Request> TestServer::receive(QTcpSocket &socket)

@@ -4,6 +4,7 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <fstream>
 #include <QDirIterator>
 #include <QProcess>
 #include <QtTest>
@@ -66,29 +67,23 @@ private slots:
         row("deflated", {.name = "a/b/file", .data = large}, {}, file);
         row("stored", {.name = "file", .data = large, .method = 0}, {}, file);
         row("empty file", {.name = "file"}, {}, file);
-        row("executable", {.name = "file", .data = text, .mode = S_IFREG | 0755}, {}, S_IFREG | 0755);
         row("read only", {.name = "file", .data = text, .mode = S_IFREG | 0400}, {}, S_IFREG | 0400);
         row("writable by all", {.name = "file", .data = text, .mode = S_IFREG | 0666}, {}, S_IFREG | 0666);
         row("mode without kind", {.name = "file", .data = text, .mode = 0600}, {}, S_IFREG | 0600);
         row("no mode", {.name = "file", .data = text, .mode = 0, .host = 0}, {}, file);
         row("other host's mode", {.name = "file", .data = text, .mode = S_IFIFO, .host = 10}, {}, file);
-        row("link", ZipMaker::link("a/link", "../other"), {}, S_IFLNK | 0777);
         row("deflated link", {.name = "link", .data = "a/b/./c", .mode = S_IFLNK | 0777}, {}, S_IFLNK | 0777);
         row("link with a time",
             {.name = "link", .data = "x", .mode = S_IFLNK | 0777, .extra = ZipMaker::timeField(1)}, {},
             S_IFLNK | 0777, 1);
-        row("empty folder", ZipMaker::folder("a/folder/"), "a/folder", S_IFDIR | 0755);
         row("folder without slash", ZipMaker::folder("folder"), {}, S_IFDIR | 0755);
         row("folder by its slash", {.name = "folder/", .mode = 0, .host = 0}, "folder", S_IFDIR | 0755);
         row("open folder", ZipMaker::folder("folder/", 01777), "folder", S_IFDIR | 01777);
-        row("dot in front", {.name = "./a/file", .data = text}, "a/file", file);
         row("decomposed name", {.name = "e\xcc\x81.txt", .data = text}, {}, file);
         row("name of raw bytes", {.name = "caf\xe9", .data = text, .flags = 0}, {}, file);
         row("odd name", {.name = "-a 'b\" $c;d&(e)\\f\ng", .data = text}, {}, file);
         const QByteArray old =
             ZipMaker::extraField(0x5855, ZipMaker::le32(5) + ZipMaker::le32(1'600'000'001));
-        row("time", {.name = "f", .data = text, .extra = ZipMaker::timeField(1'700'000'003)}, {}, file,
-            1'700'000'003);
         row("before 1970", {.name = "f", .data = text, .extra = ZipMaker::timeField(-7)}, {}, file, -7);
         row("older time field", {.name = "f", .data = text, .extra = old}, {}, file, 1'600'000'001);
         row("folder's time",
@@ -122,15 +117,13 @@ private slots:
         const qint64 packedTime = QDateTime({2024, 5, 6}, {7, 8, 10}).toSecsSinceEpoch();
         QCOMPARE(qint64(status.st_mtime), time == 0 ? packedTime : time);
         if (S_ISREG(mode)) {
-            const std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen(made.constData(), "rb"),
-                                                              std::fclose);
-            QByteArray read(item.data.size() + 1, '\0');
-            read.truncate(qsizetype(file ? std::fread(read.data(), 1, size_t(read.size()), file.get()) : 0));
+            std::ifstream file(made.toStdString(), std::ios::binary); // names of raw bytes are beyond Qt
+            const QByteArray read = QByteArray::fromStdString({std::istreambuf_iterator<char>(file), {}});
             QVERIFY(read == item.data);
         }
         if (S_ISLNK(mode))
             QCOMPARE(TemporaryTree::linkTarget(QFile::decodeName(made)), item.data);
-        std::remove(made.constData()); // names of raw bytes are beyond Qt
+        std::remove(made.constData());
     }
 
     // A bundle as another program packs it: folders that are closed for writing, links between them.
@@ -173,23 +166,18 @@ private slots:
         };
         const ZipItem good{.name = "good", .data = "good"};
         row("absolute", {good, {.name = "/tmp/x"}}, "absolute");
-        row("root", {ZipMaker::folder("/")}, "absolute");
         row("root behind a dot", {{.name = ".//x"}}, "absolute");
-        row("parent", {good, {.name = "../x"}}, "component");
         row("parent inside", {{.name = "a/../../x"}}, "component");
-        row("parent folder", {ZipMaker::folder("../", 0777)}, "component");
         row("destination as a file", {{.name = "./"}}, "without a name");
         row("dot", {{.name = "a/./b"}}, "component");
         row("double slash", {{.name = "a//b"}}, "component");
         row("file with a slash", {{.name = "a/", .data = "x"}}, "component");
         row("no name", {{.name = ""}}, "without a name");
         row("NUL", {{.name = QByteArray("a\0/../../x", 10)}}, "NUL");
-        row("NUL alone", {{.name = QByteArray("a\0b", 3)}}, "NUL");
         row("backslashes", {{.name = "..\\x", .host = 0}}, "backslashes");
 
         row("absolute link", {ZipMaker::link("l", "/etc")}, "leave");
         row("leaving link", {ZipMaker::link("a/l", "../../x")}, "leave");
-        row("link to the parent", {ZipMaker::link("l", "..")}, "leave");
         row("link that climbs late", {ZipMaker::link("a/b/top", "../.."), ZipMaker::link("a/b/l", "top/..")},
             "leave");
         row("link without target", {ZipMaker::link("l", "")}, "target");
@@ -202,14 +190,10 @@ private slots:
         row("link, then folder", {ZipMaker::link("l", "a"), ZipMaker::folder("l/")}, "twice");
 
         row("twice", {good, good}, "twice");
-        row("folder twice", {ZipMaker::folder("d/"), ZipMaker::folder("d/")}, "twice");
-        row("case", {{.name = "a/File"}, {.name = "a/fILE"}}, "case");
         row("case beyond ASCII", {{.name = "\xc3\x84"}, {.name = "\xc3\xa4"}}, "case");
         row("case of a folder", {{.name = "A/1"}, {.name = "a/2"}}, "case");
 
         row("FIFO", {{.name = "x", .mode = S_IFIFO | 0644}}, "neither");
-        row("socket", {{.name = "x", .mode = S_IFSOCK | 0644}}, "neither");
-        row("character device", {{.name = "x", .mode = S_IFCHR | 0644}}, "neither");
         row("block device", {{.name = "x", .mode = S_IFBLK | 0644, .host = 19}}, "neither");
         row("set-user-id", {{.name = "x", .mode = S_IFREG | 04755}}, "set-id");
         row("set-group-id", {ZipMaker::folder("x/", 02755)}, "set-id");
@@ -233,8 +217,6 @@ private slots:
         auto bytes = [](const char *title, const QByteArray &archive, const char *why) {
             QTest::newRow(title) << archive << QByteArray(why);
         };
-        bytes("empty", {}, "empty");
-        bytes("one byte", "P", "not a complete zip");
         bytes("garbage", QByteArray(100'000, 'x'), "not a complete zip");
         bytes("something in front", "junk" + whole, "not a complete zip");
         bytes("something behind", whole + "junk", "not a complete zip");
@@ -288,11 +270,11 @@ private slots:
 
     void damagedData_data()
     {
-        QTest::addColumn<QByteArray>("archive");
+        QTest::addColumn<ZipItem>("item");
         QTest::addColumn<QByteArray>("why");
 
         auto row = [](const char *title, const ZipItem &item, const char *why) {
-            QTest::newRow(title) << ZipMaker::make({item}) << QByteArray(why);
+            QTest::newRow(title) << item << QByteArray(why);
         };
         const QByteArray data(1'000'000, 'd');
         const QByteArray packed = ZipMaker::deflate(data);
@@ -305,16 +287,14 @@ private slots:
         row("not deflated", {.name = "x", .data = data, .packed = QByteArray(100, '\xff')},
             "cannot be unpacked");
         row("header elsewhere", {.name = "x", .data = data, .headerOffset = 7}, "not where");
-        QTest::newRow("no header") << ZipMaker::make({{.name = "x", .data = data}}).replace(0, 1, "p")
-                                   << QByteArray("not where");
     }
 
     void damagedData()
     {
-        QFETCH(QByteArray, archive);
+        QFETCH(ZipItem, item);
         QFETCH(QByteArray, why);
         const TemporaryTree tree;
-        const Outcome outcome = unpack(archive, tree.path("out"));
+        const Outcome outcome = unpack(ZipMaker::make({item}), tree.path("out"));
         QCOMPARE(outcome.status, 1);
         QVERIFY2(outcome.errors.contains(why), outcome.errors);
         QCOMPARE(outcome.errors.count('\n'), 1);
@@ -343,34 +323,25 @@ private slots:
     }
 
     // A limit on the size of files makes writing fail as a full disk does.
-    void diskFull_data()
-    {
-        QTest::addColumn<QByteArray>("archive");
-        const QByteArray data(4'000'000, 'd');
-        QTest::newRow("while storing the input")
-            << ZipMaker::make({{.name = "x", .data = data, .method = 0}});
-        QTest::newRow("while unpacking") << ZipMaker::make({{.name = "x", .data = data}});
-    }
-
     void diskFull()
     {
-        QFETCH(QByteArray, archive);
         const TemporaryTree tree;
-        const QString script = QStringLiteral("trap '' XFSZ; ulimit -f 64; exec \"$0\" -x -k - \"$1\"");
-        const Outcome outcome = run(archive, {"-c", script, ZEL_UNPACK, tree.path("out")}, "/bin/sh");
-        QCOMPARE(outcome.status, 1);
-        QVERIFY2(outcome.errors.contains("File too large"), outcome.errors);
+        const QString script = "trap '' XFSZ; ulimit -f 64; exec \"$0\" -x -k - \"$1\"";
+        for (const uint16_t method : {0, 8}) { // while the input is stored, and while it is unpacked
+            const QByteArray archive =
+                ZipMaker::make({{.name = "x", .data = QByteArray(4'000'000, 'd'), .method = method}});
+            const Outcome outcome = run(archive, {"-c", script, ZEL_UNPACK, tree.path("out")}, "/bin/sh");
+            QCOMPARE(outcome.status, 1);
+            QVERIFY2(outcome.errors.contains("File too large"), outcome.errors);
+        }
     }
 
     void wrongUsage_data()
     {
         QTest::addColumn<QStringList>("arguments");
-        QTest::newRow("none") << QStringList();
-        QTest::newRow("no folder") << QStringList{"-x", "-k", "-"};
-        QTest::newRow("empty folder name") << QStringList{"-x", "-k", "-", ""};
-        QTest::newRow("from a file") << QStringList{"-x", "-k", "a.zip", "out"};
-        QTest::newRow("other order") << QStringList{"-k", "-x", "-", "out"};
-        QTest::newRow("too many") << QStringList{"-x", "-k", "-", "out", "more"};
+        for (const char *line :
+             {"", "-x -k -", "-x -k - ", "-x -k a.zip out", "-k -x - out", "-x -k - out more"})
+            QTest::newRow(line) << QString(line).split(' ');
     }
 
     void wrongUsage()

@@ -41,10 +41,18 @@ void settle()
     QCoreApplication::sendPostedEvents();
 }
 
+ZELLayoutFrame edges(qint64 left, qint64 right, qint64 top, qint64 bottom, qint64 width = none,
+                     qint64 height = none)
+{
+    return ZELMakeLayoutFrame(left, right, top, bottom, width, height);
+}
+
 ZELLayoutFrame at(qint64 left, qint64 top, qint64 width = none, qint64 height = none)
 {
-    return ZELMakeLayoutFrame(left, none, top, none, width, height);
+    return edges(left, none, top, none, width, height);
 }
+
+const ZELLayoutFrame buttonRow = edges(32, -32, none, -32, none, 32);
 
 } // namespace
 
@@ -78,38 +86,28 @@ private slots:
         QTest::addColumn<QRect>("expected");
         const Qt::Orientations no, across = Qt::Horizontal, both = Qt::Horizontal | Qt::Vertical;
 
-        QTest::newRow("fills") << ZELMakeLayoutFrame(0, 0, 0, 0, none, none) << no << QRect(0, 0, 350, 400);
-        QTest::newRow("inset") << ZELMakeLayoutFrame(32, -24, 16, -8, none, none) << no
-                               << QRect(32, 16, 294, 376);
-        QTest::newRow("beyond the edges")
-            << ZELMakeLayoutFrame(-5, 5, -6, 6, none, none) << no << QRect(-5, -6, 360, 412);
-        QTest::newRow("button") << ZELMakeLayoutFrame(32, -32, none, -32, none, 32) << no
-                                << QRect(32, 336, 286, 32);
-        QTest::newRow("far edges, content")
-            << ZELMakeLayoutFrame(none, -32, none, -8, none, none) << no << QRect(278, 372, 40, 20);
-        QTest::newRow("near edges, content") << at(7, 9) << no << QRect(7, 9, 40, 20);
-        QTest::newRow("nothing set") << ZELLayoutFrame() << no << QRect(0, 0, 40, 20);
-        QTest::newRow("size decides over the far edge")
-            << ZELMakeLayoutFrame(10, 0, 10, 0, 20, 30) << no << QRect(10, 10, 20, 30);
-        QTest::newRow("crossed edges")
-            << ZELMakeLayoutFrame(300, -100, 0, 0, none, none) << no << QRect(300, 0, 0, 400);
-        QTest::newRow("negative size") << at(1, 2, -5, -6) << no << QRect(1, 2, 0, 0);
+        const auto row = [](const char *name, const ZELLayoutFrame &frame, Qt::Orientations centered,
+                            const QRect &expected) { QTest::newRow(name) << frame << centered << expected; };
+        row("fills", edges(0, 0, 0, 0), no, {0, 0, 350, 400});
+        row("inset", edges(32, -24, 16, -8), no, {32, 16, 294, 376});
+        row("beyond the edges", edges(-5, 5, -6, 6), no, {-5, -6, 360, 412});
+        row("button", buttonRow, no, {32, 336, 286, 32});
+        row("far edges, content", edges(none, -32, none, -8), no, {278, 372, 40, 20});
+        row("near edges, content", at(7, 9), no, {7, 9, 40, 20});
+        row("size decides over the far edge", edges(10, 0, 10, 0, 20, 30), no, {10, 10, 20, 30});
+        row("crossed edges", edges(300, -100, 0, 0), no, {300, 0, 0, 400});
+        row("negative size", at(1, 2, -5, -6), no, {1, 2, 0, 0});
 
-        QTest::newRow("centred across") << at(none, 32, 176, 176) << across << QRect(87, 32, 176, 176);
-        QTest::newRow("centred both ways") << at(none, none, 18, 18) << both << QRect(166, 191, 18, 18);
-        QTest::newRow("centred content") << ZELLayoutFrame() << both << QRect(155, 190, 40, 20);
-        QTest::newRow("edges decide over the centre")
-            << ZELMakeLayoutFrame(60, none, none, -8, 20, 20) << both << QRect(60, 372, 20, 20);
+        row("centred across", at(none, 32, 176, 176), across, {87, 32, 176, 176});
+        row("centred both ways", at(none, none, 18, 18), both, {166, 191, 18, 18});
+        row("centred content", {}, both, {155, 190, 40, 20});
+        row("edges decide over the centre", edges(60, none, none, -8, 20, 20), both, {60, 372, 20, 20});
 
-        QTest::newRow("huge near edge")
-            << at(huge, least, 10, 10) << no << QRect(QWIDGETSIZE_MAX, -QWIDGETSIZE_MAX, 10, 10);
-        QTest::newRow("huge edges") << ZELMakeLayoutFrame(least, huge, huge, least, none, none) << no
-                                    << QRect(-QWIDGETSIZE_MAX, QWIDGETSIZE_MAX, QWIDGETSIZE_MAX, 0);
-        QTest::newRow("huge size") << at(0, 0, huge, huge) << no
-                                   << QRect(0, 0, QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
-        QTest::newRow("huge size from the far edge")
-            << ZELMakeLayoutFrame(none, least, none, huge, huge, 1) << no
-            << QRect(-QWIDGETSIZE_MAX, QWIDGETSIZE_MAX, QWIDGETSIZE_MAX, 1);
+        constexpr int max = QWIDGETSIZE_MAX;
+        row("huge near edge", at(huge, least, 10, 10), no, {max, -max, 10, 10});
+        row("huge edges", edges(least, huge, huge, least), no, {-max, max, max, 0});
+        row("huge size", at(0, 0, huge, huge), no, {0, 0, max, max});
+        row("huge size from the far edge", edges(none, least, none, huge, huge, 1), no, {-max, max, max, 1});
     }
 
     void frames()
@@ -132,22 +130,19 @@ private slots:
         QTest::addColumn<int>("views");
         QTest::addColumn<qint64>("spacing");
         QTest::addColumn<ZELLayoutFrame>("frame");
-        QTest::addColumn<QList<int>>("edges"); // left and width of each view
-        const ZELLayoutFrame buttons = ZELMakeLayoutFrame(32, -32, none, -32, none, 32);
-
-        QTest::newRow("three") << 3 << qint64(20) << buttons << QList<int>{32, 82, 134, 82, 236, 82};
-        QTest::newRow("two") << 2 << qint64(32) << buttons << QList<int>{32, 127, 191, 127};
-        QTest::newRow("one pixel over")
-            << 3 << qint64(20) << at(0, 0, 287) << QList<int>{0, 82, 102, 82, 204, 83};
-        QTest::newRow("two pixels over")
-            << 3 << qint64(20) << at(0, 0, 288) << QList<int>{0, 82, 102, 83, 205, 83};
-        QTest::newRow("odd pair") << 2 << qint64(0) << at(0, 0, 101) << QList<int>{0, 50, 50, 51};
-        QTest::newRow("region open") << 2 << qint64(10) << ZELLayoutFrame() << QList<int>{0, 170, 180, 170};
-        QTest::newRow("width from the right")
-            << 2 << qint64(10) << ZELMakeLayoutFrame(none, -50, 0, none, 110, none)
-            << QList<int>{190, 50, 250, 50};
-        QTest::newRow("no room") << 3 << qint64(60) << at(0, 0, 100) << QList<int>{0, 0, 60, 0, 120, 0};
-        QTest::newRow("huge spacing") << 2 << huge << at(0, 0, 100) << QList<int>{0, 0, QWIDGETSIZE_MAX, 0};
+        QTest::addColumn<QList<int>>("places"); // left and width of each view
+        const auto row = [](const char *name, int views, qint64 spacing, const ZELLayoutFrame &frame,
+                            const QList<int> &places) {
+            QTest::newRow(name) << views << spacing << frame << places;
+        };
+        row("three", 3, 20, buttonRow, {32, 82, 134, 82, 236, 82});
+        row("two", 2, 32, buttonRow, {32, 127, 191, 127});
+        row("one pixel over", 3, 20, at(0, 0, 287), {0, 82, 102, 82, 204, 83});
+        row("two pixels over", 3, 20, at(0, 0, 288), {0, 82, 102, 83, 205, 83});
+        row("region open", 2, 10, {}, {0, 170, 180, 170});
+        row("width from the right", 2, 10, edges(none, -50, 0, none, 110), {190, 50, 250, 50});
+        row("no room", 3, 60, at(0, 0, 100), {0, 0, 60, 0, 120, 0});
+        row("huge spacing", 2, huge, at(0, 0, 100), {0, 0, QWIDGETSIZE_MAX, 0});
     }
 
     void rows()
@@ -155,7 +150,7 @@ private slots:
         QFETCH(int, views);
         QFETCH(qint64, spacing);
         QFETCH(ZELLayoutFrame, frame);
-        QFETCH(QList<int>, edges);
+        QFETCH(QList<int>, places);
         m_container->setLayoutDirection(Qt::RightToLeft);
         Box first(m_container), second(m_container), third(m_container);
         if (views == 2)
@@ -166,12 +161,11 @@ private slots:
         QList<int> found;
         for (const QWidget *view : {&first, &second, &third})
             found << view->x() << view->width();
-        QCOMPARE(found.first(2 * views), edges);
+        QCOMPARE(found.first(2 * views), places);
     }
 
     void rowIsLaidOutAgain()
     {
-        const ZELLayoutFrame row = ZELMakeLayoutFrame(32, -32, none, -32, none, 32);
         QList<Box *> views{new Box(m_container), new Box(m_container), new Box(m_container)};
         for (int round = 0; round < 2; ++round) {
             for (Box *view : views)
@@ -180,7 +174,7 @@ private slots:
             for (Box *view : views)
                 view->setParent(m_container);
             std::rotate(views.begin(), views.begin() + 1, views.end());
-            ZELLayoutViewsHorizontal2(views[0], views[1], views[2], 20, row);
+            ZELLayoutViewsHorizontal2(views[0], views[1], views[2], 20, buttonRow);
             settle();
             QCOMPARE(views[0]->geometry(), QRect(32, 336, 82, 32));
             QCOMPARE(views[2]->geometry(), QRect(236, 336, 82, 32));
@@ -191,10 +185,10 @@ private slots:
     void containerIsResized()
     {
         Box filling(m_container), centered(m_container), corner(m_container);
-        ZELLayoutView(&filling, ZELMakeLayoutFrame(0, 0, 0, -96, none, none));
+        ZELLayoutView(&filling, edges(0, 0, 0, -96));
         ZELLayoutView(&centered, at(none, 32, 176, 176));
         zel::centerHorizontally(&centered);
-        ZELLayoutView(&corner, ZELMakeLayoutFrame(none, -32, none, -32, none, none));
+        ZELLayoutView(&corner, edges(none, -32, none, -32));
         settle();
         m_container->resize(500, 470);
         QCOMPARE(filling.geometry(), QRect(0, 0, 500, 374));
@@ -207,9 +201,9 @@ private slots:
         QLabel *label = wrappingLabel(m_container);
         Box bar(m_container), area(m_container);
         // Laid out from the bottom up: the order of the calls does not decide.
-        ZELLayoutViewBelowView(&area, &bar, ZELMakeLayoutFrame(0, 0, 0, -64, none, none));
-        ZELLayoutViewBelowView(&bar, label, ZELMakeLayoutFrame(60, -60, 12, none, none, 18));
-        ZELLayoutView(label, ZELMakeLayoutFrame(32, -32, 230, none, none, none));
+        ZELLayoutViewBelowView(&area, &bar, edges(0, 0, 0, -64));
+        ZELLayoutViewBelowView(&bar, label, edges(60, -60, 12, none, none, 18));
+        ZELLayoutView(label, edges(32, -32, 230, none));
         settle();
         const int oneLine = label->height();
         QCOMPARE(bar.geometry(), QRect(60, 230 + oneLine + 12, 230, 18));
@@ -227,9 +221,9 @@ private slots:
     {
         QWidget window;
         auto *page = new QWidget(&window);
-        ZELLayoutView(page, ZELMakeLayoutFrame(0, 0, 0, 0, none, none));
+        ZELLayoutView(page, edges(0, 0, 0, 0));
         auto *title = new QLabel(longText, page);
-        ZELLayoutView(title, ZELMakeLayoutFrame(32, -32, 20, none, none, none));
+        ZELLayoutView(title, edges(32, -32, 20, none));
         window.resize(350, 400);
         window.show();
         settle();

@@ -72,38 +72,24 @@ private slots:
         QTest::addColumn<QString>("skip");
         QTest::addColumn<Qt::LayoutDirection>("direction");
 
-        QTest::newRow("exact") << "de"
-                               << "Auslassen" << Qt::LeftToRight;
-        QTest::newRow("other country") << "de_AT"
-                                       << "Auslassen" << Qt::LeftToRight;
-        QTest::newRow("hyphens") << "de-Latn-AT"
-                                 << "Auslassen" << Qt::LeftToRight;
-        QTest::newRow("country of the table") << "pt_BR"
-                                              << "Pular" << Qt::LeftToRight;
-        QTest::newRow("country without a table") << "pt_PT"
-                                                 << "Pular" << Qt::LeftToRight;
-        QTest::newRow("language alone") << "pt"
-                                        << "Pular" << Qt::LeftToRight;
-        QTest::newRow("traditional by script") << "zh_Hant"
-                                               << "略過" << Qt::LeftToRight;
-        QTest::newRow("traditional by country") << "zh_TW"
-                                                << "略過" << Qt::LeftToRight;
-        QTest::newRow("traditional, another country") << "zh-HK"
-                                                      << "略過" << Qt::LeftToRight;
-        QTest::newRow("script decides over country") << "zh_Hans_TW"
-                                                     << "跳过" << Qt::LeftToRight;
-        QTest::newRow("simplified by default") << "zh"
-                                               << "跳过" << Qt::LeftToRight;
-        QTest::newRow("simplified by country") << "zh_SG"
-                                               << "跳过" << Qt::LeftToRight;
-        QTest::newRow("right to left") << "he_IL"
-                                       << "דילוג" << Qt::RightToLeft;
-        QTest::newRow("right to left without a table") << "fa_IR"
-                                                       << "Skip" << Qt::LeftToRight;
-        QTest::newRow("no language at all") << "C"
-                                            << "Skip" << Qt::LeftToRight;
-        QTest::newRow("nonsense") << "../../x_%1"
-                                  << "Skip" << Qt::LeftToRight;
+        const auto row = [](const char *name, const char *language, const char *skip,
+                            Qt::LayoutDirection direction = Qt::LeftToRight) {
+            QTest::newRow(name) << language << skip << direction;
+        };
+        row("other country", "de_AT", "Auslassen");
+        row("hyphens", "de-Latn-AT", "Auslassen");
+        row("country of the table", "pt_BR", "Pular");
+        row("country without a table", "pt_PT", "Pular");
+        row("language alone", "pt", "Pular");
+        row("traditional by script", "zh_Hant", "略過");
+        row("traditional by country", "zh_TW", "略過");
+        row("traditional, another country", "zh-HK", "略過");
+        row("script decides over country", "zh_Hans_TW", "跳过");
+        row("simplified by default", "zh", "跳过");
+        row("right to left", "he_IL", "דילוג", Qt::RightToLeft);
+        row("right to left without a table", "fa_IR", "Skip");
+        row("no language at all", "C", "Skip");
+        row("nonsense", "../../x_%1", "Skip");
     }
 
     void languageFallBacks()
@@ -128,19 +114,13 @@ private slots:
         QTest::addColumn<QString>("key");
         QTest::addColumn<QString>("table");
         QTest::addColumn<QString>("bundle");
-        QTest::newRow("key") << "Updater.No such text"
-                             << "ZELUpdater" << QString();
-        QTest::newRow("empty key") << ""
-                                   << "ZELUpdater" << QString();
-        QTest::newRow("no ASCII") << "Überspringen"
-                                  << "ZELUpdater" << QString();
-        QTest::newRow("table") << "Updater.Cancel"
-                               << "Other" << QString();
-        QTest::newRow("no table") << "Updater.Cancel"
-                                  << "" << QString();
-        QTest::newRow("bundle") << "Updater.Cancel"
-                                << "ZELUpdater"
-                                << "/nowhere";
+        const auto row = [](const char *name, const char *key, const char *table,
+                            const QString &bundle = {}) { QTest::newRow(name) << key << table << bundle; };
+        row("key", "Updater.No such text", "ZELUpdater");
+        row("empty key", "", "ZELUpdater");
+        row("no ASCII", "Überspringen", "ZELUpdater");
+        row("table", "Updater.Cancel", "Other");
+        row("bundle", "Updater.Cancel", "ZELUpdater", "/nowhere");
     }
 
     void keyWhenNothingIsFound()

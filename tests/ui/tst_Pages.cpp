@@ -34,40 +34,6 @@ struct Pages {
             page->show();
         }
     }
-
-    QWidget *part(const QString &page, const QString &part)
-    {
-        const QMap<QString, QWidget *> parts{
-            {"checking icon", checking.icon()},
-            {"checking label", checking.label()},
-            {"checking activity", checking.progress()->parentWidget()},
-            {"checking progress", checking.progress()},
-            {"checking cancel", checking.cancelButton()},
-            {"download icon", download.icon()},
-            {"download label", download.label()},
-            {"download text", download.text()},
-            {"download progress", download.progress()},
-            {"download cancel", download.cancelButton()},
-            {"error icon", error.icon()},
-            {"error label", error.label()},
-            {"error text", error.text()},
-            {"error activity", error.progress()->parentWidget()},
-            {"error cancel", error.cancelButton()},
-            {"error retry", error.retryButton()},
-            {"noUpdates icon", noUpdates.icon()},
-            {"noUpdates label", noUpdates.label()},
-            {"noUpdates text", noUpdates.text()},
-            {"noUpdates cancel", noUpdates.cancelButton()},
-            {"updated icon", updated.icon()},
-            {"updated label", updated.label()},
-            {"updated text", updated.text()},
-            {"updated cancel", updated.cancelButton()},
-            {"history later", history.laterButton()},
-            {"history skip", history.skipButton()},
-            {"history download", history.downloadButton()},
-        };
-        return parts.value(page + u' ' + part);
-    }
 };
 
 constexpr int Content = -1; // a height that the content decides
@@ -79,91 +45,89 @@ class PagesTest : public QObject
     Q_OBJECT
 
 private slots:
-    void init() { zel::setLanguage(QStringLiteral("en")); }
+    void initTestCase()
+    {
+        zel::setLanguage("en");
+        m_pages = std::make_unique<Pages>();
+        m_pages->history.updateButtons({});
+        m_pages->show({350, 400});
+    }
 
     void partsArePlaced_data()
     {
-        QTest::addColumn<QString>("page");
-        QTest::addColumn<QString>("part");
+        QTest::addColumn<QWidget *>("part");
         QTest::addColumn<QRect>("place"); // at 350 × 400
         QTest::addColumn<QString>("text");
 
-        const auto row = [](const char *page, const char *part, const QRect &place, const char *text = "") {
-            QTest::addRow("%s, %s", page, part) << page << part << place << text;
+        const auto row = [](const char *name, QWidget *part, const QRect &place, const char *text = "") {
+            QTest::newRow(name) << part << place << text;
         };
+        auto &[checking, download, error, noUpdates, updated, history] = *m_pages;
         const QRect icon(87, 32, 176, 176);
         const QRect button(32, 336, 286, 32);
-        row("checking", "icon", icon);
-        row("checking", "label", {32, 238, 286, Content}, "Checking for Updates");
-        row("checking", "cancel", button, "Cancel");
-        row("download", "icon", icon);
-        row("download", "label", {32, 230, 286, Content}, "Downloading");
-        row("download", "text", {32, 266, 286, Content});
-        row("download", "cancel", button, "Cancel");
-        row("error", "icon", icon);
-        row("error", "label", {32, 230, 286, Content}, "Error");
-        row("error", "text", {32, 266, 286, Content}, "An error occurred while updating.");
-        row("error", "cancel", {32, 336, 127, 32}, "Cancel");
-        row("error", "retry", {191, 336, 127, 32}, "Retry");
-        row("noUpdates", "icon", icon);
-        row("noUpdates", "label", {32, 230, 286, Content}, "Up To Date");
-        row("noUpdates", "text", {24, 266, 302, Content}, "No updates are available.");
-        row("noUpdates", "cancel", button, "Done");
-        row("updated", "icon", icon);
-        row("updated", "label", {32, 230, 286, Content}, "Completed");
-        row("updated", "text", {24, 266, 302, Content}, "Updates were successfully installed.");
-        row("updated", "cancel", button, "Done");
-        row("history", "later", {32, 336, 82, 32}, "Cancel");
-        row("history", "skip", {134, 336, 82, 32}, "Skip");
-        row("history", "download", {236, 336, 82, 32}, "Install");
+        row("checking, icon", checking.icon(), icon);
+        row("checking, label", checking.label(), {32, 238, 286, Content}, "Checking for Updates");
+        row("checking, cancel", checking.cancelButton(), button, "Cancel");
+        row("download, icon", download.icon(), icon);
+        row("download, label", download.label(), {32, 230, 286, Content}, "Downloading");
+        row("download, text", download.text(), {32, 266, 286, Content});
+        row("download, cancel", download.cancelButton(), button, "Cancel");
+        row("error, icon", error.icon(), icon);
+        row("error, label", error.label(), {32, 230, 286, Content}, "Error");
+        row("error, text", error.text(), {32, 266, 286, Content}, "An error occurred while updating.");
+        row("error, cancel", error.cancelButton(), {32, 336, 127, 32}, "Cancel");
+        row("error, retry", error.retryButton(), {191, 336, 127, 32}, "Retry");
+        row("no updates, icon", noUpdates.icon(), icon);
+        row("no updates, label", noUpdates.label(), {32, 230, 286, Content}, "Up To Date");
+        row("no updates, text", noUpdates.text(), {24, 266, 302, Content}, "No updates are available.");
+        row("no updates, cancel", noUpdates.cancelButton(), button, "Done");
+        row("updated, icon", updated.icon(), icon);
+        row("updated, label", updated.label(), {32, 230, 286, Content}, "Completed");
+        row("updated, text", updated.text(), {24, 266, 302, Content}, "Updates were successfully installed.");
+        row("updated, cancel", updated.cancelButton(), button, "Done");
+        row("notes, later", history.laterButton(), {32, 336, 82, 32}, "Cancel");
+        row("notes, skip", history.skipButton(), {134, 336, 82, 32}, "Skip");
+        row("notes, download", history.downloadButton(), {236, 336, 82, 32}, "Install");
     }
 
     void partsArePlaced()
     {
-        QFETCH(QString, page);
-        QFETCH(QString, part);
+        QFETCH(QWidget *, part);
         QFETCH(QRect, place);
         QFETCH(QString, text);
 
-        Pages pages;
-        pages.history.updateButtons({});
-        pages.show({350, 400});
-        QWidget *widget = pages.part(page, part);
         if (place.height() == Content)
-            place.setHeight(widget->heightForWidth(place.width()) >= 0 ? widget->heightForWidth(place.width())
-                                                                       : widget->sizeHint().height());
-        QCOMPARE(widget->geometry(), place);
-        if (const auto *label = qobject_cast<QLabel *>(widget))
-            QCOMPARE(label->text(), text);
-        if (const auto *button = qobject_cast<ZELUpdaterButton *>(widget))
+            place.setHeight(part->hasHeightForWidth() ? part->heightForWidth(place.width())
+                                                      : part->sizeHint().height());
+        QCOMPARE(part->geometry(), place);
+        if (const auto *label = qobject_cast<QLabel *>(part))
+            QVERIFY(label->text() == text && label->alignment() & Qt::AlignHCenter);
+        if (const auto *button = qobject_cast<ZELUpdaterButton *>(part))
             QCOMPARE(button->label(), text);
     }
 
     void activityFillsTheRoomAboveTheButton()
     {
-        Pages pages;
-        pages.show({350, 400});
-        const auto middleOf = [&](const QString &page, const QString &above, int bottom) {
-            const int top = pages.part(page, above)->geometry().bottom() + 1;
+        const auto roomBelow = [](const QWidget *above, int bottom) {
+            const int top = above->geometry().bottom() + 1;
             return QRect(0, top, 350, bottom - top);
         };
-        QCOMPARE(pages.part("checking", "activity")->geometry(), middleOf("checking", "label", 336));
-        QCOMPARE(pages.part("error", "activity")->geometry(), middleOf("error", "text", 350));
-        const QRect room = pages.part("checking", "activity")->rect();
-        QCOMPARE(pages.checking.progress()->size(), QSize(18, 18));
-        QVERIFY((pages.checking.progress()->geometry().center() - room.center()).manhattanLength() <= 1);
-        QVERIFY(pages.checking.progress()->isHidden());
-        QVERIFY(pages.error.progress()->isHidden());
+        const ZELProgressIndicator *turning = m_pages->checking.progress();
+        QCOMPARE(turning->parentWidget()->geometry(), roomBelow(m_pages->checking.label(), 336));
+        QCOMPARE(m_pages->error.progress()->parentWidget()->geometry(),
+                 roomBelow(m_pages->error.text(), 350));
+        QCOMPARE(turning->size(), QSize(18, 18));
+        const QPoint middle = turning->parentWidget()->rect().center();
+        QVERIFY((turning->geometry().center() - middle).manhattanLength() <= 1);
+        QVERIFY(turning->isHidden());
+        QVERIFY(m_pages->error.progress()->isHidden());
     }
 
     void barFollowsAMessageThatGrows()
     {
-        Pages pages;
-        pages.show({350, 400});
-        ZELUpdaterDownloadPage &page = pages.download;
+        ZELUpdaterDownloadPage &page = m_pages->download;
         const int oneLine = page.text()->height();
-        page.text()->setText(
-            QStringLiteral("Many words that take more than one line of this page. ").repeated(3));
+        page.text()->setText(QString("Many words that take more than one line of this page. ").repeated(3));
         QTRY_VERIFY(page.text()->height() >= 3 * oneLine);
         QTRY_COMPARE(page.progress()->geometry(),
                      QRect(60, page.text()->geometry().bottom() + 1 + 12, 350 - 120, 18));
@@ -196,6 +160,9 @@ private slots:
         QCOMPARE(seen.pixelColor(2, 88), QColor(Qt::red));
         QCOMPARE(seen.pixelColor(173, 88), QColor(Qt::red));
         QVERIFY(seen.pixelColor(88, 60) != QColor(Qt::red));
+        view.setImage(wide.copy(0, 0, 20, 20)); // it is never scaled up
+        QCOMPARE(view.grab().toImage().pixelColor(88, 88), QColor(Qt::red));
+        QVERIFY(view.grab().toImage().pixelColor(60, 88) != QColor(Qt::red));
         view.setImage({});
         QVERIFY(view.grab().toImage().pixelColor(88, 88) != QColor(Qt::red));
     }
@@ -215,6 +182,9 @@ private slots:
         QCOMPARE(seen.pixelColor(15, 4), QColor(Qt::white));
         QCOMPARE(seen.pixelColor(15, 6), QColor(Qt::white));
     }
+
+private:
+    std::unique_ptr<Pages> m_pages;
 };
 
 QTEST_MAIN(PagesTest)

@@ -11,14 +11,6 @@
 #include <QWebEngineProfile>
 #include <QWebEngineView>
 
-#include <array>
-
-namespace {
-
-constexpr std::array Schemes{"http", "https", "mailto", "file", "ftp"};
-
-} // namespace
-
 /// Shows real pages of a real server in the real web engine.
 class ReleaseNotesTest : public QObject
 {
@@ -27,14 +19,8 @@ class ReleaseNotesTest : public QObject
 private slots:
     void initTestCase()
     {
-        for (const char *scheme : Schemes)
+        for (const char *scheme : {"http", "https", "mailto", "file", "ftp"})
             QDesktopServices::setUrlHandler(QString::fromLatin1(scheme), this, "opened");
-    }
-
-    void cleanupTestCase()
-    {
-        for (const char *scheme : Schemes)
-            QDesktopServices::unsetUrlHandler(QString::fromLatin1(scheme));
     }
 
     void init()
@@ -63,13 +49,12 @@ private slots:
             "/notes",
             {{.body = "<p id=a>Grüße</p>", .headers = {{"Content-Type", "text/html; charset=utf-8"}}}});
         QVERIFY(loaded([&] { m_page->loadURL(server.url("/notes"), R"({"build":100})"); }));
-        QCOMPARE(text("document.getElementById('a').textContent"), QStringLiteral("Grüße"));
+        QCOMPARE(text("document.getElementById('a').textContent"), "Grüße");
         const TestServer::Request request = server.requests().constFirst();
         QCOMPARE(request.method, "POST");
         QCOMPARE(request.body, R"({"build":100})");
         QCOMPARE(request.headers["user-agent"], "corrand");
-        QCOMPARE(text("getComputedStyle(document.getElementById('a')).webkitUserSelect"),
-                 QStringLiteral("none"));
+        QCOMPARE(text("getComputedStyle(document.getElementById('a')).webkitUserSelect"), "none");
     }
 
     void failureShowsNothing_data()
@@ -122,7 +107,7 @@ private slots:
         QTest::addColumn<QString>("opened");
 
         const QByteArray there = "href='http://example.invalid/there'";
-        const QString away = QStringLiteral("http://example.invalid/there");
+        const QString away = "http://example.invalid/there";
         QTest::newRow("click") << there << "" << Qt::LeftButton << away;
         QTest::newRow("target=_blank") << there + " target=_blank"
                                        << "" << Qt::LeftButton << away;
@@ -155,7 +140,7 @@ private slots:
         if (opened.isEmpty())
             text("1"); // a round trip, after which the click has arrived
         QTRY_COMPARE(m_opened, opened.isEmpty() ? QStringList() : QStringList(opened));
-        QCOMPARE(text("document.getElementById('link').textContent"), QStringLiteral("link"));
+        QCOMPARE(text("document.getElementById('link').textContent"), "link");
         QCOMPARE(QApplication::topLevelWidgets().size(), windows);
     }
 
@@ -177,8 +162,8 @@ private slots:
         QVERIFY(secret.open() && secret.write("<p>secret</p>") > 0 && secret.flush());
         QVERIFY(loaded([&] { m_page->loadHTML("<p>notes</p>"); }));
         const qsizetype windows = QApplication::topLevelWidgets().size();
-        text(script.replace(QLatin1String("FILE"), QUrl::fromLocalFile(secret.fileName()).toString()));
-        QCOMPARE(text("document.body.innerText").trimmed(), QStringLiteral("notes"));
+        text(script.replace("FILE", QUrl::fromLocalFile(secret.fileName()).toString()));
+        QCOMPARE(text("document.body.innerText").trimmed(), "notes");
         QCOMPARE(text("window.frames.length ? (function() { try { return frames[0].document.body.innerText } "
                       "catch (e) { return '' } })() : ''"),
                  QString());
@@ -204,7 +189,7 @@ private:
         std::optional<QString> result;
         webPage().runJavaScript(script, [&](const QVariant &value) { result = value.toString(); });
         [&] { QTRY_VERIFY_WITH_TIMEOUT(result, 30'000); }();
-        return result.value_or(QStringLiteral("no answer"));
+        return result.value_or("no answer");
     }
 
     void click(Qt::MouseButton button)

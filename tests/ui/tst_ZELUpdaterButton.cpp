@@ -30,8 +30,10 @@ protected:
 
 /// A window with a button at (32, 40), 286 x 32, on a page.
 struct Scene {
-    Scene()
+    explicit Scene(bool isStriped = false)
     {
+        page = isStriped ? new StripedPage(window.get()) : new QWidget(window.get());
+        button = new ZELUpdaterButton(page);
         page->resize(window->size());
         button->setGeometry(32, 40, 286, 32);
         button->setOnClick([this] { ++clicks; });
@@ -43,15 +45,26 @@ struct Scene {
         QVERIFY(QTest::qWaitForWindowExposed(window.get()));
     }
 
-    QPoint inWindow(QPoint point) const { return button->mapTo(window.get(), point); }
-
-    void click() const { QTest::mouseClick(window->windowHandle(), Qt::LeftButton, {}, inWindow(inside)); }
+    /// 'p'resses, 'm'oves or 'r'eleases the mouse.
+    void mouse(char action, QPoint point = inside, Qt::MouseButton mouseButton = Qt::LeftButton) const
+    {
+        QWindow *target = window->windowHandle();
+        const QPoint place = button->mapTo(window.get(), point);
+        if (action == 'p')
+            QTest::mousePress(target, mouseButton, {}, place);
+        else if (action == 'm')
+            QTest::mouseMove(target, place);
+        else
+            QTest::mouseRelease(target, mouseButton, {}, place);
+    }
 
     std::unique_ptr<QWidget> window = std::make_unique<DarkWindow>(QSize(350, 120));
-    QPointer<QWidget> page = new QWidget(window.get());
-    QPointer<ZELUpdaterButton> button = new ZELUpdaterButton(page);
+    QPointer<QWidget> page;
+    QPointer<ZELUpdaterButton> button;
     int clicks = 0;
 };
+
+using Action = std::function<void(Scene &)>;
 
 struct Step {
     char action; // 'p'ress, 'm'ove, 'r'elease
@@ -73,31 +86,21 @@ private slots:
 
         const QPoint lastInside(285, 31);
         const QPoint justOutside(286, 31);
-        QTest::newRow("click") << Qt::LeftButton << QList<Step>{{'p', inside, true}, {'r', inside, false}}
-                               << 1;
-        QTest::newRow("drag out") << Qt::LeftButton
-                                  << QList<Step>{{'p', inside, true},
-                                                 {'m', outside, false},
-                                                 {'r', outside, false}}
-                                  << 0;
-        QTest::newRow("drag out and back in") << Qt::LeftButton
-                                              << QList<Step>{{'p', inside, true},
-                                                             {'m', outside, false},
-                                                             {'m', inside, true},
-                                                             {'r', inside, false}}
-                                              << 1;
-        QTest::newRow("to the edge") << Qt::LeftButton
-                                     << QList<Step>{{'p', inside, true},
-                                                    {'m', justOutside, false},
-                                                    {'m', lastInside, true},
-                                                    {'r', lastInside, false}}
-                                     << 1;
-        QTest::newRow("press outside, release inside")
-            << Qt::LeftButton
-            << QList<Step>{{'p', outside, false}, {'m', inside, false}, {'r', inside, false}} << 0;
-        QTest::newRow("right button")
-            << Qt::RightButton
-            << QList<Step>{{'p', inside, false}, {'m', inside, false}, {'r', inside, false}} << 0;
+        const auto row = [](const char *name, Qt::MouseButton mouseButton, const QList<Step> &steps,
+                            int clicks) { QTest::newRow(name) << mouseButton << steps << clicks; };
+        row("click", Qt::LeftButton, {{'p', inside, true}, {'r', inside, false}}, 1);
+        row("drag out", Qt::LeftButton, {{'p', inside, true}, {'m', outside, false}, {'r', outside, false}},
+            0);
+        row("to the edge", Qt::LeftButton,
+            {{'p', inside, true},
+             {'m', justOutside, false},
+             {'m', lastInside, true},
+             {'r', lastInside, false}},
+            1);
+        row("press outside", Qt::LeftButton,
+            {{'p', outside, false}, {'m', inside, false}, {'r', inside, false}}, 0);
+        row("right button", Qt::RightButton,
+            {{'p', inside, false}, {'m', inside, false}, {'r', inside, false}}, 0);
     }
 
     void mouse()
@@ -108,14 +111,7 @@ private slots:
         Scene scene;
         scene.show();
         for (const Step &step : steps) {
-            QWindow *window = scene.window->windowHandle();
-            const QPoint point = scene.inWindow(step.point);
-            if (step.action == 'p')
-                QTest::mousePress(window, mouseButton, {}, point);
-            else if (step.action == 'm')
-                QTest::mouseMove(window, point);
-            else
-                QTest::mouseRelease(window, mouseButton, {}, point);
+            scene.mouse(step.action, step.point, mouseButton);
             QCOMPARE(scene.button->isActive(), step.isActive);
         }
         QCOMPARE(scene.clicks, clicks);
@@ -125,13 +121,12 @@ private slots:
     {
         Scene scene;
         scene.show();
-        QWindow *window = scene.window->windowHandle();
-        QTest::mousePress(window, Qt::LeftButton, {}, scene.inWindow(inside));
-        QTest::mousePress(window, Qt::RightButton, {}, scene.inWindow(inside));
-        QTest::mouseRelease(window, Qt::RightButton, {}, scene.inWindow(inside));
+        scene.mouse('p');
+        scene.mouse('p', inside, Qt::RightButton);
+        scene.mouse('r', inside, Qt::RightButton);
         QVERIFY(scene.button->isActive());
         QCOMPARE(scene.clicks, 0);
-        QTest::mouseRelease(window, Qt::LeftButton, {}, scene.inWindow(inside));
+        scene.mouse('r');
         QCOMPARE(scene.clicks, 1);
     }
 
@@ -139,20 +134,18 @@ private slots:
     {
         Scene scene;
         scene.show();
-        QTest::mousePress(scene.window->windowHandle(), Qt::LeftButton, {}, scene.inWindow(inside));
+        scene.mouse('p');
         QVERIFY(scene.button->isActive());
         scene.page->hide();
-        QTest::mouseRelease(scene.window->windowHandle(), Qt::LeftButton, {}, scene.inWindow(inside));
+        scene.mouse('r');
         QVERIFY(!scene.button->isActive());
         QCOMPARE(scene.clicks, 0);
     }
 
     void takenAwayByItsAction_data()
     {
-        QTest::addColumn<std::function<void(Scene &)>>("action");
-        using Action = std::function<void(Scene &)>;
+        QTest::addColumn<Action>("action");
         QTest::newRow("button deleted") << Action([](Scene &scene) { delete scene.button; });
-        QTest::newRow("page deleted") << Action([](Scene &scene) { delete scene.page; });
         QTest::newRow("window deleted") << Action([](Scene &scene) { scene.window.reset(); });
         QTest::newRow("page hidden") << Action([](Scene &scene) { scene.page->hide(); });
         QTest::newRow("actions replaced") << Action([](Scene &scene) {
@@ -163,9 +156,12 @@ private slots:
 
     void takenAwayByItsAction()
     {
-        QFETCH(std::function<void(Scene &)>, action);
-        const std::function<void(Scene &)> ways[] = {
-            [](Scene &scene) { scene.click(); },
+        QFETCH(Action, action);
+        const Action ways[] = {
+            [](Scene &scene) {
+                scene.mouse('p');
+                scene.mouse('r');
+            },
             [](Scene &scene) { QVERIFY(scene.button->accessibilityPerformPress()); },
             [](Scene &scene) {
                 QKeyEvent key(QEvent::KeyPress, Qt::Key_Return, {});
@@ -193,55 +189,42 @@ private slots:
 
     void keyEquivalents_data()
     {
-        using Prepare = std::function<void(Scene &)>;
-        QTest::addColumn<Prepare>("prepare");
-        QTest::addColumn<QEvent::Type>("type");
+        QTest::addColumn<Action>("prepare");
         QTest::addColumn<bool>("isAsked");
 
-        const Prepare nothing = [](Scene &scene) { scene.show(); };
-        QTest::newRow("key down") << nothing << QEvent::KeyPress << true;
-        QTest::newRow("key up") << nothing << QEvent::KeyRelease << false;
-        QTest::newRow("shortcut override") << nothing << QEvent::ShortcutOverride << false;
-        QTest::newRow("window not shown yet") << Prepare([](Scene &) {}) << QEvent::KeyPress << true;
-        QTest::newRow("button hidden")
-            << Prepare([](Scene &scene) { scene.button->hide(); }) << QEvent::KeyPress << true;
-        QTest::newRow("page hidden") << Prepare([](Scene &scene) {
-            scene.show();
-            scene.page->hide();
-        }) << QEvent::KeyPress << false;
-        QTest::newRow("page hidden before the window is shown")
-            << Prepare([](Scene &scene) { scene.page->hide(); }) << QEvent::KeyPress << false;
-        QTest::newRow("page added to a window on the screen, not shown") << Prepare([](Scene &scene) {
+        const auto row = [](const char *name, bool isAsked, const Action &prepare) {
+            QTest::newRow(name) << prepare << isAsked;
+        };
+        row("window shown", true, [](Scene &scene) { scene.show(); });
+        row("window not shown yet", true, [](Scene &) {});
+        row("button hidden", true, [](Scene &scene) { scene.button->hide(); });
+        row("page hidden", false, [](Scene &scene) { scene.page->hide(); });
+        row("page added to a window on the screen, not shown", false, [](Scene &scene) {
             scene.show();
             scene.page->setParent(nullptr);
             scene.page->setParent(scene.window.get());
-        }) << QEvent::KeyPress << false;
-        QTest::newRow("page taken out") << Prepare([](Scene &scene) {
-            scene.show();
-            scene.page->setParent(nullptr);
-        }) << QEvent::KeyPress << false;
-        QTest::newRow("button taken out") << Prepare([](Scene &scene) {
-            scene.show();
-            scene.button->setParent(nullptr);
-        }) << QEvent::KeyPress << false;
+        });
+        row("page taken out", false, [](Scene &scene) { scene.page->setParent(nullptr); });
+        row("button taken out", false, [](Scene &scene) { scene.button->setParent(nullptr); });
     }
 
     void keyEquivalents()
     {
-        QFETCH(std::function<void(Scene &)>, prepare);
-        QFETCH(QEvent::Type, type);
+        QFETCH(Action, prepare);
         QFETCH(bool, isAsked);
         Scene scene;
         prepare(scene);
-        QKeyEvent event(type, Qt::Key_Return, {});
+        QKeyEvent event(QEvent::KeyPress, Qt::Key_Return, {});
+        QKeyEvent release(QEvent::KeyRelease, Qt::Key_Return, {});
         QVERIFY(!scene.button->performKeyEquivalent(&event));
         for (const bool answer : {false, true}) {
             int asked = 0;
             scene.button->setProcessKeyEvent([&](ZELUpdaterButton *button, QKeyEvent *key) {
-                asked += button == scene.button && key == &event;
+                asked += button == scene.button && key == &event ? 1 : 100; // 100: of another event
                 return answer;
             });
             QCOMPARE(scene.button->performKeyEquivalent(&event), answer && isAsked);
+            QVERIFY(!scene.button->performKeyEquivalent(&release));
             QCOMPARE(asked, isAsked ? 1 : 0);
         }
         for (QWidget *widget : {static_cast<QWidget *>(scene.button), scene.page.data()})
@@ -290,24 +273,25 @@ private slots:
         const QColor rim = over(windowColor, white(0, 0.16f));
         const QPointF top(60, 0.25), upper(60, 2.25), quarter(60, 25), bottom(60, 31.25);
 
-        QTest::newRow("grey, line") << qint64(0) << false << top << over(white(0.26f), white(1, 0.06f));
-        QTest::newRow("grey, upper end") << qint64(0) << false << upper << white(0.255f);
-        QTest::newRow("blue, lower quarter") << qint64(1) << false << quarter << rgb(0.035f, 0.478f, 0.922f);
-        QTest::newRow("grey, bottom") << qint64(0) << false << bottom << white(0.2f);
-        QTest::newRow("any other style is grey") << qint64(2) << false << bottom << white(0.2f);
-        QTest::newRow("grey pressed, no line") << qint64(0) << true << top << white(0.2f);
-        QTest::newRow("grey pressed, bottom") << qint64(0) << true << bottom << white(0.18f);
-        QTest::newRow("blue, line") << qint64(1) << false << top << over(rgb(0, 0.584f, 1), white(1, 0.15f));
-        QTest::newRow("blue, upper end") << qint64(1) << false << upper << rgb(0.003f, 0.574f, 0.993f);
-        QTest::newRow("blue, bottom") << qint64(1) << false << bottom << rgb(0.035f, 0.478f, 0.922f);
-        QTest::newRow("blue pressed, top") << qint64(1) << true << top << rgb(0, 0.467f, 0.8f);
-        QTest::newRow("blue pressed, bottom") << qint64(1) << true << bottom << rgb(0.028f, 0.375f, 0.722f);
-        QTest::newRow("rim above") << qint64(0) << false << QPointF(60, -0.4) << rim;
-        QTest::newRow("rim above, pressed") << qint64(0) << true << QPointF(60, -0.4) << rim;
-        QTest::newRow("rim below, pressed") << qint64(0) << true << QPointF(60, 32.4) << rim;
-        QTest::newRow("rim at the side, pressed") << qint64(0) << true << QPointF(-0.4, 16) << rim;
-        QTest::newRow("no shadow above") << qint64(0) << false << QPointF(60, -1.6) << windowColor;
-        QTest::newRow("no shadow, pressed") << qint64(0) << true << QPointF(60, 33.4) << windowColor;
+        const auto row = [](const char *name, qint64 style, bool isPressed, QPointF point,
+                            const QColor &expected) {
+            QTest::newRow(name) << style << isPressed << point << expected;
+        };
+        row("grey, line", 0, false, top, over(white(0.26f), white(1, 0.06f)));
+        row("grey, upper end", 0, false, upper, white(0.255f));
+        row("any other style is grey", 2, false, bottom, white(0.2f));
+        row("grey pressed, no line", 0, true, top, white(0.2f));
+        row("grey pressed, bottom", 0, true, bottom, white(0.18f));
+        row("blue, line", 1, false, top, over(rgb(0, 0.584f, 1), white(1, 0.15f)));
+        row("blue, upper end", 1, false, upper, rgb(0.003f, 0.574f, 0.993f));
+        row("blue, lower quarter", 1, false, quarter, rgb(0.035f, 0.478f, 0.922f));
+        row("blue pressed, top", 1, true, top, rgb(0, 0.467f, 0.8f));
+        row("blue pressed, bottom", 1, true, bottom, rgb(0.028f, 0.375f, 0.722f));
+        row("rim above", 0, false, {60, -0.4}, rim);
+        row("rim below, pressed", 0, true, {60, 32.4}, rim);
+        row("rim at the side, pressed", 0, true, {-0.4, 16}, rim);
+        row("no shadow above", 0, false, {60, -1.6}, windowColor);
+        row("no shadow, pressed", 0, true, {60, 33.4}, windowColor);
     }
 
     void colors()
@@ -362,40 +346,33 @@ private slots:
 
     void surroundFollowsTheButton_data()
     {
-        QTest::addColumn<std::function<void(Scene &)>>("change");
-        using Change = std::function<void(Scene &)>;
-        QTest::newRow("moved") << Change([](Scene &scene) { scene.button->move(20, 60); });
-        QTest::newRow("resized") << Change([](Scene &scene) { scene.button->resize(100, 40); });
-        QTest::newRow("hidden") << Change([](Scene &scene) { scene.button->hide(); });
-        QTest::newRow("deleted") << Change([](Scene &scene) { delete scene.button; });
-        QTest::newRow("taken to another page") << Change([](Scene &scene) {
+        QTest::addColumn<Action>("change");
+        QTest::newRow("moved") << Action([](Scene &scene) { scene.button->move(20, 60); });
+        QTest::newRow("resized") << Action([](Scene &scene) { scene.button->resize(100, 40); });
+        QTest::newRow("hidden") << Action([](Scene &scene) { scene.button->hide(); });
+        QTest::newRow("taken to another page") << Action([](Scene &scene) {
             auto *other = new StripedPage(scene.window.get());
             other->setGeometry(0, 0, 350, 90);
             other->show();
             scene.button->setParent(other);
             scene.button->show();
         });
-        QTest::newRow("covered in part") << Change([](Scene &scene) {
+        QTest::newRow("covered in part") << Action([](Scene &scene) {
             auto *cover = new StripedPage(scene.window.get());
             cover->setGeometry(100, 30, 60, 60);
             cover->show();
         });
         QTest::newRow("part of the page redrawn")
-            << Change([](Scene &scene) { scene.page->update(QRect(0, 0, 40, 41)); });
+            << Action([](Scene &scene) { scene.page->update(QRect(0, 0, 40, 41)); });
         QTest::newRow("another effect")
-            << Change([](Scene &scene) { scene.button->setGraphicsEffect(new QGraphicsOpacityEffect); });
+            << Action([](Scene &scene) { scene.button->setGraphicsEffect(new QGraphicsOpacityEffect); });
     }
 
     // What piecemeal updates leave on the screen is what drawing the whole window anew gives.
     void surroundFollowsTheButton()
     {
-        QFETCH(std::function<void(Scene &)>, change);
-        Scene scene;
-        delete scene.page;
-        scene.page = new StripedPage(scene.window.get());
-        scene.page->resize(scene.window->size());
-        scene.button = new ZELUpdaterButton(scene.page);
-        scene.button->setGeometry(32, 40, 286, 32);
+        QFETCH(Action, change);
+        Scene scene(true);
         scene.show();
         const QImage before = onScreen(*scene.window);
         QVERIFY(colorAt(before, {100, 39.5}) != colorAt(before, {10, 39.5}));
@@ -412,9 +389,9 @@ private slots:
         Scene scene;
         scene.show();
         const QImage before = onScreen(*scene.window);
-        QTest::mousePress(scene.window->windowHandle(), Qt::LeftButton, {}, scene.inWindow(inside));
+        scene.mouse('p');
         QVERIFY(onScreen(*scene.window) != before);
-        QTest::mouseRelease(scene.window->windowHandle(), Qt::LeftButton, {}, scene.inWindow(inside));
+        scene.mouse('r');
         QCOMPARE(onScreen(*scene.window), before);
     }
 
