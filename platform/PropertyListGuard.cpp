@@ -85,6 +85,18 @@ std::optional<Outline> outlineOf(QByteArrayView bytes)
     return outline;
 }
 
+// The reader ends the process when it hands out a key with a NUL in it, which only UTF-16 can bring that far.
+bool canBeKey(QByteArrayView bytes, const Object &object)
+{
+    if (object.kind != Object::Utf16)
+        return true;
+    for (quint64 i = 0; i < object.count; ++i) {
+        if (bigEndian(bytes, object.start + 2 * i, 2).value_or(0) == 0)
+            return false;
+    }
+    return true;
+}
+
 // No writer shares a container. With each referenced once, the containers form a tree, and what the list unfolds to
 // is no more than the sum over all references.
 bool isTameBinary(QByteArrayView bytes)
@@ -109,6 +121,9 @@ bool isTameBinary(QByteArrayView bytes)
             held[*target] = true;
             unfolded += referenced.unfolded();
             if (unfolded > MaxUnfolded)
+                return false;
+            const bool key = object.kind == Object::Dictionary && i < object.count;
+            if (key && !canBeKey(bytes, referenced))
                 return false;
         }
     }

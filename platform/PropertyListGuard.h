@@ -5,10 +5,11 @@
 
 namespace zel {
 
-/// Whether a property list can be read without exhausting stack or memory. The reading library calls itself once per
-/// level of nesting when it reads a binary list and when it frees any list, and copies an object of a binary list for
-/// each reference to it, so that a small file can stand for a list of any size.
-/// It judges the size only: a list that passes may still be malformed.
+/// Whether a property list can be read without exhausting stack or memory, and without an abort. The reading library
+/// calls itself once per level of nesting when it reads a binary list and when it frees any list, and copies an object
+/// of a binary list for each reference to it, so that a small file can stand for a list of any size. Over a key with a
+/// NUL in it, it ends the process.
+/// A list that passes may still be malformed.
 bool isTamePropertyList(QByteArrayView bytes);
 
 } // namespace zel

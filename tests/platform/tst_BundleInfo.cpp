@@ -126,6 +126,8 @@ private slots:
         QTest::newRow("binary, cyclic") << cyclicBinary();
         QTest::newRow("binary, one long string very often") << repeatingBinary();
         QTest::newRow("binary, reference to no object") << binary(topWith({}));
+        QTest::newRow("binary, NUL in a key")
+            << binary({pairMarker + reference(1) + reference(1), QByteArray("\x62\0a\0\0", 5)});
     }
 
     void refusedLists()

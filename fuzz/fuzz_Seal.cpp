@@ -1,0 +1,17 @@
+// Any bytes as each of the two files of a seal.
+#include "Sandbox.h"
+#include "SealedItems.h"
+#include "SealSignature.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
+{
+    const QByteArray bytes(reinterpret_cast<const char *>(data), qsizetype(size));
+    zel::verifySignature("sealed", bytes, {QStringLiteral("00:11")});
+    const auto items = zel::fromPropertyList(bytes);
+    if (!items || zel::checkNames(*items))
+        return 0;
+    zel::checkLinks(*items);
+    const auto again = zel::fromPropertyList(zel::toPropertyList(*items));
+    zel::require(again && !zel::compareItems(*items, *again));
+    return 0;
+}

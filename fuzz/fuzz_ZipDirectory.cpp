@@ -1,0 +1,27 @@
+// Any bytes as a zip archive: what passes the survey has only names that stay below the folder.
+#include "Sandbox.h"
+#include "Survey.h"
+
+#include <clocale>
+#include <sys/mman.h>
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
+{
+    static const char *const locale = std::setlocale(LC_CTYPE, "C.UTF-8");
+    zel::require(locale);
+    const zel::Spool archive{zel::FileDescriptor(::memfd_create("archive", MFD_CLOEXEC)), size};
+    zel::require(zel::writeAll(archive.file.get(), reinterpret_cast<const char *>(data), size));
+    zel::ZipDirectory directory;
+    if (directory.read(archive))
+        return 0;
+    zel::EntryReader reader(archive.file.get(), directory.dataEnd());
+    if (zel::survey(directory, reader))
+        return 0;
+    for (const zel::ZipEntry &entry : directory.entries()) {
+        const std::filesystem::path name(entry.name);
+        zel::require(name.is_relative() && !name.empty() && name == name.lexically_normal());
+        zel::require(*name.begin() != "..");
+        reader.read(entry, [](const char *, std::size_t) { return zel::Problem(); });
+    }
+    return 0;
+}
