@@ -2,8 +2,13 @@
 #include "bsdiff2.h"
 #include "HostilePath.h"
 #include "MD5FromData.h"
+#include "PatchBytes.h"
 #include "PatchFile.h"
 #include "ZELUpdaterApplyPatch.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 
 using namespace zel;
 
@@ -52,10 +57,11 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     static const Fixture fixture;
     const Sandbox &sandbox = fixture.sandbox;
     FuzzedDataProvider input(data, size);
-    std::vector<PatchCommand> commands;
+    QJsonArray commands;
     while (input.remaining_bytes() > 0 && commands.size() < 12)
-        commands.push_back(commandFrom(input, fixture));
-    const QByteArray patch = PatchFile::encode(commands, fixture.delta).value();
+        commands.append(commandFrom(input, fixture).toJson());
+    const QJsonDocument manifest(QJsonObject{{QLatin1String("commands"), commands}});
+    const QByteArray patch = patchFile(manifest.toJson(), fixture.delta);
     std::filesystem::remove_all(sandbox.inside());
     std::filesystem::create_directory(sandbox.inside());
     Sandbox::write(sandbox.path("patch"), {patch.constData(), size_t(patch.size())});

@@ -50,7 +50,8 @@ struct PatchFile {
     /// The part of the payload that a command names; nothing when it lies outside.
     std::optional<QByteArrayView> slice(const PatchCommand &command) const;
 
-    /// A whole patch file of commands and a payload; nothing when memory runs out. `memory` bounds what compressing
+    /// A whole patch file of commands and a payload, which their slices cover one after the other; nothing when memory
+    /// runs out. `memory` bounds what compressing
     /// takes besides them, as for `compressXZBlocks`.
     static std::optional<QByteArray> encode(const std::vector<PatchCommand> &commands, QByteArrayView payload,
                                             qint64 memory);

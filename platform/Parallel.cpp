@@ -23,7 +23,7 @@ public:
         , m_waiting(costs.size())
     {
         std::iota(m_waiting.begin(), m_waiting.end(), size_t(0));
-        std::ranges::stable_sort(m_waiting, std::ranges::greater(), [costs](size_t i) { return costs[i]; });
+        std::ranges::stable_sort(m_waiting, std::ranges::less(), [costs](size_t i) { return costs[i]; });
     }
 
     void work()
@@ -40,22 +40,17 @@ public:
     }
 
 private:
-    // The costliest job that fits now; waits for one.
+    // The costliest job that waits, as soon as it fits.
     std::optional<size_t> take(std::unique_lock<std::mutex> &lock)
     {
-        for (;;) {
-            if (m_waiting.empty())
-                return std::nullopt;
-            const auto found = std::ranges::find_if(m_waiting, [this](size_t i) { return fits(m_costs[i]); });
-            if (found != m_waiting.end()) {
-                const size_t next = *found;
-                m_waiting.erase(found);
-                m_running += 1;
-                m_used += m_costs[next];
-                return next;
-            }
-            m_changed.wait(lock);
-        }
+        m_changed.wait(lock, [this] { return m_waiting.empty() || fits(m_costs[m_waiting.back()]); });
+        if (m_waiting.empty())
+            return std::nullopt;
+        const size_t next = m_waiting.back();
+        m_waiting.pop_back();
+        m_running += 1;
+        m_used += m_costs[next];
+        return next;
     }
 
     bool fits(qint64 cost) const { return m_running == 0 || cost <= m_budget - m_used; }
@@ -63,7 +58,7 @@ private:
     const std::span<const qint64> m_costs;
     const std::function<void(size_t)> &m_job;
     const qint64 m_budget;
-    std::vector<size_t> m_waiting;
+    std::vector<size_t> m_waiting; // the costliest at the end
     qint64 m_used = 0;
     int m_running = 0;
     std::mutex m_mutex;

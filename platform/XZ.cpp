@@ -15,6 +15,7 @@ namespace zel {
 namespace {
 
 constexpr uint64_t DecoderMemory = uint64_t(512) << 20;
+constexpr lzma_vli BlockLimit = 1 << 16;
 constexpr qsizetype FooterSize = LZMA_STREAM_HEADER_SIZE;
 
 const uint8_t *bytesOf(QByteArrayView data)
@@ -148,7 +149,8 @@ std::optional<QByteArray> decompressXZ(QByteArrayView data, qint64 limit)
 {
     lzma_stream_flags flags;
     const Index index = readIndex(data, flags);
-    if (!index || lzma_index_uncompressed_size(index.get()) > lzma_vli(std::max<qint64>(limit, 0)))
+    if (!index || lzma_index_block_count(index.get()) > BlockLimit
+        || lzma_index_uncompressed_size(index.get()) > lzma_vli(std::max<qint64>(limit, 0)))
         return std::nullopt;
     std::optional<Blocks> blocks = readBlocks(data, *index, flags.check);
     if (!blocks)

@@ -8,8 +8,8 @@
 namespace zel {
 
 /// Decompresses one whole xz stream, its blocks side by side. Nothing when the data is not exactly one sound stream,
-/// when it would give more than `limit` bytes, or when decoding needs more than 512 MiB besides its input and output
-/// (no encoder preset needs more than 65 MiB). The result is allocated once, at the size that the stream's index
+/// when it would give more than `limit` bytes, when it has more than 65,536 blocks, or when decoding needs more than
+/// 512 MiB besides its input and output (no encoder preset needs more than 65 MiB). The result is allocated once, at the size that the stream's index
 /// states.
 std::optional<QByteArray> decompressXZ(QByteArrayView data, qint64 limit);
 
