@@ -42,21 +42,43 @@ std::optional<Measurement> runOnce(const Work &work)
     rusage usage{};
     if (child < 0 || ::wait4(child, &status, 0, &usage) != child || status != 0 || !heard)
         return std::nullopt;
-    return Measurement{seconds, double(usage.ru_maxrss) / 1024};
+    return Measurement{seconds, double(usage.ru_maxrss) / 1024, 0};
 }
 
-template <typename Field> double median(std::vector<Measurement> all, Field field)
+/// All runs of one side so far; none once one has failed.
+class Runs
 {
-    std::ranges::sort(all, {}, field);
-    return all[all.size() / 2].*field;
-}
+public:
+    void add(const Work &work, const std::filesystem::path &output)
+    {
+        std::optional<Measurement> once = m_failed ? std::nullopt : runOnce(work);
+        std::error_code error;
+        if (once && !output.empty())
+            once->bytes = double(std::filesystem::file_size(output, error));
+        m_failed = !once || error;
+        if (!m_failed)
+            m_all.push_back(*once);
+    }
 
-std::optional<Measurement> medians(const std::vector<Measurement> &all, int runs)
-{
-    if (all.empty() || int(all.size()) < runs)
-        return std::nullopt;
-    return Measurement{median(all, &Measurement::seconds), median(all, &Measurement::megabytes)};
-}
+    std::optional<Measurement> medians() const
+    {
+        if (m_failed || m_all.empty())
+            return std::nullopt;
+        return Measurement{median(&Measurement::seconds), median(&Measurement::megabytes),
+                           median(&Measurement::bytes)};
+    }
+
+private:
+    double median(double Measurement::*field) const
+    {
+        std::vector<Measurement> all = m_all;
+        std::ranges::sort(all, {}, field);
+        return all[all.size() / 2].*field;
+    }
+
+    std::vector<Measurement> m_all;
+    bool m_failed = false;
+};
 
 bool runCommand(const std::vector<std::string> &arguments)
 {
@@ -87,19 +109,37 @@ Work command(std::vector<std::string> arguments)
     };
 }
 
+Work commandWithout(const std::filesystem::path &leftover, std::vector<std::string> arguments)
+{
+    return [leftover, work = command(std::move(arguments))](const auto &timed) {
+        std::filesystem::remove_all(leftover);
+        return work(timed);
+    };
+}
+
+bool shell(const std::string &commands)
+{
+    return runCommand({"bash", "-o", "pipefail", "-ec", commands});
+}
+
+std::string shellWord(const std::filesystem::path &path)
+{
+    return '\'' + path.string() + '\''; // the benchmark's own folders have no quotes in their names
+}
+
 Result measure(const Row &row, int runs)
 {
-    std::vector<Measurement> ours;
-    std::vector<Measurement> peer;
-    for (int i = 0; i < runs; ++i) {
-        if (const auto once = runOnce(row.ours))
-            ours.push_back(*once);
-        if (!row.peer)
-            continue;
-        if (const auto once = runOnce(row.peer))
-            peer.push_back(*once);
+    Runs ours;
+    std::vector<Runs> peers(row.peers.size());
+    for (int i = 0; i < (row.slow ? std::min(runs, 3) : runs); ++i) {
+        ours.add(row.work, row.output);
+        for (size_t peer = 0; peer < peers.size(); ++peer)
+            peers[peer].add(row.peers[peer].work, row.peers[peer].output);
     }
-    return {medians(ours, runs), medians(peer, runs)};
+    Result result{ours.medians(), {}};
+    for (const Runs &each : peers)
+        result.peers.push_back(each.medians());
+    return result;
 }
 
 } // namespace bench

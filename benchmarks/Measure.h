@@ -1,6 +1,7 @@
 // Measuring pieces of work, each run in a process of its own.
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -15,27 +16,49 @@ using Work = std::function<bool(const std::function<void(const std::function<voi
 /// Lets an external command be measured like any other work; its output is dropped.
 Work command(std::vector<std::string> arguments);
 
-/// One line of the table: this project's work against its peer's on the same data.
+/// The same with a folder or file that is removed before each run, outside the time.
+Work commandWithout(const std::filesystem::path &leftover, std::vector<std::string> arguments);
+
+/// Runs commands one after the other in a shell; for what comes before the time, and for pipes.
+bool shell(const std::string &commands);
+
+/// A path as one word of a shell's command.
+std::string shellWord(const std::filesystem::path &path);
+
+/// Another way to the same end. Goals are the greatest ratios of ours to it to be content with; 0 for none.
+struct Peer {
+    std::string name;
+    Work work;
+    std::filesystem::path output = {}; ///< a file whose size counts; none when empty
+    double timeGoal = 0;
+    double sizeGoal = 0;
+    double aboveGoal = 0; ///< greatest resident megabytes above the peer's
+};
+
+/// This project's work on some data, and its peers on the same data.
 struct Row {
     std::string unit;
     std::string data;
-    Work ours;
-    std::string peerName;
-    Work peer;
-    double goal = 0; ///< the greatest ratio of the times to be content with; 0 for none
+    Work work;
+    std::filesystem::path output = {};
+    std::vector<Peer> peers = {};
+    bool slow = false; ///< three runs are enough
+    double secondsGoal = 0; ///< where there is no peer to compare with
+    double memoryGoal = 0; ///< greatest resident megabytes
 };
 
 struct Measurement {
     double seconds = 0; ///< wall time
-    double megabytes = 0; ///< greatest resident size of the process, its input included
+    double megabytes = 0; ///< greatest resident size of the process and its children, their input included
+    double bytes = 0; ///< size of the output
 };
 
 struct Result {
     std::optional<Measurement> ours; ///< the medians; none when a run failed
-    std::optional<Measurement> peer;
+    std::vector<std::optional<Measurement>> peers;
 };
 
-/// Runs both sides of a row in turn, so that both meet what else the machine does.
+/// Runs a row's work and its peers in turn, so that all meet what else the machine does.
 Result measure(const Row &row, int runs);
 
 } // namespace bench

@@ -9,8 +9,20 @@ namespace zel {
 
 namespace {
 
-constexpr qsizetype SmallPart = qsizetype(96) << 10; // below this a block of its own saves less than it costs
-constexpr qsizetype LargestBlock = qsizetype(32) << 20;
+constexpr qsizetype MiB = qsizetype(1) << 20;
+constexpr qsizetype SmallPart = 96 << 10; // below this a block of its own saves less than it costs
+constexpr qsizetype LargestBlock = 32 * MiB;
+
+/// How many blocks a part becomes. A block does not see what the one before it held; differences hardly miss it, and
+/// compressing them takes longest, so that all processors had better take part.
+qsizetype pieces(const XZBlock &part)
+{
+    const qsizetype size = part.data.size();
+    const qsizetype count = (size + LargestBlock - 1) / LargestBlock;
+    if (part.content != XZContent::Sparse)
+        return count;
+    return size <= 16 * MiB ? (size + 4 * MiB - 1) / (4 * MiB) : std::max<qsizetype>(count, 2);
+}
 
 qint64 headerField(QByteArrayView delta, size_t offset)
 {
@@ -44,7 +56,7 @@ public:
             return;
         }
         endRun();
-        const qsizetype count = (part.data.size() + LargestBlock - 1) / LargestBlock;
+        const qsizetype count = pieces(part);
         for (qsizetype i = 0; i < count; ++i) {
             const qsizetype start = part.data.size() * i / count;
             m_blocks.push_back(

@@ -1,10 +1,12 @@
 #include "XZ.h"
 
+#include "LargePages.h"
 #include "Parallel.h"
 #include "XZBlocks.h"
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <limits>
 #include <lzma.h>
 #include <memory>
@@ -22,6 +24,21 @@ const uint8_t *bytesOf(QByteArrayView data)
 {
     return reinterpret_cast<const uint8_t *>(data.data());
 }
+
+/// The decoder's dictionary is as large as its block.
+void *allocateWithLargePages(void *, size_t count, size_t size)
+{
+    void *const block = std::malloc(count * size); // liblzma asks for one item at a time
+    adviseLargePages(block, count * size);
+    return block;
+}
+
+void release(void *, void *block)
+{
+    std::free(block);
+}
+
+constexpr lzma_allocator Allocator = {allocateWithLargePages, release, nullptr};
 
 struct FreeIndex {
     void operator()(lzma_index *index) const { lzma_index_end(index, nullptr); }
@@ -67,7 +84,7 @@ public:
 
     Block(const Block &) = delete;
     Block &operator=(const Block &) = delete;
-    ~Block() { lzma_filters_free(m_filters.data(), nullptr); }
+    ~Block() { lzma_filters_free(m_filters.data(), &Allocator); }
 
     bool readHeader(QByteArrayView stream)
     {
@@ -76,7 +93,8 @@ public:
         if (*in == 0) // an index, not a block
             return false;
         m_header.header_size = lzma_block_header_size_decode(*in);
-        return m_header.header_size <= m_size && lzma_block_header_decode(&m_header, nullptr, in) == LZMA_OK
+        return m_header.header_size <= m_size
+            && lzma_block_header_decode(&m_header, &Allocator, in) == LZMA_OK
             && lzma_block_compressed_size(&m_header, m_unpaddedSize) == LZMA_OK;
     }
 
@@ -88,7 +106,7 @@ public:
         size_t written = m_outStart;
         const size_t end = m_start + m_size;
         const size_t outEnd = m_outStart + m_outSize;
-        return lzma_block_buffer_decode(&m_header, nullptr, bytesOf(stream), &read, end, result, &written,
+        return lzma_block_buffer_decode(&m_header, &Allocator, bytesOf(stream), &read, end, result, &written,
                                         outEnd)
             == LZMA_OK
             && read == end && written == outEnd;
@@ -161,6 +179,7 @@ std::optional<QByteArray> decompressXZ(QByteArrayView data, qint64 limit)
     } catch (const std::bad_alloc &) {
         return std::nullopt;
     }
+    adviseLargePages(result.data(), size_t(result.size()));
     if (!decodeBlocks(*blocks, data, reinterpret_cast<uint8_t *>(result.data())))
         return std::nullopt;
     return result;

@@ -98,10 +98,10 @@ public:
 
     // The check
 
-    /// Checks in the background with a configuration of its own: nothing is shown and no property changes. The keys are
-    /// "url", "build", "beta" and "path". `completion` is called once, with 0 when no usable answer came, 1 and
-    /// a check result, or 2 when there is no update. Safe from any thread.
-    void checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion);
+    /// Checks in the background with a configuration of its own: it needs no updater, shows nothing and changes no
+    /// property. The keys are "url", "build", "beta" and "path". `completion` is called once, with 0 when no usable
+    /// answer came, 1 and a check result, or 2 when there is no update. Safe from any thread.
+    static void checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion);
 
     /// Checks as the configuration says, and clears `update` first. In mode 0 it shows the checking page, brings the
     /// window forward unless "sheet" or "hidechecking" is there, and loads a found update's release notes into the

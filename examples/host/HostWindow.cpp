@@ -72,9 +72,8 @@ void HostWindow::checkForUpdates()
 
 void HostWindow::checkInBackground()
 {
-    ZELUpdater *updater = ZELUpdater::shared();
-    updater->checkForUpdates(
-        updater->config(),
+    ZELUpdater::checkForUpdates(
+        ZELUpdater::shared()->config(),
         [this, attempt = ++m_attempt](qint64 status, const QVariantMap &result, const QVariant &) {
             const QVariant skipped = QSettings().value(SkippedBuild);
             if (attempt == m_attempt && status == UpdateAvailable

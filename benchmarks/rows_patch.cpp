@@ -1,0 +1,225 @@
+#include "rows.h"
+
+#include "bspatch2.h"
+#include "PatchFile.h"
+
+#include <QFile>
+
+namespace bench {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Two releases of a program or of a whole tree, and where what is made of them goes.
+struct Pair {
+    std::string name;
+    fs::path data;
+
+    fs::path oldItem() const { return data / (name + ".old"); }
+    fs::path newItem() const { return data / (name + ".new"); }
+    fs::path made(const char *what) const { return data / (name + what); }
+
+    /// The release as a bundle: itself, or a folder with the program in it.
+    fs::path bundle(const char *side) const
+    {
+        const fs::path item = data / (name + '.' + side);
+        if (fs::is_directory(item))
+            return item;
+        const fs::path folder = data / (name + '-' + side);
+        if (fs::create_directory(folder))
+            fs::create_hard_link(item, folder / "program");
+        return folder;
+    }
+
+    std::vector<std::string> makePatch() const
+    {
+        return {ZEL_TOOL, "make-patch", "--allow-lost-modes", bundle("old"), bundle("new"), made(".patch")};
+    }
+};
+
+double megabytes(double bytes)
+{
+    return bytes / (1 << 20);
+}
+
+/// Has a file made by a command unless it is there.
+bool ensure(const fs::path &file, const std::string &commands)
+{
+    return fs::exists(file) || shell(commands);
+}
+
+bool ensurePatch(const Pair &pair)
+{
+    std::string words;
+    for (const std::string &word : pair.makePatch())
+        words += shellWord(word) + ' ';
+    return ensure(pair.made(".patch"), words);
+}
+
+bool ensureDelta(const Pair &pair)
+{
+    return ensure(pair.made(".delta"),
+                  shellWord(ZEL_TOOL) + " diff " + shellWord(pair.oldItem()) + ' ' + shellWord(pair.newItem())
+                      + ' ' + shellWord(pair.made(".delta")));
+}
+
+std::vector<std::string> xdelta(const Pair &pair)
+{
+    return {"xdelta3", "-9", "-f",           "-B",           std::to_string(fs::file_size(pair.oldItem())),
+            "-e",      "-s", pair.oldItem(), pair.newItem(), pair.made(".xdelta")};
+}
+
+void addProgram(std::vector<Row> &rows, const Pair &pair, double sizeGoal)
+{
+    const auto zstd = [&pair](const char *level, const char *output) {
+        return commandWithout(pair.made(output),
+                              {"zstd", level, "--long=31", "-q", "-f",
+                               "--patch-from=" + pair.oldItem().string(), pair.newItem(), "-o",
+                               pair.made(output)});
+    };
+    const double oldSize = double(fs::file_size(pair.oldItem()));
+    const double newSize = double(fs::file_size(pair.newItem()));
+    rows.push_back(
+        {.unit = "make-patch",
+         .data = pair.name,
+         .work = commandWithout(pair.made(".patch"), pair.makePatch()),
+         .output = pair.made(".patch"),
+         .peers = {{.name = "zstd -19 --long=31 --patch-from",
+                    .work = zstd("-19", ".zst19"),
+                    .output = pair.made(".zst19"),
+                    .timeGoal = 0.6,
+                    .sizeGoal = sizeGoal},
+                   {.name = "zstd -3 --long=31 --patch-from",
+                    .work = zstd("-3", ".zst3"),
+                    .output = pair.made(".zst3")},
+                   {.name = "xdelta3 -9", .work = command(xdelta(pair)), .output = pair.made(".xdelta")},
+                   {.name = "xz -6 of the new program",
+                    .work = command(
+                        {"bash", "-c",
+                         "xz -6 -c " + shellWord(pair.newItem()) + " >" + shellWord(pair.made(".xz"))}),
+                    .output = pair.made(".xz")}},
+         .slow = true,
+         .memoryGoal = megabytes(9 * oldSize + 3 * newSize) + 144});
+}
+
+void addTree(std::vector<Row> &rows, const Pair &pair, double sizeGoal)
+{
+    const std::string pack = "tar --sort=name -C " + shellWord(pair.newItem()) + " -cf - . | xz -9 >"
+        + shellWord(pair.made(".tar.xz"));
+    rows.push_back({.unit = "make-patch",
+                    .data = pair.name,
+                    .work = commandWithout(pair.made(".patch"), pair.makePatch()),
+                    .output = pair.made(".patch"),
+                    .peers = {{.name = "tar and xz -9 of the new tree",
+                               .work = command({"bash", "-c", pack}),
+                               .output = pair.made(".tar.xz"),
+                               .sizeGoal = sizeGoal}},
+                    .slow = true});
+}
+
+std::vector<std::byte> contents(const fs::path &path)
+{
+    std::vector<std::byte> bytes(fs::file_size(path));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)
+        || file.read(reinterpret_cast<char *>(bytes.data()), qint64(bytes.size())) < 0)
+        bytes.clear();
+    return bytes;
+}
+
+void addDeltaApplication(std::vector<Row> &rows, const Pair &pair)
+{
+    const auto apply = [pair](const auto &timed) {
+        if (!ensureDelta(pair))
+            return false;
+        const std::vector<std::byte> delta = contents(pair.made(".delta"));
+        fs::remove(pair.made(".built"));
+        int result = -1;
+        timed([&] { result = bspatch2(pair.oldItem(), pair.made(".built"), delta); });
+        return result == 0;
+    };
+    const std::string copy = "cat " + shellWord(pair.oldItem()) + ' ' + shellWord(pair.made(".delta"))
+        + " >/dev/null; cp " + shellWord(pair.newItem()) + ' ' + shellWord(pair.made(".copy"));
+    rows.push_back({.unit = "bspatch2",
+                    .data = pair.name,
+                    .work = apply,
+                    .peers = {{.name = "cat old delta, cp new",
+                               .work = commandWithout(pair.made(".copy"), {"bash", "-c", copy}),
+                               .timeGoal = 2}}});
+    const auto decodeAndApply = [pair](const auto &timed) {
+        if (!ensurePatch(pair))
+            return false;
+        fs::remove(pair.made(".built"));
+        int result = -1;
+        timed([&] {
+            zel::PatchFile patch;
+            if (!zel::PatchFile::read(QString::fromStdString(pair.made(".patch")), patch)
+                && patch.commands.size() == 1)
+                result =
+                    bspatch2(pair.oldItem(), pair.made(".built"), std::as_bytes(std::span(patch.payload)));
+        });
+        return result == 0;
+    };
+    const auto xdeltaApply = [pair](const auto &timed) {
+        if (!fs::exists(pair.made(".xdelta")) && !command(xdelta(pair))([](const auto &core) { core(); }))
+            return false;
+        return commandWithout(
+            pair.made(".copy"),
+            {"xdelta3", "-d", "-s", pair.oldItem(), pair.made(".xdelta"), pair.made(".copy")})(timed);
+    };
+    rows.push_back({.unit = "xz and bspatch2",
+                    .data = pair.name,
+                    .work = decodeAndApply,
+                    .peers = {{.name = "xdelta3 -d", .work = xdeltaApply, .timeGoal = 0.6}}});
+}
+
+/// The payload of the patch and the list of the files that it changes, for the peer of apply-patch.
+bool ensureParts(const Pair &pair)
+{
+    const std::string patch = shellWord(pair.made(".patch"));
+    return ensurePatch(pair)
+        && ensure(pair.made(".payload.xz"),
+                  "tail -c +$((33 + $(head -c 32 " + patch + " | tr -d '\\0'))) " + patch + " >"
+                      + shellWord(pair.made(".payload.xz")) + "; cd " + shellWord(pair.bundle("new"))
+                      + "; find . -type f | while read -r f; do cmp -s \"$f\" "
+                      + shellWord(pair.bundle("old")) + "/\"$f\" || echo \"$f\"; done >"
+                      + shellWord(pair.made(".changed")));
+}
+
+void addApplication(std::vector<Row> &rows, const Pair &pair)
+{
+    const auto prepared = [pair](const Work &work) {
+        return [pair, work](const auto &timed) { return ensureParts(pair) && work(timed); };
+    };
+    const std::string steps = "cp -a " + shellWord(pair.bundle("old")) + ' ' + shellWord(pair.made(".copied"))
+        + "; xz -dc " + shellWord(pair.made(".payload.xz")) + " >/dev/null; cd "
+        + shellWord(pair.bundle("new")) + "; xargs -d '\\n' md5sum <" + shellWord(pair.made(".changed"));
+    rows.push_back({.unit = "apply-patch",
+                    .data = pair.name,
+                    .work = prepared(commandWithout(pair.made(".built.app"),
+                                                    {ZEL_TOOL, "apply-patch", pair.bundle("old"),
+                                                     pair.made(".built.app"), pair.made(".patch")})),
+                    .peers = {{.name = "cp -a, xz -dc, md5sum",
+                               .work = prepared(commandWithout(pair.made(".copied"), {"bash", "-ec", steps})),
+                               .timeGoal = 1.1}}});
+}
+
+} // namespace
+
+void addPatchRows(std::vector<Row> &rows, const fs::path &data)
+{
+    const Pair notifier{"notifier", data};
+    const Pair esbuild{"esbuild", data};
+    const Pair biome{"biome", data};
+    const Pair flipper{"flipper", data};
+    addProgram(rows, esbuild, 0.48);
+    addProgram(rows, biome, 0.60);
+    addTree(rows, notifier, 0.007);
+    addTree(rows, flipper, 0.44);
+    for (const Pair &pair : {esbuild, biome})
+        addDeltaApplication(rows, pair);
+    for (const Pair &pair : {esbuild, biome, flipper})
+        addApplication(rows, pair);
+}
+
+} // namespace bench
