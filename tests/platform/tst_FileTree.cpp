@@ -1,6 +1,5 @@
 #include "FileTree.h"
 #include "TemporaryTree.h"
-#include "XZ.h"
 
 #include <fcntl.h>
 #include <sys/xattr.h>
@@ -152,24 +151,6 @@ private slots:
         tree.write(QStringLiteral("file"), "");
         QVERIFY(makePrivateFolder(tree.path(QStringLiteral("file"))));
         QVERIFY(makePrivateFolder(tree.path(QStringLiteral("file/x"))));
-    }
-
-    void xzRoundTripAndFaults()
-    {
-        for (const QByteArray &data : {QByteArray(), QByteArray("x"), QByteArray("text ").repeated(100000)}) {
-            const QByteArray packed = compressXZ(data).value();
-            QCOMPARE(decompressXZ(packed, data.size()), std::optional(data));
-            QCOMPARE(decompressXZ(packed + '\0', data.size()), std::nullopt);
-            QCOMPARE(decompressXZ(packed + packed, 2 * data.size()), std::nullopt);
-            if (!data.isEmpty())
-                QCOMPARE(decompressXZ(packed, data.size() - 1), std::nullopt);
-            for (qsizetype at = 0; at < packed.size(); ++at) {
-                QByteArray damaged = packed;
-                damaged[at] = char(~damaged[at]);
-                QCOMPARE(decompressXZ(damaged, qint64(1) << 40), std::nullopt);
-                QCOMPARE(decompressXZ(packed.first(at), qint64(1) << 40), std::nullopt);
-            }
-        }
     }
 };
 

@@ -133,6 +133,12 @@ private slots:
             made.append(wordOf(command.action) + u' ' + command.path);
         QCOMPARE(made, commands);
 
+        PatchMakerOptions sparing;
+        sparing.memory = 1;
+        const QString samePatch = tree.path("same patch");
+        QVERIFY(!makePatch(oldBundle, newBundle, samePatch, sparing, summary));
+        QCOMPARE(TemporaryTree::contents(samePatch), TemporaryTree::contents(patch));
+
         QVariantList log;
         const QString built = tree.path(QStringLiteral("built.app"));
         QVERIFY(ZELUpdaterApplyPatch(oldBundle, built, patch, log));

@@ -124,6 +124,8 @@ private slots:
             "Contents/MacOS/example; .*--allow-lost-modes");
         row("make-patch|{}/100|{}/101/My App.app|{}/p|--allow-lost-modes", 0, "without their executable bit",
             "^$");
+        row("make-patch|{}/100/My App.app|{}/101/My App.app|{}/p|--memory|half", 2, "^$",
+            "--memory takes a whole number from 1");
         row("apply-patch|{}/100/My App.app|{}/new.app|{}/good.patch", 0, "new.app is ready", "^$");
         row("apply-patch|{}/100/My App.app|{}/new.app|{}/short", 1, "^$", "shorter than its header");
         row("apply-patch|{}/101/My App.app|{}/new.app|{}/good.patch", 1, "^$", "Hash error: Contents/");

@@ -1,0 +1,59 @@
+#include "Parallel.h"
+
+#include <mutex>
+#include <QtTest>
+#include <vector>
+
+using namespace zel;
+
+class tst_Parallel : public QObject
+{
+    Q_OBJECT
+private slots:
+    void jobs_data()
+    {
+        QTest::addColumn<QList<qint64>>("costs");
+        QTest::addColumn<qint64>("budget");
+
+        QList<qint64> many;
+        for (qint64 i = 0; i < 1000; ++i)
+            many.append(i * 7919 % 100);
+        QTest::newRow("none") << QList<qint64>() << qint64(1);
+        QTest::newRow("all fit") << many << std::numeric_limits<qint64>::max();
+        QTest::newRow("few fit") << many << qint64(120);
+        QTest::newRow("none fits") << QList<qint64>{5, 7, 6, 7} << qint64(0);
+    }
+
+    void jobs()
+    {
+        QFETCH(QList<qint64>, costs);
+        QFETCH(qint64, budget);
+        std::mutex mutex;
+        std::vector<int> runs(size_t(costs.size()));
+        std::vector<size_t> order;
+        qint64 used = 0;
+        int running = 0;
+        bool within = true;
+        const auto job = [&](size_t i) {
+            std::unique_lock lock(mutex);
+            order.push_back(i);
+            ++runs[i];
+            used += costs[qsizetype(i)];
+            ++running;
+            within = within && (running == 1 || used <= budget);
+            lock.unlock();
+            std::this_thread::yield();
+            lock.lock();
+            used -= costs[qsizetype(i)];
+            --running;
+        };
+        runJobs(std::span(costs.constData(), size_t(costs.size())), job, budget);
+        QCOMPARE(runs, std::vector<int>(runs.size(), 1));
+        QVERIFY(within);
+        if (!order.empty())
+            QCOMPARE(costs[qsizetype(order.front())], *std::ranges::max_element(costs));
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_Parallel)
+#include "tst_Parallel.moc"

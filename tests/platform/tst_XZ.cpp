@@ -1,0 +1,82 @@
+#include "XZ.h"
+#include "XZBlocks.h"
+
+#include <limits>
+#include <QtTest>
+
+using namespace zel;
+
+namespace {
+
+constexpr qint64 NoLimit = qint64(1) << 40;
+
+QByteArray blocksOf(std::initializer_list<XZBlock> blocks, qint64 memory = NoLimit)
+{
+    return compressXZBlocks(std::span(blocks.begin(), blocks.size()), memory).value();
+}
+
+} // namespace
+
+class tst_XZ : public QObject
+{
+    Q_OBJECT
+private slots:
+    void roundTripAndFaults_data()
+    {
+        QTest::addColumn<QByteArray>("data");
+        QTest::addColumn<QByteArray>("packed");
+
+        for (const QByteArray &data : {QByteArray(), QByteArray("x"), QByteArray("text ").repeated(100000)})
+            QTest::addRow("%d bytes", int(data.size())) << data << compressXZ(data).value();
+        const QByteArray records = QByteArray("\x18\0\0\0\0\0\0\0\2\0\0\0\0\0\0\x80", 16).repeated(50);
+        const QByteArray sparse = QByteArray(3000, '\0') + '\1';
+        QTest::newRow("a block of each kind, one of them empty")
+            << records + sparse + "text"
+            << blocksOf({{records, XZContent::Records}, {sparse, XZContent::Sparse}, {""}, {"text"}});
+    }
+
+    void roundTripAndFaults()
+    {
+        QFETCH(QByteArray, data);
+        QFETCH(QByteArray, packed);
+        QCOMPARE(decompressXZ(packed, data.size()), std::optional(data));
+        QCOMPARE(decompressXZ(packed + '\0', data.size()), std::nullopt);
+        QCOMPARE(decompressXZ(packed + packed, 2 * data.size()), std::nullopt);
+        if (!data.isEmpty())
+            QCOMPARE(decompressXZ(packed, data.size() - 1), std::nullopt);
+        for (qsizetype at = 0; at < packed.size(); ++at) {
+            QByteArray damaged = packed;
+            damaged[at] = char(~damaged[at]);
+            QCOMPARE(decompressXZ(damaged, NoLimit), std::nullopt);
+            QCOMPARE(decompressXZ(packed.first(at), NoLimit), std::nullopt);
+        }
+    }
+
+    void memoryChangesNothing()
+    {
+        const QByteArray data = QByteArray("some text, ").repeated(10000);
+        QCOMPARE(blocksOf({{data}, {data}, {data}}, 1), blocksOf({{data}, {data}, {data}}));
+    }
+
+    void tooManyBlocks()
+    {
+        const std::vector<XZBlock> blocks((1 << 16) + 1, {"x", XZContent::Sparse});
+        const QByteArray packed = compressXZBlocks(blocks, NoLimit).value();
+        QCOMPARE(decompressXZ(packed, NoLimit), std::nullopt);
+        const auto fewer = std::span(blocks).first(1 << 16);
+        QCOMPARE(decompressXZ(compressXZBlocks(fewer, NoLimit).value(), NoLimit).value().size(), 1 << 16);
+    }
+
+    void estimates()
+    {
+        QByteArray random(20 << 20, Qt::Uninitialized);
+        QRandomGenerator generator(1);
+        generator.fillRange(reinterpret_cast<quint32 *>(random.data()), random.size() / 4);
+        const QByteArray half = random.first(random.size() / 2) + QByteArray(random.size() / 2, '\0');
+        QVERIFY(estimateXZ(random) > random.size() * 9 / 10);
+        QVERIFY(estimateXZ(half) > random.size() * 4 / 10 && estimateXZ(half) < random.size() * 6 / 10);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_XZ)
+#include "tst_XZ.moc"
