@@ -81,10 +81,12 @@ private slots:
                       {10 * MiB, Sparse},
                       {10 * MiB, Sparse}};
         QTest::newRow("a run has its end") << Payload().whole(90 * KiB) << Blocks{{90 * KiB, Bytes}};
+        const QByteArray beyond = "BSDIFN40" + integer(24) + integer(200 * KiB) + QByteArray(200 * KiB, 'd');
         QTest::newRow("no delta at all") << Payload()
                                                 .slice(PatchAction::Patch, "short")
                                                 .slice(PatchAction::Patch, QByteArray(200 * KiB, '\x7F'))
-                                         << Blocks{{5, Bytes}, {200 * KiB, Bytes}};
+                                                .slice(PatchAction::Patch, beyond)
+                                         << Blocks{{5, Bytes}, {200 * KiB, Bytes}, {beyond.size(), Bytes}};
     }
 
     void blocks()

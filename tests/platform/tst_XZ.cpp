@@ -1,8 +1,10 @@
 #include "XZ.h"
 #include "XZBlocks.h"
 
-#include <limits>
+#include <QtEndian>
 #include <QtTest>
+
+#include <zlib.h>
 
 using namespace zel;
 
@@ -50,6 +52,26 @@ private slots:
             QCOMPARE(decompressXZ(damaged, NoLimit), std::nullopt);
             QCOMPARE(decompressXZ(packed.first(at), NoLimit), std::nullopt);
         }
+    }
+
+    // What is wrong although every checksum is right.
+    void contradictions()
+    {
+        QByteArray longer =
+            compressXZ("text").value(); // the index: mark, count, two sizes, checksum; then the footer
+        const qsizetype index = longer.size() - 12 - 8;
+        QCOMPARE(longer[index + 3], 4);
+        longer[index + 3] = 5;
+        const auto *const bytes = reinterpret_cast<const unsigned char *>(longer.constData());
+        qToLittleEndian(quint32(::crc32(0, bytes + index, 4)), longer.data() + index + 4);
+        QCOMPARE(decompressXZ(longer, NoLimit), std::nullopt);
+
+        QByteArray otherCheck = compressXZ("").value();
+        otherCheck.replace(0, 12,
+                           QByteArray("\xFD"
+                                      "7zXZ\0\0\1\x69\x22\xDE\x36",
+                                      12));
+        QCOMPARE(decompressXZ(otherCheck, NoLimit), std::nullopt);
     }
 
     void memoryChangesNothing()
