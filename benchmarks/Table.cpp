@@ -61,10 +61,10 @@ void writeMeasurement(std::FILE *json, const std::optional<Measurement> &it)
 } // namespace
 
 Table::Table(const char *jsonPath)
-    : m_json(std::fopen(jsonPath, "we"))
+    : m_json(std::fopen(jsonPath, "we"), &std::fclose)
 {
     if (m_json)
-        std::fputc('[', m_json);
+        std::fputc('[', m_json.get());
 }
 
 bool Table::add(const Row &row, const Result &result)
@@ -79,27 +79,27 @@ bool Table::add(const Row &row, const Result &result)
 
 bool Table::close()
 {
-    std::fputs("\n]\n", m_json);
-    return std::fclose(m_json) == 0;
+    std::fputs("\n]\n", m_json.get());
+    return std::fclose(m_json.release()) == 0;
 }
 
 void Table::write(const Row &row, const Result &result)
 {
+    std::FILE *const json = m_json.get();
     std::fprintf(
-        m_json, "%s{\"unit\": \"%s\", \"data\": \"%s\", \"secondsGoal\": %.2f, \"megabytesGoal\": %.1f",
+        json, "%s{\"unit\": \"%s\", \"data\": \"%s\", \"secondsGoal\": %.2f, \"megabytesGoal\": %.1f",
         m_first ? "\n " : ",\n ", row.unit.c_str(), row.data.c_str(), row.secondsGoal, row.memoryGoal);
     m_first = false;
-    writeMeasurement(m_json, result.ours);
-    std::fputs(", \"peers\": [", m_json);
+    writeMeasurement(json, result.ours);
+    std::fputs(", \"peers\": [", json);
     for (size_t i = 0; i < row.peers.size(); ++i) {
         const Peer &peer = row.peers[i];
-        std::fprintf(m_json,
-                     "%s{\"name\": \"%s\", \"timeGoal\": %.3f, \"sizeGoal\": %.3f, \"aboveGoal\": %.1f",
+        std::fprintf(json, "%s{\"name\": \"%s\", \"timeGoal\": %.3f, \"sizeGoal\": %.3f, \"aboveGoal\": %.1f",
                      i == 0 ? "" : ", ", peer.name.c_str(), peer.timeGoal, peer.sizeGoal, peer.aboveGoal);
-        writeMeasurement(m_json, result.peers[i]);
-        std::fputc('}', m_json);
+        writeMeasurement(json, result.peers[i]);
+        std::fputc('}', json);
     }
-    std::fputs("]}", m_json);
+    std::fputs("]}", json);
 }
 
 } // namespace bench

@@ -4,6 +4,7 @@
 #include "Measure.h"
 
 #include <cstdio>
+#include <memory>
 
 namespace bench {
 
@@ -13,7 +14,7 @@ public:
     /// Begins the file at `jsonPath`.
     explicit Table(const char *jsonPath);
 
-    bool isOpen() const { return m_json; }
+    bool isOpen() const { return m_json != nullptr; }
 
     /// Prints and writes a row's outcome; false when a run of it failed.
     bool add(const Row &row, const Result &result);
@@ -24,7 +25,7 @@ public:
 private:
     void write(const Row &row, const Result &result);
 
-    std::FILE *m_json;
+    std::unique_ptr<std::FILE, int (*)(std::FILE *)> m_json;
     bool m_first = true;
 };
 

@@ -5,6 +5,8 @@
 
 #include <lzma.h>
 
+namespace zel {
+
 inline QByteArray packed(const QByteArray &data)
 {
     const size_t size = size_t(data.size());
@@ -16,9 +18,11 @@ inline QByteArray packed(const QByteArray &data)
     return result.first(qsizetype(written));
 }
 
-inline QByteArray patchFile(const QByteArray &manifest, const QByteArray &payload)
+inline QByteArray patchBytes(const QByteArray &manifest, const QByteArray &payload)
 {
     const QByteArray first = packed(manifest);
-    return QByteArray::number(first.size()).leftJustified(zel::PatchFile::HeaderSize, '\0') + first
+    return QByteArray::number(first.size()).leftJustified(PatchFile::HeaderSize, '\0') + first
         + packed(payload);
 }
+
+} // namespace zel

@@ -61,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     while (input.remaining_bytes() > 0 && commands.size() < 12)
         commands.append(commandFrom(input, fixture).toJson());
     const QJsonDocument manifest(QJsonObject{{QLatin1String("commands"), commands}});
-    const QByteArray patch = patchFile(manifest.toJson(), fixture.delta);
+    const QByteArray patch = patchBytes(manifest.toJson(), fixture.delta);
     std::filesystem::remove_all(sandbox.inside());
     std::filesystem::create_directory(sandbox.inside());
     Sandbox::write(sandbox.path("patch"), {patch.constData(), size_t(patch.size())});

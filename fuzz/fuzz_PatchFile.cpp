@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     static const auto path = sandbox.path("patch");
     const QByteArray bytes(reinterpret_cast<const char *>(data), qsizetype(size));
     const qsizetype end = bytes.contains('\0') ? bytes.indexOf('\0') : bytes.size();
-    const QByteArray file = patchFile(bytes.left(end), bytes.mid(end + 1));
+    const QByteArray file = patchBytes(bytes.left(end), bytes.mid(end + 1));
     Sandbox::write(path, file.toStdString());
     PatchFile patch;
     require(!PatchFile::read(QString::fromStdString(path), patch) && patch.payload == bytes.mid(end + 1));

@@ -16,8 +16,18 @@ void setChecksum(QByteArray &bytes, qsizetype at, qsizetype from, qsizetype size
     qToLittleEndian(lzma_crc32(data + from, size_t(size), 0), bytes.data() + at);
 }
 
+// Of the first block's header, so that filters and dictionary sizes of all kinds are met.
+void setHeaderChecksum(QByteArray &bytes)
+{
+    constexpr qsizetype at = LZMA_STREAM_HEADER_SIZE;
+    const qsizetype size = bytes.size() > at ? 4 * (qsizetype(uchar(bytes[at])) + 1) : 0;
+    if (size >= 8 && at + size <= bytes.size())
+        setChecksum(bytes, at + size - 4, at, size - 4);
+}
+
 void setChecksums(QByteArray &bytes)
 {
+    setHeaderChecksum(bytes);
     const qsizetype footer = bytes.size() - FooterSize;
     if (footer < 0)
         return;

@@ -134,7 +134,11 @@ std::optional<QByteArray> PatchFile::encode(const std::vector<PatchCommand> &com
     const std::optional<QByteArray> second = compressXZBlocks(payloadBlocks(commands, payload), memory);
     if (!first || !second)
         return std::nullopt;
-    return QByteArray::number(first->size()).leftJustified(HeaderSize, '\0') + *first + *second;
+    try {
+        return QByteArray::number(first->size()).leftJustified(HeaderSize, '\0') + *first + *second;
+    } catch (const std::bad_alloc &) {
+        return std::nullopt;
+    }
 }
 
 } // namespace zel

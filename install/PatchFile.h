@@ -44,15 +44,15 @@ struct PatchFile {
 
     /// Reads and decompresses a patch file. An error when the file cannot be read, is shorter than its header, states
     /// a manifest length that is negative or runs past its end, or when the manifest or the payload does not
-    /// decompress within the limits. Peak memory: the file, the manifest and the payload.
+    /// decompress within the limits. Peak memory: the file, the manifest and the payload, and the decoders
+    /// (`decompressXZ`). Works on all processors.
     static ZELError read(const QString &path, PatchFile &result);
 
     /// The part of the payload that a command names; nothing when it lies outside.
     std::optional<QByteArrayView> slice(const PatchCommand &command) const;
 
-    /// A whole patch file of commands and a payload, which their slices cover one after the other; nothing when memory
-    /// runs out. `memory` bounds what compressing
-    /// takes besides them, as for `compressXZBlocks`.
+    /// A whole patch file of commands and a payload, which their slices cover one after the other; nothing when
+    /// memory runs out. `memory` bounds what compressing takes besides them, as for `compressXZBlocks`.
     static std::optional<QByteArray> encode(const std::vector<PatchCommand> &commands, QByteArrayView payload,
                                             qint64 memory);
 };

@@ -14,7 +14,8 @@ constexpr qsizetype SmallPart = 96 << 10; // below this a block of its own saves
 constexpr qsizetype LargestBlock = 32 * MiB;
 
 /// How many blocks a part becomes. A block does not see what the one before it held; differences hardly miss it, and
-/// compressing them takes longest, so that all processors had better take part.
+/// compressing them takes longest, so that all processors had better take part: large ones are halved, small ones cut
+/// finer, where one of two processors would soon wait for the other.
 qsizetype pieces(const XZBlock &part)
 {
     const qsizetype size = part.data.size();
@@ -35,13 +36,15 @@ std::vector<XZBlock> partsOf(const PatchCommand &command, QByteArrayView slice)
 {
     if (command.action != PatchAction::Patch || slice.size() < qsizetype(headerSize))
         return {{slice, XZContent::Bytes}};
-    const qint64 control = qint64(headerSize) + headerField(slice, controlLengthOffset);
+    const qint64 room = slice.size() - qint64(headerSize);
+    const qint64 control = headerField(slice, controlLengthOffset);
     const qint64 diff = headerField(slice, diffLengthOffset);
-    if (control < 0 || diff < 0 || control > slice.size() || diff > slice.size() - control)
+    if (control < 0 || diff < 0 || control > room || diff > room - control)
         return {{slice, XZContent::Bytes}};
-    return {{slice.first(control), XZContent::Records},
-            {slice.sliced(control, diff), XZContent::Sparse},
-            {slice.sliced(control + diff), XZContent::Bytes}};
+    const qint64 diffStart = qint64(headerSize) + control;
+    return {{slice.first(diffStart), XZContent::Records},
+            {slice.sliced(diffStart, diff), XZContent::Sparse},
+            {slice.sliced(diffStart + diff), XZContent::Bytes}};
 }
 
 class Division

@@ -39,11 +39,12 @@ ZELError makeRoom(const QString &oldPath, const QString &newPath)
     return {};
 }
 
-void appendCopyError(const ZELError &error, const QString &newPath, QVariantList &log)
+bool copyFailed(const ZELError &error, const QString &newPath, QVariantList &log)
 {
     const QString description = QLatin1String("Error copying old app: ") + error.message;
     appendEntry(log, description, {{QStringLiteral("path"), newPath}});
     DDLogDebug(description);
+    return false;
 }
 
 /// A patch file that is read and decompressed on a thread of its own, where there can be one.
@@ -54,6 +55,9 @@ public:
         : m_error(std::async([this, path] { return PatchFile::read(path, m_patch); }))
     {
     }
+
+    PatchReading(const PatchReading &) = delete;
+    PatchReading &operator=(const PatchReading &) = delete;
 
     /// Waits; to be called once.
     ZELError error() { return m_error.get(); }
@@ -104,16 +108,13 @@ bool ZELUpdaterApplyPatch(const QString &oldPath, const QString &newPath, const 
     DDLogDebug(QLatin1String("Old File: ") + oldPath);
     DDLogDebug(QLatin1String("New File: ") + newPath);
     DDLogDebug(QLatin1String("Patch File: ") + patchPath);
-    ZELError error = makeRoom(oldPath, newPath);
+    // Deliberate: a copy that fails ends the log with its own entry, without "Patch failed".
+    if (const ZELError error = makeRoom(oldPath, newPath))
+        return copyFailed(error, newPath, log);
     // Begins here, because a patch that lies at the new path must be gone by now.
     PatchReading reading(patchPath);
-    if (!error)
-        error = copyTree(oldPath, newPath);
-    // Deliberate: a copy that fails ends the log with its own entry, without "Patch failed".
-    if (error) {
-        appendCopyError(error, newPath, log);
-        return false;
-    }
+    if (const ZELError error = copyTree(oldPath, newPath))
+        return copyFailed(error, newPath, log);
     appendItem(log, "New file", newPath);
     appendEntry(log, QStringLiteral("chmod'ing new file"));
     // Before the commands: what "add" writes keeps its default mode.

@@ -23,6 +23,7 @@
 /// `docs/bundle-patch-format.md` lists them.
 ///
 /// Leaves an empty folder named by a new UUID in the temporary folder. Peak memory: the patch file, its decompressed
-/// payload, and the old and new content of the largest patched file. Safe from any thread; blocks it.
+/// payload, and then the decoders (33 MiB per processor for patches of `zelupdater`, 512 MiB at most) or the old and
+/// new content of the largest patched file. Safe from any thread; blocks it, and decompresses on others.
 ZEL_EXPORT bool ZELUpdaterApplyPatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
                                      QVariantList &log);

@@ -26,7 +26,7 @@ public:
         std::ranges::stable_sort(m_waiting, std::ranges::less(), [costs](size_t i) { return costs[i]; });
     }
 
-    void work()
+    void work() noexcept
     {
         std::unique_lock lock(m_mutex);
         while (const std::optional<size_t> next = take(lock)) {

@@ -2,14 +2,13 @@
 
 #include "LargePages.h"
 #include "Parallel.h"
-#include "XZBlocks.h"
+#include "XZParts.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdlib>
-#include <limits>
-#include <lzma.h>
-#include <memory>
+#include <deque>
 #include <vector>
 
 namespace zel {
@@ -19,11 +18,6 @@ namespace {
 constexpr uint64_t DecoderMemory = uint64_t(512) << 20;
 constexpr lzma_vli BlockLimit = 1 << 16;
 constexpr qsizetype FooterSize = LZMA_STREAM_HEADER_SIZE;
-
-const uint8_t *bytesOf(QByteArrayView data)
-{
-    return reinterpret_cast<const uint8_t *>(data.data());
-}
 
 /// The decoder's dictionary is as large as its block.
 void *allocateWithLargePages(void *, size_t count, size_t size)
@@ -40,29 +34,23 @@ void release(void *, void *block)
 
 constexpr lzma_allocator Allocator = {allocateWithLargePages, release, nullptr};
 
-struct FreeIndex {
-    void operator()(lzma_index *index) const { lzma_index_end(index, nullptr); }
-};
-
-using Index = std::unique_ptr<lzma_index, FreeIndex>;
-
 /// The index of data that is exactly one stream, header and footer included; null for other data. A lie in it is found
 /// when the blocks are decoded: both must agree.
-Index readIndex(QByteArrayView data, lzma_stream_flags &flags)
+XZIndex readIndex(QByteArrayView data, lzma_stream_flags &flags)
 {
     lzma_stream_flags footer;
-    if (data.size() < 2 * FooterSize || lzma_stream_header_decode(&flags, bytesOf(data)) != LZMA_OK
-        || lzma_stream_footer_decode(&footer, bytesOf(data.last(FooterSize))) != LZMA_OK
+    if (data.size() < 2 * FooterSize || lzma_stream_header_decode(&flags, lzmaBytes(data)) != LZMA_OK
+        || lzma_stream_footer_decode(&footer, lzmaBytes(data.last(FooterSize))) != LZMA_OK
         || lzma_stream_flags_compare(&flags, &footer) != LZMA_OK
         || footer.backward_size > lzma_vli(data.size() - 2 * FooterSize))
         return nullptr;
-    uint64_t memory = DecoderMemory;
+    uint64_t memory = lzma_index_memusage(1, BlockLimit);
     lzma_index *index = nullptr;
     const size_t end = size_t(data.size() - FooterSize);
     size_t at = end - footer.backward_size;
-    if (lzma_index_buffer_decode(&index, &memory, nullptr, bytesOf(data), &at, end) != LZMA_OK)
+    if (lzma_index_buffer_decode(&index, &memory, nullptr, lzmaBytes(data), &at, end) != LZMA_OK)
         return nullptr;
-    Index owner(index);
+    XZIndex owner(index);
     return at == end && lzma_index_file_size(index) == lzma_vli(data.size()) ? std::move(owner) : nullptr;
 }
 
@@ -88,7 +76,7 @@ public:
 
     bool readHeader(QByteArrayView stream)
     {
-        const uint8_t *const in = bytesOf(stream) + m_start;
+        const uint8_t *const in = lzmaBytes(stream) + m_start;
         m_header.filters = m_filters.data();
         if (*in == 0) // an index, not a block
             return false;
@@ -106,8 +94,8 @@ public:
         size_t written = m_outStart;
         const size_t end = m_start + m_size;
         const size_t outEnd = m_outStart + m_outSize;
-        return lzma_block_buffer_decode(&m_header, &Allocator, bytesOf(stream), &read, end, result, &written,
-                                        outEnd)
+        return lzma_block_buffer_decode(&m_header, &Allocator, lzmaBytes(stream), &read, end, result,
+                                        &written, outEnd)
             == LZMA_OK
             && read == end && written == outEnd;
     }
@@ -122,7 +110,7 @@ private:
     std::array<lzma_filter, LZMA_FILTERS_MAX + 1> m_filters = {};
 };
 
-using Blocks = std::vector<std::unique_ptr<Block>>;
+using Blocks = std::deque<Block>;
 
 std::optional<Blocks> readBlocks(QByteArrayView stream, const lzma_index &index, lzma_check check)
 {
@@ -130,8 +118,8 @@ std::optional<Blocks> readBlocks(QByteArrayView stream, const lzma_index &index,
     lzma_index_iter place;
     lzma_index_iter_init(&place, &index);
     while (!lzma_index_iter_next(&place, LZMA_INDEX_ITER_BLOCK)) {
-        blocks.push_back(std::make_unique<Block>(place, check));
-        if (!blocks.back()->readHeader(stream) || blocks.back()->memory() > DecoderMemory)
+        Block &block = blocks.emplace_back(place, check);
+        if (!block.readHeader(stream) || block.memory() > DecoderMemory)
             return std::nullopt;
     }
     return blocks;
@@ -142,66 +130,40 @@ std::optional<Blocks> readBlocks(QByteArrayView stream, const lzma_index &index,
 bool decodeBlocks(Blocks &blocks, QByteArrayView stream, uint8_t *result)
 {
     std::vector<qint64> costs;
-    std::vector<char> sound(blocks.size());
-    for (const auto &block : blocks)
-        costs.push_back(qint64(block->memory()));
-    runJobs(
-        costs, [&](size_t i) { sound[i] = blocks[i]->decode(stream, result); }, qint64(DecoderMemory));
-    return std::ranges::all_of(sound, [](char ok) { return ok; });
+    for (const Block &block : blocks)
+        costs.push_back(qint64(block.memory()));
+    std::atomic<bool> sound = true;
+    const auto decode = [&](size_t i) {
+        if (sound && !blocks[i].decode(stream, result))
+            sound = false;
+    };
+    runJobs(costs, decode, qint64(DecoderMemory));
+    return sound;
 }
 
-qint64 quickSize(QByteArrayView data)
+std::optional<QByteArray> decompress(QByteArrayView data, qint64 limit)
 {
-    std::vector<uint8_t> out(lzma_stream_buffer_bound(size_t(data.size())));
-    size_t written = 0;
-    if (lzma_easy_buffer_encode(0, LZMA_CHECK_NONE, nullptr, bytesOf(data), size_t(data.size()), out.data(),
-                                &written, out.size())
-        != LZMA_OK)
-        return std::numeric_limits<qint64>::max();
-    return qint64(written);
+    lzma_stream_flags flags;
+    const XZIndex index = readIndex(data, flags);
+    if (!index || lzma_index_uncompressed_size(index.get()) > lzma_vli(std::max<qint64>(limit, 0)))
+        return std::nullopt;
+    std::optional<Blocks> blocks = readBlocks(data, *index, flags.check);
+    if (!blocks)
+        return std::nullopt;
+    QByteArray result(qsizetype(lzma_index_uncompressed_size(index.get())), Qt::Uninitialized);
+    adviseLargePages(result.data(), size_t(result.size()));
+    return decodeBlocks(*blocks, data, lzmaBytes(result)) ? std::optional(result) : std::nullopt;
 }
 
 } // namespace
 
 std::optional<QByteArray> decompressXZ(QByteArrayView data, qint64 limit)
 {
-    lzma_stream_flags flags;
-    const Index index = readIndex(data, flags);
-    if (!index || lzma_index_block_count(index.get()) > BlockLimit
-        || lzma_index_uncompressed_size(index.get()) > lzma_vli(std::max<qint64>(limit, 0)))
-        return std::nullopt;
-    std::optional<Blocks> blocks = readBlocks(data, *index, flags.check);
-    if (!blocks)
-        return std::nullopt;
-    QByteArray result;
     try {
-        result = QByteArray(qsizetype(lzma_index_uncompressed_size(index.get())), Qt::Uninitialized);
+        return decompress(data, limit);
     } catch (const std::bad_alloc &) {
         return std::nullopt;
     }
-    adviseLargePages(result.data(), size_t(result.size()));
-    if (!decodeBlocks(*blocks, data, reinterpret_cast<uint8_t *>(result.data())))
-        return std::nullopt;
-    return result;
-}
-
-std::optional<QByteArray> compressXZ(QByteArrayView data)
-{
-    const XZBlock block{data};
-    return compressXZBlocks(std::span(&block, data.isEmpty() ? 0 : 1), std::numeric_limits<qint64>::max());
-}
-
-qint64 estimateXZ(QByteArrayView data)
-{
-    constexpr qsizetype piece = 1 << 16;
-    constexpr qsizetype pieces = 64;
-    if (data.size() <= 2 * piece * pieces)
-        return quickSize(data);
-    QByteArray sample;
-    const qsizetype step = data.size() / pieces;
-    for (qsizetype i = 0; i < pieces; ++i)
-        sample += data.sliced(i * step, piece);
-    return qint64(double(quickSize(sample)) * double(data.size()) / double(sample.size()));
 }
 
 } // namespace zel

@@ -8,13 +8,13 @@
 namespace zel {
 
 /// Decompresses one whole xz stream, its blocks side by side. Nothing when the data is not exactly one sound stream,
-/// when it would give more than `limit` bytes, when it has more than 65,536 blocks, or when decoding needs more than
-/// 512 MiB besides its input and output (no encoder preset needs more than 65 MiB). The result is allocated once, at the size that the stream's index
-/// states.
+/// when it would give more than `limit` bytes, when it has more than 65,536 blocks, or when memory runs out. Decoders
+/// take at most 512 MiB together (no encoder preset needs more than 65 MiB); a block that needs more is refused. The
+/// result is allocated once, at the size that the stream's index states.
 std::optional<QByteArray> decompressXZ(QByteArrayView data, qint64 limit);
 
 /// Compresses into one xz stream of plain LZMA2, which every xz reader can read.
-/// Nothing when memory runs out: the encoder needs about eleven bytes per byte of data, 700 MiB at most.
+/// Nothing when memory runs out: the encoder takes about twelve bytes per byte of data, 700 MiB at most.
 std::optional<QByteArray> compressXZ(QByteArrayView data);
 
 /// About how many bytes the data would take compressed; quick, and of large data judged by samples. Serves to compare.

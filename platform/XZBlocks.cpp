@@ -1,11 +1,12 @@
 #include "XZBlocks.h"
 
 #include "Parallel.h"
+#include "XZ.h"
+#include "XZParts.h"
 
 #include <algorithm>
 #include <array>
-#include <lzma.h>
-#include <memory>
+#include <limits>
 #include <vector>
 
 namespace zel {
@@ -79,16 +80,6 @@ struct Encoded {
     lzma_vli uncompressedSize = 0;
 };
 
-const uint8_t *bytesOf(QByteArrayView data)
-{
-    return reinterpret_cast<const uint8_t *>(data.data());
-}
-
-uint8_t *bytesOf(QByteArray &data)
-{
-    return reinterpret_cast<uint8_t *>(data.data());
-}
-
 std::optional<QByteArray> allocate(size_t size)
 {
     try {
@@ -108,7 +99,7 @@ std::optional<Encoded> encode(const XZBlock &block, const Model &model)
     std::optional<QByteArray> out = allocate(lzma_block_buffer_bound(size));
     size_t written = 0;
     if (!out
-        || lzma_block_buffer_encode(&header, nullptr, bytesOf(block.data), size, bytesOf(*out), &written,
+        || lzma_block_buffer_encode(&header, nullptr, lzmaBytes(block.data), size, lzmaBytes(*out), &written,
                                     size_t(out->size()))
             != LZMA_OK)
         return std::nullopt;
@@ -139,43 +130,45 @@ std::optional<Model> bestModel(const XZBlock &block)
     return best;
 }
 
-struct FreeIndex {
-    void operator()(lzma_index *index) const { lzma_index_end(index, nullptr); }
-};
-
-/// Header, blocks, index and footer in a row; nothing when memory runs out.
+/// Header, blocks, index and footer in a row; nothing when one of the blocks is missing or memory runs out.
 std::optional<QByteArray> assemble(const std::vector<std::optional<Encoded>> &blocks)
 {
-    const std::unique_ptr<lzma_index, FreeIndex> index(lzma_index_init(nullptr));
-    qsizetype size = 0;
+    const XZIndex index(lzma_index_init(nullptr));
     for (const auto &block : blocks) {
         if (!index || !block
             || lzma_index_append(index.get(), nullptr, block->unpaddedSize, block->uncompressedSize)
                 != LZMA_OK)
             return std::nullopt;
-        size += block->bytes.size();
     }
     if (!index)
         return std::nullopt;
     lzma_stream_flags flags = {};
     flags.backward_size = lzma_index_size(index.get());
     flags.check = Check;
-    std::array<uint8_t, LZMA_STREAM_HEADER_SIZE> end;
-    std::optional<QByteArray> tail = allocate(flags.backward_size);
+    std::optional<QByteArray> stream = allocate(lzma_index_file_size(index.get()));
+    if (!stream || lzma_stream_header_encode(&flags, lzmaBytes(*stream)) != LZMA_OK)
+        return std::nullopt;
+    size_t at = LZMA_STREAM_HEADER_SIZE;
+    for (const auto &block : blocks) {
+        std::ranges::copy(block->bytes, stream->begin() + qsizetype(at));
+        at += size_t(block->bytes.size());
+    }
+    if (lzma_index_buffer_encode(index.get(), lzmaBytes(*stream), &at, size_t(stream->size())) != LZMA_OK
+        || lzma_stream_footer_encode(&flags, lzmaBytes(*stream) + at) != LZMA_OK)
+        return std::nullopt;
+    return stream;
+}
+
+qint64 quickSize(QByteArrayView data)
+{
+    std::optional<QByteArray> out = allocate(lzma_stream_buffer_bound(size_t(data.size())));
     size_t written = 0;
-    if (!tail
-        || lzma_index_buffer_encode(index.get(), bytesOf(*tail), &written, size_t(tail->size())) != LZMA_OK
-        || lzma_stream_header_encode(&flags, end.data()) != LZMA_OK)
-        return std::nullopt;
-    QByteArray stream;
-    stream.reserve(size + tail->size() + 2 * qsizetype(end.size()));
-    stream.append(reinterpret_cast<const char *>(end.data()), qsizetype(end.size()));
-    for (const auto &block : blocks)
-        stream += block->bytes;
-    stream += *tail;
-    if (lzma_stream_footer_encode(&flags, end.data()) != LZMA_OK)
-        return std::nullopt;
-    return stream.append(reinterpret_cast<const char *>(end.data()), qsizetype(end.size()));
+    if (!out
+        || lzma_easy_buffer_encode(0, LZMA_CHECK_NONE, nullptr, lzmaBytes(data), size_t(data.size()),
+                                   lzmaBytes(*out), &written, size_t(out->size()))
+            != LZMA_OK)
+        return data.size();
+    return qint64(written);
 }
 
 } // namespace
@@ -194,6 +187,25 @@ std::optional<QByteArray> compressXZBlocks(std::span<const XZBlock> blocks, qint
     };
     runJobs(costs, encodeBlock, memory);
     return assemble(encoded);
+}
+
+std::optional<QByteArray> compressXZ(QByteArrayView data)
+{
+    const XZBlock block{data};
+    return compressXZBlocks(std::span(&block, data.isEmpty() ? 0 : 1), std::numeric_limits<qint64>::max());
+}
+
+qint64 estimateXZ(QByteArrayView data)
+{
+    constexpr qsizetype piece = 1 << 16;
+    constexpr qsizetype pieces = 64;
+    if (data.size() <= 2 * piece * pieces)
+        return quickSize(data);
+    QByteArray sample;
+    const qsizetype step = data.size() / pieces;
+    for (qsizetype i = 0; i < pieces; ++i)
+        sample += data.sliced(i * step, piece);
+    return qint64(double(quickSize(sample)) * double(data.size()) / double(sample.size()));
 }
 
 } // namespace zel

@@ -21,8 +21,9 @@ struct XZBlock {
 
 /// Compresses into one stream of plain LZMA2, block after block; any xz reader gives their bytes in a row. A block
 /// knows nothing of the others, so parts that resemble each other belong into one. The outcome does not depend on the
-/// machine. `memory` bounds what the encoders take together: eleven bytes per byte of a block, 700 MiB at most; a
-/// block that needs more by itself gets it. Nothing when memory runs out.
+/// machine. `memory` bounds what the encoders take together, about twelve bytes per byte of a block (more for small
+/// ones) and 700 MiB at most; a block that needs more by itself gets it. The outcome comes on top. Nothing when memory
+/// runs out.
 std::optional<QByteArray> compressXZBlocks(std::span<const XZBlock> blocks, qint64 memory);
 
 } // namespace zel

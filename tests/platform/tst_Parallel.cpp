@@ -1,7 +1,9 @@
 #include "Parallel.h"
 
+#include <algorithm>
 #include <mutex>
 #include <QtTest>
+#include <thread>
 #include <vector>
 
 using namespace zel;

@@ -11,6 +11,7 @@
 
 #include <limits>
 #include <mutex>
+#include <new>
 
 namespace zel {
 
@@ -40,6 +41,16 @@ public:
 
     ZELError make(FileSlice &slice) const
     {
+        try {
+            return makeAny(slice);
+        } catch (const std::bad_alloc &) {
+            return ZELError::withMessage(QLatin1String("memory is exhausted by ") + m_new);
+        }
+    }
+
+private:
+    ZELError makeAny(FileSlice &slice) const
+    {
         if (m_transport == Transport::Whole)
             return makeWhole(slice);
         const bool possible = makeDelta(slice);
@@ -56,7 +67,6 @@ public:
         return {};
     }
 
-private:
     ZELError makeWhole(FileSlice &slice) const
     {
         std::optional<QByteArray> bytes = readFile(m_new);
@@ -103,12 +113,16 @@ ZELError makeFileSlices(const QString &oldBundle, const QString &newBundle,
     ZELError first;
     qint64 done = 0;
     const auto job = [&](size_t i) {
+        std::unique_lock lock(mutex);
+        if (first)
+            return;
+        progress(files[i].path, done);
+        lock.unlock();
         const ZELError error = makers[i].make(slices[i]);
-        const std::lock_guard lock(mutex);
+        lock.lock();
+        done += makers[i].newSize();
         if (error && !first)
             first = error;
-        done += makers[i].newSize();
-        progress(files[i].path, done);
     };
     runJobs(costs, job, memory);
     return first;

@@ -217,10 +217,10 @@ int runInspectPatch(const Arguments &arguments)
 
 QCommandLineOption memoryOption()
 {
-    return {QStringLiteral("memory"),
-            QStringLiteral(
-                "What files may take that are worked on together; half of the machine's unless given."),
-            QStringLiteral("MIB")};
+    return {
+        QStringLiteral("memory"),
+        QStringLiteral("Memory for files worked on at the same time; half of the machine's unless given."),
+        QStringLiteral("MIB")};
 }
 
 std::optional<qint64> memoryBudget(const Arguments &arguments)

@@ -13,6 +13,7 @@
 
 #include <filesystem>
 #include <unistd.h>
+#include <utility>
 
 namespace zel {
 
@@ -59,6 +60,13 @@ public:
         if (const ZELError error =
                 makeFileSlices(m_old, m_new, m_plan.files, m_options.memory, progress, slices))
             return error;
+        qint64 size = 0;
+        for (const FileSlice &slice : slices)
+            size += slice.bytes.size();
+        if (size > PatchFile::PayloadLimit)
+            return ZELError::withMessage(QStringLiteral("the changed files take more than the 4 GiB that a "
+                                                        "patch may hold; publish the full archive only"));
+        m_payload.reserve(size);
         for (size_t i = 0; i < slices.size(); ++i) {
             append(m_plan.files[i].path, slices[i]);
             slices[i] = {};

@@ -15,9 +15,10 @@ qint64 halfOfMemory();
 
 struct PatchMakerOptions {
     bool allowLostModes = false; ///< make the patch although executables lose their executable bit by it
-    qint64 memory =
-        halfOfMemory(); ///< bytes that deltas and encoders made at the same time may take together
-    std::function<void(const QString &step, qint64 done, qint64 total)> progress; ///< bytes; may be left out
+    /// Bytes that deltas and encoders made at the same time may take together.
+    qint64 memory = halfOfMemory();
+    /// Bytes; may be left out. Called on any thread, one call at a time.
+    std::function<void(const QString &step, qint64 done, qint64 total)> progress;
 };
 
 struct PatchSummary {
@@ -32,9 +33,9 @@ struct PatchSummary {
 
 /// Writes the patch file that turns the bundle `oldPath` into the bundle `newPath`, and proves it: the patch is applied
 /// to a copy and the outcome compared item by item, byte by byte, before the file gets its name. On an error nothing
-/// is left at `patchPath` that was not there before. Works on all processors. Peak memory: `options.memory`, or what the
-/// largest changed file takes by itself if that is more (nine bytes per old byte, three per new byte and 90 MiB), and
-/// the payload besides.
+/// is left at `patchPath` that was not there before. Works on all processors. Peak memory: the payload, and besides
+/// `options.memory` or, if that is more, what the largest changed file takes by itself (nine bytes per old byte, three
+/// per new byte and 90 MiB) or the encoder of one block (370 MiB).
 ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
                    const PatchMakerOptions &options, PatchSummary &summary);
 

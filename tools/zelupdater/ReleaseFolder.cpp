@@ -6,7 +6,6 @@
 #include "FileTree.h"
 #include "IntegerValue.h"
 #include "MD5Digest.h"
-#include "PatchMaker.h"
 #include "ZipWriter.h"
 
 #include <QDir>

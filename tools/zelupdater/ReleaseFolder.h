@@ -1,6 +1,7 @@
 // A folder of releases: archives, patches, notes, and the feed that lists them.
 #pragma once
 
+#include "PatchMaker.h"
 #include "ZELError.h"
 
 #include <QJsonArray>
@@ -31,7 +32,7 @@ public:
         QString arch; ///< the only architecture word that the build is for; null for any
         bool beta = false;
         bool patchOnly = false; ///< offer the build only to installations that a patch can bring there
-        qint64 memory = 0; ///< bytes that files may take that are worked on together
+        qint64 memory = halfOfMemory(); ///< as in PatchMakerOptions
         std::function<void(const QString &line)> say;
         std::function<void(const QString &step, qint64 done, qint64 total)> progress;
     };
