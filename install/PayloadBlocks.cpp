@@ -14,15 +14,15 @@ constexpr qsizetype SmallPart = 96 << 10; // below this a block of its own saves
 constexpr qsizetype LargestBlock = 32 * MiB;
 
 /// How many blocks a part becomes. A block does not see what the one before it held; differences hardly miss it, and
-/// compressing them takes longest, so that all processors had better take part: large ones are halved, small ones cut
-/// finer, where one of two processors would soon wait for the other.
+/// compressing them takes longest, so that all processors had better take part, and end together: large ones are
+/// halved, small ones cut into four.
 qsizetype pieces(const XZBlock &part)
 {
     const qsizetype size = part.data.size();
     const qsizetype count = (size + LargestBlock - 1) / LargestBlock;
-    if (part.content != XZContent::Sparse)
+    if (part.content != XZContent::Sparse || size < 4 * MiB)
         return count;
-    return size <= 16 * MiB ? (size + 4 * MiB - 1) / (4 * MiB) : std::max<qsizetype>(count, 2);
+    return std::max<qsizetype>(count, size <= 16 * MiB ? 4 : 2);
 }
 
 qint64 headerField(QByteArrayView delta, size_t offset)

@@ -69,17 +69,11 @@ private slots:
             << Payload().whole(5).delta(24, 200 * KiB, 6).whole(7)
             << Blocks{{5 + 32 + 24, Bytes}, {200 * KiB, Sparse}, {6 + 7, Bytes}};
         QTest::newRow("large parts are divided")
-            << Payload().whole(70 * MiB).delta(24, 10 * MiB, 0).delta(24, 20 * MiB, 0)
-            << Blocks{{70 * MiB / 3, Bytes},
-                      {70 * MiB * 2 / 3 - 70 * MiB / 3, Bytes},
-                      {70 * MiB - 70 * MiB * 2 / 3, Bytes},
-                      {56, Records},
-                      {10 * MiB / 3, Sparse},
-                      {10 * MiB * 2 / 3 - 10 * MiB / 3, Sparse},
-                      {10 * MiB - 10 * MiB * 2 / 3, Sparse},
-                      {56, Records},
-                      {10 * MiB, Sparse},
-                      {10 * MiB, Sparse}};
+            << Payload().whole(60 * MiB).delta(24, 10 * MiB, 0).delta(24, 20 * MiB, 3 * MiB)
+            << Blocks{{30 * MiB, Bytes},      {30 * MiB, Bytes},      {56, Records},
+                      {10 * MiB / 4, Sparse}, {10 * MiB / 4, Sparse}, {10 * MiB / 4, Sparse},
+                      {10 * MiB / 4, Sparse}, {56, Records},          {10 * MiB, Sparse},
+                      {10 * MiB, Sparse},     {3 * MiB, Bytes}};
         QTest::newRow("a run has its end") << Payload().whole(90 * KiB) << Blocks{{90 * KiB, Bytes}};
         const QByteArray beyond = "BSDIFN40" + integer(24) + integer(200 * KiB) + QByteArray(200 * KiB, 'd');
         QTest::newRow("no delta at all") << Payload()
