@@ -103,18 +103,23 @@ void SearchAhead::startThreads(unsigned count)
 void SearchAhead::work()
 {
     std::unique_lock lock(m_mutex);
-    while (!m_stopped && m_next < m_chunkCount) {
-        Chunk *const chunk = take();
-        if (!chunk) {
-            m_changed.wait(lock);
-            continue;
-        }
-        lock.unlock();
-        walkThrough(*chunk);
-        lock.lock();
-        chunk->done = true;
-        m_changed.notify_all();
+    while (!m_stopped && m_next < m_chunkCount)
+        advance(lock);
+}
+
+/// Walks through the next chunk; where there is none to take, waits for a change.
+void SearchAhead::advance(std::unique_lock<std::mutex> &lock)
+{
+    Chunk *const chunk = take();
+    if (!chunk) {
+        m_changed.wait(lock);
+        return;
     }
+    lock.unlock();
+    walkThrough(*chunk);
+    lock.lock();
+    chunk->done = true;
+    m_changed.notify_all();
 }
 
 /// The next chunk to walk through, if there is room for its matches; the mutex is held.
@@ -162,17 +167,8 @@ void SearchAhead::enter(Index number)
     m_cursor = 0;
     m_changed.notify_all();
     const Chunk &wanted = m_chunks[static_cast<std::size_t>(number) % m_chunks.size()];
-    while (wanted.number != number || !wanted.done) {
-        Chunk *const chunk = take();
-        if (!chunk) {
-            m_changed.wait(lock);
-            continue;
-        }
-        lock.unlock();
-        walkThrough(*chunk);
-        lock.lock();
-        chunk->done = true;
-    }
+    while (wanted.number != number || !wanted.done)
+        advance(lock);
 }
 
 std::optional<Match> SearchAhead::at(Index scan)

@@ -49,6 +49,7 @@ private:
     bool makeRoom(std::size_t chunks);
     void startThreads(unsigned count);
     void work();
+    void advance(std::unique_lock<std::mutex> &lock);
     Chunk *take();
     void walkThrough(Chunk &chunk) const;
     void enter(std::int64_t number);
