@@ -46,9 +46,11 @@ int main(int argc, char *argv[])
     ZELLayoutView(new ZELUpdaterButton(&view),
                   ZELMakeLayoutFrame(0, 0, 0, 0, ZELLayoutNotSet, ZELLayoutNotSet));
 
-    const bool functions = areThere(&bspatch2, &bsdiff2, &bsdiff, &readfile, &sais, &sais_int, &sais_bwt,
-                                    &sais_int_bwt, &ZELUpdaterApplyPatch, &ZELUpdaterTestPatch,
-                                    &ZELUpdaterEscapeString, &ZELUpdaterValidateCodeSigning);
+    void (*const checkInBackground)(const QVariantMap &, ZELCheckCompletion) = &ZELUpdater::checkForUpdates;
+    const bool functions =
+        areThere(&bspatch2, &bsdiff2, &bsdiff, &readfile, &sais, &sais_int, &sais_bwt, &sais_int_bwt,
+                 &ZELUpdaterApplyPatch, &ZELUpdaterTestPatch, &ZELUpdaterEscapeString,
+                 &ZELUpdaterValidateCodeSigning, checkInBackground);
     const bool texts = ZELUpdater::descriptionForStatus(1) == QLatin1String("Update Available")
         && MD5FromData("abc") == QLatin1String("900150983cd24fb0d6963f7d28e17f72");
     const bool properties = updater->property("currentPage").value<QWidget *>() == updater->currentPage();
