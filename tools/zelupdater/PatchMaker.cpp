@@ -12,6 +12,7 @@
 #include <QTemporaryDir>
 
 #include <filesystem>
+#include <new>
 #include <unistd.h>
 #include <utility>
 
@@ -60,13 +61,8 @@ public:
         if (const ZELError error =
                 makeFileSlices(m_old, m_new, m_plan.files, m_options.memory, progress, slices))
             return error;
-        qint64 size = 0;
-        for (const FileSlice &slice : slices)
-            size += slice.bytes.size();
-        if (size > PatchFile::PayloadLimit)
-            return ZELError::withMessage(QStringLiteral("the changed files take more than the 4 GiB that a "
-                                                        "patch may hold; publish the full archive only"));
-        m_payload.reserve(size);
+        if (const ZELError error = makeRoom(slices))
+            return error;
         for (size_t i = 0; i < slices.size(); ++i) {
             append(m_plan.files[i].path, slices[i]);
             slices[i] = {};
@@ -78,9 +74,11 @@ public:
         return {};
     }
 
-    std::optional<QByteArray> encode() const
+    /// To be called once: releases the payload.
+    std::optional<QByteArray> encode()
     {
-        return PatchFile::encode(m_commands, m_payload, m_options.memory);
+        const QByteArray payload = std::exchange(m_payload, {});
+        return PatchFile::encode(m_commands, payload, m_options.memory);
     }
 
 private:
@@ -99,6 +97,22 @@ private:
                 m_total += item.size;
         }
         return changed;
+    }
+
+    ZELError makeRoom(const std::vector<FileSlice> &slices)
+    {
+        qint64 size = 0;
+        for (const FileSlice &slice : slices)
+            size += slice.bytes.size();
+        if (size > PatchFile::PayloadLimit)
+            return ZELError::withMessage(QStringLiteral("the changed files take more than the 4 GiB that a "
+                                                        "patch may hold; publish the full archive only"));
+        try {
+            m_payload.reserve(size);
+        } catch (const std::bad_alloc &) {
+            return ZELError::withMessage(QStringLiteral("memory is exhausted by the patch's payload"));
+        }
+        return {};
     }
 
     void append(const QString &path, const FileSlice &slice)
