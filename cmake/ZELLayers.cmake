@@ -45,7 +45,7 @@ function(zel_add_tests layer)
     foreach(source ${sources})
         get_filename_component(unit ${source} NAME_WE)
         string(REPLACE "tst_" "" unit ${unit})
-        add_executable(tst_${layer}_${unit} ${source})
+        add_executable(tst_${layer}_${unit} ${source} QuietLog.cpp)
         set_target_properties(tst_${layer}_${unit} PROPERTIES
             RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
         target_link_libraries(tst_${layer}_${unit} PRIVATE zel_options ${ARG_LINK} Qt6::Test)

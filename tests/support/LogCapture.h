@@ -1,6 +1,8 @@
 // Collects what is logged while it lives.
 #pragma once
 
+#include "DDLog.h"
+
 #include <QCoreApplication>
 #include <QMutex>
 #include <QStringList>
@@ -10,9 +12,16 @@
 class LogCapture
 {
 public:
-    LogCapture() { s_previous = qInstallMessageHandler(handle); }
+    LogCapture()
+    {
+        s_previous = qInstallMessageHandler(handle);
+        QLoggingCategory::setFilterRules(QStringLiteral("zel.*=true"));
+    }
+
     ~LogCapture()
     {
+        QLoggingCategory::setFilterRules(QStringLiteral("zel.*=false"));
+        DDLog::flushLog();
         qInstallMessageHandler(s_previous);
         s_lines.clear();
         s_mainThreadCategories.clear();
@@ -21,6 +30,7 @@ public:
     /// The messages of one kind in one category, in order.
     QStringList lines(const char *category, QtMsgType type = QtInfoMsg) const
     {
+        DDLog::flushLog();
         const QMutexLocker lock(&s_mutex);
         QStringList result;
         for (const Line &line : s_lines) {

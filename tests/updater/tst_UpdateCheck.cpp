@@ -1,4 +1,3 @@
-#include "DDLog.h"
 #include "TemporaryTree.h"
 #include "TestServer.h"
 #include "UpdateCheck.h"
@@ -17,9 +16,6 @@ class tst_UpdateCheck : public QObject
 {
     Q_OBJECT
 private slots:
-    // What is logged is shown with the row that runs, so it must be out before the row goes.
-    void cleanup() { DDLog::flushLog(); }
-
     void replies_data()
     {
         QTest::addColumn<Answer>("answer");
