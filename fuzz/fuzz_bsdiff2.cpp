@@ -1,6 +1,7 @@
-// Any two files: the delta between them makes the one of the other.
+// Any two files: the delta between them, compacted or not, makes the one of the other.
 #include "bsdiff2.h"
 #include "bspatch2.h"
+#include "compactdelta.h"
 #include "Sandbox.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -23,6 +24,11 @@ std::string textFrom(FuzzedDataProvider input, const std::string &source)
     return text;
 }
 
+std::span<const unsigned char> bytesOf(const auto &bytes)
+{
+    return {reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size()};
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
@@ -36,6 +42,9 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     zel::Sandbox::write(newPath, newBytes);
     const auto delta = bsdiff2(oldPath, newPath);
     zel::require(delta && bspatch2(oldPath, rebuilt, *delta) == 0);
+    zel::require(zel::Sandbox::read(rebuilt) == newBytes);
+    const auto compact = zel::compactDelta(bytesOf(oldBytes), bytesOf(newBytes), bytesOf(*delta));
+    zel::require(compact && bspatch2(oldPath, rebuilt, *compact) == 0);
     zel::require(zel::Sandbox::read(rebuilt) == newBytes);
     return 0;
 }

@@ -7,6 +7,11 @@
 #include <QList>
 #include <random>
 
+inline std::span<const unsigned char> view(const QByteArray &bytes)
+{
+    return {reinterpret_cast<const unsigned char *>(bytes.constData()), std::size_t(bytes.size())};
+}
+
 /// `size` bytes of the first `alphabet` values; the same seed gives the same bytes.
 inline QByteArray randomBytes(qsizetype size, int alphabet, unsigned seed)
 {

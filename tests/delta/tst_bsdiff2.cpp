@@ -2,6 +2,7 @@
 #include "bspatch2.h"
 
 #include "CapturedOutput.h"
+#include "compactdelta.h"
 #include "DeltaSupport.h"
 #include "sais.h"
 #include "TemporaryTree.h"
@@ -202,7 +203,7 @@ private slots:
         QTest::newRow("program") << code.first(150'000) << edited(code.mid(20'000), 100, 16);
     }
 
-    /// Both generators give the bytes of the plain scan, and these rebuild the new file.
+    /// Both generators give the bytes of the plain scan, and these rebuild the new file, compacted or not.
     void deltas()
     {
         QFETCH(QByteArray, old);
@@ -218,6 +219,11 @@ private slots:
         QVERIFY(tree.read("patch") == toBytes(*delta));
 
         QCOMPARE(bspatch2(oldFile.toStdString(), tree.path("built").toStdString(), *delta), 0);
+        QVERIFY(tree.read("built") == fresh);
+
+        const auto compact = zel::compactDelta(view(old), view(fresh), view(toBytes(*delta)));
+        QVERIFY(compact);
+        QCOMPARE(bspatch2(oldFile.toStdString(), tree.path("built").toStdString(), *compact), 0);
         QVERIFY(tree.read("built") == fresh);
     }
 

@@ -1,8 +1,9 @@
 #include "FileSlices.h"
 
 #include "bsdiff2.h"
+#include "compactdelta.h"
 #include "FileTree.h"
-#include "MD5Digest.h"
+#include "MD5FromData.h"
 #include "Parallel.h"
 #include "XZ.h"
 
@@ -80,14 +81,23 @@ private:
     {
         if (QFileInfo(m_old).size() >= DeltaLimit || newSize() >= DeltaLimit)
             return false;
-        const auto delta =
-            bsdiff2(QFile::encodeName(m_old).toStdString(), QFile::encodeName(m_new).toStdString());
-        slice.hash = MD5FromFile(m_new);
-        if (!delta || !slice.hash)
+        auto delta = bsdiff2(QFile::encodeName(m_old).toStdString(), QFile::encodeName(m_new).toStdString());
+        const auto oldBytes = readFile(m_old);
+        const auto newBytes = readFile(m_new);
+        if (!delta || !oldBytes || !newBytes)
+            return false;
+        delta = compactDelta(bytesOf(*oldBytes), bytesOf(*newBytes), bytesOf(*delta));
+        if (!delta)
             return false;
         slice.action = PatchAction::Patch;
         slice.bytes = QByteArray(reinterpret_cast<const char *>(delta->data()), qsizetype(delta->size()));
+        slice.hash = MD5FromData(*newBytes);
         return true;
+    }
+
+    static std::span<const unsigned char> bytesOf(const auto &bytes)
+    {
+        return {reinterpret_cast<const unsigned char *>(bytes.data()), size_t(bytes.size())};
     }
 
     QString m_old;

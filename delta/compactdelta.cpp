@@ -1,0 +1,275 @@
+#include "compactdelta.h"
+
+#include "deltainteger.h"
+#include "deltalayout.h"
+#include "matchlength.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace zel {
+
+namespace {
+
+using Index = std::int64_t;
+using Text = std::span<const unsigned char>;
+
+// What things cost in a compressed delta, in proportion: measured on programs and on text, where the least of the
+// patch's size is flat. A byte that the copy agrees with costs next to nothing.
+constexpr Index insertCost = 4; // of a byte that is in no copy
+constexpr Index changeCost = 10; // of a byte in a copy that differs from the old one
+constexpr Index tripleCost = 100;
+
+// A copy is tried from so many bytes and copies ahead of its place on: the scan begins it late when the one before went
+// on for too long.
+constexpr Index reach = 1024;
+constexpr std::size_t copiesAhead = 8;
+constexpr std::size_t mostPaths = 16; // bounds the time when many copies are equally good
+constexpr std::size_t tripleSize = 3 * deltaIntegerSize;
+
+Index length(Text text)
+{
+    return static_cast<Index>(text.size());
+}
+
+Index integerAt(Text delta, std::size_t offset)
+{
+    return decodeDeltaInteger(delta.subspan(offset).first<deltaIntegerSize>());
+}
+
+struct Copy {
+    Index start; ///< in the new file
+    Index end;
+    Index alignment; ///< from the new byte's position to the old one's
+
+    Index length() const { return end - start; }
+};
+
+/// Nothing when one lies outside the files.
+std::optional<std::vector<Copy>> readCopies(Text delta, Index oldSize, Index newSize)
+{
+    if (delta.size() < headerSize)
+        return std::nullopt;
+    const Index controlLength = integerAt(delta, controlLengthOffset);
+    if (controlLength < 0 || controlLength > length(delta) - Index(headerSize))
+        return std::nullopt;
+    std::vector<Copy> copies;
+    Index oldPosition = 0;
+    Index newPosition = 0;
+    const std::size_t end = headerSize + static_cast<std::size_t>(controlLength) / tripleSize * tripleSize;
+    for (std::size_t at = headerSize; at < end; at += tripleSize) {
+        const Index add = integerAt(delta, at);
+        const Index insert = integerAt(delta, at + deltaIntegerSize);
+        const Index seek = integerAt(delta, at + 2 * deltaIntegerSize);
+        if (add < 0 || insert < 0 || add > newSize - newPosition || insert > newSize - newPosition - add
+            || add > oldSize - oldPosition)
+            return std::nullopt;
+        if (add > 0)
+            copies.push_back({newPosition, newPosition + add, oldPosition - newPosition});
+        newPosition += add + insert;
+        oldPosition += add;
+        if (seek < -oldPosition || seek > oldSize - oldPosition)
+            return std::nullopt;
+        oldPosition += seek;
+    }
+    return copies;
+}
+
+/// Walks through the new file and keeps, for each copy at hand and for none, the cheapest way to the current byte.
+class CopyChoice
+{
+public:
+    CopyChoice(Text oldBytes, Text newBytes, const std::vector<Copy> &copies)
+        : m_old(oldBytes)
+        , m_new(newBytes)
+        , m_candidates(copies)
+    {
+    }
+
+    std::vector<Copy> choose()
+    {
+        while (m_at < length(m_new)) {
+            const Way best = cheapest();
+            open(best);
+            renew(best);
+            if (!skipEqual(best))
+                advance(best);
+        }
+        return trace(cheapest());
+    }
+
+private:
+    /// A copy's beginning, and where the copy before it ended.
+    struct Beginning {
+        Index start = 0;
+        Index alignment = 0;
+        int before = -1; ///< in m_beginnings
+        Index beforeEnd = 0;
+    };
+
+    /// The cheapest way to the current byte that ends in no copy: it had its last one up to `copyEnd`.
+    struct Way {
+        Index cost;
+        int last; ///< in m_beginnings
+        Index copyEnd;
+    };
+
+    /// The cheapest way to the current byte that ends in a copy of one alignment.
+    struct Path {
+        Beginning beginning;
+        Index cost = 0;
+        Index wantedUntil = 0; ///< where the candidate ends
+        int kept = -1; ///< the beginning in m_beginnings, once there is a way that has it
+    };
+
+    Way cheapest()
+    {
+        const auto path = std::ranges::min_element(m_paths, {}, &Path::cost);
+        if (path == m_paths.end() || path->cost >= m_none.cost)
+            return m_none;
+        if (path->kept < 0) {
+            path->kept = static_cast<int>(m_beginnings.size());
+            m_beginnings.push_back(path->beginning);
+        }
+        return {path->cost, path->kept, m_at};
+    }
+
+    void begin(Path &path, Index alignment, const Way &from) const
+    {
+        path.beginning = {m_at, alignment, from.last, from.copyEnd};
+        path.cost = from.cost + tripleCost;
+        path.kept = -1;
+    }
+
+    Index opening(std::size_t candidate) const
+    {
+        const Copy &copy = m_candidates[candidate];
+        const Index early = std::max(copy.start - reach, -copy.alignment);
+        return candidate < copiesAhead ? early : std::max(early, m_candidates[candidate - copiesAhead].start);
+    }
+
+    void open(const Way &best)
+    {
+        for (; m_next < m_candidates.size() && opening(m_next) <= m_at; ++m_next) {
+            const Copy &copy = m_candidates[m_next];
+            auto path = std::ranges::find(m_paths, copy.alignment,
+                                          [](const Path &each) { return each.beginning.alignment; });
+            if (path == m_paths.end()) {
+                if (m_paths.size() == mostPaths)
+                    m_paths.erase(std::ranges::max_element(m_paths, {}, &Path::cost));
+                path = m_paths.insert(m_paths.end(), Path());
+                begin(*path, copy.alignment, best);
+            }
+            path->wantedUntil = std::max(path->wantedUntil, copy.end);
+        }
+    }
+
+    /// A copy that costs as much as one begun here is begun here, or given up when its place is past.
+    void renew(const Way &best)
+    {
+        const Index limit = best.cost + tripleCost;
+        std::erase_if(m_paths,
+                      [&](const Path &path) { return path.cost >= limit && path.wantedUntil <= m_at; });
+        for (Path &path : m_paths) {
+            if (path.cost >= limit)
+                begin(path, path.beginning.alignment, best);
+        }
+    }
+
+    /// Passes over what the only copy at hand agrees with, all at once.
+    bool skipEqual(const Way &best)
+    {
+        if (m_paths.size() != 1 || best.copyEnd != m_at)
+            return false;
+        const Index oldAt = m_at + m_paths.front().beginning.alignment;
+        Index limit = std::min(length(m_new) - m_at, length(m_old) - oldAt);
+        if (m_next < m_candidates.size())
+            limit = std::min(limit, opening(m_next) - m_at);
+        const Index equal = matchLength(m_old.data() + oldAt, m_new.data() + m_at, 0, limit);
+        if (equal <= 0)
+            return false;
+        m_at += equal;
+        m_none = {best.cost + insertCost, best.last, m_at - 1};
+        return true;
+    }
+
+    void advance(const Way &best)
+    {
+        std::erase_if(m_paths,
+                      [this](const Path &path) { return m_at + path.beginning.alignment >= length(m_old); });
+        for (Path &path : m_paths)
+            path.cost += m_old[std::size_t(m_at + path.beginning.alignment)] == m_new[std::size_t(m_at)]
+                ? 0
+                : changeCost;
+        m_none = {best.cost + insertCost, best.last, best.copyEnd};
+        ++m_at;
+    }
+
+    std::vector<Copy> trace(const Way &way) const
+    {
+        std::vector<Copy> copies;
+        Index end = way.copyEnd;
+        for (int at = way.last; at >= 0; at = m_beginnings[std::size_t(at)].before) {
+            const Beginning &beginning = m_beginnings[std::size_t(at)];
+            copies.push_back({beginning.start, end, beginning.alignment});
+            end = beginning.beforeEnd;
+        }
+        std::ranges::reverse(copies);
+        return copies;
+    }
+
+    const Text m_old;
+    const Text m_new;
+    const std::vector<Copy> &m_candidates;
+    std::size_t m_next = 0; // of the candidates
+    Index m_at = 0;
+    // An application begins at the start of both files.
+    std::vector<Beginning> m_beginnings = {{}};
+    std::vector<Path> m_paths = {{.beginning = {}, .kept = 0}};
+    Way m_none = {0, 0, 0};
+};
+
+/// Puts together what the copies leave of the new file and how they differ from the old one.
+std::vector<std::byte> writeDelta(Text oldBytes, Text newBytes, const std::vector<Copy> &copies)
+{
+    Index added = 0;
+    for (const Copy &copy : copies)
+        added += copy.length();
+    std::vector<std::byte> delta(headerSize + copies.size() * tripleSize + newBytes.size());
+    auto *const bytes = reinterpret_cast<unsigned char *>(delta.data());
+    unsigned char *control = bytes;
+    const auto write = [&control](Index value) {
+        control = std::ranges::copy(encodeDeltaInteger(value), control).out;
+    };
+    control = std::ranges::copy(deltaMagic, control).out;
+    write(static_cast<Index>(copies.size() * tripleSize));
+    write(added);
+    write(length(newBytes));
+    unsigned char *difference = bytes + headerSize + copies.size() * tripleSize;
+    unsigned char *extra = difference + added;
+    for (std::size_t i = 0; i < copies.size(); ++i) {
+        const Copy &copy = copies[i];
+        const bool isLast = i + 1 == copies.size();
+        const Index next = isLast ? length(newBytes) : copies[i + 1].start;
+        write(copy.length());
+        write(next - copy.end);
+        write(isLast ? 0 : next + copies[i + 1].alignment - (copy.end + copy.alignment));
+        for (Index at = copy.start; at < copy.end; ++at)
+            *difference++ = static_cast<unsigned char>(newBytes[std::size_t(at)]
+                                                       - oldBytes[std::size_t(at + copy.alignment)]);
+        extra = std::copy(newBytes.begin() + copy.end, newBytes.begin() + next, extra);
+    }
+    return delta;
+}
+
+} // namespace
+
+std::optional<std::vector<std::byte>> compactDelta(Text oldBytes, Text newBytes, Text delta)
+{
+    const auto copies = readCopies(delta, length(oldBytes), length(newBytes));
+    if (!copies)
+        return std::nullopt;
+    return writeDelta(oldBytes, newBytes, CopyChoice(oldBytes, newBytes, *copies).choose());
+}
+
+} // namespace zel
