@@ -4,6 +4,8 @@
 #include <QThreadPool>
 #include <QTimer>
 
+#include <openssl/crypto.h>
+
 namespace zel {
 
 void onMainQueue(std::function<void()> work)
@@ -20,7 +22,13 @@ void onMainQueueAfter(std::chrono::milliseconds delay, std::function<void()> wor
 
 void onGlobalQueue(std::function<void()> work)
 {
-    QThreadPool::globalInstance()->start(std::move(work));
+    QThreadPool::globalInstance()->start([work = std::move(work)]() mutable {
+        work();
+        work = nullptr;
+        // Qt does not wait for a pool's thread to its very end. At exit OpenSSL may have cleaned up by then, and would
+        // lose what it keeps for the thread.
+        OPENSSL_thread_stop();
+    });
 }
 
 } // namespace zel
