@@ -176,15 +176,13 @@ private:
         }
     }
 
-    /// Passes over what the only copy at hand agrees with, all at once.
+    /// Passes over what the only copy at hand agrees with, all at once: none that opens there could cost less.
     bool skipEqual(const Way &best)
     {
         if (m_paths.size() != 1 || best.copyEnd != m_at)
             return false;
         const Index oldAt = m_at + m_paths.front().beginning.alignment;
-        Index limit = std::min(length(m_new) - m_at, length(m_old) - oldAt);
-        if (m_next < m_candidates.size())
-            limit = std::min(limit, opening(m_next) - m_at);
+        const Index limit = std::min(length(m_new) - m_at, length(m_old) - oldAt);
         const Index equal = matchLength(m_old.data() + oldAt, m_new.data() + m_at, 0, limit);
         if (equal <= 0)
             return false;
