@@ -211,10 +211,8 @@ std::optional<Header> readHeader(std::span<const std::byte> patch)
         return std::nullopt;
     }
     std::memcpy(bytes.data(), patch.data(), bytes.size());
-    const auto field = [&bytes](std::size_t offset) {
-        return decodeDeltaInteger(std::span(bytes).subspan(offset).first<deltaIntegerSize>());
-    };
-    const Header header{field(controlLengthOffset), field(diffLengthOffset), field(newSizeOffset)};
+    const Header header{deltaIntegerAt(bytes, controlLengthOffset), deltaIntegerAt(bytes, diffLengthOffset),
+                        deltaIntegerAt(bytes, newSizeOffset)};
     if (header.controlLength < 0 || header.diffLength < 0 || header.newSize < 0) {
         reportCorrupt();
         return std::nullopt;

@@ -32,11 +32,6 @@ Index length(Text text)
     return static_cast<Index>(text.size());
 }
 
-Index integerAt(Text delta, std::size_t offset)
-{
-    return decodeDeltaInteger(delta.subspan(offset).first<deltaIntegerSize>());
-}
-
 struct Copy {
     Index start; ///< in the new file
     Index end;
@@ -50,7 +45,7 @@ std::optional<std::vector<Copy>> readCopies(Text delta, Index oldSize, Index new
 {
     if (delta.size() < headerSize)
         return std::nullopt;
-    const Index controlLength = integerAt(delta, controlLengthOffset);
+    const Index controlLength = deltaIntegerAt(delta, controlLengthOffset);
     if (controlLength < 0 || controlLength > length(delta) - Index(headerSize))
         return std::nullopt;
     std::vector<Copy> copies;
@@ -58,9 +53,9 @@ std::optional<std::vector<Copy>> readCopies(Text delta, Index oldSize, Index new
     Index newPosition = 0;
     const std::size_t end = headerSize + static_cast<std::size_t>(controlLength) / tripleSize * tripleSize;
     for (std::size_t at = headerSize; at < end; at += tripleSize) {
-        const Index add = integerAt(delta, at);
-        const Index insert = integerAt(delta, at + deltaIntegerSize);
-        const Index seek = integerAt(delta, at + 2 * deltaIntegerSize);
+        const Index add = deltaIntegerAt(delta, at);
+        const Index insert = deltaIntegerAt(delta, at + deltaIntegerSize);
+        const Index seek = deltaIntegerAt(delta, at + 2 * deltaIntegerSize);
         if (add < 0 || insert < 0 || add > newSize - newPosition || insert > newSize - newPosition - add
             || add > oldSize - oldPosition)
             return std::nullopt;
@@ -107,7 +102,7 @@ private:
         Index beforeEnd = 0;
     };
 
-    /// The cheapest way to the current byte that ends in no copy: it had its last one up to `copyEnd`.
+    /// A way to the current byte: what it costs, its last copy and where that ended, here or before.
     struct Way {
         Index cost;
         int last; ///< in m_beginnings

@@ -31,4 +31,10 @@ inline std::int64_t decodeDeltaInteger(std::span<const unsigned char, deltaInteg
     return bytes.back() & 0x80 ? -magnitude : magnitude;
 }
 
+/// The one that begins at `offset`; all of it lies in `bytes`.
+inline std::int64_t deltaIntegerAt(std::span<const unsigned char> bytes, std::size_t offset)
+{
+    return decodeDeltaInteger(bytes.subspan(offset).first<deltaIntegerSize>());
+}
+
 } // namespace zel

@@ -25,20 +25,15 @@ qsizetype pieces(const XZBlock &part)
     return std::max<qsizetype>(count, size <= 16 * MiB ? 4 : 2);
 }
 
-qint64 headerField(QByteArrayView delta, size_t offset)
-{
-    const auto *const bytes = reinterpret_cast<const unsigned char *>(delta.data()) + offset;
-    return decodeDeltaInteger(std::span<const unsigned char, deltaIntegerSize>(bytes, deltaIntegerSize));
-}
-
 /// The parts of a delta, or of anything else the whole.
 std::vector<XZBlock> partsOf(const PatchCommand &command, QByteArrayView slice)
 {
     if (command.action != PatchAction::Patch || slice.size() < qsizetype(headerSize))
         return {{slice, XZContent::Bytes}};
+    const std::span header(reinterpret_cast<const unsigned char *>(slice.data()), headerSize);
     const qint64 room = slice.size() - qint64(headerSize);
-    const qint64 control = headerField(slice, controlLengthOffset);
-    const qint64 diff = headerField(slice, diffLengthOffset);
+    const qint64 control = deltaIntegerAt(header, controlLengthOffset);
+    const qint64 diff = deltaIntegerAt(header, diffLengthOffset);
     if (control < 0 || diff < 0 || control > room || diff > room - control)
         return {{slice, XZContent::Bytes}};
     const qint64 diffStart = qint64(headerSize) + control;
