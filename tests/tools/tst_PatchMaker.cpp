@@ -150,6 +150,20 @@ private slots:
         QCOMPARE(QDir(tree.path()).entryList(QDir::Hidden | QDir::Dirs | QDir::NoDotAndDotDot).size(), 3);
     }
 
+    void deltasAreCompacted()
+    {
+        const TemporaryTree tree;
+        const QString shared = QStringLiteral("too short to pay"); // but long enough for the scan
+        const QString fresh = words("12345", 9) + shared + words("67890", 9);
+        makeTree(tree, "old.app", {QStringLiteral("*a=") + shared});
+        makeTree(tree, "new.app", {QStringLiteral("*a=") + fresh});
+        PatchSummary summary;
+        QVERIFY(!makePatch(tree.path("old.app"), tree.path("new.app"), tree.path("patch"), {}, summary));
+        PatchFile file;
+        QVERIFY(!PatchFile::read(tree.path("patch"), file));
+        QCOMPARE(file.payload.size(), 32 + 24 + fresh.size()); // header, one triple, new bytes
+    }
+
     void lostModes()
     {
         const TemporaryTree tree;
