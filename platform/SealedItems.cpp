@@ -1,6 +1,7 @@
 #include "SealedItems.h"
 
 #include "PropertyList.h"
+#include "SafeText.h"
 
 #include <QStringList>
 
@@ -114,12 +115,7 @@ namespace zel {
 
 QString shownPath(const QByteArray &path)
 {
-    QString text = QString::fromUtf8(path);
-    for (QChar &c : text) {
-        if (!c.isPrint() && !c.isSurrogate())
-            c = QChar::ReplacementCharacter;
-    }
-    return text;
+    return QString::fromStdString(safeText({path.constData(), size_t(path.size())}));
 }
 
 ZELError checkNames(const SealedItems &items)

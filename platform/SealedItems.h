@@ -17,7 +17,7 @@ struct SealedItems {
     QMap<QByteArray, QByteArray> links; ///< path to the link's target
 };
 
-/// A path for people to read in one line: what is not text or would break the line is replaced.
+/// A path for people to read in one line, as `safeText` makes it.
 QString shownPath(const QByteArray &path);
 
 /// Why the items cannot be listed in XML: a path or target that is not UTF-8 or has control characters other than

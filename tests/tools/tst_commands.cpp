@@ -186,14 +186,15 @@ private slots:
         const QByteArray endless = command("add", "b\\n", slice(0, std::numeric_limits<qint64>::max())) + ',';
         m_tree.write("odd.patch",
                      patchOfCommands(command("add", "a", slice(0, 7)) + ',' + endless + endless
-                                     + command("delete", "x\\n\\u001b[2Jy", R"(,"length":5)") + ','
+                                     + command("delete", "x\\n\\u001b[2J\\u202ey", R"(,"length":5)") + ','
                                      + command("explode", "")));
         const Outcome outcome = run("inspect-patch|{}/odd.patch");
         QCOMPARE(outcome.status, 0);
         QVERIFY2(outcome.out.contains("\n\n1 (none)\n1 delete\n3 add (7 bytes)\n"), outcome.out.constData());
         QVERIFY(run("apply-patch|{}/100/My App.app|{}/new.app|{}/odd.patch")
                     .err.endsWith(": Error creating file: b\xEF\xBF\xBD\n"));
-        QVERIFY2(outcome.out.contains("  x\xEF\xBF\xBD\xEF\xBF\xBD[2Jy\n"), outcome.out.constData());
+        QVERIFY2(outcome.out.contains("  x\xEF\xBF\xBD\xEF\xBF\xBD[2J\xEF\xBF\xBDy\n"),
+                 outcome.out.constData());
     }
 
     // The delta engine says "header error" on standard output; scripts that read JSON must not meet it.

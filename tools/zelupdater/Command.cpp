@@ -1,5 +1,7 @@
 #include "Command.h"
 
+#include "SafeText.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -16,6 +18,12 @@ void print(FILE *stream, const QString &line)
     const QByteArray bytes = line.toUtf8() + '\n';
     std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stream);
     std::fflush(stream);
+}
+
+// Lines name what strangers named: paths of a patch, versions of a feed. None of them steers the terminal.
+QString safe(const QString &line)
+{
+    return QString::fromStdString(zel::safeText(line.toStdString()));
 }
 
 QString usageLine(const Command &command)
@@ -87,14 +95,14 @@ int Arguments::done(const QString &text, const QJsonValue &value) const
     if (json())
         printJson(value);
     else if (!text.isEmpty())
-        print(stdout, text);
+        print(stdout, safe(text));
     return Done;
 }
 
 int Arguments::failed(const QString &message, const QJsonValue &value) const
 {
     showProgress({});
-    print(stderr, QLatin1String("zelupdater ") + m_command.name + QLatin1String(": ") + printable(message));
+    print(stderr, safe(QLatin1String("zelupdater ") + m_command.name + QLatin1String(": ") + message));
     if (json())
         printJson(value.isUndefined() ? QJsonObject{{QLatin1String("error"), message}} : value);
     return JobFailed;
@@ -103,7 +111,7 @@ int Arguments::failed(const QString &message, const QJsonValue &value) const
 int Arguments::misused(const QString &message) const
 {
     print(stderr,
-          QLatin1String("zelupdater ") + m_command.name + QLatin1String(": ") + message
+          safe(QLatin1String("zelupdater ") + m_command.name + QLatin1String(": ") + message)
               + QLatin1String("\nUsage: ") + usageLine(m_command));
     if (json())
         printJson(QJsonObject{{QLatin1String("error"), message}});
@@ -113,7 +121,7 @@ int Arguments::misused(const QString &message) const
 void Arguments::say(const QString &line) const
 {
     if (!json())
-        print(stdout, line);
+        print(stdout, safe(line));
 }
 
 void Arguments::showProgress(const QString &text)
@@ -121,7 +129,7 @@ void Arguments::showProgress(const QString &text)
     static const bool terminal = ::isatty(STDERR_FILENO) == 1;
     if (!terminal)
         return;
-    const QByteArray line = "\r\033[K" + text.toUtf8();
+    const QByteArray line = "\r\033[K" + safe(text).toUtf8();
     std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
     std::fflush(stderr);
 }
@@ -156,15 +164,6 @@ void Arguments::printJson(const QJsonValue &value) const
     text = text.sliced(1, text.size() - 2);
     if (m_json)
         print(m_json.get(), QString::fromUtf8(text));
-}
-
-QString printable(QString text)
-{
-    for (QChar &character : text) {
-        if (character.category() == QChar::Other_Control || character.category() == QChar::Other_Format)
-            character = QChar::ReplacementCharacter;
-    }
-    return text;
 }
 
 QString sizeText(qint64 bytes)

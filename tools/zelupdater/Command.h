@@ -30,7 +30,8 @@ const std::vector<Command> &allCommands();
 ///
 /// With --json, exactly one JSON value goes to standard output, whether the job was done, failed or was never begun;
 /// whatever else is written there (by the delta engine, by a child process) goes to standard error. Without it, text
-/// goes to standard output; errors go to standard error, one line each, in both cases.
+/// goes to standard output; errors go to standard error, one line each, in both cases. Each text is shown as one line
+/// that is safe for a terminal, whoever chose its words.
 class Arguments
 {
 public:
@@ -80,9 +81,6 @@ private:
     QCommandLineParser m_parser;
     std::unique_ptr<std::FILE, CloseStream> m_json; ///< with --json, what was standard output
 };
-
-/// A text that names what a stranger named, such as a path of a patch: one line, which cannot steer the terminal.
-QString printable(QString text);
 
 /// A size for people, such as "12.3 MB".
 QString sizeText(qint64 bytes);

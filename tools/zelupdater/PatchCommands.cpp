@@ -68,11 +68,11 @@ int runMakePatch(const Arguments &arguments)
     PatchSummary summary;
     if (const ZELError error = makePatch(oldBundle, newBundle, patch, options, summary))
         return arguments.failed(error.message);
-    QString text = arguments.positional(2) + QLatin1String(": ") + summaryText(summary);
     if (!summary.lostModes.isEmpty())
-        text +=
-            QLatin1String("\nwithout their executable bit: ") + summary.lostModes.join(QLatin1String(", "));
-    return arguments.done(text, summaryJson(summary));
+        arguments.say(QLatin1String("without their executable bit: ")
+                      + summary.lostModes.join(QLatin1String(", ")));
+    return arguments.done(arguments.positional(2) + QLatin1String(": ") + summaryText(summary),
+                          summaryJson(summary));
 }
 
 // What keeps a patch from being applied; a null string when nothing is seen. What stands at the new bundle's place is
@@ -168,7 +168,7 @@ QString rowOf(const PatchCommand &command)
         command.action == PatchAction::CreateSymlink ? QLatin1String(" -> ") + command.symlink : QString();
     return QStringLiteral("%1 %2 %3  %4")
         .arg(nameOf(command.action).leftJustified(14), length.rightJustified(12), position.rightJustified(12),
-             printable(command.path + target));
+             command.path + target);
 }
 
 QString totalOf(PatchAction action, int count, qint64 bytes)

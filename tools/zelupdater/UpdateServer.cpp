@@ -1,7 +1,6 @@
 #include "UpdateServer.h"
 
 #include "FileTree.h"
-#include "SealedItems.h"
 #include "StagingFolder.h"
 
 #include <QDateTime>
@@ -70,8 +69,7 @@ UpdateServer::UpdateServer(const QString &folder, std::function<void(const QStri
     m_server->Post(AnyPath, [this](const auto &request, auto &response) { post(request, response); });
     m_server->set_logger([this](const httplib::Request &request, const httplib::Response &response) {
         m_said(QStringLiteral("%1 %2 %3")
-                   .arg(QString::fromStdString(request.method),
-                        shownPath(QByteArray::fromStdString(request.path)))
+                   .arg(QString::fromStdString(request.method), QString::fromStdString(request.path))
                    .arg(response.status));
     });
 }

@@ -1,6 +1,7 @@
 // zelupdater: makes, applies, inspects and serves updates.
 #include "Command.h"
 #include "DDLog.h"
+#include "SafeText.h"
 
 #include <QCoreApplication>
 
@@ -28,6 +29,13 @@ void quietUnlessAsked(const QStringList &words)
         QLoggingCategory::setFilterRules(QStringLiteral("zel.*=false"));
 }
 
+// The log, too, names what strangers named.
+void showSafely(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    const std::string line = zel::safeText(qFormatLogMessage(type, context, message).toStdString()) + '\n';
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
 // Qt takes the locale for a UTF-8 one, and newer versions complain on standard error where it is none.
 void setUtf8Locale()
 {
@@ -41,6 +49,7 @@ void setUtf8Locale()
 int main(int argc, char *argv[])
 {
     setUtf8Locale();
+    qInstallMessageHandler(showSafely);
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("zelupdater"));
     QStringList words = QCoreApplication::arguments();
