@@ -2,6 +2,7 @@
 
 #include "IntegerValue.h"
 #include "PropertyList.h"
+#include "RealFolder.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -26,6 +27,11 @@ QVariantMap readInfo(const QString &path)
 } // namespace
 
 namespace zel {
+
+bool isRealBundle(const QString &path)
+{
+    return bool(openRealFolder(path));
+}
 
 QString contentsFolder(const QString &bundle)
 {

@@ -8,6 +8,10 @@
 
 namespace zel {
 
+/// Whether a bundle can be at a path: there is a folder there, itself and not by way of a link, whatever slashes or dots
+/// end the path. Folders above it may be links. Safe from any thread.
+bool isRealBundle(const QString &path);
+
 /// The folder that a bundle keeps its Info.plist and its seal in: `Contents` when that is a folder, else the bundle.
 QString contentsFolder(const QString &bundle);
 

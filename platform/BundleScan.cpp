@@ -1,6 +1,6 @@
 #include "BundleScan.h"
 
-#include <QFile>
+#include "RealFolder.h"
 
 #include <cerrno>
 #include <climits>
@@ -16,7 +16,6 @@ namespace {
 constexpr int MaxDepth = 128; // each level holds a descriptor open
 constexpr qsizetype MaxItems = 500'000;
 constexpr qsizetype PieceSize = 256 << 10;
-constexpr int FolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int FileFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC; // never waits for a pipe's writer
 
 struct Close {
@@ -55,8 +54,8 @@ public:
 
     ZELError scanFolder(int folder, const QByteArray &prefix, int depth)
     {
-        const int copy =
-            ::openat(folder, ".", FolderFlags); // the listing takes the descriptor that it is given
+        // The listing takes the descriptor that it is given.
+        const int copy = ::openat(folder, ".", RealFolderFlags);
         const std::unique_ptr<DIR, Close> entries(copy < 0 ? nullptr : ::fdopendir(copy));
         if (!entries)
             return cannotRead(prefix, errno);
@@ -93,7 +92,7 @@ private:
     {
         if (depth > MaxDepth)
             return refusal(path, "is nested too deeply");
-        const FileDescriptor subfolder(::openat(folder, name.constData(), FolderFlags));
+        const FileDescriptor subfolder(::openat(folder, name.constData(), RealFolderFlags));
         return subfolder ? scanFolder(subfolder.get(), path + '/', depth) : cannotRead(path, errno);
     }
 
@@ -136,10 +135,10 @@ FileDescriptor openBelow(int root, const QByteArray &path, int flags)
 {
     QByteArrayList names = path.split('/');
     const QByteArray last = names.takeLast();
-    FileDescriptor folder(::openat(root, ".", FolderFlags));
+    FileDescriptor folder(::openat(root, ".", RealFolderFlags));
     for (const QByteArray &name : names) {
         if (folder)
-            folder = FileDescriptor(::openat(folder.get(), name.constData(), FolderFlags));
+            folder = FileDescriptor(::openat(folder.get(), name.constData(), RealFolderFlags));
     }
     return folder ? FileDescriptor(::openat(folder.get(), last.constData(), flags)) : FileDescriptor();
 }
@@ -148,10 +147,12 @@ FileDescriptor openBelow(int root, const QByteArray &path, int flags)
 
 ZELError BundleFolder::open(const QString &bundle)
 {
-    if (bundle.contains(QChar::Null))
-        return ZELError::withMessage(QStringLiteral("the path is not a file name"));
-    m_folder = FileDescriptor(::open(QFile::encodeName(bundle).constData(), FolderFlags & ~O_NOFOLLOW));
-    return m_folder ? ZELError() : ZELError::fromErrno(QStringLiteral("cannot open the folder"), errno);
+    m_folder = openRealFolder(bundle);
+    if (m_folder)
+        return {};
+    if (errno == ENOTDIR || errno == ELOOP)
+        return ZELError::withMessage(QStringLiteral("it is not a folder itself, but a file or a link"));
+    return ZELError::fromErrno(QStringLiteral("cannot open the folder"), errno);
 }
 
 ZELError BundleFolder::scan(SealedItems &items) const
@@ -161,7 +162,7 @@ ZELError BundleFolder::scan(SealedItems &items) const
 
 bool BundleFolder::hasFolder(const QByteArray &path) const
 {
-    return bool(openBelow(m_folder.get(), path, FolderFlags));
+    return bool(openBelow(m_folder.get(), path, RealFolderFlags));
 }
 
 ZELError BundleFolder::read(const QByteArray &path, qint64 limit, QByteArray &bytes) const

@@ -10,7 +10,7 @@ namespace zel {
 class BundleFolder
 {
 public:
-    /// Opens a bundle; links in its own path are followed.
+    /// Opens a bundle, which must be a real folder: a link to one is refused, while folders above it may be links.
     ZELError open(const QString &bundle);
 
     /// Adds every file, with its digest, and every link below the folder to `items`. Unreadable items, anything but

@@ -17,14 +17,14 @@ struct Seal {
     QByteArray signature;
 };
 
-ZELError verifyAll(const QString &bundle, const QStringList &pinnedSigners)
+ZELError verifyAll(const QString &bundle, const SignerPins &pins)
 {
     BundleFolder folder;
     SealedItems sealed;
     SealedItems found;
     if (const ZELError error = folder.open(bundle))
         return error;
-    if (const ZELError error = SealedBundle(folder).readSeal(sealed, pinnedSigners))
+    if (const ZELError error = SealedBundle(folder).readSeal(sealed, pins))
         return error;
     if (const ZELError error = folder.scan(found))
         return error;
@@ -72,7 +72,7 @@ ZELError tryToReplace(const QString &bundle, const Seal &seal, SealFile &resourc
         return error;
     if (const ZELError error = signature.moveIntoPlace())
         return error;
-    return verifyAll(bundle, {});
+    return verifyAll(bundle, std::nullopt);
 }
 
 ZELError replaceSeal(const QString &bundle, const QString &sealFolder, const Seal &seal)
@@ -120,9 +120,9 @@ ZELError sealBundle(const QString &bundle, const QString &keyFile, const QString
     return because(attempt, bundle, replaceSeal(bundle, bundle + u'/' + QFile::decodeName(sealPath), seal));
 }
 
-ZELError verifySeal(const QString &bundle, const QStringList &pinnedSigners)
+ZELError verifySeal(const QString &bundle, const SignerPins &pins)
 {
-    return because(QStringLiteral("no valid seal on"), bundle, verifyAll(bundle, pinnedSigners));
+    return because(QStringLiteral("no valid seal on"), bundle, verifyAll(bundle, pins));
 }
 
 } // namespace zel

@@ -84,10 +84,13 @@ QString fingerprint(const X509 *certificate)
     return QString::fromLatin1(digest.left(size).toHex());
 }
 
-bool hasPinnedSigner(CMS_ContentInfo *cms, const QStringList &pinnedSigners)
+bool hasPinnedSigner(CMS_ContentInfo *cms, const QStringList &pins)
 {
-    const QString pins = pinnedSigners.join(u' ').remove(u':').toLower();
-    const QStringList accepted = pins.split(u' ');
+    QStringList accepted;
+    for (const QString &pin : pins) {
+        if (const std::optional<QString> readable = zel::normalFingerprint(pin))
+            accepted.append(*readable);
+    }
     const Certificates signers(CMS_get0_signers(cms));
     for (int i = 0; i < sk_X509_num(signers.get()); ++i) {
         if (accepted.contains(fingerprint(sk_X509_value(signers.get(), i))))
@@ -137,8 +140,7 @@ ZELError Signer::sign(const QByteArray &content, QByteArray &signature) const
     return {};
 }
 
-ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
-                         const QStringList &pinnedSigners)
+ZELError verifySignature(const QByteArray &content, const QByteArray &signature, const SignerPins &pins)
 {
     const auto *at = reinterpret_cast<const unsigned char *>(signature.constData());
     const auto *end = at + signature.size();
@@ -151,7 +153,7 @@ ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
     const Bio reader = readerOf(content);
     if (CMS_verify(cms.get(), nullptr, nullptr, reader.get(), nullptr, flags) != 1)
         return failure(QStringLiteral("the signature does not verify"));
-    if (!pinnedSigners.isEmpty() && !hasPinnedSigner(cms.get(), pinnedSigners))
+    if (pins && !hasPinnedSigner(cms.get(), *pins))
         return failure(QStringLiteral("the signer is not one of those that are pinned"));
     return {};
 }

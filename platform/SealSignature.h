@@ -1,11 +1,11 @@
 // Detached CMS signatures (RFC 5652) over a seal's list of items.
 #pragma once
 
+#include "SignerPins.h"
 #include "ZELError.h"
 
 #include <QByteArray>
 #include <QString>
-#include <QStringList>
 
 #include <memory>
 #include <openssl/types.h>
@@ -30,9 +30,8 @@ private:
 
 /// No error when `signature` is a detached CMS signature over `content` that has one signer or more, each with its
 /// certificate inside and with SHA-2 as digest, all of which verify. The certificates' chain, purpose and dates are not
-/// looked at. When `pinnedSigners` (SHA-256 fingerprints, hexadecimal, colons and case ignored) is not empty, one
-/// signer at least must be among them. Safe from any thread.
+/// looked at. Where signers are pinned, one signer at least must be among them. Safe from any thread.
 ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
-                         const QStringList &pinnedSigners = {});
+                         const SignerPins &pins = std::nullopt);
 
 } // namespace zel

@@ -85,7 +85,7 @@ SealedItems SealedBundle::sealedPart(const SealedItems &all) const
     return items;
 }
 
-ZELError SealedBundle::readSeal(SealedItems &sealed, const QStringList &pinnedSigners) const
+ZELError SealedBundle::readSeal(SealedItems &sealed, const SignerPins &pins) const
 {
     QByteArray resources;
     QByteArray signature;
@@ -93,7 +93,7 @@ ZELError SealedBundle::readSeal(SealedItems &sealed, const QStringList &pinnedSi
         return error;
     if (const ZELError error = m_folder.read(joined(m_path, signaturePath()), MaxSignatureSize, signature))
         return error;
-    if (const ZELError error = verifySignature(resources, signature, pinnedSigners))
+    if (const ZELError error = verifySignature(resources, signature, pins))
         return error;
     std::optional<SealedItems> items = fromPropertyList(resources);
     if (!items)

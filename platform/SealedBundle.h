@@ -2,8 +2,7 @@
 #pragma once
 
 #include "BundleScan.h"
-
-#include <QStringList>
+#include "SignerPins.h"
 
 namespace zel {
 
@@ -25,7 +24,7 @@ public:
     SealedItems sealedPart(const SealedItems &all) const;
 
     /// Reads the bundle's seal; an error when its signature is not valid or not by one of the pinned signers.
-    ZELError readSeal(SealedItems &sealed, const QStringList &pinnedSigners = {}) const;
+    ZELError readSeal(SealedItems &sealed, const SignerPins &pins = std::nullopt) const;
 
     /// Whether the bundle is what was sealed; `all` are the items of the whole open folder.
     ZELError compare(const SealedItems &sealed, const SealedItems &all) const;

@@ -1,3 +1,4 @@
+#include "BundleInfo.h"
 #include "BundleSeal.h"
 #include "SealedItems.h"
 #include "SealFile.h"
@@ -215,10 +216,39 @@ private slots:
         tree.write("App.app/program", "a");
         QVERIFY(!seal(tree.path("App.app")));
         QVERIFY(!tree.read("App.app/_CodeSignature/CodeSignature").isEmpty());
-        QVERIFY(
-            !zel::verifySeal(tree.link("link", "App.app"))); // links in the bundle's own path are followed
         tree.write("App.app/program", "b");
         QVERIFY(zel::verifySeal(tree.path("App.app")));
+    }
+
+    void onlyARealFolderIsABundle_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<bool>("real");
+
+        for (const char *path : {"App.app", "App.app/", "App.app/././/", "above/App.app", "."})
+            QTest::newRow(path) << path << true;
+        for (const char *path : {"link.app", "link.app/", "link.app//./", "link.app/.", "dangling", "missing",
+                                 "App.app/Contents/Info.plist", "above/link.app/"})
+            QTest::newRow(path) << path << false;
+        QTest::newRow("NUL") << QString("App.app") + QChar::Null << false;
+    }
+
+    void onlyARealFolderIsABundle()
+    {
+        QFETCH(QString, path);
+        QFETCH(bool, real);
+        const TemporaryTree tree;
+        writeSealedBundle(tree);
+        tree.link("link.app", "App.app");
+        tree.link("above", ".");
+        tree.link("dangling", "nowhere");
+        const QString bundle = tree.path() + '/' + path;
+        QCOMPARE(zel::isRealBundle(bundle), real);
+        if (path == ".") // real, but not sealed
+            return;
+        QCOMPARE(zel::verifySeal(bundle).message.isEmpty(), real);
+        QCOMPARE(!zel::verifySeal(bundle, QStringList{m_signer.fingerprint}), real);
+        QCOMPARE(seal(bundle).message.isEmpty(), real);
     }
 
     void tampering_data()
@@ -463,7 +493,18 @@ private slots:
         QTest::newRow("bare, lower case") << QStringList{bare} << true;
         QTest::newRow("one of two") << QStringList{m_other.fingerprint, m_signer.fingerprint} << true;
         QTest::newRow("other") << QStringList{m_other.fingerprint} << false;
+        QTest::newRow("in capitals, with blanks")
+            << QStringList{' ' + QString(m_signer.fingerprint).replace(':', ' ') + '\n'} << true;
+        QTest::newRow("openssl's line") << QStringList{"sha256 Fingerprint=" + m_signer.fingerprint} << true;
+        QTest::newRow("older openssl's line")
+            << QStringList{"SHA256 Fingerprint=" + m_signer.fingerprint} << true;
+        QTest::newRow("one cannot be read") << QStringList{"x", bare} << true;
+        QTest::newRow("nobody") << QStringList{} << false;
         QTest::newRow("half a fingerprint") << QStringList{bare.left(32)} << false;
+        QTest::newRow("too long") << QStringList{bare + "00"} << false;
+        QTest::newRow("other digest's line")
+            << QStringList{"sha1 Fingerprint=" + m_signer.fingerprint} << false;
+        QTest::newRow("a list in one text") << QStringList{bare + ',' + bare} << false;
         QTest::newRow("empty pin") << QStringList{QString()} << false;
     }
 

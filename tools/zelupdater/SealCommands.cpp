@@ -20,7 +20,8 @@ int runSign(const Arguments &arguments)
 int runVerify(const Arguments &arguments)
 {
     const QString bundle = arguments.positional(0);
-    const ZELError error = verifySeal(bundle, arguments.values(QStringLiteral("signer")));
+    const QStringList signers = arguments.values(QStringLiteral("signer"));
+    const ZELError error = verifySeal(bundle, signers.isEmpty() ? SignerPins() : signers);
     if (error)
         return arguments.failed(
             error.message,
