@@ -1,5 +1,7 @@
 #include "ChildProcess.h"
 
+#include "SignalShield.h"
+
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -42,37 +44,6 @@ public:
     posix_spawn_file_actions_t actions;
 };
 
-// Keeps the SIGPIPE of a write from the host. The signal goes to the writing thread, so it is enough to hold it
-// back there and to take it away afterwards; one that was waiting before is left for its owner.
-class BrokenPipeShield
-{
-public:
-    BrokenPipeShield()
-    {
-        sigset_t pending;
-        sigpending(&pending);
-        m_wasPending = sigismember(&pending, SIGPIPE) == 1;
-        sigemptyset(&m_brokenPipe);
-        sigaddset(&m_brokenPipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &m_brokenPipe, &m_before);
-    }
-    ~BrokenPipeShield()
-    {
-        const int error = errno;
-        const timespec now{};
-        while (!m_wasPending && sigtimedwait(&m_brokenPipe, nullptr, &now) < 0 && errno == EINTR) { }
-        pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
-        errno = error;
-    }
-    BrokenPipeShield(const BrokenPipeShield &) = delete;
-    BrokenPipeShield &operator=(const BrokenPipeShield &) = delete;
-
-private:
-    sigset_t m_brokenPipe;
-    sigset_t m_before;
-    bool m_wasPending;
-};
-
 } // namespace
 
 bool ChildProcess::launch(const QString &program, const QStringList &arguments)
@@ -99,7 +70,7 @@ bool ChildProcess::launch(const QString &program, const QStringList &arguments)
 
 bool ChildProcess::write(const char *data, size_t length)
 {
-    const BrokenPipeShield shield;
+    const SignalShield shield;
     while (length > 0) {
         const ssize_t written = ::write(m_input.get(), data, length);
         if (written < 0 && errno != EINTR)

@@ -1,5 +1,7 @@
 #include "DDLog.h"
 
+#include "SignalShield.h"
+
 #include <QDebug>
 
 #include <condition_variable>
@@ -57,6 +59,7 @@ private:
         // Made before the writer, so that they outlive the last message: the category and Qt's message pattern.
         zelUpdaterLog();
         qFormatLogMessage(QtInfoMsg, {}, {});
+        const zel::BlockedSignals blocked(zel::BlockedSignals::asynchronous());
         m_thread = std::thread([this] { run(); });
     }
 

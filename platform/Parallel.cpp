@@ -1,5 +1,7 @@
 #include "Parallel.h"
 
+#include "SignalShield.h"
+
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
@@ -73,6 +75,7 @@ void runJobs(std::span<const qint64> costs, const std::function<void(size_t)> &j
     const size_t count = std::min<size_t>(std::max(1U, std::thread::hardware_concurrency()), costs.size());
     std::vector<std::jthread> others;
     try {
+        const BlockedSignals blocked(BlockedSignals::asynchronous());
         for (size_t i = 1; i < count; ++i)
             others.emplace_back([&jobs] { jobs.work(); });
     } catch (const std::system_error &) {

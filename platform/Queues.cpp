@@ -1,5 +1,7 @@
 #include "Queues.h"
 
+#include "SignalShield.h"
+
 #include <QCoreApplication>
 #include <QThreadPool>
 #include <QTimer>
@@ -23,8 +25,11 @@ void onMainQueueAfter(std::chrono::milliseconds delay, std::function<void()> wor
 void onGlobalQueue(std::function<void()> work)
 {
     QThreadPool::globalInstance()->start([work = std::move(work)]() mutable {
-        work();
-        work = nullptr;
+        {
+            const SignalShield shield; // the pool's threads are the host's, too
+            work();
+            work = nullptr;
+        }
         // Qt does not wait for a pool's thread to its very end. At exit OpenSSL may have cleaned up by then, and would
         // lose what it keeps for the thread.
         OPENSSL_thread_stop();

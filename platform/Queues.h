@@ -13,7 +13,7 @@ void onMainQueue(std::function<void()> work);
 /// As `onMainQueue`, after `delay`.
 void onMainQueueAfter(std::chrono::milliseconds delay, std::function<void()> work);
 
-/// Runs `work` on a thread of the global pool. Safe from any thread.
+/// Runs `work` on a thread of the global pool, under a `SignalShield`. Safe from any thread.
 void onGlobalQueue(std::function<void()> work);
 
 } // namespace zel

@@ -1,5 +1,7 @@
 #include "SessionThreads.h"
 
+#include "SignalShield.h"
+
 #include <QCoreApplication>
 
 #include <condition_variable>
@@ -30,6 +32,7 @@ public:
         if (!std::exchange(m_endsWithApplication, true))
             qAddPostRoutine(endAll);
         m_running.push_front({cancel, {}});
+        const zel::BlockedSignals blocked(zel::BlockedSignals::asynchronous());
         const auto session = m_running.begin();
         session->thread = std::thread([this, session, body = std::move(body)]() mutable {
             body();

@@ -5,9 +5,9 @@
 
 namespace zel {
 
-/// Runs `body` on a new thread. `cancel` is called, on another thread, when the application ends before `body` has
-/// returned: then every session is cancelled and the application object's destructor waits for all of them. A session
-/// that starts during that is cancelled at once. Safe from any thread.
+/// Runs `body` on a new thread, where no signal handler of the host ever runs. `cancel` is called, on another thread,
+/// when the application ends before `body` has returned: then every session is cancelled and the application object's
+/// destructor waits for all of them. A session that starts during that is cancelled at once. Safe from any thread.
 void startSession(std::function<void()> body, std::function<void()> cancel);
 
 } // namespace zel

@@ -1,0 +1,63 @@
+#include "SignalShield.h"
+
+#include <cerrno>
+#include <ctime>
+
+namespace zel {
+
+namespace {
+
+constexpr int RaisedByWriting[] = {SIGPIPE, SIGXFSZ};
+constexpr int RaisedByFaults[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT};
+
+sigset_t raisedByWriting()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : RaisedByWriting)
+        sigaddset(&set, signal);
+    return set;
+}
+
+} // namespace
+
+BlockedSignals::BlockedSignals(const sigset_t &set)
+{
+    pthread_sigmask(SIG_BLOCK, &set, &m_before);
+}
+
+BlockedSignals::~BlockedSignals()
+{
+    pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+}
+
+sigset_t BlockedSignals::asynchronous()
+{
+    sigset_t set;
+    sigfillset(&set);
+    for (const int fault : RaisedByFaults)
+        sigdelset(&set, fault);
+    return set;
+}
+
+SignalShield::SignalShield()
+    : m_ours(raisedByWriting())
+    , m_blocked(m_ours)
+{
+    sigset_t pending;
+    sigpending(&pending);
+    for (const int signal : RaisedByWriting)
+        if (sigismember(&pending, signal) == 1)
+            sigdelset(&m_ours, signal);
+}
+
+SignalShield::~SignalShield()
+{
+    // Both go to the thread that writes, so it is enough to take them away here. The mask comes back after this.
+    const int error = errno;
+    const timespec now{};
+    while (sigtimedwait(&m_ours, nullptr, &now) > 0 || errno == EINTR) { }
+    errno = error;
+}
+
+} // namespace zel
