@@ -3,6 +3,7 @@
 #include "ArchiveExtractor.h"
 #include "BundleSeal.h"
 #include "DDLog.h"
+#include "DownloadFraction.h"
 #include "FileTree.h"
 #include "IntegerValue.h"
 #include "MD5Digest.h"
@@ -16,8 +17,6 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-
-#include <cmath>
 
 namespace zel {
 
@@ -57,12 +56,6 @@ struct UpdateInstaller::Chosen {
     bool isPatch;
     QVariantMap entry;
 };
-
-double downloadFraction(qint64 received, qint64 expected)
-{
-    const double fraction = double(received) / double(expected);
-    return std::isnan(fraction) ? 0 : fraction;
-}
 
 QString payloadName(const QUrl &url)
 {
@@ -159,13 +152,14 @@ void UpdateInstaller::downloadUpdate(ZELDownloadCompletion completion)
     setTask(task);
     task->resume();
     if (m_hooks.progress)
-        task->observeCountOfBytesReceived([self, weak = std::weak_ptr(task)] {
-            onMainQueue([self, weak] {
+        task->observeCountOfBytesReceived([self, chosen, weak = std::weak_ptr(task)] {
+            onMainQueue([self, chosen, weak] {
                 // One that was cancelled must not write over its successor's progress.
                 const auto running = weak.lock();
                 if (running && running == self->task())
-                    self->m_hooks.progress(running->countOfBytesReceived(),
-                                           running->countOfBytesExpectedToReceive());
+                    self->m_hooks.progress(
+                        running->countOfBytesReceived(),
+                        expectedBytes(running->countOfBytesExpectedToReceive(), chosen.entry));
             });
         });
 }

@@ -15,10 +15,6 @@ namespace zel {
 
 class URLSessionTask;
 
-/// The share of a download that has arrived: received ÷ expected. Negative when the server did not state the size
-/// (expected is -1 then); 0 when the quotient is not a number.
-double downloadFraction(qint64 received, qint64 expected);
-
 /// The file name under which a download from `url` is kept: the last part of its path, without separators, never
 /// empty, "." or "..".
 QString payloadName(const QUrl &url);
@@ -36,7 +32,7 @@ public:
             handleLog; ///< main queue: the log of a patch that failed
         std::function<void()> preparing; ///< a patch is about to be applied; on the calling thread
         std::function<void(qint64 received, qint64 expected)>
-            progress; ///< main queue; expected is -1 if unknown
+            progress; ///< main queue; expected as `expectedBytes` has it
     };
 
     struct Settings {

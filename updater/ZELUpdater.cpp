@@ -1,6 +1,7 @@
 #include "ZELUpdater.h"
 
 #include "ArchiveExtractor.h"
+#include "DownloadFraction.h"
 #include "Queues.h"
 #include "RequestBodies.h"
 #include "StagingFolder.h"
@@ -115,8 +116,12 @@ void ZELUpdater::observeValueForKeyPath(const QString &keyPath)
 {
     zel::onMainQueue([this, keyPath] {
         const auto running = task();
-        if (running && keyPath == QLatin1String("countOfBytesReceived"))
-            showProgress(running->countOfBytesReceived(), running->countOfBytesExpectedToReceive());
+        if (!running || keyPath != QLatin1String("countOfBytesReceived"))
+            return;
+        const QVariantMap result = update();
+        const QVariant chosen = result.value(QStringLiteral("patch"), result[QStringLiteral("update")]);
+        showProgress(running->countOfBytesReceived(),
+                     zel::expectedBytes(running->countOfBytesExpectedToReceive(), chosen.toMap()));
     });
 }
 

@@ -1,7 +1,7 @@
 // The updater's window: its pages, their buttons, and the way from one page to the next.
 #include "ZELUpdaterViews.h"
 
-#include "UpdateInstaller.h"
+#include "DownloadFraction.h"
 #include "URLSession.h"
 #include "ZELImageView.h"
 #include "ZELLayout.h"

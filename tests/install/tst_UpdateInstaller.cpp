@@ -351,14 +351,6 @@ private slots:
         QCOMPARE(payloadName(QUrl(url)), name);
     }
 
-    void fractions()
-    {
-        QCOMPARE(downloadFraction(0, 0), 0.0);
-        QCOMPARE(downloadFraction(50, 200), 0.25);
-        QCOMPARE(downloadFraction(50, -1), -50.0);
-        QVERIFY(qIsInf(downloadFraction(1, 0)));
-    }
-
 private:
     void compareStaged(const QString &root, QStringList expected)
     {

@@ -1,6 +1,7 @@
 #include "UpdateRun.h"
 
 #include "Command.h"
+#include "DownloadFraction.h"
 #include "IntegerValue.h"
 #include "Queues.h"
 #include "StagingFolder.h"
