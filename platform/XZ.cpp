@@ -82,7 +82,7 @@ public:
             return false;
         m_header.header_size = lzma_block_header_size_decode(*in);
         return m_header.header_size <= m_size
-            && lzma_block_header_decode(&m_header, &Allocator, in) == LZMA_OK
+            && lzma_block_header_decode(&m_header, &Allocator, in) == LZMA_OK && isPlain()
             && lzma_block_compressed_size(&m_header, m_unpaddedSize) == LZMA_OK;
     }
 
@@ -101,6 +101,11 @@ public:
     }
 
 private:
+    bool isPlain() const
+    {
+        return m_filters[0].id == LZMA_FILTER_LZMA2 && m_filters[1].id == LZMA_VLI_UNKNOWN;
+    }
+
     size_t m_start;
     size_t m_size;
     size_t m_outStart;

@@ -7,8 +7,9 @@
 
 namespace zel {
 
-/// Decompresses one whole xz stream, its blocks side by side. Nothing when the data is not exactly one sound stream,
-/// when it would give more than `limit` bytes, when it has more than 65,536 blocks, or when memory runs out. Decoders
+/// Decompresses one whole xz stream of plain LZMA2, its blocks side by side. Nothing when the data is not exactly one
+/// sound stream, has another filter, would give more than `limit` bytes, has more than 65,536 blocks, or when memory
+/// runs out. Decoders
 /// take at most 512 MiB together (no encoder preset needs more than 65 MiB); a block that needs more is refused. The
 /// result is allocated once, at the size that the stream's index states.
 std::optional<QByteArray> decompressXZ(QByteArrayView data, qint64 limit);
