@@ -21,26 +21,30 @@ struct MD5Digest::Context {
 MD5Digest::MD5Digest()
     : m_context(std::make_unique<Context>())
 {
-    if (!EVP_DigestInit_ex(m_context->digest.get(), EVP_md5(), nullptr))
-        qFatal("MD5 is not available");
+    if (!m_context->digest || !EVP_DigestInit_ex(m_context->digest.get(), EVP_md5(), nullptr))
+        m_context.reset();
 }
 
 MD5Digest::~MD5Digest() = default;
 
 void MD5Digest::add(QByteArrayView data)
 {
-    EVP_DigestUpdate(m_context->digest.get(), data.data(), size_t(data.size()));
+    if (m_context && !EVP_DigestUpdate(m_context->digest.get(), data.data(), size_t(data.size())))
+        m_context.reset();
     m_length += data.size();
 }
 
-QString MD5Digest::result()
+std::optional<QString> MD5Digest::result()
 {
+    if (!m_context)
+        return std::nullopt;
     // Deliberate: no digest for whole chunks. Every published hash was made by this rule.
     if (m_length % ChunkSize == 0)
         return QLatin1String("");
     std::array<unsigned char, EVP_MAX_MD_SIZE> bytes;
     unsigned int size = 0;
-    EVP_DigestFinal_ex(m_context->digest.get(), bytes.data(), &size);
+    if (!EVP_DigestFinal_ex(m_context->digest.get(), bytes.data(), &size))
+        return std::nullopt;
     return QString::fromLatin1(
         QByteArray(reinterpret_cast<const char *>(bytes.data()), qsizetype(size)).toHex());
 }

@@ -16,15 +16,18 @@ public:
     MD5Digest();
     ~MD5Digest();
     void add(QByteArrayView data);
-    QString result(); ///< may be asked once
+
+    /// To be asked once. Nothing where the system refuses MD5, as one that allows approved algorithms only does: not
+    /// even the empty text of whole chunks, which would then stand for any data.
+    std::optional<QString> result();
 
 private:
     struct Context;
-    std::unique_ptr<Context> m_context;
+    std::unique_ptr<Context> m_context; // null once something was refused
     qint64 m_length = 0;
 };
 
-/// `MD5FromData` of a file's content, read piece by piece; nothing where it cannot be read.
+/// `MD5FromData` of a file's content, read piece by piece; nothing where it cannot be read or has no digest.
 std::optional<QString> MD5FromFile(const QString &path);
 
 } // namespace zel

@@ -22,7 +22,7 @@ bool ZELUpdaterTestPatch(const QString &oldPath, const QString &newPath, const Q
 {
     QVariantList log;
     ZELUpdaterApplyPatch(oldPath, newPath, patchPath, log);
-    bool result = true;
+    bool result = zel::MD5Digest().result().has_value(); // without digests nothing is known to be equal
     const QDir expected(expectedPath);
     QDirIterator items(expectedPath, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
                        QDirIterator::Subdirectories);

@@ -3,7 +3,9 @@
 #include "TemporaryTree.h"
 #include "ZELUpdaterEscapeString.h"
 
+#include <openssl/evp.h>
 #include <QCryptographicHash>
+#include <QRegularExpression>
 
 class tst_MD5FromData : public QObject
 {
@@ -30,6 +32,21 @@ private slots:
         QVERIFY(!MD5FromData(data).isNull());
         const TemporaryTree tree;
         QCOMPARE(zel::MD5FromFile(tree.write("f", data)), std::optional(expected));
+    }
+
+    // What a system does that allows approved algorithms only. Whole chunks must have no hash then, either.
+    void refusedDigest()
+    {
+        const TemporaryTree tree;
+        for (const QByteArray &data : {QByteArray("abc"), QByteArray(32768, 'a')}) {
+            const QString file = tree.write("f", data);
+            QCOMPARE(EVP_set_default_properties(nullptr, "fips=yes"), 1);
+            const QString ofData = MD5FromData(data);
+            const auto ofFile = zel::MD5FromFile(file);
+            QCOMPARE(EVP_set_default_properties(nullptr, ""), 1);
+            QVERIFY(!QRegularExpression("^([0-9a-f]{32})?$").match(ofData).hasMatch());
+            QCOMPARE(ofFile, std::nullopt);
+        }
     }
 
     void unreadableFile() { QCOMPARE(zel::MD5FromFile("/nowhere"), std::nullopt); }
