@@ -54,6 +54,22 @@ std::vector<PatchCommand> commandsOf(const QByteArray &manifest)
     return commands;
 }
 
+// A file whose size is a multiple of 32768 has no hash to check it by (MD5FromData.h), so a patch never has such a size:
+// white space that means nothing is added to its manifest. It is uneven, since one blank after the other would add
+// nothing to what is compressed.
+std::optional<QByteArray> compressManifest(QByteArray json, qsizetype payloadSize)
+{
+    constexpr qsizetype hashedChunk = 32768;
+    quint32 state = 1;
+    std::optional<QByteArray> compressed = compressXZ(json);
+    while (compressed && (PatchFile::HeaderSize + compressed->size() + payloadSize) % hashedChunk == 0) {
+        state = state * 1664525 + 1013904223;
+        json += " \t\r\n"[state >> 30];
+        compressed = compressXZ(json);
+    }
+    return compressed;
+}
+
 } // namespace
 
 QLatin1String wordOf(PatchAction action)
@@ -130,9 +146,12 @@ std::optional<QByteArray> PatchFile::encode(const std::vector<PatchCommand> &com
     for (const PatchCommand &command : commands)
         list.append(command.toJson());
     const QJsonDocument manifest(QJsonObject{{QLatin1String("commands"), list}});
-    const std::optional<QByteArray> first = compressXZ(manifest.toJson(QJsonDocument::Compact));
     const std::optional<QByteArray> second = compressXZBlocks(payloadBlocks(commands, payload), memory);
-    if (!first || !second)
+    if (!second)
+        return std::nullopt;
+    const std::optional<QByteArray> first =
+        compressManifest(manifest.toJson(QJsonDocument::Compact), second->size());
+    if (!first)
         return std::nullopt;
     try {
         return QByteArray::number(first->size()).leftJustified(HeaderSize, '\0') + *first + *second;

@@ -52,7 +52,7 @@ struct PatchFile {
     std::optional<QByteArrayView> slice(const PatchCommand &command) const;
 
     /// A whole patch file of commands and a payload, which their slices cover one after the other; nothing when
-    /// memory runs out. `memory` bounds what compressing takes besides them, as for `compressXZBlocks`.
+    /// memory runs out. Its size is never one whose hash is empty. `memory` bounds what compressing takes besides them, as for `compressXZBlocks`.
     static std::optional<QByteArray> encode(const std::vector<PatchCommand> &commands, QByteArrayView payload,
                                             qint64 memory);
 };

@@ -3,6 +3,7 @@
 #include "TemporaryTree.h"
 #include "ZELUpdaterApplyPatch.h"
 
+#include <QRandomGenerator>
 #include <QRegularExpression>
 
 using namespace zel;
@@ -162,6 +163,26 @@ private slots:
         PatchFile file;
         QVERIFY(!PatchFile::read(tree.path("patch"), file));
         QCOMPARE(file.payload.size(), 32 + 24 + fresh.size()); // header, one triple, new bytes
+    }
+
+    // Files of n * 32768 bytes have no hash. Sizes go in steps of four: around the first of those, none is left out.
+    void sizesWithoutAHashAreAvoided()
+    {
+        const TemporaryTree tree;
+        makeTree(tree, "old.app", {});
+        QByteArray noise(32768, '\0');
+        QRandomGenerator random(1);
+        std::generate(noise.begin(), noise.end(), [&random] { return char(random.bounded(256)); });
+        QList<qint64> sizes;
+        for (qsizetype taken = 32530; sizes.isEmpty() || sizes.last() <= 32768; ++taken) {
+            tree.write("new.app/noise", noise.first(taken));
+            PatchSummary summary;
+            QVERIFY(!makePatch(tree.path("old.app"), tree.path("new.app"), tree.path("patch"), {}, summary));
+            sizes.append(summary.size);
+        }
+        QVERIFY(sizes.first() < 32764);
+        QVERIFY(sizes.contains(32764));
+        QVERIFY(!sizes.contains(32768));
     }
 
     void lostModes()
