@@ -23,7 +23,9 @@ constexpr qint64 TimedOut = -1001;
 struct URLRequest {
     QUrl url; ///< http or https with a host; anything else is a transport error
     QByteArray method = "GET"; ///< "GET" or "POST"
-    QByteArray body = {}; ///< of a POST; sent as "application/x-www-form-urlencoded", the platform's default
+    QByteArray body = {}; ///< of a POST
+    QByteArray contentType =
+        "application/json"; ///< of the body; servers read, and limit, forms in ways of their own
     std::chrono::milliseconds timeout{120'000}; ///< longest time without a byte in either direction
     qint64 bodyLimit = 64 * 1024 * 1024; ///< most bytes of a data task's body; one more is a transport error
 };

@@ -93,6 +93,7 @@ void URLTransfer::configure()
     if (m_request.method == "POST") {
         curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(m_request.body.size()));
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, m_request.body.constData());
+        curl_slist_append(m_headers.get(), ("Content-Type: " + m_request.contentType).constData());
         curl_slist_append(m_headers.get(), "Expect:"); // no waiting for a leave to send the body
     }
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, m_headers.get());

@@ -256,7 +256,7 @@ private slots:
         const QList<TestServer::Request> requests = server.requests();
         QCOMPARE(requests.size(), 2);
         QCOMPARE(requests[0].body, "question");
-        QCOMPARE(requests[0].headers["content-type"], "application/x-www-form-urlencoded");
+        QCOMPARE(requests[0].headers["content-type"], "application/json");
         QCOMPARE(requests[1].path, "/new");
         QCOMPARE(requests[1].method, isRepeated ? "POST" : "GET");
         QCOMPARE(requests[1].body, isRepeated ? "question" : "");

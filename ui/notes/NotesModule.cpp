@@ -48,7 +48,7 @@ public:
             return;
         }
         QWebEngineHttpRequest request(address, QWebEngineHttpRequest::Post);
-        request.setHeader("Content-Type", "application/x-www-form-urlencoded");
+        request.setHeader("Content-Type", "application/json");
         request.setPostData(body);
         if (m_page)
             m_page->load(request);
