@@ -287,6 +287,7 @@ private slots:
                  m_tree.read("101/My App.app/Contents/MacOS/example"));
 
         serverAnswers(url, result["update"].toObject());
+        serverHoldsOut(url);
 
         // What the user has in the staging folder outlives an archive that cannot be extracted.
         m_tree.write("releases/bad.zip", "no archive");
@@ -329,6 +330,40 @@ private:
         const QByteArray garbage = close + "Content-Length: 2\r\n\r\n{[";
         QVERIFY(http(url, "POST /wexmoor7/updates/patch/" + garbage).startsWith("HTTP/1.1 400"));
         QCOMPARE(logs.entryList(QDir::Files).size(), 1);
+    }
+
+    // However many peers say that a body comes and send none, others are answered; and no body is taken without limit.
+    void serverHoldsOut(const QUrl &url)
+    {
+        const QByteArray head = " HTTP/1.1\r\nHost: h\r\nContent-Type: ";
+        const auto post = [&](const QByteArray &path, const QByteArray &type, const QByteArray &rest) {
+            return http(url, "POST " + path + head + type + "\r\n" + rest).mid(9, 3);
+        };
+        const auto sized = [](qsizetype size) {
+            return "Content-Length: " + QByteArray::number(size) + "\r\n\r\n";
+        };
+        const QByteArray logs = "/wexmoor7/updates/patch/";
+        const QByteArray form = "application/x-www-form-urlencoded";
+        const QByteArray log = "{\"log\":\"" + QByteArray(100000, 'x') + "\"}";
+        QCOMPARE(post(logs, form, sized(log.size()) + log), "200");
+        QCOMPARE(post(logs, "application/json", sized(log.size()) + log), "200");
+        QCOMPARE(post(logs, form, sized((32 << 20) + 1)), "413");
+        QCOMPARE(post("/", form, sized(log.size()) + log), "413");
+        const QByteArray chunked = "Transfer-Encoding: chunked\r\n\r\n";
+        QCOMPARE(post("/", form, chunked + "4\r\n{\"a\"\r\n0\r\n\r\n"), "200");
+        QCOMPARE(post("/", form, chunked + "18700\r\n" + QByteArray(100096, 'x')), "413");
+        QCOMPARE(post("/", "multipart/form-data; boundary=x", sized(3) + "--x"), "415");
+        QCOMPARE(post("/", form, QByteArray("X: y\r\n").repeated(20000) + sized(0)), "400");
+
+        std::vector<std::unique_ptr<QTcpSocket>> idle;
+        for (int i = 0; i < 200; ++i) {
+            idle.push_back(std::make_unique<QTcpSocket>());
+            idle.back()->connectToHost(url.host(), quint16(url.port()));
+            QVERIFY(idle.back()->waitForConnected());
+            idle.back()->write("POST /" + head + form + "\r\n" + sized(10));
+            idle.back()->flush();
+        }
+        QCOMPARE(post("/", form, sized(2) + "{}"), "200");
     }
 
     const TemporaryTree m_tree;

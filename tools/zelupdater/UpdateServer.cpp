@@ -1,6 +1,8 @@
 #include "UpdateServer.h"
 
+#include "DiskSpace.h"
 #include "FileTree.h"
+#include "HttpServer.h"
 #include "StagingFolder.h"
 
 #include <QDateTime>
@@ -9,16 +11,15 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QTemporaryFile>
 #include <QUrl>
-
-#include <httplib.h>
 
 namespace zel {
 
 namespace {
 
-constexpr size_t LogLimit = size_t(512)
-    << 20; // a patch log can hold the old and the new file of a failed delta
+constexpr size_t CheckLimit = size_t(64) << 10;
+constexpr size_t LogLimit = size_t(32) << 20; // files in a log are at most 1 MiB, but there can be some
 const char *const AnyPath = "[\\s\\S]*"; // a dot would leave out names with a line break
 const char *const PatchLogPath = "/wexmoor7/updates/patch/";
 
@@ -30,6 +31,33 @@ const char *contentType(const QString &file)
     if (suffix == QLatin1String("json"))
         return "application/json";
     return suffix == QLatin1String("zip") ? "application/zip" : "application/octet-stream";
+}
+
+size_t bodyLimit(const httplib::Request &request)
+{
+    return request.path == PatchLogPath ? LogLimit : CheckLimit;
+}
+
+// Gives the body to `take`, piece by piece. Returns the status: 200 when all of it was taken.
+int readBody(const httplib::Request &request, const httplib::ContentReader &body,
+             const std::function<int(QByteArrayView piece)> &take)
+{
+    const bool chunked = request.has_header("Transfer-Encoding");
+    if (request.is_multipart_form_data())
+        return 415;
+    if (!chunked && !request.has_header("Content-Length"))
+        return 200;
+    const size_t limit = bodyLimit(request);
+    if (!chunked && request.get_header_value<uint64_t>("Content-Length") > limit)
+        return 413;
+    size_t taken = 0;
+    int status = 200;
+    const bool whole = body([&](const char *bytes, size_t count) {
+        taken += count;
+        status = taken > limit ? 413 : take({bytes, qsizetype(count)});
+        return status == 200;
+    });
+    return whole || status != 200 ? status : 400;
 }
 
 void answerJson(httplib::Response &response, const QByteArray &json)
@@ -62,11 +90,12 @@ QJsonObject withAbsoluteAddresses(QJsonObject entry, const QUrl &base)
 UpdateServer::UpdateServer(const QString &folder, std::function<void(const QString &)> said)
     : m_folder(folder)
     , m_said(std::move(said))
-    , m_server(std::make_unique<httplib::Server>())
+    , m_server(std::make_unique<HttpServer>(bodyLimit))
 {
-    m_server->set_payload_max_length(LogLimit);
     m_server->Get(AnyPath, [this](const auto &request, auto &response) { serveFile(request, response); });
-    m_server->Post(AnyPath, [this](const auto &request, auto &response) { post(request, response); });
+    m_server->Post(AnyPath, [this](const auto &request, auto &response, const auto &body) {
+        post(request, response, body);
+    });
     m_server->set_logger([this](const httplib::Request &request, const httplib::Response &response) {
         m_said(QStringLiteral("%1 %2 %3")
                    .arg(QString::fromStdString(request.method), QString::fromStdString(request.path))
@@ -124,31 +153,48 @@ void UpdateServer::serveFile(const httplib::Request &request, httplib::Response 
                                   });
 }
 
-void UpdateServer::post(const httplib::Request &request, httplib::Response &response) const
+void UpdateServer::post(const httplib::Request &request, httplib::Response &response,
+                        const httplib::ContentReader &body) const
 {
     if (request.path == PatchLogPath)
-        storeLog(request, response);
-    else if (!servedFile(request.path).isNull())
+        return storeLog(request, response, body);
+    // What a client tells of itself changes no answer: all get the whole feed, and choose.
+    response.status = readBody(request, body, [](QByteArrayView) { return 200; });
+    if (response.status != 200)
+        return;
+    if (!servedFile(request.path).isNull())
         serveFile(request, response);
     else
         answerCheck(request, response);
 }
 
-void UpdateServer::storeLog(const httplib::Request &request, httplib::Response &response) const
+// The log is not kept in memory while it comes, nor is a half one ever seen under a name.
+void UpdateServer::storeLog(const httplib::Request &request, httplib::Response &response,
+                            const httplib::ContentReader &body) const
 {
-    const QByteArray body = QByteArray::fromStdString(request.body);
-    if (!QJsonDocument::fromJson(body).isObject()) {
-        response.status = 400;
-        return;
-    }
     const QString folder = m_folder + QLatin1String("/logs");
     const QString time = QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd-HHmmss"));
     const QString name = QStringLiteral("%1/%2-%3.json").arg(folder, time, newUUID());
-    if (!QDir().mkpath(folder) || writeFileAtomically(name, body)) {
+    QTemporaryFile file(folder + QLatin1String("/.XXXXXX"));
+    if (!QDir().mkpath(folder) || !file.open()) {
         response.status = 500;
         return;
     }
-    answerJson(response, "{}");
+    response.status = readBody(request, body, [&file](QByteArrayView piece) {
+        const bool room = writableBytes(file.handle()).value_or(0) > piece.size();
+        return room && file.write(piece.data(), piece.size()) == piece.size() ? 200 : 507;
+    });
+    if (response.status != 200)
+        return;
+    const std::lock_guard lock(m_judging);
+    if (!file.seek(0) || !QJsonDocument::fromJson(file.readAll()).isObject())
+        response.status = 400;
+    else if (!file.rename(name))
+        response.status = 500;
+    else {
+        file.setAutoRemove(false);
+        answerJson(response, "{}");
+    }
 }
 
 void UpdateServer::answerCheck(const httplib::Request &request, httplib::Response &response) const

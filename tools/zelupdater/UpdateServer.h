@@ -7,19 +7,24 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 
 namespace httplib {
-class Server;
+class ContentReader;
 struct Request;
 struct Response;
 } // namespace httplib
 
 namespace zel {
 
+class HttpServer;
+
 /// Answers over HTTP:
 ///  - GET of a file in the folder, with byte ranges; POST of one too, because that is how release notes are asked for;
-///  - POST to "/wexmoor7/updates/patch/": a patch log, stored as a file in the folder's "logs", which is never served;
-///  - any other POST: a check, answered with the feed, its addresses made absolute.
+///  - POST to "/wexmoor7/updates/patch/": a patch log of at most 32 MiB, stored as a file in the folder's "logs", which
+///    is never served, as long as the disk has room;
+///  - any other POST: a check, of at most 64 KiB, answered with the feed, its addresses made absolute.
+/// What type a body says that it has does not matter. HttpServer.h says what else peers are held to.
 class UpdateServer
 {
 public:
@@ -35,15 +40,18 @@ public:
 
 private:
     void serveFile(const httplib::Request &request, httplib::Response &response) const;
-    void post(const httplib::Request &request, httplib::Response &response) const;
-    void storeLog(const httplib::Request &request, httplib::Response &response) const;
+    void post(const httplib::Request &request, httplib::Response &response,
+              const httplib::ContentReader &body) const;
+    void storeLog(const httplib::Request &request, httplib::Response &response,
+                  const httplib::ContentReader &body) const;
     void answerCheck(const httplib::Request &request, httplib::Response &response) const;
     QString servedFile(const std::string &path) const;
 
     const QString m_folder;
     const std::function<void(const QString &)> m_said;
     QString m_address; // "http://host:port/"
-    std::unique_ptr<httplib::Server> m_server;
+    std::unique_ptr<HttpServer> m_server;
+    mutable std::mutex m_judging; // of logs, which takes memory: one at a time
 };
 
 } // namespace zel
