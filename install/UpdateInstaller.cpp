@@ -1,28 +1,17 @@
 #include "UpdateInstaller.h"
 
-#include "ArchiveExtractor.h"
-#include "BundleSeal.h"
 #include "DDLog.h"
-#include "DownloadFraction.h"
-#include "FileTree.h"
 #include "IntegerValue.h"
-#include "MD5Digest.h"
-#include "PatchLog.h"
 #include "Queues.h"
-#include "StagingFolder.h"
-#include "URLSession.h"
-#include "ZELUpdaterApplyPatch.h"
-#include "ZELUpdaterValidateCodeSigning.h"
-
-#include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
+#include "UpdateJob.h"
 
 namespace zel {
 
 namespace {
 
-enum InstallStatus : qint64 { Failed = 0, Succeeded = 1, ExtractionFailed = 2, PatchFailed = 3 };
+enum InstallStatus : qint64 { Succeeded = 1, ExtractionFailed = 2, PatchFailed = 3 };
+
+const QString Patch = QStringLiteral("patch");
 
 // Completions may be left out.
 void report(const ZELInstallCompletion &completion, InstallStatus status, const QString &path = {})
@@ -31,42 +20,7 @@ void report(const ZELInstallCompletion &completion, InstallStatus status, const 
         completion(status, path);
 }
 
-QString jsonText(const QVariantMap &entry)
-{
-    return QString::fromUtf8(
-        QJsonDocument(QJsonObject::fromVariantMap(entry)).toJson(QJsonDocument::Compact));
-}
-
-// Errors are not looked at: a file that did not get there is found when its MD5 is taken.
-void moveFile(const QString &from, const QString &to)
-{
-    QFile::rename(from, to);
-}
-
-bool hasHash(const QString &file, const QVariant &expected)
-{
-    const std::optional<QString> hash = MD5FromFile(file);
-    return hash && expected.typeId() == QMetaType::QString && *hash == expected.toString();
-}
-
 } // namespace
-
-// What one download is about, fixed when it starts.
-struct UpdateInstaller::Chosen {
-    bool isPatch;
-    QVariantMap entry;
-};
-
-QString payloadName(const QUrl &url)
-{
-    QString path = url.path(QUrl::FullyDecoded);
-    while (path.endsWith(u'/'))
-        path.chop(1);
-    QString name = path.section(u'/', -1);
-    name.remove(QChar(u'\0'));
-    const bool unusable = name.isEmpty() || name == u'.' || name == QLatin1String("..");
-    return unusable ? QStringLiteral("download") : name;
-}
 
 std::shared_ptr<UpdateInstaller> UpdateInstaller::create(Hooks hooks)
 {
@@ -123,125 +77,64 @@ void UpdateInstaller::setTemporaryDirectory(const QString &directory)
 
 void UpdateInstaller::downloadUpdate(ZELDownloadCompletion completion)
 {
-    const QVariantMap update = this->update();
-    Chosen chosen{update.contains(QStringLiteral("patch")), {}};
-    chosen.entry = update[chosen.isPatch ? QStringLiteral("patch") : QStringLiteral("update")].toMap();
-    DDLogInfo(chosen.isPatch ? QStringLiteral("Downloading patch")
-                             : QStringLiteral("Downloading full update"));
-    DDLogInfo(jsonText(chosen.entry));
-
-    URLRequest request;
-    request.url = QUrl(chosen.entry[QStringLiteral("file")].toString());
     const auto self = shared_from_this();
-    const auto task = downloadTask(
-        request, settings().stagingRoot,
-        [self, chosen, completion](const QString &location, const QUrl &answered, const ZELError &error) {
-            if (error.code == URLErrorCode::Cancelled) {
-                DDLogInfo(QStringLiteral("download was cancelled"));
-                return;
-            }
-            if (!error && !location.isNull()) {
-                self->downloaded(chosen, location, answered, completion);
-                return;
-            }
-            DDLogInfo(QStringLiteral("Error downloading file"));
-            systemLog(error.message);
-            // Deliberate: the one result that is not delivered on the main queue. Hosts expect it here.
-            report(completion, Failed);
-        });
-    setTask(task);
-    task->resume();
-    if (m_hooks.progress)
-        task->observeCountOfBytesReceived([self, chosen, weak = std::weak_ptr(task)] {
-            onMainQueue([self, chosen, weak] {
-                // One that was cancelled must not write over its successor's progress.
-                const auto running = weak.lock();
-                if (running && running == self->task())
-                    self->m_hooks.progress(
-                        running->countOfBytesReceived(),
-                        expectedBytes(running->countOfBytesExpectedToReceive(), chosen.entry));
-            });
-        });
+    const Settings settings = this->settings();
+    const QVariantMap offer = update();
+    const auto handle = std::make_shared<std::weak_ptr<URLSessionTask>>(); // the job, for its own hooks
+    UpdateJob::Hooks hooks;
+    hooks.handleLog = m_hooks.handleLog;
+    hooks.preparing = m_hooks.preparing;
+    hooks.staged = [self](const QString &folder) { self->setTemporaryDirectory(folder); };
+    hooks.fallsBack = [self, offer] { self->dropPatch(offer); };
+    hooks.progress = [self, handle] { self->progressed(*handle); };
+    hooks.succeeded = [self](const std::shared_ptr<StagingFolder> &folder) {
+        const std::lock_guard lock(self->m_mutex);
+        self->m_ready.push_back(folder);
+    };
+    const auto job =
+        UpdateJob::create({offer, settings.installedBundle, settings.stagingRoot, settings.signers},
+                          std::move(hooks), std::move(completion));
+    *handle = job;
+    setTask(job);
+    job->resume();
 }
 
-void UpdateInstaller::downloaded(const Chosen &chosen, const QString &location, const QUrl &answered,
-                                 ZELDownloadCompletion completion)
+void UpdateInstaller::progressed(const std::weak_ptr<URLSessionTask> &task)
 {
-    const QString staging = newStagingPath(settings().stagingRoot);
-    setTemporaryDirectory(staging);
-    makePrivateFolder(staging);
-    const QString payload = staging + payloadName(answered);
-    moveFile(location, payload);
-    DDLogInfo(QLatin1String("Download location = ") + location);
-    DDLogInfo(QLatin1String("temp = ") + staging);
-    DDLogInfo(QLatin1String("payload = ") + payload);
-    if (!hasHash(payload, chosen.entry[QStringLiteral("hash")]))
-        wrongPayload(chosen, completion);
-    else if (chosen.isPatch)
-        handlePatch(payload, patchRouter(completion));
-    else
-        handleUpdate(payload, updateRouter(completion));
-}
-
-void UpdateInstaller::wrongPayload(const Chosen &chosen, ZELDownloadCompletion completion)
-{
-    onMainQueue([self = shared_from_this(), isPatch = chosen.isPatch, completion] {
-        DDLogInfo(QStringLiteral("MD5 Error"));
-        if (isPatch)
-            self->downloadFullUpdate(completion);
-        else
-            report(completion, Failed);
+    if (!m_hooks.progress)
+        return;
+    onMainQueue([self = shared_from_this(), task] {
+        // One that was cancelled must not write over its successor's progress.
+        const auto running = task.lock();
+        if (running && running == self->task())
+            self->m_hooks.progress(running->countOfBytesReceived(), running->countOfBytesExpectedToReceive());
     });
 }
 
-// The routers judge by the path alone: extraction reports success without a path when an archive holds no bundle.
-ZELInstallCompletion UpdateInstaller::patchRouter(ZELDownloadCompletion completion)
+void UpdateInstaller::dropPatch(const QVariantMap &offer)
 {
-    return [self = shared_from_this(), completion](qint64, const QString &path) {
-        onMainQueue([self, completion, path] {
-            DDLogInfo(path.isNull() ? QStringLiteral("patch failed") : QStringLiteral("patch succeeded"));
-            if (path.isNull())
-                self->downloadFullUpdate(completion);
-            else
-                report(completion, Succeeded, path);
-        });
-    };
+    const std::lock_guard lock(m_mutex);
+    if (m_update == offer)
+        m_update.remove(Patch);
 }
 
-ZELInstallCompletion UpdateInstaller::updateRouter(ZELDownloadCompletion completion)
+BuildInputs UpdateInstaller::buildInputs() const
 {
-    return [completion](qint64, const QString &path) {
-        onMainQueue(
-            [completion, path] { report(completion, path.isNull() ? ExtractionFailed : Succeeded, path); });
-    };
+    const Settings settings = this->settings();
+    const QVariantMap record = update()[QStringLiteral("update")].toMap();
+    return {.installedBundle = settings.installedBundle,
+            .signers = settings.signers,
+            .announcedBuild = record[QStringLiteral("build")]};
 }
 
 void UpdateInstaller::handleUpdate(const QString &payload, ZELInstallCompletion completion)
 {
-    DDLogInfo(QStringLiteral("extracting update"));
-    extractArchive(
-        payload, temporaryDirectory(), [this, completion](bool ok, QString path, const ZELError &) {
-            // An archive is trusted for its hash, unless the host names the signers it trusts.
-            if (ok && !path.isNull() && !settings().signers.isEmpty() && !isTrusted(path))
-                ok = false;
-            onMainQueue([self = shared_from_this(), completion, ok, path] {
-                DDLogInfo(ok ? QStringLiteral("extraction succeeded") : QStringLiteral("extraction failed"));
-                if (!ok)
-                    self->cleanup();
-                report(completion, ok ? Succeeded : ExtractionFailed, ok ? path : QString());
-            });
-        });
-}
-
-bool UpdateInstaller::isTrusted(const QString &bundle) const
-{
-    const QStringList signers = settings().signers;
-    if (signers.isEmpty())
-        return ZELUpdaterValidateCodeSigning(QUrl::fromLocalFile(bundle));
-    const ZELError error = verifySeal(bundle, signers);
-    if (error)
-        systemLog(error.message);
-    return !error;
+    const UnpackedBundle bundle = unpackUpdate(payload, temporaryDirectory(), buildInputs());
+    if (!bundle.unpacked)
+        sweepStaging(settings().stagingRoot);
+    onMainQueue([bundle, completion = std::move(completion)] {
+        report(completion, bundle.unpacked ? Succeeded : ExtractionFailed, bundle.path);
+    });
 }
 
 void UpdateInstaller::handlePatch(const QString &payload, ZELInstallCompletion completion)
@@ -249,63 +142,36 @@ void UpdateInstaller::handlePatch(const QString &payload, ZELInstallCompletion c
     DDLogInfo(QStringLiteral("verifying patch"));
     if (m_hooks.preparing)
         m_hooks.preparing();
-    const QVariantMap patch = update()[QStringLiteral("patch")].toMap();
-    const QString build = QString::number(integerValue(patch[QStringLiteral("build")]));
-    onGlobalQueue([self = shared_from_this(), staging = temporaryDirectory(), build, payload, completion] {
-        self->applyPatch(staging, build, payload, completion);
-    });
-}
-
-void UpdateInstaller::applyPatch(const QString &staging, const QString &build, const QString &payload,
-                                 ZELInstallCompletion completion)
-{
-    // Deliberate: the new bundle, too, bears the number of the build that it was patched from.
-    const QString oldPath = staging + QLatin1String("Old-") + build + QLatin1String(".app");
-    const QString patchedPath = staging + QLatin1String("Patched-") + build + QLatin1String(".app");
-    const auto self = shared_from_this();
-    QVariantList log;
-    if (const ZELError error = copyTree(settings().installedBundle, oldPath)) {
-        onMainQueue([=]() mutable {
-            appendEntry(log, QStringLiteral("Unable to copy old appliocation to temp folder"));
-            DDLogInfo(QStringLiteral("Unable to copy old app"));
-            self->patchFailed(log, completion);
+    const qint64 build = integerValue(update()[Patch].toMap()[QStringLiteral("build")]);
+    onGlobalQueue([self = shared_from_this(), inputs = buildInputs(), staging = temporaryDirectory(), build,
+                   payload, completion = std::move(completion)]() mutable {
+        QVariantList log;
+        const QString bundle = patchInstalled(payload, build, staging, inputs, log);
+        onMainQueue([self, bundle, log, completion = std::move(completion)] {
+            if (bundle.isNull() && self->m_hooks.handleLog)
+                self->m_hooks.handleLog(log);
+            report(completion, bundle.isNull() ? PatchFailed : Succeeded, bundle);
         });
-        return;
-    }
-    bool ready = ZELUpdaterApplyPatch(oldPath, patchedPath, payload, log);
-    if (ready && !isTrusted(patchedPath)) {
-        appendEntry(log, QStringLiteral("failed with code signing error"));
-        DDLogInfo(QStringLiteral("patch failed with codesigning error"));
-        ready = false;
-    }
-    onMainQueue([=] {
-        if (ready)
-            report(completion, Succeeded, patchedPath);
-        else
-            self->patchFailed(log, completion);
     });
-}
-
-void UpdateInstaller::patchFailed(const QVariantList &log, const ZELInstallCompletion &completion)
-{
-    if (m_hooks.handleLog)
-        m_hooks.handleLog(log);
-    report(completion, PatchFailed);
 }
 
 void UpdateInstaller::downloadFullUpdate(ZELDownloadCompletion completion)
 {
     DDLogInfo(QStringLiteral("Attempting to download full update after patch failure"));
-    {
-        const std::lock_guard lock(m_mutex);
-        m_update.remove(QStringLiteral("patch"));
-    }
-    downloadUpdate(completion);
+    dropPatch(update());
+    downloadUpdate(std::move(completion));
 }
 
 void UpdateInstaller::cleanup()
 {
-    removeTree(settings().stagingRoot);
+    std::vector<std::shared_ptr<StagingFolder>> ready;
+    {
+        const std::lock_guard lock(m_mutex);
+        ready.swap(m_ready);
+    }
+    for (const auto &folder : ready)
+        folder->remove();
+    sweepStaging(settings().stagingRoot);
 }
 
 } // namespace zel

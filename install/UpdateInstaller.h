@@ -1,28 +1,25 @@
-// From a check result to a new bundle on disk: download, verify, patch or unpack, and the way back from a patch that
-// fails to the full archive.
+// The installation of updates, as the controller and the command-line tool drive it: what is offered, the update in
+// flight, and the bundles that are ready for the host.
 #pragma once
 
+#include "BundleBuild.h"
 #include "ZELCompletions.h"
-
-#include <QStringList>
-#include <QVariantMap>
 
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace zel {
 
+class StagingFolder;
 class URLSessionTask;
 
-/// The file name under which a download from `url` is kept: the last part of its path, without separators, never
-/// empty, "." or "..".
-QString payloadName(const QUrl &url);
-
-/// Carries one update at a time. Made with `create`; it lives at least until what it has started has ended.
+/// Starts updates, each a job by itself (UpdateJob.h), and keeps what is read between them. Made with `create`; it lives
+/// at least until what it has started has ended.
 ///
 /// Threads: the methods may be called from any thread. Completions, which may be empty, run on the main queue, with
-/// the one exception that `downloadUpdate` reports a failed transfer on the URL session's thread.
+/// the one exception that `downloadUpdate` reports a failed transfer on the job's thread.
 class UpdateInstaller : public std::enable_shared_from_this<UpdateInstaller>
 {
 public:
@@ -30,26 +27,26 @@ public:
     struct Hooks {
         std::function<void(const QVariantList &log)>
             handleLog; ///< main queue: the log of a patch that failed
-        std::function<void()> preparing; ///< a patch is about to be applied; on the calling thread
+        std::function<void()> preparing; ///< a patch is about to be applied; on the thread that does
         std::function<void(qint64 received, qint64 expected)>
-            progress; ///< main queue; expected as `expectedBytes` has it
+            progress; ///< main queue; expected is -1 if unknown
     };
 
     struct Settings {
         QString installedBundle; ///< the bundle that patches start from; only read
-        QString stagingRoot; ///< staging folders are made below it, and `cleanup` removes it
-        QStringList signers; ///< when not empty, new bundles must be sealed by one of them (see `verifySeal`)
+        QString stagingRoot; ///< staging folders are made below it
+        SignerPins signers = {}; ///< those that may have sealed a new bundle, as for `verifySeal`
     };
 
     static std::shared_ptr<UpdateInstaller> create(Hooks hooks);
 
     void setSettings(const Settings &settings);
 
-    /// The check result: "update" and, as long as no patch has failed, "patch".
+    /// The check result: "update" and, as long as no patch of it has failed, "patch".
     QVariantMap update() const;
     void setUpdate(const QVariantMap &update);
 
-    /// The running or last download; null before the first.
+    /// The running or last update; null before the first.
     std::shared_ptr<URLSessionTask> task() const;
     void setTask(const std::shared_ptr<URLSessionTask> &task);
 
@@ -57,24 +54,26 @@ public:
     QString temporaryDirectory() const;
     void setTemporaryDirectory(const QString &directory);
 
-    /// Downloads what the check result names, verifies it and makes a bundle of it. The completion is called once,
-    /// with 1 and the new bundle's path, 0 when the download failed or is not what the server announced, or 2 when the
-    /// archive held no bundle; it is not called when the download is cancelled. A patch that is wrong or fails is
-    /// followed by a download of the full archive; a patch whose transfer fails is not.
+    /// Starts a job with the present settings and check result; what is set later is for the next one. A patch that is
+    /// wrong or fails is followed by a download of the full archive, and leaves `update` if that is still the one that
+    /// the job began with. Statuses as for `UpdateJob::create`.
     void downloadUpdate(ZELDownloadCompletion completion);
 
     /// Unpacks a full archive into the staging folder, on the calling thread: 1 and the bundle's path (a null path
-    /// when the archive holds none), or 2 after a failed extraction, which removes all staging folders.
+    /// when the archive holds none), or 2 after a failed extraction, which removes all staging folders that are not in
+    /// use.
     void handleUpdate(const QString &payload, ZELInstallCompletion completion);
 
-    /// Applies a bundle patch to a copy of the installed bundle and checks the result's seal, on the global queue: 1
-    /// and the new bundle's path, or 3, after the patch log was handed on.
+    /// Applies a bundle patch to a copy of the installed bundle and checks the result, on the global queue: 1 and the
+    /// new bundle's path, or 3, after the patch log was handed on.
     void handlePatch(const QString &payload, ZELInstallCompletion completion);
 
     /// Drops the patch from the check result and downloads the full archive.
     void downloadFullUpdate(ZELDownloadCompletion completion);
 
-    /// Removes all staging folders; errors are ignored.
+    /// Removes the staging folders with the bundles that are ready, and all others that nobody uses; errors are
+    /// ignored. An update in flight, here or in another process, keeps its folder, as does another process's bundle
+    /// that is ready.
     void cleanup();
 
 private:
@@ -83,24 +82,19 @@ private:
     {
     }
 
-    struct Chosen;
-    void downloaded(const Chosen &chosen, const QString &location, const QUrl &answered,
-                    ZELDownloadCompletion completion);
-    void wrongPayload(const Chosen &chosen, ZELDownloadCompletion completion);
-    ZELInstallCompletion patchRouter(ZELDownloadCompletion completion);
-    ZELInstallCompletion updateRouter(ZELDownloadCompletion completion);
-    bool isTrusted(const QString &bundle) const;
-    void applyPatch(const QString &staging, const QString &build, const QString &payload,
-                    ZELInstallCompletion completion);
-    void patchFailed(const QVariantList &log, const ZELInstallCompletion &completion);
     Settings settings() const;
+    BuildInputs buildInputs() const;
+    void dropPatch(const QVariantMap &offer);
+    void progressed(const std::weak_ptr<URLSessionTask> &task);
 
     const Hooks m_hooks;
-    mutable std::mutex m_mutex; // guards what follows: hosts read it while the session's thread writes
+    mutable std::mutex m_mutex; // guards what follows: hosts read it while a job's thread writes
     Settings m_settings;
     QVariantMap m_update;
     std::shared_ptr<URLSessionTask> m_task;
     QString m_temporaryDirectory;
+    std::vector<std::shared_ptr<StagingFolder>>
+        m_ready; // held until `cleanup`: the host may be using the bundles
 };
 
 } // namespace zel

@@ -1,9 +1,9 @@
 #include "ZELUpdater.h"
 
 #include "ArchiveExtractor.h"
-#include "DownloadFraction.h"
 #include "Queues.h"
 #include "RequestBodies.h"
+#include "SignerPins.h"
 #include "StagingFolder.h"
 #include "SystemFacts.h"
 #include "UpdateCheck.h"
@@ -116,12 +116,8 @@ void ZELUpdater::observeValueForKeyPath(const QString &keyPath)
 {
     zel::onMainQueue([this, keyPath] {
         const auto running = task();
-        if (!running || keyPath != QLatin1String("countOfBytesReceived"))
-            return;
-        const QVariantMap result = update();
-        const QVariant chosen = result.value(QStringLiteral("patch"), result[QStringLiteral("update")]);
-        showProgress(running->countOfBytesReceived(),
-                     zel::expectedBytes(running->countOfBytesExpectedToReceive(), chosen.toMap()));
+        if (running && keyPath == QLatin1String("countOfBytesReceived"))
+            showProgress(running->countOfBytesReceived(), running->countOfBytesExpectedToReceive());
     });
 }
 
@@ -158,7 +154,7 @@ void ZELUpdater::prepareInstaller()
 {
     m_installer->setSettings({.installedBundle = m_config[QStringLiteral("path")].toString(),
                               .stagingRoot = zel::stagingRoot(),
-                              .signers = m_config[QStringLiteral("signers")].toStringList()});
+                              .signers = zel::pinnedSigners(m_config)});
 }
 
 void ZELUpdater::showPreparing()

@@ -7,6 +7,7 @@
 #include "TestCertificate.h"
 #include "TestServer.h"
 #include "UpdateInstaller.h"
+#include "UpdateJob.h"
 #include "URLSession.h"
 #include "ZELUpdaterValidateCodeSigning.h"
 #include "ZipMaker.h"
@@ -26,8 +27,9 @@ struct Flow {
     QList<Answer> full = {};
     QString patchHash = {}; // null: the key is left out
     QString fullHash = {};
+    QVariantMap record = {}; // more keys of the update record
     QString installed = "installed/Example.app";
-    QStringList signers = {};
+    SignerPins signers = {};
 
     int status = 1;
     QString bundle = {}; // the end of the new bundle's path; null: none
@@ -46,10 +48,12 @@ class tst_UpdateInstaller : public QObject
 {
     Q_OBJECT
 
-    void makeBundle(const QString &name, const QByteArray &build)
+    void makeBundle(const QString &name, const QByteArray &build,
+                    const QByteArray &identifier = "org.example")
     {
         m_tree.write(name + "/Contents/Info.plist",
                      "<plist version=\"1.0\"><dict><key>CFBundleVersion</key><string>" + build
+                         + "</string><key>CFBundleIdentifier</key><string>" + identifier
                          + "</string></dict></plist>");
         m_tree.write(name + "/Contents/MacOS/example", "#!/bin/sh\necho build " + build + '\n', 0755);
         const ZELError error = sealBundle(m_tree.path(name), m_signer.keyFile, m_signer.certificateFile);
@@ -77,9 +81,9 @@ class tst_UpdateInstaller : public QObject
         return patchOfCommands(commands, payload);
     }
 
-    QByteArray zipOf(const QString &bundle, const QByteArray &top) const
+    QByteArray zipOf(const QString &bundle, const QByteArray &top, std::vector<ZipItem> items = {}) const
     {
-        std::vector<ZipItem> items{ZipMaker::folder(top + '/')};
+        items.push_back(ZipMaker::folder(top + '/'));
         QDirIterator files(m_tree.path(bundle), QDir::Files, QDirIterator::Subdirectories);
         while (files.hasNext()) {
             const QString path = files.next();
@@ -97,8 +101,13 @@ private slots:
         m_signer = makeTestCertificate(m_tree.path(), "maker");
         makeBundle("installed/Example.app", "100");
         makeBundle("new/Example.app", "101");
+        makeBundle("older/Example.app", "50");
+        makeBundle("other/Example.app", "101", "org.other");
         m_patch = patchTo("new/Example.app");
         m_zip = zipOf("new/Example.app", "Example.app");
+        const qsizetype comment = 32768 - m_zip.size() % 32768;
+        m_wholeChunks = m_zip.chopped(2) + ZipMaker::le16(uint16_t(comment)) + QByteArray(comment, ' ');
+        QCOMPARE(MD5FromData(m_wholeChunks), "");
     }
 
     void flows_data()
@@ -134,7 +143,6 @@ private slots:
         Flow fallsBack = byArchive;
         fallsBack.offersPatch = true;
         fallsBack.requests = {"/p%201", "/full.zip"};
-        fallsBack.staged.prepend("p 1");
         Flow badArchive = byArchive;
         badArchive.status = 2;
         badArchive.bundle = QString();
@@ -156,7 +164,6 @@ private slots:
             flow.patch = {{.body = broken}};
             flow.patchHash = MD5FromData(broken);
             flow.lastLogged = "Patch failed";
-            flow.staged = afterPatch + afterFull;
             flow.logged = patchRun + QStringList("patch failed") + fallBack;
         });
         row("a patch whose result is not sealed", fallsBack, [&](Flow &flow) {
@@ -164,7 +171,6 @@ private slots:
             flow.patch = {{.body = altered}};
             flow.patchHash = MD5FromData(altered);
             flow.lastLogged = "failed with code signing error";
-            flow.staged = afterPatch + afterFull;
             flow.logged =
                 patchRun + QStringList{"patch failed with codesigning error", "patch failed"} + fallBack;
         });
@@ -186,13 +192,13 @@ private slots:
             flow.fullHash = flow.fullHash.toUpper();
             flow.status = 0;
             flow.bundle = QString();
-            flow.staged = {"p 1", "full.zip"};
+            flow.staged.clear();
         });
         row("an empty archive is what an empty hash stands for", badArchive, [&](Flow &flow) {
             flow.full = {{.body = ""}};
             flow.fullHash = "";
         });
-        row("an archive that is none removes all staging folders", badArchive, [&](Flow &flow) {
+        row("an archive that is none", badArchive, [&](Flow &flow) {
             flow.full = {{.body = "no zip"}};
             flow.fullHash = MD5FromData("no zip");
             flow.logged = fullRun.first(6) + QStringList("extraction failed");
@@ -201,8 +207,73 @@ private slots:
             const QByteArray zip = ZipMaker::make({{.name = "file", .data = "x"}});
             flow.full = {{.body = zip}};
             flow.fullHash = MD5FromData(zip);
-            flow.staged = {"file", "full.zip"};
+            flow.logged = fullRun;
         });
+        const auto archived = [](Flow &flow, const QByteArray &zip) {
+            flow.full = {{.body = zip}};
+            flow.fullHash = MD5FromData(zip);
+        };
+        for (const bool pinned : {false, true}) {
+            const auto pinnedRow = [&](const char *name, Flow flow,
+                                       const std::function<void(Flow &)> &change) {
+                if (pinned)
+                    flow.signers = {m_signer.fingerprint};
+                row(qPrintable(QString(name) + (pinned ? ", pinned" : "")), flow, change);
+            };
+            pinnedRow("a link to a sealed bundle", badArchive, [&](Flow &flow) {
+                archived(flow, zipOf("new/Example.app", "a/real", {ZipMaker::link("Example.app", "a/real")}));
+            });
+            pinnedRow("an older build under a new number", badArchive,
+                      [&](Flow &flow) { archived(flow, zipOf("older/Example.app", "Example.app")); });
+            pinnedRow("a build of another number", badArchive,
+                      [&](Flow &flow) { flow.record["build"] = 102; });
+            pinnedRow("a build that is no newer than the installed one", badArchive, [&](Flow &flow) {
+                flow.record["build"] = 50;
+                archived(flow, zipOf("older/Example.app", "Example.app"));
+            });
+            pinnedRow("another application of the same signer", badArchive,
+                      [&](Flow &flow) { archived(flow, zipOf("other/Example.app", "Example.app")); });
+            pinnedRow("a patch to an older build", fallsBack, [&](Flow &flow) {
+                const QByteArray patch = patchTo("older/Example.app");
+                flow.patch = {{.body = patch}};
+                flow.patchHash = MD5FromData(patch);
+                flow.lastLogged = "failed with another bundle than announced";
+            });
+            pinnedRow("a whole number of chunks and an empty hash", byArchive, [&](Flow &flow) {
+                archived(flow, m_wholeChunks);
+                if (!pinned)
+                    return;
+                flow.status = 0;
+                flow.bundle = QString();
+                flow.staged.clear();
+            });
+            pinnedRow("a whole number of chunks with SHA-256 and size", byArchive, [&](Flow &flow) {
+                archived(flow, m_wholeChunks);
+                flow.record.insert(
+                    {{"sha256", sha256(m_wholeChunks).toUpper()}, {"size", m_wholeChunks.size()}});
+            });
+        }
+        for (const auto &[name, key, value] :
+             {std::tuple("another SHA-256", "sha256", QVariant(sha256("other"))),
+              {"an empty SHA-256", "sha256", ""},
+              {"a SHA-256 that is no text", "sha256", QVariantList()},
+              {"a greater size", "size", m_zip.size() + 1},
+              {"a smaller size", "size", m_zip.size() - 1},
+              {"a size that is a text", "size", QString::number(m_zip.size())}}) {
+            row(name, badArchive, [&, key = key, value = value](Flow &flow) {
+                flow.status = 0;
+                flow.record[key] = value;
+            });
+        }
+        for (const char *name : {"/Example.app", "/Old-100.app"}) {
+            row(name, byArchive, [&](Flow &flow) {
+                flow.full = {Answer::redirect(name)};
+                flow.requests.append(name);
+                flow.staged = {"Example.app", name + 1};
+            });
+        }
+        row("pins that cannot be read accept nobody", badArchive,
+            [&](Flow &flow) { flow.signers = QStringList(); });
         row("a patch sealed by a pinned signer", byPatch,
             [&](Flow &flow) { flow.signers = {m_signer.fingerprint}; });
         row("neither is sealed by the pinned signer", fallsBack, [&](Flow &flow) {
@@ -225,7 +296,8 @@ private slots:
         TestServer server;
         server.answer("/p%201", flow.patch);
         server.answer("/full.zip", flow.full);
-        server.answer("/elsewhere/..%2Fnamed.zip", {{.body = m_zip}});
+        for (const char *name : {"/elsewhere/..%2Fnamed.zip", "/Example.app", "/Old-100.app"})
+            server.answer(name, {{.body = m_zip}});
         const TemporaryTree staging;
         const QString root = staging.path("it's \"a\" $(staging) folder\n");
 
@@ -241,8 +313,10 @@ private slots:
                           {"file", server.url("/p%201").toString(QUrl::FullyEncoded)}};
         if (!flow.patchHash.isNull())
             entry["hash"] = flow.patchHash;
-        QVariantMap update{
-            {"update", QVariantMap{{"file", server.url("/full.zip").toString()}, {"hash", flow.fullHash}}}};
+        QVariantMap record{
+            {"build", 101}, {"file", server.url("/full.zip").toString()}, {"hash", flow.fullHash}};
+        record.insert(flow.record);
+        QVariantMap update{{"update", record}};
         if (flow.offersPatch)
             update["patch"] = entry;
         installer->setUpdate(update);
@@ -287,10 +361,90 @@ private slots:
         QVERIFY(!QFileInfo::exists(root));
     }
 
-    void cancelledDownloadEndsSilently()
+    void updateInFlightKeepsItsInputs()
+    {
+        TestServer server;
+        server.answer("/p", {{.body = "useless", .stallAt = 2}});
+        server.answer("/full.zip", {{.body = m_zip}});
+        const TemporaryTree staging;
+        QList<QVariantList> logs;
+        const auto installer =
+            UpdateInstaller::create({.handleLog = [&](const QVariantList &log) { logs.append(log); },
+                                     .preparing = {},
+                                     .progress = {}});
+        installer->setSettings({m_tree.path("installed/Example.app"), staging.path("first")});
+        installer->setUpdate(offer(server, MD5FromData("useless")));
+        QString bundle;
+        installer->downloadUpdate([&](qint64, const QString &path) { bundle = path; });
+        QVERIFY(server.waitForRequests(1));
+        const QVariantMap second{{"update", "of a second check"}, {"patch", "too"}};
+        installer->setUpdate(second);
+        installer->setSettings({"gone", staging.path("second"), QStringList()});
+        server.release();
+        QTRY_VERIFY_WITH_TIMEOUT(!bundle.isNull(), 60'000);
+        QVERIFY(bundle.startsWith(staging.path("first")));
+        QCOMPARE(logs.size(), 1);
+        QCOMPARE(installer->update(), second);
+    }
+
+    void failedPatchIsGoneBeforeTheArchiveIsFetched()
+    {
+        TestServer server;
+        const QByteArray broken = patchOfCommands(command("delete", ".."));
+        server.answer("/p", {{.body = broken}});
+        server.answer("/full.zip", {{.body = m_zip, .stallAt = 5}});
+        const TemporaryTree staging;
+        const auto installer = UpdateInstaller::create({});
+        installer->setSettings({m_tree.path("installed/Example.app"), staging.path("root")});
+        installer->setUpdate(offer(server, MD5FromData(broken)));
+        int calls = 0;
+        installer->downloadUpdate([&](qint64, const QString &) { ++calls; });
+        QVERIFY(server.waitForRequests(2));
+        QTRY_COMPARE(installer->task()->countOfBytesReceived(), qint64(5));
+        const QStringList folders =
+            QDir(staging.path("root")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+        QCOMPARE(folders.size(), 1);
+        const QStringList items =
+            QDir(staging.path("root/" + folders[0])).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+        QVERIFY2(items.size() == 1 && items[0].endsWith(".download"), qPrintable(items.join(u' ')));
+        installer->task()->cancel();
+        QTRY_COMPARE(QDir(staging.path("root")).entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList());
+        QCoreApplication::processEvents();
+        QCOMPARE(calls, 0);
+    }
+
+    void cleanupSparesWhatIsInUse()
     {
         TestServer server;
         server.answer("/full.zip", {{.body = m_zip, .stallAt = 5}});
+        const TemporaryTree staging;
+        const QString root = staging.path("root");
+        const auto installer = UpdateInstaller::create({});
+        const auto otherProcess = UpdateInstaller::create({});
+        for (const auto &one : {installer, otherProcess})
+            one->setSettings({m_tree.path("installed/Example.app"), root});
+        QVariantMap update = offer(server, {});
+        update.remove("patch");
+        installer->setUpdate(update);
+        QString bundle;
+        installer->downloadUpdate([&](qint64, const QString &path) { bundle = path; });
+        QVERIFY(server.waitForRequests(1));
+        staging.write("root/00000000-LEFT-OVER/of/a/killed/process", "x");
+        for (const auto &one : {installer, otherProcess})
+            one->cleanup();
+        QVERIFY(!QFileInfo::exists(staging.path("root/00000000-LEFT-OVER")));
+        server.release();
+        QTRY_VERIFY_WITH_TIMEOUT(!bundle.isNull(), 60'000);
+        otherProcess->cleanup();
+        QVERIFY(ZELUpdaterValidateCodeSigning(QUrl::fromLocalFile(bundle)));
+        installer->cleanup();
+        QVERIFY(!QFileInfo::exists(root));
+    }
+
+    void cancelledDownloadEndsSilently()
+    {
+        TestServer server;
+        server.answer("/full.zip", {{.body = m_zip, .framing = TestServer::Framing::Close, .stallAt = 5}});
         const TemporaryTree staging;
         const LogCapture capture;
         int calls = 0;
@@ -300,7 +454,8 @@ private slots:
                  progress.append({received, expected});
              }});
         installer->setSettings({{}, staging.path("staging"), {}});
-        installer->setUpdate({{"update", QVariantMap{{"file", server.url("/full.zip").toString()}}}});
+        installer->setUpdate(
+            {{"update", QVariantMap{{"file", server.url("/full.zip")}, {"size", m_zip.size()}}}});
         installer->downloadUpdate([&](qint64, const QString &) { ++calls; });
         QTRY_VERIFY(!progress.isEmpty() && progress.last() == std::pair(qint64(5), qint64(m_zip.size())));
         installer->task()->cancel();
@@ -352,29 +507,46 @@ private slots:
     }
 
 private:
+    QVariantMap offer(const TestServer &server, const QString &patchHash) const
+    {
+        return {
+            {"update",
+             QVariantMap{{"build", 101}, {"file", server.url("/full.zip")}, {"hash", MD5FromData(m_zip)}}},
+            {"patch", QVariantMap{{"build", 100}, {"file", server.url("/p")}, {"hash", patchHash}}}};
+    }
+
+    static QString sha256(const QByteArray &bytes)
+    {
+        return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex());
+    }
+
     void compareStaged(const QString &root, QStringList expected)
     {
         QStringList staged;
         for (const QFileInfo &folder :
              QDir(root).entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot)) {
-            QVERIFY2(QRegularExpression("^[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$")
-                         .match(folder.fileName())
-                         .hasMatch(),
-                     qPrintable(folder.fileName()));
+            QVERIFY2(m_uuid.match(folder.fileName()).hasMatch(), qPrintable(folder.fileName()));
             QCOMPARE(TemporaryTree::mode(folder.filePath()), 0700);
-            staged +=
-                QDir(folder.filePath()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+            for (const QFileInfo &item :
+                 QDir(folder.filePath())
+                     .entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot)) {
+                const bool built = m_uuid.match(item.fileName()).hasMatch();
+                staged += built ? QDir(item.filePath()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot)
+                                : QStringList(item.fileName());
+            }
         }
         staged.sort();
         expected.sort();
         QCOMPARE(staged, expected);
     }
 
+    const QRegularExpression m_uuid{"^[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$"};
     const QRegularExpression m_variable{" = .*|(?<=\\{).*", QRegularExpression::DotMatchesEverythingOption};
     const TemporaryTree m_tree;
     TestCertificate m_signer;
     QByteArray m_patch;
     QByteArray m_zip;
+    QByteArray m_wholeChunks; // a zip archive whose MD5 is the empty text
 };
 
 QTEST_GUILESS_MAIN(tst_UpdateInstaller)

@@ -81,6 +81,8 @@ int runUpdate(const Arguments &arguments)
         return arguments.failed(path + QLatin1String(" is not a bundle"));
     if (!config->contains(QStringLiteral("build")))
         (*config)[QStringLiteral("build")] = *installed;
+    if (arguments.isSet(QStringLiteral("signer")))
+        (*config)[QStringLiteral("signers")] = arguments.values(QStringLiteral("signer"));
     UpdateRun run(*config, arguments);
     return run.exec();
 }

@@ -4,6 +4,7 @@
 #include "DownloadFraction.h"
 #include "IntegerValue.h"
 #include "Queues.h"
+#include "SignerPins.h"
 #include "StagingFolder.h"
 #include "UpdateCheck.h"
 #include "UpdateStatus.h"
@@ -29,7 +30,7 @@ QJsonObject outcome(qint64 status, const QString &text, const QString &path)
             {QLatin1String("path"), path.isNull() ? QJsonValue() : QJsonValue(path)}};
 }
 
-// A failed extraction removes the whole root, so in the user's folder it is one of our own.
+// What nobody uses is swept from the root, so in the user's folder it is one of our own.
 QString stagingRootIn(const QString &folder)
 {
     return folder.isEmpty()
@@ -74,7 +75,7 @@ UpdateRun::UpdateRun(const QVariantMap &config, const Arguments &arguments)
     m_installer = UpdateInstaller::create(hooks);
     m_installer->setSettings({m_config[QStringLiteral("path")].toString(),
                               stagingRootIn(arguments.value(QStringLiteral("staging"))),
-                              arguments.values(QStringLiteral("signer"))});
+                              pinnedSigners(m_config)});
 }
 
 int UpdateRun::exec()

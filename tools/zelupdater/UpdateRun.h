@@ -14,7 +14,7 @@ QString offerText(const QVariantMap &result);
 class UpdateRun
 {
 public:
-    /// `config` as the host of a window would give it. Of the arguments, "staging" and "signer" are read.
+    /// `config` as the host of a window would give it. Of the arguments, "staging" is read.
     UpdateRun(const QVariantMap &config, const Arguments &arguments);
 
     /// Runs the update in an event loop and returns the exit status.

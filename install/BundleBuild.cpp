@@ -1,0 +1,169 @@
+#include "BundleBuild.h"
+
+#include "ArchiveExtractor.h"
+#include "BundleInfo.h"
+#include "BundleSeal.h"
+#include "DDLog.h"
+#include "FileTree.h"
+#include "IntegerValue.h"
+#include "MD5Digest.h"
+#include "PatchLog.h"
+#include "StagingFolder.h"
+#include "ZELUpdaterApplyPatch.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <cmath>
+
+namespace zel {
+
+namespace {
+
+// No download's name can meet one that is drawn only now.
+ZELError makeBuildFolder(const QString &staging, QString &folder)
+{
+    folder = QDir(staging).filePath(newUUID());
+    return makePrivateFolder(folder);
+}
+
+std::optional<QString> sha256Of(const QString &path)
+{
+    QFile file(path);
+    QCryptographicHash digest(QCryptographicHash::Sha256);
+    if (!file.open(QIODevice::ReadOnly) || !digest.addData(&file))
+        return std::nullopt;
+    return QString::fromLatin1(digest.result().toHex());
+}
+
+// What the installed bundle states of itself, the new one must state as it was announced. A seal alone would let any
+// bundle of the same signer take its place: an older build under a new number, or another application.
+ZELError compareWithAnnounced(const QString &bundle, const BuildInputs &inputs)
+{
+    const QString build = QStringLiteral("CFBundleVersion");
+    const QString identifier = QStringLiteral("CFBundleIdentifier");
+    const QVariantMap installed = bundleInfo(inputs.installedBundle).value_or(QVariantMap());
+    const QVariantMap built = bundleInfo(bundle).value_or(QVariantMap());
+    const qint64 number = integerValue(built[build]);
+    if (installed.contains(build) && number != integerValue(inputs.announcedBuild))
+        return ZELError::withMessage(QStringLiteral("the new bundle is build %1, announced was build %2")
+                                         .arg(number)
+                                         .arg(integerValue(inputs.announcedBuild)));
+    if (installed.contains(build) && number <= integerValue(installed[build]))
+        return ZELError::withMessage(QStringLiteral("the new bundle is build %1, installed is build %2")
+                                         .arg(number)
+                                         .arg(integerValue(installed[build])));
+    if (installed.contains(identifier) && built[identifier] != installed[identifier])
+        return ZELError::withMessage(QStringLiteral("the new bundle is another application, \"%1\"")
+                                         .arg(built[identifier].toString().left(100)));
+    return {};
+}
+
+ZELError judgeUnpacked(const QString &bundle, const BuildInputs &inputs)
+{
+    if (!isRealBundle(bundle))
+        return ZELError::withMessage(QStringLiteral("the new bundle is no folder"));
+    if (inputs.signers) {
+        if (const ZELError error = verifySeal(bundle, inputs.signers))
+            return error;
+    }
+    return compareWithAnnounced(bundle, inputs);
+}
+
+} // namespace
+
+std::optional<qint64> announcedSize(const QVariantMap &entry)
+{
+    const auto value = entry.constFind(QStringLiteral("size"));
+    if (value == entry.constEnd())
+        return std::nullopt;
+    const bool whole = value->typeId() == QMetaType::LongLong
+        || (value->typeId() == QMetaType::Double && std::trunc(value->toDouble()) == value->toDouble());
+    const qint64 size = whole ? value->toLongLong() : -1;
+    return size < 0 ? -1 : size;
+}
+
+ZELError checkPayload(const QString &file, const QVariantMap &entry, bool pinned)
+{
+    const QVariant hash = entry[QStringLiteral("hash")];
+    const std::optional<qint64> size = announcedSize(entry);
+    const auto sha256 = entry.constFind(QStringLiteral("sha256"));
+    const bool hasSHA256 = sha256 != entry.constEnd();
+    if (hash.typeId() != QMetaType::QString)
+        return ZELError::withMessage(QStringLiteral("no hash was announced for the download"));
+    if (pinned && hash.toString().isEmpty() && !(size && hasSHA256))
+        return ZELError::withMessage(QStringLiteral("an empty hash without \"sha256\" and \"size\" is none"));
+    if (size && *size != QFileInfo(file).size())
+        return ZELError::withMessage(QStringLiteral("the download has %1 bytes, announced were %2")
+                                         .arg(QFileInfo(file).size())
+                                         .arg(*size));
+    const std::optional<QString> md5 = MD5FromFile(file);
+    if (!md5 || *md5 != hash.toString())
+        return ZELError::withMessage(QStringLiteral("the download has another MD5 than was announced"));
+    if (!hasSHA256)
+        return {};
+    const std::optional<QString> digest = sha256Of(file);
+    if (!digest || sha256->typeId() != QMetaType::QString || *digest != sha256->toString().toLower())
+        return ZELError::withMessage(QStringLiteral("the download has another SHA-256 than was announced"));
+    return {};
+}
+
+UnpackedBundle unpackUpdate(const QString &archive, const QString &staging, const BuildInputs &inputs)
+{
+    DDLogInfo(QStringLiteral("extracting update"));
+    UnpackedBundle result;
+    QString folder;
+    ZELError failure = makeBuildFolder(staging, folder);
+    if (!failure) {
+        extractArchive(archive, folder, [&](bool ok, const QString &bundle, const ZELError &error) {
+            result = {ok, bundle};
+            failure = error;
+        });
+    }
+    if (!failure)
+        failure = judgeUnpacked(result.path, inputs);
+    if (failure) {
+        systemLog(failure.message);
+        removeTree(folder);
+        // An archive that holds no bundle is unpacked all the same.
+        result = {result.unpacked && result.path.isNull(), {}};
+    }
+    DDLogInfo(result.unpacked ? QStringLiteral("extraction succeeded") : QStringLiteral("extraction failed"));
+    return result;
+}
+
+QString patchInstalled(const QString &patch, qint64 startBuild, const QString &staging,
+                       const BuildInputs &inputs, QVariantList &log)
+{
+    const auto failed = [&log](const ZELError &error, const char *entry, const char *message) {
+        systemLog(error.message);
+        appendEntry(log, QLatin1String(entry));
+        DDLogInfo(QLatin1String(message));
+        return false;
+    };
+    QString folder;
+    makeBuildFolder(staging, folder); // without it the copy fails
+    // Deliberate: the new bundle, too, bears the number of the build that it was patched from.
+    const QString oldPath = folder + QStringLiteral("/Old-%1.app").arg(startBuild);
+    const QString patchedPath = folder + QStringLiteral("/Patched-%1.app").arg(startBuild);
+    const auto build = [&] {
+        if (const ZELError error = copyTree(inputs.installedBundle, oldPath))
+            return failed(error, "Unable to copy old appliocation to temp folder", "Unable to copy old app");
+        if (!ZELUpdaterApplyPatch(oldPath, patchedPath, patch, log))
+            return false;
+        if (const ZELError error = verifySeal(patchedPath, inputs.signers))
+            return failed(error, "failed with code signing error", "patch failed with codesigning error");
+        if (const ZELError error = compareWithAnnounced(patchedPath, inputs))
+            return failed(error, "failed with another bundle than announced",
+                          "patch failed with another bundle");
+        return !inputs.stop.stop_requested();
+    };
+    if (build())
+        return patchedPath;
+    removeTree(folder);
+    return {};
+}
+
+} // namespace zel

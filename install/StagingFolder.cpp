@@ -1,0 +1,122 @@
+#include "StagingFolder.h"
+
+#include "FileTree.h"
+
+#include <QDir>
+#include <QFile>
+#include <QUuid>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+namespace zel {
+
+namespace {
+
+constexpr int FolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+enum class Lock { Ours, Others, Unsupported };
+
+Lock lock(const FileDescriptor &folder)
+{
+    if (::flock(folder.get(), LOCK_EX | LOCK_NB) == 0)
+        return Lock::Ours;
+    return errno == EWOULDBLOCK ? Lock::Others : Lock::Unsupported;
+}
+
+ZELError openRoot(const QString &path, FileDescriptor &root)
+{
+    // A trailing slash would have a link followed.
+    root = FileDescriptor(::open(QFile::encodeName(QDir::cleanPath(path)).constData(), FolderFlags));
+    struct stat status;
+    if (!root || ::fstat(root.get(), &status) != 0)
+        return ZELError::fromErrno(QLatin1String("cannot use the staging folder ") + path, errno);
+    if (status.st_uid != ::geteuid())
+        return ZELError::withMessage(QLatin1String("the staging folder belongs to another user: ") + path);
+    if (status.st_mode & (S_IWGRP | S_IWOTH))
+        return ZELError::withMessage(QLatin1String("other users can write to the staging folder ") + path);
+    return {};
+}
+
+// A sweep may have removed the folder between its making and its locking.
+bool isStillThere(const FileDescriptor &root, const QByteArray &name, const FileDescriptor &folder)
+{
+    struct stat named;
+    struct stat open;
+    return ::fstatat(root.get(), name.constData(), &named, AT_SYMLINK_NOFOLLOW) == 0
+        && ::fstat(folder.get(), &open) == 0 && named.st_dev == open.st_dev && named.st_ino == open.st_ino;
+}
+
+bool isHeld(const FileDescriptor &root, const QByteArray &name, FileDescriptor &folder)
+{
+    folder = FileDescriptor(::openat(root.get(), name.constData(), FolderFlags));
+    return folder && lock(folder) != Lock::Ours;
+}
+
+} // namespace
+
+QString stagingRoot()
+{
+    const QString home = qEnvironmentVariable("HOME");
+    return QDir::isAbsolutePath(home)
+        ? QDir::cleanPath(home) + QLatin1String("/Library/Application Support/Wexmoor 7/Patch")
+        : QString();
+}
+
+QString newUUID()
+{
+    return QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
+}
+
+ZELError StagingFolder::make(const QString &root, std::shared_ptr<StagingFolder> &folder)
+{
+    if (root.isEmpty())
+        return ZELError::withMessage(
+            QStringLiteral("there is no place for updates: HOME is not set to an absolute path"));
+    // Again, when another process's sweep was quicker: with the new folder, or with a root that was empty.
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        FileDescriptor parent;
+        if (const ZELError error = makePrivateFolder(root))
+            return error;
+        if (const ZELError error = openRoot(root, parent)) {
+            if (!QFileInfo::exists(root))
+                continue;
+            return error;
+        }
+        const QString name = newUUID();
+        const QByteArray encoded = name.toLatin1();
+        if (::mkdirat(parent.get(), encoded.constData(), 0700) != 0 && errno != ENOENT)
+            return ZELError::fromErrno(QLatin1String("cannot make a staging folder in ") + root, errno);
+        FileDescriptor made(::openat(parent.get(), encoded.constData(), FolderFlags));
+        if (made && lock(made) != Lock::Others && isStillThere(parent, encoded, made)) {
+            const QString path = QDir::cleanPath(root) + u'/' + name + u'/';
+            folder = std::shared_ptr<StagingFolder>(new StagingFolder(path, std::move(made)));
+            return {};
+        }
+    }
+    return ZELError::withMessage(QLatin1String("staging folders do not stay in ") + root);
+}
+
+void StagingFolder::remove()
+{
+    removeTree(QDir::cleanPath(m_path));
+}
+
+void sweepStaging(const QString &root)
+{
+    FileDescriptor parent;
+    if (root.isEmpty() || openRoot(root, parent))
+        return;
+    const QDir folder(QDir::cleanPath(root));
+    const auto everything = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
+    for (const QString &name : folder.entryList(everything)) {
+        FileDescriptor held; // until it is gone
+        if (!isHeld(parent, QFile::encodeName(name), held))
+            removeTree(folder.filePath(name));
+    }
+    ::rmdir(QFile::encodeName(folder.path()).constData()); // unless something is left
+}
+
+} // namespace zel

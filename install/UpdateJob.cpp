@@ -1,0 +1,299 @@
+#include "UpdateJob.h"
+
+#include "DDLog.h"
+#include "IntegerValue.h"
+#include "Queues.h"
+#include "SessionThreads.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <future>
+#include <utility>
+
+namespace zel {
+
+namespace {
+
+const QString Patch = QStringLiteral("patch");
+
+QString jsonText(const QVariantMap &entry)
+{
+    return QString::fromUtf8(
+        QJsonDocument(QJsonObject::fromVariantMap(entry)).toJson(QJsonDocument::Compact));
+}
+
+template <typename... Arguments>
+void tell(const std::function<void(Arguments...)> &hook, std::type_identity_t<Arguments>... arguments)
+{
+    if (hook)
+        hook(std::forward<Arguments>(arguments)...);
+}
+
+} // namespace
+
+struct UpdateJob::Download {
+    std::shared_ptr<StagingFolder> folder; // null when there was no place for it
+    QString payload;
+    ZELError error; // of the transfer
+};
+
+struct UpdateJob::Ending {
+    enum Status : qint64 { TransferFailed = -1, Failed = 0, Succeeded = 1, NoBundle = 2 };
+
+    Status status;
+    QString bundle = {};
+    std::shared_ptr<StagingFolder> folder = {}; // that the bundle lies in
+};
+
+QString payloadName(const QUrl &url)
+{
+    QString path = url.path(QUrl::FullyDecoded);
+    while (path.endsWith(u'/'))
+        path.chop(1);
+    QString name = path.section(u'/', -1);
+    name.remove(QChar(u'\0'));
+    const bool unusable = name.isEmpty() || name == u'.' || name == QLatin1String("..");
+    return unusable ? QStringLiteral("download") : name;
+}
+
+UpdateJob::UpdateJob(Inputs inputs, Hooks hooks, ZELDownloadCompletion completion)
+    : m_inputs(std::move(inputs))
+    , m_hooks(std::move(hooks))
+    , m_completion(std::move(completion))
+{
+}
+
+std::shared_ptr<UpdateJob> UpdateJob::create(Inputs inputs, Hooks hooks, ZELDownloadCompletion completion)
+{
+    return std::shared_ptr<UpdateJob>(
+        new UpdateJob(std::move(inputs), std::move(hooks), std::move(completion)));
+}
+
+void UpdateJob::resume()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (std::exchange(m_started, true))
+            return;
+    }
+    startSession([self = shared_from_this()] { self->run(); },
+                 [weak = weak_from_this()] {
+                     if (const auto self = weak.lock())
+                         self->cancel();
+                 });
+}
+
+void UpdateJob::run()
+{
+    sweepStaging(m_inputs.stagingRoot);
+    finish(m_inputs.offer.contains(Patch) ? updateByPatch() : updateByArchive());
+}
+
+UpdateJob::Ending UpdateJob::updateByPatch()
+{
+    const QVariantMap entry = m_inputs.offer[Patch].toMap();
+    DDLogInfo(QStringLiteral("Downloading patch"));
+    const Download file = download(entry);
+    if (file.error)
+        return {Ending::TransferFailed};
+    if (const ZELError error = checkPayload(file.payload, entry, m_inputs.signers.has_value())) {
+        DDLogInfo(QStringLiteral("MD5 Error"));
+        systemLog(error.message);
+        file.folder->remove();
+        return fallBack();
+    }
+    DDLogInfo(QStringLiteral("verifying patch"));
+    tell(m_hooks.preparing);
+    QVariantList log;
+    const qint64 startBuild = integerValue(entry[QStringLiteral("build")]);
+    const QString bundle = patchInstalled(file.payload, startBuild, file.folder->path(), buildInputs(), log);
+    if (isCancelled())
+        return {Ending::Failed, {}, file.folder};
+    if (!bundle.isNull()) {
+        DDLogInfo(QStringLiteral("patch succeeded"));
+        return {Ending::Succeeded, bundle, file.folder};
+    }
+    onMainQueue([self = shared_from_this(), log] { tell(self->m_hooks.handleLog, log); });
+    DDLogInfo(QStringLiteral("patch failed"));
+    file.folder->remove();
+    return fallBack();
+}
+
+UpdateJob::Ending UpdateJob::fallBack()
+{
+    DDLogInfo(QStringLiteral("Attempting to download full update after patch failure"));
+    tell(m_hooks.fallsBack);
+    return updateByArchive();
+}
+
+UpdateJob::Ending UpdateJob::updateByArchive()
+{
+    DDLogInfo(QStringLiteral("Downloading full update"));
+    const Download file = download(record());
+    if (file.error)
+        return {Ending::TransferFailed};
+    if (const ZELError error = checkPayload(file.payload, record(), m_inputs.signers.has_value())) {
+        DDLogInfo(QStringLiteral("MD5 Error"));
+        systemLog(error.message);
+        file.folder->remove();
+        return {Ending::Failed};
+    }
+    const UnpackedBundle unpacked = unpackUpdate(file.payload, file.folder->path(), buildInputs());
+    if (!unpacked.path.isNull())
+        return {Ending::Succeeded, unpacked.path, file.folder};
+    file.folder->remove();
+    if (!unpacked.unpacked)
+        sweepStaging(m_inputs.stagingRoot);
+    return {Ending::NoBundle};
+}
+
+UpdateJob::Download UpdateJob::download(const QVariantMap &entry)
+{
+    DDLogInfo(jsonText(entry));
+    Download result;
+    result.error = StagingFolder::make(m_inputs.stagingRoot, result.folder);
+    if (!result.error)
+        result.error = transfer(entry, result.folder->path(), result.payload);
+    if (!result.error) {
+        tell(m_hooks.staged, result.folder->path());
+        return result;
+    }
+    if (result.folder)
+        result.folder->remove();
+    if (isCancelled())
+        return result;
+    DDLogInfo(QStringLiteral("Error downloading file"));
+    systemLog(result.error.message);
+    return result;
+}
+
+// Waits for the transfer's end. That comes in any case: the application's end cancels transfers and jobs alike.
+ZELError UpdateJob::transfer(const QVariantMap &entry, const QString &folder, QString &payload)
+{
+    URLRequest request;
+    request.url = QUrl(entry[QStringLiteral("file")].toString());
+    const auto ended = std::make_shared<std::promise<ZELError>>();
+    const auto task = downloadTask(
+        request, folder,
+        [ended, folder, &payload](const QString &location, const QUrl &answered, const ZELError &error) {
+            if (!error) {
+                payload = folder + payloadName(answered);
+                // Not looked at: a file that did not get there is found when its hash is taken.
+                QFile::rename(location, payload);
+                DDLogInfo(QLatin1String("Download location = ") + location);
+                DDLogInfo(QLatin1String("temp = ") + folder);
+                DDLogInfo(QLatin1String("payload = ") + payload);
+            }
+            ended->set_value(error);
+        });
+    setTransfer(task, entry);
+    task->resume();
+    task->observeCountOfBytesReceived([weak = weak_from_this()] {
+        if (const auto self = weak.lock())
+            self->notify();
+    });
+    return ended->get_future().get();
+}
+
+void UpdateJob::setTransfer(const std::shared_ptr<URLSessionTask> &task, const QVariantMap &entry)
+{
+    const std::lock_guard lock(m_mutex);
+    m_transfer = task;
+    m_announced = announcedSize(entry).value_or(-1);
+    if (isCancelled())
+        task->cancel();
+}
+
+void UpdateJob::finish(Ending ending)
+{
+    if (!leave(ending) && ending.status == Ending::TransferFailed) {
+        // Deliberate: the one result that is not delivered on the main queue. Hosts expect it here.
+        tell(m_completion, Ending::Failed, QString());
+    }
+    onMainQueue([self = shared_from_this(), ending, completion = std::exchange(m_completion, {})] {
+        // The user may have cancelled meanwhile.
+        if (ending.status == Ending::TransferFailed || self->leave(ending))
+            return;
+        if (ending.folder)
+            tell(self->m_hooks.succeeded, ending.folder);
+        tell(completion, ending.status, ending.bundle);
+    });
+}
+
+// Whether the job was cancelled: then nothing stays, and nobody is told.
+bool UpdateJob::leave(const Ending &ending)
+{
+    if (!isCancelled())
+        return false;
+    if (ending.folder)
+        ending.folder->remove();
+    if (!m_left.exchange(true))
+        DDLogInfo(QStringLiteral("download was cancelled"));
+    return true;
+}
+
+BuildInputs UpdateJob::buildInputs() const
+{
+    return {.installedBundle = m_inputs.installedBundle,
+            .signers = m_inputs.signers,
+            .announcedBuild = record()[QStringLiteral("build")],
+            .stop = m_stop.get_token()};
+}
+
+QVariantMap UpdateJob::record() const
+{
+    return m_inputs.offer[QStringLiteral("update")].toMap();
+}
+
+void UpdateJob::cancel()
+{
+    m_stop.request_stop();
+    std::shared_ptr<URLSessionTask> transfer;
+    {
+        const std::lock_guard lock(m_mutex);
+        transfer = m_transfer;
+    }
+    if (transfer)
+        transfer->cancel();
+}
+
+qint64 UpdateJob::countOfBytesReceived() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_transfer ? m_transfer->countOfBytesReceived() : 0;
+}
+
+qint64 UpdateJob::countOfBytesExpectedToReceive() const
+{
+    const std::lock_guard lock(m_mutex);
+    const qint64 expected = m_transfer ? m_transfer->countOfBytesExpectedToReceive() : -1;
+    return expected > 0 ? expected : m_announced;
+}
+
+void UpdateJob::observeCountOfBytesReceived(std::function<void()> observer)
+{
+    auto shared = observer ? std::make_shared<const std::function<void()>>(std::move(observer)) : nullptr;
+    const auto first = shared;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_observer.swap(shared); // the one before is destroyed after the lock is gone
+    }
+    if (first)
+        (*first)();
+}
+
+void UpdateJob::notify()
+{
+    std::shared_ptr<const std::function<void()>> observer;
+    {
+        const std::lock_guard lock(m_mutex);
+        observer = m_observer;
+    }
+    if (observer)
+        (*observer)();
+    tell(m_hooks.progress);
+}
+
+} // namespace zel

@@ -1,0 +1,94 @@
+// One update on its way from a check result to a new bundle: download, verify, patch or unpack, and the way back from
+// a patch that fails to the full archive.
+#pragma once
+
+#include "BundleBuild.h"
+#include "StagingFolder.h"
+#include "URLSession.h"
+#include "ZELCompletions.h"
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+
+namespace zel {
+
+/// The file name under which a download from `url` is kept: the last part of its path, without separators, never
+/// empty, "." or "..".
+QString payloadName(const QUrl &url);
+
+/// An update in flight. What it works from is fixed when it is made: whatever the host sets or checks meanwhile changes
+/// nothing. Its steps run one after the other on a thread of its own (`run` in UpdateJob.cpp is their list), and it
+/// finishes exactly once. As a task it stands for its present download: the bytes are that one's, and the patch's are
+/// followed by the archive's where the patch is of no use. A cancelled job ends at its next step, whichever runs; the
+/// application's end cancels it.
+class UpdateJob : public URLSessionTask, public std::enable_shared_from_this<UpdateJob>
+{
+public:
+    struct Inputs {
+        QVariantMap offer; ///< the check result
+        QString installedBundle; ///< the bundle that patches start from; only read
+        QString stagingRoot; ///< staging folders are made below it
+        SignerPins signers; ///< as for `verifySeal`
+    };
+
+    /// What the job tells on its way; each may be left out.
+    struct Hooks {
+        std::function<void(const QVariantList &log)>
+            handleLog; ///< main queue: the log of a patch that failed
+        std::function<void()> preparing; ///< job's thread: a patch is about to be applied
+        std::function<void(const QString &folder)>
+            staged; ///< job's thread: a download lies in this staging folder
+        std::function<void()> fallsBack; ///< job's thread: the patch is of no use, the full archive is next
+        std::function<void()> progress; ///< any thread: the counts of bytes have changed
+        std::function<void(std::shared_ptr<StagingFolder>)>
+            succeeded; ///< main queue: what holds the new bundle
+    };
+
+    /// `completion`, which may be empty, is called once, with 1 and the new bundle's path, 0 when the download failed or
+    /// is not what was announced, or 2 when the archive held no good bundle. It is called on the main queue, but for a
+    /// transfer that failed, which is reported on the job's thread, and not at all when the job is cancelled. It is
+    /// destroyed on the main thread.
+    static std::shared_ptr<UpdateJob> create(Inputs inputs, Hooks hooks, ZELDownloadCompletion completion);
+
+    void resume() override;
+    void cancel() override;
+    qint64 countOfBytesReceived() const override;
+
+    /// What the server announced, else the "size" of the record or patch entry, else -1.
+    qint64 countOfBytesExpectedToReceive() const override;
+
+    void observeCountOfBytesReceived(std::function<void()> observer) override;
+
+private:
+    struct Download;
+    struct Ending;
+
+    UpdateJob(Inputs inputs, Hooks hooks, ZELDownloadCompletion completion);
+    void run();
+    Ending updateByPatch();
+    Ending updateByArchive();
+    Ending fallBack();
+    Download download(const QVariantMap &entry);
+    ZELError transfer(const QVariantMap &entry, const QString &folder, QString &payload);
+    void setTransfer(const std::shared_ptr<URLSessionTask> &task, const QVariantMap &entry);
+    void notify();
+    void finish(Ending ending);
+    bool leave(const Ending &ending);
+    BuildInputs buildInputs() const;
+    QVariantMap record() const;
+    bool isCancelled() const { return m_stop.stop_requested(); }
+
+    const Inputs m_inputs;
+    const Hooks m_hooks;
+    ZELDownloadCompletion m_completion; // until the job finishes
+    std::stop_source m_stop;
+    mutable std::mutex m_mutex; // guards what follows
+    std::shared_ptr<URLSessionTask> m_transfer; // the present or last one
+    qint64 m_announced = -1; // its bytes, as its entry has them
+    std::shared_ptr<const std::function<void()>> m_observer;
+    bool m_started = false;
+    std::atomic<bool> m_left = false;
+};
+
+} // namespace zel
