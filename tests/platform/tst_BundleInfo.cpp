@@ -1,4 +1,5 @@
 #include "BundleInfo.h"
+#include "ProgramFile.h"
 #include "PropertyList.h"
 #include "TemporaryTree.h"
 
@@ -222,6 +223,59 @@ private slots:
         tree.directory("App.app");
         QCOMPARE(::mkfifo(QFile::encodeName(tree.path("App.app/Info.plist")).constData(), 0600), 0);
         QCOMPARE(zel::bundleInfo(tree.path("App.app")), std::optional<QVariantMap>(QVariantMap()));
+    }
+
+    void programs_data()
+    {
+        QTest::addColumn<QString>("name"); // in the plist
+        QTest::addColumn<int>("before");
+        QTest::addColumn<int>("after");
+        QTest::addColumn<QString>("link"); // what is moved away and made a link
+
+        const auto row = [](const char *title, const char *name, int before, int after,
+                            const char *link = "") {
+            QTest::newRow(title) << name << before << after << link;
+        };
+        row("not executable", "run", 0644, 0755);
+        row("private", "run", 0600, 0700);
+        row("executable", "run", 0711, 0711);
+        row("for others only", "run", 0655, 0755);
+        row("another one named", "other", 0644, 0644);
+        row("none named", "", 0644, 0644);
+        row("path", "../MacOS/run", 0644, 0644);
+        row("link", "run", 0644, 0644, "App.app/Contents/MacOS/run");
+        row("behind a link", "run", 0644, 0644, "App.app/Contents/MacOS");
+        row("bundle is a link", "run", 0644, 0644, "App.app");
+    }
+
+    void programs()
+    {
+        QFETCH(QString, name);
+        QFETCH(int, before);
+        QFETCH(int, after);
+        QFETCH(QString, link);
+        const TemporaryTree tree;
+        tree.write("App.app/Contents/Info.plist",
+                   xml("<dict><key>CFBundleExecutable</key><string>" + name.toUtf8() + "</string></dict>"));
+        const QString place = "App.app/Contents/MacOS/run";
+        QString program = tree.write(place, "program", mode_t(before));
+        if (!link.isEmpty()) {
+            program = tree.path("moved") + place.mid(link.size());
+            QVERIFY(QFile::rename(tree.path(link), tree.path("moved")));
+            tree.link(link, tree.path("moved"));
+        }
+        QCOMPARE(zel::makeProgramExecutable(tree.path("App.app")).message, QString());
+        QCOMPARE(TemporaryTree::mode(program), after);
+    }
+
+    void programThatIsAPipe()
+    {
+        const TemporaryTree tree;
+        tree.write("App.app/Contents/Info.plist",
+                   xml("<dict><key>CFBundleExecutable</key><string>run</string></dict>"));
+        tree.directory("App.app/Contents/MacOS");
+        QCOMPARE(::mkfifo(QFile::encodeName(tree.path("App.app/Contents/MacOS/run")).constData(), 0600), 0);
+        QCOMPARE(zel::makeProgramExecutable(tree.path("App.app")).message, QString());
     }
 };
 
