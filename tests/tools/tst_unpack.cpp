@@ -1,4 +1,5 @@
 // zel-unpack run as a program, on good, broken and hostile archives.
+#include "Survey.h"
 #include "TemporaryTree.h"
 #include "ZipMaker.h"
 
@@ -8,6 +9,7 @@
 #include <QDirIterator>
 #include <QProcess>
 #include <QtTest>
+#include <sys/mman.h>
 
 struct Outcome {
     int status = -1;
@@ -67,9 +69,13 @@ private slots:
         row("deflated", {.name = "a/b/file", .data = large}, {}, file);
         row("stored", {.name = "file", .data = large, .method = 0}, {}, file);
         row("empty file", {.name = "file"}, {}, file);
-        row("read only", {.name = "file", .data = text, .mode = S_IFREG | 0400}, {}, S_IFREG | 0400);
-        row("writable by all", {.name = "file", .data = text, .mode = S_IFREG | 0666}, {}, S_IFREG | 0666);
-        row("mode without kind", {.name = "file", .data = text, .mode = 0600}, {}, S_IFREG | 0600);
+        row("read only", {.name = "file", .data = text, .mode = S_IFREG | 0400}, {}, file);
+        row("writable by all", {.name = "file", .data = text, .mode = S_IFREG | 0666}, {}, file);
+        row("not to be read", {.name = "file", .data = text, .mode = S_IFREG}, {}, file);
+        row("program of its owner", {.name = "file", .data = text, .mode = S_IFREG | 0100}, {},
+            S_IFREG | 0755);
+        row("program of others", {.name = "file", .data = text, .mode = S_IFREG | 01655}, {}, file);
+        row("mode without kind", {.name = "file", .data = text, .mode = 0700}, {}, S_IFREG | 0755);
         row("no mode", {.name = "file", .data = text, .mode = 0, .host = 0}, {}, file);
         row("other host's mode", {.name = "file", .data = text, .mode = S_IFIFO, .host = 10}, {}, file);
         row("deflated link", {.name = "link", .data = "a/b/./c", .mode = S_IFLNK | 0777}, {}, S_IFLNK | 0777);
@@ -78,7 +84,10 @@ private slots:
             S_IFLNK | 0777, 1);
         row("folder without slash", ZipMaker::folder("folder"), {}, S_IFDIR | 0755);
         row("folder by its slash", {.name = "folder/", .mode = 0, .host = 0}, "folder", S_IFDIR | 0755);
-        row("open folder", ZipMaker::folder("folder/", 01777), "folder", S_IFDIR | 01777);
+        row("open folder", ZipMaker::folder("folder/", 01777), "folder", S_IFDIR | 0755);
+        row("closed folder", ZipMaker::folder("folder", 0), {}, S_IFDIR | 0755);
+        row("as deep as may be", {.name = QByteArray("d/").repeated(127) + 'f', .data = text}, {}, file);
+        row("as long as may be", {.name = QByteArray(255, 'n'), .data = text}, {}, file);
         row("decomposed name", {.name = "e\xcc\x81.txt", .data = text}, {}, file);
         row("name of raw bytes", {.name = "caf\xe9", .data = text, .flags = 0}, {}, file);
         row("odd name", {.name = "-a 'b\" $c;d&(e)\\f\ng", .data = text}, {}, file);
@@ -88,7 +97,7 @@ private slots:
         row("older time field", {.name = "f", .data = text, .extra = old}, {}, file, 1'600'000'001);
         row("folder's time",
             {.name = "d/", .mode = S_IFDIR | 0700, .extra = ZipMaker::timeField(9), .method = 0}, "d",
-            S_IFDIR | 0700, 9);
+            S_IFDIR | 0755, 9);
         const QByteArray wide = ZipMaker::extraField(1, ZipMaker::le64(4) + ZipMaker::le64(6));
         row("wide sizes",
             {.name = "f",
@@ -126,6 +135,19 @@ private slots:
         std::remove(made.constData());
     }
 
+    // Those that are only implied, too.
+    void modesWhateverTheUmask()
+    {
+        const QByteArray archive = ZipMaker::make({{.name = "folder/file", .data = "x"}});
+        for (const QString mask : {"0", "077", "0177"}) {
+            const TemporaryTree tree;
+            const QString script = "umask " + mask + "; exec \"$0\" -x -k - \"$1\"";
+            run(archive, {"-c", script, ZEL_UNPACK, tree.directory("out")}, "/bin/sh");
+            QCOMPARE(TemporaryTree::mode(tree.path("out/folder")), 0755);
+            QCOMPARE(TemporaryTree::mode(tree.path("out/folder/file")), 0644);
+        }
+    }
+
     // A bundle as another program packs it: folders that are closed for writing, links between them.
     void bundleOfAnotherPacker()
     {
@@ -145,15 +167,13 @@ private slots:
             const QString made = tree.path("out/" + item.name);
             const struct stat status = statusOf(made);
             if (item.name != "./") {
-                QCOMPARE(status.st_mode, item.mode);
+                QCOMPARE(status.st_mode, S_ISLNK(item.mode) ? item.mode : (item.mode & S_IFMT) | 0755);
                 QCOMPARE(status.st_mtime, 1'500'000'000);
             }
             if (S_ISLNK(item.mode))
                 QCOMPARE(TemporaryTree::linkTarget(made), item.data);
         }
         QVERIFY(tree.read("out/My.app/tool") == items[4].data);
-        for (const char *closed : {"out/My.app", "out/My.app/Versions"}) // or they cannot be removed
-            ::chmod(tree.path(closed).toUtf8().constData(), 0700);
     }
 
     void refused_data()
@@ -174,6 +194,10 @@ private slots:
         row("file with a slash", {{.name = "a/", .data = "x"}}, "component");
         row("no name", {{.name = ""}}, "without a name");
         row("NUL", {{.name = QByteArray("a\0/../../x", 10)}}, "NUL");
+        row("too deep", {{.name = QByteArray("d/").repeated(128) + 'f'}}, "128 levels");
+        row("endlessly deep", {{.name = QByteArray("d/").repeated(32'000) + 'f'}}, "4095 bytes");
+        row("component too long", {{.name = "d/" + QByteArray(256, 'n')}}, "255 bytes");
+        row("name too long", {{.name = (QByteArray(127, 'd') + '/').repeated(32)}}, "4095 bytes");
         row("backslashes", {{.name = "..\\x", .host = 0}}, "backslashes");
 
         row("absolute link", {ZipMaker::link("l", "/etc")}, "leave");
@@ -320,6 +344,20 @@ private slots:
         QCOMPARE(unpack(over, tree.path("out")).errors, QByteArray());
         QCOMPARE(tree.read("out/link"), QByteArray("new"));
         QCOMPARE(tree.read("outside/kept"), QByteArray("kept"));
+    }
+
+    // What is missing is said. A file takes whole blocks of 4096 bytes, and an empty one a block, too.
+    void room()
+    {
+        const QByteArray bytes = ZipMaker::make(
+            {{.name = "a", .data = QByteArray(4097, 'a')}, {.name = "b"}, ZipMaker::folder("c")});
+        zel::Spool archive{zel::FileDescriptor(::memfd_create("archive", MFD_CLOEXEC)), size_t(bytes.size())};
+        QVERIFY(zel::writeAll(archive.file.get(), bytes.constData(), size_t(bytes.size())));
+        zel::ZipDirectory directory;
+        QVERIFY(!directory.read(archive));
+        QVERIFY(!zel::judgeRoom(directory, 4 * 4096));
+        const zel::Problem problem = zel::judgeRoom(directory, 4 * 4096 - 1);
+        QVERIFY(problem && problem->find("unpacks to 16384 bytes, 1 more than") != std::string::npos);
     }
 
     // A limit on the size of files makes writing fail as a full disk does.

@@ -1,5 +1,7 @@
 #include "Spool.h"
 
+#include "DiskSpace.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -39,6 +41,7 @@ Problem spoolInput(int input, const char *folder, Spool &spool)
     spool.file = unnamedFile(folder);
     if (!spool.file)
         return systemProblem("cannot make a file for the input");
+    const std::optional<int64_t> writable = writableBytes(spool.file.get());
     constexpr int pipeSize = 1 << 20; // fewer switches between writer and reader than with the usual 64 KiB
     ::fcntl(input, F_SETPIPE_SZ, pipeSize);
     std::vector<char> buffer(256 * 1024);
@@ -50,9 +53,14 @@ Problem spoolInput(int input, const char *folder, Spool &spool)
             continue;
         if (length < 0)
             return systemProblem("cannot read the input");
+        spool.size += uint64_t(length);
+        if (spool.size > maximumInputSize)
+            return "the input is larger than " + std::to_string(maximumInputSize) + " bytes";
+        if (writable && spool.size > uint64_t(*writable))
+            return "the disk has too little room: of the input, " + std::to_string(*writable)
+                + " bytes may be written";
         if (!writeAll(spool.file.get(), buffer.data(), size_t(length)))
             return systemProblem("cannot store the input");
-        spool.size += uint64_t(length);
     }
 }
 

@@ -15,11 +15,20 @@ static Problem judgeName(std::string_view name)
         return entryProblem(name, "has an absolute name");
     if (name.find('\0') != name.npos)
         return entryProblem(name.substr(0, name.find('\0')), "has a NUL byte in its name");
+    if (name.size() > maximumNameLength)
+        return entryProblem(name, "has a name of more than " + std::to_string(maximumNameLength) + " bytes");
+    size_t depth = 0;
     for (size_t start = 0; start <= name.size();) {
         const size_t end = std::min(name.find('/', start), name.size());
         const std::string_view component = name.substr(start, end - start);
         if (component.empty() || component == "." || component == "..")
             return entryProblem(name, "has an empty, \".\" or \"..\" component in its name");
+        if (component.size() > maximumComponentLength)
+            return entryProblem(name,
+                                "has a component of more than " + std::to_string(maximumComponentLength)
+                                    + " bytes in its name");
+        if (++depth > maximumDepth)
+            return entryProblem(name, "lies more than " + std::to_string(maximumDepth) + " levels deep");
         start = end + 1;
     }
     return {};
@@ -77,6 +86,18 @@ static Problem judgeSizes(const ZipDirectory &directory)
         end = entry.headerOffset + headerSize + entry.packedSize;
     }
     return {};
+}
+
+Problem judgeRoom(const ZipDirectory &directory, uint64_t writable)
+{
+    constexpr uint64_t block = 4096;
+    uint64_t needed = 0;
+    for (const ZipEntry &entry : directory.entries())
+        needed += (std::max<uint64_t>(entry.size, 1) + block - 1) / block * block;
+    if (needed <= writable)
+        return {};
+    return "the disk has too little room: the archive unpacks to " + std::to_string(needed) + " bytes, "
+        + std::to_string(needed - writable) + " more than may be written";
 }
 
 Problem survey(const ZipDirectory &directory, EntryReader &reader)

@@ -9,6 +9,11 @@ namespace zel {
 
 namespace {
 
+// An archive has no say in modes beyond the one bit: what it brings is for all to read and for its owner to change.
+constexpr mode_t programMode = 0755;
+constexpr mode_t plainMode = 0644;
+constexpr mode_t folderMode = 0755;
+
 FileDescriptor enterOne(int above, const char *name)
 {
     constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -16,9 +21,13 @@ FileDescriptor enterOne(int above, const char *name)
     if (found >= 0 || errno != ENOENT)
         return FileDescriptor(found);
     // Another thread may have made it meanwhile.
-    if (::mkdirat(above, name, 0777) != 0 && errno != EEXIST)
+    const bool made = ::mkdirat(above, name, folderMode) == 0;
+    if (!made && errno != EEXIST)
         return FileDescriptor();
-    return FileDescriptor(::openat(above, name, flags));
+    FileDescriptor folder(::openat(above, name, flags));
+    if (made && folder && ::fchmod(folder.get(), folderMode) != 0) // whatever the umask
+        return FileDescriptor();
+    return folder;
 }
 
 // Runs `make` until nothing stands in its way: what is there is removed once.
@@ -78,8 +87,8 @@ Problem TreeWriter::makeFile(const ZipEntry &entry, FileDescriptor &file)
 Problem TreeWriter::finishFile(const ZipEntry &entry, FileDescriptor &file)
 {
     const Times times(entry.modified);
-    if (::fchmod(file.get(), entry.permissions) != 0 || ::futimens(file.get(), times.values) != 0
-        || !file.close())
+    if (::fchmod(file.get(), entry.executable ? programMode : plainMode) != 0
+        || ::futimens(file.get(), times.values) != 0 || !file.close())
         return entrySystemProblem(entry.name, "cannot be completed");
     return {};
 }
@@ -102,7 +111,7 @@ Problem TreeWriter::finishFolder(const ZipEntry &entry)
     const Times times(entry.modified);
     if (Problem problem = enter(entry.name, entry.name))
         return problem;
-    if (::fchmod(m_folder.get(), entry.permissions) != 0 || ::futimens(m_folder.get(), times.values) != 0)
+    if (::fchmod(m_folder.get(), folderMode) != 0 || ::futimens(m_folder.get(), times.values) != 0)
         return entrySystemProblem(entry.name, "cannot be completed");
     return {};
 }

@@ -179,7 +179,7 @@ Problem readKind(const EntryRecord &record, ZipEntry &entry)
         return entryProblem(entry.name, "is neither a file nor a folder nor a symbolic link");
     if (mode & (S_ISUID | S_ISGID))
         return entryProblem(entry.name, "would run with another user's or group's rights (set-id bits)");
-    entry.permissions = mode == 0 ? (folder ? 0755 : 0644) : mode & 07777;
+    entry.executable = (mode & S_IXUSR) != 0;
     return {};
 }
 

@@ -16,10 +16,14 @@
 
 namespace zel {
 
-/// What may be in an archive; with these the tool stays below 32 MiB of memory.
+/// What may be in an archive; with these the tool stays below 32 MiB of memory, and what it leaves can be walked and
+/// removed by any program.
 constexpr uint64_t maximumDirectorySize = 10 << 20; ///< bytes of the archive's directory
 constexpr size_t maximumEntries = 100'000; ///< entries, the folders that they imply included
 constexpr uint64_t maximumTotalSize = uint64_t(16) << 30; ///< bytes of all files together, unpacked
+constexpr size_t maximumDepth = 128; ///< components of a name
+constexpr size_t maximumNameLength = 4095; ///< bytes of a whole name
+constexpr size_t maximumComponentLength = 255; ///< bytes of each component
 
 struct ZipEntry {
     enum class Kind : uint8_t { File, Folder, Link };
@@ -30,8 +34,8 @@ struct ZipEntry {
     uint64_t size = 0; ///< as declared; nothing of the data has been read
     int64_t modified = 0; ///< seconds since 1970
     uint32_t checksum = 0; ///< CRC-32 of the unpacked data
-    uint16_t permissions = 0; ///< the low twelve bits of the mode
     Kind kind = Kind::File;
+    bool executable = false; ///< a file that its owner may execute; nothing else of a mode is taken over
     bool packed = false; ///< deflated, else stored
 };
 

@@ -1,7 +1,8 @@
 // zel-unpack -x -k - DIR: extracts the zip archive on standard input into a folder.
 //
 // The archive is stored, judged as a whole, and only then extracted. Exit status 0: all of it is there, with every
-// mode, link and time; 1: it is not, and one line on standard error says why; 2: wrong usage.
+// link and time; 1: it is not, and one line on standard error says why; 2: wrong usage.
+#include "DiskSpace.h"
 #include "Extraction.h"
 #include "Survey.h"
 
@@ -33,6 +34,9 @@ static Problem unpack(int input, const char *folder)
         return problem;
     EntryReader reader(archive.file.get(), directory.dataEnd());
     if (Problem problem = survey(directory, reader))
+        return problem;
+    const std::optional<int64_t> writable = writableBytes(root.get());
+    if (Problem problem = writable ? judgeRoom(directory, uint64_t(*writable)) : Problem())
         return problem;
     return extractAll(directory, archive.file.get(), root.get());
 }
