@@ -217,7 +217,8 @@ private slots:
         row("case beyond ASCII", {{.name = "\xc3\x84"}, {.name = "\xc3\xa4"}}, "case");
         row("case of a folder", {{.name = "A/1"}, {.name = "a/2"}}, "case");
 
-        row("FIFO", {{.name = "x", .mode = S_IFIFO | 0644}}, "neither");
+        row("FIFO", {{.name = "x\u202e\u009b\x1b", .mode = S_IFIFO | 0644}},
+            "'x\ufffd\ufffd\ufffd' is neither");
         row("block device", {{.name = "x", .mode = S_IFBLK | 0644, .host = 19}}, "neither");
         row("set-user-id", {{.name = "x", .mode = S_IFREG | 04755}}, "set-id");
         row("set-group-id", {ZipMaker::folder("x/", 02755)}, "set-id");
@@ -360,11 +361,34 @@ private slots:
         QVERIFY(problem && problem->find("unpacks to 16384 bytes, 1 more than") != std::string::npos);
     }
 
+    void noSecondThread()
+    {
+        const TemporaryTree tree;
+        const std::vector<ZipItem> items = {{.name = "a", .data = "a"}, {.name = "b", .data = "b"}};
+        // A thread wants a stack of the size that the main one may grow to: so much is not to be had.
+        const QString script = "ulimit -s 100000000000 || exit 7; exec \"$0\" -x -k - \"$1\"";
+        const Outcome outcome =
+            run(ZipMaker::make(items), {"-c", script, ZEL_UNPACK, tree.path("out")}, "/bin/sh");
+        QCOMPARE(outcome.errors, QByteArray());
+        QCOMPARE(outcome.status, 0);
+        QCOMPARE(tree.read("out/a") + tree.read("out/b"), QByteArray("ab"));
+    }
+
+    // Without standard streams, no file that is written takes their place.
+    void closedStreams()
+    {
+        const TemporaryTree tree;
+        const QString script = "exec \"$0\" -x -k - \"$1\" >&- 2>&-";
+        const QByteArray archive = ZipMaker::make({{.name = "x", .data = "x", .checksumError = 1}});
+        QCOMPARE(run(archive, {"-c", script, ZEL_UNPACK, tree.path("out")}, "/bin/sh").status, 1);
+        QCOMPARE(tree.read("out/x"), QByteArray("x"));
+    }
+
     // A limit on the size of files makes writing fail as a full disk does.
     void diskFull()
     {
         const TemporaryTree tree;
-        const QString script = "trap '' XFSZ; ulimit -f 64; exec \"$0\" -x -k - \"$1\"";
+        const QString script = "ulimit -f 64; exec \"$0\" -x -k - \"$1\"";
         for (const uint16_t method : {0, 8}) { // while the input is stored, and while it is unpacked
             const QByteArray archive =
                 ZipMaker::make({{.name = "x", .data = QByteArray(4'000'000, 'd'), .method = method}});

@@ -33,7 +33,7 @@ Problem EntryReader::read(const ZipEntry &entry, const Sink &sink)
 {
     Progress progress{entry, sink, 0, entry.packedSize};
     if (!m_ready)
-        return "there is too little memory to unpack";
+        return tooLittleMemory();
     if (Problem problem = findData(entry, progress.offset))
         return problem;
     if (Problem problem = entry.packed ? inflateAll(progress) : copy(progress))

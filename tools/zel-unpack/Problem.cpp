@@ -1,6 +1,7 @@
 #include "Problem.h"
 
-#include <algorithm>
+#include "SafeText.h"
+
 #include <cerrno>
 #include <system_error>
 
@@ -14,10 +15,12 @@ static std::string reason()
 static std::string printable(std::string_view name)
 {
     constexpr size_t longest = 200;
-    std::string shown(name.substr(0, longest));
-    std::replace_if(
-        shown.begin(), shown.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
-    return name.size() > longest ? shown + "..." : shown;
+    return safeText(name, longest);
+}
+
+Problem tooLittleMemory()
+{
+    return "there is too little memory";
 }
 
 Problem systemProblem(std::string_view what)

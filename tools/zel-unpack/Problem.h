@@ -9,6 +9,9 @@ namespace zel {
 
 using Problem = std::optional<std::string>; ///< nothing: all is well
 
+/// What is said when memory is exhausted: the one problem that is met as an exception.
+Problem tooLittleMemory();
+
 /// "what: why", the reason taken from `errno`, which must still be that of the failed call.
 Problem systemProblem(std::string_view what);
 
