@@ -93,15 +93,20 @@ private:
 };
 
 // Nothing when all of the archive has gone into the tool and the tool was content.
-ZELError runTool(const QString &file, const QString &directory, const QString &tool)
+ZELError runTool(const QString &file, const QString &directory, const ExtractOptions &options)
 {
     const QStringList arguments{QStringLiteral("-x"), QStringLiteral("-k"), QStringLiteral("-"), directory};
     const qint64 size = QFileInfo(file).size();
-    ChildProcess process;
-    if (!process.launch(tool, arguments))
+    ChildProcess process(options.patience);
+    if (!process.launch(options.tool, arguments))
         return ZELError::withMessage(QStringLiteral("Extraction failed. Error launching"));
+    const std::stop_callback stopping(options.stop, [&] { process.kill(); });
     const qint64 total = Feed(file).run(process, size);
     const int status = process.wait();
+    if (process.isOutOfPatience())
+        systemLog(QStringLiteral("archive tool was ended: it made no progress"));
+    else if (status != 0 && options.stop.stop_requested())
+        systemLog(QStringLiteral("archive tool was ended: extraction was stopped"));
     if (status != 0) {
         systemLog(QStringLiteral("bad termination status"));
         return ZELError::withMessage(
@@ -144,9 +149,9 @@ QString archiveTool()
 }
 
 void extractArchive(const QString &file, const QString &directory, const ZELExtractCompletion &completion,
-                    const QString &tool)
+                    const ExtractOptions &options)
 {
-    const ZELError failure = runTool(file, directory, tool);
+    const ZELError failure = runTool(file, directory, options);
     const QString bundle = failure ? QString() : findBundle(directory);
     if (!completion)
         return;

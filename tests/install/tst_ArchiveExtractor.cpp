@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <QtTest>
+#include <sys/wait.h>
+#include <thread>
 
 struct Result {
     int calls = 0;
@@ -14,7 +16,7 @@ struct Result {
     QStringList log; // of the system
 };
 
-static Result extract(const QString &file, const QString &directory, const QString &tool = zel::archiveTool())
+static Result extract(const QString &file, const QString &directory, const zel::ExtractOptions &options = {})
 {
     Result result;
     const LogCapture capture;
@@ -23,7 +25,7 @@ static Result extract(const QString &file, const QString &directory, const QStri
         [&](bool ok, const QString &path, const ZELError &error) {
             result = {result.calls + 1, ok, path, error, {}};
         },
-        tool);
+        options);
     result.log = capture.lines("zel.system");
     return result;
 }
@@ -169,7 +171,7 @@ private slots:
         tree.write("out/A.app", "from before");
         const QString tool =
             script.isNull() ? tree.path("missing") : tree.write("tool", "#!/bin/bash\n" + script, 0755);
-        const Result result = extract(archive, tree.path("out"), tool);
+        const Result result = extract(archive, tree.path("out"), {.tool = tool});
         QCOMPARE(result.calls, 1);
         QCOMPARE(result.error.message, message);
         QCOMPARE(result.ok, message.isEmpty());
@@ -177,15 +179,120 @@ private slots:
         QCOMPARE(result.log, log);
     }
 
+    void hangingTools_data()
+    {
+        QTest::addColumn<QByteArray>("script");
+        QTest::addColumn<bool>("ended");
+        const QByteArray hang = "exec sleep 1000";
+        QTest::newRow("reads nothing") << hang << true;
+        QTest::newRow("reads no more") << "head -c 300000 >/dev/null; " + hang << true;
+        QTest::newRow("reads all, then hangs") << "cat >/dev/null; " + hang << true;
+        QTest::newRow("closes its input, then hangs") << "exec <&-; " + hang << true;
+        QTest::newRow("ends its reports, then hangs") << "exec 3>&-; cat >/dev/null; " + hang << true;
+        QTest::newRow("says that all is well, then hangs") << "cat >/dev/null; printf 0 >&3; " + hang << true;
+        QTest::newRow("reports progress")
+            << QByteArray("cat >/dev/null; for i in {1..40}; do printf . >&3; sleep 0.05; done") << false;
+    }
+
+    void hangingTools()
+    {
+        QFETCH(QByteArray, script);
+        QFETCH(bool, ended);
+        const TemporaryTree tree;
+        const QString archive = tree.write("archive", QByteArray(1'000'000, 'z'));
+        const QString tool = tree.write("tool", "#!/bin/bash\n" + script, 0755);
+        const Result result =
+            extract(archive, tree.directory("out"),
+                    {.tool = tool, .patience = std::chrono::milliseconds(ended ? 300 : 1500)});
+        QCOMPARE(result.calls, 1);
+        QCOMPARE(result.ok, !ended);
+        QCOMPARE(result.error.message,
+                 ended ? "Extraction failed. Invalid termination status - 9"
+                       : "Extraction failed. Unable to find payload");
+        QCOMPARE(result.log.contains("archive tool was ended: it made no progress"), ended);
+    }
+
+    // A tool that has come as far as to write into the pipe is ended from another thread.
+    void stopped_data()
+    {
+        QTest::addColumn<QByteArray>("script");
+        QTest::newRow("while it is fed") << QByteArray("echo >\"${4%/*}/pipe\"; exec sleep 1000");
+        QTest::newRow("while it works")
+            << QByteArray("cat >/dev/null; echo >\"${4%/*}/pipe\"; exec sleep 1000");
+        QTest::newRow("before it started") << QByteArray();
+    }
+
+    void stopped()
+    {
+        QFETCH(QByteArray, script);
+        const TemporaryTree tree;
+        const QString archive = tree.write("archive", QByteArray(1'000'000, 'z'));
+        const QString tool =
+            tree.write("tool", "#!/bin/bash\n" + (script.isNull() ? "exec sleep 1000" : script), 0755);
+        QCOMPARE(::mkfifo(QFile::encodeName(tree.path("pipe")).constData(), 0600), 0);
+        std::stop_source stop;
+        if (script.isNull())
+            stop.request_stop();
+        const std::jthread user([&] {
+            if (!script.isNull() && TemporaryTree::contents(tree.path("pipe")) == "\n")
+                stop.request_stop();
+        });
+        const Result result =
+            extract(archive, tree.directory("out"), {.tool = tool, .stop = stop.get_token()});
+        QCOMPARE(result.error.message, "Extraction failed. Invalid termination status - 9");
+        QVERIFY(result.log.contains("archive tool was ended: extraction was stopped"));
+    }
+
+    // Whatever the host does with the exit status of its children.
+    void hostsOfChildren_data()
+    {
+        QTest::addColumn<int>("flags");
+        QTest::addColumn<bool>("collects");
+        QTest::newRow("ignores them") << 0 << false;
+        QTest::newRow("wants no zombies") << int(SA_NOCLDWAIT) << false;
+        QTest::newRow("collects them all") << int(SA_RESTART) << true;
+    }
+
+    void hostsOfChildren()
+    {
+        QFETCH(int, flags);
+        QFETCH(bool, collects);
+        const TemporaryTree tree;
+        const QString good = tree.write("good", ZipMaker::make({{.name = "A.app/x", .data = "x"}}));
+        const QString bad = tree.write("bad", ZipMaker::make({{.name = "../A.app"}}));
+        const QString hanging = tree.write("hanging", "#!/bin/bash\nexec sleep 1000", 0755);
+        const QString silent = tree.write("silent", "#!/bin/bash\ncat >/dev/null", 0755);
+        struct sigaction action {
+        };
+        struct sigaction before;
+        action.sa_flags = flags;
+        action.sa_handler = collects ? [](int) { while (::waitpid(-1, nullptr, WNOHANG) > 0) { } }
+                            : flags  ? SIG_DFL
+                                     : SIG_IGN;
+        QCOMPARE(::sigaction(SIGCHLD, &action, &before), 0);
+        const Result fine = extract(good, tree.directory("good.out"));
+        const Result refused = extract(bad, tree.directory("bad.out"));
+        const Result ended = extract(good, tree.directory("ended.out"),
+                                     {.tool = hanging, .patience = std::chrono::milliseconds(300)});
+        const Result unknown = extract(good, tree.directory("unknown.out"), {.tool = silent});
+        ::sigaction(SIGCHLD, &before, nullptr);
+        QCOMPARE(fine.error.message, QString());
+        QCOMPARE(fine.path, tree.path("good.out/A.app"));
+        QCOMPARE(refused.error.message, "Extraction failed. Invalid termination status - 1");
+        QCOMPARE(ended.error.message, "Extraction failed. Invalid termination status - 9");
+        if (!collects) // else it is a question of who comes first
+            QCOMPARE(unknown.error.message, "Extraction failed. Invalid termination status - -1");
+    }
+
     void notLaunchable()
     {
         const TemporaryTree tree;
         const QString archive = tree.write("archive", "z");
         const QString message = "Extraction failed. Error launching";
-        QCOMPARE(extract(archive, tree.path("out"), tree.path("out")).error.message, message);
-        QCOMPARE(extract(archive, tree.path("out"), tree.write("tool", "#!/bin/sh", 0644)).error.message,
-                 message);
-        QCOMPARE(extract(archive, tree.path("out"), QString()).error.message, message);
+        QCOMPARE(extract(archive, tree.path("out"), {.tool = tree.path("out")}).error.message, message);
+        const QString closed = tree.write("tool", "#!/bin/sh", 0644);
+        QCOMPARE(extract(archive, tree.path("out"), {.tool = closed}).error.message, message);
+        QCOMPARE(extract(archive, tree.path("out"), {.tool = {}}).error.message, message);
     }
 
     void emptyArchive()
@@ -193,7 +300,7 @@ private slots:
         const TemporaryTree tree;
         tree.write("out/A.app", "from before");
         const QString tool = tree.write("tool", "#!/bin/sh\ncat >/dev/null", 0755);
-        const Result result = extract(tree.write("archive", {}), tree.path("out"), tool);
+        const Result result = extract(tree.write("archive", {}), tree.path("out"), {.tool = tool});
         QCOMPARE(result.path, tree.path("out/A.app"));
     }
 
