@@ -2,12 +2,14 @@
 #include "Survey.h"
 #include "TemporaryTree.h"
 #include "ZipMaker.h"
+#include "ZipWriter.h"
 
 #include <archive.h>
 #include <archive_entry.h>
 #include <fstream>
 #include <QDirIterator>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QtTest>
 #include <sys/mman.h>
 
@@ -396,6 +398,37 @@ private slots:
             QCOMPARE(outcome.status, 1);
             QVERIFY2(outcome.errors.contains("File too large"), outcome.errors);
         }
+    }
+
+    // What the publisher's tool writes. Files of n * 32768 bytes have no hash: around the first of those sizes, none is
+    // left out but that one.
+    void publishedArchives()
+    {
+        const TemporaryTree tree;
+        const QString bundle = tree.directory("A.app/Contents").chopped(9);
+        ::chmod(QFile::encodeName(bundle).constData(), 02700);
+        tree.write("A.app/run", "program", 0100);
+        tree.write("A.app/plain", "text", 0600);
+        QByteArray noise(32768, '\0');
+        QRandomGenerator random(1);
+        std::generate(noise.begin(), noise.end(), [&random] { return char(random.bounded(256)); });
+        const QString zip = tree.path("A.zip");
+        QList<qint64> sizes;
+        for (qsizetype taken = 31'900; sizes.isEmpty() || sizes.last() <= 32768; ++taken) {
+            tree.write("A.app/noise", noise.first(taken));
+            QCOMPARE(zel::writeBundleZip(bundle, zip).message, QString());
+            sizes.append(QFileInfo(zip).size());
+        }
+        QVERIFY(sizes.contains(32767) && !sizes.contains(32768) && sizes.contains(32769));
+        QVERIFY(tree.read("A.zip").endsWith(QByteArray("\1\0 ", 3)));
+
+        QCOMPARE(unpack(tree.read("A.zip"), tree.path("out")).errors, QByteArray());
+        for (const auto &[name, mode] : {std::pair("", 0755), {"/run", 0755}, {"/plain", 0644}})
+            QCOMPARE(TemporaryTree::mode(tree.path("out/A.app") + name), mode);
+        const QByteArray first = tree.read("A.zip");
+        QVERIFY(first.contains(QByteArray("\0\0\xed\x81", 4))); // 0755 of a file, in the directory
+        QCOMPARE(zel::writeBundleZip(bundle, zip).message, QString());
+        QVERIFY(tree.read("A.zip") == first);
     }
 
     void wrongUsage_data()

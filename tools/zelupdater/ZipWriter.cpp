@@ -43,6 +43,19 @@ ZELError writeContent(struct archive *archive, const QString &path)
     }
 }
 
+// What the updater makes of any mode, so that an archive does not depend on its maker's umask either.
+mode_t modeOf(const BundleItem &item)
+{
+    switch (item.kind) {
+    case BundleItem::Folder:
+        return S_IFDIR | 0755;
+    case BundleItem::Link:
+        return S_IFLNK | 0777;
+    default:
+        return S_IFREG | (item.executable ? 0755 : 0644);
+    }
+}
+
 ZELError writeItem(struct archive *archive, const QString &path, const QString &name, const BundleItem &item)
 {
     struct stat status;
@@ -50,7 +63,7 @@ ZELError writeItem(struct archive *archive, const QString &path, const QString &
         return ZELError::fromErrno(QLatin1String("cannot read ") + path, errno);
     const Entry entry(archive_entry_new(), archive_entry_free);
     archive_entry_set_pathname_utf8(entry.get(), name.toUtf8().constData());
-    archive_entry_set_mode(entry.get(), status.st_mode & (S_IFMT | 0777));
+    archive_entry_set_mode(entry.get(), modeOf(item));
     archive_entry_set_mtime(entry.get(), status.st_mtim.tv_sec, 0);
     if (item.kind == BundleItem::File)
         archive_entry_set_size(entry.get(), status.st_size);
@@ -75,6 +88,23 @@ ZELError writeTree(struct archive *archive, const QString &bundle, const BundleT
     return {};
 }
 
+// A file of n * 32768 bytes has no hash to check it by (MD5FromData.h), so an archive never has such a size: it ends in
+// a comment of one byte then, whose length stands in the last two bytes of an archive without one.
+ZELError avoidSizeWithoutHash(const QString &path)
+{
+    constexpr qint64 hashedChunk = 32768;
+    QFile file(path);
+    if (file.size() % hashedChunk != 0)
+        return {};
+    const QByteArrayView commentOfOne("\1\0 ", 3);
+    const bool written = file.open(QIODevice::ReadWrite | QIODevice::ExistingOnly)
+        && file.seek(file.size() - 2)
+        && file.write(commentOfOne.data(), commentOfOne.size()) == commentOfOne.size() && file.flush();
+    return written ? ZELError()
+                   : ZELError::withMessage(QLatin1String("cannot write ") + path + QLatin1String(": ")
+                                           + file.errorString());
+}
+
 } // namespace
 
 ZELError writeBundleZip(const QString &bundle, const QString &zipPath)
@@ -92,6 +122,8 @@ ZELError writeBundleZip(const QString &bundle, const QString &zipPath)
     ZELError error = writeTree(archive.get(), bundle, tree);
     if (archive_write_close(archive.get()) != ARCHIVE_OK && !error)
         error = archiveError(QLatin1String("cannot write ") + zipPath, archive.get());
+    if (!error)
+        error = avoidSizeWithoutHash(aside);
     if (!error) {
         QFile::remove(zipPath);
         if (QFile::rename(aside, zipPath))
