@@ -9,8 +9,6 @@ namespace {
 
 using Index = std::int64_t;
 
-constexpr Index longMatch = 256; ///< bytes that are compared without a thought
-constexpr Index worthLearning = 4096; ///< bytes that have to be compared before a period is looked for
 constexpr Index longestPeriodText = Index(1) << 20;
 constexpr int hashShift = 54; // leaves ten bits, for as many agreements as are kept
 
@@ -36,9 +34,11 @@ Index shortPeriod(const unsigned char *text, Index length)
 
 } // namespace
 
-Repeats::Repeats(std::span<const unsigned char> oldBytes, std::span<const unsigned char> newBytes)
+Repeats::Repeats(std::span<const unsigned char> oldBytes, std::span<const unsigned char> newBytes,
+                 const ShortCuts &shortCuts)
     : m_old(oldBytes)
     , m_new(newBytes)
+    , m_shortCuts(shortCuts)
 {
 }
 
@@ -64,7 +64,7 @@ Index Repeats::length(Index a, Index s, Index from)
     if (const Index found = lengthInRuns(a, s); found > 0)
         return found;
     const Index limit = std::min(static_cast<Index>(m_old.size()) - a, static_cast<Index>(m_new.size()) - s);
-    const Index near = std::min(from + longMatch, limit);
+    const Index near = std::min(from + m_shortCuts.longMatch, limit);
     const Index equal = matchLength(m_old.data() + a, m_new.data() + s, from, near);
     return equal < near || near == limit ? equal : longLength(a, s, equal);
 }
@@ -91,22 +91,24 @@ Index Repeats::longLength(Index a, Index s, Index from)
     const Index limit = std::min(static_cast<Index>(m_old.size()) - a, static_cast<Index>(m_new.size()) - s);
     const Index equal = matchLength(m_old.data() + a, m_new.data() + s, from, limit);
     known = {a - s, s, s + equal};
-    if (equal - from >= worthLearning)
+    if (equal - from >= m_shortCuts.worthLearning)
         learn(a, s, equal, equal - from);
     return equal;
 }
 
-/// A run next to a known one in the other file has its period; only without one a period is looked for.
+/// What is equal to a whole period of a known run in the other file belongs to a run of the same pattern; only
+/// without such a run a period is looked for.
 void Repeats::learn(Index a, Index s, Index equal, Index compared)
 {
-    const Run *newRun = m_newRuns.at(s);
-    const Run *const oldRun = m_oldRuns.at(a);
+    const Run *newRun = m_newRuns.over(s, m_period);
+    const Run *oldRun = m_oldRuns.over(a, m_period);
     if (!newRun && (!oldRun || equal < 2 * m_period)) {
         if (!learnPeriod(s, compared))
             return;
-        newRun = m_newRuns.at(s);
+        newRun = m_newRuns.over(s, m_period);
+        oldRun = nullptr;
     }
-    if (newRun && !m_oldRuns.at(a) && equal >= 2 * m_period)
+    if (newRun && !oldRun && equal >= 2 * m_period)
         m_oldRuns.add(runAround(m_old, a, newRun->phase + s - a));
     else if (!newRun)
         m_newRuns.add(runAround(m_new, s, oldRun->phase + a - s));
@@ -124,6 +126,7 @@ bool Repeats::learnPeriod(Index s, Index length)
     return true;
 }
 
+/// The longest run with the period that begins at `at`, which is the pattern's.
 Run Repeats::runAround(std::span<const unsigned char> text, Index at, Index phase) const
 {
     const unsigned char *const bytes = text.data();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "runs.h"
+#include "shortcuts.h"
 
 #include <span>
 
@@ -15,7 +16,8 @@ namespace zel {
 class Repeats
 {
 public:
-    Repeats(std::span<const unsigned char> oldBytes, std::span<const unsigned char> newBytes);
+    Repeats(std::span<const unsigned char> oldBytes, std::span<const unsigned char> newBytes,
+            const ShortCuts &shortCuts);
 
     /// How many bytes from `a` in the old and `s` in the new file on are equal, when the first `from` are known
     /// to be.
@@ -44,6 +46,7 @@ private:
 
     std::span<const unsigned char> m_old;
     std::span<const unsigned char> m_new;
+    const ShortCuts m_shortCuts;
     std::array<Agreement, 1024> m_agreements;
     std::int64_t m_period = 1; ///< of all runs
     Runs m_oldRuns;

@@ -7,14 +7,17 @@
 
 namespace zel {
 
+/// Each byte from `begin` to `end` is that of one pattern, the same for all runs that are kept together, at
+/// (position + phase) modulo the pattern's length, and the byte at `end`, if there is one, is not.
+///
+/// So whoever adds a run must know a whole period of it to be the pattern's, not only its first bytes.
 struct Run {
     std::int64_t begin = 0;
-    std::int64_t end = 0; ///< where the period is broken
-    std::int64_t phase = 0; ///< position + phase counts through the period, modulo its length
+    std::int64_t end = 0;
+    std::int64_t phase = 0;
 };
 
-/// The runs known of one text and one period; all are forgotten when there are too many. They may overlap by
-/// less than a period.
+/// The runs known of one text; all are forgotten when there are too many. They may overlap by less than a period.
 class Runs
 {
 public:
@@ -28,6 +31,13 @@ public:
             m_last = *run;
         }
         return &m_last;
+    }
+
+    /// The one that goes on for `length` bytes there, a period at least; null when none is known.
+    const Run *over(std::int64_t position, std::int64_t length)
+    {
+        const Run *const run = at(position + length - 1);
+        return run && run->begin <= position ? run : nullptr;
     }
 
     void add(const Run &run);

@@ -8,12 +8,13 @@ namespace zel {
 
 using Index = std::int64_t;
 
-Scan::Scan(std::span<const unsigned char> oldBytes, const Index *I, std::span<const unsigned char> newBytes)
+Scan::Scan(std::span<const unsigned char> oldBytes, const Index *I, std::span<const unsigned char> newBytes,
+           const ShortCuts &shortCuts)
     : m_oldSize(static_cast<Index>(oldBytes.size()))
-    , m_search(oldBytes, I, newBytes)
-    , m_repeats(oldBytes, newBytes)
+    , m_search(oldBytes, I, newBytes, shortCuts)
+    , m_repeats(oldBytes, newBytes, shortCuts)
     , m_extension(oldBytes, newBytes, m_repeats)
-    , m_ahead(oldBytes, newBytes, m_search)
+    , m_ahead(oldBytes, newBytes, m_search, shortCuts)
     , m_walk(oldBytes, newBytes, 0, static_cast<Index>(newBytes.size()), 0)
 {
 }

@@ -15,6 +15,8 @@ struct Step {
     std::int64_t seek; ///< from the end of the added old bytes to the next step's oldStart; may be negative
     std::int64_t oldStart;
     std::int64_t newStart;
+
+    bool operator==(const Step &) const = default;
 };
 
 /// Walks through the new file and yields the steps that build it. The bytes and I (old size + 1 entries, the
@@ -23,7 +25,7 @@ class Scan
 {
 public:
     Scan(std::span<const unsigned char> oldBytes, const std::int64_t *I,
-         std::span<const unsigned char> newBytes);
+         std::span<const unsigned char> newBytes, const ShortCuts &shortCuts = {});
 
     /// Nothing once the new file is covered.
     std::optional<Step> next();

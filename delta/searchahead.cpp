@@ -10,19 +10,16 @@ namespace {
 
 using Index = std::int64_t;
 
-constexpr Index chunkSize = Index(1) << 16;
 constexpr unsigned mostThreads = 8;
-
-/// Longer matches are left to the scan: it knows of earlier ones, and a thread would go beyond its chunk.
-constexpr Index reach = 4096;
 
 /// The matches of places in a row, found together. There are more of them the longer nothing good was found.
 class Lookahead
 {
 public:
-    Lookahead(const SuffixSearch &search, Index end)
+    Lookahead(const SuffixSearch &search, Index end, Index reach)
         : m_search(search)
         , m_end(end)
+        , m_reach(reach)
     {
     }
 
@@ -42,11 +39,12 @@ private:
         const Index wanted = goesOn ? std::min<Index>(2 * m_count, SuffixSearch::mostAtOnce) : fewest;
         m_begin = scan;
         m_count = std::min(wanted, m_end - scan);
-        m_search.searchTogether(scan, reach, std::span(m_matches).first(static_cast<std::size_t>(m_count)));
+        m_search.searchTogether(scan, m_reach, std::span(m_matches).first(static_cast<std::size_t>(m_count)));
     }
 
     const SuffixSearch &m_search;
     Index m_end;
+    Index m_reach;
     Index m_begin = 0;
     Index m_count = 0;
     std::array<Match, SuffixSearch::mostAtOnce> m_matches;
@@ -55,11 +53,13 @@ private:
 } // namespace
 
 SearchAhead::SearchAhead(std::span<const unsigned char> oldBytes, std::span<const unsigned char> newBytes,
-                         const SuffixSearch &search)
+                         const SuffixSearch &search, const ShortCuts &shortCuts)
     : m_old(oldBytes)
     , m_new(newBytes)
     , m_search(search)
-    , m_chunkCount((static_cast<Index>(newBytes.size()) + chunkSize - 1) / chunkSize)
+    , m_chunkSize(shortCuts.chunkSize)
+    , m_reach(shortCuts.reach)
+    , m_chunkCount((static_cast<Index>(newBytes.size()) + m_chunkSize - 1) / m_chunkSize)
 {
     const unsigned threads = std::clamp(std::thread::hardware_concurrency(), 1U, mostThreads);
     if (makeRoom(2 * threads))
@@ -83,7 +83,8 @@ bool SearchAhead::makeRoom(std::size_t chunks)
 {
     m_chunks = std::vector<Chunk>(chunks);
     for (Chunk &chunk : m_chunks) {
-        chunk.found.reset(static_cast<Found *>(std::malloc(chunkSize * sizeof(Found))));
+        chunk.found.reset(
+            static_cast<Found *>(std::malloc(static_cast<std::size_t>(m_chunkSize) * sizeof(Found))));
         if (!chunk.found)
             return false;
     }
@@ -139,10 +140,10 @@ SearchAhead::Chunk *SearchAhead::take()
 
 void SearchAhead::walkThrough(Chunk &chunk) const
 {
-    const Index start = chunk.number * chunkSize;
-    const Index end = std::min(start + chunkSize, static_cast<Index>(m_new.size()));
+    const Index start = chunk.number * m_chunkSize;
+    const Index end = std::min(start + m_chunkSize, static_cast<Index>(m_new.size()));
     const auto nowhere = static_cast<Index>(m_old.size());
-    Lookahead lookahead(m_search, end);
+    Lookahead lookahead(m_search, end, m_reach);
     Walk walk(m_old, m_new, start, end, nowhere);
     const auto findAndKeep = [&](Index scan) {
         const Match match = lookahead(scan);
@@ -169,16 +170,19 @@ void SearchAhead::enter(Index number)
     const Chunk &wanted = m_chunks[static_cast<std::size_t>(number) % m_chunks.size()];
     while (wanted.number != number || !wanted.done)
         advance(lock);
+    m_currentChunk = &wanted;
+    m_currentEnd = (number + 1) * m_chunkSize;
 }
 
 std::optional<Match> SearchAhead::at(Index scan)
 {
-    const Index number = scan / chunkSize;
-    if (number >= m_chunkCount)
-        return std::nullopt;
-    if (number != m_current)
+    if (scan >= m_currentEnd) {
+        const Index number = scan / m_chunkSize;
+        if (number >= m_chunkCount)
+            return std::nullopt;
         enter(number);
-    const Chunk &chunk = m_chunks[static_cast<std::size_t>(number) % m_chunks.size()];
+    }
+    const Chunk &chunk = *m_currentChunk;
     const Found *const found = chunk.found.get();
     while (m_cursor < chunk.count && found[m_cursor].scan < scan)
         ++m_cursor;

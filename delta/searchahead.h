@@ -25,7 +25,7 @@ class SearchAhead
 public:
     /// Both files and the search belong to the caller and outlive it.
     SearchAhead(std::span<const unsigned char> oldBytes, std::span<const unsigned char> newBytes,
-                const SuffixSearch &search);
+                const SuffixSearch &search, const ShortCuts &shortCuts);
     SearchAhead(const SearchAhead &) = delete;
     SearchAhead &operator=(const SearchAhead &) = delete;
     ~SearchAhead();
@@ -57,6 +57,9 @@ private:
     std::span<const unsigned char> m_old;
     std::span<const unsigned char> m_new;
     const SuffixSearch &m_search;
+    const std::int64_t m_chunkSize;
+    /// Longer matches are left to the scan: it knows of earlier ones, and a thread would go beyond its chunk.
+    const std::int64_t m_reach;
     std::int64_t m_chunkCount;
 
     std::mutex m_mutex; ///< for all below but what only the owner's thread uses
@@ -66,7 +69,10 @@ private:
     std::int64_t m_next = 0; ///< the first chunk that nobody took
     bool m_stopped = false;
 
-    std::size_t m_cursor = 0; ///< of the owner's thread, in the current chunk
+    // Of the owner's thread, for the chunk that the scan is in.
+    const Chunk *m_currentChunk = nullptr;
+    std::int64_t m_currentEnd = 0; ///< in the new file
+    std::size_t m_cursor = 0;
     std::vector<std::thread> m_threads;
 };
 

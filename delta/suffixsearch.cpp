@@ -51,13 +51,14 @@ struct SuffixSearch::Lane {
 };
 
 SuffixSearch::SuffixSearch(std::span<const unsigned char> oldBytes, const Index *I,
-                           std::span<const unsigned char> newBytes)
+                           std::span<const unsigned char> newBytes, const ShortCuts &shortCuts)
     : m_old(oldBytes.data())
     , m_oldSize(static_cast<Index>(oldBytes.size()))
     , m_I(I)
     , m_new(newBytes.data())
     , m_newSize(static_cast<Index>(newBytes.size()))
-    , m_table(oldBytes, I, PrefixTable::fittingWidth(oldBytes.size()))
+    , m_table(oldBytes, I,
+              shortCuts.prefixWidth < 0 ? PrefixTable::fittingWidth(oldBytes.size()) : shortCuts.prefixWidth)
 {
 }
 

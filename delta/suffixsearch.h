@@ -22,7 +22,7 @@ class SuffixSearch
 {
 public:
     SuffixSearch(std::span<const unsigned char> oldBytes, const std::int64_t *I,
-                 std::span<const unsigned char> newBytes);
+                 std::span<const unsigned char> newBytes, const ShortCuts &shortCuts = {});
 
     /// The suffix that the bisection ends at for the new bytes from `scan` on: of the two left over the first
     /// wins only when its match is strictly longer. That is not always the longest match: a suffix that is a

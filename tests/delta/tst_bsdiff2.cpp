@@ -4,11 +4,10 @@
 #include "CapturedOutput.h"
 #include "compactdelta.h"
 #include "DeltaSupport.h"
-#include "sais.h"
+#include "PlainScan.h"
+#include "RepetitiveText.h"
 #include "TemporaryTree.h"
 
-#include <algorithm>
-#include <cstring>
 #include <fcntl.h>
 #include <QtTest>
 #include <sys/stat.h>
@@ -34,118 +33,13 @@ int diffTo(const QString &oldFile, const QString &newFile, const QString &patchF
     return bsdiff(int(argv.size()), argv.data());
 }
 
-/// The scan without any short cut, which the real one has to agree with byte for byte.
-class PlainScan
+QByteArray plainDelta(const QByteArray &old, const QByteArray &fresh)
 {
-public:
-    PlainScan(const QByteArray &oldBytes, const QByteArray &newBytes)
-        : m_old(oldBytes)
-        , m_new(newBytes)
-        , m_I(oldBytes.size() + 1)
-    {
-        m_I[0] = m_old.size(); // the sort has tests of its own
-        sais(reinterpret_cast<const unsigned char *>(m_old.constData()), m_I.data() + 1, int(m_old.size()));
-    }
-
-    QByteArray delta()
-    {
-        while (scan < m_new.size()) {
-            qint64 oldscore = 0;
-            scan += len;
-            for (qint64 scsc = scan; scan < m_new.size(); ++scan) {
-                search();
-                for (; scsc < scan + len; ++scsc)
-                    oldscore += goesOn(scsc);
-                if ((len == oldscore && len != 0) || len > oldscore + 8)
-                    break;
-                oldscore -= goesOn(scan);
-            }
-            if (len != oldscore || scan == m_new.size())
-                emitTriple();
-        }
-        return makeDelta(m_new.size(), m_control, m_diff, m_extra);
-    }
-
-private:
-    bool goesOn(qint64 i) const { return i + lastoffset < m_old.size() && m_old[i + lastoffset] == m_new[i]; }
-
-    qint64 common(qint64 suffix) const
-    {
-        qint64 length = 0;
-        while (suffix + length < m_old.size() && scan + length < m_new.size()
-               && m_old[suffix + length] == m_new[scan + length])
-            ++length;
-        return length;
-    }
-
-    void search()
-    {
-        qint64 st = 0;
-        qint64 en = m_old.size();
-        while (en - st >= 2) {
-            const qint64 x = st + (en - st) / 2;
-            const auto limit = std::min(m_old.size() - m_I[x], m_new.size() - scan);
-            if (std::memcmp(m_old.constData() + m_I[x], m_new.constData() + scan, std::size_t(limit)) < 0)
-                st = x;
-            else
-                en = x;
-        }
-        const bool first = common(m_I[st]) > common(m_I[en]);
-        pos = first ? m_I[st] : m_I[en];
-        len = common(pos);
-    }
-
-    void emitTriple()
-    {
-        qint64 lenf = 0;
-        for (qint64 i = 0, s = 0, best = 0; lastscan + i < scan && lastpos + i < m_old.size();) {
-            s += m_old[lastpos + i] == m_new[lastscan + i];
-            ++i;
-            if (s * 2 - i > best * 2 - lenf) {
-                best = s;
-                lenf = i;
-            }
-        }
-        qint64 lenb = 0;
-        if (scan < m_new.size()) {
-            for (qint64 i = 1, s = 0, best = 0; scan >= lastscan + i && pos >= i; ++i) {
-                s += m_old[pos - i] == m_new[scan - i];
-                if (s * 2 - i > best * 2 - lenb) {
-                    best = s;
-                    lenb = i;
-                }
-            }
-        }
-        if (const qint64 overlap = (lastscan + lenf) - (scan - lenb); overlap > 0) {
-            qint64 lens = 0;
-            for (qint64 i = 0, s = 0, best = 0; i < overlap; ++i) {
-                s += m_new[lastscan + lenf - overlap + i] == m_old[lastpos + lenf - overlap + i];
-                s -= m_new[scan - lenb + i] == m_old[pos - lenb + i];
-                if (s > best) {
-                    best = s;
-                    lens = i + 1;
-                }
-            }
-            lenf += lens - overlap;
-            lenb -= lens;
-        }
-        for (qint64 i = 0; i < lenf; ++i)
-            m_diff += char(m_new[lastscan + i] - m_old[lastpos + i]);
-        const qint64 extra = (scan - lenb) - (lastscan + lenf);
-        m_extra += m_new.mid(lastscan + lenf, extra);
-        m_control << lenf << extra << (pos - lenb) - (lastpos + lenf);
-        lastscan = scan - lenb;
-        lastpos = pos - lenb;
-        lastoffset = pos - scan;
-    }
-
-    const QByteArray m_old;
-    const QByteArray m_new;
-    std::vector<std::int64_t> m_I;
-    qint64 scan = 0, len = 0, pos = 0, lastscan = 0, lastpos = 0, lastoffset = 0;
-    QList<qint64> m_control;
-    QByteArray m_diff, m_extra;
-};
+    const std::string_view oldBytes(old.constData(), std::size_t(old.size()));
+    const std::string_view newBytes(fresh.constData(), std::size_t(fresh.size()));
+    return QByteArray::fromStdString(
+        zel::deltaOf(zel::PlainScan(oldBytes, newBytes).steps(), oldBytes, newBytes));
+}
 
 } // namespace
 
@@ -195,6 +89,12 @@ private slots:
         for (const qsizetype at : {9000, 12'000, 17'000})
             nearCopy[at] = char(nearCopy[at] + 1);
         QTest::newRow("near copies") << random + nearCopy + block << nearCopy.first(500) + random + nearCopy;
+        for (const int periodLength : {8, 16}) {
+            const QByteArray run = randomBytes(periodLength, 256, 17).repeated(16'384 / periodLength);
+            const QByteArray tail = randomBytes(12'000, 256, 18);
+            QTest::addRow("a run's rest before a long match, period %d", periodLength)
+                << run + tail << run + randomBytes(500, 256, 19) + run.last(3) + tail;
+        }
         const QByteArray large = randomBytes(200'000, 20, 14);
         QTest::newRow("several chunks") << large << edited(large, 400, 15);
         QFile program(QCoreApplication::applicationFilePath());
@@ -213,7 +113,7 @@ private slots:
         const QString newFile = tree.write("new", fresh);
         const auto delta = diff(oldFile, newFile);
         QVERIFY(delta);
-        QVERIFY(toBytes(*delta) == PlainScan(old, fresh).delta());
+        QVERIFY(toBytes(*delta) == plainDelta(old, fresh));
 
         QCOMPARE(diffTo(oldFile, newFile, tree.path("patch")), 0);
         QVERIFY(tree.read("patch") == toBytes(*delta));
@@ -238,8 +138,27 @@ private slots:
             for (const QByteArray &fresh : texts) {
                 const auto delta = diff(oldFile, tree.write("new", fresh));
                 QVERIFY(delta);
-                if (toBytes(*delta) != PlainScan(old, fresh).delta())
+                if (toBytes(*delta) != plainDelta(old, fresh))
                     QFAIL("from " + old + " to " + fresh);
+            }
+        }
+    }
+
+    /// With the short cuts as they are and taken early. More pairs: ZEL_PAIRS=1000000.
+    void repetitivePairs()
+    {
+        bool isNumber = false;
+        const int wanted = qEnvironmentVariableIntValue("ZEL_PAIRS", &isNumber);
+        for (unsigned seed = 0, count = isNumber ? unsigned(wanted) : 3000; seed < count; ++seed) {
+            std::mt19937 random(seed);
+            const auto pick = [&random](std::uint32_t most) { return std::uint32_t(random()) % (most + 1); };
+            const std::string old = zel::repetitiveText(pick);
+            const std::string fresh = zel::repetitiveText(pick, old);
+            zel::PlainScan plain(old, fresh);
+            const auto expected = plain.steps();
+            for (const zel::ShortCuts &shortCuts : {zel::ShortCuts(), zel::eagerShortCuts}) {
+                if (zel::realSteps(old, plain.suffixes(), fresh, shortCuts) != expected)
+                    QFAIL(("pair " + std::to_string(seed)).c_str());
             }
         }
     }
