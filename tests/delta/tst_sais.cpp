@@ -3,6 +3,7 @@
 
 #include "CapturedOutput.h"
 #include "DeltaSupport.h"
+#include "RepetitiveText.h"
 
 #include <algorithm>
 #include <csignal>
@@ -130,6 +131,19 @@ private slots:
                          row);
                 QCOMPARE(U, transform);
             }
+        }
+    }
+
+    void repetitiveTexts()
+    {
+        for (unsigned seed = 0; seed < 2000; ++seed) {
+            std::mt19937 random(seed);
+            const auto pick = [&random](std::uint32_t most) { return std::uint32_t(random()) % (most + 1); };
+            const QByteArray text = QByteArray::fromStdString(zel::repetitiveText(pick));
+            Entries SA(text.size() + 1);
+            QCOMPARE(sais(data(text), SA.data(), int(text.size())), 0);
+            if (!isSuffixArray(bytesOf(text), SA.data()))
+                QFAIL(("text " + std::to_string(seed)).c_str());
         }
     }
 
