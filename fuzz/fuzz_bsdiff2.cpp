@@ -1,28 +1,33 @@
-// Any two files: the delta between them, compacted or not, makes the one of the other.
+// Any two files, made up of shapes that repeat themselves: the delta between them has the plain scan's bytes, with the
+// short cuts as they are or taken early, and makes the one of the other, compacted or not.
 #include "bsdiff2.h"
 #include "bspatch2.h"
 #include "compactdelta.h"
+#include "PlainScan.h"
+#include "RepetitiveText.h"
 #include "Sandbox.h"
-
-#include <fuzzer/FuzzedDataProvider.h>
 
 namespace {
 
-/// Other bytes, and pieces of `source` and of the text itself: without them there is nothing to find. The sizes are
-/// such that each way of searching gets its share.
-std::string textFrom(FuzzedDataProvider input, const std::string &source)
+/// Reads the numbers that the text is put together from, a byte each, so that a seed can be written by hand; the
+/// end counts as zeros.
+class Numbers
 {
-    constexpr std::size_t limits[] = {1 << 8, 1 << 11, 1 << 13, 1 << 15, 1 << 17};
-    const std::size_t limit = input.PickValueInArray(limits);
-    std::string text;
-    while (input.remaining_bytes() > 0 && text.size() < limit) {
-        text += input.ConsumeRandomLengthString(40);
-        const std::string &from = input.ConsumeBool() ? text : source;
-        const auto at = input.ConsumeIntegralInRange<std::size_t>(0, from.size());
-        text += from.substr(at, input.ConsumeIntegralInRange<std::size_t>(0, limit / 4));
+public:
+    explicit Numbers(std::span<const unsigned char> bytes)
+        : m_bytes(bytes)
+    {
     }
-    return text;
-}
+
+    std::uint32_t operator()(std::uint32_t most)
+    {
+        return m_next < m_bytes.size() ? m_bytes[m_next++] % (most + 1) : 0;
+    }
+
+private:
+    std::span<const unsigned char> m_bytes;
+    std::size_t m_next = 0;
+};
 
 std::span<const unsigned char> bytesOf(const auto &bytes)
 {
@@ -36,13 +41,20 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     static const zel::Sandbox sandbox;
     static const auto oldPath = sandbox.path("old"), newPath = sandbox.path("new"),
                       rebuilt = sandbox.path("rebuilt");
-    const std::string oldBytes = textFrom({data, size / 2}, {});
-    const std::string newBytes = textFrom({data + size / 2, size - size / 2}, oldBytes);
+    Numbers numbers({data, size});
+    const std::string oldBytes = zel::repetitiveText(numbers);
+    const std::string newBytes = zel::repetitiveText(numbers, oldBytes);
     zel::Sandbox::write(oldPath, oldBytes);
     zel::Sandbox::write(newPath, newBytes);
+
+    zel::PlainScan plain(oldBytes, newBytes);
+    const auto steps = plain.steps();
+    zel::require(zel::realSteps(oldBytes, plain.suffixes(), newBytes, zel::eagerShortCuts) == steps);
     const auto delta = bsdiff2(oldPath, newPath);
-    zel::require(delta && bspatch2(oldPath, rebuilt, *delta) == 0);
-    zel::require(zel::Sandbox::read(rebuilt) == newBytes);
+    zel::require(delta
+                 && std::ranges::equal(bytesOf(*delta), bytesOf(zel::deltaOf(steps, oldBytes, newBytes))));
+
+    zel::require(bspatch2(oldPath, rebuilt, *delta) == 0 && zel::Sandbox::read(rebuilt) == newBytes);
     const auto compact = zel::compactDelta(bytesOf(oldBytes), bytesOf(newBytes), bytesOf(*delta));
     zel::require(compact && bspatch2(oldPath, rebuilt, *compact) == 0);
     zel::require(zel::Sandbox::read(rebuilt) == newBytes);
