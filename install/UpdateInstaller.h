@@ -3,6 +3,7 @@
 #pragma once
 
 #include "BundleBuild.h"
+#include "URLSession.h"
 #include "ZELCompletions.h"
 
 #include <functional>
@@ -13,7 +14,6 @@
 namespace zel {
 
 class StagingFolder;
-class URLSessionTask;
 
 /// Starts updates, each a job by itself (UpdateJob.h), and keeps what is read between them. Made with `create`; it lives
 /// at least until what it has started has ended.

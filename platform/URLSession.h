@@ -3,6 +3,7 @@
 #pragma once
 
 #include "ZELError.h"
+#include "ZELURLSessionTask.h"
 
 #include <QByteArray>
 #include <QString>
@@ -30,37 +31,9 @@ struct URLRequest {
     qint64 bodyLimit = 64 * 1024 * 1024; ///< most bytes of a data task's body; one more is a transport error
 };
 
-/// One request, made by `dataTask` or `downloadTask` and idle until `resume`. All functions are safe from any thread,
-/// from the observer and from the completion. Once started a task needs no owner: it lives until its completion has
-/// returned, and the completion, with all that it holds, is destroyed on the session's thread.
-class URLSessionTask
-{
-public:
-    virtual ~URLSessionTask() = default;
-    URLSessionTask(const URLSessionTask &) = delete;
-    URLSessionTask &operator=(const URLSessionTask &) = delete;
-
-    /// Starts the request; calls after the first do nothing.
-    virtual void resume() = 0;
-
-    /// Ends the task, one that was never resumed too, with the error `URLErrorCode::Cancelled`: when this returns
-    /// before the completion was entered, the completion gets that error. Does nothing after that.
-    virtual void cancel() = 0;
-
-    /// Bytes of the body that have come in so far.
-    virtual qint64 countOfBytesReceived() const = 0;
-
-    /// Bytes of the whole body as the server announced them; -1 as long as that is not known.
-    virtual qint64 countOfBytesExpectedToReceive() const = 0;
-
-    /// Calls `observer` once before this returns, then on the session's thread after each change of
-    /// `countOfBytesReceived`, never after the completion was entered. There is one observer; an empty function
-    /// removes it. One that another thread removes may still be finishing a call when this returns.
-    virtual void observeCountOfBytesReceived(std::function<void()> observer) = 0;
-
-protected:
-    URLSessionTask() = default;
-};
+/// A request that `dataTask` or `downloadTask` has made, idle until `resume`. Once started it needs no owner: it lives
+/// until its completion has returned, and the completion, with all that it holds, is destroyed on the session's thread.
+using URLSessionTask = ZELURLSessionTask;
 
 /// Called exactly once, on the session's thread, which it may block for as long as it likes: the network is done with
 /// by then. `body` is null when there is an error and never null when there is none, an empty body included.

@@ -1,7 +1,6 @@
 // The classes that the updater's properties point to, for its meta-object.
 #pragma once
 
-#include "URLSession.h"
 #include "ZELUpdaterButton.h"
 #include "ZELUpdaterCheckingPage.h"
 #include "ZELUpdaterDownloadPage.h"

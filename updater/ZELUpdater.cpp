@@ -74,12 +74,12 @@ void ZELUpdater::setUpdate(const QVariantMap &update)
     m_installer->setUpdate(update);
 }
 
-std::shared_ptr<zel::URLSessionTask> ZELUpdater::task() const
+std::shared_ptr<ZELURLSessionTask> ZELUpdater::task() const
 {
     return m_installer->task();
 }
 
-void ZELUpdater::setTask(const std::shared_ptr<zel::URLSessionTask> &task)
+void ZELUpdater::setTask(const std::shared_ptr<ZELURLSessionTask> &task)
 {
     m_installer->setTask(task);
 }

@@ -4,6 +4,7 @@
 
 #include "ZELCompletions.h"
 #include "ZELExport.h"
+#include "ZELURLSessionTask.h"
 
 #include <QImage>
 #include <QLabel>
@@ -29,7 +30,6 @@ class ZELUpdaterWindow;
 
 namespace zel {
 class UpdateInstaller;
-class URLSessionTask;
 } // namespace zel
 
 /// The updater. It belongs to the main thread: every function is called there, and every callback comes there, where
@@ -55,7 +55,7 @@ class ZEL_EXPORT ZELUpdater : public QObject
     Q_PROPERTY(ZELUpdaterUpdatedPage *updatedPage READ updatedPage WRITE setUpdatedPage)
     Q_PROPERTY(std::function<void()> onCancel READ onCancel WRITE setOnCancel)
     Q_PROPERTY(std::function<void()> onRetry READ onRetry WRITE setOnRetry)
-    Q_PROPERTY(std::shared_ptr<zel::URLSessionTask> task READ task WRITE setTask)
+    Q_PROPERTY(std::shared_ptr<ZELURLSessionTask> task READ task WRITE setTask)
     Q_PROPERTY(QString temporaryDirectory READ temporaryDirectory WRITE setTemporaryDirectory)
     Q_PROPERTY(QTimer *checkingTimer READ checkingTimer WRITE setCheckingTimer)
     Q_PROPERTY(ZELUpdaterButton *updateWindowDownloadButton READ updateWindowDownloadButton WRITE
@@ -214,9 +214,10 @@ public:
     QVariantMap update() const;
     void setUpdate(const QVariantMap &update);
 
-    /// The running download, which the download page's Cancel cancels.
-    std::shared_ptr<zel::URLSessionTask> task() const;
-    void setTask(const std::shared_ptr<zel::URLSessionTask> &task);
+    /// The running or last download, which the download page's Cancel cancels; a host without the window cancels and
+    /// watches it here. Null before the first.
+    std::shared_ptr<ZELURLSessionTask> task() const;
+    void setTask(const std::shared_ptr<ZELURLSessionTask> &task);
 
     /// The staging folder of the last download.
     QString temporaryDirectory() const;

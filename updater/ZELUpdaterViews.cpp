@@ -2,7 +2,6 @@
 #include "ZELUpdaterViews.h"
 
 #include "DownloadFraction.h"
-#include "URLSession.h"
 #include "ZELImageView.h"
 #include "ZELLayout.h"
 #include "ZELLocalization.h"

@@ -1,4 +1,3 @@
-#include "URLSession.h"
 #include "ZELImageView.h"
 #include "ZELLocalization.h"
 #include "ZELProgressIndicator.h"
@@ -24,7 +23,7 @@ using Show = void (ZELUpdater::*)();
 enum Presentation { Free, Sheet };
 
 /// A download that stands where it is.
-class HalfwayTask : public zel::URLSessionTask
+class HalfwayTask : public ZELURLSessionTask
 {
 public:
     HalfwayTask(qint64 received, qint64 expected)

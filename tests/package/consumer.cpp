@@ -53,7 +53,14 @@ int main(int argc, char *argv[])
                  &ZELUpdaterValidateCodeSigning, checkInBackground);
     const bool texts = ZELUpdater::descriptionForStatus(1) == QLatin1String("Update Available")
         && MD5FromData("abc") == QLatin1String("900150983cd24fb0d6963f7d28e17f72");
-    const bool properties = updater->property("currentPage").value<QWidget *>() == updater->currentPage();
+    // A host without a window watches and cancels a download by its task.
+    const bool isIdle = updater->task() == nullptr;
+    if (const std::shared_ptr<ZELURLSessionTask> task = updater->task();
+        task && task->countOfBytesReceived() < task->countOfBytesExpectedToReceive())
+        task->cancel();
+    const bool properties = isIdle
+        && updater->property("task").canConvert<std::shared_ptr<ZELURLSessionTask>>()
+        && updater->property("currentPage").value<QWidget *>() == updater->currentPage();
     std::puts(functions && texts && properties ? "the package works" : "the package does not work");
     return functions && texts && properties ? 0 : 1;
 }
