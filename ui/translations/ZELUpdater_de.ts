@@ -46,7 +46,7 @@
     <message>
         <source>Updater.Retry</source>
         <extracomment>Button, in a row of two</extracomment>
-        <translation>Erneut</translation>
+        <translation>Wiederholen</translation>
     </message>
     <message>
         <source>Updater.Up To Date</source>
@@ -81,7 +81,7 @@
     <message>
         <source>Updater.Skip</source>
         <extracomment>Button in a row of three</extracomment>
-        <translation>Auslassen</translation>
+        <translation>Überspringen</translation>
     </message>
 </context>
 </TS>

@@ -51,7 +51,7 @@
     <message>
         <source>Updater.Up To Date</source>
         <extracomment>Title</extracomment>
-        <translation>Bijgewerkt</translation>
+        <translation>Up-to-date</translation>
     </message>
     <message>
         <source>Updater.No updates are available.</source>

@@ -6,7 +6,7 @@
     <message>
         <source>Updater.Checking for Updates</source>
         <extracomment>Title</extracomment>
-        <translation>Buscando atualizações</translation>
+        <translation>Verificando atualizações</translation>
     </message>
     <message>
         <source>Updater.Cancel</source>

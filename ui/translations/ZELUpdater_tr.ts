@@ -46,7 +46,7 @@
     <message>
         <source>Updater.Retry</source>
         <extracomment>Button, in a row of two</extracomment>
-        <translation>Yinele</translation>
+        <translation>Yeniden dene</translation>
     </message>
     <message>
         <source>Updater.Up To Date</source>
