@@ -28,6 +28,9 @@ public:
     explicit operator bool() const { return m_descriptor >= 0; }
     int get() const { return m_descriptor; }
 
+    /// Gives the descriptor away, for another to close.
+    int release() { return std::exchange(m_descriptor, -1); }
+
     /// Closes now, for those who want to know whether it worked: false leaves the reason in `errno`.
     bool close() { return m_descriptor < 0 || ::close(std::exchange(m_descriptor, -1)) == 0; }
 

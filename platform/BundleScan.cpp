@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
@@ -13,14 +12,11 @@ namespace zel {
 
 namespace {
 
-constexpr int MaxDepth = 128; // each level holds a descriptor open
 constexpr qsizetype MaxItems = 500'000;
+constexpr qsizetype MaxPathBytes = 64 << 20; // of all items: a seal's list, which holds them, is no larger
 constexpr qsizetype PieceSize = 256 << 10;
 constexpr int FileFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC; // never waits for a pipe's writer
 
-struct Close {
-    void operator()(DIR *entries) const { ::closedir(entries); }
-};
 struct FreeDigest {
     void operator()(EVP_MD_CTX *digest) const { EVP_MD_CTX_free(digest); }
 };
@@ -52,21 +48,13 @@ public:
     {
     }
 
-    ZELError scanFolder(int folder, const QByteArray &prefix, int depth)
+    ZELError scanFolder(FolderListing folder, const QByteArray &prefix, int depth)
     {
-        // The listing takes the descriptor that it is given.
-        const int copy = ::openat(folder, ".", RealFolderFlags);
-        const std::unique_ptr<DIR, Close> entries(copy < 0 ? nullptr : ::fdopendir(copy));
-        if (!entries)
+        if (!folder)
             return cannotRead(prefix, errno);
-        errno = 0;
-        while (const dirent *entry = ::readdir(entries.get())) {
-            const QByteArray name = entry->d_name;
-            if (name == "." || name == "..")
-                continue;
-            if (const ZELError error = scanEntry(folder, name, prefix + name, depth))
+        while (const char *name = folder.next()) {
+            if (const ZELError error = scanEntry(folder.folder(), name, prefix + name, depth))
                 return error;
-            errno = 0;
         }
         return errno == 0 ? ZELError() : cannotRead(prefix, errno);
     }
@@ -77,23 +65,18 @@ private:
         struct stat status;
         if (::fstatat(folder, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
             return cannotRead(path, errno);
-        if (++m_seen > MaxItems)
+        m_pathBytes += path.size();
+        if (++m_seen > MaxItems || m_pathBytes > MaxPathBytes)
             return refusal(path, "is one item too many");
         if (S_ISDIR(status.st_mode))
-            return scanSubfolder(folder, name, path, depth + 1);
+            return depth < MaxFolderDepth
+                ? scanFolder(FolderListing(folder, name.constData()), path + '/', depth + 1)
+                : refusal(path, "is nested too deeply");
         if (S_ISREG(status.st_mode))
             return addFile(folder, name, path);
         if (S_ISLNK(status.st_mode))
             return addLink(folder, name, path);
         return refusal(path, "is neither a file, a folder nor a link");
-    }
-
-    ZELError scanSubfolder(int folder, const QByteArray &name, const QByteArray &path, int depth)
-    {
-        if (depth > MaxDepth)
-            return refusal(path, "is nested too deeply");
-        const FileDescriptor subfolder(::openat(folder, name.constData(), RealFolderFlags));
-        return subfolder ? scanFolder(subfolder.get(), path + '/', depth) : cannotRead(path, errno);
     }
 
     ZELError addFile(int folder, const QByteArray &name, const QByteArray &path)
@@ -126,6 +109,7 @@ private:
 
     SealedItems &m_items;
     qsizetype m_seen = 0;
+    qsizetype m_pathBytes = 0;
     QByteArray m_piece{PieceSize, Qt::Uninitialized};
     std::unique_ptr<EVP_MD_CTX, FreeDigest> m_digest{EVP_MD_CTX_new()};
 };
@@ -157,7 +141,7 @@ ZELError BundleFolder::open(const QString &bundle)
 
 ZELError BundleFolder::scan(SealedItems &items) const
 {
-    return Scanner(items).scanFolder(m_folder.get(), {}, 0);
+    return Scanner(items).scanFolder(FolderListing(m_folder.get(), "."), {}, 0);
 }
 
 bool BundleFolder::hasFolder(const QByteArray &path) const

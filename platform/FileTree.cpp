@@ -2,12 +2,15 @@
 
 #include "CopyFile.h"
 #include "FileDescriptor.h"
+#include "RealFolder.h"
 
+#include <QByteArrayList>
 #include <QDir>
 #include <QFile>
 #include <QUuid>
 
 #include <algorithm>
+#include <climits>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -19,92 +22,112 @@ namespace zel {
 
 namespace {
 
-QString text(const fs::path &path)
+// Copies by descriptors, which no link can lead elsewhere and no depth makes too long; as deeply as bundles may be nested.
+class TreeCopy
 {
-    return QFile::decodeName(path.c_str());
-}
-
-ZELError failure(const char *what, const fs::path &path, int number)
-{
-    return ZELError::fromErrno(QLatin1String(what) + u' ' + text(path), number);
-}
-
-ZELError copyItem(const fs::path &from, const fs::path &to);
-
-ZELError copyLink(const fs::path &from, const fs::path &to, const struct stat &status)
-{
-    std::error_code error;
-    const fs::path target = fs::read_symlink(from, error);
-    if (error)
-        return failure("cannot read link", from, error.value());
-    if (::symlink(target.c_str(), to.c_str()) != 0)
-        return failure("cannot make link", to, errno);
-    const timespec times[] = {status.st_atim, status.st_mtim};
-    ::utimensat(AT_FDCWD, to.c_str(), times, AT_SYMLINK_NOFOLLOW); // a link's own times matter to nobody
-    return {};
-}
-
-ZELError copyFolder(const fs::path &from, const fs::path &to, const struct stat &status)
-{
-    if (::mkdir(to.c_str(), 0700) != 0)
-        return failure("cannot make folder", to, errno);
-    std::error_code error;
-    for (fs::directory_iterator entries(from, error), end; !error && entries != end;
-         entries.increment(error)) {
-        const fs::path name = entries->path().filename();
-        if (const ZELError failed = copyItem(from / name, to / name))
-            return failed;
+public:
+    TreeCopy(const QByteArray &from, const QByteArray &to)
+        : m_from(from)
+        , m_to(to)
+    {
     }
-    if (error)
-        return failure("cannot read folder", from, error.value());
-    // The folder's own attributes come last: its mode may forbid writing, and each new entry changes its time.
-    const FileDescriptor source(::open(from.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    const FileDescriptor folder(::open(to.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!source || !folder)
-        return failure("cannot open folder", source ? to : from, errno);
-    if (!copyAttributes(source.get(), folder.get(), status))
-        return failure("cannot set attributes of", to, errno);
-    return {};
-}
 
-ZELError copyRegular(const fs::path &from, const fs::path &to, const struct stat &status)
-{
-    const FileDescriptor source(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!source)
-        return failure("cannot read", from, errno);
-    FileDescriptor copy(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!copy)
-        return failure("cannot create", to, errno);
-    if (!copyData(source.get(), copy.get()) || !copyAttributes(source.get(), copy.get(), status)
-        || !copy.close())
-        return failure("cannot write", to, errno);
-    return {};
-}
+    ZELError run() { return copyItem({AT_FDCWD, m_from.constData()}, {AT_FDCWD, m_to.constData()}); }
 
-ZELError copyItem(const fs::path &from, const fs::path &to)
-{
-    struct stat status;
-    if (::lstat(from.c_str(), &status) != 0)
-        return failure("cannot read", from, errno);
-    if (S_ISLNK(status.st_mode))
-        return copyLink(from, to, status);
-    if (S_ISDIR(status.st_mode))
-        return copyFolder(from, to, status);
-    if (S_ISREG(status.st_mode))
-        return copyRegular(from, to, status);
-    return ZELError::withMessage(text(from) + QLatin1String(" is neither a file, a folder nor a link"));
-}
+private:
+    struct Item {
+        int folder;
+        const char *name;
+    };
 
-// A copied or unpacked folder may forbid its owner to change it; it must still go when its time has come.
-void allowRemoval(const fs::path &path)
-{
-    std::error_code error;
-    if (fs::symlink_status(path, error).type() != fs::file_type::directory)
-        return;
-    fs::permissions(path, fs::perms::owner_all, fs::perm_options::add, error);
-    for (fs::directory_iterator entries(path, error), end; !error && entries != end; entries.increment(error))
-        allowRemoval(entries->path());
-}
+    ZELError copyItem(Item from, Item to)
+    {
+        struct stat status;
+        if (::fstatat(from.folder, from.name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+            return failure("cannot read", m_from);
+        if (S_ISLNK(status.st_mode))
+            return copyLink(from, to, status);
+        if (S_ISDIR(status.st_mode))
+            return copyFolder(from, to);
+        if (S_ISREG(status.st_mode))
+            return copyRegular(from, to);
+        return problem("is neither a file, a folder nor a link");
+    }
+
+    ZELError copyLink(Item from, Item to, const struct stat &status)
+    {
+        QByteArray target(PATH_MAX, '\0');
+        if (::readlinkat(from.folder, from.name, target.data(), size_t(target.size() - 1)) < 0)
+            return failure("cannot read link", m_from);
+        if (::symlinkat(target.constData(), to.folder, to.name) != 0)
+            return failure("cannot make link", m_to);
+        const timespec times[] = {status.st_atim, status.st_mtim};
+        // Not looked at: a link's own times matter to nobody.
+        ::utimensat(to.folder, to.name, times, AT_SYMLINK_NOFOLLOW);
+        return {};
+    }
+
+    ZELError copyFolder(Item from, Item to)
+    {
+        if (m_names.size() > MaxFolderDepth)
+            return problem("is nested too deeply");
+        FolderListing source(from.folder, from.name);
+        struct stat status;
+        if (!source || ::fstat(source.folder(), &status) != 0)
+            return failure("cannot read folder", m_from);
+        if (::mkdirat(to.folder, to.name, S_IRWXU) != 0)
+            return failure("cannot make folder", m_to);
+        const FileDescriptor copy(::openat(to.folder, to.name, RealFolderFlags));
+        if (!copy)
+            return failure("cannot open folder", m_to);
+        while (const char *name = source.next()) {
+            m_names.append(name);
+            if (const ZELError failed = copyItem({source.folder(), name}, {copy.get(), name}))
+                return failed;
+            m_names.removeLast();
+        }
+        if (errno != 0)
+            return failure("cannot read folder", m_from);
+        // The folder's own attributes come last: its mode may forbid writing, and each new entry changes its time.
+        return copyAttributes(source.folder(), copy.get(), status)
+            ? ZELError()
+            : failure("cannot set attributes of", m_to);
+    }
+
+    ZELError copyRegular(Item from, Item to)
+    {
+        const FileDescriptor source(
+            ::openat(from.folder, from.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        struct stat status;
+        if (!source || ::fstat(source.get(), &status) != 0)
+            return failure("cannot read", m_from);
+        FileDescriptor copy(
+            ::openat(to.folder, to.name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+        if (!copy)
+            return failure("cannot create", m_to);
+        if (!copyData(source.get(), copy.get()) || !copyAttributes(source.get(), copy.get(), status)
+            || !copy.close())
+            return failure("cannot write", m_to);
+        return {};
+    }
+
+    QString shown(const QByteArray &top) const
+    {
+        return QFile::decodeName((QByteArrayList{top} + m_names).join('/'));
+    }
+    ZELError failure(const char *what, const QByteArray &top) const
+    {
+        return ZELError::fromErrno(QLatin1String(what) + u' ' + shown(top), errno);
+    }
+    ZELError problem(const char *what) const
+    {
+        return ZELError::withMessage(shown(m_from) + u' ' + QLatin1String(what));
+    }
+
+    QByteArray m_from;
+    QByteArray m_to;
+    QByteArrayList m_names; // the way from the top to the item that is being copied
+};
 
 bool writeAll(int descriptor, QByteArrayView bytes)
 {
@@ -127,19 +150,7 @@ ZELError copyTree(const QString &from, const QString &to)
     const fs::path source = fs::canonical(QFile::encodeName(from).toStdString(), error);
     if (error)
         return ZELError::fromErrno(QLatin1String("cannot read ") + from, error.value());
-    return copyItem(source, QFile::encodeName(to).toStdString());
-}
-
-ZELError removeTree(const QString &path)
-{
-    const fs::path item = QFile::encodeName(path).toStdString();
-    std::error_code error;
-    fs::remove_all(item, error);
-    if (error == std::errc::permission_denied) {
-        allowRemoval(item);
-        fs::remove_all(item, error);
-    }
-    return error ? ZELError::fromErrno(QLatin1String("cannot remove ") + path, error.value()) : ZELError();
+    return TreeCopy(QByteArray::fromStdString(source.string()), QFile::encodeName(to)).run();
 }
 
 bool liesWithin(const QString &path, const QString &folder)
@@ -161,21 +172,28 @@ std::optional<QByteArray> readFile(const QString &path)
     return bytes;
 }
 
-ZELError writeFileAtomically(const QString &path, QByteArrayView bytes)
+bool writeFileAtomically(int folder, const QByteArray &name, QByteArrayView bytes)
 {
     // Not made of the file's own name, which may be as long as names can be.
-    const QString aside =
-        path.left(path.lastIndexOf(u'/') + 1) + u'.' + QUuid::createUuid().toString(QUuid::Id128);
-    const QByteArray asideName = QFile::encodeName(aside);
-    FileDescriptor file(::open(asideName.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    const QByteArray above = name.left(name.lastIndexOf('/') + 1);
+    const QByteArray aside = above + '.' + QUuid::createUuid().toByteArray(QUuid::Id128);
+    FileDescriptor file(::openat(folder, aside.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (!file)
-        return ZELError::fromErrno(QLatin1String("cannot create ") + path, errno);
+        return false;
     if (writeAll(file.get(), bytes) && file.close()
-        && ::rename(asideName.constData(), QFile::encodeName(path).constData()) == 0)
-        return {};
+        && ::renameat(folder, aside.constData(), folder, name.constData()) == 0)
+        return true;
     const int number = errno;
-    ::unlink(asideName.constData());
-    return ZELError::fromErrno(QLatin1String("cannot write ") + path, number);
+    ::unlinkat(folder, aside.constData(), 0);
+    errno = number;
+    return false;
+}
+
+ZELError writeFileAtomically(const QString &path, QByteArrayView bytes)
+{
+    return writeFileAtomically(AT_FDCWD, QFile::encodeName(path), bytes)
+        ? ZELError()
+        : ZELError::fromErrno(QLatin1String("cannot write ") + path, errno);
 }
 
 ZELError makePrivateFolder(const QString &path)

@@ -1,7 +1,9 @@
+#include "DeepFolder.h"
 #include "FileTree.h"
 #include "TemporaryTree.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/xattr.h>
 
 using namespace zel;
@@ -25,6 +27,42 @@ void setTime(const QString &path, time_t seconds)
     const timespec times[] = {{seconds, 5}, {seconds, 7}};
     ::utimensat(AT_FDCWD, path.toUtf8().constData(), times, AT_SYMLINK_NOFOLLOW);
 }
+
+/// Lets the process have few descriptors while it stands.
+class FewDescriptors
+{
+public:
+    FewDescriptors()
+    {
+        ::getrlimit(RLIMIT_NOFILE, &m_before);
+        const rlimit few = {64, m_before.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &few);
+    }
+    ~FewDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
+
+private:
+    rlimit m_before;
+};
+
+/// While it stands, the superuser is an ordinary user to whom the tree belongs: modes mean nothing to the superuser.
+class OrdinaryUser
+{
+public:
+    explicit OrdinaryUser(const TemporaryTree &tree)
+    {
+        if (::geteuid() == 0
+            && (::chown(tree.path().toUtf8().constData(), nobody, nobody) != 0 || ::seteuid(nobody) != 0))
+            qFatal("cannot become an ordinary user");
+    }
+    ~OrdinaryUser()
+    {
+        if (::getuid() == 0 && ::seteuid(0) != 0)
+            qFatal("cannot become the superuser again");
+    }
+
+private:
+    static constexpr uid_t nobody = 65534;
+};
 
 struct stat statusOf(const QString &path)
 {
@@ -103,8 +141,6 @@ private slots:
         QVERIFY(!copyTree(tree.path(QStringLiteral("link")), tree.path(QStringLiteral("copy"))));
         QVERIFY(!QFileInfo(tree.path(QStringLiteral("copy"))).isSymLink());
         QCOMPARE(tree.read(QStringLiteral("copy/file")), QByteArray("content"));
-        QVERIFY(!removeTree(tree.path(QStringLiteral("link"))));
-        QCOMPARE(tree.read(QStringLiteral("real/file")), QByteArray("content"));
     }
 
     void copyErrors()
@@ -122,6 +158,61 @@ private slots:
         ::mkfifo(tree.path(QStringLiteral("a/fifo")).toUtf8().constData(), 0644);
         QVERIFY(copyTree(tree.path(QStringLiteral("a")), tree.path(QStringLiteral("c")))
                     .message.contains(QLatin1String("fifo is neither")));
+        makeDeepFolder(tree.directory(QStringLiteral("deep")), 129);
+        QVERIFY(copyTree(tree.path(QStringLiteral("deep")), tree.path(QStringLiteral("d")))
+                    .message.contains(QLatin1String("too deeply")));
+        QVERIFY(!copyTree(tree.path(QStringLiteral("deep/d")), tree.path(QStringLiteral("e"))));
+        const OrdinaryUser user(tree);
+        tree.directory(QStringLiteral("unreadable"));
+        ::chmod(tree.path(QStringLiteral("unreadable")).toUtf8().constData(), 0300);
+        QVERIFY(copyTree(tree.path(QStringLiteral("unreadable")), tree.path(QStringLiteral("f")))
+                    .message.contains(QLatin1String("cannot read folder")));
+    }
+
+    void removalAtAnyDepth()
+    {
+        const TemporaryTree tree;
+        for (const char *branch : {"top/one", "top/two"}) // with paths longer than the system takes
+            makeDeepFolder(tree.directory(QLatin1String(branch)), 100, QByteArray(50, 'd'));
+        const FewDescriptors few;
+        QCOMPARE(removeTree(tree.path(QStringLiteral("top"))).message, QString());
+        QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("top"))));
+    }
+
+    void removalOfFoldersThatForbidIt()
+    {
+        const TemporaryTree tree;
+        const OrdinaryUser user(tree);
+        for (const char *mode : {"000", "111", "444", "555", "666"}) {
+            const QString folder = QLatin1String("top/") + QLatin1String(mode);
+            tree.write(folder + QLatin1String("/inner/file"), "x");
+            ::chmod(tree.path(folder).toUtf8().constData(), QByteArray(mode).toUInt(nullptr, 8));
+        }
+        ::chmod(tree.path(QStringLiteral("top")).toUtf8().constData(), 0);
+        QCOMPARE(removeTree(tree.path(QStringLiteral("top"))).message, QString());
+        QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("top"))));
+    }
+
+    void removalNeverFollowsLinks_data()
+    {
+        QTest::addColumn<QString>("removed");
+        for (const char *path : {"link", "link/", "link/.//", "folder"})
+            QTest::newRow(path) << path;
+    }
+
+    void removalNeverFollowsLinks()
+    {
+        QFETCH(QString, removed);
+        const TemporaryTree tree;
+        tree.write(QStringLiteral("real/file"), "content");
+        tree.link(QStringLiteral("link"), QStringLiteral("real"));
+        tree.link(QStringLiteral("folder/link"), QStringLiteral("../real"));
+        QVERIFY(!removeTree(tree.path() + u'/' + removed));
+        QCOMPARE(tree.read(QStringLiteral("real/file")), QByteArray("content"));
+        QVERIFY(!QFileInfo::exists(tree.path(removed)));
+        QVERIFY(!removeTree(tree.path(QStringLiteral("real/file/none"))));
+        QVERIFY(!removeTree(tree.path(QStringLiteral("real")) + QChar::Null));
+        QCOMPARE(tree.read(QStringLiteral("real/file")), QByteArray("content"));
     }
 
     void atomicWriteReplacesTheItem()

@@ -109,7 +109,7 @@ private slots:
         row("diff|{}/a|{}/b|{}/d|--frob", 2, "^$", "Unknown option 'frob'");
         row("diff|{}/none|{}/b|{}/d", 1, "^$", "zelupdater diff: there is no file .*/none\n$");
         row("diff|{}|{}/b|{}/d", 1, "^$", "is not a file");
-        row("diff|{}/a|{}/b|{}/none/d", 1, "^$", "cannot create .*No such file or directory");
+        row("diff|{}/a|{}/b|{}/none/d", 1, "^$", "cannot write .*No such file or directory");
         row("diff|{}/a|{}/b|{}/delta", 0, "delta: \\d+ bytes\n$", "^$");
         row("patch|{}/a|{}/built|{}/delta", 0, "built: 508 bytes", "^$");
         row("patch|{}/a|{}/built|{}/short", 1, "^$", "shorter than a delta's header");
