@@ -22,28 +22,31 @@ ZELError verifyAll(const QString &bundle, const SignerPins &pins)
     BundleFolder folder;
     SealedItems sealed;
     SealedItems found;
+    SealBudget budget;
     if (const ZELError error = folder.open(bundle))
         return error;
-    if (const ZELError error = SealedBundle(folder).readSeal(sealed, pins))
+    if (const ZELError error = SealedBundle(folder).readSeal(sealed, budget, pins))
         return error;
     if (const ZELError error = folder.scan(found))
         return error;
-    if (const ZELError error = SealedBundle(folder).compare(sealed, found))
+    if (const ZELError error = SealedBundle(folder).compare(sealed, found, budget))
         return error;
-    return verifyNested(folder, found);
+    return verifyNested(folder, found, budget);
 }
 
 ZELError makeSeal(const BundleFolder &folder, const Signer &signer, Seal &seal)
 {
-    SealedItems all;
-    if (const ZELError error = folder.scan(all))
+    SealedItems items;
+    SealBudget budget;
+    if (const ZELError error = folder.scan(items))
         return error;
-    if (const ZELError error = verifyNested(folder, all))
+    if (const ZELError error = verifyNested(folder, items, budget))
         return error;
-    const SealedItems items = SealedBundle(folder).sealedPart(all);
+    for (const QByteArray &file : SealedBundle(folder).sealFiles())
+        items.files.remove(file);
     if (const ZELError error = checkNames(items))
         return error;
-    if (const ZELError error = checkLinks(items))
+    if (const ZELError error = checkLinks(items, {}, budget.linkNames))
         return error;
     seal.resources = toPropertyList(items);
     if (seal.resources.size() > MaxResourcesSize)

@@ -48,7 +48,7 @@ std::optional<QByteArray> ownerOfSeal(const BundleFolder &folder, const QByteArr
     return holder;
 }
 
-std::set<QByteArray> nestedBundles(const BundleFolder &folder, const SealedItems &items)
+std::set<QByteArray> holdersOfSeals(const SealedItems &items)
 {
     std::set<QByteArray> holders;
     for (auto file = items.files.begin(); file != items.files.end(); ++file) {
@@ -59,6 +59,11 @@ std::set<QByteArray> nestedBundles(const BundleFolder &folder, const SealedItems
         if (const std::optional<QByteArray> holder = holderOfSeal(link.key(), true))
             holders.insert(*holder);
     }
+    return holders;
+}
+
+std::set<QByteArray> nestedBundles(const BundleFolder &folder, const std::set<QByteArray> &holders)
+{
     std::set<QByteArray> bundles;
     for (const QByteArray &holder : holders) {
         if (const std::optional<QByteArray> owner = ownerOfSeal(folder, holder))
@@ -77,47 +82,44 @@ SealedBundle::SealedBundle(const BundleFolder &folder, const QByteArray &path)
 {
 }
 
-SealedItems SealedBundle::sealedPart(const SealedItems &all) const
+ZELError SealedBundle::readSeal(SealedItems &sealed, SealBudget &budget, const SignerPins &pins) const
 {
-    SealedItems items = m_path.isEmpty() ? all : itemsBelow(all, m_path);
-    items.files.remove(resourcesPath());
-    items.files.remove(signaturePath());
-    return items;
-}
-
-ZELError SealedBundle::readSeal(SealedItems &sealed, const SignerPins &pins) const
-{
+    const QByteArrayList paths = sealFiles();
+    const qint64 maxResourcesSize = qMin(MaxResourcesSize, budget.listBytes);
     QByteArray resources;
     QByteArray signature;
-    if (const ZELError error = m_folder.read(joined(m_path, resourcesPath()), MaxResourcesSize, resources))
+    if (const ZELError error = m_folder.read(joined(m_path, paths[0]), maxResourcesSize, resources))
         return error;
-    if (const ZELError error = m_folder.read(joined(m_path, signaturePath()), MaxSignatureSize, signature))
+    if (const ZELError error = m_folder.read(joined(m_path, paths[1]), MaxSignatureSize, signature))
         return error;
+    budget.listBytes -= resources.size();
     if (const ZELError error = verifySignature(resources, signature, pins))
         return error;
     std::optional<SealedItems> items = fromPropertyList(resources);
     if (!items)
-        return ZELError::withMessage(shownPath(resourcesPath()) + QLatin1String(" is malformed"));
+        return ZELError::withMessage(shownPath(paths[0]) + QLatin1String(" is malformed"));
     sealed = std::move(*items);
     return {};
 }
 
-ZELError SealedBundle::compare(const SealedItems &sealed, const SealedItems &all) const
+ZELError SealedBundle::compare(const SealedItems &sealed, const SealedItems &all, SealBudget &budget) const
 {
-    const SealedItems found = sealedPart(all);
-    if (const ZELError error = compareItems(sealed, found))
+    if (const ZELError error = compareItems(sealed, all, m_path, sealFiles()))
         return error;
-    return checkLinks(found);
+    return checkLinks(all, m_path, budget.linkNames);
 }
 
-ZELError verifyNested(const BundleFolder &folder, const SealedItems &items)
+ZELError verifyNested(const BundleFolder &folder, const SealedItems &items, SealBudget &budget)
 {
-    for (const QByteArray &path : nestedBundles(folder, items)) {
+    const std::set<QByteArray> holders = holdersOfSeals(items);
+    if (holders.size() > MaxNestedBundles)
+        return ZELError::withMessage(QStringLiteral("it has too many nested bundles"));
+    for (const QByteArray &path : nestedBundles(folder, holders)) {
         const SealedBundle bundle(folder, path);
         SealedItems sealed;
-        ZELError error = bundle.readSeal(sealed);
+        ZELError error = bundle.readSeal(sealed, budget);
         if (!error)
-            error = bundle.compare(sealed, items);
+            error = bundle.compare(sealed, items, budget);
         if (error)
             return ZELError::withMessage(QLatin1String("the nested bundle ") + shownPath(path)
                                          + QLatin1String(" is not valid: ") + error.message);

@@ -9,6 +9,15 @@ namespace zel {
 constexpr qint64 MaxResourcesSize = 64 << 20; // bytes; what some 400 000 items take
 constexpr qint64 MaxSignatureSize = 1 << 20;
 
+constexpr int MaxNestedBundles = 1024;
+
+/// What is left for the check of one bundle with all that are nested in it: whole and honest bundles stay far below, a
+/// small file that unpacks to nested seals, or to links through links, does not.
+struct SealBudget {
+    qint64 listBytes = 192 << 20; ///< of all lists, the outermost included
+    qint64 linkNames = 4 << 20; ///< that links add to the paths of links
+};
+
 /// A bundle in an open folder: that folder itself, or one below it. The folder must outlive it.
 class SealedBundle
 {
@@ -20,26 +29,26 @@ public:
     /// folder.
     QByteArray sealPath() const { return m_sealPath; }
 
-    /// What the seal is made over, of the items of the whole open folder: the bundle's, without the seal itself.
-    SealedItems sealedPart(const SealedItems &all) const;
+    /// The two files of the seal, relative to the bundle: the list and the signature.
+    QByteArrayList sealFiles() const
+    {
+        return {m_sealPath + "/CodeResources", m_sealPath + "/CodeSignature"};
+    }
 
     /// Reads the bundle's seal; an error when its signature is not valid or not by one of the pinned signers.
-    ZELError readSeal(SealedItems &sealed, const SignerPins &pins = std::nullopt) const;
+    ZELError readSeal(SealedItems &sealed, SealBudget &budget, const SignerPins &pins = std::nullopt) const;
 
     /// Whether the bundle is what was sealed; `all` are the items of the whole open folder.
-    ZELError compare(const SealedItems &sealed, const SealedItems &all) const;
+    ZELError compare(const SealedItems &sealed, const SealedItems &all, SealBudget &budget) const;
 
 private:
-    QByteArray resourcesPath() const { return m_sealPath + "/CodeResources"; }
-    QByteArray signaturePath() const { return m_sealPath + "/CodeSignature"; }
-
     const BundleFolder &m_folder;
     QByteArray m_path;
     QByteArray m_sealPath;
 };
 
 /// Whether the seals of all bundles nested in the folder, at any depth, are valid. A folder is a nested bundle when it
-/// holds a seal, or part of one, where its own would be.
-ZELError verifyNested(const BundleFolder &folder, const SealedItems &items);
+/// holds a seal, or part of one, where its own would be. More than `MaxNestedBundles` are not looked at, but an error.
+ZELError verifyNested(const BundleFolder &folder, const SealedItems &items, SealBudget &budget);
 
 } // namespace zel

@@ -1,9 +1,8 @@
 #include "SealedItems.h"
 
+#include "LinkTree.h"
 #include "PropertyList.h"
 #include "SafeText.h"
-
-#include <QStringList>
 
 #include <algorithm>
 #include <cstdlib>
@@ -14,7 +13,6 @@ namespace {
 
 constexpr qint64 Version = 1;
 constexpr qsizetype DigestSize = 32;
-constexpr int MaxLinksFollowed = 40; // as the kernel has it
 
 ZELError problem(const QByteArray &path, const char *what)
 {
@@ -31,58 +29,47 @@ bool canBeListed(const QByteArray &name)
     return !forbidden && text.toUtf8() == name;
 }
 
-// Follows a link name by name, with the links below the folder as the only ones there are.
-bool staysInside(const QMap<QByteArray, QByteArray> &links, const QByteArray &link)
-{
-    QByteArrayList place = link.split('/');
-    QByteArrayList ahead{place.takeLast()};
-    int followed = 0;
-    while (!ahead.isEmpty()) {
-        const QByteArray name = ahead.takeFirst();
-        if (name.isEmpty() || name == ".")
-            continue;
-        if (name == "..") {
-            if (place.isEmpty())
-                return false;
-            place.removeLast();
-            continue;
-        }
-        place.append(name);
-        const auto found = links.constFind(place.join('/'));
-        if (found == links.constEnd())
-            continue;
-        if (found->startsWith('/') || ++followed > MaxLinksFollowed)
-            return false;
-        place.removeLast();
-        ahead = found->split('/') + ahead;
-    }
-    return true;
-}
-
 using Items = QMap<QByteArray, QByteArray>;
 
-ZELError compare(const Items &sealed, const Items &found, const char *changed)
+/// Goes through the items below a folder, in the order of their paths, which are relative to it.
+class ItemsBelow
 {
-    for (auto item = sealed.begin(); item != sealed.end(); ++item) {
-        const auto there = found.constFind(item.key());
-        if (there == found.constEnd())
-            return problem(item.key(), "is missing");
-        if (*there != *item)
-            return problem(item.key(), changed);
+public:
+    ItemsBelow(const Items &items, const QByteArray &folder)
+        : m_prefix(folder.isEmpty() ? folder : folder + '/')
+        , m_item(items.lowerBound(m_prefix))
+        , m_end(items.end())
+    {
     }
-    for (auto item = found.begin(); item != found.end(); ++item) {
-        if (!sealed.contains(item.key()))
-            return problem(item.key(), "is not sealed");
-    }
-    return {};
-}
 
-Items below(const Items &items, const QByteArray &prefix)
+    bool atEnd() const { return m_item == m_end || !m_item.key().startsWith(m_prefix); }
+    QByteArrayView path() const { return QByteArrayView(m_item.key()).sliced(m_prefix.size()); }
+    const QByteArray &value() const { return m_item.value(); }
+    void next() { ++m_item; }
+
+private:
+    QByteArray m_prefix;
+    Items::const_iterator m_item;
+    Items::const_iterator m_end;
+};
+
+// Both are in the order of their paths.
+ZELError compare(const Items &sealed, ItemsBelow found, const QByteArrayList &own, const char *changed)
 {
-    Items result;
-    for (auto item = items.lowerBound(prefix); item != items.end() && item.key().startsWith(prefix); ++item)
-        result.insert(item.key().mid(prefix.size()), item.value());
-    return result;
+    auto item = sealed.begin();
+    for (; !found.atEnd(); found.next()) {
+        if (own.contains(found.path()))
+            continue;
+        const int order = item == sealed.end() ? 1 : QByteArrayView(item.key()).compare(found.path());
+        if (order > 0)
+            return problem(found.path().toByteArray(), "is not sealed");
+        if (order < 0)
+            break;
+        if (*item != found.value())
+            return problem(item.key(), changed);
+        ++item;
+    }
+    return item == sealed.end() ? ZELError() : problem(item.key(), "is missing");
 }
 
 plist_t dictionaryOf(const Items &items, plist_t (*makeValue)(const QByteArray &))
@@ -135,25 +122,23 @@ ZELError checkNames(const SealedItems &items)
     return {};
 }
 
-ZELError checkLinks(const SealedItems &items)
+ZELError checkLinks(const SealedItems &items, const QByteArray &folder, qint64 &namesLeft)
 {
-    for (auto link = items.links.begin(); link != items.links.end(); ++link) {
-        if (!staysInside(items.links, link.key()))
-            return problem(link.key(), "is a link that leads out of the bundle or in a circle");
-    }
-    return {};
+    LinkTree tree;
+    for (ItemsBelow links(items.links, folder); !links.atEnd(); links.next())
+        tree.add(links.path(), links.value());
+    const std::optional<QByteArray> link = tree.linkThatLeadsOut(namesLeft);
+    return link
+        ? problem(*link, "is a link that leads out of the bundle, in a circle or through too many names")
+        : ZELError();
 }
 
-ZELError compareItems(const SealedItems &sealed, const SealedItems &found)
+ZELError compareItems(const SealedItems &sealed, const SealedItems &items, const QByteArray &folder,
+                      const QByteArrayList &own)
 {
-    if (const ZELError error = compare(sealed.files, found.files, "was changed"))
+    if (const ZELError error = compare(sealed.files, {items.files, folder}, own, "was changed"))
         return error;
-    return compare(sealed.links, found.links, "points elsewhere");
-}
-
-SealedItems itemsBelow(const SealedItems &items, const QByteArray &folder)
-{
-    return {below(items.files, folder + '/'), below(items.links, folder + '/')};
+    return compare(sealed.links, {items.links, folder}, {}, "points elsewhere");
 }
 
 QByteArray toPropertyList(const SealedItems &items)

@@ -4,6 +4,7 @@
 #include "ZELError.h"
 
 #include <QByteArray>
+#include <QByteArrayList>
 #include <QMap>
 #include <QString>
 
@@ -24,15 +25,16 @@ QString shownPath(const QByteArray &path);
 /// tab, newline and carriage return.
 ZELError checkNames(const SealedItems &items);
 
-/// Why a link is not acceptable: an absolute target, or one that leaves the folder when it is followed from link to
-/// link as the system does, or that never ends. Targets that do not exist are acceptable.
-ZELError checkLinks(const SealedItems &items);
+/// Why a link below `folder` (empty for all) is not acceptable: an absolute target, or one that leaves the folder when it
+/// is followed from link to link as the system does, or that never ends. Targets that do not exist are acceptable.
+/// `namesLeft` counts down the names that links add (see PathNames.h). Linear in time; memory is some hundred bytes for a
+/// link and for a folder that holds links.
+ZELError checkLinks(const SealedItems &items, const QByteArray &folder, qint64 &namesLeft);
 
-/// The first difference between what was sealed and what is there.
-ZELError compareItems(const SealedItems &sealed, const SealedItems &found);
-
-/// The items below `folder` alone, their paths relative to it.
-SealedItems itemsBelow(const SealedItems &items, const QByteArray &folder);
+/// The first difference between what was sealed of a folder (empty for all) and what of `items` lies below it, but for
+/// the files `own`, which are not sealed. Linear in time; ends at the first difference.
+ZELError compareItems(const SealedItems &sealed, const SealedItems &items, const QByteArray &folder,
+                      const QByteArrayList &own);
 
 /// The items as an XML property list; their names must have passed `checkNames`.
 QByteArray toPropertyList(const SealedItems &items);

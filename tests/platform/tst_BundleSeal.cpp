@@ -1,5 +1,6 @@
 #include "BundleInfo.h"
 #include "BundleSeal.h"
+#include "SealedBundle.h"
 #include "SealedItems.h"
 #include "SealFile.h"
 #include "SealSignature.h"
@@ -338,6 +339,25 @@ private slots:
         QVERIFY2(message.contains("the nested bundle"), qPrintable(message));
     }
 
+    void boundsOfNestedBundles()
+    {
+        const TemporaryTree tree;
+        writeSealedBundle(tree);
+        zel::BundleFolder folder;
+        QVERIFY(!folder.open(tree.path("App.app")));
+        zel::SealedItems items;
+        QVERIFY(!folder.scan(items));
+        zel::SealBudget budget;
+        QVERIFY(!zel::verifyNested(folder, items, budget));
+
+        zel::SealBudget spent;
+        spent.listBytes = tree.read(nested + "/_CodeSignature/CodeResources").size() - 1;
+        QVERIFY(zel::verifyNested(folder, items, spent).message.contains("too large"));
+        for (int i = 0; i < zel::MaxNestedBundles; ++i)
+            items.links.insert(QByteArray::number(i) + "/_CodeSignature", "x");
+        QVERIFY(zel::verifyNested(folder, items, budget).message.contains("too many nested"));
+    }
+
     void refusedSeals_data()
     {
         QTest::addColumn<Change>("change");
@@ -532,6 +552,24 @@ private slots:
         QTest::newRow("through a link that goes down, out") << "x>d/e a>x/../../.." << false;
         QTest::newRow("itself") << "a>a" << false;
         QTest::newRow("in a circle") << "a>b/c b>a" << false;
+        QTest::newRow("back into another link's folder") << "a!/b>../d/x a/c>../a!/b/.. d/x>y/z" << true;
+        const auto chain = [](int links) {
+            QString text = "l0>x";
+            for (int i = 1; i < links; ++i)
+                text += QString(" l%1>l%2").arg(i).arg(i - 1);
+            return text;
+        };
+        QTest::newRow("forty links") << chain(40) << true;
+        QTest::newRow("forty-one links") << chain(41) << false;
+        const auto around = [](const QString &name, int times) {
+            return QString(name + "/../").repeated(times);
+        };
+        QTest::newRow("many names") << "a>" + around("d", 2000) << true;
+        QTest::newRow("too many names") << "a>" + around("d", 2048) << false;
+        QTest::newRow("too many names of several links")
+            << "l>" + around("d", 300) + " a>" + around("l", 8) << false;
+        QTest::newRow("too many names of all links")
+            << "a>" + around("d", 2000) + " b>" + around("d", 2000) << false;
     }
 
     void links()
@@ -541,7 +579,8 @@ private slots:
         zel::SealedItems items;
         for (const QString &link : links.split(' '))
             items.links.insert(link.section('>', 0, 0).toUtf8(), link.section('>', 1).toUtf8());
-        QCOMPARE(!zel::checkLinks(items), accepted);
+        qint64 names = 6000;
+        QCOMPARE(!zel::checkLinks(items, {}, names), accepted);
     }
 
     void listedItemsAreTheSameWhenReadBack()
