@@ -35,10 +35,39 @@ qint64 fromDouble(double number)
     return number < -0x1p63 ? Least : qint64(number);
 }
 
+bool isInteger(int type)
+{
+    switch (type) {
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::Long:
+    case QMetaType::ULong:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+    case QMetaType::Short:
+    case QMetaType::UShort:
+    case QMetaType::SChar:
+    case QMetaType::UChar:
+    case QMetaType::Char:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool isUnsigned(int type)
+{
+    return type == QMetaType::ULong || type == QMetaType::ULongLong;
+}
+
 } // namespace
 
 qint64 zel::integerValue(const QVariant &value)
 {
+    if (isUnsigned(value.typeId()))
+        return qint64(qMin(value.toULongLong(), qulonglong(Most)));
+    if (isInteger(value.typeId()) || value.typeId() == QMetaType::Bool)
+        return value.toLongLong();
     switch (value.typeId()) {
     case QMetaType::QString:
     case QMetaType::QByteArray:
@@ -46,21 +75,16 @@ qint64 zel::integerValue(const QVariant &value)
     case QMetaType::Double:
     case QMetaType::Float:
         return fromDouble(value.toDouble());
-    case QMetaType::ULong:
-    case QMetaType::ULongLong:
-        return qint64(qMin(value.toULongLong(), qulonglong(Most)));
-    case QMetaType::Bool:
-    case QMetaType::Int:
-    case QMetaType::UInt:
-    case QMetaType::Long:
-    case QMetaType::LongLong:
-    case QMetaType::Short:
-    case QMetaType::UShort:
-    case QMetaType::SChar:
-    case QMetaType::UChar:
-    case QMetaType::Char:
-        return value.toLongLong();
     default:
         return 0;
     }
+}
+
+QJsonValue zel::jsonValue(const QVariant &value)
+{
+    if (isUnsigned(value.typeId()))
+        return QJsonValue::fromVariant(value.toULongLong());
+    if (isInteger(value.typeId()))
+        return value.toLongLong();
+    return QJsonValue::fromVariant(value);
 }

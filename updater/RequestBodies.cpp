@@ -1,5 +1,6 @@
 #include "RequestBodies.h"
 
+#include "IntegerValue.h"
 #include "PatchLog.h"
 
 #include <QJsonArray>
@@ -21,7 +22,7 @@ QJsonObject systemObject(const SystemVersion &system)
 void passThrough(QJsonObject &body, const QVariantMap &config, const QString &key)
 {
     if (config.contains(key))
-        body[key] = QJsonValue::fromVariant(config[key]);
+        body[key] = jsonValue(config[key]);
 }
 
 QByteArray compact(const QJsonObject &body)

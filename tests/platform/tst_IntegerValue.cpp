@@ -41,6 +41,35 @@ private slots:
         QCOMPARE(zel::integerValue(document[0].toVariant()), expected);
     }
 
+    void types_data()
+    {
+        QTest::addColumn<QVariant>("value");
+        const auto row = [](const char *name, auto value) {
+            QTest::newRow(name) << QVariant::fromValue(value);
+        };
+        row("int", 7);
+        row("unsigned", 7U);
+        row("long", 7L);
+        row("unsigned long", 7UL);
+        row("long long", 7LL);
+        row("unsigned long long", 7ULL);
+        row("short", short(7));
+        row("unsigned short", ushort(7));
+        row("char", char(7));
+        row("signed char", static_cast<signed char>(7));
+        row("unsigned char", uchar(7));
+        row("float", 7.0F);
+        row("double", 7.0);
+    }
+
+    void types()
+    {
+        QFETCH(QVariant, value);
+        QCOMPARE(zel::integerValue(value), 7);
+        QVERIFY(zel::jsonValue(value).isDouble());
+        QCOMPARE(zel::jsonValue(value).toInteger(), 7);
+    }
+
     void nothing() { QCOMPARE(zel::integerValue(QVariant()), 0); }
 };
 

@@ -28,7 +28,9 @@ private slots:
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<QByteArray>("expected");
 
-        const QVariantMap number{{"build", qint64(9007199254740993)}, {"version", 7.01}, {"beta", true}};
+        const QVariantMap number{{"build", QVariant::fromValue(std::int64_t(9007199254740993))},
+                                 {"version", 7.01},
+                                 {"beta", true}};
         const QVariantMap text{{"build", "7001"}, {"version", "7.01"}};
         // The minor version stands twice.
         QTest::newRow("check")
