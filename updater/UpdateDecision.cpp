@@ -4,11 +4,47 @@
 #include "IntegerValue.h"
 #include "UpdateStatus.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 
 namespace zel {
 
 namespace {
+
+constexpr qsizetype MostRecords = 10'000;
+
+// A parsed value takes up to a hundred times its text. Records as long as the protocol makes them have fewer values in
+// 4 MiB.
+constexpr qsizetype MostValues = 300'000;
+
+// How many values and names a text holds at most, if it is JSON. Looked at before anything is made of them.
+qsizetype mostValues(QByteArrayView json)
+{
+    qsizetype count = 0;
+    bool inText = false;
+    for (qsizetype i = 0; i < json.size(); ++i) {
+        const char c = json[i];
+        if (c == '"')
+            inText = !inText;
+        else if (inText)
+            i += c == '\\' ? 1 : 0;
+        else
+            count += c == ',' || c == ':' || c == '[' || c == '{';
+    }
+    return count;
+}
+
+// The records of a reply; nothing when it is none.
+std::optional<QJsonArray> recordsIn(const QByteArray &body)
+{
+    if (mostValues(body) > MostValues)
+        return std::nullopt;
+    const QJsonDocument reply = QJsonDocument::fromJson(body);
+    if (!reply.isArray() || reply.array().size() > MostRecords)
+        return std::nullopt;
+    return reply.array();
+}
 
 qint64 buildOf(const QVariantMap &entry)
 {
@@ -47,12 +83,12 @@ bool suits(const QVariantMap &record, const QVariantMap &config, const MachineFa
     return true;
 }
 
-std::optional<QVariantMap> bestRecord(const QVariantList &records, const QVariantMap &config,
+std::optional<QVariantMap> bestRecord(const QJsonArray &records, const QVariantMap &config,
                                       const MachineFacts &facts)
 {
     std::optional<QVariantMap> best;
-    for (const QVariant &value : records) {
-        const QVariantMap record = value.toMap();
+    for (const QJsonValue &value : records) {
+        const QVariantMap record = value.toObject().toVariantMap();
         if (suits(record, config, facts) && buildOf(record) > (best ? buildOf(*best) : 0)) {
             best = record;
             DDLogInfo(QStringLiteral("found new build"));
@@ -76,10 +112,10 @@ std::optional<QVariantMap> patchFrom(qint64 installedBuild, const QVariantMap &r
 Decision decideUpdate(const QByteArray &body, const QVariantMap &config, std::optional<qint64> installedBuild,
                       const MachineFacts &facts)
 {
-    const QJsonDocument reply = QJsonDocument::fromJson(body);
-    if (reply.isNull())
+    const std::optional<QJsonArray> records = recordsIn(body);
+    if (!records)
         return {CheckFailed, {}};
-    const std::optional<QVariantMap> best = bestRecord(reply.toVariant().toList(), config, facts);
+    const std::optional<QVariantMap> best = bestRecord(*records, config, facts);
     if (!best)
         return {NoUpdates, {}};
     const auto patch = installedBuild ? patchFrom(*installedBuild, *best) : std::nullopt;

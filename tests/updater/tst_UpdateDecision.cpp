@@ -17,6 +17,21 @@ QVariantMap config(const char *json)
     return QJsonDocument::fromJson(json).object().toVariantMap();
 }
 
+QByteArray zeros(int count)
+{
+    return QByteArray("0,").repeated(count).chopped(1);
+}
+
+QByteArray oneRecord(const QByteArray &rest)
+{
+    return "[{\"build\":101," + rest + "}]";
+}
+
+QByteArray records(int count)
+{
+    return '[' + QByteArray(R"({"build":101},)").repeated(count).chopped(1) + ']';
+}
+
 } // namespace
 
 class tst_UpdateDecision : public QObject
@@ -30,15 +45,20 @@ private slots:
         QTest::addColumn<int>("status");
         QTest::addColumn<QString>("chosen"); // the "name" of the record, which only these tests look at
 
-        const auto row = [](const char *name, const char *records, int status, const char *chosen = "",
+        const auto row = [](const char *name, const QByteArray &reply, int status, const char *chosen = "",
                             const char *configuration = R"({"build":100})") {
-            QTest::newRow(name) << QByteArray(records) << QByteArray(configuration) << status
-                                << QString::fromUtf8(chosen);
+            QTest::newRow(name) << reply << QByteArray(configuration) << status << QString::fromUtf8(chosen);
         };
         row("no body", "", 0);
         row("not JSON", "<html>", 0);
         row("nothing offered", "[]", 2);
-        row("an object", R"({"build":101})", 2);
+        row("an object", R"({"build":101})", 0);
+        row("an empty object", "{}", 0);
+        row("most records", records(10'000), 1);
+        row("too many records", records(10'001), 0);
+        row("most values", oneRecord("\"list\":[" + zeros(299'995) + ']'), 1);
+        row("too many values", oneRecord("\"list\":[" + zeros(299'996) + ']'), 0);
+        row("texts are no values", oneRecord("\"text\":\"" + QByteArray(300'000, ',') + "\\\"\""), 1);
         row("records that are none", R"([1,"a",null,[{"build":101}]])", 2);
         row("same build", R"([{"build":100}])", 2);
         row("newer build", R"([{"build":101,"name":"a"}])", 1, "a");
