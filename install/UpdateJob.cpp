@@ -18,6 +18,9 @@ namespace {
 
 const QString Patch = QStringLiteral("patch");
 
+// A KiB a second over two minutes.
+constexpr LeastPace SlowestDownload{120 * 1024, std::chrono::minutes(2)};
+
 QString jsonText(const QVariantMap &entry)
 {
     return QString::fromUtf8(
@@ -174,6 +177,7 @@ ZELError UpdateJob::transfer(const QVariantMap &entry, const QString &folder, QS
 {
     URLRequest request;
     request.url = QUrl(entry[QStringLiteral("file")].toString());
+    request.pace = SlowestDownload;
     const auto ended = std::make_shared<std::promise<ZELError>>();
     const auto task = downloadTask(
         request, folder,

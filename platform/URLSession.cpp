@@ -1,17 +1,17 @@
 #include "URLSession.h"
 
+#include "BodySinks.h"
 #include "SessionThreads.h"
 #include "URLTransfer.h"
 
-#include <QDir>
-#include <QFileInfo>
-#include <QTemporaryFile>
-
+#include <limits>
 #include <mutex>
 #include <utility>
 
 namespace zel {
 namespace {
+
+constexpr qint64 LongestBodyInMemory = 4 * 1024 * 1024;
 
 class Task : public URLSessionTask, public std::enable_shared_from_this<Task>
 {
@@ -134,92 +134,12 @@ private:
     bool m_ended = false;
 };
 
-class MemorySink : public BodySink
-{
-public:
-    explicit MemorySink(qint64 limit)
-        : m_limit(limit)
-    {
-    }
-
-    ZELError open() override { return {}; }
-
-    ZELError write(QByteArrayView bytes) override
-    {
-        if (bytes.size() > m_limit - m_body.size())
-            return ZELError::withMessage(
-                QStringLiteral("the answer is longer than the limit of %1 bytes").arg(m_limit));
-        m_body.append(bytes);
-        return {};
-    }
-
-    bool takesDecodedContent() const override { return true; }
-
-    QByteArray body() const { return m_body; }
-
-private:
-    const qint64 m_limit;
-    QByteArray m_body = ""; // empty, not null
-};
-
-class TemporaryFile : public QTemporaryFile
-{
-public:
-    using QTemporaryFile::open;
-    using QTemporaryFile::QTemporaryFile;
-};
-
-class FileSink : public BodySink
-{
-public:
-    explicit FileSink(const QString &folder)
-        : m_folder(QDir::cleanPath(folder))
-        , m_file(m_folder + QStringLiteral("/XXXXXX.download"))
-    {
-    }
-
-    ZELError open() override
-    {
-        QDir().mkpath(QFileInfo(m_folder).path());
-        QDir().mkdir(m_folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        // Asking for the name gives the file one: it may start without.
-        const bool made =
-            m_file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) && !m_file.fileName().isEmpty();
-        return made ? ZELError() : failure();
-    }
-
-    ZELError write(QByteArrayView bytes) override
-    {
-        while (!bytes.isEmpty()) {
-            const qint64 written = m_file.write(bytes.data(), bytes.size());
-            if (written <= 0)
-                return failure();
-            bytes = bytes.sliced(written);
-        }
-        return {};
-    }
-
-    bool takesDecodedContent() const override { return false; }
-
-    QString location() const { return m_file.fileName(); }
-
-private:
-    ZELError failure() const
-    {
-        return ZELError::withMessage(
-            QStringLiteral("cannot write the download in \"%1\": %2").arg(m_folder, m_file.errorString()));
-    }
-
-    const QString m_folder;
-    TemporaryFile m_file; // removed with the sink, under the name it had when it was made
-};
-
 } // namespace
 
 std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompletion completion)
 {
     return std::make_shared<Task>([request, completion = std::move(completion)](Task &task) {
-        MemorySink sink(request.bodyLimit);
+        MemorySink sink(request.bodyLimit.value_or(LongestBodyInMemory));
         const ZELError error = task.transfer(request, sink);
         if (completion)
             completion(error ? QByteArray() : sink.body(), error);
@@ -230,7 +150,7 @@ std::shared_ptr<URLSessionTask> downloadTask(const URLRequest &request, const QS
                                              DownloadCompletion completion)
 {
     return std::make_shared<Task>([request, temporaryFolder, completion = std::move(completion)](Task &task) {
-        FileSink sink(temporaryFolder);
+        FileSink sink(temporaryFolder, request.bodyLimit.value_or(std::numeric_limits<qint64>::max()));
         QUrl responseUrl;
         const ZELError error = task.transfer(request, sink, &responseUrl);
         if (completion)

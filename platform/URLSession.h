@@ -12,6 +12,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace zel {
 
@@ -21,14 +22,25 @@ constexpr qint64 Cancelled = -999;
 constexpr qint64 TimedOut = -1001;
 } // namespace URLErrorCode
 
+/// The least that must move in every span of time, one after the other.
+struct LeastPace {
+    qint64 bytes;
+    std::chrono::milliseconds span;
+};
+
 struct URLRequest {
     QUrl url; ///< http or https with a host; anything else is a transport error
     QByteArray method = "GET"; ///< "GET" or "POST"
     QByteArray body = {}; ///< of a POST
     QByteArray contentType =
         "application/json"; ///< of the body; servers read, and limit, forms in ways of their own
+    QByteArray languages = {}; ///< the header "Accept-Language"; left out when empty
     std::chrono::milliseconds timeout{120'000}; ///< longest time without a byte in either direction
-    qint64 bodyLimit = 64 * 1024 * 1024; ///< most bytes of a data task's body; one more is a transport error
+    std::optional<std::chrono::milliseconds> deadline = {}; ///< most time in all, redirections included
+    std::optional<LeastPace> pace = {}; ///< bytes in both directions count
+    /// Most bytes of the body, decoded; one more is a transport error. Without it 4 MiB for a data task, whose body is
+    /// kept in memory, and no limit for a download.
+    std::optional<qint64> bodyLimit = {};
 };
 
 /// A request that `dataTask` or `downloadTask` has made, idle until `resume`. Once started it needs no owner: it lives
@@ -48,8 +60,9 @@ using DownloadCompletion =
 ///
 /// What counts as a transport error, here and in `downloadTask`: an address that is not http or https, no connection,
 /// a certificate that does not verify, an answer that breaks HTTP or ends early, a redirection to another kind of
-/// address, from https down to http or one too many, `request.timeout`, and a cancelled task. An HTTP status is none:
-/// the body of a 404 is a body. A POST is sent once, however its connection ends.
+/// address, from https down to http or one too many, more than 256 KiB of header and trailer, content that is coded
+/// twice, a broken limit of the request, and a cancelled task. An HTTP status is none: the body of a 404 is a body. A
+/// POST is sent once, however its connection ends.
 ///
 /// Needs no running event loop. When the application object is destroyed, or the process exits without that, running
 /// tasks are cancelled and their completions waited for: a completion must never wait for the main thread. The
@@ -59,7 +72,8 @@ std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompleti
 
 /// A request whose body goes to a new file in `temporaryFolder` as it arrives, with any content coding left as it is;
 /// takes less than a MiB of memory whatever the size. The folder is made with mode 0700 when it is missing. A file that
-/// cannot be made or written, as on a full disk, is a transport error.
+/// cannot be made or written is a transport error, and so is a body that would take the last of a disk: the announced
+/// size is judged before anything is loaded, and the free space while it is written.
 std::shared_ptr<URLSessionTask> downloadTask(const URLRequest &request, const QString &temporaryFolder,
                                              DownloadCompletion completion);
 

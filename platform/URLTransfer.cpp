@@ -7,10 +7,26 @@ namespace {
 constexpr int MostRedirections = 20;
 constexpr long PieceSize = 256 * 1024;
 
+// libcurl keeps every header and trailer line of a response, and has no limit for trailers.
+constexpr qint64 LongestHead = 256 * 1024;
+
 bool isLoadable(const QUrl &url)
 {
     return url.isValid() && !url.host().isEmpty()
         && (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"));
+}
+
+/// The values of a header line's list; nothing when the line is another header's.
+QByteArrayList listIn(QByteArrayView line, QByteArrayView name)
+{
+    if (line.size() <= name.size() || line[name.size()] != ':'
+        || line.first(name.size()).compare(name, Qt::CaseInsensitive) != 0)
+        return {};
+    QByteArrayList values;
+    for (const QByteArray &value : line.sliced(name.size() + 1).toByteArray().toLower().split(','))
+        if (const QByteArray trimmed = value.trimmed(); !trimmed.isEmpty() && trimmed != "identity")
+            values.append(trimmed);
+    return values;
 }
 
 } // namespace
@@ -27,6 +43,7 @@ URLTransfer::URLTransfer(const URLRequest &request, BodySink &sink, Progress pro
     , m_sink(sink)
     , m_progress(std::move(progress))
     , m_multi(curl_multi_init())
+    , m_clock(request, Clock::now())
 {
 }
 
@@ -65,6 +82,9 @@ ZELError URLTransfer::exchange()
     m_easy.reset(curl_easy_init());
     if (!m_easy || !m_multi)
         return failure(QStringLiteral("out of memory"));
+    m_movedBefore += std::exchange(m_moved, 0);
+    m_headBytes = 0;
+    m_codings = 0;
     configure();
     curl_multi_add_handle(m_multi.get(), m_easy.get());
     const ZELError error = perform();
@@ -77,6 +97,8 @@ void URLTransfer::configure()
     CURL *easy = m_easy.get();
     curl_easy_setopt(easy, CURLOPT_URL, m_request.url.toEncoded(QUrl::RemoveFragment).constData());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    // A session has one request, which gains nothing from a protocol of many streams, states and compressed headers.
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, long(CURL_HTTP_VERSION_1_1));
     curl_easy_setopt(easy, CURLOPT_USERAGENT, "ZELUpdater");
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L); // a name that is still looked up holds nobody up
@@ -90,6 +112,8 @@ void URLTransfer::configure()
         curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, ""); // every coding that can be decoded
     else
         curl_slist_append(m_headers.get(), "Accept-Encoding: identity");
+    if (!m_request.languages.isEmpty())
+        curl_slist_append(m_headers.get(), ("Accept-Language: " + m_request.languages).constData());
     if (m_request.method == "POST") {
         curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(m_request.body.size()));
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, m_request.body.constData());
@@ -98,10 +122,9 @@ void URLTransfer::configure()
     }
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, m_headers.get());
 
-    curl_write_callback take = [](char *bytes, size_t, size_t count, void *self) {
-        return static_cast<URLTransfer *>(self)->receive({bytes, qsizetype(count)});
-    };
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, take);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, take<&URLTransfer::receiveHead>);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, take<&URLTransfer::receiveBody>);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
 }
 
@@ -128,28 +151,35 @@ void URLTransfer::configureProxy()
 
 ZELError URLTransfer::perform()
 {
-    m_lastByte = Clock::now();
-    m_moved = 0;
     for (int running = 1;;) {
-        curl_multi_perform(m_multi.get(), &running);
+        if (const CURLMcode code = curl_multi_perform(m_multi.get(), &running); code != CURLM_OK)
+            return failure(QString::fromUtf8(curl_multi_strerror(code)));
         if (m_cancelled)
             return cancelled();
         if (running == 0)
             return outcome();
-        curl_off_t sent = 0;
-        curl_off_t received = 0;
-        long head = 0;
-        curl_easy_getinfo(m_easy.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
-        curl_easy_getinfo(m_easy.get(), CURLINFO_SIZE_DOWNLOAD_T, &received);
-        curl_easy_getinfo(m_easy.get(), CURLINFO_HEADER_SIZE, &head);
-        if (std::exchange(m_moved, sent + received + head) != m_moved)
-            m_lastByte = Clock::now();
-        const auto left =
-            m_request.timeout - std::chrono::floor<std::chrono::milliseconds>(Clock::now() - m_lastByte);
-        if (left.count() <= 0)
-            return failure(QStringLiteral("the server is silent"), URLErrorCode::TimedOut);
-        curl_multi_poll(m_multi.get(), nullptr, 0, int(qMin<qint64>(left.count(), 60'000)), nullptr);
+        if (const ZELError error = judge())
+            return error;
+        const qint64 left = m_clock.left(Clock::now()).count();
+        if (const CURLMcode code =
+                curl_multi_poll(m_multi.get(), nullptr, 0, int(qMin<qint64>(left, 60'000)), nullptr);
+            code != CURLM_OK)
+            return failure(QString::fromUtf8(curl_multi_strerror(code)));
     }
+}
+
+ZELError URLTransfer::judge()
+{
+    curl_off_t sent = 0;
+    curl_off_t received = 0;
+    long head = 0;
+    curl_easy_getinfo(m_easy.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
+    curl_easy_getinfo(m_easy.get(), CURLINFO_SIZE_DOWNLOAD_T, &received);
+    curl_easy_getinfo(m_easy.get(), CURLINFO_HEADER_SIZE, &head);
+    m_moved = sent + received + head;
+    m_clock.tell(m_movedBefore + m_moved, Clock::now());
+    const char *complaint = m_clock.complaint(Clock::now());
+    return complaint ? failure(QLatin1String(complaint), URLErrorCode::TimedOut) : ZELError();
 }
 
 ZELError URLTransfer::outcome()
@@ -157,31 +187,68 @@ ZELError URLTransfer::outcome()
     int queued = 0;
     const CURLMsg *message = curl_multi_info_read(m_multi.get(), &queued);
     const CURLcode result = message ? message->data.result : CURLE_FAILED_INIT;
-    if (m_sinkError)
-        return m_sinkError;
+    if (m_memoryIsOut)
+        return failure(QStringLiteral("out of memory"));
+    if (m_refusal)
+        return m_refusal;
     if (isRedirected())
-        return {}; // its body was refused
+        return {}; // its body was not taken
     if (result != CURLE_OK)
         return failure(QString::fromUtf8(curl_easy_strerror(result)),
                        result == CURLE_OPERATION_TIMEDOUT ? URLErrorCode::TimedOut : 0);
-    curl_off_t expected = -1;
-    curl_easy_getinfo(m_easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &expected);
-    m_progress(m_received, expected);
+    m_progress(m_received, announcedSize());
     return {};
 }
 
-size_t URLTransfer::receive(QByteArrayView bytes)
+// libcurl's C code must not be left by an exception.
+template <auto receive> size_t URLTransfer::take(char *bytes, size_t, size_t count, void *self) noexcept
+{
+    auto *transfer = static_cast<URLTransfer *>(self);
+    try {
+        return (transfer->*receive)({bytes, qsizetype(count)}) ? count : CURL_WRITEFUNC_ERROR;
+    } catch (const std::bad_alloc &) {
+        transfer->m_memoryIsOut = true;
+        return CURL_WRITEFUNC_ERROR;
+    }
+}
+
+bool URLTransfer::receiveHead(QByteArrayView line)
+{
+    m_headBytes += line.size();
+    if (m_headBytes > LongestHead)
+        m_refusal =
+            failure(QStringLiteral("the header is longer than the limit of %1 bytes").arg(LongestHead));
+    // Each coding may blow up the one below it a thousand times, and what that decodes to may still be nothing.
+    if (m_sink.takesDecodedContent())
+        m_codings += int(listIn(line, "Content-Encoding").size());
+    for (const QByteArray &coding : listIn(line, "Transfer-Encoding"))
+        m_codings += coding == "chunked" ? 0 : 2; // never asked for
+    if (m_codings > 1)
+        m_refusal = failure(QStringLiteral("the answer is coded more than once"));
+    return !m_refusal;
+}
+
+bool URLTransfer::receiveBody(QByteArrayView bytes)
 {
     if (m_cancelled || isRedirected())
-        return CURL_WRITEFUNC_ERROR;
-    m_sinkError = m_sink.write(bytes);
-    if (m_sinkError)
-        return CURL_WRITEFUNC_ERROR;
-    curl_off_t expected = -1;
-    curl_easy_getinfo(m_easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &expected);
+        return false;
+    const qint64 expected = announcedSize();
+    if (m_received == 0 && expected >= 0)
+        m_refusal = m_sink.expect(expected);
+    if (!m_refusal)
+        m_refusal = m_sink.write(bytes);
+    if (m_refusal)
+        return false;
     m_received += bytes.size();
     m_progress(m_received, expected);
-    return size_t(bytes.size());
+    return true;
+}
+
+qint64 URLTransfer::announcedSize() const
+{
+    curl_off_t size = -1;
+    curl_easy_getinfo(m_easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &size);
+    return size;
 }
 
 bool URLTransfer::isRedirected() const

@@ -4,31 +4,16 @@
 // in the middle of a body for the body's end in up to a third of all cases, with chunked coding beyond detection.
 #pragma once
 
+#include "BodySinks.h"
+#include "TransferClock.h"
 #include "URLSession.h"
 
 #include <atomic>
-#include <chrono>
 #include <curl/curl.h>
 #include <functional>
 #include <memory>
 
 namespace zel {
-
-/// Where the bytes of a body go.
-class BodySink
-{
-public:
-    virtual ~BodySink() = default;
-
-    /// Called before anything is sent; an error ends the transfer.
-    virtual ZELError open() = 0;
-
-    /// Takes the next bytes; an error ends the transfer.
-    virtual ZELError write(QByteArrayView bytes) = 0;
-
-    /// Whether the server may code the body, which is then decoded before it is written.
-    virtual bool takesDecodedContent() const = 0;
-};
 
 /// Made, run and destroyed on one thread; `cancel` alone may be called from any.
 class URLTransfer
@@ -71,7 +56,11 @@ private:
     void configureProxy();
     ZELError outcome();
     bool isRedirected() const;
-    size_t receive(QByteArrayView bytes);
+    qint64 announcedSize() const;
+    ZELError judge();
+    bool receiveHead(QByteArrayView line);
+    bool receiveBody(QByteArrayView bytes);
+    template <auto receive> static size_t take(char *bytes, size_t, size_t count, void *self) noexcept;
     ZELError failure(const QString &reason, qint64 code = 0) const;
 
     URLRequest m_request; // as it stands after the redirections so far
@@ -81,10 +70,14 @@ private:
     List m_headers;
     Easy m_easy;
     std::atomic<bool> m_cancelled = false;
-    Clock::time_point m_lastByte;
-    curl_off_t m_moved = 0; // bytes both ways, as last seen
+    TransferClock m_clock;
+    qint64 m_movedBefore = 0; // bytes both ways in the exchanges before this one
+    qint64 m_moved = 0; // in this one
+    qint64 m_headBytes = 0; // of this exchange: interim answers, header and trailer
+    int m_codings = 0;
     qint64 m_received = 0;
-    ZELError m_sinkError;
+    ZELError m_refusal; // why bytes that came were not taken
+    bool m_memoryIsOut = false;
 };
 
 } // namespace zel

@@ -1,6 +1,7 @@
 #include "TemporaryTree.h"
 #include "TestCertificate.h"
 #include "TestServer.h"
+#include "TransferClock.h"
 #include "URLSession.h"
 
 #include <QNetworkProxy>
@@ -17,7 +18,9 @@ using Answer = TestServer::Answer;
 using Answers = QList<Answer>;
 using Framing = TestServer::Framing;
 
+Q_DECLARE_METATYPE(Answer)
 Q_DECLARE_METATYPE(Answers)
+Q_DECLARE_METATYPE(std::optional<qint64>)
 
 namespace {
 
@@ -181,6 +184,9 @@ private slots:
             text);
         for (int status : {300, 401, 404, 407, 599})
             row(qPrintable(QString::number(status)), {{.status = status, .body = text}}, text);
+        row("long header",
+            {{.body = text, .headers = {{"X", QByteArray(90'000, 'x')}, {"Y", QByteArray(90'000, 'y')}}}},
+            text);
         row("redirection to nowhere", {{.status = 302, .body = text}}, text);
         row("redirection", {Answer::redirect("/file?again"), {.body = text}}, text);
 
@@ -198,6 +204,11 @@ private slots:
         fails("redirected for ever", Answer::redirect("/file"));
         fails("redirected to a file", Answer::redirect("file:///etc/hostname"));
         fails("redirected to nonsense", Answer::redirect("http://[/"));
+        fails("endless interim answers", {.endless = TestServer::Endless::Interim});
+        fails("endless header", {.endless = TestServer::Endless::Head});
+        fails("endless trailers",
+              {.body = text, .framing = Framing::Chunked, .endless = TestServer::Endless::Trailers});
+        fails("compressed for the transfer", {.body = text, .headers = {{"Transfer-Encoding", "gzip"}}});
     }
 
     void answers()
@@ -296,8 +307,11 @@ private slots:
     {
         const QByteArray text(100'000, 'x');
         const QByteArray coded = qCompress(text).mid(4);
+        const auto deflated = [](const QByteArray &body, const QByteArray &codings) {
+            return Answer{.body = body, .headers = {{"Content-Encoding", codings}}};
+        };
         TestServer server;
-        server.answer("/file", {{.body = coded, .headers = {{"Content-Encoding", "deflate"}}}});
+        server.answer("/file", {deflated(coded, "deflate")});
         const auto decoded = [&](qint64 limit) {
             return load(Kind::Data, {.url = server.url("/file"), .bodyLimit = limit});
         };
@@ -305,6 +319,51 @@ private slots:
         QVERIFY(decoded(text.size() - 1).error); // decoding must not grow past the limit
         QCOMPARE(load(Kind::Download, {.url = server.url("/file")}, folder()).body, coded);
         QCOMPARE(server.requests().last().headers["accept-encoding"], "identity");
+
+        server.answer("/file", {deflated(qCompress(coded).mid(4), "deflate, deflate")});
+        QVERIFY(decoded(text.size()).error);
+        server.answer("/file", {deflated(coded, "identity, Deflate")});
+        QCOMPARE(decoded(text.size()).body, text);
+    }
+
+    void bodyLimits_data()
+    {
+        QTest::addColumn<Answer>("answer");
+        QTest::addColumn<std::optional<qint64>>("limit");
+        QTest::addColumn<QString>("complaint");
+
+        const std::optional<qint64> none, six = 6;
+        const QString tooLong = "limit of 6 bytes";
+        QTest::newRow("kept") << Answer{.body = "abcdef"} << six << "";
+        QTest::newRow("announced") << Answer{.body = "abcdefg", .stallAt = 1} << six << tooLong;
+        QTest::newRow("not announced")
+            << Answer{.body = "abcdefg", .framing = Framing::Chunked, .stallAt = 7} << six << "";
+        QTest::newRow("endless") << Answer{.body = QByteArray(999, 'x'),
+                                           .framing = Framing::Close,
+                                           .endless = TestServer::Endless::Body}
+                                 << std::optional<qint64>(3'000'000) << "";
+        QTest::newRow("more than the disk holds")
+            << Answer{.body = "abc",
+                      .headers = {{"Content-Length", "1000000000000000000"}},
+                      .framing = Framing::Close,
+                      .stallAt = 3}
+            << none << "no space for 1000000000000000000 bytes, ";
+    }
+
+    void bodyLimits()
+    {
+        QFETCH(Answer, answer);
+        QFETCH(std::optional<qint64>, limit);
+        QFETCH(QString, complaint);
+        for (const Kind kind : {Kind::Data, Kind::Download}) {
+            TestServer server;
+            server.answer("/file", {answer});
+            const End end = load(kind, {.url = server.url("/file"), .bodyLimit = limit}, folder());
+            QCOMPARE(end.arrived, answer.body == "abcdef");
+            QCOMPARE(end.error.code, 0);
+            if (kind == Kind::Download)
+                QVERIFY2(end.error.message.contains(complaint), qPrintable(end.error.message));
+        }
     }
 
     void silence()
@@ -320,6 +379,56 @@ private slots:
                 QVERIFY(!end.arrived);
             }
         }
+    }
+
+    void slowness_data()
+    {
+        QTest::addColumn<Answer>("answer");
+        QTest::addColumn<bool>("hasDeadline");
+        const Answer body{.body = QByteArray(1'000'000, 'x'), .drip = std::chrono::milliseconds(5)};
+        Answer redirection = Answer::redirect("/file");
+        redirection.drip = std::chrono::milliseconds(50); // 20 of them take a second
+        QTest::newRow("body, deadline") << body << true;
+        QTest::newRow("redirections, deadline") << redirection << true;
+        QTest::newRow("body, pace") << body << false;
+    }
+
+    void slowness()
+    {
+        using std::chrono::milliseconds;
+        QFETCH(Answer, answer);
+        QFETCH(bool, hasDeadline);
+        TestServer server;
+        server.answer("/file", {answer});
+        URLRequest request{.url = server.url("/file")};
+        if (hasDeadline)
+            request.deadline = milliseconds(200);
+        else
+            request.pace = LeastPace{100'000, milliseconds(200)};
+        for (const Kind kind : {Kind::Data, Kind::Download}) {
+            const End end = load(kind, request, folder());
+            QCOMPARE(end.error.code, URLErrorCode::TimedOut);
+            QVERIFY(!end.arrived);
+        }
+    }
+
+    void pace()
+    {
+        using std::chrono::seconds;
+        const TransferClock::Time start{};
+        TransferClock clock({.url = {}, .deadline = seconds(1000), .pace = LeastPace{100, seconds(10)}},
+                            start);
+        const auto complains = [&](qint64 moved, int second) {
+            clock.tell(moved, start + seconds(second));
+            return clock.complaint(start + seconds(second)) != nullptr;
+        };
+        QVERIFY(!complains(0, 9));
+        QVERIFY(!complains(100, 10)); // just enough
+        QCOMPARE(clock.left(start + seconds(12)), seconds(8));
+        QVERIFY(!complains(1000, 11)); // bytes of the next span, which do not count for the one after
+        QVERIFY(!complains(1010, 21));
+        QVERIFY(!complains(1100, 30));
+        QVERIFY(complains(1109, 31));
     }
 
     void downloadedFile()

@@ -48,7 +48,7 @@ QByteArray head(const TestServer::Answer &answer)
         text += "Content-Length: " + QByteArray::number(answer.body.size()) + "\r\n";
     if (answer.framing == TestServer::Framing::Chunked)
         text += "Transfer-Encoding: chunked\r\n";
-    return text + "Connection: close\r\n\r\n";
+    return text + "Connection: close\r\n";
 }
 
 QByteArray framed(QByteArrayView piece, TestServer::Framing framing)
@@ -210,8 +210,16 @@ void TestServer::send(QTcpSocket &socket, const Answer &answer)
         waitForRelease(socket);
     if (answer.dropAt == BeforeHead)
         return;
+    pause(answer.drip);
+    if (answer.endless == Endless::Interim)
+        repeat(socket, "HTTP/1.1 100 Continue\r\n\r\n");
     socket.write(head(answer));
-    constexpr qsizetype Piece = 64 * 1024;
+    if (answer.endless == Endless::Head)
+        repeat(socket, "X-Line: " + QByteArray(50, 'x') + "\r\n");
+    socket.write("\r\n");
+    if (answer.endless == Endless::Body)
+        repeat(socket, framed(answer.body, answer.framing));
+    const qsizetype Piece = answer.drip.count() > 0 ? 1 : 64 * 1024;
     for (qsizetype at = 0; flush(socket) && at <= answer.body.size();) {
         if (at == answer.stallAt)
             waitForRelease(socket);
@@ -223,8 +231,13 @@ void TestServer::send(QTcpSocket &socket, const Answer &answer)
         for (const qsizetype stop : {answer.stallAt, answer.dropAt})
             if (stop > at)
                 end = qMin(end, stop);
+        pause(answer.drip);
         socket.write(framed(QByteArrayView(answer.body).sliced(at, end - at), answer.framing));
         at = end;
+    }
+    if (answer.endless == Endless::Trailers) {
+        socket.write("0\r\n");
+        repeat(socket, "X-Line: " + QByteArray(50, 'x') + "\r\n");
     }
     if (answer.framing == Framing::Chunked)
         socket.write("0\r\n\r\n");
@@ -236,4 +249,17 @@ void TestServer::waitForRelease(QTcpSocket &socket)
     flush(socket);
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [this] { return m_released || m_ending; });
+}
+
+void TestServer::repeat(QTcpSocket &socket, const QByteArray &text)
+{
+    const QByteArray piece = text.repeated(1 + 16 * 1024 / text.size());
+    while (flush(socket))
+        socket.write(piece);
+}
+
+void TestServer::pause(std::chrono::milliseconds length)
+{
+    std::unique_lock lock(m_mutex);
+    m_changed.wait_for(lock, length, [this] { return m_ending; });
 }

@@ -8,6 +8,7 @@
 #include <QString>
 #include <QUrl>
 
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -25,6 +26,9 @@ public:
     /// How a body's end is told: by its announced length, by the end of the connection, or by chunked coding.
     enum class Framing { Length, Close, Chunked };
 
+    /// Where an answer stops coming to an end.
+    enum class Endless { Nowhere, Interim, Head, Body, Trailers };
+
     static constexpr qsizetype Never = -2;
     static constexpr qsizetype BeforeHead = -1; ///< a point before the first byte of the answer
 
@@ -35,6 +39,8 @@ public:
         Framing framing = Framing::Length;
         qsizetype dropAt = Never; ///< body bytes after which the connection is dropped, or BeforeHead
         qsizetype stallAt = Never; ///< body bytes after which the answer waits for `release`, or BeforeHead
+        Endless endless = Endless::Nowhere; ///< goes on there until the peer is gone
+        std::chrono::milliseconds drip{0}; ///< pause before the head and before each byte of the body
 
         static Answer redirect(const QString &location, int status = 302);
     };
@@ -76,6 +82,8 @@ private:
     Answer take(const Request &request);
     void send(QTcpSocket &socket, const Answer &answer);
     void waitForRelease(QTcpSocket &socket);
+    void repeat(QTcpSocket &socket, const QByteArray &text);
+    void pause(std::chrono::milliseconds length);
 
     const std::optional<QSslConfiguration> m_tls;
     mutable std::mutex m_mutex;

@@ -1,0 +1,104 @@
+#include "BodySinks.h"
+
+#include "DiskSpace.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+namespace zel {
+
+namespace {
+
+constexpr qint64 GrantSize = 1024 * 1024;
+
+ZELError tooLong(qint64 limit)
+{
+    return ZELError::withMessage(
+        QStringLiteral("the answer is longer than the limit of %1 bytes").arg(limit));
+}
+
+} // namespace
+
+MemorySink::MemorySink(qint64 limit)
+    : m_limit(limit)
+{
+}
+
+ZELError MemorySink::open()
+{
+    return {};
+}
+
+ZELError MemorySink::expect(qint64 size)
+{
+    return size > m_limit ? tooLong(m_limit) : ZELError();
+}
+
+ZELError MemorySink::write(QByteArrayView bytes)
+{
+    if (bytes.size() > m_limit - m_body.size())
+        return tooLong(m_limit);
+    m_body.append(bytes);
+    return {};
+}
+
+FileSink::FileSink(const QString &folder, qint64 limit)
+    : m_folder(QDir::cleanPath(folder))
+    , m_file(m_folder + QStringLiteral("/XXXXXX.download"))
+    , m_left(limit)
+{
+}
+
+ZELError FileSink::open()
+{
+    QDir().mkpath(QFileInfo(m_folder).path());
+    QDir().mkdir(m_folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    // Asking for the name gives the file one: it may start without.
+    const bool made =
+        m_file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) && !m_file.fileName().isEmpty();
+    return made ? ZELError() : failure(m_file.errorString());
+}
+
+ZELError FileSink::expect(qint64 size)
+{
+    if (size > m_left)
+        return tooLong(m_left);
+    return allow(size);
+}
+
+ZELError FileSink::write(QByteArrayView bytes)
+{
+    if (bytes.size() > m_left)
+        return failure(QStringLiteral("more bytes come than were to be expected"));
+    if (bytes.size() > m_granted)
+        if (const ZELError error = allow(qMax(bytes.size(), qMin(m_left, GrantSize))))
+            return error;
+    m_left -= bytes.size();
+    m_granted -= bytes.size();
+    while (!bytes.isEmpty()) {
+        const qint64 written = m_file.write(bytes.data(), bytes.size());
+        if (written <= 0)
+            return failure(m_file.errorString());
+        bytes = bytes.sliced(written);
+    }
+    return {};
+}
+
+// An announced size is granted for a MiB only: others write to the file system meanwhile.
+ZELError FileSink::allow(qint64 size)
+{
+    const qint64 writable = writableBytes(m_file.handle()).value_or(size);
+    if (size > writable)
+        return failure(
+            QStringLiteral("no space for %1 bytes, %2 are missing").arg(size).arg(size - writable));
+    m_granted = qMin(size, GrantSize);
+    return {};
+}
+
+ZELError FileSink::failure(const QString &reason) const
+{
+    return ZELError::withMessage(
+        QStringLiteral("cannot write the download in \"%1\": %2").arg(m_folder, reason));
+}
+
+} // namespace zel
