@@ -5,14 +5,22 @@
 #include <QDebug>
 
 #include <condition_variable>
+#include <cstddef>
 #include <deque>
 #include <mutex>
+#include <new>
+#include <system_error>
 #include <thread>
+#include <utility>
 
 Q_LOGGING_CATEGORY(zelUpdaterLog, "zel.updater")
 Q_LOGGING_CATEGORY(zelSystemLog, "zel.system")
 
 namespace {
+
+constexpr qsizetype LongestMessage = 16 * 1024;
+constexpr size_t MostEntries = 20'000;
+constexpr qsizetype MostCharacters = 2 * 1024 * 1024;
 
 struct Entry {
     DDLogFlag flag;
@@ -31,88 +39,175 @@ void write(const Entry &entry)
         logger.debug(zelUpdaterLog()).noquote() << entry.message;
 }
 
-class Writer
+QString cut(const QString &message)
+{
+    if (message.size() <= LongestMessage)
+        return message;
+    return message.left(LongestMessage)
+        + QStringLiteral(" (%1 more characters)").arg(message.size() - LongestMessage);
+}
+
+// Its memory is never given back, so that a thread that is late, or that nobody waits for, still finds it ended.
+class Log
 {
 public:
-    static Writer &instance()
+    static Log &instance()
     {
-        static Writer writer;
-        return writer;
+        alignas(Log) static std::byte memory[sizeof(Log)];
+        static Log *log = new (memory) Log;
+        static const Ending ending(*log);
+        return *log;
     }
 
-    void add(Entry entry)
+    void add(DDLogFlag flag, const char *file, const char *function, int line, const QString &message)
     {
         const std::lock_guard lock(m_mutex);
-        m_entries.push_back(std::move(entry));
+        if (m_ended || !zelUpdaterLog().isEnabled(flag == DDLogFlag::Info ? QtInfoMsg : QtDebugMsg))
+            return;
+        if (!m_thread.joinable())
+            startThread();
+        if (m_leftOut > 0 || m_entries.size() >= MostEntries || m_characters >= MostCharacters) {
+            ++m_leftOut;
+            return;
+        }
+        m_entries.push_back({flag, file, function, line, cut(message)});
+        m_characters += m_entries.back().message.size();
         m_changed.notify_all();
+    }
+
+    void addToSystemLog(const QString &message)
+    {
+        std::unique_lock lock(m_mutex);
+        if (!m_ended)
+            callHandler(lock, [&] { qCInfo(zelSystemLog).noquote() << message; });
     }
 
     void flush()
     {
         std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_entries.empty() && !m_writing; });
+        if (!m_thread.joinable())
+            writeAll(lock); // no thread is to be had
+        m_changed.wait(lock, [this] { return m_entries.empty() && !m_isWriting; });
     }
 
 private:
-    Writer()
+    struct Ending {
+        explicit Ending(Log &l)
+            : log(l)
+        {
+        }
+        ~Ending() { log.end(); }
+
+        Log &log;
+    };
+
+    Log()
     {
-        // Made before the writer, so that they outlive the last message: the category and Qt's message pattern.
+        // Made before the ending, so that they outlive the last message: the categories and Qt's message pattern.
         zelUpdaterLog();
+        zelSystemLog();
         qFormatLogMessage(QtInfoMsg, {}, {});
-        const zel::BlockedSignals blocked(zel::BlockedSignals::asynchronous());
-        m_thread = std::thread([this] { run(); });
     }
 
-    ~Writer()
+    void startThread()
     {
-        {
-            const std::lock_guard lock(m_mutex);
-            m_ending = true;
-            m_changed.notify_all();
+        try {
+            const zel::BlockedSignals blocked(zel::BlockedSignals::asynchronous());
+            m_thread = std::thread([this] { run(); });
+        } catch (const std::system_error &) {
+            // What waits is written by the next message that gets a thread, by a flush, or at the end.
         }
-        m_thread.join();
     }
 
     void run()
     {
         std::unique_lock lock(m_mutex);
         for (;;) {
-            m_changed.wait(lock, [this] { return m_ending || !m_entries.empty(); });
-            if (m_entries.empty())
+            writeAll(lock);
+            if (m_ended)
                 return;
+            m_changed.wait(lock, [this] { return m_ended || !m_entries.empty(); });
+        }
+    }
+
+    void writeAll(std::unique_lock<std::mutex> &lock)
+    {
+        m_isWriting = true;
+        while (!m_entries.empty()) {
             const Entry entry = std::move(m_entries.front());
             m_entries.pop_front();
-            m_writing = true;
-            lock.unlock();
-            write(entry);
-            lock.lock();
-            m_writing = false;
-            m_changed.notify_all();
+            m_characters -= entry.message.size();
+            callHandler(lock, [&] { write(entry); });
+            if (!m_entries.empty() || m_leftOut == 0)
+                continue;
+            const QString line = QStringLiteral("%1 messages were left out").arg(std::exchange(m_leftOut, 0));
+            callHandler(lock, [&] { write({entry.flag, __FILE__, Q_FUNC_INFO, __LINE__, line}); });
         }
+        m_isWriting = false;
+        m_changed.notify_all();
+    }
+
+    template <typename Call> void callHandler(std::unique_lock<std::mutex> &lock, Call call)
+    {
+        ++m_calls;
+        ++s_ownCalls;
+        lock.unlock();
+        call();
+        lock.lock();
+        --s_ownCalls;
+        --m_calls;
+        m_changed.notify_all();
+    }
+
+    // The process exits, perhaps because a message handler says so: its own call is not waited for.
+    void end()
+    {
+        std::unique_lock lock(m_mutex);
+        m_ended = true;
+        m_changed.notify_all();
+        if (!m_thread.joinable())
+            writeAll(lock);
+        m_changed.wait(lock,
+                       [this] { return m_calls == s_ownCalls && (m_entries.empty() || s_ownCalls > 0); });
+        lock.unlock();
+        if (m_thread.get_id() == std::this_thread::get_id())
+            m_thread.detach();
+        else if (m_thread.joinable())
+            m_thread.join();
     }
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<Entry> m_entries;
-    bool m_writing = false;
-    bool m_ending = false;
+    qsizetype m_characters = 0; // in the entries
+    qint64 m_leftOut = 0; // since the queue was full
+    int m_calls = 0; // of the host's message handler, that have not returned
+    bool m_isWriting = false;
+    bool m_ended = false;
     std::thread m_thread;
+    static thread_local int s_ownCalls;
 };
+
+thread_local int Log::s_ownCalls = 0;
 
 } // namespace
 
 void DDLog::log(DDLogFlag flag, const char *file, const char *function, int line, const QString &message)
 {
-    if (zelUpdaterLog().isEnabled(flag == DDLogFlag::Info ? QtInfoMsg : QtDebugMsg))
-        Writer::instance().add({flag, file, function, line, message});
+    Log::instance().add(flag, file, function, line, message);
 }
 
 void DDLog::flushLog()
 {
-    Writer::instance().flush();
+    Log::instance().flush();
+}
+
+void DDLog::prepare()
+{
+    Log::instance();
 }
 
 void zel::systemLog(const QString &message)
 {
-    qCInfo(zelSystemLog).noquote() << message;
+    Log::instance().addToSystemLog(message);
 }

@@ -1,39 +1,48 @@
 #include "Queues.h"
 
-#include "SignalShield.h"
+#include "SessionThreads.h"
 
 #include <QCoreApplication>
-#include <QThreadPool>
+#include <QThread>
 #include <QTimer>
-
-#include <openssl/crypto.h>
 
 namespace zel {
 
-void onMainQueue(std::function<void()> work)
+namespace {
+
+// Qt copies functors on their way; a copy of this holds nothing of its own. Those that the calling thread makes are gone
+// before the main thread can see the last one.
+auto shared(std::function<void()> &&work)
 {
-    if (auto *application = QCoreApplication::instance())
-        QMetaObject::invokeMethod(application, std::move(work), Qt::QueuedConnection);
+    return [owner = std::make_shared<std::function<void()>>(std::move(work))] { (*owner)(); };
 }
 
-void onMainQueueAfter(std::chrono::milliseconds delay, std::function<void()> work)
+} // namespace
+
+void onMainQueue(std::function<void()> &&work)
 {
     if (auto *application = QCoreApplication::instance())
-        QTimer::singleShot(delay, application, std::move(work));
+        QMetaObject::invokeMethod(application, shared(std::move(work)), Qt::QueuedConnection);
+    work = nullptr;
 }
 
-void onGlobalQueue(std::function<void()> work)
+void onMainQueueAfter(std::chrono::milliseconds delay, std::function<void()> &&work)
 {
-    QThreadPool::globalInstance()->start([work = std::move(work)]() mutable {
-        {
-            const SignalShield shield; // the pool's threads are the host's, too
-            work();
-            work = nullptr;
-        }
-        // Qt does not wait for a pool's thread to its very end. At exit OpenSSL may have cleaned up by then, and would
-        // lose what it keeps for the thread.
-        OPENSSL_thread_stop();
-    });
+    if (auto *application = QCoreApplication::instance())
+        QTimer::singleShot(delay, application, shared(std::move(work)));
+    work = nullptr;
+}
+
+void onGlobalQueue(std::function<void()> &&work)
+{
+    if (!startSession(std::move(work), {}))
+        std::exchange(work, nullptr)();
+}
+
+bool isMainQueue()
+{
+    const auto *application = QCoreApplication::instance();
+    return application && application->thread() == QThread::currentThread();
 }
 
 } // namespace zel

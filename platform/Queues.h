@@ -3,17 +3,42 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
+#include <utility>
 
 namespace zel {
 
-/// Runs `work` on the main queue (the application object's event loop), never before the caller returns.
-/// Dropped when there is no application object. Safe from any thread.
-void onMainQueue(std::function<void()> work);
+/// Runs `work` on the main queue (the application object's event loop), never before the caller returns. It is moved
+/// there and not copied, so all that it holds is destroyed on the main thread, too, right after it ran. What still waits
+/// when the application object ends is destroyed with that object and does not run; without an application object `work`
+/// is dropped at once, on the calling thread. Safe from any thread.
+void onMainQueue(std::function<void()> &&work);
 
 /// As `onMainQueue`, after `delay`.
-void onMainQueueAfter(std::chrono::milliseconds delay, std::function<void()> work);
+void onMainQueueAfter(std::chrono::milliseconds delay, std::function<void()> &&work);
 
-/// Runs `work` on a thread of the global pool, under a `SignalShield`. Safe from any thread.
-void onGlobalQueue(std::function<void()> work);
+/// Runs `work` on a thread of its own, which no signal of the host interrupts and which the application's end waits
+/// for; on the calling thread, before this returns, where no thread is to be had. Safe from any thread.
+void onGlobalQueue(std::function<void()> &&work);
+
+/// Whether the caller is on the thread of the main queue.
+bool isMainQueue();
+
+/// `completion` as one that may be copied, called and dropped on any thread, while all that it holds is destroyed on the
+/// main thread as `onMainQueue` promises: for what a host hands in. An empty one stays empty.
+template <typename... Arguments>
+std::function<void(Arguments...)> keptForMainQueue(std::function<void(Arguments...)> completion)
+{
+    using Completion = std::function<void(Arguments...)>;
+    if (!completion)
+        return {};
+    const auto destroy = [](Completion *unused) {
+        std::shared_ptr<Completion> owner(unused);
+        if (!isMainQueue())
+            onMainQueue([last = std::move(owner)] {});
+    };
+    return [kept = std::shared_ptr<Completion>(new Completion(std::move(completion)), destroy)](
+               Arguments... arguments) { (*kept)(std::forward<Arguments>(arguments)...); };
+}
 
 } // namespace zel

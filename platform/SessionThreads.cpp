@@ -1,11 +1,14 @@
 #include "SessionThreads.h"
 
+#include "DDLog.h"
 #include "SignalShield.h"
 
 #include <QCoreApplication>
 
+#include <algorithm>
 #include <condition_variable>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -26,33 +29,48 @@ public:
         return sessions;
     }
 
-    void start(std::function<void()> body, const std::function<void()> &cancel)
+    bool start(std::function<void()> &body, const std::function<void()> &cancel)
     {
         std::unique_lock lock(m_mutex);
         if (!std::exchange(m_endsWithApplication, true))
             qAddPostRoutine(endAll);
-        m_running.push_front({cancel, {}});
-        const zel::BlockedSignals blocked(zel::BlockedSignals::asynchronous());
-        const auto session = m_running.begin();
-        session->thread = std::thread([this, session, body = std::move(body)]() mutable {
-            body();
-            body = nullptr;
-            leave(session);
-        });
+        const auto session = m_running.insert(m_running.begin(), Session{cancel, {}});
+        if (!run(session, body)) {
+            m_running.erase(session);
+            return false;
+        }
         const bool ending = m_ending;
         lock.unlock();
-        if (ending)
+        if (ending && cancel)
             cancel();
+        return true;
     }
 
 private:
-    Sessions() = default;
+    // What sessions log into is made before them, and therefore ends after them.
+    Sessions() { DDLog::prepare(); }
 
     ~Sessions()
     {
         // The host may leave through exit() with its application object alive, or unload the library.
         qRemovePostRoutine(endAll);
         cancelAndWait();
+    }
+
+    bool run(std::list<Session>::iterator session, std::function<void()> &body)
+    {
+        const auto shared = std::make_shared<std::function<void()>>(std::move(body));
+        try {
+            const zel::BlockedSignals blocked(zel::BlockedSignals::asynchronous());
+            session->thread = std::thread([this, session, shared] {
+                std::exchange(*shared, nullptr)(); // and its end, on this thread
+                leave(session);
+            });
+            return true;
+        } catch (const std::exception &) { // no thread, or no memory for one
+            body = std::move(*shared);
+            return false;
+        }
     }
 
     static void endAll() { instance().cancelAndWait(); }
@@ -79,7 +97,8 @@ private:
         m_ending = true;
         std::list<std::function<void()>> cancels;
         for (const Session &session : m_running)
-            cancels.push_back(session.cancel);
+            if (session.cancel)
+                cancels.push_back(session.cancel);
         return cancels;
     }
 
@@ -88,7 +107,14 @@ private:
         for (const auto &cancel : beginEnding())
             cancel();
         std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_running.empty(); });
+        // A completion may call exit(): its own thread ends with the process.
+        const auto isOwn = [](const Session &session) {
+            return session.thread.get_id() == std::this_thread::get_id();
+        };
+        m_changed.wait(lock, [&] { return std::ranges::all_of(m_running, isOwn); });
+        for (Session &own : m_running)
+            own.thread.detach();
+        m_running.clear();
         std::thread last = std::move(m_ended);
         m_ending = false;
         m_endsWithApplication = false;
@@ -107,7 +133,7 @@ private:
 
 } // namespace
 
-void zel::startSession(std::function<void()> body, std::function<void()> cancel)
+bool zel::startSession(std::function<void()> &&body, std::function<void()> cancel)
 {
-    Sessions::instance().start(std::move(body), cancel);
+    return Sessions::instance().start(body, cancel);
 }

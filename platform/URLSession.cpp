@@ -1,8 +1,11 @@
 #include "URLSession.h"
 
 #include "BodySinks.h"
+#include "Queues.h"
 #include "SessionThreads.h"
 #include "URLTransfer.h"
+
+#include <QCoreApplication>
 
 #include <limits>
 #include <mutex>
@@ -31,11 +34,13 @@ public:
             return;
         lock.unlock();
         URLTransfer::initialiseLibraries();
-        startSession([self = shared_from_this()] { std::exchange(self->m_work, {})(*self); },
-                     [weak = weak_from_this()] {
-                         if (const auto self = weak.lock())
-                             self->cancel();
-                     });
+        const auto self = shared_from_this();
+        const auto cancelled = [weak = weak_from_this()] {
+            if (const auto task = weak.lock())
+                task->cancel();
+        };
+        if (!startSession([self] { self->work(); }, cancelled))
+            failWithoutThread();
     }
 
     void cancel() override
@@ -80,6 +85,8 @@ public:
     /// Moves the bytes and settles how the task ends. The network is done with when this returns.
     ZELError transfer(const URLRequest &request, BodySink &sink, QUrl *responseUrl = nullptr)
     {
+        if (m_hasNoThread)
+            return noThread();
         URLTransfer transfer(request, sink,
                              [this](qint64 received, qint64 expected) { setCounts(received, expected); });
         begin(transfer);
@@ -90,6 +97,26 @@ public:
     }
 
 private:
+    void work() { std::exchange(m_work, {})(*this); }
+
+    // The main queue is the next best place for a completion: it must not be called before `resume` returns.
+    void failWithoutThread()
+    {
+        m_hasNoThread = true;
+        if (QCoreApplication::instance())
+            onMainQueue([self = shared_from_this()] { self->work(); });
+        else
+            work();
+    }
+
+    ZELError noThread()
+    {
+        ZELError error = ZELError::withMessage(QStringLiteral("no thread is to be had"));
+        if (settle())
+            error.code = URLErrorCode::Cancelled;
+        return error;
+    }
+
     void begin(URLTransfer &transfer)
     {
         const std::lock_guard lock(m_mutex);
@@ -129,6 +156,7 @@ private:
     std::shared_ptr<const std::function<void()>> m_observer;
     qint64 m_received = 0;
     qint64 m_expected = -1;
+    bool m_hasNoThread = false;
     bool m_started = false;
     bool m_cancelled = false;
     bool m_ended = false;

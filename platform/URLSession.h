@@ -65,7 +65,8 @@ using DownloadCompletion =
 /// POST is sent once, however its connection ends.
 ///
 /// Needs no running event loop. When the application object is destroyed, or the process exits without that, running
-/// tasks are cancelled and their completions waited for: a completion must never wait for the main thread. The
+/// tasks are cancelled and their completions waited for: a completion must never wait for the main thread. Where no
+/// thread is to be had that is a transport error, too, whose completion comes on the main queue instead. The
 /// application's proxy (QNetworkProxy) is used, and the machine's certificates or those of the file that the variable
 /// SSL_CERT_FILE names.
 std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompletion completion);
