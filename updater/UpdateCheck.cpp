@@ -4,7 +4,11 @@
 #include "DDLog.h"
 #include "Queues.h"
 #include "UpdateDecision.h"
+#include "UpdateStatus.h"
 #include "URLSession.h"
+#include "UserLanguages.h"
+
+#include <new>
 
 namespace zel {
 
@@ -16,13 +20,41 @@ std::optional<qint64> installedBuild(const QVariantMap &config)
     return path.isEmpty() ? std::nullopt : bundleBuild(path);
 }
 
+// Of a check and of the release notes: decoded, and with all redirections.
+constexpr qint64 LongestReply = 4 * 1024 * 1024;
+constexpr std::chrono::minutes LongestTime(2);
+
 URLRequest postRequest(const QUrl &url, const QByteArray &body)
 {
     URLRequest request;
     request.url = url;
     request.method = "POST";
     request.body = body;
+    request.bodyLimit = LongestReply;
+    request.deadline = LongestTime;
     return request;
+}
+
+// What a decision reads. The rest of a configuration is the host's, and stays on the host's threads.
+QVariantMap readBySession(const QVariantMap &config)
+{
+    QVariantMap read;
+    for (const auto &key : {QStringLiteral("build"), QStringLiteral("path")})
+        if (config.contains(key))
+            read[key] = config[key];
+    if (config.contains(QStringLiteral("beta")))
+        read[QStringLiteral("beta")] = true; // its value does not matter
+    return read;
+}
+
+Decision decide(const QByteArray &reply, const QVariantMap &config, const MachineFacts &facts)
+{
+    try {
+        return decideUpdate(reply, config, installedBuild(config), facts);
+    } catch (const std::bad_alloc &) {
+        systemLog(QStringLiteral("no memory for the reply of the check"));
+        return {CheckFailed, {}};
+    }
 }
 
 QUrl patchLogUrl(const QVariantMap &config)
@@ -46,11 +78,11 @@ void checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion)
     const MachineFacts facts = MachineFacts::current();
     const QUrl url(config[QStringLiteral("url")].toString());
     dataTask(postRequest(url, checkRequestBody(config, facts)),
-             [=](const QByteArray &body, const ZELError &error) {
+             [config = readBySession(config), facts,
+              completion = std::move(completion)](const QByteArray &reply, const ZELError &error) mutable {
                  if (error)
                      systemLog(error.message);
-                 onMainQueue([=] {
-                     const Decision decision = decideUpdate(body, config, installedBuild(config), facts);
+                 onMainQueue([decision = decide(reply, config, facts), completion = std::move(completion)] {
                      if (completion)
                          completion(decision.status, decision.result, QVariant());
                  });
@@ -67,22 +99,29 @@ QUrl historyUrl(const QVariantMap &result)
 void downloadHistory(const QVariantMap &config, const QVariantMap &result,
                      std::function<void(const QByteArray &notes)> completion)
 {
-    const QByteArray body = checkRequestBody(config, MachineFacts::current());
-    dataTask(postRequest(historyUrl(result), body), [completion](const QByteArray &notes, const ZELError &) {
-        if (completion)
-            onMainQueue([=] { completion(notes); });
-    })->resume();
+    URLRequest request = postRequest(historyUrl(result), checkRequestBody(config, MachineFacts::current()));
+    request.languages = userLanguages();
+    dataTask(request,
+             [completion = std::move(completion)](const QByteArray &notes, const ZELError &) mutable {
+                 onMainQueue([notes, completion = std::move(completion)] {
+                     if (completion)
+                         completion(notes);
+                 });
+             })
+        ->resume();
 }
 
 void uploadPatchLog(const QVariantMap &config, const QVariantList &log, std::function<void()> ended)
 {
     const QByteArray body = logUploadBody(config, log, MachineFacts::current());
-    dataTask(postRequest(patchLogUrl(config), body), [ended](const QByteArray &, const ZELError &error) {
-        if (error)
-            systemLog(error.message);
-        if (ended)
-            onMainQueue(ended);
-    })->resume();
+    dataTask(postRequest(patchLogUrl(config), body),
+             [ended = std::move(ended)](const QByteArray &, const ZELError &error) mutable {
+                 if (error)
+                     systemLog(error.message);
+                 if (ended)
+                     onMainQueue(std::move(ended));
+             })
+        ->resume();
 }
 
 } // namespace zel

@@ -8,12 +8,15 @@
 namespace zel {
 
 /// Posts the machine's facts to the configuration's "url", decides over the reply and calls `completion` exactly once,
-/// on the main queue. Of `config` the keys "url", "build", "beta" and "path" are read. Checks do not know of each
-/// other; any number may run. Safe from any thread; needs the application object's event loop.
+/// on the main queue, where all that it holds is destroyed, too. Of `config` the keys "url", "build", "beta" and "path"
+/// are read. The reply is read and decided on the session's thread; one that takes more than two minutes or, decoded,
+/// 4 MiB is none. Checks do not know of each other; any number may run. Safe from any thread; needs the application
+/// object's event loop.
 void checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion);
 
-/// Posts the machine's facts to the "history" address of the result's "update" and calls `completion` on the main queue
-/// with the body that came, the release notes; null when none did. The HTTP status is not looked at.
+/// Posts the machine's facts to the "history" address of the result's "update", asking for the user's languages, and
+/// calls `completion` on the main queue with the body that came, the release notes; null when none did, or none within
+/// the limits of a check. The HTTP status is not looked at.
 void downloadHistory(const QVariantMap &config, const QVariantMap &result,
                      std::function<void(const QByteArray &notes)> completion);
 

@@ -1,7 +1,8 @@
 #include "NotesProfile.h"
 
+#include "UserLanguages.h"
+
 #include <QBuffer>
-#include <QLocale>
 #include <QWebEngineScript>
 #include <QWebEngineScriptCollection>
 #include <QWebEngineUrlRequestInfo>
@@ -69,7 +70,7 @@ void registerNotesScheme()
 NotesProfile::NotesProfile()
 {
     setHttpUserAgent(QStringLiteral("corrand"));
-    setHttpAcceptLanguage(QLocale().uiLanguages().join(u','));
+    setHttpAcceptLanguage(QString::fromLatin1(userLanguages()));
     scripts()->insert(script());
     setUrlRequestInterceptor(&m_fence);
     installUrlSchemeHandler(Scheme, &m_source);
