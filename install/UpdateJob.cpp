@@ -81,11 +81,13 @@ void UpdateJob::resume()
         if (std::exchange(m_started, true))
             return;
     }
-    startSession([self = shared_from_this()] { self->run(); },
-                 [weak = weak_from_this()] {
-                     if (const auto self = weak.lock())
-                         self->cancel();
-                 });
+    const auto self = shared_from_this();
+    const auto cancelled = [weak = weak_from_this()] {
+        if (const auto job = weak.lock())
+            job->cancel();
+    };
+    if (!startSession([self] { self->run(); }, cancelled))
+        onMainQueue([self] { self->finish({Ending::TransferFailed}); }); // no thread is to be had
 }
 
 void UpdateJob::run()

@@ -5,8 +5,6 @@
 #include "SessionThreads.h"
 #include "URLTransfer.h"
 
-#include <QCoreApplication>
-
 #include <limits>
 #include <mutex>
 #include <utility>
@@ -99,11 +97,11 @@ public:
 private:
     void work() { std::exchange(m_work, {})(*this); }
 
-    // The main queue is the next best place for a completion: it must not be called before `resume` returns.
+    // The main thread is not to meet a completion before `resume` returns; any other is as good as a session's.
     void failWithoutThread()
     {
         m_hasNoThread = true;
-        if (QCoreApplication::instance())
+        if (isMainQueue())
             onMainQueue([self = shared_from_this()] { self->work(); });
         else
             work();

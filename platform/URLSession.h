@@ -66,9 +66,9 @@ using DownloadCompletion =
 ///
 /// Needs no running event loop. When the application object is destroyed, or the process exits without that, running
 /// tasks are cancelled and their completions waited for: a completion must never wait for the main thread. Where no
-/// thread is to be had that is a transport error, too, whose completion comes on the main queue instead. The
-/// application's proxy (QNetworkProxy) is used, and the machine's certificates or those of the file that the variable
-/// SSL_CERT_FILE names.
+/// thread is to be had that is a transport error, too, whose completion comes on the main queue if the task was resumed
+/// there, else before `resume` returns. The application's proxy (QNetworkProxy) is used, and the machine's certificates
+/// or those of the file that the variable SSL_CERT_FILE names.
 std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompletion completion);
 
 /// A request whose body goes to a new file in `temporaryFolder` as it arrives, with any content coding left as it is;
