@@ -1,6 +1,5 @@
 #include "BundleBuild.h"
 
-#include "ArchiveExtractor.h"
 #include "BundleInfo.h"
 #include "BundleSeal.h"
 #include "DDLog.h"
@@ -8,6 +7,7 @@
 #include "IntegerValue.h"
 #include "MD5Digest.h"
 #include "PatchLog.h"
+#include "ProgramFile.h"
 #include "StagingFolder.h"
 #include "ZELUpdaterApplyPatch.h"
 
@@ -117,13 +117,16 @@ UnpackedBundle unpackUpdate(const QString &archive, const QString &staging, cons
     QString folder;
     ZELError failure = makeBuildFolder(staging, folder);
     if (!failure) {
-        extractArchive(archive, folder, [&](bool ok, const QString &bundle, const ZELError &error) {
+        const auto unpacked = [&](bool ok, const QString &bundle, const ZELError &error) {
             result = {ok, bundle};
             failure = error;
-        });
+        };
+        extractArchive(archive, folder, unpacked, {.tool = inputs.archiveTool, .stop = inputs.stop});
     }
     if (!failure)
         failure = judgeUnpacked(result.path, inputs);
+    if (!failure)
+        failure = makeProgramExecutable(result.path); // whatever the archive said: modes are not sealed
     if (failure) {
         systemLog(failure.message);
         removeTree(folder);

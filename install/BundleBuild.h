@@ -3,6 +3,7 @@
 // nor is handed out.
 #pragma once
 
+#include "ArchiveExtractor.h"
 #include "SignerPins.h"
 #include "ZELError.h"
 
@@ -16,8 +17,9 @@ namespace zel {
 /// What a new bundle is made of and judged by, besides the downloaded file.
 struct BuildInputs {
     QString installedBundle; ///< what patches start from and the new bundle is compared with; only read
-    SignerPins signers; ///< those that may have sealed the new bundle, as for `verifySeal`
-    QVariant announcedBuild; ///< the "build" of the update record
+    SignerPins signers = {}; ///< those that may have sealed the new bundle, as for `verifySeal`
+    QVariant announcedBuild = {}; ///< the "build" of the update record
+    QString archiveTool = zel::archiveTool(); ///< what unpacks archives
     std::stop_token stop = {}; ///< ends the step, which has failed then
 };
 

@@ -245,6 +245,7 @@ BuildInputs UpdateJob::buildInputs() const
     return {.installedBundle = m_inputs.installedBundle,
             .signers = m_inputs.signers,
             .announcedBuild = record()[QStringLiteral("build")],
+            .archiveTool = m_inputs.archiveTool,
             .stop = m_stop.get_token()};
 }
 

@@ -29,7 +29,8 @@ public:
         QVariantMap offer; ///< the check result
         QString installedBundle; ///< the bundle that patches start from; only read
         QString stagingRoot; ///< staging folders are made below it
-        SignerPins signers; ///< as for `verifySeal`
+        SignerPins signers = {}; ///< as for `verifySeal`
+        QString archiveTool = zel::archiveTool(); ///< what unpacks archives
     };
 
     /// What the job tells on its way; each may be left out.

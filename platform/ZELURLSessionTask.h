@@ -19,7 +19,7 @@ public:
     virtual void resume() = 0;
 
     /// Ends the task, one that was never resumed too, as cancelled: when this returns before the completion was
-    /// entered, the completion is told so. Does nothing after that.
+    /// entered, the completion is told so, or, of an update, never called. Does nothing after that.
     virtual void cancel() = 0;
 
     /// Bytes of the body that have come in so far.
@@ -29,9 +29,8 @@ public:
     virtual qint64 countOfBytesExpectedToReceive() const = 0;
 
     /// Calls `observer` once before this returns, then on the session's thread after each change of
-    /// `countOfBytesReceived`, never after the completion was entered. There is one observer, which for the updater's
-    /// own download is the updater's: a host that sets another takes the progress from the download page. An empty
-    /// function removes it. One that another thread removes may still be finishing a call when this returns.
+    /// `countOfBytesReceived`, never after the completion was entered. There is one observer; an empty function removes
+    /// it. One that another thread removes may still be finishing a call when this returns.
     virtual void observeCountOfBytesReceived(std::function<void()> observer) = 0;
 
 protected:

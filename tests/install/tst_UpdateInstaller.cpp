@@ -465,6 +465,32 @@ private slots:
         compareStaged(staging.path("staging"), {});
     }
 
+    void cancelEndsAnArchiveToolThatHangs()
+    {
+        TestServer server;
+        server.answer("/full.zip", {{.body = m_zip}});
+        const TemporaryTree staging;
+        const QString started = staging.path("started");
+        const QString tool = staging.write(
+            "tool", "#!/bin/sh\ncat >/dev/null; : >'" + started.toUtf8() + "'; exec sleep 1000\n", 0755);
+        QVariantMap update = offer(server, {});
+        update.remove("patch");
+        const LogCapture capture;
+        int calls = 0;
+        const auto job = UpdateJob::create({.offer = update,
+                                            .installedBundle = m_tree.path("installed/Example.app"),
+                                            .stagingRoot = staging.path("root"),
+                                            .archiveTool = tool},
+                                           {}, [&](qint64, const QString &) { ++calls; });
+        job->resume();
+        QTRY_VERIFY(QFileInfo::exists(started));
+        job->cancel();
+        QTRY_VERIFY(capture.lines("zel.updater").contains("download was cancelled"));
+        QVERIFY(QDir(staging.path("root")).isEmpty());
+        QCoreApplication::processEvents();
+        QCOMPARE(calls, 0);
+    }
+
     void completionMayBeLeftOut()
     {
         TestServer server;
