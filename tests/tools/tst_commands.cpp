@@ -8,6 +8,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTcpSocket>
 
@@ -58,19 +59,34 @@ class tst_commands : public QObject
 
     Outcome run(const char *line) const { return run(QString::fromUtf8(line).split(u'|')); }
 
-    void makeBundle(const QString &name, const QByteArray &build)
+    void makeBundle(const QString &name, const QByteArray &build, const QByteArray &identifier = {})
     {
-        m_tree.write(
-            name + "/Contents/Info.plist",
-            "<plist version=\"1.0\"><dict><key>CFBundleVersion</key><string>" + build
-                + "</string><key>CFBundleShortVersionString</key><string>1.0</string></dict></plist>");
+        const QByteArray key = identifier.isEmpty()
+            ? QByteArray()
+            : "<key>CFBundleIdentifier</key><string>" + identifier + "</string>";
+        m_tree.write(name + "/Contents/Info.plist",
+                     "<plist version=\"1.0\"><dict><key>CFBundleVersion</key><string>" + build
+                         + "</string><key>CFBundleShortVersionString</key><string>1.0</string>" + key
+                         + "</dict></plist>");
         m_tree.write(name + "/Contents/MacOS/example", QByteArray("program ").repeated(5000) + build, 0755);
+    }
+
+    Outcome sign(const QString &bundle, const QString &signer = "maker")
+    {
+        return run(
+            {"sign", "{}/" + bundle, "--key", "{}/" + signer + ".key", "--cert", "{}/" + signer + ".crt"});
+    }
+
+    QStringList hiddenFolders(const QString &folder)
+    {
+        return QDir(m_tree.path(folder)).entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot);
     }
 
 private slots:
     void initTestCase()
     {
         makeTestCertificate(m_tree.path(), "maker");
+        makeTestCertificate(m_tree.path(), "other");
         makeBundle("100/My App.app", "100");
         makeBundle("101/My App.app", "101");
         m_tree.write("a", QByteArray("some text ").repeated(50));
@@ -81,10 +97,12 @@ private slots:
         makeBundle("bare/My App.app", "100");
         makeBundle("case/My App.app", "100");
         m_tree.write("case/My App.app/Contents/info.plist", "differs by case");
-        for (const char *build : {"100", "101", "case"}) {
-            const QString bundle = QString("{}/%1/My App.app").arg(build);
-            QCOMPARE(run({"sign", bundle, "--key", "{}/maker.key", "--cert", "{}/maker.crt"}).status, 0);
-        }
+        makeBundle("dotted/My App.app", "0.24.2");
+        m_tree.directory("linked");
+        m_tree.link("linked/releases.json", "/none/releases.json");
+        m_tree.link("unmounted", "/none/releases");
+        for (const char *build : {"100", "101", "case"})
+            QCOMPARE(sign(QString("%1/My App.app").arg(build)).status, 0);
         QCOMPARE(run("make-patch|{}/100/My App.app|{}/101/My App.app|{}/good.patch").status, 0);
     }
 
@@ -159,9 +177,15 @@ private slots:
         row("release|{}/100|{}/r0", 1, "^$", "CFBundleVersion");
         row("release|{}/100/My App.app|{}/r1|--patch-only", 0, "offered to nobody", "^$");
         row("release|{}/bare/My App.app|{}/r0", 1, "^$", "seal the bundle with 'zelupdater sign' first");
-        row("release|{}/100/My App.app|{}/r0|--notes|{}/none.html", 1, "My App-100.zip",
-            "cannot read the notes .*none.html");
-        row("release|{}/100/My App.app|{}/a", 1, "^$", "cannot make the folder");
+        row("release|{}/100/My App.app|{}/r0|--notes|{}/none.html", 1, "^$",
+            "cannot read .*none.html: No such file or directory\n$");
+        row("release|{}/100/My App.app|{}/a", 1, "^$", "/a is not a folder");
+        row("release|{}/100/My App.app|{}/unmounted", 1, "^$",
+            "is not a folder, or a link that leads nowhere");
+        row("release|{}/100/My App.app|{}/linked", 1, "^$", "cannot read .*releases.json: No such file");
+        row("release|{}/dotted/My App.app|{}/r0", 1, "^$",
+            "the build '0.24.2': .* a whole number above 0, such as");
+        row("release|{}/100/My App.app|{}/r0|--arch|x86_64", 2, "^$", "--arch takes x86 .*, arm or all");
         row("serve|{}/none", 1, "^$", "is not a folder");
         row("serve|{}|--port|99999", 2, "^$", "--port takes a whole number from 0 to 65535");
     }
@@ -244,10 +268,79 @@ private slots:
         }
     }
 
+    void releasesOfOneFolderBelongTogether()
+    {
+        makeBundle("1/A.app", "1", "org.example.a");
+        makeBundle("2/A.app", "2", "org.example.a");
+        makeBundle("3/A.app", "3", "org.example.b");
+        for (int i = 0; i < 200; ++i) { // to be removed one by one, by names that do not compress
+            const QByteArray name =
+                QCryptographicHash::hash(QByteArray::number(i), QCryptographicHash::Sha512);
+            m_tree.write("1/A.app/Contents/r/" + name.toHex(), "");
+        }
+        m_tree.write("2/A.app/Contents/r/stays", "");
+        QCOMPARE(sign("1/A.app").status, 0);
+        QCOMPARE(sign("2/A.app", "other").status, 0);
+        QCOMPARE(sign("3/A.app").status, 0);
+        m_tree.write("ours/.release-killed/A-0.zip", "left by a process that was killed");
+        QCOMPARE(run("release|{}/1/A.app|{}/ours").status, 0);
+        QCOMPARE(hiddenFolders("ours"), QStringList());
+
+        const QByteArray feed = m_tree.read("ours/releases.json");
+        const Outcome foreign = run("release|{}/3/A.app|{}/ours|--new-signer");
+        QVERIFY2(foreign.err.contains("another application ('org.example.b')"), foreign.err.constData());
+        const Outcome unsaid = run("release|{}/2/A.app|{}/ours");
+        QVERIFY2(unsaid.err.contains("another signer (CN = other)"), unsaid.err.constData());
+        QVERIFY(unsaid.err.contains("--new-signer"));
+        QVERIFY(QFile::rename(m_tree.path("ours/A-1.zip"), m_tree.path("A-1.zip")));
+        const Outcome gone = run("release|{}/2/A.app|{}/ours|--new-signer");
+        QVERIFY2(gone.err.contains("archive of build 1 cannot be read"), gone.err.constData());
+        QCOMPARE(foreign.status + unsaid.status + gone.status, 3);
+        QCOMPARE(m_tree.read("ours/releases.json"), feed);
+
+        QVERIFY(QFile::rename(m_tree.path("A-1.zip"), m_tree.path("ours/A-1.zip")));
+        const Outcome meant = run("release|{}/2/A.app|{}/ours|--new-signer|--json");
+        QCOMPARE(meant.status, 0);
+        QCOMPARE(meant.json()["leftOut"][0]["build"], QJsonValue(1));
+        QCOMPARE(meant.json()["leftOut"][0]["reason"], QJsonValue("it would be no smaller than the archive"));
+    }
+
+    void releasesAtOnceAreAllKept()
+    {
+        std::vector<std::unique_ptr<QProcess>> releases;
+        for (const char *build : {"100", "101"}) {
+            releases.push_back(std::make_unique<QProcess>());
+            releases.back()->start(
+                ZELUPDATER,
+                {"release", m_tree.path(QString("%1/My App.app").arg(build)), m_tree.path("both")});
+        }
+        for (const auto &release : releases)
+            QVERIFY(release->waitForFinished(120000) && release->exitCode() == 0);
+        QCOMPARE(QJsonDocument::fromJson(m_tree.read("both/releases.json")).array().size(), 2);
+    }
+
+    void interruptedReleaseLeavesNothing()
+    {
+        makeBundle("large/My App.app", "100");
+        QByteArray noise(30 << 20, Qt::Uninitialized);
+        QRandomGenerator(1).fillRange(reinterpret_cast<quint32 *>(noise.data()), noise.size() / 4);
+        m_tree.write("large/My App.app/Contents/noise", noise);
+        QCOMPARE(sign("large/My App.app").status, 0);
+        QProcess release;
+        release.start(ZELUPDATER, {"release", m_tree.path("large/My App.app"), m_tree.path("cut")});
+        QTRY_VERIFY_WITH_TIMEOUT(!hiddenFolders("cut").isEmpty(), 60000);
+        release.terminate();
+        QVERIFY(release.waitForFinished(120000));
+        QCOMPARE(release.exitStatus(), QProcess::CrashExit);
+        QCOMPARE(hiddenFolders("cut"), QStringList());
+        QVERIFY(!QFileInfo::exists(m_tree.path("cut/releases.json")));
+    }
+
     void releasesAreServedAndInstalled()
     {
         // What failed in the rows above has left nothing behind.
-        QVERIFY(QDir(m_tree.path("r0")).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot));
+        QCOMPARE(QDir(m_tree.path("r0")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                 QStringList{".lock"});
         QCOMPARE(run("release|{}/100/My App.app|{}/releases").status, 0);
         const Outcome second =
             run("release|{}/101/My App.app|{}/releases|--notes|{}/notes.html|--beta|--patch-only|--json");
@@ -273,8 +366,13 @@ private slots:
         const QJsonValue offer = client(QStringList(check) << "--beta").json();
         QCOMPARE(offer["text"], QJsonValue("Update Available"));
         const QJsonValue result = offer["result"];
-        const QStringList patchKeys{"build", "file", "hash"};
-        QCOMPARE(result["patch"].toObject().keys(), patchKeys);
+        for (const auto &[key, name] :
+             {std::pair("update", "My App-101.zip"), std::pair("patch", "My App-100-to-101.zelpatch")}) {
+            const QByteArray file = m_tree.read(QString("releases/") + name);
+            QCOMPARE(result[key]["size"], QJsonValue(file.size()));
+            const QByteArray hash = QCryptographicHash::hash(file, QCryptographicHash::Sha256).toHex();
+            QCOMPARE(result[key]["sha256"], QJsonValue(QString::fromLatin1(hash)));
+        }
         QCOMPARE(result["patch"]["build"], QJsonValue(100));
 
         const QStringList update{"update", "--path", installed, "--staging", "{}/staging"};

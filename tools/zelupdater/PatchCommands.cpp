@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "FileTree.h"
+#include "Interrupt.h"
 #include "PatchFile.h"
 #include "PatchLog.h"
 #include "PatchMaker.h"
@@ -109,6 +110,7 @@ int runApplyPatch(const Arguments &arguments)
     const QString patch = absolute(arguments.positional(2));
     if (const QString problem = misplaced(oldBundle, newBundle, patch); !problem.isNull())
         return arguments.failed(problem);
+    const Leftover unfinished(newBundle);
     QVariantList log;
     const bool applied = ZELUpdaterApplyPatch(oldBundle, newBundle, patch, log);
     const QJsonArray json = patchLogJson(log);
@@ -138,6 +140,7 @@ int runTestPatch(const Arguments &arguments)
             QStringLiteral("%1 is replaced by the patched bundle, so it cannot hold, or lie in, "
                            "the reference %2; give another place for the new bundle")
                 .arg(newBundle, expected));
+    const Leftover unfinished(newBundle);
     const bool matches = ZELUpdaterTestPatch(oldBundle, newBundle, patch, expected);
     const QJsonObject json{{QLatin1String("matches"), matches}};
     if (matches)

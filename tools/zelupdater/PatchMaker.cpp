@@ -3,13 +3,13 @@
 #include "BundleTree.h"
 #include "FileSlices.h"
 #include "FileTree.h"
+#include "Interrupt.h"
 #include "PatchFile.h"
 #include "PatchPlan.h"
 #include "ZELUpdaterApplyPatch.h"
 
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 
 #include <filesystem>
 #include <new>
@@ -177,7 +177,7 @@ ZELError makePatch(const QString &oldPath, const QString &newPath, const QString
         return error;
     // Beside the patch, so that its new name is a rename and the proof has the space that the patch's folder has. Made
     // before the long work, which would be lost if nothing can be written there.
-    const QTemporaryDir folder(QFileInfo(patchPath).absolutePath() + QLatin1String("/.make-patch-XXXXXX"));
+    const ScratchFolder folder(QFileInfo(patchPath).absolutePath() + QLatin1String("/.make-patch-XXXXXX"));
     if (!folder.isValid())
         return ZELError::withMessage(QLatin1String("cannot write ") + patchPath + QLatin1String(": ")
                                      + folder.errorString());

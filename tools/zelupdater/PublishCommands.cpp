@@ -18,24 +18,33 @@ int runRelease(const Arguments &arguments)
     const std::optional<qint64> memory = memoryBudget(arguments);
     if (!memory)
         return WrongUsage;
+    const QString arch = arguments.value(QStringLiteral("arch"));
+    if (!QStringList{QString(), QStringLiteral("x86"), QStringLiteral("arm"), QStringLiteral("all")}.contains(
+            arch))
+        return arguments.misused(
+            QStringLiteral("--arch takes x86 (Intel processors), arm or all, not '%1'").arg(arch));
     ReleaseFolder::Options options;
     options.memory = *memory;
     options.notes = arguments.value(QStringLiteral("notes"));
-    options.arch = arguments.value(QStringLiteral("arch"));
+    options.arch = arch;
     options.beta = arguments.isSet(QStringLiteral("beta"));
     options.patchOnly = arguments.isSet(QStringLiteral("patch-only"));
+    options.noPatches = arguments.isSet(QStringLiteral("no-patches"));
+    options.newSigner = arguments.isSet(QStringLiteral("new-signer"));
     options.say = [&arguments](const QString &line) {
         Arguments::showProgress({});
         arguments.say(line);
     };
     options.progress = showPatchProgress;
-    QJsonObject record;
-    if (const ZELError error = ReleaseFolder(folder).add(bundle, options, record))
+    ReleaseFolder::Added added;
+    if (const ZELError error = ReleaseFolder(folder).add(bundle, options, added))
         return arguments.failed(error.message);
+    QJsonObject json = added.record;
+    json[QLatin1String("leftOut")] = added.leftOut;
     return arguments.done(QStringLiteral("build %1 is released in %2")
-                              .arg(record[QLatin1String("build")].toInteger())
+                              .arg(added.record[QLatin1String("build")].toInteger())
                               .arg(arguments.positional(1)),
-                          record);
+                          json);
 }
 
 int runServe(const Arguments &arguments)
@@ -78,6 +87,8 @@ std::vector<Command> publishCommands()
          {{word("notes"), word("The release notes, an HTML file."), word("FILE")},
           {word("beta"), word("Offer the build to beta testers only.")},
           {word("patch-only"), word("Offer the build only to installations that a patch can bring there.")},
+          {word("no-patches"), word("Make no patches: the full archive alone.")},
+          {word("new-signer"), word("The bundle is sealed by another signer than the last release's.")},
           {word("arch"), word("The processor that the build is for: x86, arm or all."), word("WORD")},
           memoryOption()},
          {},

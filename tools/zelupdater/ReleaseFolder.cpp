@@ -3,25 +3,39 @@
 #include "ArchiveExtractor.h"
 #include "BundleInfo.h"
 #include "BundleSeal.h"
+#include "FileDescriptor.h"
 #include "FileTree.h"
 #include "IntegerValue.h"
-#include "MD5Digest.h"
+#include "Interrupt.h"
+#include "PublishedFile.h"
+#include "SealSigner.h"
 #include "ZipWriter.h"
 
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QJsonObject>
-#include <QTemporaryDir>
 #include <QUrl>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <optional>
+#include <sys/file.h>
+#include <sys/stat.h>
 
 namespace zel {
 
 namespace {
 
-const QLatin1String FeedName("releases.json");
+const QLatin1String FeedName("/releases.json");
+const QLatin1String LockName("/.lock");
+const QLatin1String ScratchName("/.release-");
 
-qint64 buildOf(const QJsonObject &record)
+ZELError problem(const QString &message)
+{
+    return ZELError::withMessage(message);
+}
+
+qint64 buildOf(const QJsonValue &record)
 {
     return integerValue(record[QLatin1String("build")].toVariant());
 }
@@ -37,185 +51,376 @@ QString nameOf(const QJsonValue &address)
     return QUrl::fromPercentEncoding(address.toString().toLatin1());
 }
 
-} // namespace
+QString sizeText(qint64 bytes)
+{
+    return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
+}
 
-struct ReleaseFolder::Build {
+// Whether something is at a path, if only a link to nothing. What cannot be looked at is not taken for missing.
+ZELError lookAt(const QString &path, bool &isThere)
+{
+    struct stat status;
+    isThere = ::lstat(QFile::encodeName(path).constData(), &status) == 0;
+    return isThere || errno == ENOENT ? ZELError()
+                                      : ZELError::fromErrno(QLatin1String("cannot look at ") + path, errno);
+}
+
+struct Build {
     QString bundle;
     QString name; // of the application
     qint64 number = 0;
     QString version;
+    QString identifier;
+    QList<SealSigner> signers;
 
     static ZELError read(const QString &bundle, Build &build)
     {
         const std::optional<QVariantMap> info = bundleInfo(bundle);
         if (!info)
-            return ZELError::withMessage(bundle + QLatin1String(" is not a bundle"));
+            return problem(bundle + QLatin1String(" is not a bundle"));
+        const QString number = (*info)[QStringLiteral("CFBundleVersion")].toString();
+        bool understood = false;
+        build.number = number.toLongLong(&understood);
+        if (number.isEmpty())
+            return problem(
+                bundle + QLatin1String(" states no build: its Info.plist needs a CFBundleVersion above 0"));
+        if (!understood || build.number <= 0)
+            return problem(
+                QStringLiteral("%1 states the build '%2': CFBundleVersion has to be a whole number above "
+                               "0, such as 25, and CFBundleShortVersionString is for versions")
+                    .arg(bundle, number));
+        if (QFileInfo(bundle).suffix() != QLatin1String("app"))
+            return problem(bundle
+                           + QLatin1String(" must be named *.app: updaters find it in the archive by that"));
+        if (const ZELError error = verifySeal(bundle))
+            return problem(error.message + QLatin1String("; seal the bundle with 'zelupdater sign' first"));
         build.bundle = bundle;
         build.name = QFileInfo(bundle).completeBaseName();
-        build.number = integerValue((*info)[QStringLiteral("CFBundleVersion")]);
         build.version = (*info)[QStringLiteral("CFBundleShortVersionString")].toString();
-        if (build.number <= 0)
-            return ZELError::withMessage(
-                bundle + QLatin1String(" states no build: its Info.plist needs a CFBundleVersion above 0"));
-        if (QFileInfo(bundle).suffix() != QLatin1String("app"))
-            return ZELError::withMessage(
-                bundle + QLatin1String(" must be named *.app: updaters find it in the archive by that"));
-        if (const ZELError error = verifySeal(bundle))
-            return ZELError::withMessage(error.message
-                                         + QLatin1String("; seal the bundle with 'zelupdater sign' first"));
+        build.identifier = (*info)[QStringLiteral("CFBundleIdentifier")].toString();
+        build.signers = sealSigners(bundle);
         return {};
     }
 };
 
+// One addition to a release folder, under the folder's lock.
+class Release
+{
+public:
+    Release(const QString &folder, const ReleaseFolder::Options &options, ReleaseFolder::Added &added)
+        : m_folder(folder)
+        , m_options(options)
+        , m_added(added)
+        , m_scratch(folder + ScratchName + QLatin1String("XXXXXX"))
+    {
+    }
+
+    ZELError make(const Build &build, const QByteArray &notes, const QJsonArray &records)
+    {
+        m_build = build;
+        if (!m_scratch.isValid())
+            return problem(QStringLiteral("cannot write to %1: %2").arg(m_folder, m_scratch.errorString()));
+        if (const ZELError error = compareWithLast(records))
+            return error;
+        if (const ZELError error = addArchive())
+            return error;
+        for (const QJsonValue earlier : records) {
+            if (m_options.noPatches || buildOf(earlier) >= m_build.number)
+                continue;
+            if (const ZELError error = addPatch(earlier))
+                return error;
+        }
+        finishRecord();
+        return notes.isNull() ? ZELError() : addNotes(notes);
+    }
+
+    // Files without a record harm nobody: a record without its files would.
+    ZELError publish(const QString &feed)
+    {
+        const Uninterrupted publishing;
+        ZELError error = moveFiles();
+        if (!error)
+            error = appendRecord(feed);
+        for (const QString &name : error ? m_moved : QStringList())
+            QFile::remove(place(name));
+        return error;
+    }
+
+private:
+    ZELError compareWithLast(const QJsonArray &records)
+    {
+        QJsonValue last;
+        for (const QJsonValue record : records) {
+            if (last.isUndefined() || last.isNull() || buildOf(record) > buildOf(last))
+                last = record;
+        }
+        if (last.isNull() || last.isUndefined())
+            return {};
+        QString bundle;
+        if (const ZELError error = unpackEarlier(last, bundle))
+            return error;
+        const QString identifier =
+            bundleInfo(bundle).value_or(QVariantMap())[QStringLiteral("CFBundleIdentifier")].toString();
+        if (!identifier.isEmpty() && identifier != m_build.identifier)
+            return problem(
+                QStringLiteral("%1 is another application ('%2') than the releases in %3 ('%4'): each has a "
+                               "folder of its own")
+                    .arg(m_build.bundle, m_build.identifier, m_folder, identifier));
+        const QList<SealSigner> signers = sealSigners(bundle);
+        if (signers == m_build.signers || m_options.newSigner)
+            return {};
+        return problem(
+            QStringLiteral("%1 is sealed by another signer (%2) than build %3 (%4), and installations may "
+                           "accept that one only; give --new-signer if it is meant")
+                .arg(m_build.bundle, m_build.signers.value(0).subject)
+                .arg(buildOf(last))
+                .arg(signers.value(0).subject));
+    }
+
+    ZELError addArchive()
+    {
+        const QString name = stem() + QLatin1String(".zip");
+        const QString archive = m_scratch.filePath(name);
+        if (const ZELError error = writeBundleZip(m_build.bundle, archive))
+            return error;
+        QString bundle;
+        ZELError error = unpack(archive, QStringLiteral("proof"), bundle);
+        if (!error)
+            error = verifySeal(bundle);
+        if (error)
+            return problem(name + QLatin1String(" could not be installed: ") + error.message);
+        m_added.record = {{QLatin1String("build"), m_build.number},
+                          {QLatin1String("version"), m_build.version}};
+        return announce(name, m_added.record);
+    }
+
+    ZELError addPatch(const QJsonValue &earlier)
+    {
+        const QString name = QStringLiteral("%1-%2-to-%3.zelpatch")
+                                 .arg(m_build.name, QString::number(buildOf(earlier)))
+                                 .arg(m_build.number);
+        QString oldBundle;
+        if (const ZELError error = unpackEarlier(earlier, oldBundle))
+            return error;
+        PatchMakerOptions options;
+        options.memory = m_options.memory;
+        options.progress = m_options.progress;
+        PatchSummary summary;
+        const ZELError error =
+            makePatch(oldBundle, m_build.bundle, m_scratch.filePath(name), options, summary);
+        if (error && !summary.lostModes.isEmpty())
+            return leaveOut(earlier, error.message);
+        if (error)
+            return problem(
+                QStringLiteral("no patch from build %1 could be made: %2; give --no-patches to release the "
+                               "full archive alone")
+                    .arg(buildOf(earlier))
+                    .arg(error.message));
+        if (summary.size >= m_added.record[QLatin1String("size")].toInteger() && !m_options.patchOnly)
+            return leaveOut(earlier, QStringLiteral("it would be no smaller than the archive"));
+        QJsonObject entry{{QLatin1String("build"), buildOf(earlier)}};
+        if (const ZELError unsettled = announce(name, entry))
+            return unsettled;
+        m_patches.append(entry);
+        return {};
+    }
+
+    ZELError leaveOut(const QJsonValue &earlier, const QString &reason)
+    {
+        m_options.say(QStringLiteral("no patch from build %1: %2").arg(buildOf(earlier)).arg(reason));
+        m_added.leftOut.append(
+            QJsonObject{{QLatin1String("build"), buildOf(earlier)}, {QLatin1String("reason"), reason}});
+        return {};
+    }
+
+    void finishRecord()
+    {
+        QJsonObject &record = m_added.record;
+        record[QLatin1String("patches")] = m_patches;
+        if (m_options.patchOnly && m_patches.isEmpty())
+            m_options.say(QStringLiteral(
+                "the build is offered to nobody: there is no patch, and it was asked for patches only"));
+        if (!m_options.arch.isEmpty())
+            record[QLatin1String("arch")] = m_options.arch;
+        if (m_options.beta)
+            record[QLatin1String("beta")] = true;
+        if (m_options.patchOnly)
+            record[QLatin1String("patchonly")] = true;
+    }
+
+    ZELError addNotes(const QByteArray &html)
+    {
+        const QString name = stem() + QLatin1String(".html");
+        m_added.record[QLatin1String("history")] = addressOf(name);
+        m_made.append(name);
+        return writeDurably(m_scratch.filePath(name), html);
+    }
+
+    // A finished file: on the disk, and in its record with all that it is known by.
+    ZELError announce(const QString &name, QJsonObject &record)
+    {
+        record[QLatin1String("file")] = addressOf(name);
+        if (const ZELError error = settleFile(m_scratch.filePath(name), record))
+            return error;
+        if (record[QLatin1String("hash")].toString().isEmpty())
+            return problem(name + QLatin1String(" has no hash that updaters could check it by"));
+        m_made.append(name);
+        m_options.say(
+            QStringLiteral("%1: %2").arg(name, sizeText(record[QLatin1String("size")].toInteger())));
+        return {};
+    }
+
+    ZELError unpackEarlier(const QJsonValue &record, QString &bundle)
+    {
+        const QString archive = place(nameOf(record[QLatin1String("file")]));
+        const QString folder = QStringLiteral("build-%1").arg(buildOf(record));
+        const ZELError error = unpack(archive, folder, bundle);
+        return error
+            ? problem(QStringLiteral("the archive of build %1 cannot be read: %2; bring it back, or take the "
+                                     "build's record out of %3")
+                          .arg(buildOf(record))
+                          .arg(error.message, place(FeedName.mid(1))))
+            : ZELError();
+    }
+
+    // Archives are unpacked once, however often they are asked for.
+    ZELError unpack(const QString &archive, const QString &name, QString &bundle)
+    {
+        QString &known = m_unpacked[name];
+        ZELError error;
+        bool isThere = false;
+        if (known.isNull())
+            error = lookAt(archive, isThere);
+        if (known.isNull() && !error && !isThere)
+            error = problem(archive + QLatin1String(" is gone"));
+        if (known.isNull() && !error) {
+            const QString folder = m_scratch.filePath(name);
+            QDir().mkpath(folder);
+            extractArchive(archive, folder, [&](bool, const QString &path, const ZELError &failed) {
+                known = path;
+                error = failed;
+            });
+        }
+        bundle = known;
+        return error;
+    }
+
+    ZELError moveFiles()
+    {
+        for (const QString &name : std::as_const(m_made)) {
+            if (::rename(QFile::encodeName(m_scratch.filePath(name)).constData(),
+                         QFile::encodeName(place(name)).constData())
+                != 0)
+                return ZELError::fromErrno(QLatin1String("cannot write ") + place(name), errno);
+            m_moved.append(name);
+        }
+        return settleFolder(m_folder);
+    }
+
+    // The feed may have been edited by hand since it was read.
+    ZELError appendRecord(const QString &feed)
+    {
+        QJsonArray records;
+        if (const ZELError error = ReleaseFolder(m_folder).read(records))
+            return error;
+        records.append(m_added.record);
+        return writeDurably(feed, QJsonDocument(records).toJson());
+    }
+
+    QString stem() const { return m_build.name + u'-' + QString::number(m_build.number); }
+    QString place(const QString &name) const { return m_folder + u'/' + name; }
+
+    const QString m_folder;
+    const ReleaseFolder::Options &m_options;
+    ReleaseFolder::Added &m_added;
+    const ScratchFolder m_scratch;
+    Build m_build;
+    QJsonArray m_patches;
+    QMap<QString, QString> m_unpacked; // bundles, by the names of their folders
+    QStringList m_made; // names of files in the scratch folder that are finished
+    QStringList m_moved;
+};
+
+ZELError lockFolder(const QString &folder, const std::function<void(const QString &)> &say,
+                    FileDescriptor &lock)
+{
+    if (!QDir().mkpath(folder))
+        return problem(QLatin1String("cannot make the folder ") + folder);
+    const QByteArray name = QFile::encodeName(folder + LockName);
+    lock = FileDescriptor(::open(name.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666));
+    if (!lock)
+        return ZELError::fromErrno(QLatin1String("cannot write to ") + folder, errno);
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0)
+        return {};
+    if (errno == EWOULDBLOCK) {
+        say(QLatin1String("Waiting for another release in ") + folder);
+        while (::flock(lock.get(), LOCK_EX) != 0) {
+            if (errno != EINTR)
+                return ZELError::fromErrno(QLatin1String("cannot lock ") + folder, errno);
+        }
+        return {};
+    }
+    return ZELError::fromErrno(QLatin1String("cannot lock ") + folder, errno);
+}
+
+// Under the lock nobody works in them.
+void sweepScratch(const QString &folder)
+{
+    const QStringList pattern{ScratchName.mid(1) + u'*'};
+    for (const QString &name : QDir(folder).entryList(pattern, QDir::Dirs | QDir::Hidden | QDir::NoSymLinks))
+        removeTree(folder + u'/' + name);
+}
+
+} // namespace
+
 ZELError ReleaseFolder::read(QJsonArray &records) const
 {
-    if (!QFileInfo::exists(file(FeedName)))
-        return {};
-    const std::optional<QByteArray> bytes = readFile(file(FeedName));
-    const QJsonDocument feed = QJsonDocument::fromJson(bytes.value_or(QByteArray()));
-    if (!feed.isArray())
-        return ZELError::withMessage(file(FeedName)
-                                     + QLatin1String(" is not a feed: it must hold a JSON array"));
-    records = feed.array();
+    bool isThere = false;
+    if (const ZELError error = lookAt(m_path, isThere))
+        return error;
+    if (isThere && !QFileInfo(m_path).isDir())
+        return problem(m_path + QLatin1String(" is not a folder, or a link that leads nowhere"));
+    const QString feed = m_path + FeedName;
+    if (const ZELError error = lookAt(feed, isThere); error || !isThere)
+        return error;
+    QByteArray bytes;
+    if (const ZELError error = readPublished(feed, bytes))
+        return error;
+    const QJsonDocument json = QJsonDocument::fromJson(bytes);
+    if (!json.isArray())
+        return problem(feed + QLatin1String(" is not a feed: it must hold a JSON array"));
+    records = json.array();
     return {};
 }
 
-ZELError ReleaseFolder::add(const QString &bundle, const Options &options, QJsonObject &record) const
+ZELError ReleaseFolder::add(const QString &bundle, const Options &options, Added &added) const
 {
     Build build;
+    QByteArray notes;
+    QJsonArray records;
+    FileDescriptor lock;
+    if (!options.notes.isEmpty()) {
+        if (const ZELError error = readPublished(options.notes, notes))
+            return error;
+    }
     if (const ZELError error = Build::read(bundle, build))
         return error;
-    QJsonArray records;
+    if (const ZELError error = read(records))
+        return error;
+    if (const ZELError error = lockFolder(m_path, options.say, lock))
+        return error;
     if (const ZELError error = read(records))
         return error;
     for (const QJsonValue known : std::as_const(records)) {
-        if (buildOf(known.toObject()) == build.number)
-            return ZELError::withMessage(
-                QStringLiteral("build %1 is already in %2").arg(build.number).arg(m_path));
+        if (buildOf(known) == build.number)
+            return problem(QStringLiteral("build %1 is already in %2").arg(build.number).arg(m_path));
     }
-    if (!QDir().mkpath(m_path))
-        return ZELError::withMessage(QLatin1String("cannot make the folder ") + m_path);
-    QStringList files;
-    ZELError error = addFiles(build, records, options, record, files);
-    if (!error) {
-        records.append(record);
-        error = writeFileAtomically(file(FeedName), QJsonDocument(records).toJson());
-    }
-    if (error) {
-        for (const QString &name : std::as_const(files))
-            QFile::remove(file(name));
-    }
-    return error;
-}
-
-ZELError ReleaseFolder::addFiles(const Build &build, const QJsonArray &records, const Options &options,
-                                 QJsonObject &record, QStringList &files) const
-{
-    const QString stem = build.name + u'-' + QString::number(build.number);
-    const QString archive = stem + QLatin1String(".zip");
-    files.append(archive);
-    if (const ZELError error = writeBundleZip(build.bundle, file(archive)))
+    sweepScratch(m_path);
+    Release release(m_path, options, added);
+    if (const ZELError error = release.make(build, notes, records))
         return error;
-    if (const ZELError error = proveArchive(archive))
-        return error;
-    const qint64 size = QFileInfo(file(archive)).size();
-    options.say(QStringLiteral("%1: %2").arg(
-        archive, QLocale::c().formattedDataSize(size, 1, QLocale::DataSizeSIFormat)));
-    record = {{QLatin1String("build"), build.number},
-              {QLatin1String("version"), build.version},
-              {QLatin1String("file"), addressOf(archive)},
-              {QLatin1String("hash"), MD5FromFile(file(archive)).value_or(QString())}};
-    QJsonArray patches;
-    for (const QJsonValue earlier : records) {
-        if (buildOf(earlier.toObject()) >= build.number)
-            continue;
-        if (const ZELError error = addPatch(build, earlier.toObject(), options, size, patches, files))
-            return error;
-    }
-    record[QLatin1String("patches")] = patches;
-    if (options.patchOnly && patches.isEmpty())
-        options.say(QStringLiteral(
-            "the build is offered to nobody: there is no patch, and it was asked for patches only"));
-    if (!options.arch.isEmpty())
-        record[QLatin1String("arch")] = options.arch;
-    if (options.beta)
-        record[QLatin1String("beta")] = true;
-    if (options.patchOnly)
-        record[QLatin1String("patchonly")] = true;
-    if (options.notes.isEmpty())
-        return {};
-    const QString notes = stem + QLatin1String(".html");
-    const std::optional<QByteArray> html = readFile(options.notes);
-    if (!html)
-        return ZELError::withMessage(QLatin1String("cannot read the notes ") + options.notes);
-    files.append(notes);
-    record[QLatin1String("history")] = addressOf(notes);
-    return writeFileAtomically(file(notes), *html);
-}
-
-ZELError ReleaseFolder::proveArchive(const QString &archive) const
-{
-    const QTemporaryDir scratch(scratchPattern());
-    if (!scratch.isValid())
-        return cannotWrite(scratch);
-    QString bundle;
-    ZELError error = unpack(archive, scratch.path(), bundle);
-    if (!error)
-        error = verifySeal(bundle);
-    return error ? ZELError::withMessage(archive + QLatin1String(" could not be installed: ") + error.message)
-                 : ZELError();
-}
-
-ZELError ReleaseFolder::addPatch(const Build &build, const QJsonObject &earlier, const Options &options,
-                                 qint64 archiveSize, QJsonArray &patches, QStringList &files) const
-{
-    const QTemporaryDir scratch(scratchPattern());
-    if (!scratch.isValid())
-        return cannotWrite(scratch);
-    const QString from = QString::number(buildOf(earlier));
-    const QString name = QStringLiteral("%1-%2-to-%3.zelpatch").arg(build.name, from).arg(build.number);
-    const auto leftOut = [&](const QString &why) {
-        options.say(QStringLiteral("no patch from build %1: %2").arg(from, why));
-        QFile::remove(file(name));
-        return ZELError();
-    };
-    QString oldBundle;
-    const QString archive = nameOf(earlier[QLatin1String("file")]);
-    if (const ZELError error = unpack(archive, scratch.path(), oldBundle))
-        return leftOut(error.message);
-    PatchMakerOptions makerOptions;
-    makerOptions.memory = options.memory;
-    makerOptions.progress = options.progress;
-    PatchSummary summary;
-    if (const ZELError error = makePatch(oldBundle, build.bundle, file(name), makerOptions, summary))
-        return leftOut(error.message);
-    if (summary.size >= archiveSize && !options.patchOnly)
-        return leftOut(QStringLiteral("it would be no smaller than the archive"));
-    files.append(name);
-    patches.append(QJsonObject{{QLatin1String("build"), buildOf(earlier)},
-                               {QLatin1String("file"), addressOf(name)},
-                               {QLatin1String("hash"), MD5FromFile(file(name)).value_or(QString())}});
-    options.say(QStringLiteral("%1: %2").arg(
-        name, QLocale::c().formattedDataSize(summary.size, 1, QLocale::DataSizeSIFormat)));
-    return {};
-}
-
-ZELError ReleaseFolder::unpack(const QString &archive, const QString &folder, QString &bundle) const
-{
-    ZELError error;
-    if (!QFileInfo::exists(file(archive)))
-        return ZELError::withMessage(file(archive) + QLatin1String(" is gone"));
-    extractArchive(file(archive), folder, [&](bool, const QString &path, const ZELError &failed) {
-        bundle = path;
-        error = failed;
-    });
-    return error;
-}
-
-ZELError ReleaseFolder::cannotWrite(const QTemporaryDir &scratch) const
-{
-    return ZELError::withMessage(QLatin1String("cannot write to ") + m_path + QLatin1String(": ")
-                                 + scratch.errorString());
+    const QString feed = m_path + FeedName;
+    return release.publish(QFileInfo(feed).isSymLink() ? QFileInfo(feed).canonicalFilePath() : feed);
 }
 
 } // namespace zel

@@ -5,12 +5,10 @@
 #include "ZELError.h"
 
 #include <QJsonArray>
+#include <QJsonObject>
 #include <QString>
-#include <QStringList>
 
 #include <functional>
-
-class QTemporaryDir;
 
 namespace zel {
 
@@ -24,36 +22,39 @@ public:
     {
     }
 
-    /// Reads the feed; a folder without one has no records yet. An error when it cannot be read or is not an array.
+    /// Reads the feed; a folder without one has no records yet. An error when it cannot be looked at or read, when it
+    /// is a link that leads nowhere, or is not an array.
     ZELError read(QJsonArray &records) const;
 
     struct Options {
-        QString notes; ///< an HTML file; null for none
-        QString arch; ///< the only architecture word that the build is for; null for any
+        QString notes; ///< an HTML file; empty for none
+        QString arch; ///< the only architecture word that the build is for; empty for any
         bool beta = false;
         bool patchOnly = false; ///< offer the build only to installations that a patch can bring there
+        bool noPatches = false; ///< make none
+        bool newSigner = false; ///< the seal may be another signer's than the last release's
         qint64 memory = halfOfMemory(); ///< as in PatchMakerOptions
         std::function<void(const QString &line)> say;
         std::function<void(const QString &step, qint64 done, qint64 total)> progress;
     };
 
+    struct Added {
+        QJsonObject record;
+        QJsonArray leftOut; ///< patches that were not made: objects of "build" and "reason"
+    };
+
     /// Adds a sealed bundle: its full archive, proved by unpacking it as an installation would, a patch from each
-    /// earlier build that is in the folder, and its record. A patch that cannot be made, or is no smaller than the
-    /// archive, is left out and said. The feed is written last: after an error the folder offers what it offered before.
-    ZELError add(const QString &bundle, const Options &options, QJsonObject &record) const;
+    /// earlier build that is in the folder, and its record. A patch that is no smaller than the archive, or cannot be
+    /// because it would bring new executables, is left out and said; any other that cannot be made is an error. The
+    /// bundle has to be of the application, and by the signers, of the release with the highest build.
+    ///
+    /// All is made in a hidden, private folder, and moved into place at the end: the files first, then the feed, each on
+    /// the disk before the next. After an error, or when the process is ended at any point, the folder offers what it
+    /// offered before; what a killed process left is removed by the next. One process at a time adds to a folder;
+    /// others wait for it.
+    ZELError add(const QString &bundle, const Options &options, Added &added) const;
 
 private:
-    struct Build;
-    ZELError addFiles(const Build &build, const QJsonArray &records, const Options &options,
-                      QJsonObject &record, QStringList &files) const;
-    ZELError addPatch(const Build &build, const QJsonObject &earlier, const Options &options,
-                      qint64 archiveSize, QJsonArray &patches, QStringList &files) const;
-    ZELError proveArchive(const QString &archive) const;
-    ZELError unpack(const QString &archive, const QString &folder, QString &bundle) const;
-    ZELError cannotWrite(const QTemporaryDir &scratch) const;
-    QString scratchPattern() const { return m_path + QStringLiteral("/.release-XXXXXX"); }
-    QString file(const QString &name) const { return m_path + u'/' + name; }
-
     const QString m_path;
 };
 

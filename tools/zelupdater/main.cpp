@@ -1,6 +1,7 @@
 // zelupdater: makes, applies, inspects and serves updates.
 #include "Command.h"
 #include "DDLog.h"
+#include "Interrupt.h"
 #include "SafeText.h"
 
 #include <QCoreApplication>
@@ -50,6 +51,7 @@ int main(int argc, char *argv[])
 {
     setUtf8Locale();
     qInstallMessageHandler(showSafely);
+    cleanUpWhenInterrupted();
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("zelupdater"));
     QStringList words = QCoreApplication::arguments();
