@@ -65,7 +65,8 @@ ZELError refuseLinks(const QString &sealFolder)
     return {};
 }
 
-ZELError tryToReplace(const QString &bundle, const Seal &seal, SealFile &resources, SealFile &signature)
+ZELError tryToReplace(const QString &bundle, const Seal &seal, const SealFolder &folder, SealFile &resources,
+                      SealFile &signature)
 {
     if (const ZELError error = resources.writeAside(seal.resources))
         return error;
@@ -75,26 +76,20 @@ ZELError tryToReplace(const QString &bundle, const Seal &seal, SealFile &resourc
         return error;
     if (const ZELError error = signature.moveIntoPlace())
         return error;
-    return verifyAll(bundle, std::nullopt);
+    if (const ZELError error = folder.settle())
+        return error;
+    return verifyAll(bundle, {});
 }
 
-ZELError replaceSeal(const QString &bundle, const QString &sealFolder, const Seal &seal)
+ZELError replaceSeal(const QString &bundle, const SealFolder &folder, const Seal &seal)
 {
-    if (const ZELError error = refuseLinks(sealFolder))
-        return error;
-    if (!QDir().mkpath(sealFolder))
-        return ZELError::withMessage(QLatin1String("cannot make ") + sealFolder);
-    ZELError error;
-    {
-        SealFile resources(sealFolder + QLatin1String("/CodeResources"), MaxResourcesSize);
-        SealFile signature(sealFolder + QLatin1String("/CodeSignature"), MaxSignatureSize);
-        error = tryToReplace(bundle, seal, resources, signature);
-        if (!error)
-            return {};
+    SealFile resources(folder, "CodeResources", MaxResourcesSize);
+    SealFile signature(folder, "CodeSignature", MaxSignatureSize);
+    const ZELError error = tryToReplace(bundle, seal, folder, resources, signature);
+    if (error) {
         signature.putBack();
         resources.putBack();
     }
-    QDir().rmdir(sealFolder); // goes only when it is empty: when the bundle had no seal
     return error;
 }
 
@@ -112,15 +107,23 @@ ZELError sealBundle(const QString &bundle, const QString &keyFile, const QString
     const QString attempt = QStringLiteral("cannot seal");
     Signer signer;
     BundleFolder folder;
+    SealFolder sealFolder;
     Seal seal;
     if (const ZELError error = signer.load(keyFile, certificateFile))
         return because(attempt, bundle, error);
     if (const ZELError error = folder.open(bundle))
         return because(attempt, bundle, error);
-    if (const ZELError error = makeSeal(folder, signer, seal))
-        return because(attempt, bundle, error);
-    const QByteArray sealPath = SealedBundle(folder).sealPath();
-    return because(attempt, bundle, replaceSeal(bundle, bundle + u'/' + QFile::decodeName(sealPath), seal));
+    const QString sealPath = bundle + u'/' + QFile::decodeName(SealedBundle(folder).sealPath());
+    ZELError error = refuseLinks(sealPath);
+    if (!error)
+        error = sealFolder.open(sealPath);
+    if (!error)
+        error = makeSeal(folder, signer, seal);
+    if (!error)
+        error = replaceSeal(bundle, sealFolder, seal);
+    if (error)
+        QDir().rmdir(sealPath); // goes only when it is empty: when the bundle had no seal
+    return because(attempt, bundle, error);
 }
 
 ZELError verifySeal(const QString &bundle, const SignerPins &pins)

@@ -2,41 +2,104 @@
 
 #include <QFile>
 
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace zel {
 
-SealFile::SealFile(const QString &path, qint64 rememberedSize)
-    : m_file(path)
+namespace {
+
+// Always the same name, so that what a killed process left is known for what it is: sealed in, it could never go.
+QByteArray asideOf(const QByteArray &name)
 {
-    QFile previous(path);
-    if (previous.size() <= rememberedSize && previous.open(QIODevice::ReadOnly))
+    return '.' + name + ".new";
+}
+
+bool writeAll(int file, QByteArrayView bytes)
+{
+    while (!bytes.isEmpty()) {
+        const ssize_t count = ::write(file, bytes.data(), size_t(bytes.size()));
+        if (count < 0 && errno != EINTR)
+            return false;
+        bytes = bytes.sliced(count < 0 ? 0 : count);
+    }
+    return true;
+}
+
+} // namespace
+
+ZELError SealFolder::open(const QString &path)
+{
+    m_path = path;
+    const QByteArray name = QFile::encodeName(path);
+    const auto cannot = [&path](const char *what) {
+        return ZELError::fromErrno(QLatin1String("cannot ") + QLatin1String(what) + u' ' + path, errno);
+    };
+    if (::mkdir(name.constData(), 0777) != 0 && errno != EEXIST)
+        return cannot("make");
+    m_folder = FileDescriptor(::open(name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!m_folder)
+        return cannot("open");
+    for (const char *file : {"CodeResources", "CodeSignature"}) {
+        if (::unlinkat(m_folder.get(), asideOf(file).constData(), 0) != 0 && errno != ENOENT)
+            return cannot("write to");
+    }
+    return {};
+}
+
+ZELError SealFolder::settle() const
+{
+    const FileDescriptor above(::openat(m_folder.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return ::fsync(m_folder.get()) == 0 && above && ::fsync(above.get()) == 0
+        ? ZELError()
+        : ZELError::fromErrno(QLatin1String("cannot write to ") + m_path, errno);
+}
+
+SealFile::SealFile(const SealFolder &folder, const QByteArray &name, qint64 rememberedSize)
+    : m_folder(folder)
+    , m_name(name)
+{
+    const FileDescriptor file(
+        ::openat(folder.descriptor(), name.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    QFile previous;
+    if (file && previous.open(file.get(), QIODevice::ReadOnly) && previous.size() <= rememberedSize)
         m_previous = previous.readAll();
+}
+
+SealFile::~SealFile()
+{
+    ::unlinkat(m_folder.descriptor(), asideOf(m_name).constData(), 0);
 }
 
 ZELError SealFile::writeAside(const QByteArray &bytes)
 {
-    const bool written = m_file.open(QIODevice::WriteOnly) && m_file.write(bytes) == bytes.size();
-    return written && m_file.flush() ? ZELError() : failure();
+    FileDescriptor file(::openat(m_folder.descriptor(), asideOf(m_name).constData(),
+                                 O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    return file && writeAll(file.get(), bytes) && ::fsync(file.get()) == 0 && file.close() ? ZELError()
+                                                                                           : failure();
 }
 
 ZELError SealFile::moveIntoPlace()
 {
-    m_moved = m_file.commit();
+    const int folder = m_folder.descriptor();
+    m_moved = ::renameat(folder, asideOf(m_name).constData(), folder, m_name.constData()) == 0;
     return m_moved ? ZELError() : failure();
 }
 
 void SealFile::putBack()
 {
-    QSaveFile file(m_file.fileName());
     if (m_moved && !m_previous)
-        QFile::remove(m_file.fileName());
-    else if (m_moved && file.open(QIODevice::WriteOnly) && file.write(*m_previous) == m_previous->size())
-        file.commit();
+        ::unlinkat(m_folder.descriptor(), m_name.constData(), 0);
+    else if (m_moved && !writeAside(*m_previous))
+        moveIntoPlace();
 }
 
 ZELError SealFile::failure() const
 {
-    return ZELError::withMessage(QLatin1String("cannot write ") + m_file.fileName() + QLatin1String(": ")
-                                 + m_file.errorString());
+    return ZELError::fromErrno(
+        QLatin1String("cannot write ") + m_folder.path() + u'/' + QFile::decodeName(m_name), errno);
 }
 
 } // namespace zel

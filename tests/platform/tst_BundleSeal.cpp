@@ -602,15 +602,30 @@ private slots:
     {
         const TemporaryTree tree;
         tree.write("was", "old");
-        for (const QString &name : {QString("was"), QString("was not")}) {
-            zel::SealFile file(tree.path(name), 100);
+        zel::SealFolder folder;
+        QVERIFY(!folder.open(tree.path()));
+        for (const char *name : {"was", "was not"}) {
+            zel::SealFile file(folder, name, 100);
             QVERIFY(!file.writeAside("new"));
             QVERIFY(!file.moveIntoPlace());
             QCOMPARE(tree.read(name), QByteArray("new"));
             file.putBack();
         }
         QCOMPARE(tree.read("was"), QByteArray("old"));
-        QCOMPARE(QDir(tree.path()).entryList(QDir::Files), QStringList{"was"});
+        QCOMPARE(QDir(tree.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"was"});
+    }
+
+    // A run that is killed between writing aside and moving leaves files that must not be sealed in.
+    void leftoversAreNotSealed()
+    {
+        TemporaryTree tree;
+        writeSealedBundle(tree);
+        tree.write(app + "Contents/_CodeSignature/.CodeResources.new", "half");
+        tree.write(app + "Contents/_CodeSignature/.CodeSignature.new", "");
+        QVERIFY(zel::verifySeal(tree.path("App.app")));
+        QVERIFY(!seal(tree.path("App.app")));
+        QVERIFY(!zel::verifySeal(tree.path("App.app")));
+        QVERIFY(!QFileInfo::exists(tree.path(app + "Contents/_CodeSignature/.CodeResources.new")));
     }
 
 private:
