@@ -1,7 +1,7 @@
 #include "ProgramFile.h"
 
 #include "BundleInfo.h"
-#include "FileDescriptor.h"
+#include "RealFolder.h"
 
 #include <QFile>
 
@@ -28,17 +28,16 @@ bool isAbsence(int error)
 }
 
 // Without a descriptor the reason is in `errno`.
-FileDescriptor openProgram(const QByteArray &bundle, const QByteArray &name)
+FileDescriptor openProgram(const QString &bundle, const QByteArray &name)
 {
-    constexpr int common = O_RDONLY | O_NOFOLLOW | O_CLOEXEC;
-    FileDescriptor folder(::open(bundle.constData(), common | O_DIRECTORY));
+    FileDescriptor folder = openRealFolder(bundle);
     for (const char *step : {"Contents", "MacOS"}) {
         if (folder)
-            folder = FileDescriptor(::openat(folder.get(), step, common | O_DIRECTORY));
+            folder = FileDescriptor(::openat(folder.get(), step, RealFolderFlags));
     }
     // A pipe in its place must not be waited for.
-    return folder ? FileDescriptor(::openat(folder.get(), name.constData(), common | O_NONBLOCK))
-                  : std::move(folder);
+    constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    return folder ? FileDescriptor(::openat(folder.get(), name.constData(), flags)) : std::move(folder);
 }
 
 } // namespace
@@ -49,7 +48,7 @@ ZELError makeProgramExecutable(const QString &bundle)
     if (name.isEmpty())
         return {};
     const QString what = QLatin1String("cannot make the program of ") + bundle + QLatin1String(" executable");
-    const FileDescriptor program = openProgram(QFile::encodeName(bundle), name);
+    const FileDescriptor program = openProgram(bundle, name);
     if (!program)
         return isAbsence(errno) ? ZELError() : ZELError::fromErrno(what, errno);
     struct stat status;

@@ -16,6 +16,7 @@
 struct Outcome {
     int status = -1;
     QByteArray errors;
+    QByteArray output = {};
 };
 
 static Outcome run(const QByteArray &input, const QStringList &arguments, const QString &program = ZEL_UNPACK)
@@ -26,7 +27,7 @@ static Outcome run(const QByteArray &input, const QStringList &arguments, const 
     process.closeWriteChannel();
     if (!process.waitForFinished(-1) || process.exitStatus() != QProcess::NormalExit)
         return {};
-    return {process.exitCode(), process.readAllStandardError()};
+    return {process.exitCode(), process.readAllStandardError(), process.readAllStandardOutput()};
 }
 
 static Outcome unpack(const QByteArray &archive, const QString &folder)
@@ -286,11 +287,8 @@ private slots:
 
     void tooManyEntries()
     {
-        std::vector<ZipItem> items;
-        for (int i = 0; i < 50'001; ++i)
-            items.push_back({.name = QByteArray::number(i) + "/f", .method = 0}); // each implies a folder
         const TemporaryTree tree;
-        const Outcome outcome = unpack(ZipMaker::make(items), tree.directory("out"));
+        const Outcome outcome = unpack(tooManyItems(), tree.directory("out"));
         QCOMPARE(outcome.status, 1);
         QVERIFY2(outcome.errors.contains("more than 100000 entries"), outcome.errors);
     }
@@ -376,6 +374,54 @@ private slots:
         QCOMPARE(tree.read("out/a") + tree.read("out/b"), QByteArray("ab"));
     }
 
+    // From so little that the program cannot even be loaded up to what is enough to refuse an archive for what it is.
+    void littleMemory()
+    {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        QSKIP("sanitizers need all the address space there is");
+#endif
+        const TemporaryTree tree;
+        const QByteArray archive = tooManyItems();
+        bool exhausted = false;
+        for (int limit = 4096;; limit += 1024) {
+            const QString script = "ulimit -v " + QString::number(limit) + "; exec \"$0\" -x -k - \"$1\"";
+            const Outcome outcome =
+                run(archive, {"-c", script, ZEL_UNPACK, tree.directory("out")}, "/bin/sh");
+            if (outcome.errors.contains("more than 100000 entries"))
+                break;
+            if (outcome.status == 127)
+                continue;
+            QCOMPARE(outcome.status, 1);
+            QVERIFY2(outcome.errors.endsWith(": there is too little memory\n"), outcome.errors);
+            exhausted = true;
+        }
+        QVERIFY(exhausted);
+    }
+
+    void reports_data()
+    {
+        QTest::addColumn<QString>("set");
+        QTest::addColumn<QByteArray>("name");
+        QTest::addColumn<QByteArray>("reported");
+        QTest::newRow("done") << "ZEL_UNPACK_REPORT=3" << QByteArray("x") << QByteArray(".0");
+        QTest::newRow("refused") << "ZEL_UNPACK_REPORT=3" << QByteArray("../x") << QByteArray("1");
+        QTest::newRow("not asked for") << "OTHER=3" << QByteArray("x") << QByteArray();
+        QTest::newRow("no number") << "ZEL_UNPACK_REPORT=3x" << QByteArray("x") << QByteArray();
+        QTest::newRow("no pipe") << "ZEL_UNPACK_REPORT=4" << QByteArray("x") << QByteArray();
+    }
+
+    void reports()
+    {
+        QFETCH(QString, set);
+        QFETCH(QByteArray, name);
+        QFETCH(QByteArray, reported);
+        const TemporaryTree tree;
+        const QString script = set + " exec \"$0\" -x -k - \"$1\" 3>&1 4>>\"$1.log\"";
+        const QByteArray archive = ZipMaker::make({{.name = name}});
+        QCOMPARE(run(archive, {"-c", script, ZEL_UNPACK, tree.path("out")}, "/bin/sh").output, reported);
+        QCOMPARE(tree.read("out.log"), QByteArray());
+    }
+
     // Without standard streams, no file that is written takes their place.
     void closedStreams()
     {
@@ -448,6 +494,14 @@ private slots:
     }
 
 private:
+    static QByteArray tooManyItems()
+    {
+        std::vector<ZipItem> items;
+        for (int i = 0; i < 50'001; ++i)
+            items.push_back({.name = QByteArray::number(i) + "/f", .method = 0}); // each implies a folder
+        return ZipMaker::make(items);
+    }
+
     static QByteArray packedByLibrary(const std::vector<ZipItem> &items)
     {
         QByteArray packed(2'000'000, '\0');
