@@ -1,13 +1,10 @@
 // Sound archives of hostile names and links, extracted into a folder that is empty or holds a link that leads out.
-#include "Extraction.h"
 #include "HostilePath.h"
-#include "Survey.h"
+#include "Unpacking.h"
 #include "ZipMaker.h"
 
 #include <algorithm>
 #include <clocale>
-#include <fcntl.h>
-#include <sys/mman.h>
 
 using namespace zel;
 
@@ -21,23 +18,11 @@ ZipItem itemFrom(FuzzedDataProvider &input, const Sandbox &sandbox)
     case 0:
         return ZipMaker::link(name, QByteArray::fromStdString(hostilePath(input, sandbox)));
     case 1:
-        return ZipMaker::folder(name, permissions | S_IRWXU); // or the sandbox could not be emptied
+        return ZipMaker::folder(name, permissions);
     default:
         const QByteArray data = QByteArray::fromStdString(input.ConsumeRandomLengthString());
-        return {.name = name, .data = data, .mode = S_IFREG | permissions | S_IRUSR};
+        return {.name = name, .data = data, .mode = S_IFREG | permissions};
     }
-}
-
-bool extract(const QByteArray &bytes, const std::filesystem::path &folder)
-{
-    const Spool archive{FileDescriptor(::memfd_create("archive", MFD_CLOEXEC)), uint64_t(bytes.size())};
-    require(writeAll(archive.file.get(), bytes.constData(), size_t(bytes.size())));
-    const FileDescriptor root(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    ZipDirectory directory;
-    if (directory.read(archive))
-        return false;
-    EntryReader reader(archive.file.get(), directory.dataEnd());
-    return !survey(directory, reader) && !extractAll(directory, archive.file.get(), root.get());
 }
 
 bool staysInside(const std::filesystem::path &folder, const std::filesystem::path &item)
@@ -71,7 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     std::vector<ZipItem> items;
     while (input.remaining_bytes() > 0 && items.size() < 12)
         items.push_back(itemFrom(input, sandbox));
-    const bool extracted = extract(ZipMaker::make(items), sandbox.inside());
+    const QByteArray archive = ZipMaker::make(items);
+    const bool extracted = unpack({archive.constData(), size_t(archive.size())}, sandbox.inside());
     require(sandbox.surroundings() == before);
     if (extracted && !linked)
         std::ranges::for_each(items, [](const ZipItem &item) { requireExtracted(item, sandbox.inside()); });

@@ -118,6 +118,8 @@ ZELError runTool(const QString &file, const QString &directory, const ExtractOpt
     return {};
 }
 
+} // namespace
+
 QString findBundle(const QString &directory)
 {
     using Iterator = std::filesystem::recursive_directory_iterator;
@@ -131,8 +133,6 @@ QString findBundle(const QString &directory)
     }
     return {};
 }
-
-} // namespace
 
 QString archiveTool()
 {

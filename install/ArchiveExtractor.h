@@ -18,9 +18,12 @@ struct ExtractOptions {
     std::stop_token stop = {}; ///< a request ends the tool at once, and the extraction with it
 };
 
+/// The first item below a folder, at any depth and in the file system's order, whose extension is "app"; null when there
+/// is none.
+QString findBundle(const QString &directory);
+
 /// Extracts the zip archive `file` into the folder `directory`, which is made when it is missing, and finds the
-/// application bundle below it: the first item, at any depth and in the file system's order, whose extension is
-/// "app". The folder should be empty, because what lay in it before may be found too.
+/// application bundle below it. The folder should be empty, because what lay in it before may be found too.
 ///
 /// The archive is piped to the tool in chunks of 256 KiB and never held in memory. Blocks until the tool has
 /// exited or was ended, for a request or for making no progress (see ChildProcess); call it off the main thread.
