@@ -1,3 +1,7 @@
+#include "DDLog.h"
+#include "NoThreads.h"
+#include "Parallel.h"
+#include "Queues.h"
 #include "TemporaryTree.h"
 #include "TestCertificate.h"
 #include "TestServer.h"
@@ -126,9 +130,16 @@ void leaveWithRunningTasks(int argc, char *argv[])
     const QString way = QString::fromUtf8(argv[2]);
     const URLRequest request{.url = QUrl(QString::fromUtf8(argv[3]))};
     QCoreApplication app(argc, argv);
-    const auto report = [](const ZELError &error) { printf("%d\n", int(error.code)); };
+    // The log is first used by a session that ends at exit.
+    QLoggingCategory::setFilterRules("zel.updater=true");
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &message) {
+        printf("%s\n", qPrintable(message));
+    });
+    const auto report = [](const ZELError &error) { DDLogInfo(QString::number(error.code)); };
     const auto data = dataTask(request, [=](const QByteArray &, const ZELError &error) {
         report(error);
+        if (way == "exit in a completion")
+            exit(0);
         dataTask(request, [=](const QByteArray &, const ZELError &next) { report(next); })->resume();
     });
     const auto download =
@@ -140,6 +151,18 @@ void leaveWithRunningTasks(int argc, char *argv[])
     waitForBytes(*download, 3);
     if (way == "exit")
         exit(0);
+    if (way == "exit in a completion") {
+        data->cancel();
+        app.exec();
+    }
+}
+
+// What the child process of `fullDisk` does: prints the error of a download.
+void download(const char *url, const char *folder)
+{
+    const QString message =
+        load(Kind::Download, {.url = QUrl(QString::fromUtf8(url))}, QString::fromUtf8(folder)).error.message;
+    printf("%s", qPrintable(message));
 }
 
 } // namespace
@@ -470,6 +493,59 @@ private slots:
         QVERIFY(!end.arrived);
     }
 
+    void fullDisk()
+    {
+        const QString disk = m_tree.path("disk");
+        QVERIFY(QDir().mkpath(disk));
+        const QString script = "mount -t tmpfs -o size=40m none '" + disk
+            + "' || exit 9\n\"$@\" && df --output=used '" + disk + "' | tail -1";
+        const auto loadThere = [&](const Answer &answer) {
+            TestServer server;
+            server.answer("/file", {answer});
+            QProcess child;
+            child.start("unshare",
+                        {"-rm", "sh", "-c", script, "sh", QCoreApplication::applicationFilePath(), "download",
+                         server.url("/file").toString(), disk});
+            return child.waitForFinished(-1) && child.exitCode() == 0 ? child.readAllStandardOutput()
+                                                                      : QByteArray();
+        };
+        const Answer endless{
+            .body = QByteArray(65'536, 'x'), .framing = Framing::Close, .endless = TestServer::Endless::Body};
+        const QByteArray written = loadThere(endless);
+        if (written.isNull())
+            QSKIP("a small file system cannot be mounted here");
+        QVERIFY2(written.contains("cannot write the download"), written.constData());
+        QVERIFY2(written.contains("no space for 1048576 bytes, "), written.constData());
+        QVERIFY(written.endsWith(" 0\n")); // what was written is gone
+        const QByteArray announced = loadThere({.body = QByteArray(41'000'000, 'x'), .stallAt = 70'000});
+        QVERIFY2(announced.contains("no space for 41000000 bytes, "), announced.constData());
+    }
+
+    void noThread()
+    {
+        for (const bool isCancelled : {false, true}) {
+            for (const Kind kind : {Kind::Data, Kind::Download}) {
+                Load load(kind, {.url = QUrl("http://127.0.0.1:1/")}, folder());
+                {
+                    const NoThreads none;
+                    if (isCancelled)
+                        load.task->cancel();
+                    else
+                        load.task->resume();
+                }
+                QCOMPARE(load.completions(), 0);
+                QTRY_COMPARE(load.completions(), 1);
+                QCOMPARE(load.wait().error.code, isCancelled ? URLErrorCode::Cancelled : 0);
+                QVERIFY(load.wait().error);
+            }
+        }
+        int jobs = 0;
+        const NoThreads none;
+        onGlobalQueue([&] { ++jobs; });
+        runJobs(std::vector<qint64>(10), [&](size_t) { ++jobs; });
+        QCOMPARE(jobs, 11);
+    }
+
     void progress_data()
     {
         QTest::addColumn<Framing>("framing");
@@ -645,8 +721,9 @@ private slots:
 
     void applicationEnds()
     {
-        for (const auto &[way, last] :
-             {std::pair("destroy the application object", "left\n"), std::pair("exit", "")}) {
+        for (const auto &[way, output] :
+             {std::pair("destroy the application object", "-999\n-999\n-999\nleft\n"),
+              std::pair("exit", "-999\n-999\n-999\n"), std::pair("exit in a completion", "-999\n-999\n")}) {
             TestServer server;
             server.answer("/file", {{.body = "abcdef", .stallAt = 3}});
             QProcess child;
@@ -654,7 +731,7 @@ private slots:
                         {"leave", way, server.url("/file").toString(), folder()});
             QVERIFY(child.waitForFinished());
             QCOMPARE(child.readAllStandardError(), "");
-            QCOMPARE(child.readAllStandardOutput(), QByteArray("-999\n-999\n-999\n") + last);
+            QCOMPARE(child.readAllStandardOutput(), output);
             QCOMPARE(child.exitStatus(), QProcess::NormalExit);
             QCOMPARE(child.exitCode(), 0);
         }
@@ -665,7 +742,12 @@ int main(int argc, char *argv[])
 {
     if (argc == 5 && qstrcmp(argv[1], "leave") == 0) {
         leaveWithRunningTasks(argc, argv);
+        DDLog::flushLog();
         puts("left");
+        return 0;
+    }
+    if (argc == 4 && qstrcmp(argv[1], "download") == 0) {
+        download(argv[2], argv[3]);
         return 0;
     }
     QCoreApplication app(argc, argv);

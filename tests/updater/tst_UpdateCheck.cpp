@@ -1,3 +1,4 @@
+#include "Queues.h"
 #include "TemporaryTree.h"
 #include "TestServer.h"
 #include "UpdateCheck.h"
@@ -6,6 +7,11 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QThread>
+#include <QtTest>
+
+#include <atomic>
+#include <memory>
+#include <thread>
 
 using namespace zel;
 using Answer = TestServer::Answer;
@@ -26,6 +32,8 @@ private slots:
         QTest::newRow("no update") << Answer{.body = "[]"} << 2;
         QTest::newRow("empty body") << Answer{} << 0;
         QTest::newRow("the HTTP status does not matter") << Answer{.status = 404, .body = offer} << 1;
+        QTest::newRow("as long as it may be") << Answer{.body = offer.leftJustified(4 << 20, ' ')} << 1;
+        QTest::newRow("longer") << Answer{.body = offer.leftJustified((4 << 20) + 1, ' ')} << 0;
         QTest::newRow("dropped") << Answer{.body = offer, .dropAt = 5} << 0;
     }
 
@@ -69,6 +77,45 @@ private slots:
             QCOMPARE(calls, 0);
             QTRY_COMPARE_WITH_TIMEOUT(calls, 1, 60000);
         }
+    }
+
+    void completionsDieOnTheMainThread()
+    {
+        TestServer server;
+        server.answer("/", {{.body = "[]"}});
+        const QString url = server.url("/").toString();
+        const QVariantMap config{{"url", url}, {"server", url}};
+        std::atomic<int> here = 0;
+        std::atomic<int> elsewhere = 0;
+        const auto captive = [&] {
+            return std::shared_ptr<void>(
+                nullptr, [&](void *) { ++(QThread::currentThread() == qApp->thread() ? here : elsewhere); });
+        };
+        constexpr int Rounds = 40;
+        for (int i = 0; i < Rounds; ++i) {
+            checkForUpdates(config, [held = captive()](qint64, const QVariantMap &, const QVariant &) {});
+            downloadHistory(config, {{"update", QVariantMap{{"history", url}}}},
+                            [held = captive()](const QByteArray &) {});
+            uploadPatchLog(config, {}, [held = captive()] {});
+            const auto copied = keptForMainQueue(std::function<void(int)>([held = captive()](int) {}));
+            std::thread([copied] { copied(1); }).detach();
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(here + elsewhere, 4 * Rounds, 60000);
+        QCOMPARE(elsewhere, 0);
+    }
+
+    void notesInTheUsersLanguages()
+    {
+        const QLocale before;
+        QLocale::setDefault(QLocale("pt_BR"));
+        const auto restore = qScopeGuard([&] { QLocale::setDefault(before); });
+        TestServer server;
+        server.answer("/notes", {{.body = "notas"}});
+        QByteArray notes;
+        downloadHistory({}, {{"update", QVariantMap{{"history", server.url("/notes").toString()}}}},
+                        [&](const QByteArray &body) { notes = body; });
+        QTRY_COMPARE(notes, "notas");
+        QVERIFY(server.requests().first().headers["accept-language"].endsWith("pt-BR,pt"));
     }
 
     void checksDoNotMix()
