@@ -1,0 +1,145 @@
+// Any bytes as what a server answers. "%%" parts the answers to one request after the other, as redirections make them;
+// what stands behind "@@" in an answer is sent again and again.
+#include "FileDescriptor.h"
+#include "Sandbox.h"
+#include "URLSession.h"
+
+#include <QNetworkProxy>
+
+#include <future>
+#include <mutex>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr qint64 LongestBody = 256 * 1024;
+constexpr size_t LongestAnswer = 1024 * 1024;
+
+std::vector<std::string> split(const std::string &text, const std::string &at)
+{
+    std::vector<std::string> parts;
+    size_t start = 0;
+    for (size_t end = 0; (end = text.find(at, start)) != std::string::npos; start = end + at.size())
+        parts.push_back(text.substr(start, end - start));
+    parts.push_back(text.substr(start));
+    return parts;
+}
+
+// Stands for every server there is: it is the application's proxy, so that no redirection leads out of the machine.
+class Peer
+{
+public:
+    static Peer &instance()
+    {
+        static auto *peer = new Peer; // its thread runs to the end of the process
+        return *peer;
+    }
+
+    void begin(const std::string &script)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_answers = split(script, "%%");
+        m_next = 0;
+        m_connections.clear();
+    }
+
+private:
+    Peer()
+        : m_listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        auto *name = reinterpret_cast<sockaddr *>(&address);
+        zel::require(::bind(m_listener.get(), name, size) == 0 && ::listen(m_listener.get(), 64) == 0
+                     && ::getsockname(m_listener.get(), name, &size) == 0);
+        QNetworkProxy::setApplicationProxy(
+            {QNetworkProxy::HttpProxy, QStringLiteral("127.0.0.1"), ntohs(address.sin_port)});
+        std::thread([this] { serve(); }).detach();
+    }
+
+    [[noreturn]] void serve()
+    {
+        for (;;) {
+            zel::FileDescriptor connection(::accept(m_listener.get(), nullptr, nullptr));
+            std::string request;
+            char piece[4096];
+            for (ssize_t count = 0; request.find("\r\n\r\n") == std::string::npos;
+                 request.append(piece, count))
+                if ((count = ::recv(connection.get(), piece, sizeof piece, 0)) <= 0)
+                    break;
+            answer(connection.get());
+            // A connection that is closed with bytes unread would take the answer back.
+            ::shutdown(connection.get(), SHUT_WR);
+            const std::lock_guard lock(m_mutex);
+            m_connections.push_back(std::move(connection));
+        }
+    }
+
+    void answer(int connection)
+    {
+        std::vector<std::string> parts;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_next < m_answers.size())
+                parts = split(m_answers[m_next++], "@@");
+        }
+        if (parts.empty() || !send(connection, parts[0]) || parts.size() == 1 || parts[1].empty())
+            return;
+        std::string repeated;
+        while (repeated.size() < 16'384)
+            repeated += parts[1];
+        for (size_t sent = 0; sent < LongestAnswer && send(connection, repeated);)
+            sent += repeated.size();
+    }
+
+    static bool send(int connection, const std::string &bytes)
+    {
+        for (size_t at = 0; at < bytes.size();) {
+            const ssize_t count = ::send(connection, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
+            if (count <= 0)
+                return false;
+            at += size_t(count);
+        }
+        return true;
+    }
+
+    const zel::FileDescriptor m_listener;
+    std::mutex m_mutex;
+    std::vector<std::string> m_answers;
+    size_t m_next = 0;
+    std::vector<zel::FileDescriptor> m_connections;
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
+{
+    Peer::instance().begin(std::string(zel::textOf(data, size)));
+    zel::URLRequest request;
+    request.url = QUrl(QStringLiteral("http://updates.example/check"));
+    request.method = "POST";
+    request.body = "{}";
+    request.timeout = std::chrono::seconds(2);
+    request.deadline = std::chrono::seconds(4);
+    request.bodyLimit = LongestBody;
+
+    std::promise<void> ended;
+    int completions = 0;
+    auto task = zel::dataTask(request, [&](const QByteArray &body, const ZELError &error) {
+        zel::require(++completions == 1);
+        zel::require(body.isNull() == bool(error) && body.size() <= LongestBody);
+        ended.set_value();
+    });
+    task->resume();
+    ended.get_future().wait();
+    const std::weak_ptr<zel::URLSessionTask> left = std::exchange(task, {});
+    while (!left.expired())
+        std::this_thread::yield();
+    return 0;
+}
