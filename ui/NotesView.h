@@ -7,6 +7,7 @@
 #include <QString>
 #include <QUrl>
 
+#include <functional>
 #include <memory>
 
 class QWebEngineView;
@@ -14,8 +15,21 @@ class QWidget;
 
 namespace zel {
 
-/// Shows one document. Links open in the system's handler and nothing else leaves the view: no files, windows,
-/// dialogs of scripts, downloads or stored data. Main thread only.
+/// Shows one document, which is a stranger's.
+///
+/// - A link of http, https or mailto that the user activates, by a click or by the keyboard, opens in the system's
+///   handler. Nothing else leaves the view, and nothing but `load` and `setHtml` changes the document: no script of the
+///   page runs, no frame is loaded, no form is sent, nothing refreshes itself. Places within the document can be gone to.
+/// - It is made of what http and https bring, and of pictures that it holds itself: no files, no other schemes, no
+///   windows, dialogs, downloads, permissions or stored data.
+/// - This machine and its local network are out of its reach, by address, by name and by redirection. Only a document
+///   that was itself loaded from there, as a developer's is, gets parts of its own origin. Known limits: a name of the
+///   open network that resolves to a local address is seen through for the parts of a document but not for the document
+///   itself, nor where it changes between two lookups; and a page can make the engine open a connection, on which
+///   nothing is sent.
+///
+/// A document that does not style itself is shown light on dark. Scripts of the host run in the page only in a world of
+/// their own (`QWebEngineScript::ApplicationWorld`). Main thread only.
 class NotesView
 {
 public:
@@ -25,6 +39,10 @@ public:
     virtual QWebEngineView *view() = 0;
     virtual QWidget *widget() = 0;
 
+    /// `onShown` hears of each document that was loaded: whether there is anything to see in it. Notes that cannot be had
+    /// are an empty document.
+    virtual void setOnShown(std::function<void(bool hasContent)> onShown) = 0;
+
     /// Posts `body` to `address` and shows what comes back.
     virtual void load(const QUrl &address, const QByteArray &body) = 0;
 
@@ -32,10 +50,11 @@ public:
     virtual void setHtml(const QString &html) = 0;
 };
 
-/// Null, and a warning in the system log, when the module is not there or cannot be loaded.
+/// Null, and a warning in the system log, when the module is not there or cannot be loaded, or when the web engine would
+/// end the process for want of something (ui/notes/EngineObstacle.h).
 std::unique_ptr<NotesView> makeNotesView(QWidget *parent);
 
-/// What the module exports as "zelMakeNotesView": a new view, whose owner is the caller.
+/// What the module exports as "zelMakeNotesView": a new view, whose owner is the caller; null as above.
 using NotesViewFactory = NotesView *(*)(QWidget *parent);
 
 } // namespace zel

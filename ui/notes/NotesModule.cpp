@@ -1,26 +1,34 @@
 // The module: a NotesView over the web engine.
+#include "EngineObstacle.h"
 #include "NotesPage.h"
 #include "NotesProfile.h"
 #include "NotesView.h"
 #include "ZELExport.h"
 
 #include <QCoreApplication>
+#include <QLoggingCategory>
 #include <QPointer>
 #include <QQuickRenderControl>
 #include <QWebEngineHttpRequest>
 #include <QWebEngineLoadingInfo>
+#include <QWebEngineScript>
 #include <QWebEngineView>
 
 namespace zel {
 
 namespace {
 
+// Pictures alone are notes, too; a document that is none of HTML (SVG) has no body.
+constexpr char HasContent[] =
+    "!document.body || document.body.innerText.trim() !== '' || "
+    "document.body.querySelector('img,svg,picture,video,object,embed,input') !== null";
+
 class WebNotesView final : public NotesView
 {
 public:
     explicit WebNotesView(QWidget *parent)
         : m_profile(std::make_unique<NotesProfile>())
-        , m_page(std::make_unique<NotesPage>(m_profile.get(), nullptr))
+        , m_page(std::make_unique<NotesPage>(*m_profile))
         , m_view(new QWebEngineView(m_page.get(), parent))
     {
         m_view->setContextMenuPolicy(Qt::NoContextMenu);
@@ -29,7 +37,9 @@ public:
         static const bool registered = (closeBeforeTheEngineEnds(), true);
         Q_UNUSED(registered);
         QObject::connect(m_page.get(), &QWebEnginePage::loadingChanged, m_view,
-                         [this](const QWebEngineLoadingInfo &loading) { clearAfterFailure(loading); });
+                         [this](const QWebEngineLoadingInfo &loading) { loadingChanged(loading); });
+        QObject::connect(m_page.get(), &QWebEnginePage::renderProcessTerminated, m_view,
+                         [this] { report(false); });
         QObject::connect(qApp, &QCoreApplication::aboutToQuit, m_page.get(), closeViews);
     }
     ~WebNotesView() override
@@ -41,6 +51,8 @@ public:
     QWebEngineView *view() override { return m_view; }
     QWidget *widget() override { return m_view; }
 
+    void setOnShown(std::function<void(bool)> onShown) override { m_onShown = std::move(onShown); }
+
     void load(const QUrl &address, const QByteArray &body) override
     {
         if (!isNetworkAddress(address)) {
@@ -51,31 +63,43 @@ public:
         request.setHeader("Content-Type", "application/json");
         request.setPostData(body);
         if (m_page)
-            m_page->load(request);
+            m_page->open(request);
     }
 
     void setHtml(const QString &html) override
     {
-        if (!m_page)
-            return;
-        m_profile->source().setHtml(html);
-        m_page->load(notesUrl());
+        if (m_page)
+            m_page->open(html);
     }
 
 private:
-    static bool isNetworkAddress(const QUrl &url)
+    void loadingChanged(const QWebEngineLoadingInfo &loading)
     {
-        return url.isValid()
-            && (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"));
+        const bool hasDocument = loading.status() == QWebEngineLoadingInfo::LoadSucceededStatus
+            || loading.errorDomain() == QWebEngineLoadingInfo::HttpStatusCodeDomain;
+        if (loading.status() == QWebEngineLoadingInfo::LoadStartedStatus)
+            return;
+        if (hasDocument)
+            judgeContent();
+        // Notes that cannot be had leave the view empty: what was there may be another build's.
+        else if (loading.status() == QWebEngineLoadingInfo::LoadFailedStatus
+                 && !NotesSource::isSource(loading.url()))
+            setHtml({});
     }
 
-    // Notes that cannot be had leave the view empty: what was there may be another build's.
-    void clearAfterFailure(const QWebEngineLoadingInfo &loading)
+    void judgeContent()
     {
-        const bool failed = loading.status() == QWebEngineLoadingInfo::LoadFailedStatus
-            && loading.errorDomain() != QWebEngineLoadingInfo::HttpStatusCodeDomain;
-        if (failed && loading.url() != notesUrl())
-            setHtml({});
+        m_page->runJavaScript(QLatin1String(HasContent), QWebEngineScript::ApplicationWorld,
+                              [this, view = m_view](const QVariant &hasContent) {
+                                  if (view)
+                                      report(hasContent.toBool());
+                              });
+    }
+
+    void report(bool hasContent)
+    {
+        if (m_onShown)
+            m_onShown(hasContent);
     }
 
     static QList<WebNotesView *> &openViews()
@@ -101,6 +125,7 @@ private:
 
     void close()
     {
+        m_onShown = nullptr; // the page answers what it was asked before it goes
         m_page.reset();
         m_profile.reset();
         delete m_view;
@@ -109,6 +134,7 @@ private:
     std::unique_ptr<NotesProfile> m_profile; // null once the application ends
     std::unique_ptr<NotesPage> m_page;
     QPointer<QWebEngineView> m_view;
+    std::function<void(bool)> m_onShown;
 };
 
 } // namespace
@@ -117,6 +143,11 @@ private:
 
 extern "C" ZEL_EXPORT zel::NotesView *zelMakeNotesView(QWidget *parent)
 {
-    zel::registerNotesScheme();
+    static const QLoggingCategory category("zel.system");
+    if (const QString obstacle = zel::engineObstacle(); !obstacle.isEmpty()) {
+        qCWarning(category).noquote() << "The release notes cannot be shown:" << obstacle;
+        return nullptr;
+    }
+    zel::registerNotesSchemes();
     return new zel::WebNotesView(parent);
 }

@@ -4,6 +4,8 @@
 
 #include <QColor>
 #include <QDesktopServices>
+#include <QWebEngineHttpRequest>
+#include <QWebEngineLoadingInfo>
 #include <QWebEngineNewWindowRequest>
 #include <QWebEngineSettings>
 
@@ -11,6 +13,7 @@ namespace zel {
 
 namespace {
 
+// Called for what the user activated only: without scripts, the engine tells of a clicked link for no other reason.
 void openOutside(const QUrl &url)
 {
     static const QStringList schemes{QStringLiteral("http"), QStringLiteral("https"),
@@ -21,31 +24,67 @@ void openOutside(const QUrl &url)
 
 } // namespace
 
-NotesPage::NotesPage(QWebEngineProfile *profile, QObject *parent)
-    : QWebEnginePage(profile, parent)
+NotesPage::NotesPage(NotesProfile &profile)
+    : QWebEnginePage(&profile, nullptr)
+    , m_profile(profile)
 {
     setBackgroundColor(QColor(Qt::transparent));
     for (const auto attribute :
-         {QWebEngineSettings::JavascriptCanOpenWindows, QWebEngineSettings::JavascriptCanAccessClipboard,
-          QWebEngineSettings::LocalContentCanAccessFileUrls, QWebEngineSettings::PluginsEnabled,
-          QWebEngineSettings::PdfViewerEnabled, QWebEngineSettings::ErrorPageEnabled,
-          QWebEngineSettings::NavigateOnDropEnabled, QWebEngineSettings::AutoLoadIconsForPage,
-          QWebEngineSettings::FocusOnNavigationEnabled})
+         {QWebEngineSettings::JavascriptEnabled, QWebEngineSettings::LocalContentCanAccessFileUrls,
+          QWebEngineSettings::PluginsEnabled, QWebEngineSettings::PdfViewerEnabled,
+          QWebEngineSettings::ErrorPageEnabled, QWebEngineSettings::NavigateOnDropEnabled,
+          QWebEngineSettings::HyperlinkAuditingEnabled, QWebEngineSettings::DnsPrefetchEnabled,
+          QWebEngineSettings::AutoLoadIconsForPage, QWebEngineSettings::FocusOnNavigationEnabled})
         settings()->setAttribute(attribute, false);
     connect(this, &QWebEnginePage::newWindowRequested, this, &NotesPage::openNewWindowOutside);
+    connect(this, &QWebEnginePage::urlChanged, this, [this] { m_isAwaited = false; });
+    connect(this, &QWebEnginePage::loadingChanged, this, [this](const QWebEngineLoadingInfo &loading) {
+        m_isAwaited = m_isAwaited && loading.status() != QWebEngineLoadingInfo::LoadSucceededStatus;
+    });
     connect(this, &QWebEnginePage::featurePermissionRequested, this,
             [this](const QUrl &origin, Feature feature) {
                 setFeaturePermission(origin, feature, PermissionDeniedByUser);
             });
 }
 
+void NotesPage::open(const QWebEngineHttpRequest &request)
+{
+    begin(request.url());
+    load(request);
+}
+
+void NotesPage::open(const QString &html)
+{
+    const QUrl address = m_profile.source().setHtml(html);
+    begin(address);
+    load(address);
+}
+
+void NotesPage::begin(const QUrl &address)
+{
+    m_profile.reach().start(address);
+    m_profile.parts().reset();
+    m_isAwaited = true;
+}
+
 bool NotesPage::acceptNavigationRequest(const QUrl &url, NavigationType type, bool isMainFrame)
 {
-    Q_UNUSED(isMainFrame);
-    if (type != NavigationTypeLinkClicked)
-        return mayBeLoaded(url);
-    openOutside(url);
-    return false;
+    if (type == NavigationTypeLinkClicked) {
+        openOutside(url);
+        return false;
+    }
+    return isMainFrame && isExpected(url, type);
+}
+
+bool NotesPage::isExpected(const QUrl &url, NavigationType type)
+{
+    if (type == NavigationTypeTyped)
+        return NotesSource::isSource(url) || m_profile.reach().allows(url);
+    // The server's redirections come before there is a document, a document's own ones after.
+    if (type != NavigationTypeRedirect || !m_isAwaited || !m_profile.reach().allows(url))
+        return false;
+    m_profile.reach().follow(url);
+    return true;
 }
 
 void NotesPage::openNewWindowOutside(const QWebEngineNewWindowRequest &request)
@@ -59,19 +98,7 @@ QStringList NotesPage::chooseFiles(FileSelectionMode, const QStringList &, const
     return {};
 }
 
-void NotesPage::javaScriptAlert(const QUrl &, const QString &) { }
-
-bool NotesPage::javaScriptConfirm(const QUrl &, const QString &)
-{
-    return false;
-}
-
-bool NotesPage::javaScriptPrompt(const QUrl &, const QString &, const QString &, QString *)
-{
-    return false;
-}
-
-// The host's log is no place for what a web page prints.
+// The host's log is no place for what a web page brings about.
 void NotesPage::javaScriptConsoleMessage(JavaScriptConsoleMessageLevel, const QString &, int, const QString &)
 {
 }

@@ -7,26 +7,34 @@ class QWebEngineNewWindowRequest;
 
 namespace zel {
 
-/// A page that stays where it is: links go to the system's handler, and nothing that asks for a window, a script's
-/// dialog, a file, a device or a permission gets it.
+class NotesProfile;
+
+/// A page that stays where it is. A link that the user activates goes to the system's handler; no script of the page
+/// runs, no form is sent, no frame is loaded; and nothing that asks for a window, a dialog, a file, a device or a
+/// permission gets it.
 class NotesPage : public QWebEnginePage
 {
 public:
-    NotesPage(QWebEngineProfile *profile, QObject *parent);
+    explicit NotesPage(NotesProfile &profile);
+
+    /// Shows what comes from `request`, or the document `html`. Nothing else ever changes what is shown.
+    void open(const QWebEngineHttpRequest &request);
+    void open(const QString &html);
 
 protected:
     bool acceptNavigationRequest(const QUrl &url, NavigationType type, bool isMainFrame) override;
     QStringList chooseFiles(FileSelectionMode mode, const QStringList &oldFiles,
                             const QStringList &acceptedMimeTypes) override;
-    void javaScriptAlert(const QUrl &securityOrigin, const QString &message) override;
-    bool javaScriptConfirm(const QUrl &securityOrigin, const QString &message) override;
-    bool javaScriptPrompt(const QUrl &securityOrigin, const QString &message, const QString &defaultValue,
-                          QString *result) override;
     void javaScriptConsoleMessage(JavaScriptConsoleMessageLevel level, const QString &message, int line,
                                   const QString &source) override;
 
 private:
+    void begin(const QUrl &address);
+    bool isExpected(const QUrl &url, NavigationType type);
     void openNewWindowOutside(const QWebEngineNewWindowRequest &request);
+
+    NotesProfile &m_profile;
+    bool m_isAwaited = false; // from `open` until its document is there
 };
 
 } // namespace zel

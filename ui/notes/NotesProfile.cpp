@@ -13,36 +13,65 @@ namespace zel {
 
 namespace {
 
-constexpr char Scheme[] = "zel-notes";
+constexpr char SourceScheme[] = "zel-notes";
 
 // Text of the notes cannot be selected, and holding it calls up nothing.
-constexpr char Script[] =
+constexpr char PlainText[] =
     "var css = '*{-webkit-touch-callout:none;-webkit-user-select:none}'; var head = document.head || "
     "document.getElementsByTagName('head')[0]; var style = document.createElement('style'); style.type = "
     "'text/css'; style.appendChild(document.createTextNode(css)); head.appendChild(style);";
 
-QWebEngineScript script()
+// The window is dark: texts, links and controls without a style of the page are those of the dark scheme. A layer gives
+// way to every rule of the page.
+constexpr char DarkUnlessStyled[] =
+    "var dark = new CSSStyleSheet(); dark.replaceSync('@layer{:where(:root){color-scheme:dark}}');"
+    "document.adoptedStyleSheets = [dark];";
+
+// A page that brings a light background of its own, or names its scheme, counts on the dark text that goes with it.
+constexpr char LightIfThePageIs[] = R"(
+    for (const element of [document.body, document.documentElement]) {
+        const [red, green, blue, alpha = 1] =
+            element ? getComputedStyle(element).backgroundColor.match(/[\d.]+/g).map(Number) : [0, 0, 0, 0];
+        if (alpha > 0.5 && 0.3 * red + 0.6 * green + 0.1 * blue > 127)
+            document.adoptedStyleSheets = [];
+    }
+    if (document.querySelector('meta[name=color-scheme]'))
+        document.adoptedStyleSheets = [];)";
+
+// A form that opens a window is the one way out that a click on something else than a link would take.
+constexpr char NoForms[] =
+    "document.addEventListener('submit', event => event.preventDefault(), {capture: true});";
+
+// In a world of its own the updater's scripts run, while the page's scripts do not.
+QWebEngineScript script(const char *source, QWebEngineScript::InjectionPoint when, bool inFrames)
 {
     QWebEngineScript script;
-    script.setInjectionPoint(QWebEngineScript::DocumentReady);
-    script.setRunsOnSubFrames(false);
-    script.setWorldId(QWebEngineScript::MainWorld);
-    script.setSourceCode(QLatin1String(Script));
+    script.setInjectionPoint(when);
+    script.setRunsOnSubFrames(inFrames);
+    script.setWorldId(QWebEngineScript::ApplicationWorld);
+    script.setSourceCode(QLatin1String(source));
     return script;
+}
+
+QList<QWebEngineScript> scripts()
+{
+    return {script(DarkUnlessStyled, QWebEngineScript::DocumentCreation, false),
+            script(NoForms, QWebEngineScript::DocumentCreation, true),
+            script(PlainText, QWebEngineScript::DocumentReady, false),
+            script(LightIfThePageIs, QWebEngineScript::DocumentReady, false)};
 }
 
 } // namespace
 
-QUrl notesUrl()
+QUrl NotesSource::setHtml(const QString &html)
 {
-    return QUrl(QLatin1String(Scheme) + QLatin1String(":notes"));
+    m_html = html.toUtf8();
+    return QUrl(QStringLiteral("%1:%2").arg(QLatin1String(SourceScheme)).arg(++m_number));
 }
 
-bool mayBeLoaded(const QUrl &url)
+bool NotesSource::isSource(const QUrl &url)
 {
-    static const QStringList schemes{QStringLiteral("http"),  QStringLiteral("https"), QStringLiteral("data"),
-                                     QStringLiteral("about"), QStringLiteral("blob"),  QLatin1String(Scheme)};
-    return schemes.contains(url.scheme());
+    return url.scheme() == QLatin1String(SourceScheme);
 }
 
 void NotesSource::requestStarted(QWebEngineUrlRequestJob *job)
@@ -52,33 +81,62 @@ void NotesSource::requestStarted(QWebEngineUrlRequestJob *job)
     job->reply("text/html;charset=utf-8", content);
 }
 
-void NotesFence::interceptRequest(QWebEngineUrlRequestInfo &info)
+NotesFence::NotesFence(const NotesReach &reach)
+    : m_reach(reach)
 {
-    if (!mayBeLoaded(info.requestUrl()))
-        info.block(true);
 }
 
-void registerNotesScheme()
+void NotesFence::interceptRequest(QWebEngineUrlRequestInfo &info)
 {
-    if (!QWebEngineUrlScheme::schemeByName(Scheme).name().isEmpty())
+    const QUrl url = info.requestUrl();
+    switch (info.resourceType()) {
+    case QWebEngineUrlRequestInfo::ResourceTypeMainFrame:
+        // What a page asks for has an initiator; what the updater asks for has none.
+        info.block(!info.initiator().isEmpty() || !(NotesSource::isSource(url) || m_reach.allows(url)));
         return;
-    QWebEngineUrlScheme scheme(Scheme);
-    scheme.setSyntax(QWebEngineUrlScheme::Syntax::Path);
-    QWebEngineUrlScheme::registerScheme(scheme);
+    case QWebEngineUrlRequestInfo::ResourceTypeStylesheet:
+    case QWebEngineUrlRequestInfo::ResourceTypeImage:
+    case QWebEngineUrlRequestInfo::ResourceTypeFontResource:
+    case QWebEngineUrlRequestInfo::ResourceTypeMedia:
+        if (m_reach.allows(url))
+            info.redirect(partUrl(url));
+        else if (url.scheme() != QLatin1String(PartScheme) && url.scheme() != QLatin1String("data"))
+            info.block(true);
+        return;
+    default:
+        info.block(true);
+    }
+}
+
+void registerNotesSchemes()
+{
+    if (!QWebEngineUrlScheme::schemeByName(SourceScheme).name().isEmpty())
+        return;
+    QWebEngineUrlScheme source(SourceScheme);
+    source.setSyntax(QWebEngineUrlScheme::Syntax::Path);
+    QWebEngineUrlScheme::registerScheme(source);
+    QWebEngineUrlScheme part(PartScheme);
+    part.setSyntax(QWebEngineUrlScheme::Syntax::Path);
+    // A part is no less safe than its address, and pages of https and those with a policy have theirs, too.
+    part.setFlags(QWebEngineUrlScheme::SecureScheme | QWebEngineUrlScheme::CorsEnabled
+                  | QWebEngineUrlScheme::ContentSecurityPolicyIgnored);
+    QWebEngineUrlScheme::registerScheme(part);
 }
 
 NotesProfile::NotesProfile()
 {
-    setHttpUserAgent(QStringLiteral("corrand"));
+    setHttpUserAgent(QLatin1String(UserAgent));
     setHttpAcceptLanguage(QString::fromLatin1(userLanguages()));
-    scripts()->insert(script());
+    QWebEngineProfile::scripts()->insert(zel::scripts());
     setUrlRequestInterceptor(&m_fence);
-    installUrlSchemeHandler(Scheme, &m_source);
+    installUrlSchemeHandler(SourceScheme, &m_source);
+    installUrlSchemeHandler(PartScheme, &m_parts);
 }
 
 NotesProfile::~NotesProfile()
 {
     removeUrlSchemeHandler(&m_source);
+    removeUrlSchemeHandler(&m_parts);
     setUrlRequestInterceptor(nullptr);
 }
 

@@ -1,6 +1,9 @@
 // The web engine's profile of the release notes: off the record, and fenced in.
 #pragma once
 
+#include "NotesParts.h"
+#include "NotesReach.h"
+
 #include <QString>
 #include <QWebEngineProfile>
 #include <QWebEngineUrlRequestInterceptor>
@@ -8,31 +11,40 @@
 
 namespace zel {
 
-/// The address of a document that was handed over as text; nothing is relative to it.
-QUrl notesUrl();
+constexpr char UserAgent[] = "corrand";
 
-/// Makes the address's scheme known. Before the first profile; a host that has made one of its own already gets a
-/// warning, and the notes work all the same.
-void registerNotesScheme();
+/// Makes the schemes of the notes and of their parts known. Before the first profile; a host that has made one of its
+/// own already gets a warning, and the notes work all the same.
+void registerNotesSchemes();
 
-/// Whether the notes may load `url`, as a document or as a part of one: from the network, or from memory.
-bool mayBeLoaded(const QUrl &url);
-
-/// Hands out the document at `notesUrl`. The web engine's own way to show a text takes at most 2 MB.
+/// Hands out a document that came as text, at an address that nothing is relative to. The web engine's own way to show a
+/// text takes at most 2 MB.
 class NotesSource : public QWebEngineUrlSchemeHandler
 {
 public:
-    void setHtml(const QString &html) { m_html = html.toUtf8(); }
+    /// The address that `html` has from now on: another one each time, so that the engine never takes a document for the
+    /// one before it.
+    QUrl setHtml(const QString &html);
+
+    static bool isSource(const QUrl &url);
+
     void requestStarted(QWebEngineUrlRequestJob *job) override;
 
 private:
     QByteArray m_html;
+    quint64 m_number = 0;
 };
 
+/// Lets the document through, and turns its parts over to `NotesParts`. All else ends here: frames, prefetching, reports
+/// and whatever is asked for by another way than http and https.
 class NotesFence : public QWebEngineUrlRequestInterceptor
 {
 public:
+    explicit NotesFence(const NotesReach &reach);
     void interceptRequest(QWebEngineUrlRequestInfo &info) override;
+
+private:
+    const NotesReach &m_reach;
 };
 
 class NotesProfile : public QWebEngineProfile
@@ -43,11 +55,15 @@ public:
     /// Removes the handlers before they go.
     ~NotesProfile() override;
 
+    NotesReach &reach() { return m_reach; }
     NotesSource &source() { return m_source; }
+    NotesParts &parts() { return m_parts; }
 
 private:
+    NotesReach m_reach;
     NotesSource m_source;
-    NotesFence m_fence;
+    NotesParts m_parts{m_reach};
+    NotesFence m_fence{m_reach};
 };
 
 } // namespace zel
