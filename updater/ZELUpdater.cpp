@@ -10,6 +10,7 @@
 #include "UpdateInstaller.h"
 #include "UpdateStatus.h"
 #include "URLSession.h"
+#include "WebViewCast.h"
 #include "ZELLocalization.h"
 #include "ZELUpdaterViews.h"
 
@@ -97,8 +98,13 @@ void ZELUpdater::setTemporaryDirectory(const QString &directory)
 QWebEngineView *ZELUpdater::webview() const
 {
     if (m_webview)
-        return m_webview;
+        return zel::asWebView(m_webview);
     return m_historyPage ? m_historyPage->webview() : nullptr;
+}
+
+void ZELUpdater::setWebview(QWebEngineView *view)
+{
+    m_webview = zel::asObject(view);
 }
 
 void ZELUpdater::handleLog(const QVariantList &log)

@@ -192,10 +192,10 @@ public:
     ZELUpdaterUpdatedPage *updatedPage() const { return m_updatedPage; }
     void setUpdatedPage(ZELUpdaterUpdatedPage *page) { m_updatedPage = page; }
 
-    /// The web view of the release notes: one that was set, else the release-notes page's own, which is made by
-    /// asking for it.
+    /// The web view of the release notes: one that was set, as long as it exists, else the release-notes page's own,
+    /// null until there was something to show in it.
     QWebEngineView *webview() const;
-    void setWebview(QWebEngineView *view) { m_webview = view; }
+    void setWebview(QWebEngineView *view);
 
     /// Called when the user dismisses or cancels; the host decides what happens then.
     std::function<void()> onCancel() const { return m_onCancel; }
@@ -304,7 +304,7 @@ private:
     ZELUpdaterErrorPage *m_errorPage = nullptr;
     ZELUpdaterNoUpdatesPage *m_noUpdatesPage = nullptr;
     ZELUpdaterUpdatedPage *m_updatedPage = nullptr;
-    QWebEngineView *m_webview = nullptr;
+    QPointer<QObject> m_webview;
     ZELUpdaterButton *m_actionButton = nullptr;
     ZELUpdaterButton *m_actionButton2 = nullptr;
     QTimer *m_checkingTimer = nullptr;
