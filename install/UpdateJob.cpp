@@ -9,7 +9,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include <future>
+#include <condition_variable>
+#include <optional>
 #include <utility>
 
 namespace zel {
@@ -32,6 +33,17 @@ void tell(const std::function<void(Arguments...)> &hook, std::type_identity_t<Ar
 {
     if (hook)
         hook(std::forward<Arguments>(arguments)...);
+}
+
+// Not looked at here: a file that did not get there is found when its hash is taken.
+QString keepDownload(const QString &location, const QString &folder, const QUrl &answered)
+{
+    const QString payload = folder + payloadName(answered);
+    QFile::rename(location, payload);
+    DDLogInfo(QLatin1String("Download location = ") + location);
+    DDLogInfo(QLatin1String("temp = ") + folder);
+    DDLogInfo(QLatin1String("payload = ") + payload);
+    return payload;
 }
 
 } // namespace
@@ -174,33 +186,45 @@ UpdateJob::Download UpdateJob::download(const QVariantMap &entry)
     return result;
 }
 
-// Waits for the transfer's end. That comes in any case: the application's end cancels transfers and jobs alike.
+// Waits for the transfer's end. A cancelled one ends at once, unless there was no thread for it: its completion comes
+// from the main queue then, which may be waiting for this very job to end.
 ZELError UpdateJob::transfer(const QVariantMap &entry, const QString &folder, QString &payload)
 {
+    constexpr std::chrono::seconds timeToCancel(5);
+    struct Outcome {
+        std::mutex mutex;
+        std::condition_variable_any changed;
+        std::optional<ZELError> error;
+        QString payload;
+    };
+    const auto outcome = std::make_shared<Outcome>();
     URLRequest request;
     request.url = QUrl(entry[QStringLiteral("file")].toString());
     request.pace = SlowestDownload;
-    const auto ended = std::make_shared<std::promise<ZELError>>();
-    const auto task = downloadTask(
-        request, folder,
-        [ended, folder, &payload](const QString &location, const QUrl &answered, const ZELError &error) {
-            if (!error) {
-                payload = folder + payloadName(answered);
-                // Not looked at: a file that did not get there is found when its hash is taken.
-                QFile::rename(location, payload);
-                DDLogInfo(QLatin1String("Download location = ") + location);
-                DDLogInfo(QLatin1String("temp = ") + folder);
-                DDLogInfo(QLatin1String("payload = ") + payload);
-            }
-            ended->set_value(error);
-        });
+    if (const std::optional<qint64> size = announcedSize(entry); size && *size >= 0)
+        request.bodyLimit = *size;
+    const auto task =
+        downloadTask(request, folder,
+                     [outcome, folder](const QString &location, const QUrl &answered, const ZELError &error) {
+                         const std::lock_guard lock(outcome->mutex);
+                         if (!error)
+                             outcome->payload = keepDownload(location, folder, answered);
+                         outcome->error = error;
+                         outcome->changed.notify_all();
+                     });
     setTransfer(task, entry);
     task->resume();
     task->observeCountOfBytesReceived([weak = weak_from_this()] {
         if (const auto self = weak.lock())
             self->notify();
     });
-    return ended->get_future().get();
+    std::unique_lock lock(outcome->mutex);
+    const auto ended = [&] { return outcome->error.has_value(); };
+    if (!outcome->changed.wait(lock, m_stop.get_token(), ended)
+        && !outcome->changed.wait_for(lock, timeToCancel, ended))
+        return ZELError::withMessage(QStringLiteral("the download was cancelled"));
+    payload = outcome->payload;
+    return *outcome->error;
 }
 
 void UpdateJob::setTransfer(const std::shared_ptr<URLSessionTask> &task, const QVariantMap &entry)

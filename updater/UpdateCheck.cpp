@@ -35,13 +35,20 @@ URLRequest postRequest(const QUrl &url, const QByteArray &body)
     return request;
 }
 
-// What a decision reads. The rest of a configuration is the host's, and stays on the host's threads.
-QVariantMap readBySession(const QVariantMap &config)
+// The rest of a configuration is the host's, and stays on the host's threads.
+QVariantMap keysOf(const QVariantMap &config, const QStringList &keys)
 {
     QVariantMap read;
-    for (const auto &key : {QStringLiteral("build"), QStringLiteral("path")})
+    for (const QString &key : keys) {
         if (config.contains(key))
             read[key] = config[key];
+    }
+    return read;
+}
+
+QVariantMap readByDecision(const QVariantMap &config)
+{
+    QVariantMap read = keysOf(config, {QStringLiteral("build"), QStringLiteral("path")});
     if (config.contains(QStringLiteral("beta")))
         read[QStringLiteral("beta")] = true; // its value does not matter
     return read;
@@ -78,7 +85,7 @@ void checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion)
     const MachineFacts facts = MachineFacts::current();
     const QUrl url(config[QStringLiteral("url")].toString());
     dataTask(postRequest(url, checkRequestBody(config, facts)),
-             [config = readBySession(config), facts,
+             [config = readByDecision(config), facts,
               completion = std::move(completion)](const QByteArray &reply, const ZELError &error) mutable {
                  if (error)
                      systemLog(error.message);
@@ -113,15 +120,20 @@ void downloadHistory(const QVariantMap &config, const QVariantMap &result,
 
 void uploadPatchLog(const QVariantMap &config, const QVariantList &log, std::function<void()> ended)
 {
-    const QByteArray body = logUploadBody(config, log, MachineFacts::current());
-    dataTask(postRequest(patchLogUrl(config), body),
-             [ended = std::move(ended)](const QByteArray &, const ZELError &error) mutable {
-                 if (error)
-                     systemLog(error.message);
-                 if (ended)
-                     onMainQueue(std::move(ended));
-             })
-        ->resume();
+    const QUrl url = patchLogUrl(config);
+    const QVariantMap sent = keysOf(config, {QStringLiteral("build"), QStringLiteral("version")});
+    // Of a large log the body takes a while to make.
+    onGlobalQueue([url, sent, log, ended = std::move(ended)]() mutable {
+        const QByteArray body = logUploadBody(sent, log, MachineFacts::current());
+        dataTask(postRequest(url, body),
+                 [ended = std::move(ended)](const QByteArray &, const ZELError &error) mutable {
+                     if (error)
+                         systemLog(error.message);
+                     if (ended)
+                         onMainQueue(std::move(ended));
+                 })
+            ->resume();
+    });
 }
 
 } // namespace zel
