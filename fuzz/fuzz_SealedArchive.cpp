@@ -176,7 +176,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
         if (!found.isNull() && !verifySeal(found)) {
             const fs::path bundle = QFile::encodeName(found).toStdString();
             require(!fs::is_symlink(bundle) && sealedContent(bundle) == fixture.content);
-            require(!makeProgramExecutable(found));
+            require(!ensureProgramIsExecutable(found));
             require(::access((bundle / "Contents/MacOS/file").c_str(), X_OK) == 0);
         }
     }

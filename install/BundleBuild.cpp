@@ -126,7 +126,7 @@ UnpackedBundle unpackUpdate(const QString &archive, const QString &staging, cons
     if (!failure)
         failure = judgeUnpacked(result.path, inputs);
     if (!failure)
-        failure = makeProgramExecutable(result.path); // whatever the archive said: modes are not sealed
+        failure = ensureProgramIsExecutable(result.path); // whatever the archive said: modes are not sealed
     if (failure) {
         systemLog(failure.message);
         removeTree(folder);

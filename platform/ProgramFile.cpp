@@ -42,7 +42,7 @@ FileDescriptor openProgram(const QString &bundle, const QByteArray &name)
 
 } // namespace
 
-ZELError makeProgramExecutable(const QString &bundle)
+ZELError ensureProgramIsExecutable(const QString &bundle)
 {
     const QByteArray name = programName(bundle);
     if (name.isEmpty())

@@ -11,6 +11,6 @@ namespace zel {
 /// who may read it, and readable and executable for its owner. A seal covers no modes, and so whoever brought the
 /// bundle could have left the bit out. No link is followed, neither for the bundle nor below it: a program that is not
 /// named, not there, behind a link or no regular file is left alone, which is no error. Safe from any thread.
-ZELError makeProgramExecutable(const QString &bundle);
+ZELError ensureProgramIsExecutable(const QString &bundle);
 
 } // namespace zel

@@ -264,7 +264,7 @@ private slots:
             QVERIFY(QFile::rename(tree.path(link), tree.path("moved")));
             tree.link(link, tree.path("moved"));
         }
-        QCOMPARE(zel::makeProgramExecutable(tree.path("App.app")).message, QString());
+        QCOMPARE(zel::ensureProgramIsExecutable(tree.path("App.app")).message, QString());
         QCOMPARE(TemporaryTree::mode(program), after);
     }
 
@@ -275,7 +275,7 @@ private slots:
                    xml("<dict><key>CFBundleExecutable</key><string>run</string></dict>"));
         tree.directory("App.app/Contents/MacOS");
         QCOMPARE(::mkfifo(QFile::encodeName(tree.path("App.app/Contents/MacOS/run")).constData(), 0600), 0);
-        QCOMPARE(zel::makeProgramExecutable(tree.path("App.app")).message, QString());
+        QCOMPARE(zel::ensureProgramIsExecutable(tree.path("App.app")).message, QString());
     }
 };
 
