@@ -54,7 +54,9 @@ private:
     {
         if (m_transport == Transport::Whole)
             return makeWhole(slice);
-        const bool possible = makeDelta(slice);
+        const bool possible = QFileInfo(m_old).size() < DeltaLimit && newSize() < DeltaLimit;
+        if (possible && !makeDelta(slice)) // a failure is not worth a larger patch that nobody asked for
+            return ZELError::withMessage(QLatin1String("cannot make a delta of ") + m_new);
         if (m_transport == Transport::Smaller) {
             FileSlice whole;
             if (const ZELError error = makeWhole(whole))
@@ -79,8 +81,6 @@ private:
 
     bool makeDelta(FileSlice &slice) const
     {
-        if (QFileInfo(m_old).size() >= DeltaLimit || newSize() >= DeltaLimit)
-            return false;
         auto delta = bsdiff2(QFile::encodeName(m_old).toStdString(), QFile::encodeName(m_new).toStdString());
         const auto oldBytes = readFile(m_old);
         const auto newBytes = readFile(m_new);
