@@ -262,7 +262,8 @@ private:
             length = std::max(length / 2, std::min(length, 1ULL));
         } else {
             thread.pending.error = errorNumber(fault.outcome);
-            registers.orig_rax = static_cast<unsigned long long>(-1); // no call has this number
+            if (fault.call->call != "close") // which closes even when it fails
+                registers.orig_rax = static_cast<unsigned long long>(-1); // no call has this number
         }
         setRegisters(id, registers);
     }

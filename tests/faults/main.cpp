@@ -196,8 +196,9 @@ int repeat(const Stock &stock, const Scenario &scenario, const QStringList &faul
     folder.setAutoRemove(false);
     Run run;
     const QString wrong = judge(stock, scenario, faults, folder.path(), run);
-    std::printf("%s%sexit status %d%s\n%s\nIts folder: %s\n", run.out.constData(), run.err.constData(),
-                run.status, run.hit || faults.isEmpty() ? "" : ", without coming to the fault",
+    const QString end = run.isKilled() ? QString("killed") : QString("exit status %1").arg(run.status);
+    std::printf("%s%s%s%s\n%s\nIts folder: %s\n", run.out.constData(), run.err.constData(), qPrintable(end),
+                run.hit || faults.isEmpty() ? "" : ", without coming to the fault",
                 wrong.isEmpty() ? "Nothing is wrong." : qPrintable(wrong), qPrintable(folder.path()));
     return wrong.isEmpty() ? 0 : 1;
 }
