@@ -2,9 +2,77 @@
 
 #include "TemporaryTree.h"
 
+#include <cstdio>
+#include <dirent.h>
+#include <dlfcn.h>
 #include <filesystem>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
+
+namespace {
+
+/// What goes wrong: the `number`th of the calls below, from 1, fails with `error` or kills the process.
+struct Fault {
+    int number = 0;
+    int error = 0; // 0: kill
+    bool canExchange = true;
+    int calls = 0;
+};
+Fault fault;
+
+/// Whether this call is the one that fails.
+bool fails()
+{
+    if (++fault.calls != fault.number)
+        return false;
+    if (fault.error == 0)
+        _exit(1);
+    errno = fault.error;
+    return true;
+}
+
+template <typename Function> Function *real(const char *name)
+{
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+// These take the place of the system's in this program, for the C++ library as well.
+
+extern "C" int rename(const char *from, const char *to) noexcept
+{
+    return fails() ? -1 : real<int(const char *, const char *)>("rename")(from, to);
+}
+
+extern "C" int renameat2(int fromFolder, const char *from, int toFolder, const char *to,
+                         unsigned flags) noexcept
+{
+    if (!fault.canExchange)
+        errno = EINVAL;
+    if (!fault.canExchange || fails())
+        return -1;
+    return real<int(int, const char *, int, const char *, unsigned)>("renameat2")(fromFolder, from, toFolder,
+                                                                                  to, flags);
+}
+
+extern "C" int syncfs(int) noexcept
+{
+    return fails() ? -1 : 0;
+}
+
+extern "C" dirent *readdir(DIR *folder)
+{
+    return fails() ? nullptr : real<dirent *(DIR *)>("readdir")(folder);
+}
+
+extern "C" int mkdir(const char *path, mode_t mode) noexcept
+{
+    return fails() ? -1 : real<int(const char *, mode_t)>("mkdir")(path, mode);
+}
 
 /// The example host's exchange of bundles: code that others copy.
 class BundleSwapTest : public QObject
@@ -12,52 +80,153 @@ class BundleSwapTest : public QObject
     Q_OBJECT
 
 private slots:
-    void newBundleTakesThePlace_data()
-    {
-        QTest::addColumn<QString>("staging");
+    void cleanup() { fault = {}; }
 
-        QTest::newRow("same file system") << QDir::tempPath();
-        if (QFileInfo("/dev/shm").isWritable())
-            QTest::newRow("another file system") << "/dev/shm";
-    }
+    void newBundleTakesThePlace_data() { addPlaces(); }
 
     void newBundleTakesThePlace()
     {
         QFETCH(QString, staging);
+        QFETCH(bool, canExchange);
         const QTemporaryDir folder(staging + "/swap-XXXXXX");
-        const fs::path fresh = folder.filePath("Patched.app").toStdString();
-        fs::create_directories(fresh / "Contents");
-        fs::copy_file("/bin/true", fresh / "Contents/program");
-        fs::create_symlink("program", fresh / "Contents/link");
+        const fs::path fresh = makeFresh(folder);
         const TemporaryTree tree;
-        tree.write("My App.app/Contents/old", "old");
+        const fs::path installed = makeInstalled(tree);
         tree.write(".My App.app.new/of an earlier attempt", "");
         tree.write(".My App.app.previous/of an earlier update", "");
-        const fs::path installed = tree.path("My App.app").toStdString();
 
+        fault = {.canExchange = canExchange};
         QVERIFY(!swapBundles(fresh, installed));
-        QCOMPARE(TemporaryTree::linkTarget(tree.path("My App.app/Contents/link")), "program");
-        QCOMPARE(TemporaryTree::mode(tree.path("My App.app/Contents/program")), 0755);
-        QVERIFY(!fs::exists(installed / "Contents/old"));
-        QVERIFY(fs::exists(previousBundle(installed) / "Contents/old"));
+        QVERIFY(isFresh(installed));
+        QVERIFY(isOld(previousBundle(installed)));
         QVERIFY(dropPreviousBundle(installed));
         QVERIFY(!dropPreviousBundle(installed));
-        QCOMPARE(QDir(tree.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-                 QStringList{"My App.app"});
+        QCOMPARE(names(tree), QStringList{"My App.app"});
     }
 
+    void failureLosesNothing_data() { addPlaces(); }
+
+    /// Each call fails once, with each error that stands for something else elsewhere.
     void failureLosesNothing()
+    {
+        QFETCH(QString, staging);
+        QFETCH(bool, canExchange);
+        for (const int error : {EIO, EINVAL, ENOSYS, ENOSPC, EXDEV}) {
+            bool hasFailed = true;
+            for (int number = 1; hasFailed; ++number) {
+                const QTemporaryDir folder(staging + "/swap-XXXXXX");
+                const fs::path fresh = makeFresh(folder);
+                const TemporaryTree tree;
+                const fs::path installed = makeInstalled(tree);
+                fault = {.number = number, .error = error, .canExchange = canExchange};
+                const bool isDone = !swapBundles(fresh, installed);
+                hasFailed = fault.calls >= number;
+                fault = {};
+                QVERIFY2(isDone
+                             ? isFresh(installed) && isOld(previousBundle(installed))
+                             : isOld(installed) && isFresh(fresh) && names(tree) == QStringList{"My App.app"},
+                         qPrintable(QString("call %1, error %2").arg(number).arg(error)));
+            }
+        }
+    }
+
+    void killedSwapIsRecovered_data() { addPlaces(); }
+
+    void killedSwapIsRecovered()
+    {
+        QFETCH(QString, staging);
+        QFETCH(bool, canExchange);
+        int status = 1;
+        for (int number = 1; status != 0; ++number) {
+            const QTemporaryDir folder(staging + "/swap-XXXXXX");
+            const fs::path fresh = makeFresh(folder);
+            const TemporaryTree tree;
+            const fs::path installed = makeInstalled(tree);
+            const pid_t child = fork();
+            if (child == 0) {
+                fault = {.number = number, .canExchange = canExchange};
+                swapBundles(fresh, installed);
+                _exit(0);
+            }
+            QCOMPARE(waitpid(child, &status, 0), child);
+            QVERIFY(!canExchange || isOld(installed) || isFresh(installed));
+            const bool wasGone = !fs::exists(installed);
+            const fs::path previous = previousBundle(installed);
+            QCOMPARE(installedBundle(previous), wasGone ? installed : previous);
+            QVERIFY2(isOld(installed) || isFresh(installed), qPrintable(QString("call %1").arg(number)));
+            const QTemporaryDir again(staging + "/swap-XXXXXX");
+            QVERIFY(!swapBundles(makeFresh(again), installed));
+            QVERIFY(isFresh(installed));
+        }
+    }
+
+    void refusals()
     {
         const TemporaryTree tree;
         tree.write("Installed.app/file", "installed");
         tree.write("Fresh.app/file", "fresh");
+        fs::create_directory_symlink("Fresh.app", tree.path("Link.app").toStdString());
         for (const auto &[fresh, installed] :
              {std::pair("missing.app", "Installed.app"), std::pair("Fresh.app", "Missing.app"),
-              std::pair("Fresh.app", "elsewhere/Installed.app")}) {
+              std::pair("Fresh.app", "elsewhere/Installed.app"), std::pair("Link.app", "Installed.app"),
+              std::pair("Fresh.app", "Link.app"), std::pair("Fresh.app/file", "Installed.app")}) {
             QVERIFY(swapBundles(tree.path(fresh).toStdString(), tree.path(installed).toStdString()));
             QCOMPARE(tree.read("Installed.app/file"), "installed");
             QCOMPARE(tree.read("Fresh.app/file"), "fresh");
         }
+        QVERIFY(!swapObstacle(tree.path("Installed.app").toStdString()));
+        QVERIFY(swapObstacle("/proc/Installed.app")); // a folder that takes no new ones, also for root
+    }
+
+private:
+    static void addPlaces()
+    {
+        QTest::addColumn<QString>("staging");
+        QTest::addColumn<bool>("canExchange");
+
+        for (const bool canExchange : {true, false}) {
+            const char *how = canExchange ? "exchange" : "two steps";
+            QTest::addRow("%s, same file system", how) << QDir::tempPath() << canExchange;
+            if (QFileInfo("/dev/shm").isWritable())
+                QTest::addRow("%s, another file system", how) << "/dev/shm" << canExchange;
+        }
+    }
+
+    static fs::path makeFresh(const QTemporaryDir &folder)
+    {
+        const fs::path fresh = folder.filePath("Patched.app").toStdString();
+        fs::create_directories(fresh / "Contents");
+        fs::copy_file("/bin/true", fresh / "Contents/program");
+        fs::create_symlink("program", fresh / "Contents/link");
+        fs::create_directory(fresh / "Contents/closed");
+        fs::permissions(fresh / "Contents/closed", fs::perms(0555));
+        return fresh;
+    }
+
+    static fs::path makeInstalled(const TemporaryTree &tree)
+    {
+        tree.write("My App.app/Contents/old", "old");
+        return tree.path("My App.app").toStdString();
+    }
+
+    static bool isFresh(const fs::path &bundle)
+    {
+        const QString contents = QString::fromStdString((bundle / "Contents").string());
+        return TemporaryTree::linkTarget(contents + "/link") == "program"
+            && TemporaryTree::mode(contents + "/program") == 0755
+            && TemporaryTree::mode(contents + "/closed") == 0555
+            && fs::file_size(bundle / "Contents/program") == fs::file_size("/bin/true")
+            && !fs::exists(bundle / "Contents/old");
+    }
+
+    static bool isOld(const fs::path &bundle)
+    {
+        return fs::exists(bundle / "Contents/old") && !fs::exists(bundle / "Contents/program");
+    }
+
+    static QStringList names(const TemporaryTree &tree)
+    {
+        return QDir(tree.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     }
 };
 
