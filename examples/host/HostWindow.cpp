@@ -6,6 +6,7 @@
 #include <ZELUpdater/ZELUpdaterWindow.h>
 
 #include <QApplication>
+#include <QFileInfo>
 #include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
@@ -15,6 +16,8 @@
 #include <QTimer>
 
 #include <chrono>
+#include <fcntl.h>
+#include <unistd.h>
 
 using namespace std::chrono_literals;
 
@@ -57,6 +60,10 @@ HostWindow::HostWindow(const QString &bundle, const QString &url)
 void HostWindow::checkForUpdates()
 {
     ZELUpdater *updater = ZELUpdater::shared();
+    if (m_isDownloading) { // a check would take the place of the download
+        updater->window()->makeKeyAndOrderFront();
+        return;
+    }
     updater->checkForUpdates(
         [this, updater, attempt = ++m_attempt](qint64 status, const QVariantMap &result, const QVariant &) {
             if (attempt != m_attempt)
@@ -72,6 +79,8 @@ void HostWindow::checkForUpdates()
 
 void HostWindow::checkInBackground()
 {
+    if (m_isDownloading)
+        return;
     ZELUpdater::checkForUpdates(
         ZELUpdater::shared()->config(),
         [this, attempt = ++m_attempt](qint64 status, const QVariantMap &result, const QVariant &) {
@@ -105,6 +114,15 @@ void HostWindow::chosen(qint64 choice)
         dismissed();
         return;
     }
+    if (const std::error_code error = swapObstacle(m_bundle.toStdString())) {
+        dismissed();
+        QMessageBox::information(
+            this, windowTitle(),
+            tr("The update cannot be installed in %1: %2.")
+                .arg(QFileInfo(m_bundle).path(), QString::fromStdString(error.message())));
+        return;
+    }
+    m_isDownloading = true;
     // A transfer that fails is reported on another thread, and this window may be gone by then.
     updater->downloadUpdate(
         [self = QPointer(this), attempt = ++m_attempt](qint64 status, const QString &path) {
@@ -117,6 +135,7 @@ void HostWindow::chosen(qint64 choice)
 
 void HostWindow::downloaded(qint64 status, const QString &newBundle)
 {
+    m_isDownloading = false;
     if (status != DownloadSuccess) {
         ZELUpdater::shared()->showErrorPage();
         return;
@@ -127,25 +146,50 @@ void HostWindow::downloaded(qint64 status, const QString &newBundle)
         ZELUpdater::shared()->showErrorPage();
         return;
     }
+    installed();
+}
+
+/// From here on checks start from the new build: it is not offered again when the user goes on working with the old one.
+void HostWindow::installed()
+{
+    ZELUpdater *updater = ZELUpdater::shared();
+    QVariantMap config = updater->config();
+    for (const QString &key : {QStringLiteral("build"), QStringLiteral("version")})
+        config[key] = updater->update()[QStringLiteral("update")].toMap()[key];
+    updater->setConfig(config);
     m_isReplaced = true;
-    ZELUpdater::shared()->showUpdated();
+    updater->showUpdated();
 }
 
 void HostWindow::dismissed()
 {
     ++m_attempt;
+    m_isDownloading = false;
     ZELUpdater::shared()->window()->hide();
     if (m_isReplaced)
         relaunch();
 }
 
+/// Ends this build. The new one waits for the end of a pipe that this process holds open, so that two never run at once,
+/// also when closing takes long or the user is asked to save.
 void HostWindow::relaunch()
 {
-    QStringList arguments = QApplication::arguments();
-    arguments.removeFirst();
-    if (QProcess::startDetached(m_bundle + QStringLiteral("/Contents/MacOS/host"), arguments))
-        QApplication::quit();
-    else
+    const QString program = m_bundle + QStringLiteral("/Contents/MacOS/host");
+    int pipe[2];
+    if (!QFileInfo(program).isExecutable() || pipe2(pipe, O_CLOEXEC) != 0) {
         QMessageBox::information(this, windowTitle(),
                                  tr("The new version is installed. Please start it yourself."));
+        return;
+    }
+    QProcess successor;
+    successor.setProgram(QStringLiteral("/bin/sh"));
+    successor.setArguments(QStringList{QStringLiteral("-c"), QStringLiteral("cat; exec \"$@\" </dev/null"),
+                                       QStringLiteral("sh"), program}
+                           + QApplication::arguments().mid(1));
+    successor.setStandardInputFile(QStringLiteral("/proc/self/fd/%1").arg(pipe[0]));
+    const bool isStarted = successor.startDetached();
+    ::close(pipe[0]);
+    m_isReplaced = !isStarted; // the successor waits: once is enough
+    if (isStarted)
+        QApplication::quit();
 }

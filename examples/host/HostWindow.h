@@ -22,10 +22,12 @@ private:
     void found(const QVariantMap &result);
     void chosen(qint64 choice);
     void downloaded(qint64 status, const QString &newBundle);
+    void installed();
     void dismissed();
     void relaunch();
 
     const QString m_bundle;
     bool m_isReplaced = false; // the bundle is the new one already, this program still the old one
+    bool m_isDownloading = false;
     int m_attempt = 0; // tells an answer that is still wanted from one that came after Cancel
 };

@@ -1,4 +1,5 @@
 // The smallest host that updates itself: an ordinary application with a menu.
+#include "BundleSwap.h"
 #include "ClickThrough.h"
 #include "HostWindow.h"
 
@@ -22,7 +23,8 @@ int main(int argc, char *argv[])
     parser.process(application);
 
     // The program is <bundle>/Contents/MacOS/host.
-    const QString bundle = QDir::cleanPath(QApplication::applicationDirPath() + QStringLiteral("/../.."));
+    const QString running = QDir::cleanPath(QApplication::applicationDirPath() + QStringLiteral("/../.."));
+    const QString bundle = QString::fromStdString(installedBundle(running.toStdString()));
     HostWindow window(bundle, parser.value(QStringLiteral("url")));
     window.show();
     if (parser.isSet(QStringLiteral("click-through")))
