@@ -2,12 +2,13 @@
 
 #include "ChildProcess.h"
 #include "DDLog.h"
+#include "RealFolder.h"
 
 #include <cerrno>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <filesystem>
 #include <link.h>
+#include <QByteArrayList>
 #include <QFile>
 #include <QFileInfo>
 #include <system_error>
@@ -118,20 +119,35 @@ ZELError runTool(const QString &file, const QString &directory, const ExtractOpt
     return {};
 }
 
+// Adds the names on the way to the first bundle. Only folders themselves count, as only those are opened: not what a
+// link points at. Deeper than bundles and archives are, nothing is looked for.
+bool seekBundle(FolderListing folder, QByteArrayList &way)
+{
+    while (const char *name = folder ? folder.next() : nullptr) {
+        FolderListing inner(folder.folder(), name);
+        if (!inner)
+            continue;
+        way.append(name);
+        const bool isBundle =
+            way.last().size() > 4 && way.last().endsWith(".app"); // one that only begins so is none
+        if (isBundle || (way.size() <= MaxFolderDepth && seekBundle(std::move(inner), way)))
+            return true;
+        way.removeLast();
+    }
+    return false;
+}
+
 } // namespace
 
 QString findBundle(const QString &directory)
 {
-    using Iterator = std::filesystem::recursive_directory_iterator;
-    std::error_code failure;
-    const std::filesystem::path root = QFile::encodeName(directory).toStdString();
-    Iterator item(root, std::filesystem::directory_options::skip_permission_denied, failure);
-    for (; !failure && item != Iterator(); item.increment(failure)) {
-        // Deliberately any kind of item: a file counts too. A name that only begins with a dot has no extension.
-        if (item->path().extension() == ".app")
-            return QFile::decodeName(item->path().c_str());
-    }
-    return {};
+    const QByteArray root = QFile::encodeName(directory);
+    QByteArrayList way;
+    FileDescriptor top(::open(root.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!seekBundle(FolderListing(std::move(top)), way))
+        return {};
+    const QString slash = directory.endsWith(u'/') ? QString() : QStringLiteral("/");
+    return directory + slash + QFile::decodeName(way.join('/'));
 }
 
 QString archiveTool()

@@ -1,18 +1,17 @@
 #include "PatchRunner.h"
 
 #include "bspatch2.h"
-#include "BundlePath.h"
 #include "DDLog.h"
 #include "FileTree.h"
 #include "MD5Digest.h"
 #include "PatchLog.h"
 
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
 
 #include <array>
 #include <cerrno>
+#include <climits>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -42,6 +41,13 @@ void writeErrorNames(int number)
     }
 }
 
+// For what takes a path: a delta is applied by a published function of paths, to a file that keeps its mode. The path
+// is free of links, and stays so, since the bundles lie in folders of the user's own.
+QString pathOf(const QString &bundle, const BundleItem &item)
+{
+    return bundle + u'/' + QFile::decodeName(item.path);
+}
+
 } // namespace
 
 bool PatchRunner::perform(const PatchCommand &command)
@@ -49,45 +55,57 @@ bool PatchRunner::perform(const PatchCommand &command)
     if (command.action == PatchAction::None)
         return true;
     const auto last = command.action == PatchAction::Patch ? FinalLink::Follow : FinalLink::Keep;
-    const QString target = pathInBundle(m_new, command.path, last);
-    if (target.isNull()) {
-        DDLogDebug(QLatin1String("Path is not inside the bundle: ") + command.path);
-        return false;
-    }
+    if (std::optional<BundleItem> target = m_new.find(command.path, last))
+        return perform(command, *target);
+    DDLogDebug(QLatin1String("Path is not inside the bundle: ") + command.path.left(PATH_MAX));
+    appendEntry(m_log, QStringLiteral("Error: path is not inside the bundle"),
+                {{QStringLiteral("file"), command.path.left(PATH_MAX)}});
+    return false;
+}
+
+bool PatchRunner::perform(const PatchCommand &command, BundleItem &target)
+{
     switch (command.action) {
     case PatchAction::DeleteSymlink:
-        return deleteSymlink(command, target);
+        deleteSymlink(command, target);
+        return true;
     case PatchAction::CreateSymlink:
-        return createSymlink(command, target);
+        createSymlink(command, target);
+        return true;
     case PatchAction::Delete:
-        removeTree(target);
+        m_new.forgetFolders();
+        if (target.missing.isEmpty())
+            removeItem(target.folder, target.name.constData());
         return true;
     case PatchAction::AddDirectory:
-        QDir().mkpath(target);
+        if (m_new.makeFolders(target))
+            ::mkdirat(target.folder, target.name.constData(), 0777);
         return true;
     case PatchAction::Add:
         return add(command, target);
     case PatchAction::Patch:
-        return patch(command, target);
+        return patch(command, pathOf(m_newPath, target));
     case PatchAction::None:
         break;
     }
     return true;
 }
 
-bool PatchRunner::deleteSymlink(const PatchCommand &command, const QString &target)
+void PatchRunner::deleteSymlink(const PatchCommand &command, const BundleItem &target)
 {
-    if (::unlink(QFile::encodeName(target).constData()) != 0)
+    if (target.error != 0)
+        symlinkFailed(target.error, "Error deleting symlink", command);
+    else if (::unlinkat(target.folder, target.name.constData(), 0) != 0)
         symlinkFailed(errno, "Error deleting symlink", command);
-    return true;
 }
 
-bool PatchRunner::createSymlink(const PatchCommand &command, const QString &target)
+void PatchRunner::createSymlink(const PatchCommand &command, const BundleItem &target)
 {
     const QByteArray text = QFile::encodeName(command.symlink);
-    if (::symlink(text.constData(), QFile::encodeName(target).constData()) != 0)
+    if (target.error != 0)
+        symlinkFailed(target.error, "Error creating symlink", command);
+    else if (::symlinkat(text.constData(), target.folder, target.name.constData()) != 0)
         symlinkFailed(errno, "Error creating symlink", command);
-    return true;
 }
 
 void PatchRunner::symlinkFailed(int number, const char *description, const PatchCommand &command)
@@ -97,11 +115,10 @@ void PatchRunner::symlinkFailed(int number, const char *description, const Patch
     writeErrorNames(number);
 }
 
-bool PatchRunner::add(const PatchCommand &command, const QString &target)
+bool PatchRunner::add(const PatchCommand &command, BundleItem &target)
 {
-    QDir().mkpath(QFileInfo(target).path());
     const auto slice = m_patch.slice(command);
-    if (slice && !writeFileAtomically(target, *slice))
+    if (slice && m_new.makeFolders(target) && writeFileAtomically(target.folder, target.name, *slice))
         return true;
     DDLogDebug(QLatin1String("Error adding file at path ") + command.path);
     appendEntry(m_log, QStringLiteral("Error creating file"), {{QStringLiteral("file"), command.path}});
@@ -110,7 +127,8 @@ bool PatchRunner::add(const PatchCommand &command, const QString &target)
 
 bool PatchRunner::patch(const PatchCommand &command, const QString &target)
 {
-    const QString original = pathInBundle(m_old, command.path, FinalLink::Follow);
+    const std::optional<BundleItem> source = m_old.find(command.path, FinalLink::Follow);
+    const QString original = source ? pathOf(m_oldPath, *source) : QString();
     const auto slice = m_patch.slice(command);
     if (!slice || original.isNull()
         || bspatch2(QFile::encodeName(original).toStdString(), QFile::encodeName(target).toStdString(),

@@ -1,6 +1,7 @@
 // Performing the commands of a manifest on the bundle that is being built.
 #pragma once
 
+#include "BundleWalk.h"
 #include "PatchFile.h"
 
 #include <QString>
@@ -11,10 +12,12 @@ namespace zel {
 class PatchRunner
 {
 public:
-    /// All four must outlive the runner. `log` receives the entries of commands that fail.
+    /// All four must outlive the runner, and nobody else may change the bundles meanwhile. `log` receives the entries of commands that fail.
     PatchRunner(const QString &oldBundle, const QString &newBundle, const PatchFile &patch, QVariantList &log)
-        : m_old(oldBundle)
-        , m_new(newBundle)
+        : m_oldPath(oldBundle)
+        , m_newPath(newBundle)
+        , m_old(oldBundle, m_namesLeft)
+        , m_new(newBundle, m_namesLeft)
         , m_patch(patch)
         , m_log(log)
     {
@@ -25,16 +28,20 @@ public:
     bool perform(const PatchCommand &command);
 
 private:
-    bool deleteSymlink(const PatchCommand &command, const QString &target);
-    bool createSymlink(const PatchCommand &command, const QString &target);
+    bool perform(const PatchCommand &command, BundleItem &target);
+    void deleteSymlink(const PatchCommand &command, const BundleItem &target);
+    void createSymlink(const PatchCommand &command, const BundleItem &target);
     void symlinkFailed(int number, const char *description, const PatchCommand &command);
-    bool add(const PatchCommand &command, const QString &target);
+    bool add(const PatchCommand &command, BundleItem &target);
     bool patch(const PatchCommand &command, const QString &target);
     void appendContents(const char *description, const PatchCommand &command, const QString &original,
                         const QString &target);
 
-    const QString &m_old;
-    const QString &m_new;
+    const QString &m_oldPath;
+    const QString &m_newPath;
+    qint64 m_namesLeft = MaxNamesWalked;
+    BundleWalk m_old;
+    BundleWalk m_new;
     const PatchFile &m_patch;
     QVariantList &m_log;
 };

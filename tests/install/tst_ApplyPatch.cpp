@@ -180,28 +180,34 @@ private slots:
         QTest::addColumn<QByteArray>("commands");
         QTest::addColumn<QString>("entry");
 
-        const auto row = [](const char *name, const QByteArray &commands, const char *entry = "") {
+        const auto row = [](const char *name, const QByteArray &commands, const QString &entry) {
             QTest::newRow(name) << commands << entry;
         };
-        const auto add = [row](const char *name, const char *path, const char *entry = "") {
+        const auto add = [row](const char *name, const char *path, const QString &entry) {
             row(name, command("add", path, slice(0, 3)), entry);
         };
-        add("empty path", "");
-        add("the root itself", "./.");
-        add("absolute path", "/tmp/x");
-        add("parent", "../outside/x");
-        add("NUL in a path", "Contents/x\\u0000y");
-        add("through a relative link", "Contents/out/x");
-        add("through an absolute link", "Contents/absolute/x");
-        add("through a circle", "Contents/circle/x");
+        const char *const outside = "Error: path is not inside the bundle: ";
+        const auto refused = [add, outside](const char *name, const char *path) {
+            add(name, path, outside + QString::fromUtf8(path).replace("\\u0000", QChar(u'\0')));
+        };
+        refused("empty path", "");
+        refused("the root itself", "./.");
+        refused("absolute path", "/tmp/x");
+        refused("parent", "../outside/x");
+        refused("NUL in a path", "Contents/x\\u0000y");
+        refused("through a relative link", "Contents/out/x");
+        refused("through an absolute link", "Contents/absolute/x");
+        refused("through a circle", "Contents/circle/x");
         add("where a folder is", "Contents/sub", "Error creating file: Contents/sub");
         add("below a file", "Contents/file/x", "Error creating file: Contents/file/x");
 
-        row("path is missing", R"({"actions":["delete"]})");
-        row("delete outside", command("delete", "Contents/out/treasure"));
-        row("unlink outside", command("delete-symlink", "Contents/out/treasure"));
+        row("path is missing", R"({"actions":["delete"]})", outside);
+        const QString treasure = outside + QStringLiteral("Contents/out/treasure");
+        row("delete outside", command("delete", "Contents/out/treasure"), treasure);
+        row("unlink outside", command("delete-symlink", "Contents/out/treasure"), treasure);
         row("through a link made before",
-            command("create-symlink", "up", R"(,"symlink":"..")") + ',' + command("delete", "up/outside"));
+            command("create-symlink", "up", R"(,"symlink":"..")") + ',' + command("delete", "up/outside"),
+            outside + QStringLiteral("up/outside"));
         // What lies at 7 is sound: only its stated place is wrong.
         constexpr qint64 max = std::numeric_limits<qint64>::max();
         for (const auto &[position, length] : {std::pair(-1ll, 33ll), {7, -1}, {40, 0}, {7, max}, {max, 1}}) {
@@ -213,9 +219,10 @@ private slots:
         const auto delta = [](const char *path) {
             return command("patch", path, slice(7, 32) + R"(,"hash":"")");
         };
-        row("delta of a file outside", delta("Contents/out/treasure"));
+        row("delta of a file outside", delta("Contents/out/treasure"), treasure);
         row("delta through a link to a file outside",
-            command("create-symlink", "l", R"(,"symlink":"../outside/treasure")") + ',' + delta("l"));
+            command("create-symlink", "l", R"(,"symlink":"../outside/treasure")") + ',' + delta("l"),
+            outside + QStringLiteral("l"));
         row("delta from a file outside",
             command("delete-symlink", "Contents/out") + ',' + command("adddirectory", "Contents/out") + ','
                 + delta("Contents/out/treasure"),
@@ -236,12 +243,97 @@ private slots:
                                   "payload" + DeltaToNothing));
 
         QVERIFY(!outcome.applied);
-        QStringList expected = Opening;
-        if (!entry.isEmpty())
-            expected.append(entry);
-        QCOMPARE(descriptions(outcome.log), expected << "Patch failed");
+        QCOMPARE(descriptions(outcome.log), QStringList(Opening) << entry << "Patch failed");
         QVERIFY(outcome.after.contains("Contents/file = old file"));
         QVERIFY(!outcome.after.contains("leftover = from before"));
+    }
+
+    // With links in the bundle and paths in the manifest that name each other: each command is one path, walked as "add".
+    void walks_data()
+    {
+        QTest::addColumn<QStringList>("links"); // path>target
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("item"); // where it leads; empty where the path is refused
+
+        const auto around = [](int times) { return QString("d/../").repeated(times); };
+        const auto row = [](const QString &name, const QStringList &links, const QString &path,
+                            const QString &item) {
+            QTest::newRow(qPrintable(name)) << links << path << item;
+        };
+        const QString longest = QString("d/").repeated(120) + QString("./").repeated(1927) + 'x';
+        row("as long as a path may be", {}, longest, QString("d/").repeated(120) + 'x');
+        row("a byte longer", {}, '/' + longest.mid(1) + 'x', "");
+        row("as deep as a file may be", {}, QString("d/").repeated(128) + 'x',
+            QString("d/").repeated(128) + 'x');
+        row("deeper", {}, QString("d/").repeated(129) + 'x', "");
+        row("deeper, through a link", {"l>" + QString("d/").repeated(64)},
+            "l/" + QString("d/").repeated(65) + "x", "");
+        row("up through a link", {"d/l>../e/../d/f"}, "d/l/x", "d/f/x");
+        row("to the root by a link", {"d/l>.."}, "d/l/x", "x");
+        row("out by way of what is missing", {"l>none/../../x"}, "l/x", "");
+        row("in by way of what is missing", {"l>none/../d"}, "l/x", "d/x");
+        row("through a file", {}, "old/../../x", "");
+        row("many names", {"l>" + around(800)}, "l/x", "x");
+        row("too many names", {"l>" + around(800), "k>l/l/l"}, "k/x", "");
+        QStringList chain{"l0>d"};
+        for (int i = 1; i <= 40; ++i)
+            chain.append(QString("l%1>l%2").arg(i).arg(i - 1));
+        row("forty links", chain, "l39/x", "d/x");
+        row("forty-one links", chain, "l40/x", "");
+    }
+
+    void walks()
+    {
+        QFETCH(QStringList, links);
+        QFETCH(QString, path);
+        QFETCH(QString, item);
+        const TemporaryTree tree;
+        tree.write("old.app/d/old", "old");
+        for (const QString &link : links)
+            tree.link("old.app/" + link.section('>', 0, 0), link.section('>', 1));
+        const QStringList before = listing(tree.path("old.app"));
+        QVariantList log;
+        const bool applied = applyIn(tree, patchOfCommands(command("add", path.toUtf8(), slice(0, 3))), log);
+        QCOMPARE(applied, !item.isEmpty());
+        if (applied)
+            QCOMPARE(tree.read("new.app/" + item), "pay");
+        else
+            QCOMPARE(listing(tree.path("new.app")), before);
+    }
+
+    // Folders stay open from one command to the next.
+    void walksThroughWhatWasReplaced()
+    {
+        const TemporaryTree tree;
+        tree.write("old.app/a/b/c/old", "old");
+        tree.write("outside/treasure", "treasure");
+        const auto add = [](const char *path) { return command("add", path, slice(0, 3)); };
+        const QByteArrayList commands{add("a/b/c/x"),
+                                      command("delete", "a/b"),
+                                      add("a/b/c/y"),
+                                      command("delete", "a/b"),
+                                      command("create-symlink", "a/b", R"(,"symlink":"../../outside")"),
+                                      command("delete", "a/b/treasure")};
+        QVariantList log;
+        QVERIFY(!applyIn(tree, patchOfCommands(commands.join(',')), log));
+        QCOMPARE(descriptions(log).value(5), "Error: path is not inside the bundle: a/b/treasure");
+        QCOMPARE(tree.read("outside/treasure"), "treasure");
+
+        QVERIFY(applyIn(tree, patchOfCommands(commands.first(3).join(',')), log));
+        QCOMPARE(listing(tree.path("new.app")), QStringList({"a/", "a/b/", "a/b/c/", "a/b/c/y = pay"}));
+    }
+
+    // Each command alone is within bounds.
+    void allWalksAreBoundedTogether()
+    {
+        const TemporaryTree tree;
+        tree.directory("old.app/d");
+        tree.link("old.app/l", QString("d/../").repeated(800));
+        const int commands = int((1 << 20) / 1600) + 1;
+        QByteArrayList list(commands, command("delete", "l/x"));
+        QVariantList log;
+        QVERIFY(applyIn(tree, patchOfCommands(QByteArrayList(list.first(commands / 2)).join(',')), log));
+        QVERIFY(!applyIn(tree, patchOfCommands(list.join(',')), log));
     }
 
     void deltas_data()

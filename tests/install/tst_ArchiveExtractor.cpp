@@ -1,4 +1,5 @@
 #include "ArchiveExtractor.h"
+#include "DeepFolder.h"
 #include "LogCapture.h"
 #include "TemporaryTree.h"
 #include "ZipMaker.h"
@@ -92,12 +93,31 @@ private slots:
         row("nested", {"one/two/A.app/x"}, "one/two/A.app");
         row("outer before inner", {"A.app/B.app/x"}, "A.app");
         row("several dots", {"A.1..app/x"}, "A.1..app");
-        row("link", {"A.app@x"}, "A.app");
+        row("link to nothing", {"A.app@x"});
+        row("link to a folder", {"x/file", "A.app@x"});
+        row("link to a bundle, and it", {"x/file", "a/A.app@../x", "b/B.app/x"}, "b/B.app");
+        row("file", {"A.app"});
+        row("file and bundle", {"A.app", "B.app/x"}, "B.app");
         row("not through a link", {"a/x.app/y", "b@a"}, "a/x.app");
         row("other case", {"A.APP/x", "B.App/x"});
         row("only the extension", {".app/x"});
         row("not at the end", {"A.app.old/x", "Bapp/x", "C.app2"});
         row("nothing", {});
+    }
+
+    // As deeply as bundles and archives may be nested.
+    void bundlesAreNotSoughtTooDeeply()
+    {
+        const TemporaryTree tree;
+        const QString tool = tree.write("tool", "#!/bin/sh\ncat >/dev/null", 0755);
+        const QString archive = tree.write("archive", {});
+        const zel::FileDescriptor deepest = makeDeepFolder(tree.directory("out"), 128);
+        QCOMPARE(::mkdirat(deepest.get(), "A.app", 0755), 0);
+        const QString found = tree.path("out/") + QString("d/").repeated(128) + "A.app";
+        QCOMPARE(extract(archive, tree.path("out"), {.tool = tool}).path, found);
+        QVERIFY(QDir().rename(tree.path("out"), tree.path("inner")));
+        QVERIFY(QDir().rename(tree.path("inner"), tree.directory("out") + "/d"));
+        QCOMPARE(extract(archive, tree.path("out"), {.tool = tool}).path, QString());
     }
 
     void bundleChoice()
@@ -168,7 +188,7 @@ private slots:
         QFETCH(QStringList, log);
         const TemporaryTree tree;
         const QString archive = tree.write("archive", QByteArray(1'000'000, 'z'));
-        tree.write("out/A.app", "from before");
+        tree.directory("out/A.app"); // from before
         const QString tool =
             script.isNull() ? tree.path("missing") : tree.write("tool", "#!/bin/bash\n" + script, 0755);
         const Result result = extract(archive, tree.path("out"), {.tool = tool});
@@ -298,7 +318,7 @@ private slots:
     void emptyArchive()
     {
         const TemporaryTree tree;
-        tree.write("out/A.app", "from before");
+        tree.directory("out/A.app"); // from before
         const QString tool = tree.write("tool", "#!/bin/sh\ncat >/dev/null", 0755);
         const Result result = extract(tree.write("archive", {}), tree.path("out"), {.tool = tool});
         QCOMPARE(result.path, tree.path("out/A.app"));
