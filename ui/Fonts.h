@@ -5,7 +5,8 @@
 
 namespace zel {
 
-/// The system's font at `size` logical pixels.
-QFont systemFont(int size, QFont::Weight weight);
+/// The system's font at `size` logical pixels. `text` is what will be written with it: where its script is not in the
+/// font and the other font that stands in has no such weight, the weight is the nearest one that leads to that font.
+QFont systemFont(int size, QFont::Weight weight, const QString &text = {});
 
 } // namespace zel

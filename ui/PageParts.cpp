@@ -2,32 +2,19 @@
 
 #include "ButtonRow.h"
 #include "Fonts.h"
+#include "TextLabel.h"
 #include "ZELImageView.h"
 #include "ZELLayout.h"
 #include "ZELLocalization.h"
 #include "ZELProgressIndicator.h"
 #include "ZELUpdaterButton.h"
 
-#include <QLabel>
-
 namespace zel {
 
 namespace {
 
 constexpr qint64 None = ZELLayoutNotSet;
-
-QLabel *makeLabel(QWidget *page, const QString &text, const QFont &font, const QColor &colour)
-{
-    auto *label = new QLabel(text, page);
-    label->setFont(font);
-    label->setTextFormat(Qt::PlainText);
-    label->setAlignment(Qt::AlignHCenter | Qt::AlignTop);
-    QPalette palette = label->palette();
-    palette.setColor(QPalette::WindowText, colour);
-    label->setPalette(palette);
-    return label;
-}
-
+constexpr int MessageTop = 266;
 } // namespace
 
 ZELImageView *makeIcon(QWidget *page)
@@ -40,18 +27,20 @@ ZELImageView *makeIcon(QWidget *page)
 
 QLabel *makeTitle(QWidget *page, const char *key, int top)
 {
-    QLabel *title =
-        makeLabel(page, localized(key), systemFont(20, QFont::Light), QColor::fromRgbF(1, 1, 1, 0.85F));
+    const QString text = localized(key);
+    auto *title =
+        new TextLabel(text, systemFont(20, QFont::Light, text), QColor::fromRgbF(1, 1, 1, 0.85F), page);
     ZELLayoutView(title, ZELMakeLayoutFrame(32, -32, top, None, None, None));
     return title;
 }
 
-QLabel *makeMessage(QWidget *page, const char *key, int inset)
+QLabel *makeMessage(QWidget *page, const char *key, int inset, int room)
 {
-    QLabel *message = makeLabel(page, key ? localized(key) : QString(), systemFont(13, QFont::Normal),
-                                QColor::fromRgbF(0.6F, 0.6F, 0.6F));
+    auto *message = new TextLabel(key ? localized(key) : QString(), systemFont(13, QFont::Normal),
+                                  QColor::fromRgbF(0.6F, 0.6F, 0.6F), page);
     message->setWordWrap(true);
-    ZELLayoutView(message, ZELMakeLayoutFrame(inset, -inset, 266, None, None, None));
+    message->setMaximumHeight(room);
+    ZELLayoutView(message, ZELMakeLayoutFrame(inset, -inset, MessageTop, None, None, None));
     return message;
 }
 

@@ -15,8 +15,12 @@ ZELImageView *makeIcon(QWidget *page);
 /// The title, one of the texts' keys, `top` points below the page's top edge.
 QLabel *makeTitle(QWidget *page, const char *key, int top);
 
-/// The message below the title, `inset` points from both sides; without a key it is empty.
-QLabel *makeMessage(QWidget *page, const char *key, int inset);
+/// Points from the message's top edge to the buttons, less a little that parts them.
+inline constexpr int MessageRoom = 66;
+
+/// The message below the title, `inset` points from both sides and at most `room` points high; without a key it is
+/// empty.
+QLabel *makeMessage(QWidget *page, const char *key, int inset, int room = MessageRoom);
 
 /// A hidden spinning indicator in the middle of the room from `reference` down to `bottom` points above the page's
 /// bottom edge.

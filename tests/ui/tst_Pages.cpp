@@ -1,3 +1,4 @@
+#include "Fonts.h"
 #include "ZELImageView.h"
 #include "ZELLayout.h"
 #include "ZELLocalization.h"
@@ -12,8 +13,13 @@
 #include "ZELUpdaterUpdatedPage.h"
 #include "ZELUpdaterView.h"
 
+#include <QGlyphRun>
+#include <QHelpEvent>
 #include <QLabel>
+#include <QRawFont>
 #include <QTest>
+#include <QTextLayout>
+#include <QToolTip>
 
 namespace {
 
@@ -35,6 +41,35 @@ struct Pages {
         }
     }
 };
+
+/// The families that a text is written in.
+QStringList familiesOf(const QString &text, const QFont &font)
+{
+    QTextLayout layout(text, font);
+    layout.beginLayout();
+    layout.createLine();
+    layout.endLayout();
+    QStringList families;
+    for (const QGlyphRun &run : layout.glyphRuns())
+        families += run.rawFont().familyName();
+    families.sort();
+    return families;
+}
+
+/// The lines of a text in a picture: the bands of rows with anything in them.
+int inkedBands(const QImage &image)
+{
+    int bands = 0;
+    bool wasInked = false;
+    for (int y = 0; y < image.height(); ++y) {
+        bool isInked = false;
+        for (int x = 1; x < image.width(); ++x)
+            isInked = isInked || image.pixel(x, y) != image.pixel(0, 0);
+        bands += isInked && !wasInked;
+        wasInked = isInked;
+    }
+    return bands;
+}
 
 constexpr int Content = -1; // a height that the content decides
 
@@ -127,11 +162,77 @@ private slots:
     {
         ZELUpdaterDownloadPage &page = m_pages->download;
         const int oneLine = page.text()->height();
-        page.text()->setText(QString("Many words that take more than one line of this page. ").repeated(3));
-        QTRY_VERIFY(page.text()->height() >= 3 * oneLine);
+        page.text()->setText(QString("Many words that take two lines of this page."));
+        QTRY_VERIFY(page.text()->height() >= 2 * oneLine);
         QTRY_COMPARE(page.progress()->geometry(),
                      QRect(60, page.text()->geometry().bottom() + 1 + 12, 350 - 120, 18));
         QCOMPARE(page.width(), 350);
+    }
+
+    void longMessageStaysAboveTheButtons_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<bool>("isWhole");
+        QTest::newRow("five lines") << QString("One\ntwo\nthree\nfour\nfive") << true;
+        QTest::newRow("many words") << QString("A message that somebody wrote. ").repeated(30) << false;
+        QTest::newRow("one long word") << QString("/home/user/").repeated(12) << true;
+    }
+
+    void longMessageStaysAboveTheButtons()
+    {
+        QFETCH(QString, text);
+        QFETCH(bool, isWhole);
+        const ZELUpdaterErrorPage &page = m_pages->error;
+        const QString usual = page.text()->text();
+        page.text()->setText(text);
+        QTRY_VERIFY(page.text()->height() > 40);
+        QVERIFY(page.text()->geometry().bottom() < page.cancelButton()->y() - 3);
+        const int bands = inkedBands(page.text()->grab().toImage());
+        QVERIFY2(bands >= 4, qPrintable(QString::number(bands)));
+        QHelpEvent asked(QEvent::ToolTip, {5, 5}, page.text()->mapToGlobal(QPoint(5, 5)));
+        QCoreApplication::sendEvent(page.text(), &asked);
+        QCOMPARE(QToolTip::text().isEmpty(), isWhole);
+        QToolTip::hideText();
+        QTRY_VERIFY(QToolTip::text().isEmpty());
+        page.text()->setText(usual);
+        QTRY_VERIFY(page.text()->height() < 40);
+    }
+
+    // A look-up that minds the weight before the kind finds a monospaced font for Arabic.
+    void titlesAreInTheFontOfTheirTexts()
+    {
+        for (const char *language : {"ar", "he", "ru", "ja", "de"}) {
+            zel::setLanguage(language);
+            const ZELUpdaterErrorPage page;
+            QFont normal = page.label()->font();
+            normal.setWeight(QFont::Normal);
+            QCOMPARE(familiesOf(page.label()->text(), page.label()->font()),
+                     familiesOf(page.label()->text(), normal));
+        }
+        zel::setLanguage("en");
+    }
+
+    void buttonsHaveRoomForTheirLabels()
+    {
+        QStringList faults;
+        for (const QString &file : QDir(":/ZELUpdater/texts").entryList({"*.qm"})) {
+            zel::setLanguage(file.section('.', 0, 0).mid(qstrlen("ZELUpdater_")));
+            ZELUpdaterErrorPage error;
+            ZELUpdaterHistoryPage history;
+            history.updateButtons({});
+            error.resize(350, 400);
+            history.resize(500, 470);
+            error.show();
+            history.show();
+            for (const ZELUpdaterButton *button :
+                 error.findChildren<ZELUpdaterButton *>() + history.findChildren<ZELUpdaterButton *>()) {
+                const QFontMetricsF smallest(zel::systemFont(11, QFont::DemiBold, button->label()));
+                if (smallest.horizontalAdvance(button->label()) > button->width() - 30)
+                    faults += file + ": " + button->label();
+            }
+        }
+        zel::setLanguage("en");
+        QCOMPARE(faults, QStringList());
     }
 
     void updateButtonsTwiceLeavesThree()
