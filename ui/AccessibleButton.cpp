@@ -35,12 +35,16 @@ QAccessible::State AccessibleButton::state() const
 
 QStringList AccessibleButton::actionNames() const
 {
-    return {pressAction()};
+    if (!button()->isEnabled())
+        return {};
+    return QStringList(pressAction()) + QAccessibleWidget::actionNames();
 }
 
 void AccessibleButton::doAction(const QString &name)
 {
-    if (name == pressAction())
+    if (name != pressAction())
+        QAccessibleWidget::doAction(name);
+    else if (button()->isEnabled())
         button()->accessibilityPerformPress();
 }
 

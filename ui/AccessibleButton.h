@@ -7,7 +7,7 @@
 
 namespace zel {
 
-/// A button named by its label, with one action: to press it.
+/// A button named by its label that can be pressed and be given the focus while it is enabled.
 class AccessibleButton : public QAccessibleWidget
 {
 public:

@@ -3,6 +3,7 @@
 #include "PixelGrid.h"
 
 #include <QFontMetricsF>
+#include <QLineF>
 #include <QPainterPath>
 
 #include <cmath>
@@ -29,8 +30,17 @@ QColor rgb(float red, float green, float blue)
     return QColor::fromRgbF(red, green, blue);
 }
 
+Colors highContrastColorsOf(ButtonLook look)
+{
+    const float body =
+        (look.isPrimary ? 1.0f : 0.0f) + (look.isPressed ? (look.isPrimary ? -0.3f : 0.3f) : 0);
+    return {white(body), white(body), white(1), white(look.isPrimary ? 0 : 1)};
+}
+
 Colors colorsOf(ButtonLook look)
 {
+    if (look.isHighContrast)
+        return highContrastColorsOf(look);
     if (look.isPrimary && look.isPressed)
         return {rgb(0.028f, 0.375f, 0.722f), rgb(0, 0.467f, 0.8f), {}, white(1, 0.7f)};
     if (look.isPrimary)
@@ -72,6 +82,23 @@ void drawHighlight(QPainter &painter, const QRectF &body, const QColor &color)
     painter.fillPath(path.subtracted(path.translated(0, alignedLine(painter))), color);
 }
 
+// Two points wide and as far away from the body, so that it can be told from a body as light as itself.
+void drawFocusRing(QPainter &painter, const QRectF &body, bool isHighContrast)
+{
+    painter.setPen(QPen(isHighContrast ? white(1) : rgb(0.55f, 0.8f, 1), 2));
+    painter.setBrush(Qt::NoBrush);
+    painter.drawRoundedRect(body.adjusted(-3, -3, 3, 3), bodyRadius + 3, bodyRadius + 3);
+}
+
+// An edge all around is what shows a button where its body is as black as the window.
+void drawEdge(QPainter &painter, const QRectF &body, ButtonLook look)
+{
+    const qreal line = alignedLine(painter) * (look.isHovered ? 2 : 1);
+    painter.setPen(QPen(white(1), line));
+    painter.setBrush(Qt::NoBrush);
+    painter.drawRoundedRect(body.adjusted(line / 2, line / 2, -line / 2, -line / 2), bodyRadius, bodyRadius);
+}
+
 // The metrics of a font round it to whole pixels, up on a fine screen, which puts the label too low.
 qreal exactCapHeight(const QFont &font)
 {
@@ -80,10 +107,33 @@ qreal exactCapHeight(const QFont &font)
     return outline.boundingRect().height();
 }
 
-void drawLabel(QPainter &painter, const QRectF &bounds, const QColor &color, const QString &label)
+/// The label's font, smaller where that brings the label into `width`.
+QFont labelFont(const QString &label, qreal width, QPaintDevice *device)
+{
+    constexpr int size = 14;
+    constexpr int smallestSize = 11;
+    QFont font = systemFont(size, QFont::DemiBold, label);
+    while (font.pixelSize() > smallestSize && QFontMetricsF(font, device).horizontalAdvance(label) > width)
+        font.setPixelSize(font.pixelSize() - 1);
+    return font;
+}
+
+// White on the upper end of the blue has a contrast of 3.1; the darkness around the letters brings it to 4.5. It is made
+// of the letters themselves, a little aside, for their outlines do not lie where a hinted font puts them.
+void drawHalo(QPainter &painter, const QPointF &origin, const QString &text)
+{
+    constexpr int directions = 8;
+    painter.setPen(white(0, 0.08f));
+    for (const qreal distance : {1.0, 2.0}) {
+        for (int i = 0; i < directions; ++i)
+            painter.drawText(origin + QLineF::fromPolar(distance, i * 360.0 / directions).p2(), text);
+    }
+}
+
+void drawLabel(QPainter &painter, const QRectF &bounds, ButtonLook look, const QString &label)
 {
     const QRectF box(bounds.x() + 15, bounds.y() + 7, bounds.width() - 30, 16);
-    const QFont font = systemFont(14, QFont::DemiBold);
+    const QFont font = labelFont(label, box.width(), painter.device());
     const QFontMetricsF metrics(font, painter.device());
     const QString text = metrics.elidedText(label, Qt::ElideRight, box.width());
 
@@ -92,9 +142,12 @@ void drawLabel(QPainter &painter, const QRectF &bounds, const QColor &color, con
     const qreal capHeight = exactCapHeight(font);
     const QRectF capitals(box.center().x() - metrics.horizontalAdvance(text) / 2, middle - capHeight / 2, 0,
                           capHeight);
+    const QPointF origin = alignedToPixels(capitals, painter).bottomLeft();
     painter.setFont(font);
-    painter.setPen(color);
-    painter.drawText(alignedToPixels(capitals, painter).bottomLeft(), text);
+    if (look.isPrimary && !look.isHighContrast)
+        drawHalo(painter, origin, text);
+    painter.setPen(colorsOf(look).label);
+    painter.drawText(origin, text);
 }
 
 } // namespace
@@ -105,19 +158,27 @@ void drawButtonSurround(QPainter &painter, const QRectF &bounds, ButtonLook look
     const QRectF body = alignedToPixels(bounds, painter);
     const qreal rim = alignedLine(painter);
     fillRounded(painter, body.adjusted(-rim, -rim, rim, rim), rimRadius, white(0, 0.16f));
-    if (!look.isPressed)
+    if (!look.isPressed && look.isEnabled && !look.isHighContrast)
         drawShadow(painter, body);
+    if (look.isFocused)
+        drawFocusRing(painter, body, look.isHighContrast);
 }
 
 void drawButtonBody(QPainter &painter, const QRectF &bounds, ButtonLook look, const QString &label)
 {
+    constexpr qreal disabledOpacity = 0.4;
     painter.setRenderHint(QPainter::Antialiasing);
+    painter.setOpacity(look.isEnabled ? 1 : disabledOpacity);
     const Colors colors = colorsOf(look);
     const QRectF body = alignedToPixels(bounds, painter);
     fillRounded(painter, body, bodyRadius, bodyGradient(body, colors));
-    if (!look.isPressed)
+    if (look.isHighContrast)
+        drawEdge(painter, body, look);
+    else if (look.isHovered && !look.isPressed)
+        fillRounded(painter, body, bodyRadius, white(1, 0.07f));
+    if (!look.isPressed && look.isEnabled && !look.isHighContrast)
         drawHighlight(painter, body, colors.highlight);
-    drawLabel(painter, bounds, colors.label, label);
+    drawLabel(painter, bounds, look, label);
 }
 
 } // namespace zel

@@ -1,24 +1,30 @@
 #include "ZELUpdaterButton.h"
 #include "AccessibleButton.h"
 #include "ButtonPainter.h"
+#include "HighContrast.h"
 
 #include <QGraphicsEffect>
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
 
+#include <algorithm>
+
 namespace {
 
 constexpr qint64 primaryStyle = 1;
 
-zel::ButtonLook lookOf(const ZELUpdaterButton &button)
+// A page that was taken out of its window is its own window, in Qt's terms, which nobody has shown.
+bool isInWindow(const QWidget &page)
 {
-    return {button.style() == primaryStyle, button.isActive()};
+    return !page.isWindow() || page.isVisible();
 }
+
+} // namespace
 
 // A widget cannot paint beyond its rectangle, an effect on it can: Qt then repaints what lies behind as well, in
 // whatever order and region. It draws the body too, for QWidget::render() moves what drawSource() draws twice as far.
-class Surround : public QGraphicsEffect
+class ZELUpdaterButton::Surround : public QGraphicsEffect
 {
 public:
     explicit Surround(const ZELUpdaterButton &button)
@@ -35,8 +41,8 @@ protected:
     void draw(QPainter *painter) override
     {
         painter->save();
-        zel::drawButtonSurround(*painter, m_button.rect(), lookOf(m_button));
-        zel::drawButtonBody(*painter, m_button.rect(), lookOf(m_button), m_button.label());
+        zel::drawButtonSurround(*painter, m_button.rect(), m_button.look());
+        zel::drawButtonBody(*painter, m_button.rect(), m_button.look(), m_button.label());
         painter->restore();
     }
 
@@ -44,19 +50,12 @@ private:
     const ZELUpdaterButton &m_button;
 };
 
-// A page that was taken out of its window is its own window, in Qt's terms, which nobody has shown.
-bool isInWindow(const QWidget &page)
-{
-    return !page.isWindow() || page.isVisible();
-}
-
-} // namespace
-
 ZELUpdaterButton::ZELUpdaterButton(QWidget *parent)
     : QWidget(parent)
 {
     zel::AccessibleButton::install();
     setGraphicsEffect(new Surround(*this)); // the widget owns it
+    setFocusPolicy(Qt::TabFocus);
 }
 
 qint64 ZELUpdaterButton::style() const
@@ -83,7 +82,12 @@ QString ZELUpdaterButton::label() const
 }
 void ZELUpdaterButton::setLabel(const QString &label)
 {
+    const bool isOther = m_label != label;
     m_label = label;
+    if (!isOther || !QAccessible::isActive())
+        return;
+    QAccessibleEvent event(this, QAccessible::NameChanged);
+    QAccessible::updateAccessibility(&event);
 }
 
 std::function<void()> ZELUpdaterButton::onClick() const
@@ -109,7 +113,7 @@ void ZELUpdaterButton::setProcessKeyEvent(
 bool ZELUpdaterButton::performKeyEquivalent(QKeyEvent *event)
 {
     const QWidget *page = parentWidget();
-    if (!page || !isInWindow(*page) || page->isHidden() || event->type() != QEvent::KeyPress)
+    if (!page || !isInWindow(*page) || page->isHidden() || !isEnabled() || event->type() != QEvent::KeyPress)
         return false;
     const auto process = m_processKeyEvent; // the callback may delete the button, and itself with it
     return process && process(this, event);
@@ -132,6 +136,7 @@ void ZELUpdaterButton::mousePressEvent(QMouseEvent *event)
     if (event->button() != Qt::LeftButton)
         return event->ignore();
     m_wasHiddenSincePress = false;
+    m_showsFocus = false;
     showActive(true);
 }
 
@@ -157,6 +162,7 @@ void ZELUpdaterButton::mouseReleaseEvent(QMouseEvent *event)
 void ZELUpdaterButton::hideEvent(QHideEvent *)
 {
     m_wasHiddenSincePress = true;
+    m_isHovered = false;
     if (m_isActive)
         showActive(false);
 }
@@ -165,7 +171,61 @@ void ZELUpdaterButton::hideEvent(QHideEvent *)
 void ZELUpdaterButton::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
-    zel::drawButtonBody(painter, rect(), lookOf(*this), m_label);
+    zel::drawButtonBody(painter, rect(), look(), m_label);
+}
+
+void ZELUpdaterButton::changeEvent(QEvent *event)
+{
+    QWidget::changeEvent(event);
+    if (event->type() == QEvent::EnabledChange && !isEnabled() && m_isActive)
+        showActive(false);
+    update();
+}
+
+void ZELUpdaterButton::enterEvent(QEnterEvent *)
+{
+    m_isHovered = true;
+    update();
+}
+
+void ZELUpdaterButton::leaveEvent(QEvent *)
+{
+    m_isHovered = false;
+    update();
+}
+
+// A focus that comes back with its window or from a menu looks as it did before.
+void ZELUpdaterButton::focusInEvent(QFocusEvent *event)
+{
+    if (event->reason() != Qt::ActiveWindowFocusReason && event->reason() != Qt::PopupFocusReason)
+        m_showsFocus = event->reason() != Qt::MouseFocusReason;
+    update();
+}
+
+void ZELUpdaterButton::focusOutEvent(QFocusEvent *)
+{
+    update();
+}
+
+void ZELUpdaterButton::keyPressEvent(QKeyEvent *event)
+{
+    static constexpr int keys[] = {Qt::Key_Space, Qt::Key_Return, Qt::Key_Enter, Qt::Key_Select};
+    const bool isPlain = (event->modifiers() & ~Qt::KeypadModifier) == Qt::NoModifier;
+    if (!isPlain || std::ranges::find(keys, event->key()) == std::end(keys))
+        return event->ignore(); // for the window, which asks all buttons
+    // A key that is held down must not press what stands on the next page, too.
+    if (!event->isAutoRepeat())
+        accessibilityPerformPress();
+}
+
+zel::ButtonLook ZELUpdaterButton::look() const
+{
+    return {.isPrimary = m_style == primaryStyle,
+            .isPressed = m_isActive,
+            .isHovered = m_isHovered && isEnabled(),
+            .isEnabled = isEnabled(),
+            .isFocused = m_showsFocus && hasFocus(),
+            .isHighContrast = zel::isHighContrast()};
 }
 
 void ZELUpdaterButton::showActive(bool isActive)

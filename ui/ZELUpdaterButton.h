@@ -9,12 +9,17 @@
 
 class QKeyEvent;
 
+namespace zel {
+struct ButtonLook;
+}
+
 /// A rounded push button that draws itself, in grey or, for the main action, in blue.
 ///
-/// Its action is a callback. It takes no keyboard focus: its window offers each key to `performKeyEquivalent`.
-/// Accessibility clients see a button named by its label that can be pressed. Rim and shadow are drawn around the
-/// button's rectangle, onto what lies behind it, as its graphics effect; another effect takes their place. Child
-/// widgets are not drawn.
+/// Its action is a callback. Tab and backtab lead to it: Space, Return and Enter press it then, and it shows a focus
+/// ring until the mouse is pressed on it. Every other key, and all of them while it has no focus, its window offers to
+/// `performKeyEquivalent`. Accessibility clients see a button named by its label that can be pressed. Rim, shadow and
+/// ring are drawn around the button's rectangle, onto what lies behind it, as its graphics effect; another effect takes
+/// their place. Child widgets are not drawn.
 ///
 /// The setters do not redraw: a new label or style shows with the next redraw that something else causes. Main thread
 /// only. The callbacks may hide or delete the button, its page or its window.
@@ -34,7 +39,7 @@ public:
     bool isActive() const;
     void setIsActive(bool isActive);
 
-    /// The text shown, on one line; a long one is shortened to the button's width.
+    /// The text shown, on one line; a long one is written smaller, and shortened when that does not suffice.
     QString label() const;
     void setLabel(const QString &label);
 
@@ -47,7 +52,7 @@ public:
     void setProcessKeyEvent(std::function<bool(ZELUpdaterButton *, QKeyEvent *)> processKeyEvent);
 
     /// Offers a key event to `processKeyEvent` and returns its answer. Returns false without asking when there is
-    /// none, when `event` is not a key press, or when the button's parent, its page, is in no window or hidden;
+    /// none, when `event` is not a key press, when the button is disabled, or when the button's parent, its page, is in no window or hidden;
     /// whether the button itself is hidden does not matter.
     bool performKeyEquivalent(QKeyEvent *event);
 
@@ -64,13 +69,23 @@ protected:
     void mouseReleaseEvent(QMouseEvent *event) override;
     void hideEvent(QHideEvent *event) override;
     void paintEvent(QPaintEvent *event) override;
+    void changeEvent(QEvent *event) override;
+    void enterEvent(QEnterEvent *event) override;
+    void leaveEvent(QEvent *event) override;
+    void focusInEvent(QFocusEvent *event) override;
+    void focusOutEvent(QFocusEvent *event) override;
+    void keyPressEvent(QKeyEvent *event) override;
 
 private:
+    class Surround;
     void showActive(bool isActive);
+    zel::ButtonLook look() const;
 
     qint64 m_style = 0;
     bool m_isActive = false;
     bool m_wasHiddenSincePress = false;
+    bool m_isHovered = false;
+    bool m_showsFocus = false; // while it has the focus
     QString m_label;
     std::function<void()> m_onClick;
     std::function<bool(ZELUpdaterButton *, QKeyEvent *)> m_processKeyEvent;

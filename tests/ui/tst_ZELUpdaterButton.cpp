@@ -1,3 +1,5 @@
+#include "AccessibilityLog.h"
+#include "HighContrast.h"
 #include "Rendering.h"
 #include "ZELUpdaterButton.h"
 
@@ -42,7 +44,13 @@ struct Scene {
     void show() const
     {
         window->show();
-        QVERIFY(QTest::qWaitForWindowExposed(window.get()));
+        window->activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(window.get()));
+    }
+
+    void key(Qt::Key key, Qt::KeyboardModifiers modifiers = {}) const
+    {
+        QTest::keyClick(window->windowHandle(), key, modifiers);
     }
 
     /// 'p'resses, 'm'oves or 'r'eleases the mouse.
@@ -204,6 +212,7 @@ private slots:
             scene.page->setParent(nullptr);
             scene.page->setParent(scene.window.get());
         });
+        row("button disabled", false, [](Scene &scene) { scene.button->setEnabled(false); });
         row("page taken out", false, [](Scene &scene) { scene.page->setParent(nullptr); });
         row("button taken out", false, [](Scene &scene) { scene.button->setParent(nullptr); });
     }
@@ -232,6 +241,64 @@ private slots:
                 delete widget;
     }
 
+    void keysPressTheFocused_data()
+    {
+        QTest::addColumn<Qt::Key>("key");
+        QTest::addColumn<Qt::KeyboardModifiers>("modifiers");
+        QTest::addColumn<bool>("presses");
+
+        const auto row = [](const char *name, Qt::Key key, bool presses,
+                            Qt::KeyboardModifiers modifiers = {}) {
+            QTest::newRow(name) << key << modifiers << presses;
+        };
+        row("space", Qt::Key_Space, true);
+        row("return", Qt::Key_Return, true);
+        row("enter", Qt::Key_Enter, true, Qt::KeypadModifier);
+        row("control and return", Qt::Key_Return, false, Qt::ControlModifier);
+        row("escape", Qt::Key_Escape, false);
+        row("letter", Qt::Key_C, false);
+    }
+
+    void keysPressTheFocused()
+    {
+        QFETCH(Qt::Key, key);
+        QFETCH(Qt::KeyboardModifiers, modifiers);
+        QFETCH(bool, presses);
+        Scene scene;
+        scene.show();
+        scene.window->setFocus();
+        scene.key(key, modifiers);
+        QCOMPARE(scene.clicks, 0);
+        scene.key(Qt::Key_Tab);
+        QVERIFY(scene.button->hasFocus());
+        scene.key(key, modifiers);
+        QCOMPARE(scene.clicks, presses ? 1 : 0);
+        QKeyEvent held(QEvent::KeyPress, key, modifiers, {}, true);
+        QCoreApplication::sendEvent(scene.button, &held);
+        QCOMPARE(scene.clicks, presses ? 1 : 0);
+    }
+
+    void focusIsSeen()
+    {
+        for (const qint64 style : {0, 1}) {
+            Scene scene;
+            scene.button->setStyle(style);
+            scene.show();
+            scene.window->setFocus();
+            const auto ring = [&] {
+                return colorAt(onScreen(*scene.window), scene.button->pos() + QPointF(60, -3));
+            };
+            QVERIFY(isNear(ring(), windowColor));
+            scene.key(Qt::Key_Tab);
+            QVERIFY(zel::contrast(ring(), windowColor) >= 4.5);
+            const QColor gap = colorAt(onScreen(*scene.window), scene.button->pos() + QPointF(60, -1.5));
+            QVERIFY(zel::contrast(ring(), gap) >= 4.5);
+            scene.mouse('p');
+            scene.mouse('r');
+            QVERIFY(isNear(ring(), windowColor));
+        }
+    }
+
     void accessibility()
     {
         Scene scene;
@@ -240,18 +307,32 @@ private slots:
         QVERIFY(interface);
         QCOMPARE(interface->role(), QAccessible::Button);
         QCOMPARE(interface->text(QAccessible::Name), "Install");
-        QVERIFY(!interface->state().focusable);
+        QVERIFY(interface->state().focusable);
         QVERIFY(!interface->state().pressed);
         scene.button->setIsActive(true);
         QVERIFY(interface->state().pressed);
 
         QAccessibleActionInterface *actions = interface->actionInterface();
         QVERIFY(actions);
-        QCOMPARE(actions->actionNames(), QStringList(QAccessibleActionInterface::pressAction()));
+        QCOMPARE(actions->actionNames(),
+                 (QStringList{QAccessibleActionInterface::pressAction(),
+                              QAccessibleActionInterface::setFocusAction()}));
         actions->doAction(QAccessibleActionInterface::pressAction());
         QCOMPARE(scene.clicks, 1);
+        scene.show();
         actions->doAction(QAccessibleActionInterface::setFocusAction());
+        QVERIFY(interface->state().focused);
         QCOMPARE(scene.clicks, 1);
+        scene.button->setEnabled(false);
+        QVERIFY(interface->state().disabled);
+        QCOMPARE(actions->actionNames(), QStringList());
+        actions->doAction(QAccessibleActionInterface::pressAction());
+        QCOMPARE(scene.clicks, 1);
+
+        const AccessibilityLog renamed(QAccessible::NameChanged);
+        scene.button->setLabel("Retry");
+        scene.button->setLabel("Retry");
+        QCOMPARE(renamed.names(), QStringList("Retry"));
 
         scene.button->setOnClick(nullptr);
         QVERIFY(scene.button->accessibilityPerformPress());
@@ -335,6 +416,37 @@ private slots:
         }
     }
 
+    void primaryLabelIsReadable()
+    {
+        Scene scene;
+        scene.button->setStyle(1);
+        scene.button->setLabel("l");
+        for (const qreal ratio : {1.0, 2.0}) {
+            const QImage image = rendered(*scene.window, ratio);
+            const auto at = [&](qreal x) { return colorAt(image, scene.button->pos() + QPointF(x, 14)); };
+            qreal left = 100;
+            while (at(left).red() < 200 && left < 200)
+                left += 0.25;
+            QVERIFY(left < 150);
+            // Half a point beside the stem, where it is not drawn any more.
+            const qreal beside = left - 0.5 - 1 / ratio;
+            QVERIFY(zel::contrast(at(20), Qt::white) < 4.5);
+            QVERIFY2(zel::contrast(at(beside), Qt::white) >= 4.5,
+                     qPrintable(QString::number(zel::contrast(at(beside), Qt::white))));
+        }
+    }
+
+    void labelGetsSmallerBeforeItIsShortened()
+    {
+        Scene scene;
+        scene.button->setIsActive(true);
+        const QRectF natural = labelBounds(scene, "HHHHHHHHHHHH", 2);
+        scene.button->resize(qRound(natural.width() * 0.85) + 30, 32);
+        const QRectF smaller = labelBounds(scene, "HHHHHHHHHHHH", 2);
+        QVERIFY(smaller.width() <= natural.width() * 0.86 && smaller.width() > natural.width() * 0.75);
+        QVERIFY(smaller.height() < natural.height() - 0.5);
+    }
+
     void longLabelIsShortened()
     {
         Scene scene;
@@ -384,15 +496,37 @@ private slots:
         QCOMPARE(after, onScreen(*scene.window));
     }
 
-    void pressIsSeen()
+    void statesAreSeen()
     {
         Scene scene;
         scene.show();
-        const QImage before = onScreen(*scene.window);
+        scene.mouse('m', outside);
+        const QImage normal = onScreen(*scene.window);
+        scene.mouse('m');
+        const QImage hovered = onScreen(*scene.window);
+        QVERIFY(hovered != normal);
         scene.mouse('p');
-        QVERIFY(onScreen(*scene.window) != before);
+        QVERIFY(onScreen(*scene.window) != hovered);
         scene.mouse('r');
-        QCOMPARE(onScreen(*scene.window), before);
+        QCOMPARE(onScreen(*scene.window), hovered);
+        scene.mouse('m', outside);
+        QCOMPARE(onScreen(*scene.window), normal);
+        scene.button->setEnabled(false);
+        const QImage disabled = onScreen(*scene.window);
+        QVERIFY(disabled != normal);
+        scene.mouse('m');
+        QCOMPARE(onScreen(*scene.window), disabled);
+    }
+
+    void disabledWhilePressed()
+    {
+        Scene scene;
+        scene.show();
+        scene.mouse('p');
+        scene.button->setEnabled(false);
+        QVERIFY(!scene.button->isActive());
+        scene.mouse('r');
+        QCOMPARE(scene.clicks, 0);
     }
 
 private:
