@@ -1,5 +1,5 @@
 #include "ZELProgressIndicator.h"
-#include "AccessibleProgressIndicator.h"
+#include "AccessibleProgress.h"
 #include "AnimationTimer.h"
 #include "IndicatorPainter.h"
 
@@ -24,7 +24,7 @@ ZELProgressIndicator::ZELProgressIndicator(Style style, QWidget *parent)
     , m_style(style)
     , m_timer(new zel::AnimationTimer(this, intervalOf(style), [this] { update(); }))
 {
-    zel::AccessibleProgressIndicator::install();
+    zel::AccessibleProgress::install();
     setSizePolicy(style == Style::Bar ? QSizePolicy::Expanding : QSizePolicy::Fixed, QSizePolicy::Fixed);
 }
 
@@ -49,10 +49,7 @@ void ZELProgressIndicator::setDoubleValue(double doubleValue)
 {
     m_doubleValue = doubleValue;
     update();
-    if (!QAccessible::isActive())
-        return;
-    QAccessibleValueChangeEvent event(this, doubleValue);
-    QAccessible::updateAccessibility(&event);
+    zel::AccessibleProgress::valueChanged(this, doubleValue);
 }
 
 double ZELProgressIndicator::minValue() const

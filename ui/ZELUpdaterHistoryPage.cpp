@@ -8,6 +8,7 @@
 #include "WindowGrip.h"
 #include "ZELUpdaterButton.h"
 
+#include <QFocusEvent>
 #include <QGuiApplication>
 #include <QLabel>
 #include <QStringDecoder>
@@ -63,6 +64,9 @@ zel::NotesView *ZELUpdaterHistoryPage::notes()
     ZELLayoutView(view, notesFrame());
     new zel::WindowGrip(view);
     view->show();
+    setTabOrder(view, m_laterButton);
+    if (hasFocus())
+        view->setFocus();
     return m_notes.get();
 }
 
@@ -101,4 +105,15 @@ void ZELUpdaterHistoryPage::updateButtons(const QVariantMap &update)
         button->show();
     }
     ZELLayoutViewsHorizontal2(m_laterButton, m_skipButton, m_downloadButton, 20, zel::buttonRowFrame());
+    if (m_notes && m_notes->widget())
+        setTabOrder(m_notes->widget(), m_laterButton);
+    setTabOrder(m_laterButton, m_skipButton);
+    setTabOrder(m_skipButton, m_downloadButton);
+}
+
+// Keys scroll the notes at once.
+void ZELUpdaterHistoryPage::focusInEvent(QFocusEvent *event)
+{
+    if (m_notes && m_notes->widget())
+        m_notes->widget()->setFocus(event->reason());
 }

@@ -62,9 +62,13 @@ public:
     /// Shows a document in UTF-8, of any length; an empty page when it is null or not valid UTF-8.
     void loadHTML(const QByteArray &html);
 
-    /// Takes the three buttons out, puts them back and lays them out: Later, Skip, Install. Of the check result `update`
-    /// only the version is used, for an offer without notes.
+    /// Takes the three buttons out, puts them back and lays them out: Later, Skip, Install, which is also the order in
+    /// which Tab leads from the notes to them. Of the check result `update` only the version is used, for an offer
+    /// without notes.
     void updateButtons(const QVariantMap &update);
+
+protected:
+    void focusInEvent(QFocusEvent *event) override;
 
 private:
     zel::NotesView *notes();

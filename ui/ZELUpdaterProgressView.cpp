@@ -1,4 +1,5 @@
 #include "ZELUpdaterProgressView.h"
+#include "AccessibleProgress.h"
 #include "AnimationTimer.h"
 #include "Fonts.h"
 
@@ -33,6 +34,7 @@ ZELUpdaterProgressView::ZELUpdaterProgressView(QWidget *parent)
     : QWidget(parent)
     , m_timer(new zel::AnimationTimer(this, frameMilliseconds, [this] { advance(); }))
 {
+    zel::AccessibleProgress::install();
     m_backgroundLayer.strokeColor = QColor::fromRgbF(0, 0, 0, 0.5f);
     m_backgroundLayer.lineWidth = 6;
     m_progressLayer.strokeColor = QColor::fromRgbF(0.068f, 0.629f, 1, 0.8f);
@@ -60,6 +62,7 @@ void ZELUpdaterProgressView::setProgress(float progress)
     m_progress = std::isfinite(progress) ? progress : 0;
     m_progressLayer.strokeEnd = m_progress;
     update();
+    zel::AccessibleProgress::valueChanged(this, m_progress);
 }
 
 bool ZELUpdaterProgressView::showValue() const

@@ -11,7 +11,8 @@ class AnimationTimer;
 }
 
 /// A blue ring over a dark track that fills clockwise from twelve o'clock, with the percentage in its middle; or,
-/// looping, a ring that fills and empties itself without end. Main thread only.
+/// looping, a ring that fills and empties itself without end. Accessibility clients see a progress bar. Main thread
+/// only.
 ///
 /// The ring is kept six points clear of the view's nearer edges; its path follows every change of the view's size.
 class ZEL_EXPORT ZELUpdaterProgressView : public QWidget

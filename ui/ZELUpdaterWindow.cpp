@@ -1,10 +1,14 @@
 #include "ZELUpdaterWindow.h"
 
+#include "AccessibleViews.h"
+#include "HighContrast.h"
 #include "ZELUpdaterButton.h"
 
 #include <QCloseEvent>
+#include <QGuiApplication>
 #include <QKeyEvent>
 #include <QMouseEvent>
+#include <QPainter>
 #include <QScreen>
 #include <QWindow>
 
@@ -15,17 +19,40 @@ constexpr Qt::WindowFlags FreeStanding = Qt::Window | Qt::FramelessWindowHint;
 // X11 ties a window to another one only when it is of such a kind.
 constexpr Qt::WindowFlags Attached = Qt::Sheet | Qt::FramelessWindowHint;
 const QColor Background = QColor::fromRgbF(0.16F, 0.16F, 0.16F);
+const QColor EdgeColor = QColor::fromRgbF(0.38F, 0.38F, 0.38F);
+
+/// A line along the window's edge, above its pages, that parts it from another dark window behind it.
+class Edge : public QWidget
+{
+public:
+    explicit Edge(QWidget *window)
+        : QWidget(window)
+    {
+        setAttribute(Qt::WA_TransparentForMouseEvents);
+    }
+
+protected:
+    void resizeEvent(QResizeEvent *) override
+    {
+        setMask(QRegion(rect()) - QRegion(rect().adjusted(1, 1, -1, -1)));
+    }
+
+    void paintEvent(QPaintEvent *event) override
+    {
+        QPainter(this).fillRect(event->rect(), zel::isHighContrast() ? QColor(Qt::white) : EdgeColor);
+    }
+};
 
 } // namespace
 
 ZELUpdaterWindow::ZELUpdaterWindow()
     : QWidget(nullptr, FreeStanding)
     , m_contentView(new QWidget(this))
+    , m_edge(new Edge(this))
 {
+    zel::AccessibleView::install();
     setAttribute(Qt::WA_QuitOnClose, false);
-    QPalette dark = palette();
-    dark.setColor(QPalette::Window, Background);
-    setPalette(dark);
+    takeColors();
     m_contentView->setAutoFillBackground(true);
     setFrame({QPoint(), InitialSize}, true);
 }
@@ -130,7 +157,23 @@ bool ZELUpdaterWindow::event(QEvent *event)
     // A web view makes the window one that OpenGL draws, with a new handle that knows nothing of the host.
     if (event->type() == QEvent::WinIdChange)
         followHost();
+    if (event->type() == QEvent::ApplicationPaletteChange)
+        takeColors();
     return QWidget::event(event);
+}
+
+void ZELUpdaterWindow::takeColors()
+{
+    QPalette dark = palette();
+    dark.setColor(QPalette::Window, zel::isHighContrast() ? QColor(Qt::black) : Background);
+    setPalette(dark);
+}
+
+void ZELUpdaterWindow::showEvent(QShowEvent *)
+{
+    // No title bar shows it, but lists of windows do, and it is what a screen reader calls the window.
+    if (windowTitle().isEmpty())
+        setWindowTitle(QGuiApplication::applicationDisplayName());
 }
 
 bool ZELUpdaterWindow::eventFilter(QObject *watched, QEvent *event)
@@ -173,4 +216,5 @@ void ZELUpdaterWindow::mouseReleaseEvent(QMouseEvent *)
 void ZELUpdaterWindow::resizeEvent(QResizeEvent *)
 {
     m_contentView->setGeometry(rect());
+    m_edge->setGeometry(rect());
 }

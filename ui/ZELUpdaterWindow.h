@@ -12,7 +12,9 @@
 /// resizes and closes it; what the window system asks (Alt+F4) is ignored, and it never keeps the application
 /// running. Main thread only.
 ///
-/// Key presses go to the buttons of the content view, in the order in which they were added, until one handles them.
+/// Key presses that what has the focus does not take go to the buttons of the content view, in the order in which they
+/// were added, until one handles them. Accessibility clients see a dialog; its title, unless it was given one before it
+/// is shown, is the application's name.
 class ZEL_EXPORT ZELUpdaterWindow : public QWidget
 {
     Q_OBJECT
@@ -68,12 +70,15 @@ protected:
     void mousePressEvent(QMouseEvent *event) override;
     void mouseReleaseEvent(QMouseEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
+    void showEvent(QShowEvent *event) override;
 
 private:
     QPoint sheetPlace() const;
     void followHost();
+    void takeColors();
 
     QWidget *m_contentView;
+    QWidget *m_edge;
     QPointer<QWidget> m_sheetParent;
     QPoint m_sheetOrigin; // the position that was set last
     std::optional<QPoint> m_grip; // where a drag took hold of the window; not when the window system moves it

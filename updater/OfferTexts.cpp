@@ -1,36 +1,42 @@
 #include "OfferTexts.h"
 
-#include "IntegerValue.h"
+#include "SafeText.h"
+#include "ZELLocalization.h"
 
-#include <charconv>
+#include <QGuiApplication>
 
 namespace zel {
 
 namespace {
 
-const QString Version = QStringLiteral("version");
-const QString Build = QStringLiteral("build");
-
-float floatValue(const QVariant &value)
+// The texts come from a server, and nobody listens to more of them.
+QString spoken(const QVariant &text)
 {
-    // Not strtof, which reads a number as the user's country writes it.
-    const QByteArray text = value.toString().trimmed().toUtf8();
-    float number = 0;
-    std::from_chars(text.begin(), text.end(), number);
-    return number;
+    constexpr std::size_t longest = 48;
+    return QString::fromStdString(safeText(text.toString().toStdString(), longest));
 }
 
 } // namespace
 
-OfferTexts offerTexts(const QVariantMap &config, const QVariantMap &record)
+QString offerTitle(const QVariantMap &record)
 {
-    const float current = floatValue(config[Version]);
-    OfferTexts texts{QString::asprintf("%.2f", double(current)), record[Version].toString()};
-    if (current == floatValue(record[Version])) {
-        texts.offered += QStringLiteral(" (%1)").arg(record[Build].toString());
-        texts.current += QStringLiteral(" (%1)").arg(integerValue(config[Build]));
+    const QString version = spoken(record[QStringLiteral("version")]);
+    return QStringLiteral("%1 %2").arg(QGuiApplication::applicationDisplayName(), version).trimmed();
+}
+
+QString offerText(const QVariantMap &config, const QVariantMap &record)
+{
+    const QString version = QStringLiteral("version");
+    const QString build = QStringLiteral("build");
+    QString offered = spoken(record[version]);
+    QString current = spoken(config[version]);
+    if (offered.isEmpty() || current.isEmpty())
+        return {};
+    if (offered == current) {
+        offered += QStringLiteral(" (%1)").arg(spoken(record[build]));
+        current += QStringLiteral(" (%1)").arg(spoken(config[build]));
     }
-    return texts;
+    return localized("Updater.Version %1 is available, you have %2.").arg(offered, current);
 }
 
 } // namespace zel

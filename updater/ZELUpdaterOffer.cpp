@@ -112,9 +112,9 @@ void ZELUpdater::showHistoryPage()
 {
     if (!m_historyPage)
         return;
-    // Deliberate: the page has no place for the versions yet.
-    [[maybe_unused]] const zel::OfferTexts texts =
-        zel::offerTexts(m_config, update()[QStringLiteral("update")].toMap());
+    const QVariantMap record = update()[QStringLiteral("update")].toMap();
+    m_historyPage->setAccessibleName(zel::offerTitle(record));
+    m_historyPage->setAccessibleDescription(zel::offerText(m_config, record));
     if (!placePage(m_historyPage))
         return;
     resizeWindow(HistoryPageSize);

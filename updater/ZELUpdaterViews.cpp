@@ -147,12 +147,16 @@ bool ZELUpdater::placePage(QWidget *page)
 {
     if (!m_window || !page)
         return false;
-    if (m_currentPage)
-        m_currentPage->setParent(nullptr);
+    const QPointer<QWidget> last = m_currentPage;
     m_currentPage = page;
     page->setParent(m_window->contentView());
     ZELLayoutView(page, ZELMakeLayoutFrame(0, 0, 0, 0, ZELLayoutNotSet, ZELLayoutNotSet));
     page->show();
+    // From there Tab leads to the page's first button, and a screen reader reads what the page tells. The last page goes
+    // after that: one that takes the focus with it passes it on to some other button, which would be read, too.
+    page->setFocus(Qt::OtherFocusReason);
+    if (last && last != page)
+        last->setParent(nullptr);
     return true;
 }
 

@@ -1,3 +1,4 @@
+#include "AccessibilityLog.h"
 #include "ZELImageView.h"
 #include "ZELLocalization.h"
 #include "ZELProgressIndicator.h"
@@ -55,6 +56,7 @@ private slots:
     void initTestCase()
     {
         zel::setLanguage("en");
+        QGuiApplication::setApplicationDisplayName("Example");
         std::thread other([this] {
             ZELUpdater *made = ZELUpdater::shared();
             QMetaObject::invokeMethod(this, [=, this] { m_updater = made; });
@@ -245,6 +247,97 @@ private slots:
         m_updater->setTask({});
     }
 
+    void tabLeadsThroughThePages_data()
+    {
+        QTest::addColumn<Show>("show");
+        QTest::addColumn<QStringList>("title"); // what the page is called, and what it tells
+        QTest::addColumn<QStringList>("buttons");
+
+        const auto row = [](const char *name, Show show, const QStringList &title,
+                            const QStringList &buttons) { QTest::newRow(name) << show << title << buttons; };
+        row("checking", &ZELUpdater::showCheckingView, {"Checking for Updates", ""}, {"Cancel"});
+        row("download", &ZELUpdater::showDownloadPage, {"Downloading", "Connecting"}, {"Cancel"});
+        row("error", &ZELUpdater::showErrorPage, {"Error", "An error occurred while updating."},
+            {"Cancel", "Retry"});
+        row("no updates", &ZELUpdater::showNoUpdates, {"Up To Date", "No updates are available."}, {"Done"});
+        row("updated", &ZELUpdater::showUpdated, {"Completed", "Updates were successfully installed."},
+            {"Done"});
+    }
+
+    void tabLeadsThroughThePages()
+    {
+        QFETCH(Show, show);
+        QFETCH(QStringList, title);
+        QFETCH(QStringList, buttons);
+        showActive();
+        const AccessibilityLog focused(QAccessible::Focus);
+        (m_updater->*show)();
+        QAccessibleInterface *page = QAccessible::queryAccessibleInterface(m_updater->currentPage());
+        QCOMPARE(page->role(), QAccessible::Grouping);
+        QCOMPARE((QStringList{page->text(QAccessible::Name), page->text(QAccessible::Description)}), title);
+        for (qsizetype i = 0; i <= buttons.size(); ++i)
+            QTest::keyClick(window().windowHandle(), Qt::Key_Tab);
+        QTest::keyClick(window().windowHandle(), Qt::Key_Backtab, Qt::ShiftModifier);
+        // From the only button Tab leads to itself.
+        const bool goesRound = buttons.size() > 1;
+        QCOMPARE(focused.names(),
+                 title.first(1) + buttons
+                     + (goesRound ? QStringList{buttons.first(), buttons.last()} : QStringList()));
+        QTest::keyClick(window().windowHandle(), Qt::Key_Space);
+        QCOMPARE(m_calls, QStringList(buttons.last() == "Retry" ? "retry" : "cancel"));
+    }
+
+    void indicatorsAreNamedByTheirPages()
+    {
+        for (ZELProgressIndicator *indicator :
+             {m_updater->downloadPage()->progress(), m_updater->checkingPage()->progress()}) {
+            QAccessibleInterface *interface = QAccessible::queryAccessibleInterface(indicator);
+            const bool isBar = indicator == m_updater->downloadPage()->progress();
+            QCOMPARE(interface->role(), QAccessible::ProgressBar);
+            QCOMPARE(interface->text(QAccessible::Name), isBar ? "Downloading" : "Checking for Updates");
+        }
+    }
+
+    void offerIsTold_data()
+    {
+        QTest::addColumn<QVariantMap>("config");
+        QTest::addColumn<QVariantMap>("record");
+        QTest::addColumn<QString>("text");
+        const auto row = [](const char *name, const QVariantMap &config, const QVariantMap &record,
+                            const char *text) { QTest::newRow(name) << config << record << QString(text); };
+        row("another version", {{"version", "1.0"}}, {{"version", "1.1"}},
+            "Version 1.1 is available, you have 1.0.");
+        row("the same version", {{"version", "1.0"}, {"build", 100}}, {{"version", "1.0"}, {"build", "101"}},
+            "Version 1.0 (101) is available, you have 1.0 (100).");
+        row("placeholders", {{"version", "%2"}}, {{"version", "%2%1"}},
+            "Version %2%1 is available, you have %2.");
+        row("no version", {}, {{"version", "1.1"}}, "");
+    }
+
+    void offerIsTold()
+    {
+        QFETCH(QVariantMap, config);
+        QFETCH(QVariantMap, record);
+        m_updater->showErrorPage();
+        m_updater->setConfig(config);
+        m_updater->setUpdate({{"update", record}, {"html", QByteArray()}});
+        m_updater->showUpdate({});
+        QTRY_COMPARE(m_updater->currentPage(), m_updater->historyPage());
+        QAccessibleInterface *page = QAccessible::queryAccessibleInterface(m_updater->historyPage());
+        QTEST(page->text(QAccessible::Description), "text");
+        QCOMPARE(page->text(QAccessible::Name), "Example " + record["version"].toString());
+
+        showActive();
+        QStringList labels;
+        for (int i = 0; i < 3; ++i) {
+            QTest::keyClick(window().windowHandle(), Qt::Key_Tab);
+            labels += QAccessible::queryAccessibleInterface(qApp->focusWidget())->text(QAccessible::Name);
+        }
+        QCOMPARE(labels, (QStringList{"Cancel", "Skip", "Install"}));
+        m_updater->setConfig({});
+        m_updater->setUpdate({});
+    }
+
     void iconIsOnFivePages()
     {
         QImage icon(4, 4, QImage::Format_RGB32);
@@ -263,7 +356,11 @@ private slots:
         m_updater->showErrorPage();
         window().show();
         QCOMPARE(window().grab().toImage().pixelColor(3, 3), QColor(41, 41, 41));
+        QVERIFY(window().grab().toImage().pixelColor(349, 200).red() > 80);
         QVERIFY(window().windowFlags() & Qt::FramelessWindowHint);
+        QAccessibleInterface *interface = QAccessible::queryAccessibleInterface(&window());
+        QCOMPARE(interface->role(), QAccessible::Dialog);
+        QCOMPARE(interface->text(QAccessible::Name), "Example");
         QCOMPARE(window().minimumSize(), window().maximumSize());
 
         QCloseEvent asked;
@@ -276,6 +373,40 @@ private slots:
         m_updater->showCheckingView();
         window().show();
         QVERIFY(m_updater->checkingPage()->isVisible());
+    }
+
+    void highContrastIsFollowed()
+    {
+        m_updater->showErrorPage();
+        window().show();
+        const QPalette usual = QApplication::palette();
+        const auto lightest = [](const QWidget *label) {
+            const QImage seen = const_cast<QWidget *>(label)
+                                    ->window()
+                                    ->grab(QRect(label->mapTo(label->window(), QPoint()), label->size()))
+                                    .toImage();
+            int light = 0;
+            for (int y = 0; y < seen.height(); ++y)
+                for (int x = 0; x < seen.width(); ++x)
+                    light = std::max(light, qGray(seen.pixel(x, y)));
+            return light;
+        };
+        const QLabel *message = m_updater->errorPage()->text();
+        const int dim = lightest(message);
+        for (const auto &[window_, text] : {std::pair(Qt::black, Qt::white), {Qt::white, Qt::black}}) {
+            QPalette palette = usual;
+            palette.setColor(QPalette::Window, window_);
+            palette.setColor(QPalette::WindowText, text);
+            QApplication::setPalette(palette);
+            QTRY_COMPARE(window().grab().toImage().pixelColor(3, 3), QColor(Qt::black));
+            QTRY_VERIFY(lightest(message) > dim * 5 / 4);
+            const QPoint button = m_updater->errorPage()->cancelButton()->pos();
+            QCOMPARE(window().grab().toImage().pixelColor(button + QPoint(60, 0)), QColor(Qt::white));
+            QCOMPARE(window().grab().toImage().pixelColor(button + QPoint(60, 3)), QColor(Qt::black));
+        }
+        QApplication::setPalette(usual);
+        QTRY_COMPARE(window().grab().toImage().pixelColor(3, 3), QColor(41, 41, 41));
+        QTRY_COMPARE(lightest(message), dim);
     }
 
     void dragMovesTheWindow()
@@ -293,6 +424,18 @@ private slots:
     }
 
 private:
+    void showActive()
+    {
+        // The platform of the tests does not notice that a window comes back, unless another one was there meanwhile.
+        QWidget other;
+        other.show();
+        other.activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(&other));
+        window().show();
+        window().activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(&window()));
+    }
+
     ZELUpdaterWindow &window() { return *m_updater->window(); }
 
     ZELUpdater *m_updater = nullptr;

@@ -25,7 +25,8 @@ const QStringList keys{"Updater.Checking for Updates",
                        "Updater.Completed",
                        "Updater.Updates were successfully installed.",
                        "Updater.Install",
-                       "Updater.Skip"};
+                       "Updater.Skip",
+                       "Updater.Version %1 is available, you have %2."};
 
 /// The tables that were compiled in, each from a file of ui/translations.
 QStringList languages()

@@ -1,3 +1,4 @@
+#include "AccessibilityLog.h"
 #include "AnimationTimer.h"
 #include "Rendering.h"
 #include "ZELProgressIndicator.h"
@@ -179,6 +180,10 @@ private slots:
         QCOMPARE(scene.indicator.doubleValue(), 0.84);
         scene.indicator.setDoubleValue(std::nan(""));
         QCOMPARE(interface->text(QAccessible::Value), "0%");
+        scene.indicator.setAccessibleName("Copying");
+        const AccessibilityLog changes(QAccessible::ValueChanged);
+        scene.indicator.setDoubleValue(0.9);
+        QCOMPARE(changes.names(), QStringList("Copying"));
     }
 };
 

@@ -1,3 +1,4 @@
+#include "AccessibilityLog.h"
 #include "AnimationTimer.h"
 #include "Rendering.h"
 #include "ZELUpdaterProgressView.h"
@@ -281,6 +282,25 @@ private slots:
         scene.window.show();
         scene.view.startLooping();
         QTRY_VERIFY(scene.view.animationIndex() >= 3);
+    }
+
+    void accessibility()
+    {
+        ZELUpdaterProgressView view;
+        view.setProgress(0.42f);
+        QAccessibleInterface *interface = QAccessible::queryAccessibleInterface(&view);
+        QVERIFY(interface);
+        QCOMPARE(interface->role(), QAccessible::ProgressBar);
+        QCOMPARE(interface->text(QAccessible::Value), "42%");
+        QCOMPARE(interface->valueInterface()->currentValue().toFloat(), 0.42f);
+        QCOMPARE(interface->valueInterface()->maximumValue().toDouble(), 1.0);
+        view.startLooping();
+        QVERIFY(interface->state().busy);
+        QCOMPARE(interface->text(QAccessible::Value), QString());
+        view.setAccessibleName("Copying");
+        const AccessibilityLog changes(QAccessible::ValueChanged);
+        view.setProgress(0.5f);
+        QCOMPARE(changes.names(), QStringList("Copying"));
     }
 };
 

@@ -83,5 +83,10 @@
         <extracomment>Button in a row of three</extracomment>
         <translation>건너뛰기</translation>
     </message>
+    <message>
+        <source>Updater.Version %1 is available, you have %2.</source>
+        <extracomment>Read out by screen readers; %1 and %2 are versions such as 1.1</extracomment>
+        <translation>버전 %1을(를) 사용할 수 있습니다. 현재 버전은 %2입니다.</translation>
+    </message>
 </context>
 </TS>

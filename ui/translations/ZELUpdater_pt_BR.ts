@@ -83,5 +83,10 @@
         <extracomment>Button in a row of three</extracomment>
         <translation>Pular</translation>
     </message>
+    <message>
+        <source>Updater.Version %1 is available, you have %2.</source>
+        <extracomment>Read out by screen readers; %1 and %2 are versions such as 1.1</extracomment>
+        <translation>A versão %1 está disponível; a instalada é a %2.</translation>
+    </message>
 </context>
 </TS>

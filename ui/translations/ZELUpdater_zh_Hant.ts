@@ -83,5 +83,10 @@
         <extracomment>Button in a row of three</extracomment>
         <translation>略過</translation>
     </message>
+    <message>
+        <source>Updater.Version %1 is available, you have %2.</source>
+        <extracomment>Read out by screen readers; %1 and %2 are versions such as 1.1</extracomment>
+        <translation>版本 %1 可用，目前版本為 %2。</translation>
+    </message>
 </context>
 </TS>
