@@ -50,7 +50,7 @@ bool isWider(const QTextLayout &layout, qreal width)
 void drawShortened(QPainter &painter, const QTextLayout &layout, const QRectF &room)
 {
     int shown = 1;
-    while (shown < layout.lineCount() && layout.lineAt(shown).rect().bottom() <= room.height())
+    while (shown < layout.lineCount() && layout.lineAt(shown).rect().bottom() < room.height() + 1)
         ++shown;
     for (int i = 0; i < shown - 1; ++i)
         layout.lineAt(i).draw(&painter, room.topLeft());

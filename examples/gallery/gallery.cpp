@@ -18,6 +18,8 @@
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QEnterEvent>
+#include <QPainter>
 
 #include <cstdio>
 
@@ -50,12 +52,18 @@ public:
 private:
     void pages();
     void download();
+    void states();
     void texts();
+    void pagesIn(const QString &language);
+    void rowOfThreeIn(const QString &language);
+    void sheet();
+    void highContrast();
     void notes();
     void buttons();
     void rings();
     void backgrounds();
     void save(const QString &name, QWidget &widget);
+    void save(const QString &name, const QPixmap &picture);
     void saveWindow(const QString &name);
 
     const QDir m_folder;
@@ -69,10 +77,14 @@ bool Gallery::render()
 {
     m_updater->setIcon(m_icon);
     m_updater->window()->show();
+    m_updater->window()->activateWindow();
     pages();
+    states();
     download();
     texts();
     notes();
+    highContrast();
+    sheet();
     buttons();
     rings();
     backgrounds();
@@ -82,8 +94,13 @@ bool Gallery::render()
 void Gallery::save(const QString &name, QWidget &widget)
 {
     QApplication::processEvents();
+    save(name, widget.grab());
+}
+
+void Gallery::save(const QString &name, const QPixmap &picture)
+{
     const QString file = QStringLiteral("%1-%2.png").arg(++m_number, 2, 10, QLatin1Char('0')).arg(name);
-    m_ok = widget.grab().save(m_folder.filePath(file)) && m_ok;
+    m_ok = picture.save(m_folder.filePath(file)) && m_ok;
 }
 
 void Gallery::saveWindow(const QString &name)
@@ -124,35 +141,114 @@ void Gallery::download()
     }
 }
 
+// Each state of the error page's buttons, the real events bringing it about.
+void Gallery::states()
+{
+    m_updater->showErrorPage();
+    ZELUpdaterButton *retry = m_updater->errorPage()->retryButton();
+    m_updater->errorPage()->cancelButton()->setFocus(Qt::TabFocusReason);
+    saveWindow(QStringLiteral("error-focus"));
+    retry->setFocus(Qt::TabFocusReason);
+    saveWindow(QStringLiteral("error-focus-primary"));
+    retry->clearFocus();
+    for (ZELUpdaterButton *button : {m_updater->errorPage()->cancelButton(), retry}) {
+        const QPointF middle = QRectF(button->rect()).center();
+        QEnterEvent enter(middle, middle, button->mapToGlobal(middle));
+        QCoreApplication::sendEvent(button, &enter);
+    }
+    saveWindow(QStringLiteral("error-hover"));
+    for (ZELUpdaterButton *button : {m_updater->errorPage()->cancelButton(), retry}) {
+        QEvent leave(QEvent::Leave);
+        QCoreApplication::sendEvent(button, &leave);
+        button->setEnabled(false);
+    }
+    saveWindow(QStringLiteral("error-disabled"));
+    retry->setEnabled(true);
+    m_updater->errorPage()->cancelButton()->setEnabled(true);
+}
+
 void Gallery::texts()
 {
     m_updater->showErrorPage();
     const QString message = m_updater->errorPage()->text()->text();
-    m_updater->errorPage()->text()->setText(QStringLiteral(
-        "A message that somebody wrote at length wraps onto as many lines as it needs, stays in the "
-        "middle and does not make the page any wider."));
-    saveWindow(QStringLiteral("long-text"));
-    m_updater->errorPage()->text()->setText(message);
-    for (const char *language : {"de", "ar", "ja"}) {
-        zel::setLanguage(QLatin1String(language));
-        ZELUpdaterWindow window;
-        window.setFrame({0, 0, 350, 400}, false);
-        ZELUpdaterErrorPage error(window.contentView());
-        error.icon()->setImage(m_icon);
-        error.resize(350, 400);
-        window.show();
-        save(QStringLiteral("error-%1").arg(QLatin1String(language)), window);
-        error.hide();
-        ZELUpdaterDownloadPage page(window.contentView());
-        page.icon()->setImage(m_icon);
-        page.progress()->setIndeterminate(false);
-        page.progress()->setDoubleValue(0.42);
-        page.text()->setText(zel::localized("Updater.%@ completed").replace("%@", "42%"));
-        page.resize(350, 400);
-        page.show();
-        save(QStringLiteral("download-%1").arg(QLatin1String(language)), window);
+    const QString words =
+        QStringLiteral("A message that somebody wrote at length wraps onto as many lines as "
+                       "it needs, stays in the middle and does not make the page wider. ");
+    for (const int times : {1, 2, 4}) {
+        m_updater->errorPage()->text()->setText(words.repeated(times).trimmed());
+        saveWindow(QStringLiteral("error-long-%1").arg(times));
     }
+    m_updater->errorPage()->text()->setText(message);
+    for (const char *language : {"de", "ru", "ar", "he", "ja"})
+        pagesIn(QLatin1String(language));
+    for (const char *language : {"de", "tr", "ru", "he", "ja"})
+        rowOfThreeIn(QLatin1String(language));
     zel::setLanguage(QStringLiteral("en"));
+}
+
+void Gallery::pagesIn(const QString &language)
+{
+    zel::setLanguage(language);
+    ZELUpdaterWindow window;
+    window.setFrame({0, 0, 350, 400}, false);
+    ZELUpdaterErrorPage error(window.contentView());
+    error.icon()->setImage(m_icon);
+    error.resize(350, 400);
+    window.show();
+    save(QStringLiteral("error-%1").arg(language), window);
+    error.hide();
+    ZELUpdaterDownloadPage page(window.contentView());
+    page.icon()->setImage(m_icon);
+    page.progress()->setIndeterminate(false);
+    page.progress()->setDoubleValue(0.42);
+    page.text()->setText(zel::localized("Updater.%@ completed").replace("%@", "42%"));
+    page.resize(350, 400);
+    page.show();
+    save(QStringLiteral("download-%1").arg(language), window);
+}
+
+void Gallery::rowOfThreeIn(const QString &language)
+{
+    zel::setLanguage(language);
+    ZELUpdaterWindow window;
+    window.setFrame({0, 0, 500, 96}, false);
+    ZELUpdaterHistoryPage page(window.contentView());
+    page.resize(500, 96);
+    page.updateButtons({});
+    window.show();
+    save(QStringLiteral("three-buttons-%1").arg(language), window);
+}
+
+// A host's window with the updater's attached to it. Offscreen, no window system puts one above the other.
+void Gallery::sheet()
+{
+    QWidget host;
+    host.setGeometry(0, 0, 600, 440);
+    host.show();
+    m_updater->showUpdated();
+    m_updater->window()->beginSheet(&host);
+    QApplication::processEvents();
+    QPixmap both = host.grab();
+    QPainter painter(&both);
+    painter.drawPixmap(m_updater->window()->pos() - host.geometry().topLeft(), m_updater->window()->grab());
+    painter.end();
+    save(QStringLiteral("sheet"), both);
+    m_updater->window()->endSheet();
+    m_updater->window()->show();
+}
+
+void Gallery::highContrast()
+{
+    const QPalette usual = QApplication::palette();
+    QPalette palette = usual;
+    palette.setColor(QPalette::Window, Qt::black);
+    palette.setColor(QPalette::WindowText, Qt::white);
+    QApplication::setPalette(palette);
+    m_updater->showErrorPage();
+    m_updater->errorPage()->retryButton()->setFocus(Qt::TabFocusReason);
+    saveWindow(QStringLiteral("high-contrast"));
+    QApplication::setPalette(usual);
+    QApplication::processEvents();
 }
 
 void Gallery::notes()

@@ -1,0 +1,68 @@
+// The keys of the page with the release notes, whose web view has a focus of its own.
+#include "ZELLocalization.h"
+#include "ZELUpdater.h"
+#include "ZELUpdaterButton.h"
+#include "ZELUpdaterHistoryPage.h"
+#include "ZELUpdaterWindow.h"
+
+#include <QApplication>
+#include <QSignalSpy>
+#include <QTest>
+
+class NotesKeysTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void tabLeadsOutOfTheNotes()
+    {
+        zel::setLanguage("en");
+        ZELUpdater *updater = ZELUpdater::shared();
+        ZELUpdaterWindow *window = updater->window();
+        ZELUpdaterHistoryPage *page = updater->historyPage();
+        const QByteArray notes = "<p>Notes</p>";
+        updater->setUpdate({{"html", notes}});
+        page->loadHTML(notes);
+        QWidget *view = webViewIn(page);
+        QVERIFY(view);
+        QSignalSpy loaded(view, SIGNAL(loadFinished(bool)));
+        QTRY_VERIFY(!loaded.isEmpty());
+        qint64 chosen = -1;
+        updater->showUpdate([&](qint64 choice) { chosen = choice; });
+        QTRY_COMPARE(updater->currentPage(), page);
+        window->show();
+        window->activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(window));
+        QTRY_VERIFY(hasFocus(view));
+
+        QTest::keyClick(window->windowHandle(), Qt::Key_Tab);
+        QTRY_VERIFY(page->laterButton()->hasFocus());
+        QTest::keyClick(window->windowHandle(), Qt::Key_Backtab, Qt::ShiftModifier);
+        QTRY_VERIFY(hasFocus(view));
+        QTest::keyClick(window->windowHandle(), Qt::Key_Tab);
+        QTRY_VERIFY(page->laterButton()->hasFocus());
+        QTest::keyClick(window->windowHandle(), Qt::Key_Tab);
+        QVERIFY(page->skipButton()->hasFocus());
+        QTest::keyClick(window->windowHandle(), Qt::Key_Return);
+        QCOMPARE(chosen, 1);
+    }
+
+private:
+    static QWidget *webViewIn(QWidget *page)
+    {
+        for (QWidget *widget : page->findChildren<QWidget *>()) {
+            if (widget->inherits("QWebEngineView"))
+                return widget;
+        }
+        return nullptr;
+    }
+
+    static bool hasFocus(const QWidget *view)
+    {
+        const QWidget *focused = QApplication::focusWidget();
+        return focused && (focused == view || view->isAncestorOf(focused));
+    }
+};
+
+QTEST_MAIN(NotesKeysTest)
+#include "tst_NotesKeys.moc"
