@@ -49,6 +49,14 @@ int noPassphrase(char *, int, int, void *)
     return -1;
 }
 
+// Keys that sign a digest of their own choice (Ed25519) do not fit signatures over SHA-2.
+bool canSeal(const EVP_PKEY *key)
+{
+    constexpr int leastRsaBits = 2048;
+    const int kind = EVP_PKEY_get_base_id(key);
+    return kind == EVP_PKEY_EC || (kind == EVP_PKEY_RSA && EVP_PKEY_get_bits(key) >= leastRsaBits);
+}
+
 bool isStrong(CMS_SignerInfo *signer)
 {
     X509_ALGOR *digest = nullptr;
@@ -118,6 +126,11 @@ ZELError Signer::load(const QString &keyFile, const QString &certificateFile)
                      X509_free};
     if (!m_certificate)
         return failure(certificateFile + QLatin1String(" holds no certificate in PEM"));
+    if (!canSeal(m_key.get()))
+        return ZELError::withMessage(
+            keyFile
+            + QLatin1String(" holds a key of a kind that cannot seal: it takes an RSA key of "
+                            "2048 bits or more, or an EC key (P-256, P-384, P-521)"));
     if (X509_check_private_key(m_certificate.get(), m_key.get()) != 1)
         return failure(certificateFile + QLatin1String(" is not the certificate of the key in ") + keyFile);
     return {};

@@ -1,5 +1,7 @@
 #include "URLTransfer.h"
 
+#include "DDLog.h"
+
 #include <QNetworkProxy>
 
 namespace {
@@ -196,6 +198,13 @@ ZELError URLTransfer::outcome()
     if (result != CURLE_OK)
         return failure(QString::fromUtf8(curl_easy_strerror(result)),
                        result == CURLE_OPERATION_TIMEDOUT ? URLErrorCode::TimedOut : 0);
+    // Not looked at by any flow, but what somebody looks for when a flow fails.
+    long status = 0;
+    curl_easy_getinfo(m_easy.get(), CURLINFO_RESPONSE_CODE, &status);
+    if (status < 200 || status >= 300)
+        systemLog(QStringLiteral("%1 answered with HTTP status %2")
+                      .arg(m_request.url.toString(QUrl::RemoveUserInfo | QUrl::RemoveQuery))
+                      .arg(status));
     m_progress(m_received, announcedSize());
     return {};
 }

@@ -7,17 +7,23 @@
 #include <QJsonObject>
 #include <QTextStream>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace {
 
+int lostOutput = 0; // the errno value of the first result that could not be written
+
 void print(FILE *stream, const QString &line)
 {
     const QByteArray bytes = line.toUtf8() + '\n';
-    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stream);
-    std::fflush(stream);
+    const bool written =
+        std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stream) == size_t(bytes.size());
+    if ((!written || std::fflush(stream) != 0) && stream != stderr && lostOutput == 0)
+        lostOutput = errno;
 }
 
 // Lines name what strangers named: paths of a patch, versions of a feed. None of them steers the terminal.
@@ -51,7 +57,7 @@ bool Arguments::parse(const QStringList &words)
     const bool understood = m_parser.parse(words);
     if (m_parser.isSet(QStringLiteral("help"))) {
         printHelp();
-        std::exit(Done);
+        std::exit(finishOutput() ? Done : JobFailed);
     }
     if (json())
         setJsonApart();
@@ -96,7 +102,7 @@ int Arguments::done(const QString &text, const QJsonValue &value) const
         printJson(value);
     else if (!text.isEmpty())
         print(stdout, safe(text));
-    return Done;
+    return finishOutput() ? Done : JobFailed;
 }
 
 int Arguments::failed(const QString &message, const QJsonValue &value) const
@@ -164,6 +170,20 @@ void Arguments::printJson(const QJsonValue &value) const
     text = text.sliced(1, text.size() - 2);
     if (m_json)
         print(m_json.get(), QString::fromUtf8(text));
+    else
+        lostOutput = EBADF;
+}
+
+bool finishOutput()
+{
+    if (std::fflush(stdout) != 0 && lostOutput == 0)
+        lostOutput = errno;
+    if (lostOutput == 0)
+        return true;
+    print(stderr,
+          QLatin1String("zelupdater: the result could not be written: ")
+              + QString::fromLocal8Bit(std::strerror(lostOutput)));
+    return false;
 }
 
 QString sizeText(qint64 bytes)

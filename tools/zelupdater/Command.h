@@ -53,7 +53,8 @@ public:
 
     bool json() const { return isSet(QStringLiteral("json")); }
 
-    /// Ends a command that did its job: prints `text`, or `value` with --json.
+    /// Ends a command that did its job: prints `text`, or `value` with --json. A result that cannot be written is a
+    /// failure of the command.
     int done(const QString &text, const QJsonValue &value) const;
 
     /// Ends a command that failed; `value` is printed with --json, {"error": message} when it is not given.
@@ -81,6 +82,9 @@ private:
     QCommandLineParser m_parser;
     std::unique_ptr<std::FILE, CloseStream> m_json; ///< with --json, what was standard output
 };
+
+/// Whether all that was written to standard output got there; says on standard error when it did not.
+bool finishOutput();
 
 /// A size for people, such as "12.3 MB".
 QString sizeText(qint64 bytes);

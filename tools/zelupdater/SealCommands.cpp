@@ -1,6 +1,10 @@
+#include "BundleInfo.h"
 #include "BundleSeal.h"
 #include "Commands.h"
+#include "Interrupt.h"
+#include "SealSigner.h"
 
+#include <QJsonArray>
 #include <QJsonObject>
 
 using namespace zel;
@@ -10,6 +14,15 @@ namespace {
 int runSign(const Arguments &arguments)
 {
     const QString bundle = arguments.positional(0);
+    const std::optional<QVariantMap> info = bundleInfo(bundle);
+    if (!info)
+        return arguments.failed(bundle + QLatin1String(" is not a bundle: there is no such folder"));
+    if (info->isEmpty())
+        return arguments.failed(
+            bundle
+            + QLatin1String(
+                " has no Info.plist that can be read: updaters find the build there, as CFBundleVersion"));
+    const Uninterrupted sealing;
     const ZELError error =
         sealBundle(bundle, arguments.value(QStringLiteral("key")), arguments.value(QStringLiteral("cert")));
     if (error)
@@ -20,13 +33,21 @@ int runSign(const Arguments &arguments)
 int runVerify(const Arguments &arguments)
 {
     const QString bundle = arguments.positional(0);
-    const QStringList signers = arguments.values(QStringLiteral("signer"));
-    const ZELError error = verifySeal(bundle, signers.isEmpty() ? SignerPins() : signers);
+    const QStringList accepted = arguments.values(QStringLiteral("signer"));
+    const ZELError error = verifySeal(bundle, accepted.isEmpty() ? SignerPins() : accepted);
     if (error)
         return arguments.failed(
             error.message,
             QJsonObject{{QLatin1String("valid"), false}, {QLatin1String("error"), error.message}});
-    return arguments.done(bundle + QLatin1String(" is valid"), QJsonObject{{QLatin1String("valid"), true}});
+    QStringList names;
+    QJsonArray signers;
+    for (const SealSigner &signer : sealSigners(bundle)) {
+        names.append(QStringLiteral("%1 (%2)").arg(signer.subject, signer.fingerprint));
+        signers.append(QJsonObject{{QLatin1String("subject"), signer.subject},
+                                   {QLatin1String("fingerprint"), signer.fingerprint}});
+    }
+    return arguments.done(bundle + QLatin1String(" is valid, sealed by ") + names.join(QLatin1String(", ")),
+                          QJsonObject{{QLatin1String("valid"), true}, {QLatin1String("signers"), signers}});
 }
 
 } // namespace

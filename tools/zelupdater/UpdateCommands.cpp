@@ -1,6 +1,7 @@
 #include "BundleInfo.h"
 #include "Commands.h"
 #include "IntegerValue.h"
+#include "ToolLog.h"
 #include "UpdateCheck.h"
 #include "UpdateDecision.h"
 #include "UpdateRun.h"
@@ -45,11 +46,25 @@ std::optional<QVariantMap> configOf(const Arguments &arguments)
     return config;
 }
 
+// What is no bundle has no Info.plist, so its build would pass for 0 and everything for new.
+QString notABundle(const QString &path)
+{
+    const std::optional<QVariantMap> info = bundleInfo(path);
+    if (!info)
+        return path + QLatin1String(" is not a bundle: there is no such folder");
+    return info->isEmpty() ? path + QLatin1String(" is not a bundle: it has no Info.plist that can be read")
+                           : QString();
+}
+
 int runCheck(const Arguments &arguments)
 {
     const std::optional<QVariantMap> config = configOf(arguments);
     if (!config)
         return WrongUsage;
+    if (const auto path = config->constFind(QStringLiteral("path")); path != config->constEnd()) {
+        if (const QString problem = notABundle(path->toString()); !problem.isNull())
+            return arguments.failed(problem);
+    }
     Decision decision;
     checkForUpdates(*config, [&decision](qint64 status, const QVariantMap &result, const QVariant &) {
         decision = {status, result};
@@ -61,10 +76,9 @@ int runCheck(const Arguments &arguments)
                            {QLatin1String("text"), text},
                            {QLatin1String("result"), QJsonObject::fromVariantMap(decision.result)}};
     if (decision.status == CheckFailed)
-        return arguments.failed(text + QLatin1String(": no usable answer from ")
-                                    + arguments.value(QStringLiteral("url"))
-                                    + QLatin1String(" (--verbose shows why)"),
-                                json);
+        return arguments.failed(noAnswerText(text, arguments), json);
+    if (const QString diagnostic = lastDiagnostic(); !diagnostic.isEmpty())
+        arguments.say(diagnostic);
     return arguments.done(
         decision.status == UpdateAvailable ? text + QLatin1String(": ") + offerText(decision.result) : text,
         json);
@@ -76,11 +90,10 @@ int runUpdate(const Arguments &arguments)
     if (!config)
         return WrongUsage;
     const QString path = (*config)[QStringLiteral("path")].toString();
-    const std::optional<qint64> installed = bundleBuild(path);
-    if (!installed)
-        return arguments.failed(path + QLatin1String(" is not a bundle"));
+    if (const QString problem = notABundle(path); !problem.isNull())
+        return arguments.failed(problem);
     if (!config->contains(QStringLiteral("build")))
-        (*config)[QStringLiteral("build")] = *installed;
+        (*config)[QStringLiteral("build")] = bundleBuild(path).value_or(0);
     if (arguments.isSet(QStringLiteral("signer")))
         (*config)[QStringLiteral("signers")] = arguments.values(QStringLiteral("signer"));
     UpdateRun run(*config, arguments);

@@ -6,6 +6,7 @@
 #include "Queues.h"
 #include "SignerPins.h"
 #include "StagingFolder.h"
+#include "ToolLog.h"
 #include "UpdateCheck.h"
 #include "UpdateStatus.h"
 
@@ -58,6 +59,20 @@ QString offerText(const QVariantMap &result)
     return text;
 }
 
+QString withReason(const QString &text, const QString &otherwise, const Arguments &arguments)
+{
+    if (const QString reason = lastDiagnostic(); !reason.isEmpty())
+        return text + QLatin1String(": ") + reason;
+    const bool isShown = arguments.isSet(QStringLiteral("verbose"));
+    return text + otherwise + (isShown ? QString() : QStringLiteral(" (--verbose shows why)"));
+}
+
+QString noAnswerText(const QString &text, const Arguments &arguments)
+{
+    return withReason(
+        text, QLatin1String(": no usable answer from ") + arguments.value(QStringLiteral("url")), arguments);
+}
+
 UpdateRun::UpdateRun(const QVariantMap &config, const Arguments &arguments)
     : m_config(config)
     , m_arguments(arguments)
@@ -72,10 +87,11 @@ UpdateRun::UpdateRun(const QVariantMap &config, const Arguments &arguments)
         });
     };
     hooks.progress = [this](qint64 received, qint64 expected) { progressed(received, expected); };
+    const QString root = stagingRootIn(arguments.value(QStringLiteral("staging")));
+    if (arguments.isSet(QStringLiteral("staging")))
+        m_unfinished.emplace(root);
     m_installer = UpdateInstaller::create(hooks);
-    m_installer->setSettings({m_config[QStringLiteral("path")].toString(),
-                              stagingRootIn(arguments.value(QStringLiteral("staging"))),
-                              pinnedSigners(m_config)});
+    m_installer->setSettings({m_config[QStringLiteral("path")].toString(), root, pinnedSigners(m_config)});
 }
 
 int UpdateRun::exec()
@@ -91,10 +107,9 @@ void UpdateRun::checked(qint64 status, const QVariantMap &result)
 {
     const QString text = descriptionForStatus(status);
     if (status == CheckFailed)
-        return end(m_arguments.failed(text + QLatin1String(": no usable answer from ")
-                                          + m_config[QStringLiteral("url")].toString()
-                                          + QLatin1String(" (--verbose shows why)"),
-                                      outcome(status, text, {})));
+        return end(m_arguments.failed(noAnswerText(text, m_arguments), outcome(status, text, {})));
+    if (const QString diagnostic = lastDiagnostic(); !diagnostic.isEmpty())
+        m_arguments.say(diagnostic);
     if (status == NoUpdates)
         return end(m_arguments.done(text, outcome(status, text, {})));
     m_arguments.say(QLatin1String("Found ") + offerText(result));
@@ -137,10 +152,11 @@ void UpdateRun::uploadLog(const QVariantList &log)
 
 void UpdateRun::installed(qint64 status, const QString &path)
 {
+    m_unfinished.reset();
     const QString text = descriptionForDownloadStatus(status);
     const QJsonObject json = outcome(status, text, path);
     if (path.isNull())
-        end(m_arguments.failed(text + QLatin1String(" (--verbose shows why)"), json));
+        end(m_arguments.failed(withReason(text, {}, m_arguments), json));
     else
         end(m_arguments.done(text + QLatin1String(": ") + shownHere(path), json));
 }

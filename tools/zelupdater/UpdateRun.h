@@ -1,6 +1,7 @@
 // A whole update without a window: check, download, install, each step told in a line.
 #pragma once
 
+#include "Interrupt.h"
 #include "UpdateInstaller.h"
 
 #include <QString>
@@ -10,6 +11,9 @@ class Arguments;
 
 /// What a check result offers, in words: "build 101 (version 1.1), as a patch from build 100".
 QString offerText(const QVariantMap &result);
+
+/// That a check had no answer, with the reason or the way to it; `text` is the status's.
+QString noAnswerText(const QString &text, const Arguments &arguments);
 
 class UpdateRun
 {
@@ -29,6 +33,8 @@ private:
 
     const QVariantMap m_config;
     const Arguments &m_arguments;
+    std::optional<Leftover>
+        m_unfinished; // a staging folder of the run's own, until the bundle in it is ready
     std::shared_ptr<zel::UpdateInstaller> m_installer;
     bool m_startedWithPatch = false;
     bool m_toldFullArchive = false;

@@ -1,8 +1,7 @@
 // zelupdater: makes, applies, inspects and serves updates.
 #include "Command.h"
-#include "DDLog.h"
 #include "Interrupt.h"
-#include "SafeText.h"
+#include "ToolLog.h"
 
 #include <QCoreApplication>
 
@@ -10,7 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <langinfo.h>
+#include <unistd.h>
 
 namespace {
 
@@ -24,17 +25,13 @@ void printUsage(FILE *stream)
     std::fprintf(stream, "\n'zelupdater COMMAND --help' shows a command's options.\n");
 }
 
-void quietUnlessAsked(const QStringList &words)
+// A descriptor that is closed goes to the next file that is opened, which standard output would then be written into.
+void keepStandardStreams()
 {
-    if (!words.contains(QStringLiteral("--verbose")) && qEnvironmentVariableIsEmpty("QT_LOGGING_RULES"))
-        QLoggingCategory::setFilterRules(QStringLiteral("zel.*=false"));
-}
-
-// The log, too, names what strangers named.
-void showSafely(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    const std::string line = zel::safeText(qFormatLogMessage(type, context, message).toStdString()) + '\n';
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(descriptor, F_GETFD) < 0) [[maybe_unused]]
+            const int opened = ::open("/dev/null", O_RDONLY); // so that writing fails
+    }
 }
 
 // Qt takes the locale for a UTF-8 one, and newer versions complain on standard error where it is none.
@@ -49,17 +46,18 @@ void setUtf8Locale()
 
 int main(int argc, char *argv[])
 {
+    keepStandardStreams();
     setUtf8Locale();
-    qInstallMessageHandler(showSafely);
     cleanUpWhenInterrupted();
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("zelupdater"));
     QStringList words = QCoreApplication::arguments();
-    quietUnlessAsked(words);
+    installToolLog(words.contains(QStringLiteral("--verbose"))
+                   || qEnvironmentVariableIsSet("QT_LOGGING_RULES"));
     const QString name = words.value(1);
     if (name == QLatin1String("--help") || name == QLatin1String("-h") || name == QLatin1String("help")) {
         printUsage(stdout);
-        return Done;
+        return finishOutput() ? Done : JobFailed;
     }
     for (const Command &command : allCommands()) {
         if (command.name != name)

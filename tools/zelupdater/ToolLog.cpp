@@ -1,0 +1,43 @@
+#include "ToolLog.h"
+
+#include "DDLog.h"
+#include "SafeText.h"
+
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+namespace {
+
+std::mutex mutex;
+QString last;
+bool isShown = false;
+
+void take(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    const std::lock_guard lock(mutex);
+    const bool isDiagnostic =
+        context.category && std::strcmp(context.category, zelSystemLog().categoryName()) == 0;
+    if (isDiagnostic)
+        last = message;
+    if (isDiagnostic && !isShown)
+        return;
+    const std::string line = zel::safeText(qFormatLogMessage(type, context, message).toStdString()) + '\n';
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+} // namespace
+
+void installToolLog(bool shown)
+{
+    isShown = shown;
+    if (!shown)
+        QLoggingCategory::setFilterRules(QStringLiteral("zel.updater=false"));
+    qInstallMessageHandler(take);
+}
+
+QString lastDiagnostic()
+{
+    const std::lock_guard lock(mutex);
+    return last;
+}
