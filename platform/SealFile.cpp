@@ -75,6 +75,13 @@ SealFile::~SealFile()
 
 ZELError SealFile::writeAside(const QByteArray &bytes)
 {
+    // Known before the other file is moved, which would have to be put back.
+    struct stat status;
+    if (::fstatat(m_folder.descriptor(), m_name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0
+        && S_ISDIR(status.st_mode)) {
+        errno = EISDIR;
+        return failure();
+    }
     FileDescriptor file(::openat(m_folder.descriptor(), asideOf(m_name).constData(),
                                  O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     return file && writeAll(file.get(), bytes) && ::fsync(file.get()) == 0 && file.close() ? ZELError()
