@@ -159,6 +159,10 @@ private slots:
             "there is no bundle");
         row("apply-patch|{}/100/My App.app|{}|{}/good.patch", 1, "^$",
             "good.patch lies in .*, which is replaced");
+        row("apply-patch|{}/100/My App.app|{}/100|{}/good.patch", 1, "^$",
+            "My App.app lies in .*, which is replaced");
+        row("apply-patch|{}/100/My App.app|{}/100/My App.app/x|{}/good.patch", 1, "^$",
+            "/x lies in .*; give another place");
         row("test-patch|{}/100/My App.app|{}/new.app|{}/none|{}/101/My App.app", 1, "^$",
             "there is no file .*none");
         row("test-patch|{}/100/My App.app|{}/101/My App.app|{}/good.patch|{}/101/My App.app", 1, "^$",
@@ -193,6 +197,8 @@ private slots:
         row("release|{}/100/My App.app|{}/r0|--notes|{}/none.html", 1, "^$",
             "cannot read .*none.html: No such file or directory\n$");
         row("release|{}/100/My App.app|{}/a", 1, "^$", "/a is not a folder");
+        row("release|{}/100/My App.app|/proc/none", 1, "^$",
+            "cannot make the folder /proc/none: No such file");
         row("release|{}/100/My App.app|{}/unmounted", 1, "^$",
             "is not a folder, or a link that leads nowhere");
         row("release|{}/100/My App.app|{}/linked", 1, "^$", "cannot read .*releases.json: No such file");

@@ -2,6 +2,7 @@
 #include "bspatch2.h"
 #include "Commands.h"
 #include "FileTree.h"
+#include "Interrupt.h"
 #include "MD5Digest.h"
 
 #include <QFile>
@@ -32,6 +33,7 @@ int runDiff(const Arguments &arguments)
     if (!delta)
         return arguments.failed(QStringLiteral("no delta could be made of %1 and %2").arg(oldFile, newFile));
     const QByteArrayView bytes(delta->data(), qsizetype(delta->size()));
+    const Uninterrupted writing;
     if (const ZELError error = writeFileAtomically(deltaFile, bytes))
         return arguments.failed(error.message);
     return arguments.done(deltaFile + QLatin1String(": ") + sizeText(bytes.size()),
@@ -52,6 +54,9 @@ int runPatch(const Arguments &arguments)
     if (!delta || delta->size() < headerSize)
         return arguments.failed(deltaFile
                                 + QLatin1String(" is not a delta: it is shorter than a delta's header"));
+    std::optional<Leftover> unfinished; // what stands there already is not ours to remove
+    if (!QFileInfo::exists(newFile))
+        unfinished.emplace(newFile);
     if (bspatch2(fsPath(oldFile), fsPath(newFile),
                  std::as_bytes(std::span(delta->data(), size_t(delta->size()))))
         != 0)

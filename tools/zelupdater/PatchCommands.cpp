@@ -84,9 +84,15 @@ QString misplaced(const QString &oldBundle, const QString &newBundle, const QStr
         return problem;
     if (const QString problem = unreadable(patch); !problem.isNull())
         return problem;
-    return liesWithin(patch, newBundle) ? patch + QLatin1String(" lies in ") + newBundle
-            + QLatin1String(", which is replaced; give another place for the new bundle")
-                                        : QString();
+    if (liesWithin(newBundle, oldBundle))
+        return newBundle + QLatin1String(" lies in ") + oldBundle
+            + QLatin1String("; give another place for the new bundle");
+    for (const QString &needed : {patch, oldBundle}) {
+        if (liesWithin(needed, newBundle))
+            return needed + QLatin1String(" lies in ") + newBundle
+                + QLatin1String(", which is replaced; give another place for the new bundle");
+    }
+    return {};
 }
 
 // The first entry that tells of a fault, with the file that it names.

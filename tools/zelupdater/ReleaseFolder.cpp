@@ -18,6 +18,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
 #include <optional>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -344,8 +345,10 @@ private:
 ZELError lockFolder(const QString &folder, const std::function<void(const QString &)> &say,
                     FileDescriptor &lock)
 {
-    if (!QDir().mkpath(folder))
-        return problem(QLatin1String("cannot make the folder ") + folder);
+    std::error_code error;
+    std::filesystem::create_directories(QFile::encodeName(folder).toStdString(), error);
+    if (error)
+        return ZELError::fromErrno(QLatin1String("cannot make the folder ") + folder, error.value());
     const QByteArray name = QFile::encodeName(folder + LockName);
     lock = FileDescriptor(::open(name.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666));
     if (!lock)
