@@ -27,8 +27,8 @@ class NotesView;
 ///
 /// Where there are no notes the page shows what is offered instead, the application's name and the version: when the
 /// release has none, until they are there and when they cannot be had, and where the module is missing or the web
-/// engine would end the process (as the superuser with its sandbox on, without user namespaces, without its program or
-/// its resources): it is not started there.
+/// engine would end the process (as the superuser with its sandbox on, without its program or its resources): it is not
+/// started there.
 ///
 /// The page's upper edge moves the window; a click there reaches the notes all the same.
 class ZEL_EXPORT ZELUpdaterHistoryPage : public QWidget

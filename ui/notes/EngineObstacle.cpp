@@ -42,28 +42,32 @@ bool writeText(const char *file, const char *text)
     return descriptor >= 0 && write(descriptor, text, size_t(length)) == length;
 }
 
+enum Trial { Works = 0, NoMaps = 1, Forbidden = 2 };
+
 /// What the sandbox does first, in a process that is in a new user namespace already. Only system calls: the host's other
 /// threads may have held any lock when it was made.
-bool canUseNamespace(const char *userMap)
+Trial tryNamespace(const char *userMap)
 {
-    return writeText("/proc/self/setgroups", "deny") && writeText("/proc/self/uid_map", userMap)
-        && chroot("/proc/self/fdinfo") == 0;
+    if (!writeText("/proc/self/setgroups", "deny") || !writeText("/proc/self/uid_map", userMap))
+        return NoMaps;
+    return chroot("/proc/self/fdinfo") == 0 ? Works : Forbidden;
 }
 
-bool hasUserNamespaces()
+/// Without namespaces the engine does without; those that it gets must let it do what they are for.
+bool areNamespacesUsable()
 {
     char userMap[32];
     std::snprintf(userMap, sizeof userMap, "%u %u 1", geteuid(), geteuid());
     // Without a signal at its end, the process is no business of the host's handler and waits for nobody else.
     const auto child = pid_t(syscall(SYS_clone, CLONE_NEWUSER, nullptr, nullptr, nullptr, nullptr));
     if (child == 0)
-        _exit(canUseNamespace(userMap) ? 0 : 1);
+        _exit(tryNamespace(userMap));
     int status = 0;
     pid_t ended = 0;
     do
         ended = child < 0 ? -1 : waitpid(child, &status, __WCLONE);
-    while (ended < 0 && errno == EINTR);
-    return ended == child && child > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    while (child > 0 && ended < 0 && errno == EINTR);
+    return child < 0 || (ended == child && WIFEXITED(status) && WEXITSTATUS(status) != Forbidden);
 }
 
 bool hasProgram()
@@ -105,9 +109,8 @@ QString engineObstacle()
 {
     if (!isSandboxOff() && geteuid() == 0)
         return QStringLiteral("the web engine's sandbox does not run for the superuser");
-    if (!isSandboxOff() && !hasUserNamespaces())
-        return QStringLiteral(
-            "the web engine's sandbox needs user namespaces, which the system does not give");
+    if (!isSandboxOff() && !areNamespacesUsable())
+        return QStringLiteral("the web engine's sandbox may not use the user namespaces that it gets");
     if (!hasProgram())
         return QStringLiteral("the web engine's process (QtWebEngineProcess) is missing");
     if (!hasResources())

@@ -12,12 +12,13 @@ namespace zel {
 ///
 /// - the superuser with the engine's sandbox on (`QTWEBENGINE_DISABLE_SANDBOX` or `--no-sandbox` turns it off, which is
 ///   the host's to decide and never done here);
-/// - a sandbox without user namespaces, as in many containers and where the system reserves them for chosen programs;
+/// - a system that gives user namespaces and then forbids what the sandbox does in them, as some do for all but chosen
+///   programs (without any namespaces the engine goes on with less of a sandbox);
 /// - its process's program or its resources not being where the engine looks for them;
 /// - shared memory (`/dev/shm`) that cannot be written.
 ///
 /// What cannot be known: exhausted memory, threads or descriptors, and damaged files of the engine. Starts a process for
-/// an instant, which only asks the kernel for a user namespace.
+/// an instant, which only asks the kernel for a user namespace and tries it.
 QString engineObstacle();
 
 } // namespace zel
