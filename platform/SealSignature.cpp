@@ -10,14 +10,17 @@
 namespace {
 
 constexpr qint64 MaxPemSize = 1 << 20;
+constexpr int MaxSigners = 8; // and digests; a seal has one
 
 struct Free {
     void operator()(BIO *memory) const { BIO_free(memory); }
     void operator()(CMS_ContentInfo *cms) const { CMS_ContentInfo_free(cms); }
+    void operator()(X509_ALGOR *algorithm) const { X509_ALGOR_free(algorithm); }
     void operator()(STACK_OF(X509) * certificates) const { sk_X509_free(certificates); } // the stack alone
 };
 using Bio = std::unique_ptr<BIO, Free>;
 using Cms = std::unique_ptr<CMS_ContentInfo, Free>;
+using Algorithm = std::unique_ptr<X509_ALGOR, Free>;
 using Certificates = std::unique_ptr<STACK_OF(X509), Free>;
 
 Bio readerOf(const QByteArray &bytes)
@@ -49,18 +52,19 @@ int noPassphrase(char *, int, int, void *)
     return -1;
 }
 
-// Keys that sign a digest of their own choice (Ed25519) do not fit signatures over SHA-2.
+// One rule for those who seal and for those who verify. Keys that sign a digest of their own choice (Ed25519) do not fit
+// signatures over SHA-2; DSA is of the past.
 bool canSeal(const EVP_PKEY *key)
 {
     constexpr int leastRsaBits = 2048;
-    const int kind = EVP_PKEY_get_base_id(key);
-    return kind == EVP_PKEY_EC || (kind == EVP_PKEY_RSA && EVP_PKEY_get_bits(key) >= leastRsaBits);
+    constexpr int leastCurveBits = 224;
+    const int kind = key ? EVP_PKEY_get_base_id(key) : EVP_PKEY_NONE;
+    return (kind == EVP_PKEY_EC && EVP_PKEY_get_bits(key) >= leastCurveBits)
+        || (kind == EVP_PKEY_RSA && EVP_PKEY_get_bits(key) >= leastRsaBits);
 }
 
-bool isStrong(CMS_SignerInfo *signer)
+bool isStrong(const X509_ALGOR *digest)
 {
-    X509_ALGOR *digest = nullptr;
-    CMS_SignerInfo_get0_algs(signer, nullptr, nullptr, &digest, nullptr);
     switch (digest ? OBJ_obj2nid(digest->algorithm) : NID_undef) {
     case NID_sha256:
     case NID_sha384:
@@ -71,15 +75,92 @@ bool isStrong(CMS_SignerInfo *signer)
     }
 }
 
+/// Goes into the elements of a DER structure, one in the other.
+class DerReader
+{
+public:
+    explicit DerReader(const QByteArray &der)
+        : m_at(reinterpret_cast<const unsigned char *>(der.constData()))
+        , m_end(m_at + der.size())
+    {
+    }
+
+    bool enter(int wantedTag) { return read(wantedTag); }
+    bool skip(int wantedTag)
+    {
+        const unsigned char *const end = m_end;
+        const bool there = read(wantedTag);
+        m_at = m_end;
+        m_end = end;
+        return there;
+    }
+    bool atEnd() const { return m_at == m_end; }
+    X509_ALGOR *algorithm() { return d2i_X509_ALGOR(nullptr, &m_at, long(m_end - m_at)); }
+
+private:
+    // Now at the content of the next element, and nowhere when that is not the wanted one or of no stated length.
+    bool read(int wantedTag)
+    {
+        constexpr int unsoundOrIndefinite = 0x80 | 1;
+        long length = 0;
+        int tag = 0;
+        int kind = 0;
+        const int form = ASN1_get_object(&m_at, &length, &tag, &kind, long(m_end - m_at));
+        const bool wanted = (form & unsoundOrIndefinite) == 0 && tag == wantedTag;
+        m_end = wanted ? m_at + length : m_at;
+        return wanted;
+    }
+
+    const unsigned char *m_at;
+    const unsigned char *m_end;
+};
+
+// Whether the digests that a signature announces for all its signers are few and strong. The library shows them to nobody,
+// runs the content through each of them, were they thousands, and loses memory over one that it does not know.
+bool announcesStrongDigests(const QByteArray &signature)
+{
+    DerReader reader(signature);
+    const bool found = reader.enter(V_ASN1_SEQUENCE) && reader.skip(V_ASN1_OBJECT) && reader.enter(0)
+        && reader.enter(V_ASN1_SEQUENCE) && reader.skip(V_ASN1_INTEGER) && reader.enter(V_ASN1_SET);
+    int count = 0;
+    for (; found && !reader.atEnd(); ++count) {
+        const Algorithm digest(reader.algorithm());
+        if (!isStrong(digest.get()) || count == MaxSigners)
+            return false;
+    }
+    return count > 0;
+}
+
 // What the library would let pass.
-ZELError checkShape(CMS_ContentInfo *cms)
+ZELError checkShape(CMS_ContentInfo *cms, const QByteArray &signature)
 {
     if (!CMS_is_detached(cms))
         return failure(QStringLiteral("the signature is not detached"));
     STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
+    const int count = sk_CMS_SignerInfo_num(signers);
+    if (count < 1 || count > MaxSigners)
+        return failure(count < 1 ? QStringLiteral("the signature has no signer")
+                                 : QStringLiteral("the signature has too many signers"));
+    bool strong = announcesStrongDigests(signature);
+    for (int i = 0; i < count; ++i) {
+        X509_ALGOR *digest = nullptr;
+        CMS_SignerInfo_get0_algs(sk_CMS_SignerInfo_value(signers, i), nullptr, nullptr, &digest, nullptr);
+        strong = strong && isStrong(digest);
+    }
+    return strong ? ZELError() : failure(QStringLiteral("the signature is over a digest that is not SHA-2"));
+}
+
+// Before anything is computed with them.
+ZELError checkKeys(CMS_ContentInfo *cms)
+{
+    CMS_set1_signers_certs(cms, nullptr, 0); // finds each signer's certificate among those inside
+    STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
     for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
-        if (!isStrong(sk_CMS_SignerInfo_value(signers, i)))
-            return failure(QStringLiteral("the signature is over a digest that is not SHA-2"));
+        EVP_PKEY *key = nullptr;
+        CMS_SignerInfo_get0_algs(sk_CMS_SignerInfo_value(signers, i), &key, nullptr, nullptr, nullptr);
+        if (key && !canSeal(key))
+            return failure(
+                QStringLiteral("the signer's key is too weak, or of another kind than RSA and EC"));
     }
     return {};
 }
@@ -160,7 +241,9 @@ ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
     const Cms cms(d2i_CMS_ContentInfo(nullptr, &at, long(signature.size())));
     if (!cms || at != end)
         return failure(QStringLiteral("the signature file is malformed"));
-    if (const ZELError error = checkShape(cms.get()))
+    if (const ZELError error = checkShape(cms.get(), signature))
+        return error;
+    if (const ZELError error = checkKeys(cms.get()))
         return error;
     constexpr unsigned int flags = CMS_DETACHED | CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY;
     const Bio reader = readerOf(content);

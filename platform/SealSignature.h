@@ -16,8 +16,8 @@ namespace zel {
 class Signer
 {
 public:
-    /// Reads both from PEM files; an error when one cannot be read, the key has a passphrase, or the certificate is
-    /// not that of the key.
+    /// Reads both from PEM files; an error when one cannot be read, the key has a passphrase or is weak (see
+    /// `verifySignature`), or the certificate is not that of the key.
     ZELError load(const QString &keyFile, const QString &certificateFile);
 
     /// Signs with SHA-256; `signature` receives the CMS structure in DER, with the certificate inside.
@@ -28,8 +28,9 @@ private:
     std::shared_ptr<X509> m_certificate;
 };
 
-/// No error when `signature` is a detached CMS signature over `content` that has one signer or more, each with its
-/// certificate inside and with SHA-2 as digest, all of which verify. The certificates' chain, purpose and dates are not
+/// No error when `signature` is a detached CMS signature in DER over `content` that has one to eight signers, each with
+/// its certificate inside, with SHA-2 as digest and with a key of RSA (2048 bits or more) or of an elliptic curve (224
+/// bits or more), all of which verify. The certificates' chain, purpose and dates are not
 /// looked at. Where signers are pinned, one signer at least must be among them. Safe from any thread.
 ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
                          const SignerPins &pins = std::nullopt);

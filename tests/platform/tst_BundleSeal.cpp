@@ -9,7 +9,9 @@
 
 #include <filesystem>
 #include <openssl/cms.h>
+#include <openssl/ec.h>
 #include <openssl/pem.h>
+#include <openssl/rsa.h>
 
 namespace {
 
@@ -109,9 +111,42 @@ struct Party {
     {
     }
 
+    /// A new key with a certificate of its own.
+    explicit Party(EVP_PKEY *newKey)
+        : key(newKey, EVP_PKEY_free)
+        , certificate(X509_new(), X509_free)
+    {
+        X509_set_pubkey(certificate.get(), newKey);
+        X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 0);
+        X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 1000);
+        if (!newKey || !X509_sign(certificate.get(), newKey, EVP_sha256()))
+            qFatal("cannot make a key");
+    }
+
+    TestCertificate write(const TemporaryTree &tree) const
+    {
+        TestCertificate files{tree.write("made.key", {}), tree.write("made.crt", {}), {}};
+        const Bio keyFile(BIO_new_file(qPrintable(files.keyFile), "w"), BIO_free);
+        const Bio certificateFile(BIO_new_file(qPrintable(files.certificateFile), "w"), BIO_free);
+        PEM_write_bio_PrivateKey(keyFile.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+        PEM_write_bio_X509(certificateFile.get(), certificate.get());
+        return files;
+    }
+
     std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key;
     std::unique_ptr<X509, decltype(&X509_free)> certificate;
 };
+
+// The first digest in the structure is the one that it announces for its signers.
+QByteArray announcingUnknownDigest(QByteArray cms)
+{
+    const QByteArray sha256 = QByteArray::fromHex("0609608648016503040201");
+    const qsizetype at = cms.indexOf(sha256);
+    if (at < 0)
+        qFatal("no digest is announced");
+    cms[at + sha256.size() - 1] = 0x7f;
+    return cms;
+}
 
 QByteArray cmsOver(const QByteArray &content, const std::vector<const Party *> &parties, unsigned int flags,
                    const EVP_MD *digest = EVP_sha256())
@@ -378,6 +413,8 @@ private slots:
         withKey("key of another", "is not the certificate of the key", m_other.keyFile);
         withKey("no key", "cannot read /missing", "/missing");
         withKey("key with a passphrase", "passphrase", encrypted);
+        const TestCertificate weak = Party(EVP_RSA_gen(1024)).write(m_keys);
+        QTest::newRow("weak key") << nothing << weak.keyFile << weak.certificateFile << "cannot seal";
         QTest::newRow("key for a certificate")
             << nothing << m_signer.keyFile << m_signer.keyFile << "no certificate";
         row("control character", "cannot be sealed", written(app + "a\x01", ""));
@@ -479,6 +516,20 @@ private slots:
         QTest::newRow("no signer") << cmsOver(content, {}, CMS_DETACHED) << "no signer";
         QTest::newRow("no certificate")
             << cmsOver(content, {&signer}, CMS_DETACHED | CMS_NOCERTS) << "does not verify";
+        const auto madeKey = [&](const char *name, EVP_PKEY *key, const QString &message) {
+            const Party party(key);
+            QTest::newRow(name) << cmsOver(content, {&party}, CMS_DETACHED) << message;
+        };
+        madeKey("RSA, 2048 bits", EVP_RSA_gen(2048), "");
+        madeKey("RSA, 1024 bits", EVP_RSA_gen(1024), "too weak");
+        madeKey("curve of 384 bits", EVP_EC_gen("P-384"), "");
+        madeKey("curve of 192 bits", EVP_EC_gen("P-192"), "too weak");
+        std::vector<std::unique_ptr<Party>> parties;
+        std::vector<const Party *> nine;
+        for (int i = 0; i < 9; ++i)
+            nine.push_back(parties.emplace_back(std::make_unique<Party>(EVP_EC_gen("P-256"))).get());
+        QTest::newRow("nine signers") << cmsOver(content, nine, CMS_DETACHED) << "too many signers";
+        QTest::newRow("unknown digest announced") << announcingUnknownDigest(own) << "not SHA-2";
         QTest::newRow("SHA-1") << cmsOver(content, {&signer}, CMS_DETACHED, EVP_sha1()) << "not SHA-2";
     }
 
