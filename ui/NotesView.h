@@ -23,10 +23,9 @@ namespace zel {
 /// - It is made of what http and https bring, and of pictures that it holds itself: no files, no other schemes, no
 ///   windows, dialogs, downloads, permissions or stored data.
 /// - This machine and its local network are out of its reach, by address, by name and by redirection. Only a document
-///   that was itself loaded from there, as a developer's is, gets parts of its own origin. Known limits: a name of the
-///   open network that resolves to a local address is seen through for the parts of a document but not for the document
-///   itself, nor where it changes between two lookups; and a page can make the engine open a connection, on which
-///   nothing is sent.
+///   that was itself loaded from there, as a developer's is, gets parts of its own origin. Known limit: a name of the
+///   open network that resolves to a local address is seen through for the parts of a document, but not for the document
+///   itself, nor where its address changes between two lookups.
 ///
 /// A document that does not style itself is shown light on dark. Scripts of the host run in the page only in a world of
 /// their own (`QWebEngineScript::ApplicationWorld`). Main thread only.
