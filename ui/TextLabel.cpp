@@ -12,7 +12,7 @@ namespace zel {
 
 namespace {
 
-constexpr int smallestSize = 11;
+constexpr int smallestSize = 10; // five lines find room then
 
 QString linesOf(const QString &text)
 {

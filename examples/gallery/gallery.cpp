@@ -245,6 +245,8 @@ void Gallery::highContrast()
     palette.setColor(QPalette::WindowText, Qt::white);
     QApplication::setPalette(palette);
     m_updater->showErrorPage();
+    m_updater->window()->activateWindow();
+    QApplication::processEvents();
     m_updater->errorPage()->retryButton()->setFocus(Qt::TabFocusReason);
     saveWindow(QStringLiteral("high-contrast"));
     QApplication::setPalette(usual);
