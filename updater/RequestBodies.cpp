@@ -58,7 +58,7 @@ QByteArray logUploadBody(const QVariantMap &config, const QVariantList &log, con
 {
     QJsonObject body{{QLatin1String("arch"), facts.architecture},
                      {QLatin1String("os"), systemObject(facts.system)},
-                     {QLatin1String("log"), patchLogJson(log)}};
+                     {QLatin1String("log"), patchLogToUpload(log)}};
     passThrough(body, config, QStringLiteral("build"));
     passThrough(body, config, QStringLiteral("version"));
     return compact(body);

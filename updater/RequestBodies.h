@@ -25,7 +25,7 @@ QByteArray checkRequestBody(const QVariantMap &config, const MachineFacts &facts
 /// Body with which the release-notes page fetches the notes itself: "build" and "arch".
 QByteArray historyPageBody(const QVariantMap &config, const MachineFacts &facts);
 
-/// Body of the patch-log upload: "os", "build", "version", "log" and "arch", but no "model".
+/// Body of the patch-log upload: "os", "build", "version", "log" (see `patchLogToUpload`) and "arch", but no "model".
 QByteArray logUploadBody(const QVariantMap &config, const QVariantList &log, const MachineFacts &facts);
 
 /// `isArchSupported:` for a record's "arch": the machine's own word or "all", exactly; a null string is neither.

@@ -1,5 +1,6 @@
 #include "RequestBodies.h"
 
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -49,13 +50,60 @@ private slots:
             QVariantMap{{"description", "Hash error"},
                         {"exists", true},
                         {"original", QByteArray("\x00\xff\x80", 3)},
-                        {"new", QByteArray("")}},
+                        {"new", QByteArray((1 << 20) + 1, 'x')}},
         };
         QTest::newRow("log")
             << logUploadBody(text, log, Machine)
             << QByteArray(
-                   R"({"arch":"arm","build":"7001","log":[{"description":"Hash error","exists":true,"new":"","original":"AP+A"}],)"
+                   R"({"arch":"arm","build":"7001","log":[{"description":"Hash error","exists":true,"original":"AP+A"}],)"
                    R"("os":{"major":6,"minor":1,"patch":1},"version":"7.01"})");
+    }
+
+    void logsLeaveWithoutFolders_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("sent");
+        const auto row = [](const char *key, const QString &text, const char *sent) {
+            QTest::newRow(qPrintable(text)) << key << text << sent;
+        };
+        row("path", "/home/ann/My: Apps/Old-100.app", "Old-100.app");
+        row("path", "/home/ann/Old-100.app//", "Old-100.app");
+        row("path", "new.app", "new.app");
+        row("file", "Contents/MacOS/example", "Contents/MacOS/example");
+        row("file", "/home/ann/x", "x");
+        row("description", "Hash error", "Hash error");
+        row("description", "Error copying old app: cannot read /home/ann/My Apps/a.app/f: Permission denied",
+            "Error copying old app: cannot read f: Permission denied");
+        row("description", "cannot write \"/srv/a/b\": Input/output error",
+            "cannot write \"b\": Input/output error");
+        row("description", "/home/ann/x.app and /home/ann/y: z.app must not contain each other",
+            "y: z.app must not contain each other");
+        row("description", "no space in " + QDir::homePath() + ": 5 bytes are missing",
+            "no space in ~: 5 bytes are missing");
+        row("description", "no space in " + QDir::homePath() + "/a b: 5 bytes are missing",
+            "no space in a b: 5 bytes are missing");
+    }
+
+    void logsLeaveWithoutFolders()
+    {
+        QFETCH(QString, key);
+        QFETCH(QString, text);
+        QFETCH(QString, sent);
+        const QVariantList log{QVariantMap{{key, text}}};
+        const QJsonValue entry = object(logUploadBody({}, log, Machine))["log"].toArray().at(0);
+        QCOMPARE(entry[key].toString(), sent);
+    }
+
+    // The last entries tell why a patch failed.
+    void longLogsAreCut()
+    {
+        QVariantList log(300'000,
+                         QVariantMap{{"description", "Error deleting symlink"}, {"file", QString(50, 'x')}});
+        log.append(QVariantMap{{"description", "Patch failed"}});
+        const QByteArray body = logUploadBody({}, log, Machine);
+        QVERIFY(body.size() > 16 << 19 && body.size() < (16 << 20) + 1000);
+        QCOMPARE(object(body)["log"].toArray().last()["description"].toString(), "Patch failed");
     }
 
     void bodies()
