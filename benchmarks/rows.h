@@ -8,6 +8,7 @@ namespace bench {
 /// `data`: the folder that fetch-data filled; what the rows make goes there too.
 void addDeltaRows(std::vector<Row> &rows, const std::filesystem::path &data);
 void addPatchRows(std::vector<Row> &rows, const std::filesystem::path &data);
+void addHostileRows(std::vector<Row> &rows, const std::filesystem::path &data);
 void addSystemRows(std::vector<Row> &rows, const std::filesystem::path &data);
 
 } // namespace bench

@@ -1,7 +1,9 @@
-// Patch files of hostile commands, applied to a bundle that holds links of all kinds.
+// Patch files of hostile commands, applied to a bundle that holds links of all kinds. Nothing is written beside the new
+// bundle, and no more in it than the patch may write.
 #include "bsdiff2.h"
 #include "HostilePath.h"
 #include "MD5FromData.h"
+#include "PatchBudget.h"
 #include "PatchBytes.h"
 #include "PatchFile.h"
 #include "ZELUpdaterApplyPatch.h"
@@ -28,11 +30,14 @@ struct Fixture {
         for (const auto &[name, target] : links)
             std::filesystem::create_symlink(target, sandbox.path("old.app") / name);
         const auto bytes = bsdiff2(sandbox.path("old.app/file"), sandbox.path("new file"));
-        delta = QByteArray(reinterpret_cast<const char *>(bytes->data()), qsizetype(bytes->size()));
+        payload = QByteArray(reinterpret_cast<const char *>(bytes->data()), qsizetype(bytes->size()));
+        deltaSize = payload.size();
+        payload += QByteArray(200'000, 'x'); // few enough of them are more than a patch may write
     }
 
     Sandbox sandbox;
-    QByteArray delta;
+    QByteArray payload;
+    qsizetype deltaSize;
 };
 
 PatchCommand commandFrom(FuzzedDataProvider &input, const Fixture &fixture)
@@ -41,13 +46,24 @@ PatchCommand commandFrom(FuzzedDataProvider &input, const Fixture &fixture)
     command.action = PatchAction(input.ConsumeIntegralInRange(0, int(PatchAction::Patch)));
     command.path = QString::fromStdString(hostilePath(input, fixture.sandbox));
     command.symlink = QString::fromStdString(hostilePath(input, fixture.sandbox));
-    command.length = fixture.delta.size();
+    command.length = fixture.deltaSize;
     command.hash = MD5FromData("new file");
-    if (input.ConsumeIntegralInRange(0, 3) == 0) {
+    const int kind = input.ConsumeIntegralInRange(0, 7);
+    if (kind == 0) {
+        command.length = fixture.payload.size();
+    } else if (kind <= 2) {
         command.position = input.ConsumeIntegral<qint64>();
         command.length = input.ConsumeIntegral<qint64>();
     }
     return command;
+}
+
+qint64 sizeOf(const std::filesystem::path &folder)
+{
+    qint64 size = 0;
+    for (const auto &item : std::filesystem::recursive_directory_iterator(folder))
+        size += !item.is_symlink() && item.is_regular_file() ? qint64(item.file_size()) : 0;
+    return size;
 }
 
 } // namespace
@@ -61,7 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     while (input.remaining_bytes() > 0 && commands.size() < 12)
         commands.append(commandFrom(input, fixture).toJson());
     const QJsonDocument manifest(QJsonObject{{QLatin1String("commands"), commands}});
-    const QByteArray patch = patchBytes(manifest.toJson(), fixture.delta);
+    const QByteArray patch = patchBytes(manifest.toJson(), fixture.payload);
     std::filesystem::remove_all(sandbox.inside());
     std::filesystem::create_directory(sandbox.inside());
     Sandbox::write(sandbox.path("patch"), {patch.constData(), size_t(patch.size())});
@@ -70,5 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     QVariantList log;
     ZELUpdaterApplyPatch(path("old.app"), path("inside/new.app"), path("patch"), log);
     require(sandbox.surroundings() == before);
+    require(sizeOf(sandbox.inside())
+            <= sizeOf(sandbox.path("old.app")) + 2 * fixture.payload.size() + SmallChange);
     return 0;
 }

@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     const QByteArray file = patchBytes(bytes.left(end), bytes.mid(end + 1));
     Sandbox::write(path, file.toStdString());
     PatchFile patch;
-    require(!PatchFile::read(QString::fromStdString(path), patch) && patch.payload == bytes.mid(end + 1));
+    require(!PatchFile::read(QString::fromStdString(path), {}, patch) && patch.payload == bytes.mid(end + 1));
     for (const PatchCommand &command : patch.commands) {
         if (const auto slice = patch.slice(command))
             require(slice->begin() >= patch.payload.begin() && slice->end() <= patch.payload.end());

@@ -1,0 +1,83 @@
+#include "rows.h"
+
+namespace bench {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A small patch that is made to take much. What the shell prints becomes its manifest's commands and its payload.
+struct HostilePatch {
+    const char *what;
+    const char *commands;
+    const char *payload = "printf payload";
+};
+
+constexpr HostilePatch Patches[] = {
+    {"values", R"(head -c 1590000 /dev/zero | sed 's/\x0/0,/g'; printf 0)"},
+    {"lists in lists", R"(printf '[%.0s' {1..1000} >open; printf ']%.0s' {1..1000} >close
+        head -c 1590 /dev/zero | sed "s/\x0/$(cat open close),/g"; printf 0)"},
+    {"objects", R"(head -c 790000 /dev/zero | sed 's/\x0/{"":0},/g'; printf 0)"},
+    {"blanks", R"(head -c 1G /dev/zero | tr '\0' ' ')"},
+    {"200,000 files",
+     R"(seq 199999 | sed 's/.*/{"actions":["add"],"path":"f&","position":0,"length":1},/'; printf 0)"},
+    {"a million folders", R"(deep=$(printf '/a%.0s' {1..499})
+        seq 1999 | sed "s#.*#{\"actions\":[\"adddirectory\"],\"path\":\"&$deep\"},#"; printf 0)"},
+    {"a path of 32,000 names", R"(deep=$(printf 'a/%.0s' {1..32000})
+        printf '{"actions":["delete"],"path":"%s"}' "$deep")"},
+    {"paths through a long link", R"(target=$(printf 'a/../%.0s' {1..800})
+        printf '{"actions":["adddirectory"],"path":"a"},{"actions":["create-symlink"],"path":"l","symlink":"%sa"},' "$target"
+        seq 199990 | sed 's/.*/{"actions":["delete"],"path":"l\/x"},/'; printf 0)"},
+    {"one slice many times",
+     R"(seq 199999 | sed 's/.*/{"actions":["add"],"path":"f&","position":0,"length":100000},/'
+        printf 0)",
+     "head -c 100000 /dev/zero"},
+    {"one old file many times", R"(seq 199999 |
+        sed 's/.*/{"actions":["patch"],"path":"program","position":0,"length":32,"hash":""},/'; printf 0)",
+     "printf BSDIFN40; head -c 24 /dev/zero"},
+    {"4 GiB of zeros", "printf 0", "head -c 4G /dev/zero"},
+    {"64 MiB of zeros as a delta",
+     R"(printf '{"actions":["patch"],"path":"program","position":0,"length":67108864}')",
+     R"(size='\xC8\xFF\xFF\x03\0\0\0\0'; printf "BSDIFN40\x18\0\0\0\0\0\0\0$size$size$size"; head -c 67108824 /dev/zero)"},
+};
+
+/// In the folder where it runs: the old bundle and the patch file.
+std::string making(const HostilePatch &patch)
+{
+    return std::string("mkdir -p old.app; head -c 16M /dev/zero >old.app/program\n")
+        + "{ printf '{\"commands\":['; " + patch.commands + "; printf ']}'; } | xz -1 >manifest\n{ "
+        + patch.payload
+        + "; } | xz -1 >payload\n{ printf '%-32s' $(stat -c %s manifest); cat manifest payload; } >patch";
+}
+
+Row applying(const HostilePatch &patch, const fs::path &data)
+{
+    const fs::path folder = data / "hostile" / patch.what;
+    const std::string inFolder = "cd " + shellWord(folder) + "; ";
+    const std::string apply = shellWord(ZEL_TOOL) + " apply-patch old.app new.app patch";
+    const auto work = [=](const auto &timed) {
+        if (!fs::exists(folder / "patch")) {
+            fs::create_directories(folder);
+            if (!shell(inFolder + making(patch)))
+                return false;
+        }
+        // Refused or not: what counts is what it takes.
+        const bool done = command({"bash", "-c", inFolder + apply + "; [ $? -le 1 ]"})(timed);
+        return shell(inFolder + "rm -rf new.app") && done;
+    };
+    return {.unit = "hostile",
+            .data = patch.what,
+            .work = work,
+            .slow = true,
+            .secondsGoal = 5,
+            .memoryGoal = 512};
+}
+
+} // namespace
+
+void addHostileRows(std::vector<Row> &rows, const fs::path &data)
+{
+    for (const HostilePatch &patch : Patches)
+        rows.push_back(applying(patch, data));
+}
+
+} // namespace bench
