@@ -153,7 +153,7 @@ void addDeltaApplication(std::vector<Row> &rows, const Pair &pair)
         int result = -1;
         timed([&] {
             zel::PatchFile patch;
-            if (!zel::PatchFile::read(QString::fromStdString(pair.made(".patch")), patch)
+            if (!zel::PatchFile::read(QString::fromStdString(pair.made(".patch")), {}, patch)
                 && patch.commands.size() == 1)
                 result =
                     bspatch2(pair.oldItem(), pair.made(".built"), std::as_bytes(std::span(patch.payload)));

@@ -5,11 +5,13 @@
 #include "PayloadBlocks.h"
 #include "XZ.h"
 
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QStringDecoder>
 
+#include <algorithm>
 #include <array>
 
 namespace zel {
@@ -44,14 +46,79 @@ qint64 manifestLength(QByteArrayView header)
     return decoder.hasError() ? 0 : integerValue(text);
 }
 
-std::vector<PatchCommand> commandsOf(const QByteArray &manifest)
+// No fewer than the parser makes of a text, be it JSON or not: each value begins behind one of these marks.
+qint64 mostValues(QByteArrayView json)
 {
-    std::vector<PatchCommand> commands;
+    qint64 count = 1;
+    bool inText = false;
+    for (qsizetype i = 0; i < json.size(); ++i) {
+        const char c = json[i];
+        if (c == '"')
+            inText = !inText;
+        else if (inText)
+            i += c == '\\';
+        else
+            count += c == ',' || c == '[' || c == '{';
+    }
+    return count;
+}
+
+ZELError judgeCount(qint64 count)
+{
+    return count <= PatchFile::CommandLimit
+        ? ZELError()
+        : ZELError::withMessage(QStringLiteral("it has more than the %1 commands that a patch may have")
+                                    .arg(PatchFile::CommandLimit));
+}
+
+ZELError judgeNames(const std::vector<PatchCommand> &commands)
+{
+    qint64 names = 0;
+    for (const PatchCommand &command : commands)
+        names += command.path.count(u'/') + 1;
+    return names <= PatchFile::NameLimit
+        ? ZELError()
+        : ZELError::withMessage(QStringLiteral("its paths have more than the %1 names that a patch may have")
+                                    .arg(PatchFile::NameLimit));
+}
+
+ZELError readCommands(const QByteArray &manifest, std::vector<PatchCommand> &commands)
+{
+    // A command has eight at most. The parser takes up to 155 bytes for a value of three.
+    if (mostValues(manifest) > 8 * PatchFile::CommandLimit)
+        return ZELError::withMessage(QStringLiteral("its manifest has too many values"));
     const QJsonArray values = QJsonDocument::fromJson(manifest).object()[QLatin1String("commands")].toArray();
+    if (const ZELError error = judgeCount(values.size()))
+        return error;
     commands.reserve(size_t(values.size()));
     for (const QJsonValue value : values)
         commands.push_back(PatchCommand::fromJson(value));
-    return commands;
+    return judgeNames(commands);
+}
+
+QByteArray manifestOf(const std::vector<PatchCommand> &commands)
+{
+    QJsonArray list;
+    for (const PatchCommand &command : commands)
+        list.append(command.toJson());
+    return QJsonDocument(QJsonObject{{QLatin1String("commands"), list}}).toJson(QJsonDocument::Compact);
+}
+
+ZELError readPayload(QByteArrayView compressed, const PatchFile::Reading &reading, LargeBuffer &payload)
+{
+    const std::optional<qint64> size = uncompressedSizeXZ(compressed);
+    const qint64 limit = reading.payloadLimit(compressed.size());
+    if (size && *size > limit)
+        return ZELError::withMessage(
+            QStringLiteral("its payload has %1 bytes, and may have %2").arg(*size).arg(limit));
+    const QString folder = reading.folder.isNull() ? QDir::tempPath() : reading.folder;
+    if (size) {
+        if (const ZELError error = LargeBuffer::reserve(*size, reading.memory, folder, payload))
+            return error;
+    }
+    if (!size || !decompressXZ(compressed, payload.data(), *size))
+        return ZELError::withMessage(QStringLiteral("its payload does not decompress"));
+    return {};
 }
 
 // A file whose size is a multiple of 32768 has no hash to check it by (MD5FromData.h), so a patch never has such a size:
@@ -105,30 +172,44 @@ QJsonValue PatchCommand::toJson() const
     return object;
 }
 
-ZELError PatchFile::read(const QString &path, PatchFile &result)
+// A delta has a byte for each that it gives, so that of large files that hardly change there is a large payload of
+// hardly anything. Beyond them the worst of what is worth compressing is known.
+qint64 PatchFile::Reading::payloadLimit(qint64 compressed) const
 {
-    const auto failed = [&path](const char *why) {
-        return ZELError::withMessage(path + QLatin1String(" is not a bundle patch: ") + QLatin1String(why));
+    constexpr qint64 base = qint64(32) << 20;
+    if (!oldBundle)
+        return PayloadLimit;
+    return std::min(PayloadLimit,
+                    base + 2 * std::min(*oldBundle, PayloadLimit) + 64 * std::min(compressed, PayloadLimit));
+}
+
+ZELError PatchFile::read(const QString &path, const Reading &reading, PatchFile &result)
+try {
+    const auto failed = [&path](const QString &why) {
+        return ZELError::withMessage(path + QLatin1String(" is not a bundle patch: ") + why);
     };
     const std::optional<QByteArray> file = readFile(path);
     if (!file)
         return ZELError::withMessage(QLatin1String("cannot read the patch ") + path);
     if (file->size() < HeaderSize)
-        return failed("it is shorter than its header");
+        return failed(QStringLiteral("it is shorter than its header"));
     result.manifestSize = manifestLength(QByteArrayView(*file).first(HeaderSize));
     if (result.manifestSize < 0 || result.manifestSize > file->size() - HeaderSize)
-        return failed("its manifest does not end within the file");
+        return failed(QStringLiteral("its manifest does not end within the file"));
     const QByteArrayView body = QByteArrayView(*file).sliced(HeaderSize);
     result.payloadSize = body.size() - result.manifestSize;
     const std::optional<QByteArray> manifest = decompressXZ(body.first(result.manifestSize), ManifestLimit);
     if (!manifest)
-        return failed("its manifest does not decompress");
-    std::optional<QByteArray> payload = decompressXZ(body.sliced(result.manifestSize), PayloadLimit);
-    if (!payload)
-        return failed("its payload does not decompress");
-    result.commands = commandsOf(*manifest);
-    result.payload = std::move(*payload);
+        return failed(QStringLiteral("its manifest does not decompress, or to more than 16 MiB"));
+    result.commands.clear();
+    if (const ZELError error = readCommands(*manifest, result.commands))
+        return failed(error.message);
+    if (const ZELError error = readPayload(body.sliced(result.manifestSize), reading, result.m_buffer))
+        return failed(error.message);
+    result.payload = result.m_buffer.view();
     return {};
+} catch (const std::bad_alloc &) {
+    return ZELError::withMessage(QLatin1String("memory is exhausted by the patch ") + path);
 }
 
 std::optional<QByteArrayView> PatchFile::slice(const PatchCommand &command) const
@@ -136,28 +217,30 @@ std::optional<QByteArrayView> PatchFile::slice(const PatchCommand &command) cons
     if (command.position < 0 || command.length < 0 || command.position > payload.size()
         || command.length > payload.size() - command.position)
         return std::nullopt;
-    return QByteArrayView(payload).sliced(command.position, command.length);
+    return payload.sliced(command.position, command.length);
 }
 
-std::optional<QByteArray> PatchFile::encode(const std::vector<PatchCommand> &commands, QByteArrayView payload,
-                                            qint64 memory)
+ZELError PatchFile::encode(const std::vector<PatchCommand> &commands, QByteArrayView payload, qint64 memory,
+                           QByteArray &result)
 {
-    QJsonArray list;
-    for (const PatchCommand &command : commands)
-        list.append(command.toJson());
-    const QJsonDocument manifest(QJsonObject{{QLatin1String("commands"), list}});
-    const std::optional<QByteArray> second = compressXZBlocks(payloadBlocks(commands, payload), memory);
-    if (!second)
-        return std::nullopt;
-    const std::optional<QByteArray> first =
-        compressManifest(manifest.toJson(QJsonDocument::Compact), second->size());
-    if (!first)
-        return std::nullopt;
+    if (const ZELError error = judgeCount(qint64(commands.size())))
+        return error;
+    if (const ZELError error = judgeNames(commands))
+        return error;
     try {
-        return QByteArray::number(first->size()).leftJustified(HeaderSize, '\0') + *first + *second;
+        const QByteArray manifest = manifestOf(commands);
+        constexpr qsizetype blanks = 1024; // which may be added yet
+        if (manifest.size() > ManifestLimit - blanks)
+            return ZELError::withMessage(QStringLiteral("its list of commands takes more than 16 MiB"));
+        const std::optional<QByteArray> second = compressXZBlocks(payloadBlocks(commands, payload), memory);
+        const auto first = second ? compressManifest(manifest, second->size()) : std::nullopt;
+        if (first) {
+            result = QByteArray::number(first->size()).leftJustified(HeaderSize, '\0') + *first + *second;
+            return {};
+        }
     } catch (const std::bad_alloc &) {
-        return std::nullopt;
     }
+    return ZELError::withMessage(QStringLiteral("memory is exhausted"));
 }
 
 } // namespace zel

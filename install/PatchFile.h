@@ -1,9 +1,10 @@
 // The bundle patch file, taken apart. docs/bundle-patch-format.md describes it.
 #pragma once
 
+#include "LargeBuffer.h"
 #include "ZELError.h"
 
-#include <QByteArray>
+#include <QByteArrayView>
 #include <QString>
 
 #include <optional>
@@ -34,27 +35,43 @@ struct PatchCommand {
 
 struct PatchFile {
     static constexpr qsizetype HeaderSize = 32;
-    static constexpr qint64 ManifestLimit = qint64(256) << 20; ///< bytes of the manifest, decompressed
+    static constexpr qint64 ManifestLimit = qint64(16) << 20; ///< bytes of the manifest, decompressed
+    static constexpr qint64 CommandLimit = 200'000;
+    static constexpr qint64 NameLimit = 1'000'000; ///< names in all paths of the commands
     static constexpr qint64 PayloadLimit = qint64(4) << 30; ///< bytes of the payload, decompressed
 
+    /// What reading depends on besides the file.
+    struct Reading {
+        qint64 payloadLimit(qint64 compressed) const;
+
+        std::optional<qint64>
+            oldBundle; ///< bytes of the bundle that the patch starts from, where it is known
+        qint64 memory = quarterOfMemory(); ///< a payload of more bytes goes to an unnamed file
+        QString folder = {}; ///< where that is made; the temporary folder unless named
+    };
+
     std::vector<PatchCommand> commands; ///< none when the manifest is not JSON or holds no "commands"
-    QByteArray payload;
+    QByteArrayView payload; ///< lives as long as the patch file
     qint64 manifestSize = 0; ///< bytes in the file
     qint64 payloadSize = 0; ///< bytes in the file
 
     /// Reads and decompresses a patch file. An error when the file cannot be read, is shorter than its header, states
-    /// a manifest length that is negative or runs past its end, or when the manifest or the payload does not
-    /// decompress within the limits. Peak memory: the file, the manifest and the payload, and the decoders
-    /// (`decompressXZ`). Works on all processors.
-    static ZELError read(const QString &path, PatchFile &result);
+    /// a manifest length that is negative or runs past its end, when the manifest or the payload does not decompress,
+    /// and beyond the limits, which docs/bundle-patch-format.md gives. Peak memory: the file, 300 MiB for the worst
+    /// manifest, the payload, and the decoders (`decompressXZ`). Works on all processors.
+    static ZELError read(const QString &path, const Reading &reading, PatchFile &result);
 
     /// The part of the payload that a command names; nothing when it lies outside.
     std::optional<QByteArrayView> slice(const PatchCommand &command) const;
 
-    /// A whole patch file of commands and a payload, which their slices cover one after the other; nothing when
-    /// memory runs out. Its size is never one whose hash is empty. `memory` bounds what compressing takes besides them, as for `compressXZBlocks`.
-    static std::optional<QByteArray> encode(const std::vector<PatchCommand> &commands, QByteArrayView payload,
-                                            qint64 memory);
+    /// A whole patch file of commands and a payload, which their slices cover one after the other. An error when
+    /// memory runs out, and where a reader would refuse the commands. The file's size is never one whose hash is empty.
+    /// `memory` bounds what compressing takes besides them, as for `compressXZBlocks`.
+    static ZELError encode(const std::vector<PatchCommand> &commands, QByteArrayView payload, qint64 memory,
+                           QByteArray &result);
+
+private:
+    LargeBuffer m_buffer; // the payload
 };
 
 } // namespace zel

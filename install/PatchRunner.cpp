@@ -7,6 +7,7 @@
 #include "PatchLog.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 #include <array>
 #include <cerrno>
@@ -46,6 +47,13 @@ void writeErrorNames(int number)
 QString pathOf(const QString &bundle, const BundleItem &item)
 {
     return bundle + u'/' + QFile::decodeName(item.path);
+}
+
+// The content of a file for the log; nothing of one that is large.
+std::optional<QByteArray> smallFile(const QString &path)
+{
+    constexpr qint64 limit = 1 << 20;
+    return QFileInfo(path).size() <= limit ? readFile(path) : std::nullopt;
 }
 
 } // namespace
@@ -129,11 +137,7 @@ bool PatchRunner::patch(const PatchCommand &command, const QString &target)
 {
     const std::optional<BundleItem> source = m_old.find(command.path, FinalLink::Follow);
     const QString original = source ? pathOf(m_oldPath, *source) : QString();
-    const auto slice = m_patch.slice(command);
-    if (!slice || original.isNull()
-        || bspatch2(QFile::encodeName(original).toStdString(), QFile::encodeName(target).toStdString(),
-                    std::as_bytes(std::span(slice->data(), size_t(slice->size()))))
-            != 0) {
+    if (!applyDelta(command, original, target)) {
         DDLogDebug(QLatin1String("Error patching file: ") + command.path);
         appendContents("Error patching file", command, original, target);
         return false;
@@ -146,13 +150,27 @@ bool PatchRunner::patch(const PatchCommand &command, const QString &target)
     return false;
 }
 
+bool PatchRunner::applyDelta(const PatchCommand &command, const QString &original, const QString &target)
+{
+    const auto slice = m_patch.slice(command);
+    if (!slice || original.isNull())
+        return false;
+    // Each file is patched once at most, so that all old bytes are read once at most.
+    m_readable -= QFileInfo(original).size();
+    if (m_readable < 0)
+        return false;
+    return bspatch2(QFile::encodeName(original).toStdString(), QFile::encodeName(target).toStdString(),
+                    std::as_bytes(std::span(slice->data(), size_t(slice->size()))))
+        == 0;
+}
+
 void PatchRunner::appendContents(const char *description, const PatchCommand &command,
                                  const QString &original, const QString &target)
 {
     QVariantMap keys{{QStringLiteral("file"), command.path}};
-    if (const auto bytes = original.isNull() ? std::nullopt : readFile(original))
+    if (const auto bytes = original.isNull() ? std::nullopt : smallFile(original))
         keys[QStringLiteral("original")] = *bytes;
-    if (const auto bytes = readFile(target))
+    if (const auto bytes = smallFile(target))
         keys[QStringLiteral("new")] = *bytes;
     appendEntry(m_log, QLatin1String(description), keys);
 }

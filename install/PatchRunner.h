@@ -2,7 +2,7 @@
 #pragma once
 
 #include "BundleWalk.h"
-#include "PatchFile.h"
+#include "PatchBudget.h"
 
 #include <QString>
 #include <QVariantList>
@@ -12,14 +12,17 @@ namespace zel {
 class PatchRunner
 {
 public:
-    /// All four must outlive the runner, and nobody else may change the bundles meanwhile. `log` receives the entries of commands that fail.
-    PatchRunner(const QString &oldBundle, const QString &newBundle, const PatchFile &patch, QVariantList &log)
+    /// All four must outlive the runner, and nobody else may change the bundles meanwhile. `log` receives the entries of
+    /// commands that fail. `oldSize`: the bytes of the old bundle; deltas may read each of them once.
+    PatchRunner(const QString &oldBundle, const QString &newBundle, qint64 oldSize, const PatchFile &patch,
+                QVariantList &log)
         : m_oldPath(oldBundle)
         , m_newPath(newBundle)
         , m_old(oldBundle, m_namesLeft)
         , m_new(newBundle, m_namesLeft)
         , m_patch(patch)
         , m_log(log)
+        , m_readable(oldSize + SmallChange)
     {
     }
 
@@ -34,6 +37,7 @@ private:
     void symlinkFailed(int number, const char *description, const PatchCommand &command);
     bool add(const PatchCommand &command, BundleItem &target);
     bool patch(const PatchCommand &command, const QString &target);
+    bool applyDelta(const PatchCommand &command, const QString &original, const QString &target);
     void appendContents(const char *description, const PatchCommand &command, const QString &original,
                         const QString &target);
 
@@ -44,6 +48,7 @@ private:
     BundleWalk m_new;
     const PatchFile &m_patch;
     QVariantList &m_log;
+    qint64 m_readable; // bytes of old files that deltas may still read
 };
 
 } // namespace zel

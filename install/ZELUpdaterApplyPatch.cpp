@@ -2,10 +2,14 @@
 
 #include "DDLog.h"
 #include "FileTree.h"
+#include "FreeSpace.h"
+#include "PatchBudget.h"
 #include "PatchFile.h"
 #include "PatchLog.h"
 #include "PatchRunner.h"
 #include "Permissions.h"
+#include "ProgramFile.h"
+#include "SignalShield.h"
 #include "StagingFolder.h"
 
 #include <QDir>
@@ -24,19 +28,35 @@ void appendItem(QVariantList &log, const char *description, const QString &path)
                 {{QStringLiteral("path"), path}, {QStringLiteral("exists"), QFileInfo::exists(path)}});
 }
 
+/// The path of the new bundle itself: what stands there is replaced, never what it points at.
+struct Place {
+    explicit Place(QString newPath)
+    {
+        while (newPath.endsWith(u'/')) // behind a link's name they would mean what it points at
+            newPath.chop(1);
+        path = newPath;
+        folder = QFileInfo(newPath).path();
+    }
+
+    QString path;
+    QString folder;
+};
+
 // Removing what stands at the new path must never remove the old bundle, and a copy cannot hold itself.
-bool overlap(const QString &oldPath, const QString &newPath)
+bool overlap(const QString &oldPath, const Place &place)
 {
-    return liesWithin(oldPath, newPath) || liesWithin(newPath, oldPath);
+    const bool isLink = QFileInfo(place.path).isSymLink();
+    return liesWithin(isLink ? place.folder : place.path, oldPath)
+        || (!isLink && liesWithin(oldPath, place.path));
 }
 
-ZELError makeRoom(const QString &oldPath, const QString &newPath)
+ZELError makeRoom(const QString &oldPath, const Place &place, qint64 oldSize)
 {
-    if (overlap(oldPath, newPath))
-        return ZELError::withMessage(newPath + QLatin1String(" and ") + oldPath
+    if (overlap(oldPath, place))
+        return ZELError::withMessage(place.path + QLatin1String(" and ") + oldPath
                                      + QLatin1String(" must not contain each other"));
-    removeTree(newPath);
-    return {};
+    removeTree(place.path);
+    return requireSpace(place.folder, oldSize);
 }
 
 bool copyFailed(const ZELError &error, const QString &newPath, QVariantList &log)
@@ -51,8 +71,10 @@ bool copyFailed(const ZELError &error, const QString &newPath, QVariantList &log
 class PatchReading
 {
 public:
-    explicit PatchReading(const QString &path)
-        : m_error(std::async([this, path] { return PatchFile::read(path, m_patch); }))
+    /// Its thread inherits what signals the caller's thread keeps off. Without a policy: where there is no thread to be
+    /// had, `error` reads on the caller's.
+    PatchReading(const QString &path, const PatchFile::Reading &reading)
+        : m_error(std::async([this, path, reading] { return PatchFile::read(path, reading, m_patch); }))
     {
     }
 
@@ -74,30 +96,59 @@ void makeMarkerFolder()
     QDir(QDir::tempPath()).mkdir(newUUID());
 }
 
-bool performCommands(const QString &oldPath, const QString &newPath, const PatchFile &patch,
+bool performCommands(const QString &oldPath, const Place &place, qint64 oldSize, const PatchFile &patch,
                      QVariantList &log)
 {
-    PatchRunner runner(oldPath, newPath, patch, log);
+    if (const ZELError error = judgeWrites(patch, place.folder)) {
+        DDLogDebug(error.message);
+        appendEntry(log, QLatin1String("Error: ") + error.message);
+        return false;
+    }
+    PatchRunner runner(oldPath, place.path, oldSize, patch, log);
     return std::ranges::all_of(patch.commands,
                                [&runner](const PatchCommand &command) { return runner.perform(command); });
 }
 
-bool applyPatchFile(const QString &oldPath, const QString &newPath, PatchReading &reading, QVariantList &log)
+bool applyPatchFile(const QString &oldPath, const Place &place, qint64 oldSize, PatchReading &reading,
+                    QVariantList &log)
 {
     if (const ZELError error = reading.error()) {
         DDLogDebug(error.message);
         return false;
     }
     makeMarkerFolder();
-    return performCommands(oldPath, newPath, reading.patch(), log);
+    if (!performCommands(oldPath, place, oldSize, reading.patch(), log))
+        return false;
+    const ZELError error = ensureProgramIsExecutable(place.path);
+    if (error)
+        DDLogDebug(error.message);
+    return !error;
 }
 
-} // namespace
-
-bool ZELUpdaterApplyPatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
-                          QVariantList &log)
+bool buildBundle(const QString &oldPath, const QString &newPath, const QString &patchPath, QVariantList &log)
 {
-    if (newPath.isNull() || oldPath.isNull() || patchPath.isNull()) {
+    const Place place(newPath);
+    const qint64 oldSize = treeSize(oldPath);
+    // Deliberate: a copy that fails ends the log with its own entry, without "Patch failed".
+    if (const ZELError error = makeRoom(oldPath, place, oldSize))
+        return copyFailed(error, newPath, log);
+    // Begins here, because a patch that lies at the new path must be gone by now.
+    PatchReading reading(patchPath, {.oldBundle = oldSize, .folder = place.folder});
+    if (const ZELError error = copyTree(oldPath, place.path))
+        return copyFailed(error, newPath, log);
+    appendItem(log, "New file", newPath);
+    appendEntry(log, QStringLiteral("chmod'ing new file"));
+    // Before the commands: what "add" writes keeps its default mode.
+    makeExecutableTree(place.path);
+    const bool applied = applyPatchFile(oldPath, place, oldSize, reading, log);
+    DDLogDebug(applied ? QStringLiteral("patch succeeded") : QStringLiteral("patch failed"));
+    appendEntry(log, applied ? QStringLiteral("Patch succeeded") : QStringLiteral("Patch failed"));
+    return applied;
+}
+
+bool applyPatch(const QString &oldPath, const QString &newPath, const QString &patchPath, QVariantList &log)
+{
+    if (oldPath.isNull() || newPath.isNull() || patchPath.isNull()) {
         appendEntry(log, QStringLiteral("Missing one or more paths"));
         return false;
     }
@@ -108,19 +159,25 @@ bool ZELUpdaterApplyPatch(const QString &oldPath, const QString &newPath, const 
     DDLogDebug(QLatin1String("Old File: ") + oldPath);
     DDLogDebug(QLatin1String("New File: ") + newPath);
     DDLogDebug(QLatin1String("Patch File: ") + patchPath);
-    // Deliberate: a copy that fails ends the log with its own entry, without "Patch failed".
-    if (const ZELError error = makeRoom(oldPath, newPath))
-        return copyFailed(error, newPath, log);
-    // Begins here, because a patch that lies at the new path must be gone by now.
-    PatchReading reading(patchPath);
-    if (const ZELError error = copyTree(oldPath, newPath))
-        return copyFailed(error, newPath, log);
-    appendItem(log, "New file", newPath);
-    appendEntry(log, QStringLiteral("chmod'ing new file"));
-    // Before the commands: what "add" writes keeps its default mode.
-    makeExecutableTree(newPath);
-    const bool applied = applyPatchFile(oldPath, newPath, reading, log);
-    DDLogDebug(applied ? QStringLiteral("patch succeeded") : QStringLiteral("patch failed"));
-    appendEntry(log, applied ? QStringLiteral("Patch succeeded") : QStringLiteral("Patch failed"));
-    return applied;
+    return buildBundle(oldPath, newPath, patchPath, log);
+}
+
+} // namespace
+
+bool ZELUpdaterApplyPatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
+                          QVariantList &log)
+{
+    const SignalShield shield;
+    try {
+        try {
+            return applyPatch(oldPath, newPath, patchPath, log);
+        } catch (const std::exception
+                     &error) { // memory is exhausted, most likely; by now much of it is free again
+            DDLogDebug(QLatin1String("patch failed: ") + QLatin1String(error.what()));
+            appendEntry(log, QStringLiteral("Patch failed"));
+        }
+    } catch (const std::bad_alloc &) {
+        // Not even enough for the log.
+    }
+    return false;
 }

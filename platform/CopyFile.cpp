@@ -113,7 +113,7 @@ bool copyData(int from, int to)
 bool copyAttributes(int from, int to, const struct stat &status)
 {
     const std::array<timespec, 2> times = {status.st_atim, status.st_mtim};
-    return copyExtendedAttributes(from, to) && ::fchmod(to, status.st_mode & 07777) == 0
+    return copyExtendedAttributes(from, to) && ::fchmod(to, status.st_mode & 0777) == 0
         && ::futimens(to, times.data()) == 0;
 }
 

@@ -7,6 +7,7 @@
 #include <QByteArrayList>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QUuid>
 
 #include <algorithm>
@@ -142,6 +143,16 @@ bool writeAll(int descriptor, QByteArrayView bytes)
     return true;
 }
 
+// Empty where that is not possible.
+fs::path resolved(const QString &path)
+{
+    std::error_code error;
+    // Before links are resolved: of a relative path whose first name does not exist, nothing would be.
+    const fs::path absolute = fs::absolute(QFile::encodeName(path).toStdString(), error);
+    const fs::path result = error ? fs::path() : fs::weakly_canonical(absolute, error);
+    return result.has_filename() ? result : result.parent_path(); // no slash behind the last name
+}
+
 } // namespace
 
 ZELError copyTree(const QString &from, const QString &to)
@@ -153,11 +164,26 @@ ZELError copyTree(const QString &from, const QString &to)
     return TreeCopy(QByteArray::fromStdString(source.string()), QFile::encodeName(to)).run();
 }
 
+qint64 treeSize(const QString &path)
+{
+    const fs::path top = QFile::encodeName(path).toStdString();
+    std::error_code error;
+    if (!fs::is_directory(top, error))
+        return QFileInfo(path).size();
+    qint64 size = 0;
+    for (fs::recursive_directory_iterator entries(top, error), end; !error && entries != end;
+         entries.increment(error)) {
+        struct stat status;
+        if (::lstat(entries->path().c_str(), &status) == 0 && S_ISREG(status.st_mode))
+            size += status.st_size;
+    }
+    return size;
+}
+
 bool liesWithin(const QString &path, const QString &folder)
 {
-    std::error_code error; // what cannot be resolved becomes an empty path, and everything lies within that
-    const fs::path inner = fs::weakly_canonical(QFile::encodeName(path).toStdString(), error);
-    const fs::path outer = fs::weakly_canonical(QFile::encodeName(folder).toStdString(), error);
+    const fs::path inner = resolved(path);
+    const fs::path outer = resolved(folder);
     return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
 }
 

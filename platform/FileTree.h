@@ -23,7 +23,12 @@ ZELError removeTree(const QString &path);
 /// `removeTree` of an item in an open folder. False, with errno, on failure.
 bool removeItem(int folder, const char *name);
 
-/// Whether `path` is `folder` or lies below it, with all links resolved. Neither needs to exist.
+/// The bytes of all regular files in a folder, or of one file. Links are followed at the top only; what cannot be read
+/// counts as nothing.
+qint64 treeSize(const QString &path);
+
+/// Whether `path` is `folder` or lies below it, with all links resolved. Neither needs to exist. What cannot be
+/// resolved holds everything.
 bool liesWithin(const QString &path, const QString &folder);
 
 /// The whole content of a regular file, links followed; nothing where it cannot be read.

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <deque>
+#include <limits>
 #include <vector>
 
 namespace zel {
@@ -146,26 +147,45 @@ bool decodeBlocks(Blocks &blocks, QByteArrayView stream, uint8_t *result)
     return sound;
 }
 
-std::optional<QByteArray> decompress(QByteArrayView data, qint64 limit)
+bool decompress(QByteArrayView data, char *result, qint64 size)
 {
     lzma_stream_flags flags;
     const XZIndex index = readIndex(data, flags);
-    if (!index || lzma_index_uncompressed_size(index.get()) > lzma_vli(std::max<qint64>(limit, 0)))
-        return std::nullopt;
+    if (!index || lzma_index_uncompressed_size(index.get()) != lzma_vli(size))
+        return false;
     std::optional<Blocks> blocks = readBlocks(data, *index, flags.check);
-    if (!blocks)
-        return std::nullopt;
-    QByteArray result(qsizetype(lzma_index_uncompressed_size(index.get())), Qt::Uninitialized);
-    adviseLargePages(result.data(), size_t(result.size()));
-    return decodeBlocks(*blocks, data, lzmaBytes(result)) ? std::optional(result) : std::nullopt;
+    return blocks && decodeBlocks(*blocks, data, reinterpret_cast<uint8_t *>(result));
 }
 
 } // namespace
 
-std::optional<QByteArray> decompressXZ(QByteArrayView data, qint64 limit)
+std::optional<qint64> uncompressedSizeXZ(QByteArrayView data)
+{
+    lzma_stream_flags flags;
+    const XZIndex index = readIndex(data, flags);
+    if (!index || lzma_index_uncompressed_size(index.get()) > lzma_vli(std::numeric_limits<qint64>::max()))
+        return std::nullopt;
+    return qint64(lzma_index_uncompressed_size(index.get()));
+}
+
+bool decompressXZ(QByteArrayView data, char *result, qint64 size)
 {
     try {
-        return decompress(data, limit);
+        return decompress(data, result, size);
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+}
+
+std::optional<QByteArray> decompressXZ(QByteArrayView data, qint64 limit)
+{
+    const std::optional<qint64> size = uncompressedSizeXZ(data);
+    if (!size || *size > limit)
+        return std::nullopt;
+    try {
+        QByteArray result(qsizetype(*size), Qt::Uninitialized);
+        adviseLargePages(result.data(), size_t(*size));
+        return decompress(data, result.data(), *size) ? std::optional(result) : std::nullopt;
     } catch (const std::bad_alloc &) {
         return std::nullopt;
     }

@@ -14,6 +14,13 @@ namespace zel {
 /// result is allocated once, at the size that the stream's index states.
 std::optional<QByteArray> decompressXZ(QByteArrayView data, qint64 limit);
 
+/// How many bytes a whole xz stream says it gives; nothing when it is none. Decompressing finds out whether it lies.
+std::optional<qint64> uncompressedSizeXZ(QByteArrayView data);
+
+/// Decompresses to memory of the caller's, which has the size that the stream states. False where the above gives
+/// nothing; what the memory then holds is anything.
+bool decompressXZ(QByteArrayView data, char *result, qint64 size);
+
 /// Compresses into one xz stream of plain LZMA2, which every xz reader can read.
 /// Nothing when memory runs out: the encoder takes about twelve bytes per byte of data, 700 MiB at most.
 std::optional<QByteArray> compressXZ(QByteArrayView data);

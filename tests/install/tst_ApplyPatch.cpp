@@ -2,11 +2,17 @@
 #include "LogCapture.h"
 #include "MD5FromData.h"
 #include "PatchBuilder.h"
+#include "PatchFile.h"
 #include "TemporaryTree.h"
+#include "XZBlocks.h"
 #include "ZELUpdaterApplyPatch.h"
 #include "ZELUpdaterTestPatch.h"
 
+#include <QRegularExpression>
+#include <sys/resource.h>
 #include <sys/stat.h>
+
+using namespace zel;
 
 namespace {
 
@@ -394,6 +400,9 @@ private slots:
         QTest::newRow("original never was")
             << command("add", "g", slice(0, 0)) + ',' + patch("g") << false << true;
         QTest::newRow("neither") << patch("g") << false << false;
+        QTest::newRow("the largest that is logged") << patch("1 MiB") << true << true;
+        QTest::newRow("larger ones are left out")
+            << command("add", "larger", slice(0, 0)) + ',' + patch("larger") << false << true;
     }
 
     void failedDeltaLogsWhatCouldBeRead()
@@ -403,6 +412,8 @@ private slots:
         QFETCH(bool, hasNew);
         const TemporaryTree tree;
         tree.write("old.app/f", "");
+        tree.write("old.app/1 MiB", QByteArray(1 << 20, 'x'));
+        tree.write("old.app/larger", QByteArray((1 << 20) + 1, 'x'));
         QVariantList log;
         QVERIFY(!applyIn(tree, patchOfCommands(commands), log));
         const QVariantMap entry = log.at(log.size() - 2).toMap();
@@ -411,21 +422,46 @@ private slots:
         QCOMPARE(entry.contains("new"), hasNew);
     }
 
+    void modes_data()
+    {
+        QTest::addColumn<QString>("item");
+        QTest::addColumn<int>("mode");
+        const std::pair<const char *, int> rows[] = {
+            {"new.app", 0755},          {"new.app/kept", 0755},
+            {"new.app/replaced", 0640}, {"new.app/added", 0640},
+            {"new.app/special", 0755},  {"new.app/folder", 0755},
+            {"new.app/made", 0750},     {"new.app/Contents/MacOS/program", 0750},
+            {"new.app/program", 0640},  {"old.app/kept", 0600},
+            {"old.app/special", 06755},
+        };
+        for (const auto &[item, mode] : rows)
+            QTest::newRow(item) << item << mode;
+    }
+
+    // All folders here hand their group on, as shared ones do.
     void modes()
     {
+        QFETCH(QString, item);
+        QFETCH(int, mode);
         const mode_t before = ::umask(027);
         const TemporaryTree tree;
+        ::chmod(tree.path().toUtf8().constData(), 02755);
         tree.write("old.app/kept", "x", 0600);
         tree.write("old.app/replaced", "x", 0755);
+        tree.write("old.app/special", "x", 06755);
+        ::chmod(tree.directory("old.app/folder").toUtf8().constData(), 03777);
         QVariantList log;
-        const QByteArray commands =
-            command("add", "replaced", slice(0, 1)) + ',' + command("add", "added", slice(0, 1));
-        applyIn(tree, patchOfCommands(commands), log);
+        const QByteArray info =
+            "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key><string>program</string>"
+            "</dict></plist>";
+        QByteArray commands = command("add", "Contents/Info.plist", slice(0, info.size()));
+        for (const char *path : {"replaced", "added", "Contents/MacOS/program", "program"})
+            commands += ',' + command("add", path, slice(0, 1));
+        commands += ',' + command("adddirectory", "made");
+        const bool applied = applyIn(tree, patchOfCommands(commands, info), log);
         ::umask(before);
-        QCOMPARE(TemporaryTree::mode(tree.path("new.app/kept")), 0755);
-        QCOMPARE(TemporaryTree::mode(tree.path("new.app/replaced")), 0640);
-        QCOMPARE(TemporaryTree::mode(tree.path("new.app/added")), 0640);
-        QCOMPARE(TemporaryTree::mode(tree.path("old.app/kept")), 0600);
+        QVERIFY(applied);
+        QCOMPARE(QString::number(TemporaryTree::mode(tree.path(item)), 8), QString::number(mode, 8));
     }
 
     void leavesAMarker()
@@ -463,6 +499,23 @@ private slots:
         row("length beyond 64 bits", patchFile("99999999999999999999", manifest, payload), false);
         row("manifest is not xz", patchFile("3", "abc", payload), false);
         row("manifest is not JSON", patchOf("no json"), true);
+        const auto commandsRow = [row](const char *name, const QByteArray &commands, bool succeeds) {
+            row(name, patchOfCommands(commands), succeeds);
+        };
+        commandsRow("most commands", QByteArray("{},").repeated(199'999) + "{}", true);
+        commandsRow("one command more", QByteArray("{},").repeated(200'000) + "{}", false);
+        commandsRow("values of nothing", QByteArray("0,").repeated(2'000'000) + '0', false);
+        commandsRow("values within each other", QByteArray("[[[],{}]],").repeated(400'000) + '0', false);
+        const QByteArray values = QByteArray(R"([\",{[)").repeated(400'000);
+        commandsRow("a text that looks like values", '"' + values + '"', true);
+        commandsRow("a large manifest", QByteArray(16 << 20, ' '), false);
+        const QByteArray names = command("none", QByteArray("no/").repeated(999) + "no");
+        commandsRow("most names", QByteArray(names + ',').repeated(999) + names, true);
+        commandsRow("one name more", QByteArray(names + ',').repeated(1000) + command("none", "no"), false);
+        const QByteArray zeros(40 << 20, '\0');
+        const XZBlock nothing{zeros, XZContent::Sparse};
+        const auto packed = compressXZBlocks(std::span(&nothing, 1), zeros.size());
+        row("a payload of nothing", patchFile(size, manifest, packed.value()), false);
         row("manifest is an array", patchOf("[1]"), true);
         row("commands are no array", patchOf(R"({"commands":{"actions":["delete"]}})"), true);
         row("payload is followed by more", patchFile(size, manifest, payload + "more"), false);
@@ -480,6 +533,112 @@ private slots:
         QCOMPARE(outcome.applied, succeeds);
         QCOMPARE(descriptions(outcome.log).last(), succeeds ? "Patch succeeded" : "Patch failed");
         QCOMPARE(outcome.after, outcome.before);
+    }
+
+    void writes_data()
+    {
+        QTest::addColumn<QByteArray>("commands");
+        QTest::addColumn<int>("times");
+        QTest::addColumn<bool>("succeeds");
+
+        // A payload of 2 MiB, the first of which is a delta that gives nothing. The old file has 3 MiB.
+        const auto row = [](const char *name, const QByteArray &commands, int times, bool succeeds) {
+            QTest::addRow("%s %d times", name, times) << commands << times << succeeds;
+        };
+        for (const auto &[times, succeeds] : {std::pair(2, true), {3, false}}) {
+            row("add the payload", command("add", "x", slice(0, 2 << 20)), times, succeeds);
+            row("a delta of the payload", command("patch", "small", slice(0, 2 << 20) + R"(,"hash":"")"),
+                times, succeeds);
+        }
+        row("read the old file", command("patch", "f", slice(0, 32) + R"(,"hash":"")"), 1, true);
+        row("read the old file", command("patch", "f", slice(0, 32) + R"(,"hash":"")"), 2, false);
+    }
+
+    void writes()
+    {
+        QFETCH(QByteArray, commands);
+        QFETCH(int, times);
+        QFETCH(bool, succeeds);
+        const TemporaryTree tree;
+        tree.write("old.app/f", QByteArray(3 << 20, 'x'));
+        tree.write("old.app/small", "x");
+        QVariantList log;
+        const QByteArray all = QByteArray(commands + ',').repeated(times - 1) + commands;
+        QCOMPARE(applyIn(tree, patchOfCommands(all, DeltaToNothing + QByteArray((2 << 20) - 32, 'x')), log),
+                 succeeds);
+        if (!succeeds)
+            QVERIFY(descriptions(log).at(log.size() - 2).startsWith("Error"));
+    }
+
+    // Nothing has room for a second copy of this file, which takes none itself.
+    void missingSpaceIsTold()
+    {
+        const TemporaryTree tree;
+        if (::truncate(tree.write("old.app/f", "").toUtf8().constData(), off_t(8) << 40) != 0)
+            QSKIP("the file system has no such files");
+        QVariantList log;
+        QVERIFY(!applyIn(tree, patchOfCommands(""), log));
+        const QRegularExpression told("^Error copying old app: .*[0-9]{12,} bytes are missing$");
+        QVERIFY2(descriptions(log).last().contains(told), qPrintable(descriptions(log).last()));
+        QVERIFY(!QFileInfo::exists(tree.path("new.app")));
+    }
+
+    void exhaustedMemoryIsAFailure()
+    {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        QSKIP("a sanitizer takes more memory than a limit could leave");
+#endif
+        const TemporaryTree tree;
+        tree.write("old.app/f", "x");
+        const QByteArray patch = patchOfCommands(QByteArray("[[0]],").repeated(300'000) + '0');
+        QVariantList log;
+        rlimit before;
+        ::getrlimit(RLIMIT_AS, &before);
+        const QByteArray pages = TemporaryTree::contents("/proc/self/statm").split(' ').first();
+        const rlimit little{pages.toULong() * ulong(::sysconf(_SC_PAGESIZE)) + (48 << 20), before.rlim_max};
+        ::setrlimit(RLIMIT_AS, &little);
+        const bool applied = applyIn(tree, patch, log);
+        ::setrlimit(RLIMIT_AS, &before);
+        QVERIFY(!applied);
+        QCOMPARE(descriptions(log).last(), "Patch failed");
+    }
+
+    // Beyond the limit the system raises a signal that would end the host.
+    void limitOfFileSizesIsAFailure()
+    {
+        const TemporaryTree tree;
+        tree.write("old.app/f", "x");
+        const QByteArray payload(1 << 20, 'x');
+        const QByteArray patch = patchOfCommands(command("add", "added", slice(0, payload.size())), payload);
+        QVariantList log;
+        rlimit before;
+        ::getrlimit(RLIMIT_FSIZE, &before);
+        const rlimit little{rlim_t(payload.size()) - 1, before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &little);
+        const bool applied = applyIn(tree, patch, log);
+        ::setrlimit(RLIMIT_FSIZE, &before);
+        QVERIFY(!applied);
+        QCOMPARE(descriptions(log).at(log.size() - 2), "Error creating file: added");
+    }
+
+    void largePayloadGoesToAFile()
+    {
+        const TemporaryTree tree;
+        const QByteArray payload = QByteArray("payload").repeated(1000);
+        PatchFile::Reading reading;
+        reading.memory = payload.size() - 1;
+        reading.folder = tree.directory("beside");
+        {
+            PatchFile file;
+            const QString patch = tree.write("patch", patchOfCommands("", payload));
+            QVERIFY(!PatchFile::read(patch, reading, file));
+            QCOMPARE(file.payload, QByteArrayView(payload));
+            QVERIFY(TemporaryTree::contents("/proc/self/maps").contains(tree.path("beside").toUtf8()));
+            QVERIFY(QDir(reading.folder).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot));
+            reading.folder = tree.path("none");
+            QVERIFY(PatchFile::read(patch, reading, file));
+        }
+        QVERIFY(!TemporaryTree::contents("/proc/self/maps").contains(tree.path("beside").toUtf8()));
     }
 
     void everyCutIsRefused()
@@ -521,20 +680,68 @@ private slots:
 
     void bundlesMustNotContainEachOther_data()
     {
+        QTest::addColumn<QString>("old");
         QTest::addColumn<QString>("built");
-        for (const char *path : {"old.app", "x/../old.app/", "old.app/sub/new.app", "."})
-            QTest::newRow(path) << path;
+        const auto row = [](const char *old, const char *built) {
+            QTest::addRow("%s to %s", old, built) << old << built;
+        };
+        for (const char *path :
+             {"old.app", "x/../old.app/", "old.app/sub/new.app", ".", "x/../old.app/new/", ""})
+            row("old.app", path);
+        row(".", "new.app");
+        row("./old.app/../old.app", "old.app/new.app/.");
+        row("old.app/d/..", "old.app/d");
+        row("link", "old.app/new.app");
+        row("old.app/d", "link/.");
     }
 
     void bundlesMustNotContainEachOther()
     {
+        QFETCH(QString, old);
         QFETCH(QString, built);
         const TemporaryTree tree;
         tree.write("old.app/f", "old");
+        tree.directory("old.app/d");
+        tree.link("link", "old.app");
         tree.directory("x");
+        const QString patch = tree.write("patch", patchOfCommands(""));
+        const QString before = QDir::currentPath();
+        QDir::setCurrent(tree.path());
         QVariantList log;
-        QVERIFY(!ZELUpdaterApplyPatch(tree.path("old.app"), tree.path(built), "p", log));
+        const bool relative = ZELUpdaterApplyPatch(old, built, patch, log);
+        const bool absolute = ZELUpdaterApplyPatch(tree.path(old), tree.path() + u'/' + built, patch, log);
+        QDir::setCurrent(before);
+        QVERIFY(!relative);
+        QVERIFY(!absolute);
+        QCOMPARE(descriptions(log).filter("must not contain each other").size(), 2);
+        QCOMPARE(listing(tree.path("old.app")), (QStringList{"d/", "f = old"}));
+    }
+
+    void aLinkAtTheNewPathIsReplaced_data()
+    {
+        QTest::addColumn<QString>("target");
+        QTest::addColumn<QString>("built");
+        for (const char *target : {"other", "old.app", "none"}) {
+            QTest::addRow("link to %s", target) << target << "new.app";
+            QTest::addRow("link to %s, with a slash", target) << target << "new.app/";
+        }
+    }
+
+    void aLinkAtTheNewPathIsReplaced()
+    {
+        QFETCH(QString, target);
+        QFETCH(QString, built);
+        const TemporaryTree tree;
+        tree.write("old.app/f", "old");
+        tree.write("other/kept", "kept");
+        tree.link("new.app", target);
+        QVariantList log;
+        QVERIFY(ZELUpdaterApplyPatch(tree.path("old.app"), tree.path() + u'/' + built,
+                                     tree.write("patch", patchOfCommands("")), log));
+        QVERIFY(!QFileInfo(tree.path("new.app")).isSymLink());
+        QCOMPARE(tree.read("new.app/f"), "old");
         QCOMPARE(tree.read("old.app/f"), "old");
+        QCOMPARE(tree.read("other/kept"), "kept");
     }
 
     void errorNames()

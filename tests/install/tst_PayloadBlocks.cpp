@@ -97,6 +97,32 @@ private slots:
         QCOMPARE(at, payload.bytes.size());
         QCOMPARE(found, expected);
     }
+
+    // What a reader refuses is not written either.
+    void limitsOfCommands_data()
+    {
+        QTest::addColumn<qint64>("count");
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("commands") << PatchFile::CommandLimit + 1 << "a"
+                                  << "200000 commands";
+        QTest::newRow("names") << qint64(2001) << QString("a/").repeated(499) + "a"
+                               << "1000000 names";
+        QTest::newRow("manifest") << qint64(4096) << QString(4096, 'a') << "16 MiB";
+    }
+
+    void limitsOfCommands()
+    {
+        QFETCH(qint64, count);
+        QFETCH(QString, path);
+        QFETCH(QString, reason);
+        PatchCommand command;
+        command.path = path;
+        QByteArray bytes;
+        const ZELError error = PatchFile::encode(std::vector(size_t(count), command), {},
+                                                 std::numeric_limits<qint64>::max(), bytes);
+        QVERIFY2(error.message.contains(reason), qPrintable(error.message));
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_PayloadBlocks)

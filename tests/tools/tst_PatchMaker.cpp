@@ -128,7 +128,7 @@ private slots:
         const ZELError error = makePatch(oldBundle, newBundle, patch, {}, summary);
         QVERIFY2(!error, qPrintable(error.message));
         PatchFile file;
-        QVERIFY(!PatchFile::read(patch, file));
+        QVERIFY(!PatchFile::read(patch, {}, file));
         QStringList made;
         for (const PatchCommand &command : file.commands)
             made.append(wordOf(command.action) + u' ' + command.path);
@@ -161,7 +161,7 @@ private slots:
         PatchSummary summary;
         QVERIFY(!makePatch(tree.path("old.app"), tree.path("new.app"), tree.path("patch"), {}, summary));
         PatchFile file;
-        QVERIFY(!PatchFile::read(tree.path("patch"), file));
+        QVERIFY(!PatchFile::read(tree.path("patch"), {}, file));
         QCOMPARE(file.payload.size(), 32 + 24 + fresh.size()); // header, one triple, new bytes
     }
 

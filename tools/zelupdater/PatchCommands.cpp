@@ -95,20 +95,6 @@ QString misplaced(const QString &oldBundle, const QString &newBundle, const QStr
     return {};
 }
 
-// The first entry that tells of a fault, with the file that it names.
-QString faultOf(const QVariantList &log)
-{
-    for (const QVariant &entry : log) {
-        const QVariantMap keys = entry.toMap();
-        const QString description = keys[QStringLiteral("description")].toString();
-        if (!description.contains(QLatin1String("rror")))
-            continue;
-        const QString file = keys[QStringLiteral("file")].toString();
-        return file.isEmpty() ? description : description + QLatin1String(": ") + file;
-    }
-    return {};
-}
-
 int runApplyPatch(const Arguments &arguments)
 {
     const QString oldBundle = absolute(arguments.positional(0));
@@ -122,12 +108,7 @@ int runApplyPatch(const Arguments &arguments)
     const QJsonArray json = patchLogJson(log);
     if (applied)
         return arguments.done(arguments.positional(1) + QLatin1String(" is ready"), json);
-    QString why = faultOf(log);
-    if (why.isEmpty()) {
-        PatchFile file;
-        const ZELError error = PatchFile::read(patch, file);
-        why = error ? error.message : QStringLiteral("it names a path outside the bundle");
-    }
+    const QString why = whyNotApplied(log, oldBundle, patch);
     return arguments.failed(QStringLiteral("%1 could not be applied: %2").arg(patch, why), json);
 }
 
@@ -192,7 +173,7 @@ int runInspectPatch(const Arguments &arguments)
     if (const QString problem = unreadable(path); !problem.isNull())
         return arguments.failed(problem);
     PatchFile patch;
-    if (const ZELError error = PatchFile::read(path, patch))
+    if (const ZELError error = PatchFile::read(path, {}, patch))
         return arguments.failed(error.message);
     const QString header =
         QStringLiteral("%1 %2 %3  %4")

@@ -75,10 +75,13 @@ public:
     }
 
     /// To be called once: releases the payload.
-    std::optional<QByteArray> encode()
+    ZELError encode(QByteArray &bytes)
     {
         const QByteArray payload = std::exchange(m_payload, {});
-        return PatchFile::encode(m_commands, payload, m_options.memory);
+        const ZELError error = PatchFile::encode(m_commands, payload, m_options.memory, bytes);
+        return error ? ZELError::withMessage(QLatin1String("no patch can be made: ") + error.message
+                                             + QLatin1String("; publish the full archive only"))
+                     : ZELError();
     }
 
 private:
@@ -144,13 +147,48 @@ private:
     qint64 m_total = 0;
 };
 
+// The first entry that tells of a fault, with the file that it names.
+QString faultOf(const QVariantList &log)
+{
+    for (const QVariant &entry : log) {
+        const QVariantMap keys = entry.toMap();
+        const QString description = keys[QStringLiteral("description")].toString();
+        if (!description.contains(QLatin1String("rror")))
+            continue;
+        const QString file = keys[QStringLiteral("file")].toString();
+        return file.isEmpty() ? description : description + QLatin1String(": ") + file;
+    }
+    return {};
+}
+
+} // namespace
+
+QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QString &patchPath)
+{
+    if (const QString fault = faultOf(log); !fault.isEmpty())
+        return fault;
+    PatchFile file;
+    const ZELError error = PatchFile::read(patchPath, {.oldBundle = treeSize(oldPath)}, file);
+    return error ? error.message : QStringLiteral("memory is exhausted");
+}
+
+qint64 halfOfMemory()
+{
+    return qint64(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE) / 2;
+}
+
+namespace {
+
 ZELError prove(const QString &oldPath, const QString &newPath, const QString &patchPath,
                const QString &folder)
 {
     const QString built = folder + QLatin1String("/built");
     QVariantList log;
-    if (!ZELUpdaterApplyPatch(oldPath, built, patchPath, log))
-        return ZELError::withMessage(QLatin1String("the patch does not apply to ") + oldPath);
+    if (!ZELUpdaterApplyPatch(oldPath, built, patchPath, log)) {
+        const QString why = whyNotApplied(log, oldPath, patchPath);
+        return ZELError::withMessage(QLatin1String("the patch does not apply to ") + oldPath
+                                     + QLatin1String(": ") + why);
+    }
     std::vector<QString> differences;
     if (const ZELError error = compareBundles(built, newPath, differences))
         return error;
@@ -161,11 +199,6 @@ ZELError prove(const QString &oldPath, const QString &newPath, const QString &pa
 }
 
 } // namespace
-
-qint64 halfOfMemory()
-{
-    return qint64(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE) / 2;
-}
 
 ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
                    const PatchMakerOptions &options, PatchSummary &summary)
@@ -185,11 +218,11 @@ ZELError makePatch(const QString &oldPath, const QString &newPath, const QString
         return error;
     if (options.progress)
         options.progress(QStringLiteral("compressing"), 0, 0);
-    const std::optional<QByteArray> bytes = maker.encode();
-    if (!bytes)
-        return ZELError::withMessage(QStringLiteral("the patch cannot be compressed: memory is exhausted"));
+    QByteArray bytes;
+    if (const ZELError error = maker.encode(bytes))
+        return error;
     const QString aside = folder.filePath(QStringLiteral("patch"));
-    if (const ZELError error = writeFileAtomically(aside, *bytes))
+    if (const ZELError error = writeFileAtomically(aside, bytes))
         return error;
     if (options.progress)
         options.progress(QStringLiteral("proving"), 0, 0);
@@ -200,7 +233,7 @@ ZELError makePatch(const QString &oldPath, const QString &newPath, const QString
                             QFile::encodeName(patchPath).toStdString(), error);
     if (error)
         return ZELError::fromErrno(QLatin1String("cannot write ") + patchPath, error.value());
-    summary.size = bytes->size();
+    summary.size = bytes.size();
     return {};
 }
 

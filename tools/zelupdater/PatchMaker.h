@@ -5,6 +5,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVariantList>
 
 #include <functional>
 
@@ -30,6 +31,9 @@ struct PatchSummary {
     int patched = 0; ///< files that travel as deltas
     QStringList lostModes; ///< executables that arrive without their executable bit
 };
+
+/// Why `ZELUpdaterApplyPatch` did not apply a patch, given the log of it, in words for a person.
+QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QString &patchPath);
 
 /// Writes the patch file that turns the bundle `oldPath` into the bundle `newPath`, and proves it: the patch is applied
 /// to a copy and the outcome compared item by item, byte by byte, before the file gets its name. On an error nothing

@@ -1,0 +1,94 @@
+#include "LargeBuffer.h"
+
+#include "FileDescriptor.h"
+#include "FreeSpace.h"
+#include "LargePages.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <utility>
+
+namespace zel {
+
+namespace {
+
+FileDescriptor openNameless(const QString &folder)
+{
+#ifdef O_TMPFILE
+    FileDescriptor file(
+        ::open(QFile::encodeName(folder).constData(), O_TMPFILE | O_RDWR | O_EXCL | O_CLOEXEC, 0600));
+    if (file)
+        return file;
+#endif
+    QByteArray name = QFile::encodeName(folder + QLatin1String("/.buffer-XXXXXX"));
+    FileDescriptor named(::mkostemp(name.data(), O_CLOEXEC));
+    if (named)
+        ::unlink(name.constData());
+    return named;
+}
+
+ZELError takeSpace(const QString &folder, qint64 size, FileDescriptor &file)
+{
+    if (const ZELError error = requireSpace(folder, size))
+        return error;
+    file = openNameless(folder);
+    int number = file ? 0 : errno;
+    // What is mapped but has no space ends the process when it is touched.
+    while (file && (number = ::posix_fallocate(file.get(), 0, size)) == EINTR) { }
+    return number == 0 ? ZELError()
+                       : ZELError::fromErrno(QLatin1String("cannot make a file in ") + folder, number);
+}
+
+} // namespace
+
+qint64 quarterOfMemory()
+{
+    return qint64(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE) / 4;
+}
+
+LargeBuffer::LargeBuffer(LargeBuffer &&other) noexcept
+    : m_data(std::exchange(other.m_data, nullptr))
+    , m_size(std::exchange(other.m_size, 0))
+{
+}
+
+LargeBuffer &LargeBuffer::operator=(LargeBuffer &&other) noexcept
+{
+    std::swap(m_data, other.m_data);
+    std::swap(m_size, other.m_size);
+    return *this;
+}
+
+LargeBuffer::~LargeBuffer()
+{
+    if (m_data)
+        ::munmap(m_data, size_t(m_size));
+}
+
+ZELError LargeBuffer::reserve(qint64 size, qint64 memoryLimit, const QString &folder, LargeBuffer &result)
+{
+    result = {};
+    if (size == 0)
+        return {};
+    FileDescriptor file;
+    if (size > memoryLimit) {
+        if (const ZELError error = takeSpace(folder, size, file))
+            return error;
+    }
+    const int kind = file ? MAP_SHARED : MAP_PRIVATE | MAP_ANONYMOUS;
+    void *const data = ::mmap(nullptr, size_t(size), PROT_READ | PROT_WRITE, kind, file.get(), 0);
+    if (data == MAP_FAILED)
+        return ZELError::fromErrno(QStringLiteral("cannot reserve %1 bytes").arg(size), errno);
+    if (!file)
+        adviseLargePages(data, size_t(size));
+    result.m_data = static_cast<char *>(data);
+    result.m_size = size;
+    return {};
+}
+
+} // namespace zel
