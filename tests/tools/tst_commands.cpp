@@ -206,6 +206,8 @@ private slots:
             "the build '0.24.2': .* a whole number above 0, such as");
         row("release|{}/100/My App.app|{}/r0|--arch|x86_64", 2, "^$", "--arch takes x86 .*, arm or all");
         row("serve|{}/none", 1, "^$", "is not a folder");
+        row("serve|{}|--host|192.0.2.1", 1, "^$",
+            "cannot listen on 192.0.2.1 port 8080: Cannot assign.*; choose");
         row("serve|{}|--port|99999", 2, "^$", "--port takes a whole number from 0 to 65535");
     }
 

@@ -7,6 +7,9 @@
 #include <QJsonObject>
 #include <QUrl>
 
+#include <cerrno>
+#include <cstring>
+
 using namespace zel;
 
 namespace {
@@ -47,6 +50,13 @@ int runRelease(const Arguments &arguments)
                           json);
 }
 
+// A name that is not found leaves a number that has nothing to do with it.
+QString whyNotBound(int number)
+{
+    const bool isReason = number == EADDRINUSE || number == EADDRNOTAVAIL || number == EACCES;
+    return isReason ? QLatin1String(": ") + QString::fromLocal8Bit(std::strerror(number)) : QString();
+}
+
 int runServe(const Arguments &arguments)
 {
     const QString folder = arguments.positional(0);
@@ -58,12 +68,14 @@ int runServe(const Arguments &arguments)
         return WrongUsage;
     UpdateServer server(QFileInfo(folder).absoluteFilePath(),
                         [&arguments](const QString &line) { arguments.say(line); });
+    errno = 0;
     const int bound = server.bind(host, int(*port));
     if (bound < 0)
         return arguments.failed(
-            QStringLiteral("cannot listen on %1 port %2: choose others with --host and --port")
+            QStringLiteral("cannot listen on %1 port %2%3; choose others with --host and --port")
                 .arg(host)
-                .arg(*port));
+                .arg(*port)
+                .arg(whyNotBound(errno)));
     QUrl address;
     address.setScheme(QStringLiteral("http"));
     address.setHost(host);
