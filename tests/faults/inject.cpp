@@ -80,13 +80,26 @@ void setRegisters(pid_t thread, Registers &registers)
     ::ptrace(PTRACE_SETREGS, thread, nullptr, &registers);
 }
 
-std::string programOf(pid_t thread)
+/// Where a link that the system keeps for a thread leads.
+std::string linkOf(pid_t thread, const std::string &name)
 {
     std::array<char, PATH_MAX> target{};
-    const std::string link = "/proc/" + std::to_string(thread) + "/exe";
+    const std::string link = "/proc/" + std::to_string(thread) + '/' + name;
     const ssize_t length = ::readlink(link.c_str(), target.data(), target.size());
-    const std::string path(target.data(), length < 0 ? 0 : size_t(length));
+    return {target.data(), length < 0 ? 0 : size_t(length)};
+}
+
+std::string programOf(pid_t thread)
+{
+    const std::string path = linkOf(thread, "exe");
     return path.substr(path.rfind('/') + 1);
+}
+
+/// Whether a call only wakes a thread or is woken: memory, which no fault of the machine reaches.
+bool isWakeUp(pid_t thread, const CallFaults &call, unsigned long long descriptor)
+{
+    return (call.call == "read" || call.call == "write")
+        && linkOf(thread, "fd/" + std::to_string(descriptor)).starts_with("anon_inode:");
 }
 
 /// The address of the program's own first instruction.
@@ -226,17 +239,17 @@ private:
         __ptrace_syscall_info info{};
         ::ptrace(PTRACE_GET_SYSCALL_INFO, id, sizeof info, &info);
         if (info.op == PTRACE_SYSCALL_INFO_ENTRY)
-            beforeCall(id, thread, long(info.entry.nr));
+            beforeCall(id, thread, long(info.entry.nr), info.entry.args[0]);
         else if (info.op == PTRACE_SYSCALL_INFO_EXIT)
             afterCall(id, thread);
         goOn(id, thread);
     }
 
-    void beforeCall(pid_t id, Thread &thread, long number)
+    void beforeCall(pid_t id, Thread &thread, long number, unsigned long long firstArgument)
     {
         thread.pending = {};
         const CallFaults *const call = findCall(number);
-        if (!call)
+        if (!call || isWakeUp(id, *call, firstArgument))
             return;
         const long count = ++m_counts[{thread.program, std::string(call->call)}];
         for (Fault &fault : m_faults) {
