@@ -16,6 +16,7 @@
 #include <QJsonDocument>
 #include <QUrl>
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
@@ -142,12 +143,24 @@ public:
         ZELError error = moveFiles();
         if (!error)
             error = appendRecord(feed);
-        for (const QString &name : error ? m_moved : QStringList())
-            QFile::remove(place(name));
+        if (error && !mayBeNamed()) {
+            for (const QString &name : std::as_const(m_moved))
+                QFile::remove(place(name));
+        }
         return error;
     }
 
 private:
+    // A feed may be in place although it could not be flushed; one that cannot be read may name anything.
+    bool mayBeNamed() const
+    {
+        QJsonArray records;
+        if (ReleaseFolder(m_folder).read(records))
+            return true;
+        return std::any_of(records.constBegin(), records.constEnd(),
+                           [this](const QJsonValue &record) { return buildOf(record) == m_build.number; });
+    }
+
     ZELError compareWithLast(const QJsonArray &records)
     {
         QJsonValue last;
