@@ -20,8 +20,8 @@ constexpr HostilePatch Patches[] = {
     {"blanks", R"(head -c 1G /dev/zero | tr '\0' ' ')"},
     {"200,000 files",
      R"(seq 199999 | sed 's/.*/{"actions":["add"],"path":"f&","position":0,"length":1},/'; printf 0)"},
-    {"a million folders", R"(deep=$(printf '/a%.0s' {1..499})
-        seq 1999 | sed "s#.*#{\"actions\":[\"adddirectory\"],\"path\":\"&$deep\"},#"; printf 0)"},
+    {"half a million folders", R"(deep=$(printf '/a%.0s' {1..124})
+        seq 3999 | sed "s#.*#{\"actions\":[\"adddirectory\"],\"path\":\"&$deep\"},#"; printf 0)"},
     {"a path of 32,000 names", R"(deep=$(printf 'a/%.0s' {1..32000})
         printf '{"actions":["delete"],"path":"%s"}' "$deep")"},
     {"paths through a long link", R"(target=$(printf 'a/../%.0s' {1..800})

@@ -37,7 +37,7 @@ struct PatchFile {
     static constexpr qsizetype HeaderSize = 32;
     static constexpr qint64 ManifestLimit = qint64(16) << 20; ///< bytes of the manifest, decompressed
     static constexpr qint64 CommandLimit = 200'000;
-    static constexpr qint64 NameLimit = 1'000'000; ///< names in all paths of the commands
+    static constexpr qint64 NameLimit = 500'000; ///< names in all paths of the commands
     static constexpr qint64 PayloadLimit = qint64(4) << 30; ///< bytes of the payload, decompressed
 
     /// What reading depends on besides the file.
