@@ -1,5 +1,6 @@
 #include "PatchFile.h"
 
+#include "BoundedJson.h"
 #include "FileTree.h"
 #include "IntegerValue.h"
 #include "PayloadBlocks.h"
@@ -46,23 +47,6 @@ qint64 manifestLength(QByteArrayView header)
     return decoder.hasError() ? 0 : integerValue(text);
 }
 
-// No fewer than the parser makes of a text, be it JSON or not: each value begins behind one of these marks.
-qint64 mostValues(QByteArrayView json)
-{
-    qint64 count = 1;
-    bool inText = false;
-    for (qsizetype i = 0; i < json.size(); ++i) {
-        const char c = json[i];
-        if (c == '"')
-            inText = !inText;
-        else if (inText)
-            i += c == '\\';
-        else
-            count += c == ',' || c == '[' || c == '{';
-    }
-    return count;
-}
-
 ZELError judgeCount(qint64 count)
 {
     return count <= PatchFile::CommandLimit
@@ -84,10 +68,11 @@ ZELError judgeNames(const std::vector<PatchCommand> &commands)
 
 ZELError readCommands(const QByteArray &manifest, std::vector<PatchCommand> &commands)
 {
-    // A command has eight at most. The parser takes up to 155 bytes for a value of three.
-    if (mostValues(manifest) > 8 * PatchFile::CommandLimit)
-        return ZELError::withMessage(QStringLiteral("its manifest has too many values"));
-    const QJsonArray values = QJsonDocument::fromJson(manifest).object()[QLatin1String("commands")].toArray();
+    QJsonDocument document;
+    if (const ZELError error =
+            parseJson(manifest, 8 * PatchFile::CommandLimit, document)) // a command has eight at most
+        return error;
+    const QJsonArray values = document.object()[QLatin1String("commands")].toArray();
     if (const ZELError error = judgeCount(values.size()))
         return error;
     commands.reserve(size_t(values.size()));

@@ -1,5 +1,6 @@
 #include "UpdateDecision.h"
 
+#include "BoundedJson.h"
 #include "DDLog.h"
 #include "IntegerValue.h"
 #include "UpdateStatus.h"
@@ -14,33 +15,17 @@ namespace {
 
 constexpr qsizetype MostRecords = 10'000;
 
-// A parsed value takes up to a hundred times its text. Records as long as the protocol makes them have fewer values in
-// 4 MiB.
-constexpr qsizetype MostValues = 300'000;
-
-// How many values and names a text holds at most, if it is JSON. Looked at before anything is made of them.
-qsizetype mostValues(QByteArrayView json)
-{
-    qsizetype count = 0;
-    bool inText = false;
-    for (qsizetype i = 0; i < json.size(); ++i) {
-        const char c = json[i];
-        if (c == '"')
-            inText = !inText;
-        else if (inText)
-            i += c == '\\' ? 1 : 0;
-        else
-            count += c == ',' || c == ':' || c == '[' || c == '{';
-    }
-    return count;
-}
+// Records as long as the protocol makes them have fewer in 4 MiB.
+constexpr qsizetype MostValues = 200'000;
 
 // The records of a reply; nothing when it is none.
 std::optional<QJsonArray> recordsIn(const QByteArray &body)
 {
-    if (mostValues(body) > MostValues)
+    QJsonDocument reply;
+    if (const ZELError error = parseJson(body, MostValues, reply)) {
+        systemLog(QLatin1String("the reply of the check is not read: ") + error.message);
         return std::nullopt;
-    const QJsonDocument reply = QJsonDocument::fromJson(body);
+    }
     if (!reply.isArray() || reply.array().size() > MostRecords)
         return std::nullopt;
     return reply.array();

@@ -26,8 +26,8 @@ struct Decision {
 /// starts from `installedBuild`, the build of the bundle that would be patched (nothing when there is no bundle). A
 /// record with "patchonly" and no such patch is dropped, and no other takes its place.
 ///
-/// A body that is no JSON array gives status 0, and so does one of more than 10,000 records or, in all of them, 300,000
-/// names and values; an array without a suitable record gives 2.
+/// A body that is no JSON array gives status 0, and so does one of more than 10,000 records or, in all of them, 200,000
+/// values; an array without a suitable record gives 2.
 Decision decideUpdate(const QByteArray &body, const QVariantMap &config, std::optional<qint64> installedBuild,
                       const MachineFacts &facts);
 

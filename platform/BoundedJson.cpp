@@ -1,0 +1,50 @@
+#include "BoundedJson.h"
+
+#include <cstdlib>
+
+namespace zel {
+
+namespace {
+
+// What a value takes at most while it is parsed, measured with lists and objects of one value each.
+constexpr qint64 BytesPerValue = 256;
+
+// No fewer than the parser makes of a text, be it JSON or not: each value begins behind one of these marks.
+qint64 valuesIn(QByteArrayView json)
+{
+    qint64 count = 1;
+    bool inText = false;
+    for (qsizetype i = 0; i < json.size(); ++i) {
+        const char c = json[i];
+        if (c == '"')
+            inText = !inText;
+        else if (inText)
+            i += c == '\\';
+        else
+            count += c == ',' || c == '[' || c == '{';
+    }
+    return count;
+}
+
+bool isMemoryFor(qint64 bytes)
+{
+    void *const block = std::malloc(size_t(bytes));
+    const bool there = block != nullptr;
+    std::free(block);
+    return there;
+}
+
+} // namespace
+
+ZELError parseJson(const QByteArray &json, qint64 mostValues, QJsonDocument &document)
+{
+    const qint64 values = valuesIn(json);
+    if (values > mostValues)
+        return ZELError::withMessage(QStringLiteral("it has too many values"));
+    if (!isMemoryFor(values * BytesPerValue + 2 * json.size()))
+        return ZELError::withMessage(QStringLiteral("there is no memory for its %1 values").arg(values));
+    document = QJsonDocument::fromJson(json);
+    return {};
+}
+
+} // namespace zel
