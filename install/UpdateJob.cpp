@@ -49,9 +49,11 @@ QString keepDownload(const QString &location, const QString &folder, const QUrl 
 } // namespace
 
 struct UpdateJob::Download {
-    std::shared_ptr<StagingFolder> folder; // null when there was no place for it
-    QString payload;
-    ZELError error; // of the transfer
+    enum Arrival { Failed, Wrong, Sound };
+
+    Arrival arrival;
+    std::shared_ptr<StagingFolder> folder = {}; // of a sound one
+    QString payload = {};
 };
 
 struct UpdateJob::Ending {
@@ -113,14 +115,8 @@ UpdateJob::Ending UpdateJob::updateByPatch()
     const QVariantMap entry = m_inputs.offer[Patch].toMap();
     DDLogInfo(QStringLiteral("Downloading patch"));
     const Download file = download(entry);
-    if (file.error)
-        return {Ending::TransferFailed};
-    if (const ZELError error = checkPayload(file.payload, entry, m_inputs.signers.has_value())) {
-        DDLogInfo(QStringLiteral("MD5 Error"));
-        systemLog(error.message);
-        file.folder->remove();
-        return fallBack();
-    }
+    if (file.arrival != Download::Sound)
+        return file.arrival == Download::Wrong ? fallBack() : Ending{Ending::TransferFailed};
     DDLogInfo(QStringLiteral("verifying patch"));
     tell(m_hooks.preparing);
     QVariantList log;
@@ -149,14 +145,8 @@ UpdateJob::Ending UpdateJob::updateByArchive()
 {
     DDLogInfo(QStringLiteral("Downloading full update"));
     const Download file = download(record());
-    if (file.error)
-        return {Ending::TransferFailed};
-    if (const ZELError error = checkPayload(file.payload, record(), m_inputs.signers.has_value())) {
-        DDLogInfo(QStringLiteral("MD5 Error"));
-        systemLog(error.message);
-        file.folder->remove();
-        return {Ending::Failed};
-    }
+    if (file.arrival != Download::Sound)
+        return {file.arrival == Download::Wrong ? Ending::Failed : Ending::TransferFailed};
     const UnpackedBundle unpacked = unpackUpdate(file.payload, file.folder->path(), buildInputs());
     if (!unpacked.path.isNull())
         return {Ending::Succeeded, unpacked.path, file.folder};
@@ -169,20 +159,26 @@ UpdateJob::Ending UpdateJob::updateByArchive()
 UpdateJob::Download UpdateJob::download(const QVariantMap &entry)
 {
     DDLogInfo(jsonText(entry));
-    Download result;
-    result.error = StagingFolder::make(m_inputs.stagingRoot, result.folder);
-    if (!result.error)
-        result.error = transfer(entry, result.folder->path(), result.payload);
-    if (!result.error) {
+    Download result{Download::Failed};
+    ZELError error = StagingFolder::make(m_inputs.stagingRoot, result.folder);
+    if (!error)
+        error = transfer(entry, result.folder->path(), result.payload);
+    // More than was announced is no better than other bytes than were announced.
+    result.arrival = error.code == URLErrorCode::TooLong ? Download::Wrong : Download::Failed;
+    if (!error) {
         tell(m_hooks.staged, result.folder->path());
-        return result;
+        error = checkPayload(result.payload, entry, m_inputs.signers.has_value());
+        result.arrival = error ? Download::Wrong : Download::Sound;
     }
+    if (!error)
+        return result;
     if (result.folder)
         result.folder->remove();
-    if (isCancelled())
-        return result;
-    DDLogInfo(QStringLiteral("Error downloading file"));
-    systemLog(result.error.message);
+    if (!isCancelled()) {
+        DDLogInfo(result.arrival == Download::Wrong ? QStringLiteral("MD5 Error")
+                                                    : QStringLiteral("Error downloading file"));
+        systemLog(error.message);
+    }
     return result;
 }
 

@@ -1,6 +1,7 @@
 #include "BodySinks.h"
 
 #include "DiskSpace.h"
+#include "URLSession.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -13,8 +14,10 @@ constexpr qint64 GrantSize = 1024 * 1024;
 
 ZELError tooLong(qint64 limit)
 {
-    return ZELError::withMessage(
-        QStringLiteral("the answer is longer than the limit of %1 bytes").arg(limit));
+    ZELError error =
+        ZELError::withMessage(QStringLiteral("the answer is longer than the limit of %1 bytes").arg(limit));
+    error.code = URLErrorCode::TooLong;
+    return error;
 }
 
 } // namespace
@@ -45,6 +48,7 @@ ZELError MemorySink::write(QByteArrayView bytes)
 FileSink::FileSink(const QString &folder, qint64 limit)
     : m_folder(QDir::cleanPath(folder))
     , m_file(m_folder + QStringLiteral("/XXXXXX.download"))
+    , m_limit(limit)
     , m_left(limit)
 {
 }
@@ -61,15 +65,13 @@ ZELError FileSink::open()
 
 ZELError FileSink::expect(qint64 size)
 {
-    if (size > m_left)
-        return tooLong(m_left);
-    return allow(size);
+    return size > m_limit ? tooLong(m_limit) : allow(size);
 }
 
 ZELError FileSink::write(QByteArrayView bytes)
 {
     if (bytes.size() > m_left)
-        return failure(QStringLiteral("more bytes come than were to be expected"));
+        return tooLong(m_limit);
     if (bytes.size() > m_granted)
         if (const ZELError error = allow(qMax(bytes.size(), qMin(m_left, GrantSize))))
             return error;

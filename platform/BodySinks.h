@@ -74,6 +74,7 @@ private:
 
     const QString m_folder;
     File m_file;
+    const qint64 m_limit;
     qint64 m_left; // of the limit
     qint64 m_granted = 0; // bytes that may be written before the file system is looked at again
 };

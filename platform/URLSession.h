@@ -20,6 +20,7 @@ namespace zel {
 namespace URLErrorCode {
 constexpr qint64 Cancelled = -999;
 constexpr qint64 TimedOut = -1001;
+constexpr qint64 TooLong = -1103; ///< more than `URLRequest::bodyLimit`
 } // namespace URLErrorCode
 
 /// The least that must move in every span of time, one after the other.

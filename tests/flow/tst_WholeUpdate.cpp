@@ -226,6 +226,10 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(m_events, flow.events, 30'000);
         QCOMPARE(m_pages.join(u' '), flow.pages.join(u' '));
         QTRY_COMPARE(requests().join(u'\n'), flow.requests.join(u'\n'));
+        for (const TestServer::Request &request : m_server->requests())
+            QVERIFY2(!request.body.contains(QFile::encodeName(m_home.path()))
+                         && !request.body.contains(QFile::encodeName(m_tree.path())),
+                     request.body.constData());
         flow.staged.sort();
         QTRY_COMPARE(staged().join(u' '), flow.staged.join(u' '));
     }
@@ -347,12 +351,12 @@ private:
     /// The new build, sealed as it is, below a folder, and a link to it in the bundle's place.
     QByteArray archiveWithLink() const
     {
-        std::vector<ZipItem> items{ZipMaker::link("Example.app", "d/e/Example.app")};
+        std::vector<ZipItem> items{ZipMaker::link("Example.app", "d/e/real")};
         const QDir bundle(m_tree.path("101/Example.app"));
         QDirIterator files(bundle.path(), QDir::Files, QDirIterator::Subdirectories);
         while (files.hasNext()) {
             const QString path = files.next();
-            items.push_back({.name = "d/e/Example.app/" + bundle.relativeFilePath(path).toUtf8(),
+            items.push_back({.name = "d/e/real/" + bundle.relativeFilePath(path).toUtf8(),
                              .data = TemporaryTree::contents(path),
                              .mode = uint32_t(S_IFREG | TemporaryTree::mode(path))});
         }

@@ -27,6 +27,7 @@ struct Flow {
     QList<Answer> full = {};
     QString patchHash = {}; // null: the key is left out
     QString fullHash = {};
+    std::optional<qint64> patchSize = {};
     QVariantMap record = {}; // more keys of the update record
     QString installed = "installed/Example.app";
     SignerPins signers = {};
@@ -155,6 +156,10 @@ private slots:
             flow.patchHash = flow.fullHash;
             flow.logged = patchStart + stored + QStringList("MD5 Error") + fallBack;
         });
+        row("a patch that is longer than announced", fallsBack, [&](Flow &flow) {
+            flow.patchSize = m_patch.size() - 1;
+            flow.logged = patchStart + QStringList("MD5 Error") + fallBack;
+        });
         row("a patch without a hash, even an empty one", fallsBack, [&](Flow &flow) {
             flow.patch = {{.body = ""}};
             flow.patchHash = QString();
@@ -263,8 +268,6 @@ private slots:
             row(name, badArchive, [&, key = key, value = value](Flow &flow) {
                 flow.status = 0;
                 flow.record[key] = value;
-                // One byte too many ends the transfer itself, which is reported where it ends.
-                flow.onMainQueue = value != QVariant(m_zip.size() - 1);
             });
         }
         for (const char *name : {"/Example.app", "/Old-100.app"}) {
@@ -315,6 +318,8 @@ private slots:
                           {"file", server.url("/p%201").toString(QUrl::FullyEncoded)}};
         if (!flow.patchHash.isNull())
             entry["hash"] = flow.patchHash;
+        if (flow.patchSize)
+            entry["size"] = *flow.patchSize;
         QVariantMap record{
             {"build", 101}, {"file", server.url("/full.zip").toString()}, {"hash", flow.fullHash}};
         record.insert(flow.record);
