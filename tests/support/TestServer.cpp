@@ -26,12 +26,19 @@ private:
     std::function<void(qintptr)> m_accept;
 };
 
+// Once the peer is gone, the socket is closed by whatever waits on it, and warns of each later write.
+void write(QTcpSocket &socket, const QByteArray &bytes)
+{
+    if (socket.state() == QAbstractSocket::ConnectedState)
+        socket.write(bytes);
+}
+
 bool flush(QTcpSocket &socket)
 {
     while (socket.bytesToWrite() > 0)
         if (!socket.waitForBytesWritten(-1))
             return false;
-    return true;
+    return socket.state() == QAbstractSocket::ConnectedState;
 }
 
 QByteArray reason(int status)
@@ -213,10 +220,10 @@ void TestServer::send(QTcpSocket &socket, const Answer &answer)
     pause(answer.drip);
     if (answer.endless == Endless::Interim)
         repeat(socket, "HTTP/1.1 100 Continue\r\n\r\n");
-    socket.write(head(answer));
+    write(socket, head(answer));
     if (answer.endless == Endless::Head)
         repeat(socket, "X-Line: " + QByteArray(50, 'x') + "\r\n");
-    socket.write("\r\n");
+    write(socket, "\r\n");
     if (answer.endless == Endless::Body)
         repeat(socket, framed(answer.body, answer.framing));
     const qsizetype Piece = answer.drip.count() > 0 ? 1 : 64 * 1024;
@@ -232,15 +239,15 @@ void TestServer::send(QTcpSocket &socket, const Answer &answer)
             if (stop > at)
                 end = qMin(end, stop);
         pause(answer.drip);
-        socket.write(framed(QByteArrayView(answer.body).sliced(at, end - at), answer.framing));
+        write(socket, framed(QByteArrayView(answer.body).sliced(at, end - at), answer.framing));
         at = end;
     }
     if (answer.endless == Endless::Trailers) {
-        socket.write("0\r\n");
+        write(socket, "0\r\n");
         repeat(socket, "X-Line: " + QByteArray(50, 'x') + "\r\n");
     }
     if (answer.framing == Framing::Chunked)
-        socket.write("0\r\n\r\n");
+        write(socket, "0\r\n\r\n");
     flush(socket);
 }
 
@@ -255,7 +262,7 @@ void TestServer::repeat(QTcpSocket &socket, const QByteArray &text)
 {
     const QByteArray piece = text.repeated(1 + 16 * 1024 / text.size());
     while (flush(socket))
-        socket.write(piece);
+        write(socket, piece);
 }
 
 void TestServer::pause(std::chrono::milliseconds length)
