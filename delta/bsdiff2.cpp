@@ -2,9 +2,10 @@
 
 #include "deltainteger.h"
 #include "deltalayout.h"
+#include "makedelta.h"
 #include "owned.h"
 #include "readfile.h"
-#include "sais.h"
+#include "sais_main.h"
 #include "scan.h"
 
 #include <algorithm>
@@ -39,15 +40,25 @@ struct Work {
     Contents newFile;
     Block db;
     Block eb;
+    DeltaProgress progress = {};
+    Index total = 0; ///< bytes of both files, as known from the start
+
+    void report(Index done) const
+    {
+        if (progress)
+            progress(std::min(done, total), total);
+    }
 };
 
 /// Refuses before anything is allocated what could not be read or sorted.
-bool isAcceptable(const char *role, const char *path)
+bool isAcceptable(const char *role, const char *path, Index &total)
 {
     struct stat status;
     if (::stat(path, &status) == 0) {
-        if (!S_ISDIR(status.st_mode) && status.st_size <= largestFile)
+        if (!S_ISDIR(status.st_mode) && status.st_size <= largestFile) {
+            total += status.st_size;
             return true;
+        }
         errno = S_ISDIR(status.st_mode) ? EISDIR : EFBIG;
     }
     warn("%s file error: %s", role, path);
@@ -65,12 +76,14 @@ bool readContents(const char *role, const char *path, Contents &contents)
     return false;
 }
 
-bool sortSuffixes(const Contents &old, Entries &I)
+bool sortOld(Work &work)
 {
-    I = allocateEntries(old.size + 1);
-    if (I) {
-        I[0] = old.size;
-        if (sais(old.bytes.get(), I.get() + 1, static_cast<int>(old.size)) == 0)
+    const Contents &old = work.old;
+    work.I = allocateEntries(old.size + 1);
+    if (work.I) {
+        work.I[0] = old.size;
+        const auto progress = [&](int percent) { work.report(old.size * percent / 100); };
+        if (sortSuffixes(old.bytes.get(), work.I.get() + 1, static_cast<int>(old.size), progress) == 0)
             return true;
         errno = ENOMEM; // nothing else fails there
     }
@@ -80,9 +93,9 @@ bool sortSuffixes(const Contents &old, Entries &I)
 
 bool prepare(const char *oldPath, const char *newPath, Work &work)
 {
-    if (!isAcceptable("old", oldPath) || !isAcceptable("new", newPath))
+    if (!isAcceptable("old", oldPath, work.total) || !isAcceptable("new", newPath, work.total))
         return false;
-    if (!readContents("old", oldPath, work.old) || !sortSuffixes(work.old, work.I)
+    if (!readContents("old", oldPath, work.old) || !sortOld(work)
         || !readContents("new", newPath, work.newFile))
         return false;
     work.db.bytes = allocateBytes(work.newFile.size);
@@ -141,7 +154,8 @@ public:
 
     bool writeSteps(Work &work) const
     {
-        Scan scan(work.old.span(), work.I.get(), work.newFile.span());
+        Scan scan(work.old.span(), work.I.get(), work.newFile.span(), {},
+                  [&](Index scanned) { work.report(work.old.size + scanned); });
         while (const std::optional<Step> step = scan.next()) {
             appendDifference(work.db, work, *step);
             appendExtra(work.eb, work, *step);
@@ -284,13 +298,13 @@ std::optional<std::vector<std::byte>> copyDelta(const MemorySink &sink, const De
 }
 
 } // namespace
-} // namespace zel
 
-std::optional<std::vector<std::byte>> bsdiff2(const std::filesystem::path &oldPath,
-                                              const std::filesystem::path &newPath)
+std::optional<std::vector<std::byte>> makeDelta(const std::filesystem::path &oldPath,
+                                                const std::filesystem::path &newPath,
+                                                const DeltaProgress &progress)
 {
-    using namespace zel;
     Work work;
+    work.progress = progress;
     if (!prepare(oldPath.c_str(), newPath.c_str(), work))
         return std::nullopt;
     MemorySink sink;
@@ -304,6 +318,14 @@ std::optional<std::vector<std::byte>> bsdiff2(const std::filesystem::path &oldPa
     // The final header goes into the copy: a rewound memory stream would be cut off behind it when it is
     // closed.
     return copyDelta(sink, writer.header());
+}
+
+} // namespace zel
+
+std::optional<std::vector<std::byte>> bsdiff2(const std::filesystem::path &oldPath,
+                                              const std::filesystem::path &newPath)
+{
+    return zel::makeDelta(oldPath, newPath, {});
 }
 
 int bsdiff(int argc, char *argv[])

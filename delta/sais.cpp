@@ -39,6 +39,8 @@ constexpr Index mostSymbolsCountedApart = 256;
 constexpr Index mostSymbolsBoundedApart = 1024;
 constexpr Index longestTextOfSecondSort = (Index(1) << 30) - 1;
 
+using Progress = std::function<void(int percent)>;
+
 enum class Bound { Start, End };
 
 template <typename Symbol> struct Text {
@@ -236,7 +238,8 @@ Index unmarked(Index j, Index n)
 /// Counts names while it sorts: an entry with n added is the first of its kind that the pass meets. D has a
 /// place for each symbol and type of the position before, as entries that wait for the other pass have runs
 /// of their own.
-template <typename Chr> void LMSsort2(Chr chr, Entry *SA, Entry *C, Entry *B, Entry *D, Index n, Index k)
+template <typename Chr, typename Between>
+void LMSsort2(Chr chr, Entry *SA, Entry *C, Entry *B, Entry *D, Index n, Index k, Between between)
 {
     ZEL_ASSERT(C != B);
     Index d = 0;
@@ -273,6 +276,7 @@ template <typename Chr> void LMSsort2(Chr chr, Entry *SA, Entry *C, Entry *B, En
     }
     turnMarks(SA, n);
 
+    between();
     getBuckets(C, B, k, Bound::End);
     Place ends(SA, B);
     for (Index i = n - 1; i >= 0; --i) {
@@ -310,7 +314,8 @@ Index LMSpostproc2(Entry *SA, Index n, Index m)
     return names;
 }
 
-template <typename Chr> void induceSA(Chr chr, Entry *SA, Entry *C, Entry *B, Index n, Index k)
+template <typename Chr, typename Between>
+void induceSA(Chr chr, Entry *SA, Entry *C, Entry *B, Index n, Index k, Between between)
 {
     renewBuckets(chr, C, B, n, k, Bound::Start);
     Place starts(SA, B);
@@ -330,6 +335,7 @@ template <typename Chr> void induceSA(Chr chr, Entry *SA, Entry *C, Entry *B, In
         }
     }
 
+    between();
     renewBuckets(chr, C, B, n, k, Bound::End);
     Place ends(SA, B);
     for (Index i = n - 1; i >= 0; --i) {
@@ -395,16 +401,21 @@ template <typename Chr> Index computeBWT(Chr chr, Entry *SA, Entry *C, Entry *B,
     return primary;
 }
 
+template <typename Symbol>
+Index sortLevel(const Symbol *T, Entry *SA, Index fs, Index n, Index k, bool isbwt,
+                const Progress &progress = {});
+
 /// The steps of `sais_main` on one kind of text.
 template <typename Chr> class Level
 {
 public:
-    Level(Chr text, Entry *entries, Index freeSpace, Index length, Index alphabet)
+    Level(Chr text, Entry *entries, Index freeSpace, Index length, Index alphabet, const Progress &progress)
         : chr(text)
         , SA(entries)
         , fs(freeSpace)
         , n(length)
         , k(alphabet)
+        , reached(progress)
     {
     }
 
@@ -417,16 +428,27 @@ public:
         getBuckets(C, B, k, Bound::End);
         std::fill_n(SA, n, 0);
         seed();
+        reach(5);
         if (m > 1 && (!sortSubstrings() || (name < m && !recurse())))
             return -2;
+        reach(65);
         bucketLMS();
+        reach(70);
         if (isbwt)
             return computeBWT(chr, SA, C, B, n, k);
-        induceSA(chr, SA, C, B, n, k);
+        induceSA(chr, SA, C, B, n, k, [this] { reach(85); });
+        reach(100);
         return 0;
     }
 
 private:
+    /// The shares are those that program files take, roughly.
+    void reach(int percent) const
+    {
+        if (reached)
+            reached(percent);
+    }
+
     static constexpr const char *function = "sais_main"; // what assertions of these steps name
 
     bool placeBuckets()
@@ -509,7 +531,8 @@ private:
             return false;
         std::fill_n(D, 2 * k, 0);
         markFirstSeeds();
-        LMSsort2(chr, SA, C, B, D, n, k);
+        LMSsort2(chr, SA, C, B, D, n, k, [this] { reach(15); });
+        reach(25);
         name = LMSpostproc2(SA, n, m);
         return true;
     }
@@ -547,7 +570,8 @@ private:
             if (SA[i] != 0)
                 RA[j--] = SA[i] - 1;
         }
-        if (sais_main(RA, SA, newfs, m, name, false) != 0)
+        const auto reachBelow = [this](int percent) { reach(25 + 40 * percent / 100); };
+        if (sortLevel(RA, SA, newfs, m, name, false, reachBelow) != 0)
             return false;
 
         Index j = m;
@@ -577,6 +601,7 @@ private:
     Index fs;
     Index n;
     Index k;
+    const Progress &reached;
     unsigned flags = NoFlag;
     Entry *C = nullptr;
     Entry *B = nullptr;
@@ -623,7 +648,16 @@ void widen(Index *SA, Index n)
     }
 }
 
-template <typename Symbol> Index sortText(const Symbol *T, Index *SA, int n, int k)
+template <typename Symbol>
+Index sortLevel(const Symbol *T, Entry *SA, Index fs, Index n, Index k, bool isbwt, const Progress &progress)
+{
+    ZEL_ASSERT_IN("sais_main", (T != NULL) && (SA != NULL)); // NOLINT(modernize-use-nullptr): it is printed
+    ZEL_ASSERT_IN("sais_main", (0 <= fs) && (0 < n) && (1 <= k));
+    return Level(Text<Symbol>{T}, SA, fs, n, k, progress).run(isbwt);
+}
+
+template <typename Symbol>
+Index sortText(const Symbol *T, Index *SA, int n, int k, const Progress &progress = {})
 {
     if (n < 0 || !T || !SA)
         return -1;
@@ -631,7 +665,7 @@ template <typename Symbol> Index sortText(const Symbol *T, Index *SA, int n, int
         std::fill_n(SA, n, 0);
         return 0;
     }
-    const Index result = sais_main(asBytes(T), narrowEntries(SA), n, n, k, false);
+    const Index result = sortLevel(asBytes(T), narrowEntries(SA), n, n, k, false, progress);
     if (result == 0)
         widen(SA, n);
     return result;
@@ -649,13 +683,6 @@ template <typename Symbol> Index transformText(const Symbol *T, Symbol *U, Index
     return finishTransform(T, U, narrowEntries(A), n, primary);
 }
 
-template <typename Symbol> Index sortLevel(const Symbol *T, Entry *SA, Index fs, Index n, Index k, bool isbwt)
-{
-    ZEL_ASSERT_IN("sais_main", (T != NULL) && (SA != NULL)); // NOLINT(modernize-use-nullptr): it is printed
-    ZEL_ASSERT_IN("sais_main", (0 <= fs) && (0 < n) && (1 <= k));
-    return Level(Text<Symbol>{T}, SA, fs, n, k).run(isbwt);
-}
-
 constexpr int byteAlphabet = 256;
 
 } // namespace
@@ -670,6 +697,11 @@ std::int64_t sais_main(const std::int32_t *T, std::int32_t *SA, std::int64_t fs,
                        std::int64_t k, bool isbwt)
 {
     return sortLevel(T, SA, fs, n, k, isbwt);
+}
+
+std::int64_t sortSuffixes(const unsigned char *T, std::int64_t *SA, int n, const Progress &progress)
+{
+    return sortText(T, SA, n, byteAlphabet, progress);
 }
 
 } // namespace zel

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 namespace zel {
 
@@ -14,5 +15,10 @@ std::int64_t sais_main(const unsigned char *T, std::int32_t *SA, std::int64_t fs
 /// As above, for a text of integers: the names of the level above.
 std::int64_t sais_main(const std::int32_t *T, std::int32_t *SA, std::int64_t fs, std::int64_t n,
                        std::int64_t k, bool isbwt);
+
+/// As `sais`. `progress` may be empty; it hears, within the call, how many hundredths of the work are done: some
+/// numbers that never fall.
+std::int64_t sortSuffixes(const unsigned char *T, std::int64_t *SA, int n,
+                          const std::function<void(int percent)> &progress);
 
 } // namespace zel

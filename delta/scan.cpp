@@ -3,14 +3,19 @@
 #include "extension.h"
 
 #include <algorithm>
+#include <limits>
+#include <utility>
 
 namespace zel {
 
 using Index = std::int64_t;
 
 Scan::Scan(std::span<const unsigned char> oldBytes, const Index *I, std::span<const unsigned char> newBytes,
-           const ShortCuts &shortCuts)
+           const ShortCuts &shortCuts, std::function<void(Index)> progress)
     : m_oldSize(static_cast<Index>(oldBytes.size()))
+    , m_progress(std::move(progress))
+    , m_reportStep(static_cast<Index>(newBytes.size()) / 100 + 1)
+    , m_nextReport(m_progress ? m_reportStep : std::numeric_limits<Index>::max())
     , m_search(oldBytes, I, newBytes, shortCuts)
     , m_repeats(oldBytes, newBytes, shortCuts)
     , m_extension(oldBytes, newBytes, m_repeats)
@@ -30,8 +35,16 @@ std::optional<Step> Scan::next()
 
 Match Scan::find(Index scan)
 {
+    if (scan >= m_nextReport)
+        report(scan);
     const std::optional<Match> known = m_ahead.at(scan);
     return known ? *known : m_search.search(scan, m_repeats);
+}
+
+void Scan::report(Index scan)
+{
+    m_nextReport = scan + m_reportStep;
+    m_progress(scan);
 }
 
 /// Splits the bytes between the last match and the new one: those that go on from the last, those that lead up

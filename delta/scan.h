@@ -6,6 +6,8 @@
 #include "searchahead.h"
 #include "walk.h"
 
+#include <functional>
+
 namespace zel {
 
 /// One control triple with the positions that its bytes come from.
@@ -21,20 +23,26 @@ struct Step {
 
 /// Walks through the new file and yields the steps that build it. The bytes and I (old size + 1 entries, the
 /// sorted suffixes with the empty one first) belong to the caller and outlive the scan.
+/// `progress` may be empty; it hears how many new bytes are searched, now and then, within `next`.
 class Scan
 {
 public:
     Scan(std::span<const unsigned char> oldBytes, const std::int64_t *I,
-         std::span<const unsigned char> newBytes, const ShortCuts &shortCuts = {});
+         std::span<const unsigned char> newBytes, const ShortCuts &shortCuts = {},
+         std::function<void(std::int64_t scanned)> progress = {});
 
     /// Nothing once the new file is covered.
     std::optional<Step> next();
 
 private:
     Match find(std::int64_t scan);
+    void report(std::int64_t scan);
     Step takeStep();
 
     const std::int64_t m_oldSize;
+    const std::function<void(std::int64_t)> m_progress;
+    const std::int64_t m_reportStep;
+    std::int64_t m_nextReport;
     SuffixSearch m_search;
     Repeats m_repeats;
     Extension m_extension;

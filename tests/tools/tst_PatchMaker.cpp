@@ -165,6 +165,31 @@ private slots:
         QCOMPARE(file.payload.size(), 32 + 24 + fresh.size()); // header, one triple, new bytes
     }
 
+    // A large file's share of the work shows while its old one is sorted and while it is searched.
+    void progressMovesWithinAFile()
+    {
+        const TemporaryTree tree;
+        QRandomGenerator random(1);
+        for (const char *place : {"old.app/a", "new.app/a"}) {
+            QByteArray noise(1 << 18, Qt::Uninitialized);
+            random.fillRange(reinterpret_cast<quint32 *>(noise.data()), noise.size() / 4);
+            tree.write(place, noise);
+        }
+        QList<qint64> shares;
+        PatchMakerOptions options;
+        options.progress = [&](const QString &step, qint64 done, qint64 total) {
+            if (step == "a")
+                shares.append(100 * done / total);
+        };
+        PatchSummary summary;
+        QVERIFY(!makePatch(tree.path("old.app"), tree.path("new.app"), tree.path("patch"), options, summary));
+        QVERIFY(std::is_sorted(shares.begin(), shares.end()));
+        const auto half = std::lower_bound(shares.begin(), shares.end(), 50);
+        QVERIFY2(half - shares.begin() > 4 && shares.end() - half > 30,
+                 qPrintable(QString::number(shares.size())));
+        QVERIFY(shares.first() == 0 && shares.last() > 90 && shares.last() < 100);
+    }
+
     // Files of n * 32768 bytes have no hash. Sizes go in steps of four: around the first of those, none is left out.
     void sizesWithoutAHashAreAvoided()
     {

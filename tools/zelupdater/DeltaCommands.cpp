@@ -1,8 +1,8 @@
-#include "bsdiff2.h"
 #include "bspatch2.h"
 #include "Commands.h"
 #include "FileTree.h"
 #include "Interrupt.h"
+#include "makedelta.h"
 #include "MD5Digest.h"
 
 #include <QFile>
@@ -29,7 +29,8 @@ int runDiff(const Arguments &arguments)
         if (const QString problem = unreadable(file); !problem.isNull())
             return arguments.failed(problem);
     }
-    const auto delta = bsdiff2(fsPath(oldFile), fsPath(newFile));
+    const auto delta = makeDelta(fsPath(oldFile), fsPath(newFile),
+                                 [&](qint64 done, qint64 total) { showPatchProgress(newFile, done, total); });
     if (!delta)
         return arguments.failed(QStringLiteral("no delta could be made of %1 and %2").arg(oldFile, newFile));
     const QByteArrayView bytes(delta->data(), qsizetype(delta->size()));

@@ -1,8 +1,8 @@
 #include "FileSlices.h"
 
-#include "bsdiff2.h"
 #include "compactdelta.h"
 #include "FileTree.h"
+#include "makedelta.h"
 #include "MD5FromData.h"
 #include "Parallel.h"
 #include "XZ.h"
@@ -13,6 +13,7 @@
 #include <limits>
 #include <mutex>
 #include <new>
+#include <utility>
 
 namespace zel {
 
@@ -40,22 +41,24 @@ public:
                                                : 9 * QFileInfo(m_old).size() + 3 * newSize() + TableSize;
     }
 
-    ZELError make(FileSlice &slice) const
+    /// `progress` hears how many of the new file's bytes are worked off.
+    ZELError make(FileSlice &slice, const std::function<void(qint64)> &progress) const
     {
         try {
-            return makeAny(slice);
+            return makeAny(slice, progress);
         } catch (const std::bad_alloc &) {
             return ZELError::withMessage(QLatin1String("memory is exhausted by ") + m_new);
         }
     }
 
 private:
-    ZELError makeAny(FileSlice &slice) const
+    ZELError makeAny(FileSlice &slice, const std::function<void(qint64)> &progress) const
     {
         if (m_transport == Transport::Whole)
             return makeWhole(slice);
         const bool possible = QFileInfo(m_old).size() < DeltaLimit && newSize() < DeltaLimit;
-        if (possible && !makeDelta(slice)) // a failure is not worth a larger patch that nobody asked for
+        // A failure is not worth a larger patch that nobody asked for.
+        if (possible && !makeDelta(slice, progress))
             return ZELError::withMessage(QLatin1String("cannot make a delta of ") + m_new);
         if (m_transport == Transport::Smaller) {
             FileSlice whole;
@@ -79,9 +82,13 @@ private:
         return {};
     }
 
-    bool makeDelta(FileSlice &slice) const
+    bool makeDelta(FileSlice &slice, const std::function<void(qint64)> &progress) const
     {
-        auto delta = bsdiff2(QFile::encodeName(m_old).toStdString(), QFile::encodeName(m_new).toStdString());
+        auto delta =
+            zel::makeDelta(QFile::encodeName(m_old).toStdString(), QFile::encodeName(m_new).toStdString(),
+                           [&, size = newSize()](qint64 done, qint64 total) {
+                               progress(qint64(double(size) * double(done) / double(total)));
+                           });
         const auto oldBytes = readFile(m_old);
         const auto newBytes = readFile(m_new);
         if (!delta || !oldBytes || !newBytes)
@@ -128,9 +135,15 @@ ZELError makeFileSlices(const QString &oldBundle, const QString &newBundle,
             return;
         progress(files[i].path, done);
         lock.unlock();
-        const ZELError error = makers[i].make(slices[i]);
+        qint64 ownDone = 0;
+        const auto advance = [&](qint64 ownBytes) {
+            const std::lock_guard guard(mutex);
+            done += ownBytes - std::exchange(ownDone, ownBytes);
+            progress(files[i].path, done);
+        };
+        const ZELError error = makers[i].make(slices[i], advance);
         lock.lock();
-        done += makers[i].newSize();
+        done += makers[i].newSize() - ownDone;
         if (error && !first)
             first = error;
     };
