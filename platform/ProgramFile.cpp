@@ -42,6 +42,12 @@ FileDescriptor openProgram(const QString &bundle, const QByteArray &name)
 
 } // namespace
 
+QString programPath(const QString &bundle)
+{
+    const QByteArray name = programName(bundle);
+    return name.isEmpty() ? QString() : QLatin1String("Contents/MacOS/") + QFile::decodeName(name);
+}
+
 ZELError ensureProgramIsExecutable(const QString &bundle)
 {
     const QByteArray name = programName(bundle);

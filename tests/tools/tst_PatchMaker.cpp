@@ -109,6 +109,10 @@ private slots:
         row("an executable is always a delta", list({"*a=something wholly different"}), list({"*a=zzz"}),
             list({"patch a"}));
         row("a file that becomes executable is, too", list({"a=1"}), list({"*a=2"}), list({"patch a"}));
+        const QString info = "Contents/Info.plist=<plist version=\"1.0\"><dict><key>CFBundleExecutable</key>"
+                             "<string>b</string></dict></plist>";
+        row("the bundle's program may be new", {info, "*Contents/MacOS/a=1"}, {info, "*Contents/MacOS/b=1"},
+            list({"delete Contents/MacOS/a", "add Contents/MacOS/b"}));
         row("an executable that stays needs nothing", list({"a=1"}), list({"*a=1"}), {});
     }
 

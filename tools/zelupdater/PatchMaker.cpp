@@ -6,6 +6,7 @@
 #include "Interrupt.h"
 #include "PatchFile.h"
 #include "PatchPlan.h"
+#include "ProgramFile.h"
 #include "ZELUpdaterApplyPatch.h"
 
 #include <QFile>
@@ -40,7 +41,7 @@ public:
             return error;
         if (const ZELError error = readBundleTree(m_new, after))
             return error;
-        m_plan = planPatch(before, after, changedFiles(before, after));
+        m_plan = planPatch(before, after, changedFiles(before, after), programPath(m_new));
         for (const QString &path : m_plan.lostModes)
             m_summary.lostModes.append(path);
         if (m_options.allowLostModes || m_plan.lostModes.empty())

@@ -52,12 +52,12 @@ std::vector<PatchCommand> removals(const BundleTree &oldTree, const BundleTree &
 }
 
 void planFile(PatchPlan &plan, const QString &path, const BundleItem &item, const BundleItem *before,
-              const std::set<QString> &changed)
+              const std::set<QString> &changed, const QString &program)
 {
     const bool wasFile = before && before->kind == BundleItem::File;
     if (wasFile && !changed.contains(path))
         return;
-    if (!wasFile && item.executable)
+    if (!wasFile && item.executable && path != program)
         plan.lostModes.push_back(path);
     const Transport ofChanged = item.executable ? Transport::Delta : Transport::Smaller;
     plan.files.push_back({path, wasFile ? ofChanged : Transport::Whole});
@@ -65,14 +65,15 @@ void planFile(PatchPlan &plan, const QString &path, const BundleItem &item, cons
 
 } // namespace
 
-PatchPlan planPatch(const BundleTree &oldTree, const BundleTree &newTree, const std::set<QString> &changed)
+PatchPlan planPatch(const BundleTree &oldTree, const BundleTree &newTree, const std::set<QString> &changed,
+                    const QString &program)
 {
     PatchPlan plan;
     plan.removals = removals(oldTree, newTree);
     for (const auto &[path, item] : newTree) {
         const BundleItem *before = find(oldTree, path);
         if (item.kind == BundleItem::File) {
-            planFile(plan, path, item, before, changed);
+            planFile(plan, path, item, before, changed, program);
         } else if (!sameLinkOrFolder(item, before)) {
             const bool link = item.kind == BundleItem::Link;
             auto &commands = link ? plan.links : plan.folders;
