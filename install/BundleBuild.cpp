@@ -45,6 +45,9 @@ ZELError compareWithAnnounced(const QString &bundle, const BuildInputs &inputs)
     const QString build = QStringLiteral("CFBundleVersion");
     const QString identifier = QStringLiteral("CFBundleIdentifier");
     const QVariantMap installed = bundleInfo(inputs.installedBundle).value_or(QVariantMap());
+    if (installed.isEmpty()
+        && hasInfo(inputs.installedBundle)) // else a read that fails would let anything pass
+        return ZELError::withMessage(QStringLiteral("the installed bundle's Info.plist cannot be read"));
     const QVariantMap built = bundleInfo(bundle).value_or(QVariantMap());
     const qint64 number = integerValue(built[build]);
     if (installed.contains(build) && number != integerValue(inputs.announcedBuild))

@@ -9,6 +9,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <climits>
 #include <condition_variable>
 #include <optional>
 #include <utility>
@@ -71,6 +72,9 @@ QString payloadName(const QUrl &url)
         path.chop(1);
     QString name = path.section(u'/', -1);
     name.remove(QChar(u'\0'));
+    name.truncate(NAME_MAX);
+    while (QFile::encodeName(name).size() > NAME_MAX)
+        name.chop(1);
     const bool unusable = name.isEmpty() || name == u'.' || name == QLatin1String("..");
     return unusable ? QStringLiteral("download") : name;
 }

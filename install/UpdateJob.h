@@ -14,7 +14,7 @@
 namespace zel {
 
 /// The file name under which a download from `url` is kept: the last part of its path, without separators, never
-/// empty, "." or "..".
+/// empty, "." or "..", and cut to what a name may have.
 QString payloadName(const QUrl &url);
 
 /// An update in flight. What it works from is fixed when it is made: whatever the host sets or checks meanwhile changes

@@ -10,6 +10,8 @@
 namespace {
 
 constexpr qint64 MaxInfoSize = 4 << 20;
+const QString InnerInfo = QStringLiteral("/Contents/Info.plist");
+const QString OuterInfo = QStringLiteral("/Info.plist");
 
 QVariantMap readInfo(const QString &path)
 {
@@ -43,8 +45,13 @@ std::optional<QVariantMap> bundleInfo(const QString &bundle)
 {
     if (!QFileInfo(bundle).isDir())
         return std::nullopt;
-    const QString inner = bundle + QLatin1String("/Contents/Info.plist");
-    return readInfo(QFileInfo::exists(inner) ? inner : bundle + QLatin1String("/Info.plist"));
+    return readInfo(bundle + (QFileInfo::exists(bundle + InnerInfo) ? InnerInfo : OuterInfo));
+}
+
+bool hasInfo(const QString &bundle)
+{
+    const auto stands = [](const QFileInfo &item) { return item.exists() || item.isSymLink(); };
+    return stands(QFileInfo(bundle + InnerInfo)) || stands(QFileInfo(bundle + OuterInfo));
 }
 
 std::optional<qint64> bundleBuild(const QString &bundle)

@@ -20,6 +20,9 @@ QString contentsFolder(const QString &bundle);
 /// no plist, or one that cannot be read, is larger than 4 MiB or holds no dictionary. Safe from any thread.
 std::optional<QVariantMap> bundleInfo(const QString &bundle);
 
+/// Whether something stands in the place of a bundle's Info.plist, be it nothing that can be read.
+bool hasInfo(const QString &bundle);
+
 /// The integer value of a bundle's "CFBundleVersion": 0 when the key is missing; nothing when the path, links
 /// followed, is no folder. Safe from any thread.
 std::optional<qint64> bundleBuild(const QString &bundle);

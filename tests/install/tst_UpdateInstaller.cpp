@@ -104,6 +104,7 @@ private slots:
         makeBundle("new/Example.app", "101");
         makeBundle("older/Example.app", "50");
         makeBundle("other/Example.app", "101", "org.other");
+        m_tree.write("unreadable/Example.app/Contents/Info.plist", "no property list");
         m_patch = patchTo("new/Example.app");
         m_zip = zipOf("new/Example.app", "Example.app");
         const qsizetype comment = 32768 - m_zip.size() % 32768;
@@ -236,6 +237,8 @@ private slots:
                 flow.record["build"] = 50;
                 archived(flow, zipOf("older/Example.app", "Example.app"));
             });
+            pinnedRow("an installed bundle whose build cannot be read", badArchive,
+                      [](Flow &flow) { flow.installed = "unreadable/Example.app"; });
             pinnedRow("another application of the same signer", badArchive,
                       [&](Flow &flow) { archived(flow, zipOf("other/Example.app", "Example.app")); });
             pinnedRow("a patch to an older build", fallsBack, [&](Flow &flow) {
@@ -530,6 +533,8 @@ private slots:
         row("http://h/folder/", "folder");
         row("http://h/", "download");
         row("http://h/x%00y", "xy");
+        QTest::newRow("as long as names can be")
+            << QString(QLatin1String("http://h/") + QString(300, u'\u00e4')) << QString(127, u'\u00e4');
     }
 
     void payloadNames()
