@@ -81,19 +81,31 @@ void UpdateInstaller::downloadUpdate(ZELDownloadCompletion completion)
     const Settings settings = this->settings();
     const QVariantMap offer = update();
     const auto handle = std::make_shared<std::weak_ptr<URLSessionTask>>(); // the job, for its own hooks
+    // The job is kept here, so of the two only its completion keeps this object: until it has ended.
+    const std::weak_ptr<UpdateInstaller> weak = self;
+    const auto here = [weak](const auto &act) {
+        return [weak, act](auto &&...arguments) {
+            if (const auto installer = weak.lock())
+                act(*installer, arguments...);
+        };
+    };
     UpdateJob::Hooks hooks;
     hooks.handleLog = m_hooks.handleLog;
     hooks.preparing = m_hooks.preparing;
-    hooks.staged = [self](const QString &folder) { self->setTemporaryDirectory(folder); };
-    hooks.fallsBack = [self, offer] { self->dropPatch(offer); };
-    hooks.progress = [self, handle] { self->progressed(*handle); };
-    hooks.succeeded = [self](const std::shared_ptr<StagingFolder> &folder) {
-        const std::lock_guard lock(self->m_mutex);
-        self->m_ready.push_back(folder);
+    hooks.staged = here(
+        [](UpdateInstaller &installer, const QString &folder) { installer.setTemporaryDirectory(folder); });
+    hooks.fallsBack = here([offer](UpdateInstaller &installer) { installer.dropPatch(offer); });
+    hooks.progress = here([handle](UpdateInstaller &installer) { installer.progressed(*handle); });
+    hooks.succeeded = here([](UpdateInstaller &installer, const std::shared_ptr<StagingFolder> &folder) {
+        const std::lock_guard lock(installer.m_mutex);
+        installer.m_ready.push_back(folder);
+    });
+    const auto ended = [self, completion = std::move(completion)](qint64 status, const QString &path) {
+        if (completion)
+            completion(status, path);
     };
-    const auto job =
-        UpdateJob::create({offer, settings.installedBundle, settings.stagingRoot, settings.signers},
-                          std::move(hooks), std::move(completion));
+    const auto job = UpdateJob::create(
+        {offer, settings.installedBundle, settings.stagingRoot, settings.signers}, std::move(hooks), ended);
     *handle = job;
     setTask(job);
     job->resume();
