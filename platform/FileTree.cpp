@@ -143,6 +143,19 @@ bool writeAll(int descriptor, QByteArrayView bytes)
     return true;
 }
 
+// As for `replaceFile`, with errno. ENOTSUP: a user who names a device wants the bytes to go into it, and root could
+// take it away from everybody.
+bool moveIntoPlace(int folder, const QByteArray &aside, const QByteArray &name)
+{
+    struct stat status;
+    if (::fstatat(folder, name.constData(), &status, 0) == 0 && !S_ISREG(status.st_mode)
+        && !S_ISDIR(status.st_mode)) {
+        errno = ENOTSUP;
+        return false;
+    }
+    return ::renameat(folder, aside.constData(), folder, name.constData()) == 0;
+}
+
 // Empty where that is not possible.
 fs::path resolved(const QString &path)
 {
@@ -206,13 +219,19 @@ bool writeFileAtomically(int folder, const QByteArray &name, QByteArrayView byte
     FileDescriptor file(::openat(folder, aside.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (!file)
         return false;
-    if (writeAll(file.get(), bytes) && file.close()
-        && ::renameat(folder, aside.constData(), folder, name.constData()) == 0)
+    if (writeAll(file.get(), bytes) && file.close() && moveIntoPlace(folder, aside, name))
         return true;
     const int number = errno;
     ::unlinkat(folder, aside.constData(), 0);
     errno = number;
     return false;
+}
+
+ZELError replaceFile(const QString &aside, const QString &path)
+{
+    return moveIntoPlace(AT_FDCWD, QFile::encodeName(aside), QFile::encodeName(path))
+        ? ZELError()
+        : ZELError::fromErrno(QLatin1String("cannot write ") + path, errno);
 }
 
 ZELError writeFileAtomically(const QString &path, QByteArrayView bytes)

@@ -34,8 +34,12 @@ bool liesWithin(const QString &path, const QString &folder);
 /// The whole content of a regular file, links followed; nothing where it cannot be read.
 std::optional<QByteArray> readFile(const QString &path);
 
-/// Writes a file aside and moves it into place, so that there is never half a file; what was there is replaced, a
-/// link included. The file gets the default mode (0666 less the umask), whatever stood there before.
+/// Moves a finished file to its place, where it replaces a file or a link. A device, a pipe or a socket there, or at the
+/// link's end, is not for a file to replace: an error.
+ZELError replaceFile(const QString &aside, const QString &path);
+
+/// Writes a file aside and moves it into place like `replaceFile`, so that there is never half a file. The file gets the
+/// default mode (0666 less the umask), whatever stood there before.
 ZELError writeFileAtomically(const QString &path, QByteArrayView bytes);
 
 /// The same in an open folder. False, with errno, on failure.

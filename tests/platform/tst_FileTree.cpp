@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/xattr.h>
 
 using namespace zel;
@@ -227,9 +228,14 @@ private slots:
         QVERIFY(!writeFileAtomically(tree.path(longest), "long"));
         QCOMPARE(tree.read(longest), QByteArray("long"));
         tree.directory(QStringLiteral("folder/inside"));
-        QVERIFY(writeFileAtomically(tree.path(QStringLiteral("folder")), "new"));
-        QCOMPARE(QDir(tree.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).size(),
-                 4);
+        QCOMPARE(::mkfifo(QFile::encodeName(tree.path(QStringLiteral("pipe"))).constData(), 0600), 0);
+        tree.link(QStringLiteral("to pipe"), QStringLiteral("pipe"));
+        for (const char *kept : {"folder", "pipe", "to pipe"})
+            QVERIFY(writeFileAtomically(tree.path(QLatin1String(kept)), "new"));
+        QCOMPARE(QDir(tree.path())
+                     .entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot),
+                 QStringList({"folder", "link", "pipe", "target", "to pipe", longest}));
+        QVERIFY(QFileInfo(tree.path("to pipe")).isSymLink());
     }
 
     void privateFolders()

@@ -12,7 +12,6 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <filesystem>
 #include <new>
 #include <unistd.h>
 #include <utility>
@@ -229,11 +228,8 @@ ZELError makePatch(const QString &oldPath, const QString &newPath, const QString
         options.progress(QStringLiteral("proving"), 0, 0);
     if (const ZELError error = prove(oldPath, newPath, aside, folder.path()))
         return error;
-    std::error_code error;
-    std::filesystem::rename(QFile::encodeName(aside).toStdString(),
-                            QFile::encodeName(patchPath).toStdString(), error);
-    if (error)
-        return ZELError::fromErrno(QLatin1String("cannot write ") + patchPath, error.value());
+    if (const ZELError error = replaceFile(aside, patchPath))
+        return error;
     summary.size = bytes.size();
     return {};
 }

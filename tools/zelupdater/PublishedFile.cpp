@@ -58,8 +58,8 @@ ZELError writeDurably(const QString &path, const QByteArray &bytes)
         return error;
     QJsonObject facts;
     ZELError error = settleFile(aside, facts);
-    if (!error && ::rename(QFile::encodeName(aside).constData(), QFile::encodeName(path).constData()) != 0)
-        error = cannot("write", path);
+    if (!error)
+        error = replaceFile(aside, path);
     if (error) {
         QFile::remove(aside);
         return error;

@@ -322,10 +322,8 @@ private:
     ZELError moveFiles()
     {
         for (const QString &name : std::as_const(m_made)) {
-            if (::rename(QFile::encodeName(m_scratch.filePath(name)).constData(),
-                         QFile::encodeName(place(name)).constData())
-                != 0)
-                return ZELError::fromErrno(QLatin1String("cannot write ") + place(name), errno);
+            if (const ZELError error = replaceFile(m_scratch.filePath(name), place(name)))
+                return error;
             m_moved.append(name);
         }
         return settleFolder(m_folder);

@@ -1,6 +1,7 @@
 #include "ZipWriter.h"
 
 #include "BundleTree.h"
+#include "FileTree.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -124,13 +125,10 @@ ZELError writeBundleZip(const QString &bundle, const QString &zipPath)
         error = archiveError(QLatin1String("cannot write ") + zipPath, archive.get());
     if (!error)
         error = avoidSizeWithoutHash(aside);
-    if (!error) {
-        QFile::remove(zipPath);
-        if (QFile::rename(aside, zipPath))
-            return {};
-        error = ZELError::withMessage(QLatin1String("cannot write ") + zipPath);
-    }
-    QFile::remove(aside);
+    if (!error)
+        error = replaceFile(aside, zipPath);
+    if (error)
+        QFile::remove(aside);
     return error;
 }
 
