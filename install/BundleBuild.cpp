@@ -1,6 +1,7 @@
 #include "BundleBuild.h"
 
 #include "BundleInfo.h"
+#include "BundlePatch.h"
 #include "BundleSeal.h"
 #include "DDLog.h"
 #include "FileTree.h"
@@ -9,7 +10,6 @@
 #include "PatchLog.h"
 #include "ProgramFile.h"
 #include "StagingFolder.h"
-#include "ZELUpdaterApplyPatch.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -157,7 +157,7 @@ QString patchInstalled(const QString &patch, qint64 startBuild, const QString &s
     const auto build = [&] {
         if (const ZELError error = copyTree(inputs.installedBundle, oldPath))
             return failed(error, "Unable to copy old appliocation to temp folder", "Unable to copy old app");
-        if (!ZELUpdaterApplyPatch(oldPath, patchedPath, patch, log))
+        if (inputs.stop.stop_requested() || !applyBundlePatch(oldPath, patchedPath, patch, log, inputs.stop))
             return false;
         if (const ZELError error = verifySeal(patchedPath, inputs.signers))
             return failed(error, "failed with code signing error", "patch failed with codesigning error");

@@ -1,5 +1,6 @@
 #include "ZELUpdaterApplyPatch.h"
 
+#include "BundlePatch.h"
 #include "DDLog.h"
 #include "FileTree.h"
 #include "FreeSpace.h"
@@ -97,7 +98,7 @@ void makeMarkerFolder()
 }
 
 bool performCommands(const QString &oldPath, const Place &place, qint64 oldSize, const PatchFile &patch,
-                     QVariantList &log)
+                     QVariantList &log, const std::stop_token &stop)
 {
     if (const ZELError error = judgeWrites(patch, place.folder)) {
         DDLogDebug(error.message);
@@ -105,19 +106,20 @@ bool performCommands(const QString &oldPath, const Place &place, qint64 oldSize,
         return false;
     }
     PatchRunner runner(oldPath, place.path, oldSize, patch, log);
-    return std::ranges::all_of(patch.commands,
-                               [&runner](const PatchCommand &command) { return runner.perform(command); });
+    return std::ranges::all_of(patch.commands, [&](const PatchCommand &command) {
+        return !stop.stop_requested() && runner.perform(command);
+    });
 }
 
 bool applyPatchFile(const QString &oldPath, const Place &place, qint64 oldSize, PatchReading &reading,
-                    QVariantList &log)
+                    QVariantList &log, const std::stop_token &stop)
 {
     if (const ZELError error = reading.error()) {
         DDLogDebug(error.message);
         return false;
     }
     makeMarkerFolder();
-    if (!performCommands(oldPath, place, oldSize, reading.patch(), log))
+    if (!performCommands(oldPath, place, oldSize, reading.patch(), log, stop))
         return false;
     const ZELError error = ensureProgramIsExecutable(place.path);
     if (error)
@@ -125,7 +127,8 @@ bool applyPatchFile(const QString &oldPath, const Place &place, qint64 oldSize, 
     return !error;
 }
 
-bool buildBundle(const QString &oldPath, const QString &newPath, const QString &patchPath, QVariantList &log)
+bool buildBundle(const QString &oldPath, const QString &newPath, const QString &patchPath, QVariantList &log,
+                 const std::stop_token &stop)
 {
     const Place place(newPath);
     const qint64 oldSize = treeSize(oldPath);
@@ -140,13 +143,14 @@ bool buildBundle(const QString &oldPath, const QString &newPath, const QString &
     appendEntry(log, QStringLiteral("chmod'ing new file"));
     // Before the commands: what "add" writes keeps its default mode.
     makeExecutableTree(place.path);
-    const bool applied = applyPatchFile(oldPath, place, oldSize, reading, log);
+    const bool applied = applyPatchFile(oldPath, place, oldSize, reading, log, stop);
     DDLogDebug(applied ? QStringLiteral("patch succeeded") : QStringLiteral("patch failed"));
     appendEntry(log, applied ? QStringLiteral("Patch succeeded") : QStringLiteral("Patch failed"));
     return applied;
 }
 
-bool applyPatch(const QString &oldPath, const QString &newPath, const QString &patchPath, QVariantList &log)
+bool applyPatch(const QString &oldPath, const QString &newPath, const QString &patchPath, QVariantList &log,
+                const std::stop_token &stop)
 {
     if (oldPath.isNull() || newPath.isNull() || patchPath.isNull()) {
         appendEntry(log, QStringLiteral("Missing one or more paths"));
@@ -159,18 +163,18 @@ bool applyPatch(const QString &oldPath, const QString &newPath, const QString &p
     DDLogDebug(QLatin1String("Old File: ") + oldPath);
     DDLogDebug(QLatin1String("New File: ") + newPath);
     DDLogDebug(QLatin1String("Patch File: ") + patchPath);
-    return buildBundle(oldPath, newPath, patchPath, log);
+    return buildBundle(oldPath, newPath, patchPath, log, stop);
 }
 
 } // namespace
 
-bool ZELUpdaterApplyPatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
-                          QVariantList &log)
+bool zel::applyBundlePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
+                           QVariantList &log, const std::stop_token &stop)
 {
     const SignalShield shield;
     try {
         try {
-            return applyPatch(oldPath, newPath, patchPath, log);
+            return applyPatch(oldPath, newPath, patchPath, log, stop);
         } catch (const std::exception
                      &error) { // memory is exhausted, most likely; by now much of it is free again
             DDLogDebug(QLatin1String("patch failed: ") + QLatin1String(error.what()));
@@ -180,4 +184,10 @@ bool ZELUpdaterApplyPatch(const QString &oldPath, const QString &newPath, const 
         // Not even enough for the log.
     }
     return false;
+}
+
+bool ZELUpdaterApplyPatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
+                          QVariantList &log)
+{
+    return applyBundlePatch(oldPath, newPath, patchPath, log, {});
 }

@@ -1,3 +1,4 @@
+#include "BundlePatch.h"
 #include "BundleSeal.h"
 #include "FileTree.h"
 #include "LogCapture.h"
@@ -499,6 +500,21 @@ private slots:
         QVERIFY(QDir(staging.path("root")).isEmpty());
         QCoreApplication::processEvents();
         QCOMPARE(calls, 0);
+    }
+
+    // Commands that go on and on would hold up the application's end.
+    void stopEndsThePatch()
+    {
+        const TemporaryTree staging;
+        const QString patch = staging.write("patch", patchOfCommands(command("delete", "..")));
+        std::stop_source stop;
+        stop.request_stop();
+        QVariantList log;
+        QVERIFY(!applyBundlePatch(m_tree.path("installed/Example.app"), staging.path("New.app"), patch, log,
+                                  stop.get_token()));
+        QCOMPARE(log.last().toMap()["description"].toString(), "Patch failed");
+        for (const QVariant &entry : log)
+            QVERIFY(!entry.toMap()["description"].toString().startsWith("Error"));
     }
 
     void completionMayBeLeftOut()
