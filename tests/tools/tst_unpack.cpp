@@ -422,14 +422,14 @@ private slots:
         QCOMPARE(tree.read("out.log"), QByteArray());
     }
 
-    // Without standard streams, no file that is written takes their place.
+    // What is opened does not take the place of a standard stream: without input there is none, rather than the folder.
     void closedStreams()
     {
         const TemporaryTree tree;
-        const QString script = "exec \"$0\" -x -k - \"$1\" >&- 2>&-";
-        const QByteArray archive = ZipMaker::make({{.name = "x", .data = "x", .checksumError = 1}});
-        QCOMPARE(run(archive, {"-c", script, ZEL_UNPACK, tree.path("out")}, "/bin/sh").status, 1);
-        QCOMPARE(tree.read("out/x"), QByteArray("x"));
+        const QString script = "exec \"$0\" -x -k - \"$1\" <&-";
+        const Outcome outcome = run({}, {"-c", script, ZEL_UNPACK, tree.path("out")}, "/bin/sh");
+        QCOMPARE(outcome.status, 1);
+        QVERIFY2(outcome.errors.endsWith(": the input is empty\n"), outcome.errors);
     }
 
     // A limit on the size of files makes writing fail as a full disk does.
