@@ -42,7 +42,7 @@ public:
     /// are an empty document.
     virtual void setOnShown(std::function<void(bool hasContent)> onShown) = 0;
 
-    /// Posts `body` to `address` and shows what comes back.
+    /// Posts `body` to `address` and shows what comes back, be it only a part, within two minutes.
     virtual void load(const QUrl &address, const QByteArray &body) = 0;
 
     /// Shows a document that has no address, of any length.

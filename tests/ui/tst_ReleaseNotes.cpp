@@ -11,6 +11,7 @@
 #include <QSignalSpy>
 #include <QTemporaryFile>
 #include <QTest>
+#include <QTimer>
 #include <QWebEnginePage>
 #include <QWebEngineProfile>
 #include <QWebEngineScript>
@@ -268,6 +269,38 @@ private slots:
         m_page->loadURL(address, "{}");
         QTRY_COMPARE(text("document.body.innerText"), QString());
         QTRY_VERIFY(summaryIsShown());
+    }
+
+    void lateNotesAreGivenUp_data()
+    {
+        QTest::addColumn<qsizetype>("stallAt");
+        QTest::addColumn<QString>("shown");
+
+        QTest::newRow("before they begin") << TestServer::BeforeHead << "";
+        QTest::newRow("in the midst") << qsizetype(1000) << "notes";
+    }
+
+    void lateNotesAreGivenUp()
+    {
+        QFETCH(qsizetype, stallAt);
+        QFETCH(QString, shown);
+        TestServer server;
+        server.answer("/notes",
+                      {{.body = "<p>notes</p>" + QByteArray(2000, ' '),
+                        .headers = {{"Content-Type", "text/html"}},
+                        .stallAt = stallAt}});
+        QVERIFY(loaded([&] { m_page->loadHTML(shown.isEmpty() ? "<p>notes of another build</p>" : ""); }));
+        QTRY_COMPARE(summaryIsShown(), !shown.isEmpty());
+        m_page->loadURL(server.url("/notes"), "{}");
+        QTRY_COMPARE(server.requests().size(), 1);
+        if (!shown.isEmpty())
+            QTRY_COMPARE(text("document.body.innerText"), shown);
+        auto *deadline = webPage().findChild<QTimer *>("deadline");
+        QVERIFY(deadline->isActive());
+        deadline->start(0);
+        QTRY_COMPARE(summaryIsShown(), shown.isEmpty());
+        QTRY_COMPARE(text("document.readyState"), "complete");
+        QCOMPARE(text("document.body.innerText"), shown);
     }
 
     void htmlIsShown_data()

@@ -9,14 +9,22 @@
 #include <QLoggingCategory>
 #include <QPointer>
 #include <QQuickRenderControl>
+#include <QTimer>
 #include <QWebEngineHttpRequest>
 #include <QWebEngineLoadingInfo>
 #include <QWebEngineScript>
 #include <QWebEngineView>
 
+#include <chrono>
+
 namespace zel {
 
 namespace {
+
+using namespace std::chrono_literals;
+
+// The engine itself waits for as long as bytes come.
+constexpr auto Deadline = 2min;
 
 // Pictures alone are notes, too; a document that is none of HTML (SVG) has no body.
 constexpr char HasContent[] =
@@ -30,7 +38,12 @@ public:
         : m_profile(std::make_unique<NotesProfile>())
         , m_page(std::make_unique<NotesPage>(*m_profile))
         , m_view(new QWebEngineView(m_page.get(), parent))
+        , m_deadline(new QTimer(m_page.get()))
     {
+        m_deadline->setObjectName(QStringLiteral("deadline"));
+        m_deadline->setSingleShot(true);
+        m_deadline->setInterval(Deadline);
+        QObject::connect(m_deadline, &QTimer::timeout, m_view, [this] { endLoading(); });
         m_view->setContextMenuPolicy(Qt::NoContextMenu);
         m_view->setAcceptDrops(false);
         openViews().append(this);
@@ -55,6 +68,8 @@ public:
 
     void load(const QUrl &address, const QByteArray &body) override
     {
+        if (!m_page)
+            return;
         if (!isNetworkAddress(address)) {
             setHtml({});
             return;
@@ -62,14 +77,16 @@ public:
         QWebEngineHttpRequest request(address, QWebEngineHttpRequest::Post);
         request.setHeader("Content-Type", "application/json");
         request.setPostData(body);
-        if (m_page)
-            m_page->open(request);
+        m_page->open(request);
+        m_deadline->start();
     }
 
     void setHtml(const QString &html) override
     {
-        if (m_page)
-            m_page->open(html);
+        if (!m_page)
+            return;
+        m_page->open(html);
+        m_deadline->stop();
     }
 
 private:
@@ -79,12 +96,25 @@ private:
             || loading.errorDomain() == QWebEngineLoadingInfo::HttpStatusCodeDomain;
         if (loading.status() == QWebEngineLoadingInfo::LoadStartedStatus)
             return;
-        if (hasDocument)
+        if (hasDocument) {
+            m_deadline->stop();
             judgeContent();
-        // Notes that cannot be had leave the view empty: what was there may be another build's.
-        else if (loading.status() == QWebEngineLoadingInfo::LoadFailedStatus
-                 && !NotesSource::isSource(loading.url()))
+        } else if (loading.status() == QWebEngineLoadingInfo::LoadFailedStatus
+                   && !NotesSource::isSource(loading.url())) {
+            // Notes that cannot be had leave the view empty: what was there may be another build's.
             setHtml({});
+        }
+    }
+
+    // What has come of a document by then is shown.
+    void endLoading()
+    {
+        const bool isAwaited = m_page->isAwaited();
+        m_page->triggerAction(QWebEnginePage::Stop);
+        if (isAwaited)
+            setHtml({});
+        else
+            judgeContent();
     }
 
     void judgeContent()
@@ -134,6 +164,7 @@ private:
     std::unique_ptr<NotesProfile> m_profile; // null once the application ends
     std::unique_ptr<NotesPage> m_page;
     QPointer<QWebEngineView> m_view;
+    QPointer<QTimer> m_deadline; // of a document's load, with all its parts
     std::function<void(bool)> m_onShown;
 };
 

@@ -21,6 +21,9 @@ public:
     void open(const QWebEngineHttpRequest &request);
     void open(const QString &html);
 
+    /// Whether nothing has come yet of what was opened last.
+    bool isAwaited() const { return m_isAwaited; }
+
 protected:
     bool acceptNavigationRequest(const QUrl &url, NavigationType type, bool isMainFrame) override;
     QStringList chooseFiles(FileSelectionMode mode, const QStringList &oldFiles,
@@ -34,7 +37,7 @@ private:
     void openNewWindowOutside(const QWebEngineNewWindowRequest &request);
 
     NotesProfile &m_profile;
-    bool m_isAwaited = false; // from `open` until its document is there
+    bool m_isAwaited = false; // from `open` until its document begins
 };
 
 } // namespace zel
