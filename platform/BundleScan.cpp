@@ -12,7 +12,6 @@ namespace zel {
 
 namespace {
 
-constexpr qsizetype MaxItems = 500'000;
 constexpr qsizetype MaxPathBytes = 64 << 20; // of all items: a seal's list, which holds them, is no larger
 constexpr qsizetype PieceSize = 256 << 10;
 constexpr int FileFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC; // never waits for a pipe's writer

@@ -1,7 +1,6 @@
 #include "SealedItems.h"
 
 #include "LinkTree.h"
-#include "PropertyList.h"
 #include "SafeText.h"
 
 #include <algorithm>
@@ -12,7 +11,6 @@
 namespace {
 
 constexpr qint64 Version = 1;
-constexpr qsizetype DigestSize = 32;
 
 ZELError problem(const QByteArray &path, const char *what)
 {
@@ -80,22 +78,6 @@ plist_t dictionaryOf(const Items &items, plist_t (*makeValue)(const QByteArray &
     return dictionary;
 }
 
-// Each value must be of the type and, unless it is 0, of the size.
-std::optional<Items> itemsOf(const QVariant &value, QMetaType::Type type, qsizetype size)
-{
-    if (value.typeId() != QMetaType::QVariantMap)
-        return std::nullopt;
-    Items items;
-    const QVariantMap map = value.toMap();
-    for (auto item = map.begin(); item != map.end(); ++item) {
-        const QByteArray bytes = item->toByteArray(); // of a string: as UTF-8
-        if (item->typeId() != type || (size != 0 && bytes.size() != size))
-            return std::nullopt;
-        items.insert(item.key().toUtf8(), bytes);
-    }
-    return items;
-}
-
 } // namespace
 
 namespace zel {
@@ -157,22 +139,6 @@ QByteArray toPropertyList(const SealedItems &items)
     const std::unique_ptr<char, decltype(&std::free)> xml(text, std::free);
     // Written bare, a carriage return in a name would be read as a newline by any other XML reader.
     return QByteArray(text, qsizetype(size)).replace("\r", "&#13;");
-}
-
-std::optional<SealedItems> fromPropertyList(const QByteArray &xml)
-{
-    if (!xml.startsWith("<?xml"))
-        return std::nullopt;
-    const std::optional<QVariantMap> list = readPropertyList(xml);
-    if (!list || list->size() != 3 || list->value(QStringLiteral("version")) != QVariant(Version))
-        return std::nullopt;
-    const std::optional<Items> files =
-        itemsOf(list->value(QStringLiteral("files")), QMetaType::QByteArray, DigestSize);
-    const std::optional<Items> links = itemsOf(list->value(QStringLiteral("links")), QMetaType::QString, 0);
-    // A key that stands twice is read once; each key that is read has these bytes.
-    if (!files || !links || xml.count("<key") != list->size() + files->size() + links->size())
-        return std::nullopt;
-    return SealedItems{*files, *links};
 }
 
 } // namespace zel

@@ -12,6 +12,8 @@
 
 namespace zel {
 
+constexpr qsizetype MaxItems = 500'000;
+
 /// The files and links below a folder. Paths are relative to it, as the file system has them, with "/" between.
 struct SealedItems {
     QMap<QByteArray, QByteArray> files; ///< path to SHA-256 (32 bytes)
@@ -39,8 +41,10 @@ ZELError compareItems(const SealedItems &sealed, const SealedItems &items, const
 /// The items as an XML property list; their names must have passed `checkNames`.
 QByteArray toPropertyList(const SealedItems &items);
 
-/// Reads what `toPropertyList` writes; nothing where it is malformed, has a key twice, a value of the wrong type or a
-/// digest of the wrong size. Paths are only ever compared, so any text is accepted for them.
+/// Reads what `toPropertyList` writes; nothing where it is malformed, has a key twice, a value of the wrong type, a
+/// digest of the wrong size, more files or links than a bundle may have, or anything that XML has and a list does not
+/// use: attributes, comments, CDATA sections. Paths are only ever compared, so any text is accepted for them. Linear in
+/// time; memory is some hundred bytes for an item.
 std::optional<SealedItems> fromPropertyList(const QByteArray &xml);
 
 } // namespace zel

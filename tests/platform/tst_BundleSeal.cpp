@@ -460,6 +460,7 @@ private slots:
         QTest::newRow("path that climbs")
             << listOf(good + entry("../outside", digestOf("outside"))) << "../outside is missing";
         QTest::newRow("path by another way") << listOf(entry("./a", digestOf("a"))) << "./a is missing";
+        QTest::newRow("characters by number") << listOf(entry("&#x61;", digestOf("a"))) << "";
         malformed("key twice", listOf(entry("a", digestOf("x")) + good));
         malformed("dictionary twice", listOf(good + "</dict><key>files</key><dict>" + good));
         malformed("other version", listOf(good).replace("<integer>1", "<integer>2"));
@@ -471,6 +472,11 @@ private slots:
         malformed("data for a target", listOf(good, entry("b", digestOf("x"))));
         malformed("nested to exhaust the stack",
                   listOf(entry("a", QByteArray("<array>").repeated(1'000'000))));
+        malformed("attribute", listOf(good).replace("<key>a", "<key id=\"1\">a"));
+        malformed("unknown reference", listOf(good + entry("&nbsp;", digestOf("a"))));
+        malformed("no such character", listOf(good + entry("&#0;", digestOf("a"))));
+        malformed("more behind the end", listOf(good) + "<dict/>");
+        malformed("cut", listOf(good).chopped(20));
         malformed("not XML", "bplist00");
     }
 
