@@ -9,6 +9,8 @@ namespace {
 
 constexpr quint64 MaxContainers =
     4096; // bounds the nesting as well; a large application's Info.plist holds hundreds
+constexpr quint64 MaxKeys = 10'000; // each may be compared with all that came before
+constexpr quint64 MaxMoved = quint64(4) << 30; // bytes
 constexpr quint64 MaxObjects = 1 << 20;
 constexpr quint64 MaxUnfolded = 64 << 20; // bytes
 constexpr quint64 NodeSize = 128; // what the reader spends on a value, besides its bytes
@@ -130,6 +132,28 @@ bool isTameBinary(QByteArrayView bytes)
     return true;
 }
 
+// Behind each reference in a text ("&lt;"), the reader moves the rest of the text.
+quint64 bytesMoved(QByteArrayView bytes)
+{
+    quint64 moved = 0;
+    quint64 references = 0;
+    qsizetype start = 0;
+    for (qsizetype i = 0; i < bytes.size(); ++i) {
+        references += bytes[i] == '&';
+        if (bytes[i] != '<' && i + 1 < bytes.size())
+            continue;
+        moved += references * quint64(i - start);
+        references = 0;
+        start = i;
+    }
+    return moved;
+}
+
+bool isTameText(const QByteArray &bytes)
+{
+    return quint64(bytes.count("<key")) <= MaxKeys && bytesMoved(bytes) <= MaxMoved;
+}
+
 } // namespace
 
 bool zel::isTamePropertyList(QByteArrayView bytes)
@@ -139,5 +163,5 @@ bool zel::isTamePropertyList(QByteArrayView bytes)
     const QByteArray text = QByteArray::fromRawData(bytes.data(), bytes.size());
     if (quint64(text.count("<array")) + quint64(text.count("<dict")) > MaxContainers)
         return false;
-    return !bytes.startsWith("bplist") || isTameBinary(bytes);
+    return bytes.startsWith("bplist") ? isTameBinary(bytes) : isTameText(text);
 }

@@ -122,6 +122,10 @@ private slots:
         QTest::newRow("nested to exhaust the stack")
             << xml("<dict><key>k</key>" + QByteArray("<array>").repeated(500'000)
                    + QByteArray("</array>").repeated(500'000) + "</dict>");
+        QTest::newRow("keys to be compared for minutes")
+            << xml("<dict>" + QByteArray("<key>k</key><true/>").repeated(50'000) + "</dict>");
+        QTest::newRow("references to be replaced for minutes")
+            << xml("<dict><key>k</key><string>" + QByteArray("&lt;").repeated(1 << 19) + "</string></dict>");
         QTest::newRow("binary, nested to exhaust the stack") << nestedBinary(60'000);
         QTest::newRow("binary, doubling at each level") << nestedBinary(30, 2);
         QTest::newRow("binary, cyclic") << cyclicBinary();
