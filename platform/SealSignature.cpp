@@ -2,7 +2,9 @@
 
 #include <QFile>
 
+#include <openssl/bn.h>
 #include <openssl/cms.h>
+#include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
@@ -14,6 +16,7 @@ constexpr int MaxSigners = 8; // and digests; a seal has one
 
 struct Free {
     void operator()(BIO *memory) const { BIO_free(memory); }
+    void operator()(BIGNUM *number) const { BN_free(number); }
     void operator()(CMS_ContentInfo *cms) const { CMS_ContentInfo_free(cms); }
     void operator()(X509_ALGOR *algorithm) const { X509_ALGOR_free(algorithm); }
     void operator()(STACK_OF(X509) * certificates) const { sk_X509_free(certificates); } // the stack alone
@@ -52,15 +55,29 @@ int noPassphrase(char *, int, int, void *)
     return -1;
 }
 
+bool hasShortExponent(const EVP_PKEY *key)
+{
+    constexpr int longest = 32; // bits; nearly all have 17
+    BIGNUM *exponent = nullptr;
+    EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &exponent);
+    const std::unique_ptr<BIGNUM, Free> owner(exponent);
+    return exponent && BN_num_bits(exponent) <= longest;
+}
+
 // One rule for those who seal and for those who verify. Keys that sign a digest of their own choice (Ed25519) do not fit
-// signatures over SHA-2; DSA is of the past.
+// signatures over SHA-2; DSA is of the past. What lies beyond the upper bounds takes ten times as long to verify as what
+// is in use: a second signature of a hostile bundle after the other.
 bool canSeal(const EVP_PKEY *key)
 {
-    constexpr int leastRsaBits = 2048;
-    constexpr int leastCurveBits = 224;
-    const int kind = key ? EVP_PKEY_get_base_id(key) : EVP_PKEY_NONE;
-    return (kind == EVP_PKEY_EC && EVP_PKEY_get_bits(key) >= leastCurveBits)
-        || (kind == EVP_PKEY_RSA && EVP_PKEY_get_bits(key) >= leastRsaBits);
+    const int bits = key ? EVP_PKEY_get_bits(key) : 0;
+    switch (key ? EVP_PKEY_get_base_id(key) : EVP_PKEY_NONE) {
+    case EVP_PKEY_EC:
+        return bits >= 224 && bits <= 521;
+    case EVP_PKEY_RSA:
+        return bits >= 2048 && bits <= 8192 && hasShortExponent(key);
+    default:
+        return false;
+    }
 }
 
 bool isStrong(const X509_ALGOR *digest)
@@ -132,13 +149,13 @@ bool announcesStrongDigests(const QByteArray &signature)
 }
 
 // What the library would let pass.
-ZELError checkShape(CMS_ContentInfo *cms, const QByteArray &signature)
+ZELError checkShape(CMS_ContentInfo *cms, const QByteArray &signature, int mostSigners)
 {
     if (!CMS_is_detached(cms))
         return failure(QStringLiteral("the signature is not detached"));
     STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
     const int count = sk_CMS_SignerInfo_num(signers);
-    if (count < 1 || count > MaxSigners)
+    if (count < 1 || count > mostSigners)
         return failure(count < 1 ? QStringLiteral("the signature has no signer")
                                  : QStringLiteral("the signature has too many signers"));
     bool strong = announcesStrongDigests(signature);
@@ -160,7 +177,7 @@ ZELError checkKeys(CMS_ContentInfo *cms)
         CMS_SignerInfo_get0_algs(sk_CMS_SignerInfo_value(signers, i), &key, nullptr, nullptr, nullptr);
         if (key && !canSeal(key))
             return failure(
-                QStringLiteral("the signer's key is too weak, or of another kind than RSA and EC"));
+                QStringLiteral("the signer's key is too weak, too long, or of another kind than RSA and EC"));
     }
     return {};
 }
@@ -211,7 +228,7 @@ ZELError Signer::load(const QString &keyFile, const QString &certificateFile)
         return ZELError::withMessage(
             keyFile
             + QLatin1String(" holds a key of a kind that cannot seal: it takes an RSA key of "
-                            "2048 bits or more, or an EC key (P-256, P-384, P-521)"));
+                            "2048 to 8192 bits, or an EC key (P-256, P-384, P-521)"));
     if (X509_check_private_key(m_certificate.get(), m_key.get()) != 1)
         return failure(certificateFile + QLatin1String(" is not the certificate of the key in ") + keyFile);
     return {};
@@ -234,15 +251,19 @@ ZELError Signer::sign(const QByteArray &content, QByteArray &signature) const
     return {};
 }
 
-ZELError verifySignature(const QByteArray &content, const QByteArray &signature, const SignerPins &pins)
+ZELError verifySignature(const QByteArray &content, const QByteArray &signature, const SignerPins &pins,
+                         int *signersLeft)
 {
     const auto *at = reinterpret_cast<const unsigned char *>(signature.constData());
     const auto *end = at + signature.size();
     const Cms cms(d2i_CMS_ContentInfo(nullptr, &at, long(signature.size())));
     if (!cms || at != end)
         return failure(QStringLiteral("the signature file is malformed"));
-    if (const ZELError error = checkShape(cms.get(), signature))
+    if (const ZELError error =
+            checkShape(cms.get(), signature, signersLeft ? qMin(MaxSigners, *signersLeft) : MaxSigners))
         return error;
+    if (signersLeft)
+        *signersLeft -= sk_CMS_SignerInfo_num(CMS_get0_SignerInfos(cms.get()));
     if (const ZELError error = checkKeys(cms.get()))
         return error;
     constexpr unsigned int flags = CMS_DETACHED | CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY;

@@ -90,10 +90,12 @@ ZELError SealedBundle::readSeal(SealedItems &sealed, SealBudget &budget, const S
     QByteArray signature;
     if (const ZELError error = m_folder.read(joined(m_path, paths[0]), maxResourcesSize, resources))
         return error;
-    if (const ZELError error = m_folder.read(joined(m_path, paths[1]), MaxSignatureSize, signature))
+    if (const ZELError error =
+            m_folder.read(joined(m_path, paths[1]), qMin(MaxSignatureSize, budget.signatureBytes), signature))
         return error;
     budget.listBytes -= resources.size();
-    if (const ZELError error = verifySignature(resources, signature, pins))
+    budget.signatureBytes -= signature.size();
+    if (const ZELError error = verifySignature(resources, signature, pins, &budget.signers))
         return error;
     std::optional<SealedItems> items = fromPropertyList(resources);
     if (!items)

@@ -15,6 +15,8 @@ constexpr int MaxNestedBundles = 1024;
 /// small file that unpacks to nested seals, or to links through links, does not.
 struct SealBudget {
     qint64 listBytes = 192 << 20; ///< of all lists, the outermost included
+    qint64 signatureBytes = 16 << 20; ///< of all signatures, likewise
+    int signers = MaxNestedBundles + 8; ///< of all signatures, likewise
     qint64 linkNames = 4 << 20; ///< that links add to the paths of links
 };
 

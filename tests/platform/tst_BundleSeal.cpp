@@ -137,6 +137,21 @@ struct Party {
     std::unique_ptr<X509, decltype(&X509_free)> certificate;
 };
 
+EVP_PKEY *rsaKey(int bits, quint64 exponent, int primes = 2)
+{
+    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> maker(
+        EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr), EVP_PKEY_CTX_free);
+    const std::unique_ptr<BIGNUM, decltype(&BN_free)> number(BN_new(), BN_free);
+    BN_set_word(number.get(), exponent);
+    EVP_PKEY *key = nullptr;
+    EVP_PKEY_keygen_init(maker.get());
+    EVP_PKEY_CTX_set_rsa_keygen_bits(maker.get(), bits);
+    EVP_PKEY_CTX_set_rsa_keygen_primes(maker.get(), primes);
+    EVP_PKEY_CTX_set1_rsa_keygen_pubexp(maker.get(), number.get());
+    EVP_PKEY_generate(maker.get(), &key);
+    return key;
+}
+
 // The first digest in the structure is the one that it announces for its signers.
 QByteArray announcingUnknownDigest(QByteArray cms)
 {
@@ -388,6 +403,12 @@ private slots:
         zel::SealBudget spent;
         spent.listBytes = tree.read(nested + "/_CodeSignature/CodeResources").size() - 1;
         QVERIFY(zel::verifyNested(folder, items, spent).message.contains("too large"));
+        zel::SealBudget spentOnSignatures;
+        spentOnSignatures.signatureBytes = tree.read(nested + "/_CodeSignature/CodeSignature").size() - 1;
+        QVERIFY(zel::verifyNested(folder, items, spentOnSignatures).message.contains("too large"));
+        zel::SealBudget spentOnSigners;
+        spentOnSigners.signers = 0;
+        QVERIFY(zel::verifyNested(folder, items, spentOnSigners).message.contains("too many signers"));
         for (int i = 0; i < zel::MaxNestedBundles; ++i)
             items.links.insert(QByteArray::number(i) + "/_CodeSignature", "x");
         QVERIFY(zel::verifyNested(folder, items, budget).message.contains("too many nested"));
@@ -528,6 +549,9 @@ private slots:
         };
         madeKey("RSA, 2048 bits", EVP_RSA_gen(2048), "");
         madeKey("RSA, 1024 bits", EVP_RSA_gen(1024), "too weak");
+        madeKey("RSA, long exponent", rsaKey(2048, (quint64(1) << 32) + 15), "too long");
+        madeKey("RSA, more than 8192 bits", rsaKey(8200, 65537, 5), "too long");
+        madeKey("curve of 570 bits", EVP_EC_gen("sect571r1"), "too long");
         madeKey("curve of 384 bits", EVP_EC_gen("P-384"), "");
         madeKey("curve of 192 bits", EVP_EC_gen("P-192"), "too weak");
         std::vector<std::unique_ptr<Party>> parties;
