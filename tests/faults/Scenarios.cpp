@@ -268,6 +268,10 @@ void Stock::addRelease()
         const Tree found = place.tree("releases");
         if (!found.contains("releases.json") || found.at("releases.json") != after.at("releases.json"))
             return "the next release does not work: " + QString(next.err);
+        for (const auto &[name, item] : found) {
+            if (!after.contains(name))
+                return "left behind for good: " + QString::fromStdString(name);
+        }
         return QString();
     };
     m_scenarios.push_back({.name = "release",

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <unistd.h>
 
 namespace zel {
 
@@ -40,6 +41,18 @@ template <typename Take> ZELError readOpenFile(const FileDescriptor &file, const
     }
 }
 
+// On the disk, in place of what was there.
+ZELError writeAnew(const QString &path, const QByteArray &bytes)
+{
+    QFile::remove(path);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly | QIODevice::Unbuffered)
+        || file.write(bytes) != bytes.size())
+        return ZELError::withMessage(QLatin1String("cannot write ") + path + QLatin1String(": ")
+                                     + file.errorString());
+    return ::fsync(file.handle()) == 0 ? ZELError() : cannot("write", path);
+}
+
 } // namespace
 
 ZELError readPublished(const QString &path, QByteArray &bytes)
@@ -53,11 +66,9 @@ ZELError readPublished(const QString &path, QByteArray &bytes)
 ZELError writeDurably(const QString &path, const QByteArray &bytes)
 {
     const QFileInfo place(path);
+    // Always the same name: what a run that was killed left here is gone with the next.
     const QString aside = place.path() + QLatin1String("/.") + place.fileName() + QLatin1String(".new");
-    if (const ZELError error = writeFileAtomically(aside, bytes))
-        return error;
-    QJsonObject facts;
-    ZELError error = settleFile(aside, facts);
+    ZELError error = writeAnew(aside, bytes);
     if (!error)
         error = replaceFile(aside, path);
     if (error) {
