@@ -19,7 +19,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <filesystem>
 #include <optional>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -353,13 +352,24 @@ private:
     QStringList m_moved;
 };
 
+// On the disk, too, with those above it that are missing.
+ZELError makeFolder(const QString &folder)
+{
+    if (QFileInfo(folder).isDir())
+        return {};
+    const QString above = QFileInfo(folder).path();
+    if (const ZELError error = makeFolder(above))
+        return error;
+    if (::mkdir(QFile::encodeName(folder).constData(), 0777) != 0 && errno != EEXIST)
+        return ZELError::fromErrno(QLatin1String("cannot make the folder ") + folder, errno);
+    return settleFolder(above);
+}
+
 ZELError lockFolder(const QString &folder, const std::function<void(const QString &)> &say,
                     FileDescriptor &lock)
 {
-    std::error_code error;
-    std::filesystem::create_directories(QFile::encodeName(folder).toStdString(), error);
-    if (error)
-        return ZELError::fromErrno(QLatin1String("cannot make the folder ") + folder, error.value());
+    if (const ZELError error = makeFolder(folder))
+        return error;
     const QByteArray name = QFile::encodeName(folder + LockName);
     lock = FileDescriptor(::open(name.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666));
     if (!lock)
@@ -419,17 +429,20 @@ ZELError ReleaseFolder::add(const QString &bundle, const Options &options, Added
     }
     if (const ZELError error = Build::read(bundle, build))
         return error;
+    if (liesWithin(m_path, bundle))
+        return problem(QStringLiteral("%1 lies in %2, whose seal it would break; give another folder")
+                           .arg(m_path, bundle));
     if (const ZELError error = read(records))
         return error;
     if (const ZELError error = lockFolder(m_path, options.say, lock))
         return error;
     if (const ZELError error = read(records))
         return error;
+    sweepScratch(m_path);
     for (const QJsonValue known : std::as_const(records)) {
         if (buildOf(known) == build.number)
             return problem(QStringLiteral("build %1 is already in %2").arg(build.number).arg(m_path));
     }
-    sweepScratch(m_path);
     Release release(m_path, options, added);
     if (const ZELError error = release.make(build, notes, records))
         return error;
