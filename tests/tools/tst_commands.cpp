@@ -27,6 +27,13 @@ struct Outcome {
     }
 };
 
+QByteArray noise(qsizetype size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    QRandomGenerator(1).fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
+    return bytes;
+}
+
 QByteArray http(const QUrl &server, const QByteArray &request)
 {
     QTcpSocket socket;
@@ -230,7 +237,7 @@ private slots:
     {
         for (const char *line :
              {"md5|{}/a", "md5|{}/a|--json", "--help", "diff|--help", "inspect-patch|{}/good.patch",
-              "verify|{}/100/My App.app|--json", "diff|{}/a|{}/b|{}/lost"}) {
+              "verify|{}/100/My App.app|--json", "diff|{}/a|{}/b|{}/lost", "serve|{}|--port|0"}) {
             for (const char *output : {">/dev/full", ">&-"}) {
                 QStringList words = QString(line).replace("{}", m_tree.path()).split(u'|');
                 QProcess process;
@@ -244,6 +251,35 @@ private slots:
         }
         QCOMPARE(run("diff|{}/a|{}/b|{}/kept").status, 0);
         QCOMPARE(m_tree.read("lost"), m_tree.read("kept")); // and nothing of the result
+    }
+
+    // What cannot be finished goes; what stood there before, and is no part of the job, stays.
+    void failedCommandsLeaveNothing()
+    {
+        m_tree.write("no.patch", "no patch");
+        QCOMPARE(run("apply-patch|{}/100/My App.app|{}/half.app|{}/no.patch").status, 1);
+        QVERIFY(!QFileInfo::exists(m_tree.path("half.app")));
+
+        const QString limited = "ulimit -f 16; trap '' XFSZ; exec \"$0\" \"$@\""; // a disk that is soon full
+        const auto runLimited = [&](QStringList words) {
+            QProcess process;
+            process.start(
+                "sh", QStringList{"-c", limited, ZELUPDATER} + words.replaceInStrings("{}", m_tree.path()));
+            process.waitForFinished(120000);
+            return process.exitCode() == 1 ? process.readAllStandardError() : QByteArray();
+        };
+        m_tree.write("noise", noise(40000));
+        QCOMPARE(run("diff|{}/a|{}/noise|{}/noise.delta").status, 0);
+        QVERIFY(runLimited({"patch", "{}/a", "{}/half", "{}/noise.delta"}).contains("File too large"));
+        QVERIFY(!QFileInfo::exists(m_tree.path("half")));
+
+        makeBundle("noisy/My App.app", "100");
+        m_tree.write("noisy/My App.app/Contents/noise", noise(1 << 20));
+        QCOMPARE(sign("noisy/My App.app").status, 0);
+        const QByteArray error = runLimited({"release", "{}/noisy/My App.app", "{}/r0"});
+        QVERIFY2(error.contains("cannot archive") && error.contains("File too large"), error.constData());
+        QVERIFY(run("release|{}/noisy/My App.app|{}/noisy/My App.app/r").err.contains("give another folder"));
+        QCOMPARE(run("verify|{}/noisy/My App.app").status, 0);
     }
 
     // A hostile patch: no size is summed that the payload does not have, and no name steers the terminal.
@@ -364,9 +400,7 @@ private slots:
     void interruptedReleaseLeavesNothing()
     {
         makeBundle("large/My App.app", "100");
-        QByteArray noise(30 << 20, Qt::Uninitialized);
-        QRandomGenerator(1).fillRange(reinterpret_cast<quint32 *>(noise.data()), noise.size() / 4);
-        m_tree.write("large/My App.app/Contents/noise", noise);
+        m_tree.write("large/My App.app/Contents/noise", noise(30 << 20));
         QCOMPARE(sign("large/My App.app").status, 0);
         QProcess release;
         release.start(ZELUPDATER, {"release", m_tree.path("large/My App.app"), m_tree.path("cut")});

@@ -60,8 +60,11 @@ int runPatch(const Arguments &arguments)
         unfinished.emplace(newFile);
     if (bspatch2(fsPath(oldFile), fsPath(newFile),
                  std::as_bytes(std::span(delta->data(), size_t(delta->size()))))
-        != 0)
+        != 0) {
+        if (unfinished)
+            QFile::remove(newFile);
         return arguments.failed(QStringLiteral("%1 could not be applied to %2").arg(deltaFile, oldFile));
+    }
     const qint64 size = QFileInfo(newFile).size();
     return arguments.done(newFile + QLatin1String(": ") + sizeText(size),
                           QJsonObject{{QLatin1String("size"), size}});

@@ -109,6 +109,8 @@ int runApplyPatch(const Arguments &arguments)
     if (applied)
         return arguments.done(arguments.positional(1) + QLatin1String(" is ready"), json);
     const QString why = whyNotApplied(log, oldBundle, patch);
+    if (!QFileInfo(newBundle).isSymLink()) // half built, then, and not what stood there before
+        removeTree(newBundle);
     return arguments.failed(QStringLiteral("%1 could not be applied: %2").arg(patch, why), json);
 }
 

@@ -81,10 +81,12 @@ int runServe(const Arguments &arguments)
     address.setHost(host);
     address.setPort(bound);
     address.setPath(QStringLiteral("/"));
-    arguments.done(QStringLiteral("Serving %1 on %2").arg(folder, address.toString()),
-                   QJsonObject{{QLatin1String("url"), address.toString()}, {QLatin1String("port"), bound}});
-    server.run();
-    return Done;
+    const int told = arguments.done(
+        QStringLiteral("Serving %1 on %2").arg(folder, address.toString()),
+        QJsonObject{{QLatin1String("url"), address.toString()}, {QLatin1String("port"), bound}});
+    if (told == Done)
+        server.run();
+    return told;
 }
 
 } // namespace

@@ -20,9 +20,12 @@ using Entry = std::unique_ptr<struct archive_entry, decltype(&archive_entry_free
 
 ZELError archiveError(const QString &what, struct archive *archive)
 {
-    const char *reason = archive_error_string(archive);
-    return ZELError::withMessage(what + QLatin1String(": ")
-                                 + QString::fromUtf8(reason ? reason : "unknown error"));
+    const char *text = archive_error_string(archive);
+    const QString reason = QString::fromUtf8(text ? text : "unknown error");
+    // Which says nothing of a full disk.
+    return reason == QLatin1String("Write error")
+        ? ZELError::fromErrno(what, archive_errno(archive))
+        : ZELError::withMessage(what + QLatin1String(": ") + reason);
 }
 
 ZELError writeContent(struct archive *archive, const QString &path)
