@@ -182,7 +182,7 @@ private slots:
         row("sign|{}/linked|--key|{}/maker.key|--cert|{}/maker.crt", 1, "^$",
             "no Info.plist that can be read");
         row("sign|{}/bare/My App.app|--key|{}/ed.key|--cert|{}/maker.crt", 1, "^$",
-            "cannot seal: it takes an RSA key of 2048 bits");
+            "cannot seal: it takes an RSA key of 2048 to 8192 bits");
         row("verify|{}/100/My App.app", 0, "is valid, sealed by CN = maker \\([0-9a-f]{64}\\)\n$", "^$");
         row("verify|{}/100/My App.app|--signer|00", 1, "^$", ".");
         row("check|--url|http://127.0.0.1:9/", 2, "^$", "--build is missing");
