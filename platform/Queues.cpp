@@ -10,11 +10,13 @@ namespace zel {
 
 namespace {
 
-// Qt copies functors on their way; a copy of this holds nothing of its own. Those that the calling thread makes are gone
-// before the main thread can see the last one.
-auto shared(std::function<void()> &&work)
+// Qt copies functors on their way, and both threads hold the last copy: the one that posted it may let go of it after the
+// main thread has called it. So the call leaves nothing behind.
+auto emptiedByItsCall(std::function<void()> &&work)
 {
-    return [owner = std::make_shared<std::function<void()>>(std::move(work))] { (*owner)(); };
+    return [owner = std::make_shared<std::function<void()>>(std::move(work))] {
+        std::exchange(*owner, nullptr)();
+    };
 }
 
 } // namespace
@@ -22,14 +24,14 @@ auto shared(std::function<void()> &&work)
 void onMainQueue(std::function<void()> &&work)
 {
     if (auto *application = QCoreApplication::instance())
-        QMetaObject::invokeMethod(application, shared(std::move(work)), Qt::QueuedConnection);
+        QMetaObject::invokeMethod(application, emptiedByItsCall(std::move(work)), Qt::QueuedConnection);
     work = nullptr;
 }
 
 void onMainQueueAfter(std::chrono::milliseconds delay, std::function<void()> &&work)
 {
     if (auto *application = QCoreApplication::instance())
-        QTimer::singleShot(delay, application, shared(std::move(work)));
+        QTimer::singleShot(delay, application, emptiedByItsCall(std::move(work)));
     work = nullptr;
 }
 
