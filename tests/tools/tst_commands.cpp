@@ -204,6 +204,7 @@ private slots:
         row("release|{}/100/My App.app|{}/r0|--notes|{}/none.html", 1, "^$",
             "cannot read .*none.html: No such file or directory\n$");
         row("release|{}/100/My App.app|{}/a", 1, "^$", "/a is not a folder");
+        row("release|{}/100/My App.app|{}/a/r", 1, "^$", "cannot look at .*/a/r: Not a directory");
         row("release|{}/100/My App.app|/proc/none", 1, "^$",
             "cannot make the folder /proc/none: No such file");
         row("release|{}/100/My App.app|{}/unmounted", 1, "^$",
