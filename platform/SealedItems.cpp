@@ -84,7 +84,8 @@ namespace zel {
 
 QString shownPath(const QByteArray &path)
 {
-    return QString::fromStdString(safeText({path.constData(), size_t(path.size())}));
+    constexpr size_t longest = 4096; // of a hostile list, a name may have megabytes
+    return QString::fromStdString(safeText({path.constData(), size_t(path.size())}, longest));
 }
 
 ZELError checkNames(const SealedItems &items)
