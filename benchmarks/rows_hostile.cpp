@@ -49,6 +49,61 @@ std::string making(const HostilePatch &patch)
         + "; } | xz -1 >payload\n{ printf '%-32s' $(stat -c %s manifest); cat manifest payload; } >patch";
 }
 
+/// A bundle that is made to take much when its seal is verified. What the shell prints becomes the list of its files.
+struct HostileSeal {
+    const char *what;
+    const char *files;
+};
+
+constexpr HostileSeal Seals[] = {
+    {"a list of names that meet in a table",
+     R"(two={az,bY}; eval "names=($two$two$two$two$two$two$two$two$two$two$two$two$two$two$two$two ) "
+        printf "<key>%s</key><data>$digest</data>" "${names[@]}")"},
+    {"a list of references", R"(printf '<key>'; printf '&lt;%.0s' {1..500000}
+        printf "</key><data>$digest</data>")"},
+    {"a thousand sealed bundles", R"({ begin; end; } >list; sign list >signature
+        for i in {1..1000}; do mkdir -p hostile.app/$i/_CodeSignature
+            cp list hostile.app/$i/_CodeSignature/CodeResources
+            cp signature hostile.app/$i/_CodeSignature/CodeSignature
+            for file in list:CodeResources signature:CodeSignature; do
+                printf "<key>$i/_CodeSignature/${file#*:}</key><data>$(digestOf ${file%:*})</data>"; done; done)"},
+};
+
+/// In the folder where it runs: `hostile.app`, sealed by a key that is made on the spot.
+std::string making(const HostileSeal &seal)
+{
+    return std::string(R"(set -e; digestOf() { openssl sha256 -binary "$1" | base64; }
+        openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-384 -nodes -keyout key -out crt -subj /CN=a 2>&1
+        sign() { openssl cms -sign -binary -outform DER -md sha256 -signer crt -inkey key -in "$1"; }
+        begin() { printf '<?xml version="1.0"?><plist><dict><key>version</key><integer>1</integer><key>files</key><dict>'; }
+        end() { printf '</dict><key>links</key><dict/></dict></plist>'; }
+        mkdir -p hostile.app/_CodeSignature; digest=$(digestOf crt)
+        { begin; )")
+        + seal.files + R"(; end; } >hostile.app/_CodeSignature/CodeResources
+        sign hostile.app/_CodeSignature/CodeResources >hostile.app/_CodeSignature/CodeSignature)";
+}
+
+Row judging(const HostileSeal &seal, const fs::path &data)
+{
+    const fs::path folder = data / "hostile" / seal.what;
+    const auto work = [=](const auto &timed) {
+        const std::string inFolder = "cd " + shellWord(folder) + "; ";
+        if (!fs::exists(folder / "hostile.app/_CodeSignature/CodeSignature")) {
+            fs::create_directories(folder);
+            if (!shell(inFolder + making(seal)))
+                return false;
+        }
+        return command({"bash", "-c", inFolder + shellWord(ZEL_TOOL) + " verify hostile.app; [ $? -le 1 ]"})(
+            timed);
+    };
+    return {.unit = "hostile",
+            .data = seal.what,
+            .work = work,
+            .slow = true,
+            .secondsGoal = 5,
+            .memoryGoal = 512};
+}
+
 Row applying(const HostilePatch &patch, const fs::path &data)
 {
     const fs::path folder = data / "hostile" / patch.what;
@@ -78,6 +133,8 @@ void addHostileRows(std::vector<Row> &rows, const fs::path &data)
 {
     for (const HostilePatch &patch : Patches)
         rows.push_back(applying(patch, data));
+    for (const HostileSeal &seal : Seals)
+        rows.push_back(judging(seal, data));
 }
 
 } // namespace bench
