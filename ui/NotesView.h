@@ -22,6 +22,7 @@ namespace zel {
 ///   page runs, no frame is loaded, no form is sent, nothing refreshes itself. Places within the document can be gone to.
 /// - It is made of what http and https bring, and of pictures that it holds itself: no files, no other schemes, no
 ///   windows, dialogs, downloads, permissions or stored data.
+/// - Its process ends when it takes more than a gigabyte, which leaves nothing to see.
 /// - This machine and its local network are out of its reach, by address, by name and by redirection. Only a document
 ///   that was itself loaded from there, as a developer's is, gets parts of its own origin. Known limit: a name of the
 ///   open network that resolves to a local address is seen through for the parts of a document, but not for the document

@@ -303,6 +303,23 @@ private slots:
         QCOMPARE(text("document.body.innerText"), shown);
     }
 
+    void endlessNotesAreGivenUp()
+    {
+        TestServer server;
+        server.answer("/notes",
+                      {{.body = QByteArray("<p>notes</p>").repeated(1000),
+                        .headers = {{"Content-Type", "text/html"}},
+                        .framing = TestServer::Framing::Close,
+                        .endless = TestServer::Endless::Body}});
+        QVERIFY(loaded([&] { m_page->loadHTML("<p>notes of another build</p>"); }));
+        QTRY_VERIFY(!summaryIsShown());
+        m_page->loadURL(server.url("/notes"), "{}");
+        // Before the deadline, which would show what has come.
+        QTRY_VERIFY_WITH_TIMEOUT(summaryIsShown(), 110'000);
+        QVERIFY(loaded([&] { m_page->loadHTML("<p>notes</p>"); }));
+        QTRY_VERIFY(!summaryIsShown());
+    }
+
     void htmlIsShown_data()
     {
         QTest::addColumn<QByteArray>("html");

@@ -9,6 +9,9 @@
 #include <QWebEngineNewWindowRequest>
 #include <QWebEngineSettings>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 namespace zel {
 
 namespace {
@@ -20,6 +23,17 @@ void openOutside(const QUrl &url)
                                      QStringLiteral("mailto")};
     if (schemes.contains(url.scheme()))
         QDesktopServices::openUrl(url);
+}
+
+// Ten times what notes take. Without a limit, a document that does not end fills the machine's memory.
+constexpr rlim_t MemoryOfAPage = rlim_t(1) << 30;
+
+// The engine may have been told to do without processes of its own.
+void limitMemory(qint64 process)
+{
+    const rlimit limit{MemoryOfAPage, MemoryOfAPage};
+    if (process > 0 && process != getpid())
+        prlimit(pid_t(process), RLIMIT_DATA, &limit, nullptr);
 }
 
 } // namespace
@@ -36,6 +50,7 @@ NotesPage::NotesPage(NotesProfile &profile)
           QWebEngineSettings::HyperlinkAuditingEnabled, QWebEngineSettings::DnsPrefetchEnabled,
           QWebEngineSettings::AutoLoadIconsForPage, QWebEngineSettings::FocusOnNavigationEnabled})
         settings()->setAttribute(attribute, false);
+    connect(this, &QWebEnginePage::renderProcessPidChanged, this, limitMemory);
     connect(this, &QWebEnginePage::newWindowRequested, this, &NotesPage::openNewWindowOutside);
     connect(this, &QWebEnginePage::urlChanged, this, [this] { m_isAwaited = false; });
     connect(this, &QWebEnginePage::loadingChanged, this, [this](const QWebEngineLoadingInfo &loading) {
