@@ -1,7 +1,7 @@
 // The inner loops of the delta engine, by themselves.
-#include "matchlength.h"
-#include "sais.h"
-#include "scan.h"
+#include "generate/matchlength.h"
+#include "generate/sais.h"
+#include "generate/scan.h"
 
 #include <benchmark/benchmark.h>
 #include <random>

@@ -1,9 +1,9 @@
 #include "rows.h"
 
-#include "owned.h"
-#include "readfile.h"
-#include "sais.h"
-#include "scan.h"
+#include "delta/owned.h"
+#include "delta/readfile.h"
+#include "generate/sais.h"
+#include "generate/scan.h"
 
 #include <cstdio>
 #include <divsufsort64.h>

@@ -1,7 +1,7 @@
 #include "rows.h"
 
-#include "bspatch2.h"
-#include "PatchFile.h"
+#include "delta/bspatch2.h"
+#include "install/PatchFile.h"
 
 #include <QFile>
 

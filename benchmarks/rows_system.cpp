@@ -1,6 +1,6 @@
 #include "rows.h"
 
-#include "MD5FromData.h"
+#include "install/MD5FromData.h"
 
 #include <algorithm>
 #include <csignal>

@@ -1,5 +1,7 @@
-# Helpers that keep the layers apart: a layer sees its own folder and those of the layers it links, so an
-# include that runs upward does not compile and a call that runs upward does not link.
+# Helpers that keep the rooms apart. A room is a folder with a static library of its own. Other rooms include its headers
+# by its name ("net/URLSession.h"), and only those that link it can: for each room the build folder has one folder with
+# nothing but a link to it, which comes with the library. So an include that runs upward does not compile, and a call
+# that runs upward does not link.
 
 add_library(zel_options INTERFACE)
 target_compile_options(zel_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
@@ -10,47 +12,55 @@ if(ZEL_SANITIZE)
     target_link_options(zel_options INTERFACE -fsanitize=${ZEL_SANITIZE})
 endif()
 
-# zel_add_layer(NAME [FOLDER folder] [UNITS unit...] [LINK public...] [PRIVATE private...])
-# A static library zel_NAME of the folder's units, of all of them by default; a folder of headers alone is an interface.
-function(zel_add_layer name)
-    cmake_parse_arguments(ARG "" "FOLDER" "UNITS;LINK;PRIVATE" ${ARGN})
-    if(NOT ARG_FOLDER)
-        set(ARG_FOLDER ${name})
-    endif()
-    if(NOT ARG_UNITS)
-        set(ARG_UNITS *)
-    endif()
-    list(TRANSFORM ARG_UNITS PREPEND ${CMAKE_SOURCE_DIR}/${ARG_FOLDER}/)
-    list(TRANSFORM ARG_UNITS APPEND .cpp OUTPUT_VARIABLE sources)
-    list(TRANSFORM ARG_UNITS APPEND .h OUTPUT_VARIABLE headers)
-    file(GLOB sources CONFIGURE_DEPENDS ${sources})
-    file(GLOB headers CONFIGURE_DEPENDS ${headers})
-    if(sources)
-        add_library(zel_${name} STATIC ${sources} ${headers})
+# zel_add_room(NAME [UNITS unit...] [PUBLIC_HEADERS header...] [LINK public...] [PRIVATE private...])
+# A static library zel_NAME of the units in the current folder, each of them NAME.cpp, NAME.h or both. Public headers
+# are installed; rooms see them as hosts do, too: <ZELUpdater/header>.
+function(zel_add_room name)
+    cmake_parse_arguments(ARG "" "" "UNITS;PUBLIC_HEADERS;LINK;PRIVATE" ${ARGN})
+    set(files "")
+    foreach(unit ${ARG_UNITS})
+        file(GLOB unit_files ${unit}.cpp ${unit}.h)
+        if(NOT unit_files)
+            message(FATAL_ERROR "${CMAKE_CURRENT_SOURCE_DIR} has no ${unit}.cpp and no ${unit}.h")
+        endif()
+        list(APPEND files ${unit_files})
+    endforeach()
+    set(includes ${CMAKE_BINARY_DIR}/rooms/${name})
+    file(MAKE_DIRECTORY ${includes}/ZELUpdater)
+    get_filename_component(folder ${CMAKE_CURRENT_SOURCE_DIR} NAME)
+    file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${includes}/${folder} SYMBOLIC)
+    foreach(header ${ARG_PUBLIC_HEADERS})
+        file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${includes}/ZELUpdater/${header} SYMBOLIC)
+    endforeach()
+
+    if(files MATCHES "\\.cpp")
+        add_library(zel_${name} STATIC ${files})
         set(scope PUBLIC)
         target_link_libraries(zel_${name} PRIVATE zel_options ${ARG_PRIVATE})
     else()
-        add_library(zel_${name} INTERFACE ${headers})
+        add_library(zel_${name} INTERFACE ${files})
         set(scope INTERFACE)
     endif()
-    target_include_directories(zel_${name} ${scope} ${CMAKE_SOURCE_DIR}/${ARG_FOLDER})
+    target_include_directories(zel_${name} ${scope} ${includes})
     target_link_libraries(zel_${name} ${scope} ${ARG_LINK})
+    list(TRANSFORM ARG_PUBLIC_HEADERS PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+    set_target_properties(zel_${name} PROPERTIES ZEL_PUBLIC_HEADERS "${ARG_PUBLIC_HEADERS}")
 endfunction()
 
-# zel_add_tests(LAYER LINK libraries...): every tst_*.cpp of tests/LAYER becomes one executable and one test.
+# zel_add_tests(ROOM LINK libraries...): every tst_*.cpp of tests/ROOM becomes one executable and one test.
 # The thread sanitizer takes QProcess's vfork for a fork of the test itself, hence die_after_fork.
-function(zel_add_tests layer)
+function(zel_add_tests room)
     cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
-    file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${layer}/tst_*.cpp)
+    file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${room}/tst_*.cpp)
     foreach(source ${sources})
         get_filename_component(unit ${source} NAME_WE)
         string(REPLACE "tst_" "" unit ${unit})
-        add_executable(tst_${layer}_${unit} ${source} QuietLog.cpp)
-        set_target_properties(tst_${layer}_${unit} PROPERTIES
+        add_executable(tst_${room}_${unit} ${source} QuietLog.cpp)
+        set_target_properties(tst_${room}_${unit} PROPERTIES
             RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
-        target_link_libraries(tst_${layer}_${unit} PRIVATE zel_options ${ARG_LINK} Qt6::Test)
-        add_test(NAME ${layer}.${unit} COMMAND tst_${layer}_${unit})
-        set_tests_properties(${layer}.${unit} PROPERTIES TIMEOUT 300
+        target_link_libraries(tst_${room}_${unit} PRIVATE zel_options ${ARG_LINK} zel_support Qt6::Test)
+        add_test(NAME ${room}.${unit} COMMAND tst_${room}_${unit})
+        set_tests_properties(${room}.${unit} PROPERTIES TIMEOUT 300
             ENVIRONMENT "ASAN_OPTIONS=allocator_may_return_null=1;TSAN_OPTIONS=die_after_fork=0:suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp;LSAN_OPTIONS=print_suppressions=0:suppressions=${CMAKE_SOURCE_DIR}/tests/lsan.supp;QT_QPA_PLATFORM=offscreen;QTWEBENGINE_DISABLE_SANDBOX=1")
     endforeach()
 endfunction()

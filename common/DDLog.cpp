@@ -1,6 +1,6 @@
 #include "DDLog.h"
 
-#include "SignalShield.h"
+#include "base/SignalShield.h"
 
 #include <QDebug>
 

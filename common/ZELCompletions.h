@@ -1,7 +1,7 @@
 // How checks and the steps of an update report their end: each calls its completion exactly once.
 #pragma once
 
-#include "ZELError.h"
+#include <ZELUpdater/ZELError.h>
 
 #include <QVariantMap>
 

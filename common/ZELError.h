@@ -1,7 +1,7 @@
 // The one error value of the updater.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QString>
 

@@ -1,7 +1,7 @@
 // Owners of what the C library hands out. They keep errno, so that a message after a failure names its cause.
 #pragma once
 
-#include "LargePages.h"
+#include "base/LargePages.h"
 
 #include <cerrno>
 #include <cstdint>

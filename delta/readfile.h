@@ -1,7 +1,7 @@
 // Whole files in memory.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <cstdint>
 

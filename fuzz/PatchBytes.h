@@ -1,7 +1,7 @@
 // A bundle patch file of any manifest and payload, packed with as little work as can be.
 #pragma once
 
-#include "PatchFile.h"
+#include "install/PatchFile.h"
 
 #include <lzma.h>
 

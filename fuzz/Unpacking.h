@@ -1,9 +1,9 @@
 // The archive tool's work, without its process.
 #pragma once
 
-#include "Extraction.h"
 #include "Sandbox.h"
-#include "Survey.h"
+#include "zel-unpack/Extraction.h"
+#include "zel-unpack/Survey.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

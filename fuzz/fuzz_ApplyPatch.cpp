@@ -1,12 +1,12 @@
 // Patch files of hostile commands, applied to a bundle that holds links of all kinds. Nothing is written beside the new
 // bundle, and no more in it than the patch may write.
-#include "bsdiff2.h"
+#include "generate/bsdiff2.h"
 #include "HostilePath.h"
-#include "MD5FromData.h"
-#include "PatchBudget.h"
+#include "install/MD5FromData.h"
+#include "install/PatchBudget.h"
+#include "install/PatchFile.h"
+#include "install/ZELUpdaterApplyPatch.h"
 #include "PatchBytes.h"
-#include "PatchFile.h"
-#include "ZELUpdaterApplyPatch.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

@@ -1,7 +1,7 @@
 // Sound archives of hostile names and links, extracted into a folder that is empty or holds a link that leads out.
 #include "HostilePath.h"
+#include "support/ZipMaker.h"
 #include "Unpacking.h"
-#include "ZipMaker.h"
 
 #include <algorithm>
 #include <clocale>

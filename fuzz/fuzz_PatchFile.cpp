@@ -1,6 +1,6 @@
 // Any bytes as a manifest and, after a NUL, as a payload.
+#include "install/PatchFile.h"
 #include "PatchBytes.h"
-#include "PatchFile.h"
 #include "Sandbox.h"
 
 using namespace zel;

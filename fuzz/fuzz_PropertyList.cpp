@@ -1,5 +1,5 @@
 // Any bytes as a property list.
-#include "PropertyList.h"
+#include "platform/PropertyList.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
 {

@@ -1,7 +1,7 @@
 // Any bytes as each of the two files of a seal.
 #include "Sandbox.h"
-#include "SealedItems.h"
-#include "SealSignature.h"
+#include "seal/SealedItems.h"
+#include "seal/SealSignature.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
 {

@@ -1,12 +1,12 @@
 // A genuine archive and what an attacker without the key may do to it: rename, exchange, link, add, leave out. Nothing
 // is written outside the folder, no mode but the usual ones comes up, and a bundle that verifies is the genuine one.
-#include "ArchiveExtractor.h"
-#include "BundleSeal.h"
 #include "HostilePath.h"
-#include "ProgramFile.h"
-#include "TestCertificate.h"
+#include "install/ArchiveExtractor.h"
+#include "platform/ProgramFile.h"
+#include "seal/BundleSeal.h"
+#include "support/TestCertificate.h"
+#include "support/ZipMaker.h"
 #include "Unpacking.h"
-#include "ZipMaker.h"
 
 #include <clocale>
 #include <QFile>

@@ -1,8 +1,8 @@
 // Any bytes as what a server answers. "%%" parts the answers to one request after the other, as redirections make them;
 // what stands behind "@@" in an answer is sent again and again.
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
+#include "net/URLSession.h"
 #include "Sandbox.h"
-#include "URLSession.h"
 
 #include <QNetworkProxy>
 

@@ -1,9 +1,9 @@
 // Any bytes as an update server's reply.
-#include "IntegerValue.h"
+#include "check/UpdateCheck.h"
+#include "check/UpdateDecision.h"
+#include "check/UpdateStatus.h"
+#include "common/IntegerValue.h"
 #include "Sandbox.h"
-#include "UpdateCheck.h"
-#include "UpdateDecision.h"
-#include "UpdateStatus.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
 {

@@ -1,6 +1,6 @@
 // Any bytes as LZMA data. The checksums of footer and index are set right, or nothing would get past them.
 #include "Sandbox.h"
-#include "XZ.h"
+#include "xz/XZ.h"
 
 #include <QtEndian>
 

@@ -1,11 +1,11 @@
 // Any two files, made up of shapes that repeat themselves: the delta between them has the plain scan's bytes, with the
 // short cuts as they are or taken early, and makes the one of the other, compacted or not.
-#include "bsdiff2.h"
-#include "bspatch2.h"
-#include "compactdelta.h"
-#include "PlainScan.h"
-#include "RepetitiveText.h"
+#include "delta/bspatch2.h"
+#include "generate/bsdiff2.h"
+#include "publish/compactdelta.h"
 #include "Sandbox.h"
+#include "support/PlainScan.h"
+#include "support/RepetitiveText.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Any bytes as a delta: a byte that says how long the old file is, the old file, the delta.
-#include "bspatch2.h"
+#include "delta/bspatch2.h"
 #include "Sandbox.h"
 
 #include <algorithm>

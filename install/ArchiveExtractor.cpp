@@ -1,8 +1,8 @@
 #include "ArchiveExtractor.h"
 
 #include "ChildProcess.h"
-#include "DDLog.h"
-#include "RealFolder.h"
+#include "common/DDLog.h"
+#include "platform/RealFolder.h"
 
 #include <cerrno>
 #include <dlfcn.h>

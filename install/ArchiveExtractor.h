@@ -1,7 +1,7 @@
 // The extraction of a downloaded archive by the archive tool.
 #pragma once
 
-#include "ZELCompletions.h"
+#include "common/ZELCompletions.h"
 
 #include <chrono>
 #include <stop_token>

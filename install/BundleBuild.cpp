@@ -1,14 +1,14 @@
 #include "BundleBuild.h"
 
-#include "BundleInfo.h"
 #include "BundlePatch.h"
-#include "BundleSeal.h"
-#include "DDLog.h"
-#include "FileTree.h"
-#include "IntegerValue.h"
+#include "common/DDLog.h"
+#include "common/IntegerValue.h"
 #include "MD5Digest.h"
 #include "PatchLog.h"
-#include "ProgramFile.h"
+#include "platform/BundleInfo.h"
+#include "platform/FileTree.h"
+#include "platform/ProgramFile.h"
+#include "seal/BundleSeal.h"
 #include "StagingFolder.h"
 
 #include <QCryptographicHash>

@@ -4,8 +4,8 @@
 #pragma once
 
 #include "ArchiveExtractor.h"
-#include "SignerPins.h"
-#include "ZELError.h"
+#include "common/ZELError.h"
+#include "seal/SignerPins.h"
 
 #include <QVariantMap>
 

@@ -1,7 +1,7 @@
 #include "BundleWalk.h"
 
-#include "PathNames.h"
-#include "RealFolder.h"
+#include "platform/PathNames.h"
+#include "platform/RealFolder.h"
 
 #include <QFile>
 

@@ -1,7 +1,7 @@
 // Paths that a manifest names, walked inside the bundle that they are meant for.
 #pragma once
 
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
 
 #include <QByteArrayList>
 #include <QString>

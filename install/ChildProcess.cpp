@@ -1,7 +1,7 @@
 #include "ChildProcess.h"
 
-#include "SignalShield.h"
-#include "ToolReport.h"
+#include "base/SignalShield.h"
+#include "base/ToolReport.h"
 
 #include <QFile>
 

@@ -1,7 +1,7 @@
 // A program that is fed through its standard input and must get on with it.
 #pragma once
 
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
 
 #include <QStringList>
 

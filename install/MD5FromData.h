@@ -1,7 +1,7 @@
 // The MD5 that the update server's and the manifest's "hash" values are compared with.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QByteArrayView>
 #include <QString>

@@ -1,8 +1,8 @@
 #include "PatchBudget.h"
 
-#include "deltainteger.h"
-#include "deltalayout.h"
-#include "FreeSpace.h"
+#include "delta/deltainteger.h"
+#include "delta/deltalayout.h"
+#include "platform/FreeSpace.h"
 
 #include <algorithm>
 

@@ -1,10 +1,10 @@
 #include "PatchFile.h"
 
-#include "BoundedJson.h"
-#include "FileTree.h"
-#include "IntegerValue.h"
+#include "common/IntegerValue.h"
 #include "PayloadBlocks.h"
-#include "XZ.h"
+#include "platform/BoundedJson.h"
+#include "platform/FileTree.h"
+#include "xz/XZ.h"
 
 #include <QDir>
 #include <QJsonArray>

@@ -1,8 +1,8 @@
 // The bundle patch file, taken apart. docs/bundle-patch-format.md describes it.
 #pragma once
 
-#include "LargeBuffer.h"
-#include "ZELError.h"
+#include "common/ZELError.h"
+#include "platform/LargeBuffer.h"
 
 #include <QByteArrayView>
 #include <QString>

@@ -1,10 +1,10 @@
 #include "PatchRunner.h"
 
-#include "bspatch2.h"
-#include "DDLog.h"
-#include "FileTree.h"
+#include "common/DDLog.h"
+#include "delta/bspatch2.h"
 #include "MD5Digest.h"
 #include "PatchLog.h"
+#include "platform/FileTree.h"
 
 #include <QFile>
 #include <QFileInfo>

@@ -1,7 +1,7 @@
 #include "PayloadBlocks.h"
 
-#include "deltainteger.h"
-#include "deltalayout.h"
+#include "delta/deltainteger.h"
+#include "delta/deltalayout.h"
 
 #include <algorithm>
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "PatchFile.h"
-#include "XZBlocks.h"
+#include "xz/XZBlocks.h"
 
 #include <vector>
 

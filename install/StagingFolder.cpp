@@ -1,6 +1,6 @@
 #include "StagingFolder.h"
 
-#include "FileTree.h"
+#include "platform/FileTree.h"
 
 #include <QDir>
 #include <QFile>

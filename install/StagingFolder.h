@@ -6,8 +6,8 @@
 // (some network ones) keeps what a killed process left; everything else works there.
 #pragma once
 
-#include "FileDescriptor.h"
-#include "ZELError.h"
+#include "base/FileDescriptor.h"
+#include "common/ZELError.h"
 
 #include <QString>
 

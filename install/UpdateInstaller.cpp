@@ -1,8 +1,8 @@
 #include "UpdateInstaller.h"
 
-#include "DDLog.h"
-#include "IntegerValue.h"
-#include "Queues.h"
+#include "common/DDLog.h"
+#include "common/IntegerValue.h"
+#include "platform/Queues.h"
 #include "UpdateJob.h"
 
 namespace zel {

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "BundleBuild.h"
-#include "URLSession.h"
-#include "ZELCompletions.h"
+#include "common/ZELCompletions.h"
+#include "net/URLSession.h"
 
 #include <functional>
 #include <memory>

@@ -1,9 +1,9 @@
 #include "UpdateJob.h"
 
-#include "DDLog.h"
-#include "IntegerValue.h"
-#include "Queues.h"
-#include "SessionThreads.h"
+#include "common/DDLog.h"
+#include "common/IntegerValue.h"
+#include "platform/Queues.h"
+#include "platform/SessionThreads.h"
 
 #include <QFile>
 #include <QJsonDocument>

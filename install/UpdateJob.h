@@ -3,9 +3,9 @@
 #pragma once
 
 #include "BundleBuild.h"
+#include "common/ZELCompletions.h"
+#include "net/URLSession.h"
 #include "StagingFolder.h"
-#include "URLSession.h"
-#include "ZELCompletions.h"
 
 #include <atomic>
 #include <functional>

@@ -1,16 +1,16 @@
 #include "ZELUpdaterApplyPatch.h"
 
+#include "base/SignalShield.h"
 #include "BundlePatch.h"
-#include "DDLog.h"
-#include "FileTree.h"
-#include "FreeSpace.h"
+#include "common/DDLog.h"
 #include "PatchBudget.h"
 #include "PatchFile.h"
 #include "PatchLog.h"
 #include "PatchRunner.h"
 #include "Permissions.h"
-#include "ProgramFile.h"
-#include "SignalShield.h"
+#include "platform/FileTree.h"
+#include "platform/FreeSpace.h"
+#include "platform/ProgramFile.h"
 #include "StagingFolder.h"
 
 #include <QDir>

@@ -1,7 +1,7 @@
 // Applying a bundle patch.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QString>
 #include <QVariantList>

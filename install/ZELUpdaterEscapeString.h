@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QString>
 

@@ -1,6 +1,6 @@
 #include "ZELUpdaterTestPatch.h"
 
-#include "DDLog.h"
+#include "common/DDLog.h"
 #include "MD5Digest.h"
 #include "ZELUpdaterApplyPatch.h"
 

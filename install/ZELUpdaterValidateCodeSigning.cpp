@@ -1,7 +1,7 @@
 #include "ZELUpdaterValidateCodeSigning.h"
 
-#include "BundleSeal.h"
-#include "DDLog.h"
+#include "common/DDLog.h"
+#include "seal/BundleSeal.h"
 
 bool ZELUpdaterValidateCodeSigning(const QUrl &bundle)
 {

@@ -1,7 +1,7 @@
 // The check that a built bundle is what its publisher sealed.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QUrl>
 

@@ -1,7 +1,7 @@
 // JSON of strangers, parsed within bounds.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QByteArray>
 #include <QJsonDocument>

@@ -1,6 +1,6 @@
 #include "BundleInfo.h"
 
-#include "IntegerValue.h"
+#include "common/IntegerValue.h"
 #include "PropertyList.h"
 #include "RealFolder.h"
 

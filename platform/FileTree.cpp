@@ -1,7 +1,7 @@
 #include "FileTree.h"
 
+#include "base/FileDescriptor.h"
 #include "CopyFile.h"
-#include "FileDescriptor.h"
 #include "RealFolder.h"
 
 #include <QByteArrayList>

@@ -1,7 +1,7 @@
 // Files and folders: copying, removing, reading and writing whole items. Links are never followed below the top.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QByteArray>
 #include <QString>

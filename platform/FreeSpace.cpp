@@ -1,7 +1,7 @@
 #include "FreeSpace.h"
 
-#include "DiskSpace.h"
-#include "FileDescriptor.h"
+#include "base/DiskSpace.h"
+#include "base/FileDescriptor.h"
 
 #include <QFile>
 

@@ -1,7 +1,7 @@
 // Whether there is room for what is about to be written.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QString>
 

@@ -1,8 +1,8 @@
 #include "LargeBuffer.h"
 
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
+#include "base/LargePages.h"
 #include "FreeSpace.h"
-#include "LargePages.h"
 
 #include <QFile>
 

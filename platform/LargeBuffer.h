@@ -1,7 +1,7 @@
 // Memory for data that may be larger than memory.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QByteArrayView>
 #include <QString>

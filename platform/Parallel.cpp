@@ -1,6 +1,6 @@
 #include "Parallel.h"
 
-#include "SignalShield.h"
+#include "base/SignalShield.h"
 
 #include <algorithm>
 #include <condition_variable>

@@ -1,7 +1,7 @@
 // The program that a bundle starts with.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QString>
 

@@ -1,7 +1,7 @@
 // Folders opened and read as they are, never by way of a link.
 #pragma once
 
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
 
 #include <QByteArray>
 #include <QString>

@@ -1,7 +1,7 @@
 #include "SessionThreads.h"
 
-#include "DDLog.h"
-#include "SignalShield.h"
+#include "base/SignalShield.h"
+#include "common/DDLog.h"
 
 #include <QCoreApplication>
 

@@ -1,7 +1,7 @@
 // What a bundle holds, item by item.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QString>
 

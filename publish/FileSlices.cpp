@@ -1,11 +1,11 @@
 #include "FileSlices.h"
 
 #include "compactdelta.h"
-#include "FileTree.h"
-#include "makedelta.h"
-#include "MD5FromData.h"
-#include "Parallel.h"
-#include "XZ.h"
+#include "generate/makedelta.h"
+#include "install/MD5FromData.h"
+#include "platform/FileTree.h"
+#include "platform/Parallel.h"
+#include "xz/XZ.h"
 
 #include <QFile>
 #include <QFileInfo>

@@ -1,9 +1,9 @@
 // The contents of files as they travel in a patch's payload.
 #pragma once
 
-#include "PatchFile.h"
+#include "common/ZELError.h"
+#include "install/PatchFile.h"
 #include "PatchPlan.h"
-#include "ZELError.h"
 
 #include <functional>
 #include <vector>

@@ -1,6 +1,6 @@
 #include "HttpServer.h"
 
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
 
 #include <algorithm>
 #include <array>

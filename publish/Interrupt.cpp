@@ -1,6 +1,6 @@
 #include "Interrupt.h"
 
-#include "FileTree.h"
+#include "platform/FileTree.h"
 
 #include <cerrno>
 #include <csignal>

@@ -2,12 +2,12 @@
 
 #include "BundleTree.h"
 #include "FileSlices.h"
-#include "FileTree.h"
+#include "install/PatchFile.h"
+#include "install/ZELUpdaterApplyPatch.h"
 #include "Interrupt.h"
-#include "PatchFile.h"
 #include "PatchPlan.h"
-#include "ProgramFile.h"
-#include "ZELUpdaterApplyPatch.h"
+#include "platform/FileTree.h"
+#include "platform/ProgramFile.h"
 
 #include <QFile>
 #include <QFileInfo>

@@ -1,7 +1,7 @@
 // Making a bundle patch out of two bundles.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QString>
 #include <QStringList>

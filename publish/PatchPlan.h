@@ -2,7 +2,7 @@
 #pragma once
 
 #include "BundleTree.h"
-#include "PatchFile.h"
+#include "install/PatchFile.h"
 
 #include <set>
 #include <vector>

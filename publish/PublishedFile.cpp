@@ -1,8 +1,8 @@
 #include "PublishedFile.h"
 
-#include "FileDescriptor.h"
-#include "FileTree.h"
-#include "MD5Digest.h"
+#include "base/FileDescriptor.h"
+#include "install/MD5Digest.h"
+#include "platform/FileTree.h"
 
 #include <QCryptographicHash>
 #include <QFile>

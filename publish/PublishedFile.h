@@ -1,7 +1,7 @@
 // Files that clients are sent: on the disk before they are announced, and known by their hashes.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QByteArray>
 #include <QJsonObject>

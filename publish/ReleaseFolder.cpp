@@ -1,14 +1,14 @@
 #include "ReleaseFolder.h"
 
-#include "ArchiveExtractor.h"
-#include "BundleInfo.h"
-#include "BundleSeal.h"
-#include "FileDescriptor.h"
-#include "FileTree.h"
-#include "IntegerValue.h"
+#include "base/FileDescriptor.h"
+#include "common/IntegerValue.h"
+#include "install/ArchiveExtractor.h"
 #include "Interrupt.h"
+#include "platform/BundleInfo.h"
+#include "platform/FileTree.h"
 #include "PublishedFile.h"
-#include "SealSigner.h"
+#include "seal/BundleSeal.h"
+#include "seal/SealSigner.h"
 #include "ZipWriter.h"
 
 #include <QDir>

@@ -1,8 +1,8 @@
 // A folder of releases: archives, patches, notes, and the feed that lists them.
 #pragma once
 
+#include "common/ZELError.h"
 #include "PatchMaker.h"
-#include "ZELError.h"
 
 #include <QJsonArray>
 #include <QJsonObject>

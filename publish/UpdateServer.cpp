@@ -1,9 +1,9 @@
 #include "UpdateServer.h"
 
-#include "DiskSpace.h"
-#include "FileTree.h"
+#include "base/DiskSpace.h"
 #include "HttpServer.h"
-#include "StagingFolder.h"
+#include "install/StagingFolder.h"
+#include "platform/FileTree.h"
 
 #include <QDateTime>
 #include <QDir>

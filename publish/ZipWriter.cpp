@@ -1,7 +1,7 @@
 #include "ZipWriter.h"
 
 #include "BundleTree.h"
-#include "FileTree.h"
+#include "platform/FileTree.h"
 
 #include <QFile>
 #include <QFileInfo>

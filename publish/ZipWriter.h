@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QString>
 

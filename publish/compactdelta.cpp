@@ -1,8 +1,8 @@
 #include "compactdelta.h"
 
-#include "deltainteger.h"
-#include "deltalayout.h"
-#include "matchlength.h"
+#include "delta/deltainteger.h"
+#include "delta/deltalayout.h"
+#include "generate/matchlength.h"
 
 #include <algorithm>
 #include <cstdint>

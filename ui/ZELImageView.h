@@ -1,7 +1,7 @@
 // A picture in a window.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QImage>
 #include <QWidget>

@@ -1,7 +1,7 @@
 // Placement of views: every view of the updater's window is put in its place by these few functions.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QtGlobal>
 

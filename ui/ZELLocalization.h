@@ -1,7 +1,7 @@
 // Texts by key: the tables of the updater's own texts and the one look-up that reads them.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QString>
 

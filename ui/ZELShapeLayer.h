@@ -1,7 +1,7 @@
 // A stroked path of which a part is shown, and the animations of that part.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QColor>
 #include <QMap>

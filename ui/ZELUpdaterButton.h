@@ -1,7 +1,7 @@
 // The push button of the updater's pages.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QWidget>
 

@@ -1,7 +1,7 @@
 // The page that is shown while the update server is asked.
 #pragma once
 
-#include "ZELUpdaterPage.h"
+#include <ZELUpdater/ZELUpdaterPage.h>
 
 class ZEL_EXPORT ZELUpdaterCheckingPage : public ZELUpdaterPage
 {

@@ -1,7 +1,7 @@
 // The page that is shown while an update is downloaded and made ready.
 #pragma once
 
-#include "ZELUpdaterPage.h"
+#include <ZELUpdater/ZELUpdaterPage.h>
 
 class ZEL_EXPORT ZELUpdaterDownloadPage : public ZELUpdaterPage
 {

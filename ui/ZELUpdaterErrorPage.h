@@ -1,7 +1,7 @@
 // The page that is shown after a failure.
 #pragma once
 
-#include "ZELUpdaterPage.h"
+#include <ZELUpdater/ZELUpdaterPage.h>
 
 class ZEL_EXPORT ZELUpdaterErrorPage : public ZELUpdaterPage
 {

@@ -1,7 +1,7 @@
 // A footer's upper edge.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QWidget>
 

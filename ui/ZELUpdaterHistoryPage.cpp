@@ -1,9 +1,9 @@
 #include "ZELUpdaterHistoryPage.h"
 
+#include "base/SafeText.h"
 #include "ButtonRow.h"
 #include "NotesView.h"
 #include "PageParts.h"
-#include "SafeText.h"
 #include "WebViewCast.h"
 #include "WindowGrip.h"
 #include "ZELUpdaterButton.h"

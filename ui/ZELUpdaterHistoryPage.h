@@ -1,7 +1,7 @@
 // The page that offers an update: its release notes, and Install, Skip and Later.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QByteArray>
 #include <QPointer>

@@ -1,7 +1,7 @@
 // The page that tells that there is no update.
 #pragma once
 
-#include "ZELUpdaterPage.h"
+#include <ZELUpdater/ZELUpdaterPage.h>
 
 class ZEL_EXPORT ZELUpdaterNoUpdatesPage : public ZELUpdaterPage
 {

@@ -1,7 +1,7 @@
 // What the pages around the application's icon share.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QWidget>
 

@@ -1,8 +1,8 @@
 // A ring that shows progress, or that the application is busy.
 #pragma once
 
-#include "ZELExport.h"
-#include "ZELShapeLayer.h"
+#include <ZELUpdater/ZELExport.h>
+#include <ZELUpdater/ZELShapeLayer.h>
 
 #include <QWidget>
 

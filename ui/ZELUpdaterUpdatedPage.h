@@ -1,7 +1,7 @@
 // The page that tells that an update was installed.
 #pragma once
 
-#include "ZELUpdaterPage.h"
+#include <ZELUpdater/ZELUpdaterPage.h>
 
 class ZEL_EXPORT ZELUpdaterUpdatedPage : public ZELUpdaterPage
 {

@@ -1,7 +1,7 @@
 // A dim background.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QWidget>
 

@@ -1,7 +1,7 @@
 // The updater's window: small, dark, without a frame.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QPointer>
 #include <QWidget>

@@ -1,7 +1,7 @@
 #include "OfferTexts.h"
 
-#include "SafeText.h"
-#include "ZELLocalization.h"
+#include "base/SafeText.h"
+#include "ui/ZELLocalization.h"
 
 #include <QGuiApplication>
 

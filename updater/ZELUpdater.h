@@ -2,9 +2,9 @@
 // Start reading here; docs/host-guide.md explains how a host uses it.
 #pragma once
 
-#include "ZELCompletions.h"
-#include "ZELExport.h"
-#include "ZELURLSessionTask.h"
+#include <ZELUpdater/ZELCompletions.h>
+#include <ZELUpdater/ZELExport.h>
+#include <ZELUpdater/ZELURLSessionTask.h>
 
 #include <QImage>
 #include <QLabel>
@@ -42,7 +42,7 @@ class UpdateInstaller;
 class ZEL_EXPORT ZELUpdater : public QObject
 {
     Q_OBJECT
-    Q_MOC_INCLUDE("PropertyTypes.h")
+    Q_MOC_INCLUDE("updater/PropertyTypes.h")
     Q_PROPERTY(ZELUpdaterWindow *window READ window WRITE setWindow)
     Q_PROPERTY(QWidget *currentPage READ currentPage WRITE setCurrentPage)
     Q_PROPERTY(ZELUpdaterButton *actionButton READ actionButton WRITE setActionButton)

@@ -1,14 +1,14 @@
 // How the updater checks, and how it offers what it found.
-#include "IntegerValue.h"
+#include "check/RequestBodies.h"
+#include "check/UpdateCheck.h"
+#include "check/UpdateStatus.h"
+#include "common/IntegerValue.h"
 #include "OfferTexts.h"
-#include "Queues.h"
-#include "RequestBodies.h"
-#include "UpdateCheck.h"
-#include "UpdateStatus.h"
-#include "ZELLayout.h"
-#include "ZELUpdaterButton.h"
-#include "ZELUpdaterProgressView.h"
-#include "ZELUpdaterView.h"
+#include "platform/Queues.h"
+#include "ui/ZELLayout.h"
+#include "ui/ZELUpdaterButton.h"
+#include "ui/ZELUpdaterProgressView.h"
+#include "ui/ZELUpdaterView.h"
 #include "ZELUpdaterViews.h"
 
 using namespace std::chrono_literals;

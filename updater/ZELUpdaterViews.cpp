@@ -1,12 +1,12 @@
 // The updater's window: its pages, their buttons, and the way from one page to the next.
 #include "ZELUpdaterViews.h"
 
-#include "DownloadFraction.h"
-#include "ZELImageView.h"
-#include "ZELLayout.h"
-#include "ZELLocalization.h"
-#include "ZELProgressIndicator.h"
-#include "ZELUpdaterButton.h"
+#include "install/DownloadFraction.h"
+#include "ui/ZELImageView.h"
+#include "ui/ZELLayout.h"
+#include "ui/ZELLocalization.h"
+#include "ui/ZELProgressIndicator.h"
+#include "ui/ZELUpdaterButton.h"
 
 #include <QApplication>
 #include <QKeyEvent>

@@ -1,14 +1,14 @@
 // What the updater makes for itself to show.
 #pragma once
 
+#include "ui/ZELUpdaterCheckingPage.h"
+#include "ui/ZELUpdaterDownloadPage.h"
+#include "ui/ZELUpdaterErrorPage.h"
+#include "ui/ZELUpdaterHistoryPage.h"
+#include "ui/ZELUpdaterNoUpdatesPage.h"
+#include "ui/ZELUpdaterUpdatedPage.h"
+#include "ui/ZELUpdaterWindow.h"
 #include "ZELUpdater.h"
-#include "ZELUpdaterCheckingPage.h"
-#include "ZELUpdaterDownloadPage.h"
-#include "ZELUpdaterErrorPage.h"
-#include "ZELUpdaterHistoryPage.h"
-#include "ZELUpdaterNoUpdatesPage.h"
-#include "ZELUpdaterUpdatedPage.h"
-#include "ZELUpdaterWindow.h"
 
 /// The pages go before the window that one of them may be in.
 struct ZELUpdater::Views {

@@ -1,10 +1,10 @@
 #include "bsdiff2.h"
 
-#include "deltainteger.h"
-#include "deltalayout.h"
+#include "delta/deltainteger.h"
+#include "delta/deltalayout.h"
+#include "delta/owned.h"
+#include "delta/readfile.h"
 #include "makedelta.h"
-#include "owned.h"
-#include "readfile.h"
 #include "sais_main.h"
 #include "scan.h"
 

@@ -1,7 +1,7 @@
 // Making a binary delta.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <cstddef>
 #include <filesystem>

@@ -1,7 +1,7 @@
 // Where the bisection of the sorted suffixes gets without looking at one.
 #pragma once
 
-#include "owned.h"
+#include "delta/owned.h"
 
 #include <array>
 #include <span>

@@ -12,7 +12,7 @@
 #include "sais.h"
 
 #include "alwaysassert.h"
-#include "owned.h"
+#include "delta/owned.h"
 #include "sais_main.h"
 
 #include <algorithm>

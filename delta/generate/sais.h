@@ -8,7 +8,7 @@
 // in release builds too.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <cstdint>
 

@@ -1,7 +1,7 @@
 // Searches that are made before the scan asks for them, on all processors.
 #pragma once
 
-#include "owned.h"
+#include "delta/owned.h"
 #include "suffixsearch.h"
 
 #include <condition_variable>

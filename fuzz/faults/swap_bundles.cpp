@@ -1,5 +1,5 @@
 // swap-bundles NEW INSTALLED: the example host's exchange of bundles as a program, so that faults can be put into it.
-#include "BundleSwap.h"
+#include "host/BundleSwap.h"
 
 #include <cstdio>
 

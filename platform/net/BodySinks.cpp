@@ -1,6 +1,6 @@
 #include "BodySinks.h"
 
-#include "DiskSpace.h"
+#include "base/DiskSpace.h"
 #include "URLSession.h"
 
 #include <QDir>

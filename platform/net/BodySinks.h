@@ -1,7 +1,7 @@
 // Where the bytes of a body go: to memory or to a file, each within bounds.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QByteArrayView>
 #include <QTemporaryFile>

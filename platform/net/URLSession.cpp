@@ -1,8 +1,8 @@
 #include "URLSession.h"
 
 #include "BodySinks.h"
-#include "Queues.h"
-#include "SessionThreads.h"
+#include "platform/Queues.h"
+#include "platform/SessionThreads.h"
 #include "URLTransfer.h"
 
 #include <limits>

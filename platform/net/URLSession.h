@@ -2,7 +2,7 @@
 // cache, no cookies), and a thread of its own that is the session's queue.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 #include "ZELURLSessionTask.h"
 
 #include <QByteArray>

@@ -1,6 +1,6 @@
 #include "URLTransfer.h"
 
-#include "DDLog.h"
+#include "common/DDLog.h"
 
 #include <QNetworkProxy>
 

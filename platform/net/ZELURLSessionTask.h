@@ -1,7 +1,7 @@
 // A running transfer, such as the download of an update, as a host sees it.
 #pragma once
 
-#include "ZELExport.h"
+#include <ZELUpdater/ZELExport.h>
 
 #include <QtGlobal>
 

@@ -1,6 +1,6 @@
 #include "BundleScan.h"
 
-#include "RealFolder.h"
+#include "platform/RealFolder.h"
 
 #include <cerrno>
 #include <climits>

@@ -1,7 +1,7 @@
 // What is really in a bundle. Below the bundle's own path no link is ever followed.
 #pragma once
 
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
 #include "SealedItems.h"
 
 namespace zel {

@@ -1,8 +1,8 @@
 // The seal of a bundle: a signed list of everything in it. docs/bundle-seal.md describes the two files.
 #pragma once
 
+#include "common/ZELError.h"
 #include "SignerPins.h"
-#include "ZELError.h"
 
 #include <QString>
 

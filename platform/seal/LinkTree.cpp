@@ -1,6 +1,6 @@
 #include "LinkTree.h"
 
-#include "PathNames.h"
+#include "platform/PathNames.h"
 
 #include <QByteArrayList>
 

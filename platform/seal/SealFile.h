@@ -1,8 +1,8 @@
 // A file that is replaced together with another.
 #pragma once
 
-#include "FileDescriptor.h"
-#include "ZELError.h"
+#include "base/FileDescriptor.h"
+#include "common/ZELError.h"
 
 #include <QByteArray>
 

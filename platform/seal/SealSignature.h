@@ -1,8 +1,8 @@
 // Detached CMS signatures (RFC 5652) over a seal's list of items.
 #pragma once
 
+#include "common/ZELError.h"
 #include "SignerPins.h"
-#include "ZELError.h"
 
 #include <QByteArray>
 #include <QString>

@@ -1,6 +1,6 @@
 #include "SealSigner.h"
 
-#include "BundleInfo.h"
+#include "platform/BundleInfo.h"
 #include "SealedBundle.h"
 
 #include <QFile>

@@ -1,7 +1,7 @@
 #include "SealedItems.h"
 
+#include "base/SafeText.h"
 #include "LinkTree.h"
-#include "SafeText.h"
 
 #include <algorithm>
 #include <cstdlib>

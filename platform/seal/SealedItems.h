@@ -1,7 +1,7 @@
 // The list of a bundle's items that a seal is made over. Nothing here touches the disk.
 #pragma once
 
-#include "ZELError.h"
+#include "common/ZELError.h"
 
 #include <QByteArray>
 #include <QByteArrayList>

@@ -1,6 +1,6 @@
 #include "SignerPins.h"
 
-#include "DDLog.h"
+#include "common/DDLog.h"
 
 #include <QJsonArray>
 #include <QJsonValue>

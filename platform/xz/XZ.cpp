@@ -1,7 +1,7 @@
 #include "XZ.h"
 
-#include "LargePages.h"
-#include "Parallel.h"
+#include "base/LargePages.h"
+#include "platform/Parallel.h"
 #include "XZParts.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "XZBlocks.h"
 
-#include "Parallel.h"
+#include "platform/Parallel.h"
 #include "XZ.h"
 #include "XZParts.h"
 

@@ -1,4 +1,4 @@
-#include "SafeText.h"
+#include "base/SafeText.h"
 
 #include <QtTest>
 

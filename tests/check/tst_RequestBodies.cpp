@@ -1,4 +1,4 @@
-#include "RequestBodies.h"
+#include "check/RequestBodies.h"
 
 #include <QDir>
 #include <QJsonArray>

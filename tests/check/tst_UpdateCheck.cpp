@@ -1,8 +1,8 @@
-#include "Queues.h"
-#include "TemporaryTree.h"
-#include "TestServer.h"
-#include "UpdateCheck.h"
-#include "UpdateStatus.h"
+#include "check/UpdateCheck.h"
+#include "check/UpdateStatus.h"
+#include "platform/Queues.h"
+#include "support/TemporaryTree.h"
+#include "support/TestServer.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

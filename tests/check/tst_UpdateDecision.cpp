@@ -1,6 +1,6 @@
-#include "LogCapture.h"
+#include "support/LogCapture.h"
 
-#include "UpdateDecision.h"
+#include "check/UpdateDecision.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -1,5 +1,5 @@
-#include "DDLog.h"
-#include "NoThreads.h"
+#include "common/DDLog.h"
+#include "support/NoThreads.h"
 
 #include <QtTest>
 

@@ -1,4 +1,4 @@
-#include "IntegerValue.h"
+#include "common/IntegerValue.h"
 
 #include <QJsonDocument>
 #include <QJsonValue>

@@ -1,9 +1,9 @@
-#include "bspatch2.h"
-#include "readfile.h"
+#include "delta/bspatch2.h"
+#include "delta/readfile.h"
 
-#include "CapturedOutput.h"
-#include "DeltaSupport.h"
-#include "TemporaryTree.h"
+#include "support/CapturedOutput.h"
+#include "support/DeltaSupport.h"
+#include "support/TemporaryTree.h"
 
 #include <cstdlib>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
-#include "../../examples/host/BundleSwap.h"
+#include "host/BundleSwap.h"
 
-#include "TemporaryTree.h"
+#include "support/TemporaryTree.h"
 
 #include <cstdio>
 #include <dirent.h>

@@ -1,12 +1,12 @@
-#include "bsdiff2.h"
-#include "bspatch2.h"
+#include "delta/bspatch2.h"
+#include "generate/bsdiff2.h"
 
-#include "CapturedOutput.h"
-#include "compactdelta.h"
-#include "DeltaSupport.h"
-#include "PlainScan.h"
-#include "RepetitiveText.h"
-#include "TemporaryTree.h"
+#include "publish/compactdelta.h"
+#include "support/CapturedOutput.h"
+#include "support/DeltaSupport.h"
+#include "support/PlainScan.h"
+#include "support/RepetitiveText.h"
+#include "support/TemporaryTree.h"
 
 #include <fcntl.h>
 #include <QtTest>
@@ -196,7 +196,7 @@ private slots:
         CapturedStream errors(stderr);
         QCOMPARE(bsdiff(3, arguments), -1);
         QCOMPARE(bsdiff(5, arguments), -1);
-        const QByteArray line("tst_delta_bsdiff2: usage: differ oldfile newfile patchfile\n\n");
+        const QByteArray line("tst_generate_bsdiff2: usage: differ oldfile newfile patchfile\n\n");
         QCOMPARE(errors.text(), line + line);
     }
 
@@ -243,7 +243,7 @@ private slots:
         CapturedStream errors(stderr);
         const int result = diffTo(old, fresh, patch);
         const bool made = !patch.startsWith('/') && patch != "pipe" && QFile::exists(patch);
-        QByteArray expected = "tst_delta_bsdiff2: " + message + '\n';
+        QByteArray expected = "tst_generate_bsdiff2: " + message + '\n';
         if (patch == "patch") { // what has nothing to do with the patch file fails alike without one
             expected += expected;
             QVERIFY(!diff(old, fresh));

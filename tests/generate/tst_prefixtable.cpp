@@ -1,7 +1,7 @@
-#include "prefixtable.h"
-#include "sais.h"
+#include "generate/prefixtable.h"
+#include "generate/sais.h"
 
-#include "DeltaSupport.h"
+#include "support/DeltaSupport.h"
 
 #include <cstring>
 #include <QtTest>

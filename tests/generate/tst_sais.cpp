@@ -1,9 +1,9 @@
-#include "sais.h"
-#include "sais_main.h"
+#include "generate/sais.h"
+#include "generate/sais_main.h"
 
-#include "CapturedOutput.h"
-#include "DeltaSupport.h"
-#include "RepetitiveText.h"
+#include "support/CapturedOutput.h"
+#include "support/DeltaSupport.h"
+#include "support/RepetitiveText.h"
 
 #include <algorithm>
 #include <csignal>

@@ -1,12 +1,12 @@
-#include "bsdiff2.h"
-#include "LogCapture.h"
-#include "MD5FromData.h"
-#include "PatchBuilder.h"
-#include "PatchFile.h"
-#include "TemporaryTree.h"
-#include "XZBlocks.h"
-#include "ZELUpdaterApplyPatch.h"
-#include "ZELUpdaterTestPatch.h"
+#include "generate/bsdiff2.h"
+#include "install/MD5FromData.h"
+#include "install/PatchFile.h"
+#include "install/ZELUpdaterApplyPatch.h"
+#include "install/ZELUpdaterTestPatch.h"
+#include "support/LogCapture.h"
+#include "support/PatchBuilder.h"
+#include "support/TemporaryTree.h"
+#include "xz/XZBlocks.h"
 
 #include <QRegularExpression>
 #include <sys/resource.h>

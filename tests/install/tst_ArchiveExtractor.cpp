@@ -1,8 +1,8 @@
-#include "ArchiveExtractor.h"
-#include "DeepFolder.h"
-#include "LogCapture.h"
-#include "TemporaryTree.h"
-#include "ZipMaker.h"
+#include "install/ArchiveExtractor.h"
+#include "support/DeepFolder.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryTree.h"
+#include "support/ZipMaker.h"
 
 #include <csignal>
 #include <QtTest>

@@ -1,7 +1,7 @@
-#include "MD5Digest.h"
-#include "MD5FromData.h"
-#include "TemporaryTree.h"
-#include "ZELUpdaterEscapeString.h"
+#include "install/MD5Digest.h"
+#include "install/MD5FromData.h"
+#include "install/ZELUpdaterEscapeString.h"
+#include "support/TemporaryTree.h"
 
 #include <openssl/evp.h>
 #include <QCryptographicHash>

@@ -1,6 +1,6 @@
-#include "PayloadBlocks.h"
+#include "install/PayloadBlocks.h"
 
-#include "deltainteger.h"
+#include "delta/deltainteger.h"
 
 #include <QtTest>
 

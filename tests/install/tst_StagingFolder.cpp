@@ -1,5 +1,5 @@
-#include "StagingFolder.h"
-#include "TemporaryTree.h"
+#include "install/StagingFolder.h"
+#include "support/TemporaryTree.h"
 
 using namespace zel;
 

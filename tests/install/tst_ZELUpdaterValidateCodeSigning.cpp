@@ -1,8 +1,8 @@
-#include "ZELUpdaterValidateCodeSigning.h"
+#include "install/ZELUpdaterValidateCodeSigning.h"
 
-#include "BundleSeal.h"
-#include "TemporaryTree.h"
-#include "TestCertificate.h"
+#include "seal/BundleSeal.h"
+#include "support/TemporaryTree.h"
+#include "support/TestCertificate.h"
 
 class tst_ZELUpdaterValidateCodeSigning : public QObject
 {

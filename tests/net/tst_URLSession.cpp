@@ -1,12 +1,12 @@
-#include "DDLog.h"
-#include "NoThreads.h"
-#include "Parallel.h"
-#include "Queues.h"
-#include "TemporaryTree.h"
-#include "TestCertificate.h"
-#include "TestServer.h"
-#include "TransferClock.h"
-#include "URLSession.h"
+#include "common/DDLog.h"
+#include "net/TransferClock.h"
+#include "net/URLSession.h"
+#include "platform/Parallel.h"
+#include "platform/Queues.h"
+#include "support/NoThreads.h"
+#include "support/TemporaryTree.h"
+#include "support/TestCertificate.h"
+#include "support/TestServer.h"
 
 #include <QNetworkProxy>
 #include <QProcess>

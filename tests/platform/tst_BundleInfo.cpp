@@ -1,7 +1,7 @@
-#include "BundleInfo.h"
-#include "ProgramFile.h"
-#include "PropertyList.h"
-#include "TemporaryTree.h"
+#include "platform/BundleInfo.h"
+#include "platform/ProgramFile.h"
+#include "platform/PropertyList.h"
+#include "support/TemporaryTree.h"
 
 #include <QtEndian>
 

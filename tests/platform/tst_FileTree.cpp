@@ -1,6 +1,6 @@
-#include "DeepFolder.h"
-#include "FileTree.h"
-#include "TemporaryTree.h"
+#include "platform/FileTree.h"
+#include "support/DeepFolder.h"
+#include "support/TemporaryTree.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>

@@ -1,4 +1,4 @@
-#include "Parallel.h"
+#include "platform/Parallel.h"
 
 #include <algorithm>
 #include <mutex>

@@ -1,8 +1,8 @@
-#include "FileDescriptor.h"
-#include "Parallel.h"
-#include "Queues.h"
-#include "SessionThreads.h"
-#include "SignalShield.h"
+#include "base/FileDescriptor.h"
+#include "base/SignalShield.h"
+#include "platform/Parallel.h"
+#include "platform/Queues.h"
+#include "platform/SessionThreads.h"
 
 #include <QtTest>
 

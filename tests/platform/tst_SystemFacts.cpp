@@ -1,5 +1,5 @@
-#include "SystemFacts.h"
-#include "TemporaryTree.h"
+#include "platform/SystemFacts.h"
+#include "support/TemporaryTree.h"
 
 using zel::SystemVersion;
 

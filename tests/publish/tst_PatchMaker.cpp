@@ -1,7 +1,7 @@
-#include "PatchFile.h"
-#include "PatchMaker.h"
-#include "TemporaryTree.h"
-#include "ZELUpdaterApplyPatch.h"
+#include "install/PatchFile.h"
+#include "install/ZELUpdaterApplyPatch.h"
+#include "publish/PatchMaker.h"
+#include "support/TemporaryTree.h"
 
 #include <QRandomGenerator>
 #include <QRegularExpression>

@@ -1,6 +1,6 @@
-#include "compactdelta.h"
+#include "publish/compactdelta.h"
 
-#include "DeltaSupport.h"
+#include "support/DeltaSupport.h"
 
 #include <QtTest>
 

@@ -1,11 +1,11 @@
-#include "BundleInfo.h"
-#include "BundleSeal.h"
-#include "SealedBundle.h"
-#include "SealedItems.h"
-#include "SealFile.h"
-#include "SealSignature.h"
-#include "TemporaryTree.h"
-#include "TestCertificate.h"
+#include "platform/BundleInfo.h"
+#include "seal/BundleSeal.h"
+#include "seal/SealedBundle.h"
+#include "seal/SealedItems.h"
+#include "seal/SealFile.h"
+#include "seal/SealSignature.h"
+#include "support/TemporaryTree.h"
+#include "support/TestCertificate.h"
 
 #include <filesystem>
 #include <openssl/cms.h>

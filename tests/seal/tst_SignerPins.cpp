@@ -1,5 +1,5 @@
-#include "LogCapture.h"
-#include "SignerPins.h"
+#include "seal/SignerPins.h"
+#include "support/LogCapture.h"
 
 #include <QJsonArray>
 #include <QSet>

@@ -1,7 +1,7 @@
 // Folders nested more deeply than a path can say.
 #pragma once
 
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
 
 #include <fcntl.h>
 #include <QByteArray>

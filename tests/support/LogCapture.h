@@ -1,7 +1,7 @@
 // Collects what is logged while it lives.
 #pragma once
 
-#include "DDLog.h"
+#include "common/DDLog.h"
 
 #include <QCoreApplication>
 #include <QMutex>

@@ -1,10 +1,10 @@
 // The generator's scan as it is published, without any short cut: the measure for the real one.
 #pragma once
 
-#include "deltainteger.h"
-#include "deltalayout.h"
-#include "sais.h"
-#include "scan.h"
+#include "delta/deltainteger.h"
+#include "delta/deltalayout.h"
+#include "generate/sais.h"
+#include "generate/scan.h"
 
 #include <algorithm>
 #include <cstring>

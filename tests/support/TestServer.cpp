@@ -1,6 +1,6 @@
 #include "TestServer.h"
 
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
 
 #include <QSslSocket>
 #include <QTcpServer>

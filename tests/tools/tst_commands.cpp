@@ -1,7 +1,7 @@
 // The command line as scripts see it: exit statuses, what goes to which stream, the JSON forms.
-#include "PatchBuilder.h"
-#include "TemporaryTree.h"
-#include "TestCertificate.h"
+#include "support/PatchBuilder.h"
+#include "support/TemporaryTree.h"
+#include "support/TestCertificate.h"
 
 #include <QCryptographicHash>
 #include <QJsonArray>

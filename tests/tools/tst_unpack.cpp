@@ -1,8 +1,8 @@
 // zel-unpack run as a program, on good, broken and hostile archives.
-#include "Survey.h"
-#include "TemporaryTree.h"
-#include "ZipMaker.h"
-#include "ZipWriter.h"
+#include "publish/ZipWriter.h"
+#include "support/TemporaryTree.h"
+#include "support/ZipMaker.h"
+#include "zel-unpack/Survey.h"
 
 #include <archive.h>
 #include <archive_entry.h>

@@ -1,5 +1,5 @@
-#include "FrameLayout.h"
-#include "ZELLayout.h"
+#include "ui/FrameLayout.h"
+#include "ui/ZELLayout.h"
 
 #include <QLabel>
 #include <QtTest>

@@ -1,4 +1,4 @@
-#include "ZELLocalization.h"
+#include "ui/ZELLocalization.h"
 
 #include <QCoreApplication>
 #include <QTranslator>

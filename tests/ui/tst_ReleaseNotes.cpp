@@ -1,8 +1,8 @@
-#include "../../ui/notes/NotesReach.h"
-#include "TestServer.h"
-#include "ZELUpdaterButton.h"
-#include "ZELUpdaterHistoryPage.h"
-#include "ZELUpdaterWindow.h"
+#include "notes/NotesReach.h"
+#include "support/TestServer.h"
+#include "ui/ZELUpdaterButton.h"
+#include "ui/ZELUpdaterHistoryPage.h"
+#include "ui/ZELUpdaterWindow.h"
 
 #include <QBuffer>
 #include <QDesktopServices>

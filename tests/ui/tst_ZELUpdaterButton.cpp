@@ -1,7 +1,7 @@
-#include "AccessibilityLog.h"
-#include "HighContrast.h"
-#include "Rendering.h"
-#include "ZELUpdaterButton.h"
+#include "support/AccessibilityLog.h"
+#include "support/Rendering.h"
+#include "ui/HighContrast.h"
+#include "ui/ZELUpdaterButton.h"
 
 #include <QAccessible>
 #include <QGraphicsOpacityEffect>

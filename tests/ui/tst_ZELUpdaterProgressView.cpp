@@ -1,7 +1,7 @@
-#include "AccessibilityLog.h"
-#include "AnimationTimer.h"
-#include "Rendering.h"
-#include "ZELUpdaterProgressView.h"
+#include "support/AccessibilityLog.h"
+#include "support/Rendering.h"
+#include "ui/AnimationTimer.h"
+#include "ui/ZELUpdaterProgressView.h"
 
 #include <cmath>
 

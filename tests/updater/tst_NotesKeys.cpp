@@ -1,9 +1,9 @@
 // The keys of the page with the release notes, whose web view has a focus of its own.
-#include "ZELLocalization.h"
-#include "ZELUpdater.h"
-#include "ZELUpdaterButton.h"
-#include "ZELUpdaterHistoryPage.h"
-#include "ZELUpdaterWindow.h"
+#include "ui/ZELLocalization.h"
+#include "ui/ZELUpdaterButton.h"
+#include "ui/ZELUpdaterHistoryPage.h"
+#include "ui/ZELUpdaterWindow.h"
+#include "updater/ZELUpdater.h"
 
 #include <QApplication>
 #include <QSignalSpy>

@@ -1,5 +1,5 @@
-#include "XZ.h"
-#include "XZBlocks.h"
+#include "xz/XZ.h"
+#include "xz/XZBlocks.h"
 
 #include <QtEndian>
 #include <QtTest>

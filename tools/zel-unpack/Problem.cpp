@@ -1,6 +1,6 @@
 #include "Problem.h"
 
-#include "SafeText.h"
+#include "base/SafeText.h"
 
 #include <cerrno>
 #include <system_error>

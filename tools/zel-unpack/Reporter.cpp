@@ -1,6 +1,6 @@
 #include "Reporter.h"
 
-#include "ToolReport.h"
+#include "base/ToolReport.h"
 
 #include <cerrno>
 #include <charconv>

@@ -1,6 +1,6 @@
 #include "Spool.h"
 
-#include "DiskSpace.h"
+#include "base/DiskSpace.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 // The archive on disk: a pipe cannot be read from its end, where a zip archive keeps its directory.
 #pragma once
 
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
 #include "Problem.h"
 
 #include <cstdint>

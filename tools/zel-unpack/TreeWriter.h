@@ -1,7 +1,7 @@
 // Files, folders and links below one folder, which no path leads out of.
 #pragma once
 
-#include "FileDescriptor.h"
+#include "base/FileDescriptor.h"
 #include "Problem.h"
 #include "ZipDirectory.h"
 

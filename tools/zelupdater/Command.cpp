@@ -1,6 +1,6 @@
 #include "Command.h"
 
-#include "SafeText.h"
+#include "base/SafeText.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

@@ -1,9 +1,9 @@
-#include "bspatch2.h"
 #include "Commands.h"
-#include "FileTree.h"
-#include "Interrupt.h"
-#include "makedelta.h"
-#include "MD5Digest.h"
+#include "delta/bspatch2.h"
+#include "generate/makedelta.h"
+#include "install/MD5Digest.h"
+#include "platform/FileTree.h"
+#include "publish/Interrupt.h"
 
 #include <QFile>
 #include <QFileInfo>

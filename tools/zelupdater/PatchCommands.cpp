@@ -1,11 +1,11 @@
 #include "Commands.h"
-#include "FileTree.h"
-#include "Interrupt.h"
-#include "PatchFile.h"
-#include "PatchLog.h"
-#include "PatchMaker.h"
-#include "ZELUpdaterApplyPatch.h"
-#include "ZELUpdaterTestPatch.h"
+#include "install/PatchFile.h"
+#include "install/PatchLog.h"
+#include "install/ZELUpdaterApplyPatch.h"
+#include "install/ZELUpdaterTestPatch.h"
+#include "platform/FileTree.h"
+#include "publish/Interrupt.h"
+#include "publish/PatchMaker.h"
 
 #include <QDir>
 #include <QFileInfo>

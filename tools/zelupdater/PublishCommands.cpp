@@ -1,6 +1,6 @@
 #include "Commands.h"
-#include "ReleaseFolder.h"
-#include "UpdateServer.h"
+#include "publish/ReleaseFolder.h"
+#include "publish/UpdateServer.h"
 
 #include <QDir>
 #include <QFileInfo>

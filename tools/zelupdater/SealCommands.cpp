@@ -1,8 +1,8 @@
-#include "BundleInfo.h"
-#include "BundleSeal.h"
 #include "Commands.h"
-#include "Interrupt.h"
-#include "SealSigner.h"
+#include "platform/BundleInfo.h"
+#include "publish/Interrupt.h"
+#include "seal/BundleSeal.h"
+#include "seal/SealSigner.h"
 
 #include <QJsonArray>
 #include <QJsonObject>

@@ -1,7 +1,7 @@
 #include "ToolLog.h"
 
-#include "DDLog.h"
-#include "SafeText.h"
+#include "base/SafeText.h"
+#include "common/DDLog.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,11 +1,11 @@
-#include "BundleInfo.h"
+#include "check/UpdateCheck.h"
+#include "check/UpdateDecision.h"
+#include "check/UpdateStatus.h"
 #include "Commands.h"
-#include "IntegerValue.h"
+#include "common/IntegerValue.h"
+#include "platform/BundleInfo.h"
 #include "ToolLog.h"
-#include "UpdateCheck.h"
-#include "UpdateDecision.h"
 #include "UpdateRun.h"
-#include "UpdateStatus.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -1,14 +1,14 @@
 #include "UpdateRun.h"
 
+#include "check/UpdateCheck.h"
+#include "check/UpdateStatus.h"
 #include "Command.h"
-#include "DownloadFraction.h"
-#include "IntegerValue.h"
-#include "Queues.h"
-#include "SignerPins.h"
-#include "StagingFolder.h"
+#include "common/IntegerValue.h"
+#include "install/DownloadFraction.h"
+#include "install/StagingFolder.h"
+#include "platform/Queues.h"
+#include "seal/SignerPins.h"
 #include "ToolLog.h"
-#include "UpdateCheck.h"
-#include "UpdateStatus.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -1,8 +1,8 @@
 // A whole update without a window: check, download, install, each step told in a line.
 #pragma once
 
-#include "Interrupt.h"
-#include "UpdateInstaller.h"
+#include "install/UpdateInstaller.h"
+#include "publish/Interrupt.h"
 
 #include <QString>
 #include <QVariantMap>

@@ -1,6 +1,6 @@
 // zelupdater: makes, applies, inspects and serves updates.
 #include "Command.h"
-#include "Interrupt.h"
+#include "publish/Interrupt.h"
 #include "ToolLog.h"
 
 #include <QCoreApplication>

@@ -1,9 +1,9 @@
 // The module: a NotesView over the web engine.
+#include "base/ZELExport.h"
 #include "EngineObstacle.h"
 #include "NotesPage.h"
 #include "NotesProfile.h"
-#include "NotesView.h"
-#include "ZELExport.h"
+#include "ui/NotesView.h"
 
 #include <QCoreApplication>
 #include <QLoggingCategory>

@@ -1,7 +1,7 @@
 #include "NotesParts.h"
 
+#include "common/UserLanguages.h"
 #include "NotesProfile.h"
-#include "UserLanguages.h"
 
 #include <QBuffer>
 #include <QHostInfo>

@@ -1,6 +1,6 @@
 #include "NotesProfile.h"
 
-#include "UserLanguages.h"
+#include "common/UserLanguages.h"
 
 #include <QBuffer>
 #include <QWebEngineScript>

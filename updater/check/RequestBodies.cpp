@@ -1,7 +1,7 @@
 #include "RequestBodies.h"
 
-#include "IntegerValue.h"
-#include "PatchLog.h"
+#include "common/IntegerValue.h"
+#include "install/PatchLog.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

@@ -1,7 +1,7 @@
 // The JSON bodies of the requests that go to the update server. docs/update-protocol.md describes them.
 #pragma once
 
-#include "SystemFacts.h"
+#include "platform/SystemFacts.h"
 
 #include <QByteArray>
 #include <QString>

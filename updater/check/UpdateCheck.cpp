@@ -1,12 +1,12 @@
 #include "UpdateCheck.h"
 
-#include "BundleInfo.h"
-#include "DDLog.h"
-#include "Queues.h"
+#include "common/DDLog.h"
+#include "common/UserLanguages.h"
+#include "net/URLSession.h"
+#include "platform/BundleInfo.h"
+#include "platform/Queues.h"
 #include "UpdateDecision.h"
 #include "UpdateStatus.h"
-#include "URLSession.h"
-#include "UserLanguages.h"
 
 #include <new>
 

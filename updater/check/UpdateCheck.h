@@ -1,7 +1,7 @@
 // The update check: one request, one decision, one report.
 #pragma once
 
-#include "ZELCompletions.h"
+#include "common/ZELCompletions.h"
 
 #include <QUrl>
 

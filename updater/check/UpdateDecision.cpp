@@ -1,8 +1,8 @@
 #include "UpdateDecision.h"
 
-#include "BoundedJson.h"
-#include "DDLog.h"
-#include "IntegerValue.h"
+#include "common/DDLog.h"
+#include "common/IntegerValue.h"
+#include "platform/BoundedJson.h"
 #include "UpdateStatus.h"
 
 #include <QJsonArray>
