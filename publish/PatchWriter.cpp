@@ -1,4 +1,4 @@
-#include "PayloadBlocks.h"
+#include "PatchWriter.h"
 
 #include "delta/deltainteger.h"
 #include "delta/deltalayout.h"

@@ -1,7 +1,7 @@
 // How a payload is divided for compression.
 #pragma once
 
-#include "PatchFile.h"
+#include "install/PatchFile.h"
 #include "xz/XZBlocks.h"
 
 #include <vector>

@@ -1,4 +1,4 @@
-#include "install/PayloadBlocks.h"
+#include "publish/PatchWriter.h"
 
 #include "delta/deltainteger.h"
 
@@ -49,7 +49,7 @@ using Blocks = QList<std::pair<qsizetype, XZContent>>;
 
 Q_DECLARE_METATYPE(Payload)
 
-class tst_PayloadBlocks : public QObject
+class tst_PatchWriter : public QObject
 {
     Q_OBJECT
 private slots:
@@ -125,5 +125,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(tst_PayloadBlocks)
-#include "tst_PayloadBlocks.moc"
+QTEST_GUILESS_MAIN(tst_PatchWriter)
+#include "tst_PatchWriter.moc"
