@@ -7,6 +7,7 @@
 #include "install/PatchFile.h"
 #include "install/ZELUpdaterApplyPatch.h"
 #include "PatchBytes.h"
+#include "publish/PatchWriter.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -75,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     FuzzedDataProvider input(data, size);
     QJsonArray commands;
     while (input.remaining_bytes() > 0 && commands.size() < 12)
-        commands.append(commandFrom(input, fixture).toJson());
+        commands.append(manifestEntry(commandFrom(input, fixture)));
     const QJsonDocument manifest(QJsonObject{{QLatin1String("commands"), commands}});
     const QByteArray patch = patchBytes(manifest.toJson(), fixture.payload);
     std::filesystem::remove_all(sandbox.inside());

@@ -1,7 +1,6 @@
 #include "PatchFile.h"
 
 #include "common/IntegerValue.h"
-#include "PayloadBlocks.h"
 #include "platform/BoundedJson.h"
 #include "platform/FileTree.h"
 #include "xz/XZ.h"
@@ -34,11 +33,6 @@ PatchAction actionOf(const QJsonArray &words)
     return PatchAction::None;
 }
 
-bool usesPayload(PatchAction action)
-{
-    return action == PatchAction::Add || action == PatchAction::Patch;
-}
-
 // A header that is not text states no length, which is a length of 0.
 qint64 manifestLength(QByteArrayView header)
 {
@@ -55,17 +49,6 @@ ZELError judgeCount(qint64 count)
                                     .arg(PatchFile::CommandLimit));
 }
 
-ZELError judgeNames(const std::vector<PatchCommand> &commands)
-{
-    qint64 names = 0;
-    for (const PatchCommand &command : commands)
-        names += command.path.count(u'/') + 1;
-    return names <= PatchFile::NameLimit
-        ? ZELError()
-        : ZELError::withMessage(QStringLiteral("its paths have more than the %1 names that a patch may have")
-                                    .arg(PatchFile::NameLimit));
-}
-
 ZELError readCommands(const QByteArray &manifest, std::vector<PatchCommand> &commands)
 {
     QJsonDocument document;
@@ -78,15 +61,7 @@ ZELError readCommands(const QByteArray &manifest, std::vector<PatchCommand> &com
     commands.reserve(size_t(values.size()));
     for (const QJsonValue value : values)
         commands.push_back(PatchCommand::fromJson(value));
-    return judgeNames(commands);
-}
-
-QByteArray manifestOf(const std::vector<PatchCommand> &commands)
-{
-    QJsonArray list;
-    for (const PatchCommand &command : commands)
-        list.append(command.toJson());
-    return QJsonDocument(QJsonObject{{QLatin1String("commands"), list}}).toJson(QJsonDocument::Compact);
+    return PatchFile::judgeCommands(commands);
 }
 
 ZELError readPayload(QByteArrayView compressed, const PatchFile::Reading &reading, LargeBuffer &payload)
@@ -104,22 +79,6 @@ ZELError readPayload(QByteArrayView compressed, const PatchFile::Reading &readin
     if (!size || !decompressXZ(compressed, payload.data(), *size))
         return ZELError::withMessage(QStringLiteral("its payload does not decompress"));
     return {};
-}
-
-// A file whose size is a multiple of 32768 has no hash to check it by (MD5FromData.h), so a patch never has such a size:
-// white space that means nothing is added to its manifest. It is uneven, since one blank after the other would add
-// nothing to what is compressed.
-std::optional<QByteArray> compressManifest(QByteArray json, qsizetype payloadSize)
-{
-    constexpr qsizetype hashedChunk = 32768;
-    quint32 state = 1;
-    std::optional<QByteArray> compressed = compressXZ(json);
-    while (compressed && (PatchFile::HeaderSize + compressed->size() + payloadSize) % hashedChunk == 0) {
-        state = state * 1664525 + 1013904223;
-        json += " \t\r\n"[state >> 30];
-        compressed = compressXZ(json);
-    }
-    return compressed;
 }
 
 } // namespace
@@ -143,22 +102,8 @@ PatchCommand PatchCommand::fromJson(const QJsonValue &value)
     return command;
 }
 
-QJsonValue PatchCommand::toJson() const
-{
-    QJsonObject object{{QLatin1String("actions"), QJsonArray{wordOf(action)}}, {QLatin1String("path"), path}};
-    if (action == PatchAction::CreateSymlink)
-        object[QLatin1String("symlink")] = symlink;
-    if (usesPayload(action)) {
-        object[QLatin1String("position")] = position;
-        object[QLatin1String("length")] = length;
-    }
-    if (hash)
-        object[QLatin1String("hash")] = *hash;
-    return object;
-}
-
-// A delta has a byte for each that it gives, so that of large files that hardly change there is a large payload of
-// hardly anything. Beyond them the worst of what is worth compressing is known.
+// A delta has a byte for each that it gives, so that of large files that hardly change there is a large
+// payload of hardly anything. Beyond them the worst of what is worth compressing is known.
 qint64 PatchFile::Reading::payloadLimit(qint64 compressed) const
 {
     constexpr qint64 base = qint64(32) << 20;
@@ -197,35 +142,25 @@ try {
     return ZELError::withMessage(QLatin1String("memory is exhausted by the patch ") + path);
 }
 
+ZELError PatchFile::judgeCommands(const std::vector<PatchCommand> &commands)
+{
+    if (const ZELError error = judgeCount(qint64(commands.size())))
+        return error;
+    qint64 names = 0;
+    for (const PatchCommand &command : commands)
+        names += command.path.count(u'/') + 1;
+    return names <= NameLimit
+        ? ZELError()
+        : ZELError::withMessage(
+            QStringLiteral("its paths have more than the %1 names that a patch may have").arg(NameLimit));
+}
+
 std::optional<QByteArrayView> PatchFile::slice(const PatchCommand &command) const
 {
     if (command.position < 0 || command.length < 0 || command.position > payload.size()
         || command.length > payload.size() - command.position)
         return std::nullopt;
     return payload.sliced(command.position, command.length);
-}
-
-ZELError PatchFile::encode(const std::vector<PatchCommand> &commands, QByteArrayView payload, qint64 memory,
-                           QByteArray &result)
-{
-    if (const ZELError error = judgeCount(qint64(commands.size())))
-        return error;
-    if (const ZELError error = judgeNames(commands))
-        return error;
-    try {
-        const QByteArray manifest = manifestOf(commands);
-        constexpr qsizetype blanks = 1024; // which may be added yet
-        if (manifest.size() > ManifestLimit - blanks)
-            return ZELError::withMessage(QStringLiteral("its list of commands takes more than 16 MiB"));
-        const std::optional<QByteArray> second = compressXZBlocks(payloadBlocks(commands, payload), memory);
-        const auto first = second ? compressManifest(manifest, second->size()) : std::nullopt;
-        if (first) {
-            result = QByteArray::number(first->size()).leftJustified(HeaderSize, '\0') + *first + *second;
-            return {};
-        }
-    } catch (const std::bad_alloc &) {
-    }
-    return ZELError::withMessage(QStringLiteral("memory is exhausted"));
 }
 
 } // namespace zel

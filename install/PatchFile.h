@@ -1,4 +1,5 @@
-// The bundle patch file, taken apart. docs/bundle-patch-format.md describes it.
+// The bundle patch file, taken apart. docs/bundle-patch-format.md describes it; publish/PatchWriter.h writes
+// it.
 #pragma once
 
 #include "common/ZELError.h"
@@ -19,8 +20,8 @@ enum class PatchAction { None, DeleteSymlink, CreateSymlink, Delete, AddDirector
 /// The action's word in a manifest; empty for None.
 QLatin1String wordOf(PatchAction action);
 
-/// One command of a manifest. A command performs one action: of the words in its "actions", the first in the order
-/// of the enumeration above; with none of them it does nothing.
+/// One command of a manifest. A command performs one action: of the words in its "actions", the first in the
+/// order of the enumeration above; with none of them it does nothing.
 struct PatchCommand {
     PatchAction action = PatchAction::None;
     QString path;
@@ -30,7 +31,6 @@ struct PatchCommand {
     std::optional<QString> hash; ///< missing is not the same as empty: a missing hash matches nothing
 
     static PatchCommand fromJson(const QJsonValue &value);
-    QJsonValue toJson() const;
 };
 
 struct PatchFile {
@@ -55,20 +55,18 @@ struct PatchFile {
     qint64 manifestSize = 0; ///< bytes in the file
     qint64 payloadSize = 0; ///< bytes in the file
 
-    /// Reads and decompresses a patch file. An error when the file cannot be read, is shorter than its header, states
-    /// a manifest length that is negative or runs past its end, when the manifest or the payload does not decompress,
-    /// and beyond the limits, which docs/bundle-patch-format.md gives. Peak memory: the file, 300 MiB for the worst
-    /// manifest, the payload, and the decoders (`decompressXZ`). Works on all processors.
+    /// Reads and decompresses a patch file. An error when the file cannot be read, is shorter than its
+    /// header, states a manifest length that is negative or runs past its end, when the manifest or the
+    /// payload does not decompress, and beyond the limits, which docs/bundle-patch-format.md gives. Peak
+    /// memory: the file, 300 MiB for the worst manifest, the payload, and the decoders (`decompressXZ`).
+    /// Works on all processors.
     static ZELError read(const QString &path, const Reading &reading, PatchFile &result);
 
     /// The part of the payload that a command names; nothing when it lies outside.
     std::optional<QByteArrayView> slice(const PatchCommand &command) const;
 
-    /// A whole patch file of commands and a payload, which their slices cover one after the other. An error when
-    /// memory runs out, and where a reader would refuse the commands. The file's size is never one whose hash is empty.
-    /// `memory` bounds what compressing takes besides them, as for `compressXZBlocks`.
-    static ZELError encode(const std::vector<PatchCommand> &commands, QByteArrayView payload, qint64 memory,
-                           QByteArray &result);
+    /// An error when there are more commands, or more names in their paths, than a patch may have.
+    static ZELError judgeCommands(const std::vector<PatchCommand> &commands);
 
 private:
     LargeBuffer m_buffer; // the payload

@@ -21,12 +21,12 @@ struct BundleItem {
 /// Items by their path below the bundle's root; a folder comes before what it holds.
 using BundleTree = std::map<QString, BundleItem>;
 
-/// Reads a bundle's tree. An error when `bundle` is no folder, when something cannot be read, has a name that is not
-/// UTF-8, or is neither file, folder nor link: none of these can travel in a patch.
+/// Reads a bundle's tree. An error when `bundle` is no folder, when something cannot be read, has a name that
+/// is not UTF-8, or is neither file, folder nor link: none of these can travel in a patch.
 ZELError readBundleTree(const QString &bundle, BundleTree &tree);
 
-/// The paths at which two bundles differ: in kind, in a link's target or in a file's bytes. Modes are not compared.
-/// An error when one of them cannot be read.
+/// The paths at which two bundles differ: in kind, in a link's target or in a file's bytes. Modes are not
+/// compared. An error when one of them cannot be read.
 ZELError compareBundles(const QString &first, const QString &second, std::vector<QString> &differences);
 
 /// Whether two files hold the same bytes; files that cannot be read are not equal to anything.

@@ -17,10 +17,10 @@ struct FileSlice {
     std::optional<QString> hash;
 };
 
-/// Makes the slices of files side by side, one per processor, the costliest first, as long as what they need together
-/// stays within `memory` bytes; a file that needs more is done alone. `progress` hears the path of each file that is
-/// begun or goes on, and how many bytes of new files are done by then: one call at a time, on any thread. Gives the
-/// slices in the order of `files`. After an error no more files are begun.
+/// Makes the slices of files side by side, one per processor, the costliest first, as long as what they need
+/// together stays within `memory` bytes; a file that needs more is done alone. `progress` hears the path of
+/// each file that is begun or goes on, and how many bytes of new files are done by then: one call at a time,
+/// on any thread. Gives the slices in the order of `files`. After an error no more files are begun.
 ZELError makeFileSlices(const QString &oldBundle, const QString &newBundle,
                         const std::vector<PlannedFile> &files, qint64 memory,
                         const std::function<void(const QString &path, qint64 done)> &progress,

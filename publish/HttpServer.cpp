@@ -55,7 +55,8 @@ public:
     }
     bool isDropped() const { return m_dropped; }
 
-    /// A socket that is closed with input unread takes its answer back, so what still comes is waited for, a while.
+    /// A socket that is closed with input unread takes its answer back, so what still comes is waited for, a
+    /// while.
     void finish()
     {
         ::shutdown(m_socket, SHUT_WR);
@@ -149,7 +150,8 @@ HttpServer::HttpServer(BodyLimit bodyLimit)
     private:
         HttpServer &m_server;
     };
-    // Called once the server listens. The library lets five peers wait to be let in; who comes sixth waits a second.
+    // Called once the server listens. The library lets five peers wait to be let in; who comes sixth waits a
+    // second.
     new_task_queue = [this] {
         ::listen(svr_sock_, SOMAXCONN);
         return new Threads(*this);

@@ -10,11 +10,11 @@ namespace zel {
 
 class Peer;
 
-/// One request per connection, each on a thread of its own up to a fixed number. A peer has ten seconds to ask, and more
-/// only while what it sends comes at 16 KiB a second or more; what it is sent it has to take at 1 KiB a second or more.
-/// When all threads are taken, the peer that has been asking longest makes room for the next: idle peers, however many,
-/// keep nobody out, and peers that are being answered are left alone. Heads are limited to 64 KiB, bodies to what
-/// `bodyLimit` says of the request once its head is known.
+/// One request per connection, each on a thread of its own up to a fixed number. A peer has ten seconds to
+/// ask, and more only while what it sends comes at 16 KiB a second or more; what it is sent it has to take at
+/// 1 KiB a second or more. When all threads are taken, the peer that has been asking longest makes room for
+/// the next: idle peers, however many, keep nobody out, and peers that are being answered are left alone.
+/// Heads are limited to 64 KiB, bodies to what `bodyLimit` says of the request once its head is known.
 class HttpServer : public httplib::Server
 {
 public:

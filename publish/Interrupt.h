@@ -4,11 +4,12 @@
 #include <QString>
 #include <QTemporaryDir>
 
-/// From here on SIGINT, SIGTERM and SIGHUP end the process only after what stands in the way, each `Leftover`, is
-/// removed. Signals that the caller ignores stay ignored. To be called once, at the start.
+/// From here on SIGINT, SIGTERM and SIGHUP end the process only after what stands in the way, each
+/// `Leftover`, is removed. Signals that the caller ignores stay ignored. To be called once, at the start.
 void cleanUpWhenInterrupted();
 
-/// A file or folder that is of no use until it is finished; removed when the command is interrupted meanwhile.
+/// A file or folder that is of no use until it is finished; removed when the command is interrupted
+/// meanwhile.
 class Leftover
 {
 public:

@@ -6,6 +6,7 @@
 #include "install/ZELUpdaterApplyPatch.h"
 #include "Interrupt.h"
 #include "PatchPlan.h"
+#include "PatchWriter.h"
 #include "platform/FileTree.h"
 #include "platform/ProgramFile.h"
 
@@ -78,7 +79,7 @@ public:
     ZELError encode(QByteArray &bytes)
     {
         const QByteArray payload = std::exchange(m_payload, {});
-        const ZELError error = PatchFile::encode(m_commands, payload, m_options.memory, bytes);
+        const ZELError error = encodePatchFile(m_commands, payload, m_options.memory, bytes);
         return error ? ZELError::withMessage(QLatin1String("no patch can be made: ") + error.message
                                              + QLatin1String("; publish the full archive only"))
                      : ZELError();
@@ -208,8 +209,8 @@ ZELError makePatch(const QString &oldPath, const QString &newPath, const QString
     Maker maker(oldPath, newPath, options, summary);
     if (const ZELError error = maker.plan())
         return error;
-    // Beside the patch, so that its new name is a rename and the proof has the space that the patch's folder has. Made
-    // before the long work, which would be lost if nothing can be written there.
+    // Beside the patch, so that its new name is a rename and the proof has the space that the patch's folder
+    // has. Made before the long work, which would be lost if nothing can be written there.
     const ScratchFolder folder(QFileInfo(patchPath).absolutePath() + QLatin1String("/.make-patch-XXXXXX"));
     if (!folder.isValid())
         return ZELError::withMessage(QLatin1String("cannot write ") + patchPath + QLatin1String(": ")

@@ -35,11 +35,11 @@ struct PatchSummary {
 /// Why `ZELUpdaterApplyPatch` did not apply a patch, given the log of it, in words for a person.
 QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QString &patchPath);
 
-/// Writes the patch file that turns the bundle `oldPath` into the bundle `newPath`, and proves it: the patch is applied
-/// to a copy and the outcome compared item by item, byte by byte, before the file gets its name. On an error nothing
-/// is left at `patchPath` that was not there before. Works on all processors. Peak memory: the payload, and besides
-/// `options.memory` or, if that is more, what the largest changed file takes by itself (nine bytes per old byte, three
-/// per new byte and 90 MiB) or the encoder of one block (370 MiB).
+/// Writes the patch file that turns the bundle `oldPath` into the bundle `newPath`, and proves it: the patch
+/// is applied to a copy and the outcome compared item by item, byte by byte, before the file gets its name.
+/// On an error nothing is left at `patchPath` that was not there before. Works on all processors. Peak
+/// memory: the payload, and besides `options.memory` or, if that is more, what the largest changed file takes
+/// by itself (nine bytes per old byte, three per new byte and 90 MiB) or the encoder of one block (370 MiB).
 ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
                    const PatchMakerOptions &options, PatchSummary &summary);
 

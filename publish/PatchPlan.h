@@ -29,8 +29,8 @@ struct PatchPlan {
     std::vector<QString> lostModes; ///< executables that would arrive without their executable bit
 };
 
-/// `changed` holds the paths of those files, present in both trees, whose content differs. `program` is the one that is
-/// made executable wherever the patch is applied; it may be null.
+/// `changed` holds the paths of those files, present in both trees, whose content differs. `program` is the
+/// one that is made executable wherever the patch is applied; it may be null.
 PatchPlan planPatch(const BundleTree &oldTree, const BundleTree &newTree, const std::set<QString> &changed,
                     const QString &program);
 

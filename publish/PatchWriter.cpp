@@ -2,8 +2,29 @@
 
 #include "delta/deltainteger.h"
 #include "delta/deltalayout.h"
+#include "xz/XZ.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 
 #include <algorithm>
+#include <new>
+
+// A patch file is a header of 32 bytes with the manifest's length in digits, the manifest and the payload,
+// each an xz stream of its own. What is compressed decides its size, and how it is cut decides how long that
+// takes:
+//
+//  - One stream of everything would keep one processor busy. So the payload is cut into blocks that several
+//    compress side by side. What a block cannot see it cannot refer to; cutting where contents change costs
+//    least.
+//  - A delta's three parts have nothing in common: rows of numbers, differences that are mostly zeros, and
+//    plain new bytes. Each is modelled for what it holds (XZBlocks.h), which saves more than one model for
+//    all.
+//  - Small things are the exception. A block's header and a model that starts anew cost more than they save
+//    there, so that everything small in a row makes one block, whatever it holds.
+//
+// The limits are the reader's (PatchFile::judgeCommands): what it would refuse is not written.
 
 namespace zel {
 
@@ -13,9 +34,9 @@ constexpr qsizetype MiB = qsizetype(1) << 20;
 constexpr qsizetype SmallPart = 96 << 10; // below this a block of its own saves less than it costs
 constexpr qsizetype LargestBlock = 32 * MiB;
 
-/// How many blocks a part becomes. A block does not see what the one before it held; differences hardly miss it, and
-/// compressing them takes longest, so that all processors had better take part, and end together: large ones are
-/// halved, small ones cut into four.
+/// How many blocks a part becomes. A block does not see what the one before it held; differences hardly miss
+/// it, and compressing them takes longest, so that all processors had better take part, and end together:
+/// large ones are halved, small ones cut into four.
 qsizetype pieces(const XZBlock &part)
 {
     const qsizetype size = part.data.size();
@@ -90,18 +111,84 @@ private:
     XZBlock m_run; // small parts in a row
 };
 
+bool usesPayload(PatchAction action)
+{
+    return action == PatchAction::Add || action == PatchAction::Patch;
+}
+
+QByteArray manifestOf(const std::vector<PatchCommand> &commands)
+{
+    QJsonArray list;
+    for (const PatchCommand &command : commands)
+        list.append(manifestEntry(command));
+    return QJsonDocument(QJsonObject{{QLatin1String("commands"), list}}).toJson(QJsonDocument::Compact);
+}
+
+// A file whose size is a multiple of 32768 has no hash to check it by (MD5FromData.h), so a patch never has
+// such a size: white space that means nothing is added to its manifest. It is uneven, since one blank after
+// the other would add nothing to what is compressed.
+std::optional<QByteArray> compressManifest(QByteArray json, qsizetype payloadSize)
+{
+    constexpr qsizetype hashedChunk = 32768;
+    quint32 state = 1;
+    std::optional<QByteArray> compressed = compressXZ(json);
+    while (compressed && (PatchFile::HeaderSize + compressed->size() + payloadSize) % hashedChunk == 0) {
+        state = state * 1664525 + 1013904223;
+        json += " \t\r\n"[state >> 30];
+        compressed = compressXZ(json);
+    }
+    return compressed;
+}
+
 } // namespace
 
 std::vector<XZBlock> payloadBlocks(const std::vector<PatchCommand> &commands, QByteArrayView payload)
 {
     Division division;
     for (const PatchCommand &command : commands) {
-        if (command.action != PatchAction::Add && command.action != PatchAction::Patch)
+        if (!usesPayload(command.action))
             continue;
         for (const XZBlock &part : partsOf(command, payload.sliced(command.position, command.length)))
             division.add(part);
     }
     return division.blocks();
+}
+
+QJsonValue manifestEntry(const PatchCommand &command)
+{
+    QJsonObject object{{QLatin1String("actions"), QJsonArray{wordOf(command.action)}},
+                       {QLatin1String("path"), command.path}};
+    if (command.action == PatchAction::CreateSymlink)
+        object[QLatin1String("symlink")] = command.symlink;
+    if (usesPayload(command.action)) {
+        object[QLatin1String("position")] = command.position;
+        object[QLatin1String("length")] = command.length;
+    }
+    if (command.hash)
+        object[QLatin1String("hash")] = *command.hash;
+    return object;
+}
+
+ZELError encodePatchFile(const std::vector<PatchCommand> &commands, QByteArrayView payload, qint64 memory,
+                         QByteArray &result)
+{
+    if (const ZELError error = PatchFile::judgeCommands(commands))
+        return error;
+    try {
+        const QByteArray manifest = manifestOf(commands);
+        constexpr qsizetype blanks = 1024; // which may be added yet
+        if (manifest.size() > PatchFile::ManifestLimit - blanks)
+            return ZELError::withMessage(QStringLiteral("its list of commands takes more than 16 MiB"));
+        const std::optional<QByteArray> second = compressXZBlocks(payloadBlocks(commands, payload), memory);
+        const auto first = second ? compressManifest(manifest, second->size()) : std::nullopt;
+        if (first) {
+            result = QByteArray::number(first->size()).leftJustified(PatchFile::HeaderSize, '\0') + *first
+                + *second;
+            return {};
+        }
+    } catch (const std::bad_alloc &) {
+    }
+    return ZELError::withMessage(QStringLiteral("memory is exhausted"));
 }
 
 } // namespace zel

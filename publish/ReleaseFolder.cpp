@@ -57,7 +57,8 @@ QString sizeText(qint64 bytes)
     return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
 }
 
-// Whether something is at a path, if only a link to nothing. What cannot be looked at is not taken for missing.
+// Whether something is at a path, if only a link to nothing. What cannot be looked at is not taken for
+// missing.
 ZELError lookAt(const QString &path, bool &isThere)
 {
     struct stat status;

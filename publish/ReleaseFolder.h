@@ -12,8 +12,8 @@
 
 namespace zel {
 
-/// The feed of a release folder: "releases.json", an array of update records whose addresses ("file", "history") are
-/// relative to the folder. The server makes them absolute.
+/// The feed of a release folder: "releases.json", an array of update records whose addresses ("file",
+/// "history") are relative to the folder. The server makes them absolute.
 class ReleaseFolder
 {
 public:
@@ -22,8 +22,8 @@ public:
     {
     }
 
-    /// Reads the feed; a folder without one has no records yet. An error when it cannot be looked at or read, when it
-    /// is a link that leads nowhere, or is not an array.
+    /// Reads the feed; a folder without one has no records yet. An error when it cannot be looked at or read,
+    /// when it is a link that leads nowhere, or is not an array.
     ZELError read(QJsonArray &records) const;
 
     struct Options {
@@ -43,15 +43,16 @@ public:
         QJsonArray leftOut; ///< patches that were not made: objects of "build" and "reason"
     };
 
-    /// Adds a sealed bundle: its full archive, proved by unpacking it as an installation would, a patch from each
-    /// earlier build that is in the folder, and its record. A patch that is no smaller than the archive, or cannot be
-    /// because it would bring new executables, is left out and said; any other that cannot be made is an error. The
-    /// bundle has to be of the application, and by the signers, of the release with the highest build.
+    /// Adds a sealed bundle: its full archive, proved by unpacking it as an installation would, a patch from
+    /// each earlier build that is in the folder, and its record. A patch that is no smaller than the archive,
+    /// or cannot be because it would bring new executables, is left out and said; any other that cannot be
+    /// made is an error. The bundle has to be of the application, and by the signers, of the release with the
+    /// highest build.
     ///
-    /// All is made in a hidden, private folder, and moved into place at the end: the files first, then the feed, each on
-    /// the disk before the next. After an error, or when the process is ended at any point, the folder offers what it
-    /// offered before; what a killed process left is removed by the next. One process at a time adds to a folder;
-    /// others wait for it.
+    /// All is made in a hidden, private folder, and moved into place at the end: the files first, then the
+    /// feed, each on the disk before the next. After an error, or when the process is ended at any point, the
+    /// folder offers what it offered before; what a killed process left is removed by the next. One process
+    /// at a time adds to a folder; others wait for it.
     ZELError add(const QString &bundle, const Options &options, Added &added) const;
 
 private:

@@ -205,7 +205,8 @@ void UpdateServer::answerCheck(const httplib::Request &request, httplib::Respons
         response.status = 500;
         return;
     }
-    // The address that the client used reaches this server; the one it listens at may not ("0.0.0.0", a proxy).
+    // The address that the client used reaches this server; the one it listens at may not ("0.0.0.0", a
+    // proxy).
     const QUrl asked(QLatin1String("http://") + QString::fromStdString(request.get_header_value("Host"))
                      + u'/');
     const QUrl base = asked.isValid() && !asked.host().isEmpty() ? asked : QUrl(m_address);

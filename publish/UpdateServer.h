@@ -20,9 +20,10 @@ namespace zel {
 class HttpServer;
 
 /// Answers over HTTP:
-///  - GET of a file in the folder, with byte ranges; POST of one too, because that is how release notes are asked for;
-///  - POST to "/wexmoor7/updates/patch/": a patch log of at most 32 MiB, stored as a file in the folder's "logs", which
-///    is never served, as long as the disk has room;
+///  - GET of a file in the folder, with byte ranges; POST of one too, because that is how release notes are
+///    asked for;
+///  - POST to "/wexmoor7/updates/patch/": a patch log of at most 32 MiB, stored as a file in the folder's
+///    "logs", which is never served, as long as the disk has room;
 ///  - any other POST: a check, of at most 64 KiB, answered with the feed, its addresses made absolute.
 /// What type a body says that it has does not matter. HttpServer.h says what else peers are held to.
 class UpdateServer

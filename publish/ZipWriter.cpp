@@ -92,8 +92,8 @@ ZELError writeTree(struct archive *archive, const QString &bundle, const BundleT
     return {};
 }
 
-// A file of n * 32768 bytes has no hash to check it by (MD5FromData.h), so an archive never has such a size: it ends in
-// a comment of one byte then, whose length stands in the last two bytes of an archive without one.
+// A file of n * 32768 bytes has no hash to check it by (MD5FromData.h), so an archive never has such a size:
+// it ends in a comment of one byte then, whose length stands in the last two bytes of an archive without one.
 ZELError avoidSizeWithoutHash(const QString &path)
 {
     constexpr qint64 hashedChunk = 32768;

@@ -14,14 +14,14 @@ namespace {
 using Index = std::int64_t;
 using Text = std::span<const unsigned char>;
 
-// What things cost in a compressed delta, in proportion: measured on programs and on text, where the least of the
-// patch's size is flat. A byte that the copy agrees with costs next to nothing.
+// What things cost in a compressed delta, in proportion: measured on programs and on text, where the least of
+// the patch's size is flat. A byte that the copy agrees with costs next to nothing.
 constexpr Index insertCost = 4; // of a byte that is in no copy
 constexpr Index changeCost = 10; // of a byte in a copy that differs from the old one
 constexpr Index tripleCost = 100;
 
-// A copy is tried from so many bytes and copies ahead of its place on: the scan begins it late when the one before went
-// on for too long.
+// A copy is tried from so many bytes and copies ahead of its place on: the scan begins it late when the one
+// before went on for too long.
 constexpr Index reach = 1024;
 constexpr std::size_t copiesAhead = 8;
 constexpr std::size_t mostPaths = 16; // bounds the time when many copies are equally good
@@ -70,7 +70,8 @@ std::optional<std::vector<Copy>> readCopies(Text delta, Index oldSize, Index new
     return copies;
 }
 
-/// Walks through the new file and keeps, for each copy at hand and for none, the cheapest way to the current byte.
+/// Walks through the new file and keeps, for each copy at hand and for none, the cheapest way to the current
+/// byte.
 class CopyChoice
 {
 public:
@@ -171,7 +172,8 @@ private:
         }
     }
 
-    /// Passes over what the only copy at hand agrees with, all at once: none that opens there could cost less.
+    /// Passes over what the only copy at hand agrees with, all at once: none that opens there could cost
+    /// less.
     bool skipEqual(const Way &best)
     {
         if (m_paths.size() != 1 || best.copyEnd != m_at)

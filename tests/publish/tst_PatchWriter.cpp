@@ -119,8 +119,8 @@ private slots:
         PatchCommand command;
         command.path = path;
         QByteArray bytes;
-        const ZELError error = PatchFile::encode(std::vector(size_t(count), command), {},
-                                                 std::numeric_limits<qint64>::max(), bytes);
+        const ZELError error = encodePatchFile(std::vector(size_t(count), command), {},
+                                               std::numeric_limits<qint64>::max(), bytes);
         QVERIFY2(error.message.contains(reason), qPrintable(error.message));
     }
 };

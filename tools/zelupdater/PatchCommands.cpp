@@ -6,6 +6,7 @@
 #include "platform/FileTree.h"
 #include "publish/Interrupt.h"
 #include "publish/PatchMaker.h"
+#include "publish/PatchWriter.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -186,7 +187,7 @@ int runInspectPatch(const Arguments &arguments)
     std::map<PatchAction, std::pair<int, qint64>> totals;
     for (const PatchCommand &command : patch.commands) {
         arguments.say(rowOf(command));
-        commands.append(command.toJson());
+        commands.append(manifestEntry(command));
         auto &[count, bytes] = totals[command.action];
         ++count;
         if (const auto slice = patch.slice(command)) // no sum for what is not there
