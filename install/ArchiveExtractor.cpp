@@ -1,13 +1,12 @@
 #include "ArchiveExtractor.h"
 
+#include "base/SystemFiles.h"
 #include "ChildProcess.h"
 #include "common/DDLog.h"
 #include "platform/RealFolder.h"
 
 #include <cerrno>
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <link.h>
 #include <QByteArrayList>
 #include <QFile>
 #include <QFileInfo>
@@ -21,18 +20,6 @@ namespace {
 void logSystemError(const char *text)
 {
     systemLog(QLatin1String(text) + QString::fromStdString(std::generic_category().message(errno)));
-}
-
-// The executable or library that this code was linked into; empty when it cannot be told.
-QString ownBinary()
-{
-    Dl_info info;
-    void *map = nullptr;
-    if (!dladdr1(reinterpret_cast<void *>(&ownBinary), &info, &map, RTLD_DL_LINKMAP))
-        return {};
-    // The executable has no name of its own there, and the one it was called by may be relative.
-    const QString name = QFile::decodeName(static_cast<link_map *>(map)->l_name);
-    return QFileInfo(name.isEmpty() ? QStringLiteral("/proc/self/exe") : name).canonicalFilePath();
 }
 
 class Feed
@@ -72,10 +59,7 @@ private:
     {
         if (!m_file)
             return 0;
-        ssize_t length = 0;
-        do {
-            length = ::read(m_file.get(), m_chunk.data(), m_chunk.size());
-        } while (length < 0 && errno == EINTR);
+        const ssize_t length = readSome(m_file.get(), m_chunk.data(), m_chunk.size());
         if (length < 0)
             logSystemError("Failed to read data from archive with error ");
         return size_t(qMax<ssize_t>(length, 0));
@@ -153,7 +137,7 @@ QString findBundle(const QString &directory)
 QString archiveTool()
 {
     const QString name = QStringLiteral("/zel-unpack");
-    const QString binary = ownBinary();
+    const QString binary = QFileInfo(QFile::decodeName(ownBinary().c_str())).canonicalFilePath();
     if (!binary.isEmpty()) {
         const QString folder = QFileInfo(binary).path();
         for (const QString &place : {folder, folder + QStringLiteral("/../libexec")}) {

@@ -1,9 +1,10 @@
 #include "Permissions.h"
 
+#include "base/FileDescriptor.h"
+
 #include <QFile>
 
 #include <array>
-#include <cerrno>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,5 +20,5 @@ void zel::makeExecutableTree(const QString &path)
     pid_t child = 0;
     if (::posix_spawn(&child, program, nullptr, nullptr, arguments.data(), environ) != 0)
         return;
-    while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) { }
+    uninterrupted([child] { return ::waitpid(child, nullptr, 0); });
 }

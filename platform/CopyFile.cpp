@@ -1,5 +1,7 @@
 #include "CopyFile.h"
 
+#include "base/FileDescriptor.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -20,17 +22,11 @@ bool copyThroughMemory(int from, int to)
 {
     std::vector<char> buffer(1 << 18);
     for (;;) {
-        const ssize_t count = ::read(from, buffer.data(), buffer.size());
-        if (count < 0 && errno == EINTR)
-            continue;
+        const ssize_t count = readSome(from, buffer.data(), buffer.size());
         if (count <= 0)
             return count == 0;
-        for (ssize_t done = 0; done < count;) {
-            const ssize_t written = ::write(to, buffer.data() + done, size_t(count - done));
-            if (written < 0 && errno != EINTR)
-                return false;
-            done += written > 0 ? written : 0;
-        }
+        if (!writeAll(to, buffer.data(), size_t(count)))
+            return false;
     }
 }
 
@@ -94,9 +90,8 @@ bool copyData(int from, int to)
         return true;
     bool copied = false;
     for (;;) {
-        const ssize_t count = ::copy_file_range(from, nullptr, to, nullptr, CopyStep, 0);
-        if (count < 0 && errno == EINTR)
-            continue;
+        const ssize_t count =
+            uninterrupted([=] { return ::copy_file_range(from, nullptr, to, nullptr, CopyStep, 0); });
         if (count < 0 && !cannotCopyInKernel(errno))
             return false;
         // Some kernels answer 0 for files that have data but no size: those are read as streams.

@@ -130,19 +130,6 @@ private:
     QByteArrayList m_names; // the way from the top to the item that is being copied
 };
 
-bool writeAll(int descriptor, QByteArrayView bytes)
-{
-    while (!bytes.isEmpty()) {
-        const ssize_t written = ::write(descriptor, bytes.data(), size_t(bytes.size()));
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 0)
-            return false;
-        bytes = bytes.sliced(written);
-    }
-    return true;
-}
-
 // As for `replaceFile`, with errno. ENOTSUP: a user who names a device wants the bytes to go into it, and root could
 // take it away from everybody.
 bool moveIntoPlace(int folder, const QByteArray &aside, const QByteArray &name)
@@ -219,7 +206,8 @@ bool writeFileAtomically(int folder, const QByteArray &name, QByteArrayView byte
     FileDescriptor file(::openat(folder, aside.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (!file)
         return false;
-    if (writeAll(file.get(), bytes) && file.close() && moveIntoPlace(folder, aside, name))
+    if (writeAll(file.get(), bytes.data(), size_t(bytes.size())) && file.close()
+        && moveIntoPlace(folder, aside, name))
         return true;
     const int number = errno;
     ::unlinkat(folder, aside.constData(), 0);

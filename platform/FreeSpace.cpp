@@ -1,7 +1,7 @@
 #include "FreeSpace.h"
 
-#include "base/DiskSpace.h"
 #include "base/FileDescriptor.h"
+#include "base/SystemFiles.h"
 
 #include <QFile>
 

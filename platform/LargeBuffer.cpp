@@ -1,14 +1,12 @@
 #include "LargeBuffer.h"
 
-#include "base/FileDescriptor.h"
 #include "base/LargePages.h"
+#include "base/SystemFiles.h"
 #include "FreeSpace.h"
 
 #include <QFile>
 
 #include <cerrno>
-#include <cstdlib>
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
@@ -17,29 +15,13 @@ namespace zel {
 
 namespace {
 
-FileDescriptor openNameless(const QString &folder)
-{
-#ifdef O_TMPFILE
-    FileDescriptor file(
-        ::open(QFile::encodeName(folder).constData(), O_TMPFILE | O_RDWR | O_EXCL | O_CLOEXEC, 0600));
-    if (file)
-        return file;
-#endif
-    QByteArray name = QFile::encodeName(folder + QLatin1String("/.buffer-XXXXXX"));
-    FileDescriptor named(::mkostemp(name.data(), O_CLOEXEC));
-    if (named)
-        ::unlink(name.constData());
-    return named;
-}
-
-ZELError takeSpace(const QString &folder, qint64 size, FileDescriptor &file)
+ZELError makeFile(const QString &folder, qint64 size, FileDescriptor &file)
 {
     if (const ZELError error = requireSpace(folder, size))
         return error;
-    file = openNameless(folder);
-    int number = file ? 0 : errno;
+    file = unnamedFile(QFile::encodeName(folder).toStdString());
     // What is mapped but has no space ends the process when it is touched.
-    while (file && (number = ::posix_fallocate(file.get(), 0, size)) == EINTR) { }
+    const int number = file ? takeSpace(file.get(), size) : errno;
     return number == 0 ? ZELError()
                        : ZELError::fromErrno(QLatin1String("cannot make a file in ") + folder, number);
 }
@@ -77,7 +59,7 @@ ZELError LargeBuffer::reserve(qint64 size, qint64 memoryLimit, const QString &fo
         return {};
     FileDescriptor file;
     if (size > memoryLimit) {
-        if (const ZELError error = takeSpace(folder, size, file))
+        if (const ZELError error = makeFile(folder, size, file))
             return error;
     }
     const int kind = file ? MAP_SHARED : MAP_PRIVATE | MAP_ANONYMOUS;

@@ -31,13 +31,10 @@ template <typename Take> ZELError readOpenFile(const FileDescriptor &file, const
 {
     QByteArray buffer(1 << 18, Qt::Uninitialized);
     for (;;) {
-        const ssize_t count = ::read(file.get(), buffer.data(), size_t(buffer.size()));
-        if (count == 0)
-            return {};
-        if (count > 0)
-            take(QByteArrayView(buffer).first(count));
-        else if (errno != EINTR)
-            return cannot("read", path);
+        const ssize_t count = readSome(file.get(), buffer.data(), size_t(buffer.size()));
+        if (count <= 0)
+            return count == 0 ? ZELError() : cannot("read", path);
+        take(QByteArrayView(buffer).first(count));
     }
 }
 

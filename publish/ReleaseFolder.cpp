@@ -379,11 +379,8 @@ ZELError lockFolder(const QString &folder, const std::function<void(const QStrin
         return {};
     if (errno == EWOULDBLOCK) {
         say(QLatin1String("Waiting for another release in ") + folder);
-        while (::flock(lock.get(), LOCK_EX) != 0) {
-            if (errno != EINTR)
-                return ZELError::fromErrno(QLatin1String("cannot lock ") + folder, errno);
-        }
-        return {};
+        if (uninterrupted([&lock] { return ::flock(lock.get(), LOCK_EX); }) == 0)
+            return {};
     }
     return ZELError::fromErrno(QLatin1String("cannot lock ") + folder, errno);
 }

@@ -1,6 +1,6 @@
 #include "UpdateServer.h"
 
-#include "base/DiskSpace.h"
+#include "base/SystemFiles.h"
 #include "HttpServer.h"
 #include "install/StagingFolder.h"
 #include "platform/FileTree.h"

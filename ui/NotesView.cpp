@@ -1,12 +1,12 @@
 #include "NotesView.h"
 
+#include "base/SystemFiles.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QLibrary>
 #include <QLoggingCategory>
-
-#include <dlfcn.h>
 
 namespace zel {
 
@@ -24,10 +24,7 @@ Q_CONSTRUCTOR_FUNCTION(shareOpenGLContexts)
 /// The folder of the library or program that this code is in.
 QString ownFolder()
 {
-    Dl_info info = {};
-    if (dladdr(reinterpret_cast<void *>(&shareOpenGLContexts), &info) == 0)
-        return {};
-    return QFileInfo(QFile::decodeName(info.dli_fname)).absolutePath();
+    return QFileInfo(QFile::decodeName(ownBinary().c_str())).absolutePath();
 }
 
 /// The module's file: beside the library, or where programs of the build folder find it.

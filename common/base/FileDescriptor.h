@@ -1,6 +1,8 @@
-// The owner of one open file descriptor.
+// The owner of one open file descriptor, and reading and writing that signals do not cut short.
 #pragma once
 
+#include <cerrno>
+#include <cstddef>
 #include <unistd.h>
 #include <utility>
 
@@ -31,11 +33,40 @@ public:
     /// Gives the descriptor away, for another to close.
     int release() { return std::exchange(m_descriptor, -1); }
 
-    /// Closes now, for those who want to know whether it worked: false leaves the reason in `errno`.
+    /// Closes now, for those who want to know whether it worked: false leaves the reason in `errno`. Not tried again
+    /// after a signal: the number is free by then, and may be another thread's.
     bool close() { return m_descriptor < 0 || ::close(std::exchange(m_descriptor, -1)) == 0; }
 
 private:
     int m_descriptor;
 };
+
+/// Calls `call` again for as long as signals interrupt it (`EINTR`); its result otherwise, with `errno` on failure.
+template <typename Call> auto uninterrupted(Call call)
+{
+    auto result = call();
+    while (result < 0 && errno == EINTR)
+        result = call();
+    return result;
+}
+
+/// Reads at most `size` bytes, as many as there are by now: 0 at the end, -1 with `errno` on failure.
+inline ssize_t readSome(int file, void *bytes, std::size_t size)
+{
+    return uninterrupted([=] { return ::read(file, bytes, size); });
+}
+
+/// Writes all of it. False, with `errno`, on failure; what was written by then stays.
+inline bool writeAll(int file, const char *bytes, std::size_t size)
+{
+    while (size > 0) {
+        const ssize_t written = uninterrupted([=] { return ::write(file, bytes, size); });
+        if (written < 0)
+            return false;
+        bytes += written;
+        size -= std::size_t(written);
+    }
+    return true;
+}
 
 } // namespace zel

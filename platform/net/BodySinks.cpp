@@ -1,6 +1,6 @@
 #include "BodySinks.h"
 
-#include "base/DiskSpace.h"
+#include "base/SystemFiles.h"
 #include "URLSession.h"
 
 #include <QDir>

@@ -30,15 +30,6 @@ ZELError refusal(const QByteArray &path, const char *why)
     return ZELError::withMessage(shownPath(path) + u' ' + QLatin1String(why));
 }
 
-ssize_t readPiece(int file, char *buffer, qsizetype size)
-{
-    ssize_t count = 0;
-    do {
-        count = ::read(file, buffer, size_t(size));
-    } while (count < 0 && errno == EINTR);
-    return count;
-}
-
 class Scanner
 {
 public:
@@ -85,7 +76,7 @@ private:
             return cannotRead(path, errno);
         EVP_DigestInit_ex(m_digest.get(), EVP_sha256(), nullptr);
         ssize_t count = 0;
-        while ((count = readPiece(file.get(), m_piece.data(), m_piece.size())) > 0)
+        while ((count = readSome(file.get(), m_piece.data(), size_t(m_piece.size()))) > 0)
             EVP_DigestUpdate(m_digest.get(), m_piece.constData(), size_t(count));
         if (count < 0)
             return cannotRead(path, errno);
@@ -161,7 +152,7 @@ ZELError BundleFolder::read(const QByteArray &path, qint64 limit, QByteArray &by
     bytes.resize(status.st_size);
     qsizetype filled = 0;
     ssize_t count = 0;
-    while ((count = readPiece(file.get(), bytes.data() + filled, bytes.size() - filled)) > 0)
+    while ((count = readSome(file.get(), bytes.data() + filled, size_t(bytes.size() - filled))) > 0)
         filled += count;
     if (count < 0)
         return cannotRead(path, errno);

@@ -17,17 +17,6 @@ QByteArray asideOf(const QByteArray &name)
     return '.' + name + ".new";
 }
 
-bool writeAll(int file, QByteArrayView bytes)
-{
-    while (!bytes.isEmpty()) {
-        const ssize_t count = ::write(file, bytes.data(), size_t(bytes.size()));
-        if (count < 0 && errno != EINTR)
-            return false;
-        bytes = bytes.sliced(count < 0 ? 0 : count);
-    }
-    return true;
-}
-
 } // namespace
 
 ZELError SealFolder::open(const QString &path)
@@ -84,8 +73,10 @@ ZELError SealFile::writeAside(const QByteArray &bytes)
     }
     FileDescriptor file(::openat(m_folder.descriptor(), asideOf(m_name).constData(),
                                  O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    return file && writeAll(file.get(), bytes) && ::fsync(file.get()) == 0 && file.close() ? ZELError()
-                                                                                           : failure();
+    return file && writeAll(file.get(), bytes.constData(), size_t(bytes.size())) && ::fsync(file.get()) == 0
+            && file.close()
+        ? ZELError()
+        : failure();
 }
 
 ZELError SealFile::moveIntoPlace()

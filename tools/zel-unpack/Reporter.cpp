@@ -1,14 +1,13 @@
 #include "Reporter.h"
 
+#include "base/FileDescriptor.h"
 #include "base/ToolReport.h"
 
-#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <string_view>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace zel {
 
@@ -41,7 +40,8 @@ void Reporter::ending(int status)
 
 void Reporter::say(char word)
 {
-    while (m_pipe >= 0 && ::write(m_pipe, &word, 1) < 0 && errno == EINTR) { }
+    if (m_pipe >= 0)
+        writeAll(m_pipe, &word, 1);
 }
 
 } // namespace zel

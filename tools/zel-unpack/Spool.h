@@ -25,7 +25,4 @@ Problem spoolInput(int input, const char *folder, Spool &spool);
 /// Reads exactly `length` bytes at `offset`; may be called from several threads.
 Problem readAt(int file, void *buffer, size_t length, uint64_t offset);
 
-/// Writes all of it, going on after interruptions; false leaves the reason in `errno`.
-bool writeAll(int file, const char *data, size_t length);
-
 } // namespace zel

@@ -36,6 +36,8 @@ static Problem judgeName(std::string_view name)
 
 // Leading ".." are counted against the folders above the link, which are real folders of the archive. After them
 // the way only goes down, and each link on it has been judged by itself, so no chain of links leaves either.
+// Stricter than what the library allows the links of a bundle, whose way is walked link by link: an archive is judged
+// before any of it is on the disk, and with the C++ library alone.
 static bool staysInside(std::string_view name, std::string_view target)
 {
     auto above = std::count(name.begin(), name.end(), '/');
