@@ -1,3 +1,15 @@
+// One writer, one queue, one lock. Whoever logs appends and goes on: the host's message handler may be slow, may write to a
+// window, may log through us again or end the process, so it is only ever called by the writer and without the lock. What
+// stays in order is what matters: a message is appended under the lock in which it was logged.
+//
+// The end is the hard part. The queue must be written when the process exits, from a static destructor (`Ending`), while
+// threads that nobody waits for may still log, and while the host's handler may itself be what called `exit`. So the log's
+// memory is never given back: a late thread finds it ended and its message is dropped. `end` waits for every call of the
+// handler but its own thread's (`s_ownCalls`), which cannot return before `exit` does. What handlers need, the logging
+// categories and Qt's message pattern, is touched first by the constructor, so that it is destroyed after the `Ending`.
+//
+// Without a thread to be had, messages wait until one is, or until somebody flushes. A bounded queue that blocks whoever
+// logs was rejected: a handler that waits for the main thread would stop the main thread.
 #include "DDLog.h"
 
 #include "base/SignalShield.h"
@@ -47,7 +59,6 @@ QString cut(const QString &message)
         + QStringLiteral(" (%1 more characters)").arg(message.size() - LongestMessage);
 }
 
-// Its memory is never given back, so that a thread that is late, or that nobody waits for, still finds it ended.
 class Log
 {
 public:
@@ -159,7 +170,6 @@ private:
         m_changed.notify_all();
     }
 
-    // The process exits, perhaps because a message handler says so: its own call is not waited for.
     void end()
     {
         std::unique_lock lock(m_mutex);

@@ -1,4 +1,6 @@
-#include "IntegerValue.h"
+#include "WireValues.h"
+
+#include <QLocale>
 
 #include <cmath>
 #include <limits>
@@ -87,4 +89,18 @@ QJsonValue zel::jsonValue(const QVariant &value)
     if (isInteger(value.typeId()))
         return value.toLongLong();
     return QJsonValue::fromVariant(value);
+}
+
+bool zel::isWebAddress(const QUrl &url)
+{
+    const QString scheme = url.scheme();
+    return url.isValid() && !url.host().isEmpty()
+        && (scheme == QLatin1String("http") || scheme == QLatin1String("https"));
+}
+
+QByteArray zel::userLanguages()
+{
+    QStringList languages = QLocale().uiLanguages();
+    languages.removeAll(QLatin1String("C"));
+    return languages.join(u',').toLatin1();
 }

@@ -1,7 +1,9 @@
-// Numbers as the update server and property lists write them: as numbers or as text.
+// Values on their way to and from servers: numbers as servers and property lists write them, addresses, languages.
 #pragma once
 
+#include <QByteArray>
 #include <QJsonValue>
+#include <QUrl>
 #include <QVariant>
 
 namespace zel {
@@ -14,5 +16,13 @@ qint64 integerValue(const QVariant &value);
 /// The JSON of a value that the host configured: an integer of any type is a number with all its digits, a text stays a
 /// text, and so on.
 QJsonValue jsonValue(const QVariant &value);
+
+/// Whether an address is one that the updater ever asks: http or https, with a host. This refuses `file:`, also as the
+/// target of a redirection.
+bool isWebAddress(const QUrl &url);
+
+/// The value of an "Accept-Language" header, the language that the user likes best first; empty when the system names
+/// none.
+QByteArray userLanguages();
 
 } // namespace zel

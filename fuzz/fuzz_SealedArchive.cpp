@@ -2,7 +2,7 @@
 // is written outside the folder, no mode but the usual ones comes up, and a bundle that verifies is the genuine one.
 #include "HostilePath.h"
 #include "install/ArchiveExtractor.h"
-#include "platform/ProgramFile.h"
+#include "platform/BundleInfo.h"
 #include "seal/BundleSeal.h"
 #include "support/TestCertificate.h"
 #include "support/ZipMaker.h"

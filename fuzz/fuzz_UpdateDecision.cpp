@@ -2,7 +2,7 @@
 #include "check/UpdateCheck.h"
 #include "check/UpdateDecision.h"
 #include "check/UpdateStatus.h"
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "Sandbox.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)

@@ -1,9 +1,9 @@
 #include "ArchiveExtractor.h"
 
-#include "base/SystemFiles.h"
-#include "ChildProcess.h"
+#include "base/SystemCalls.h"
 #include "common/DDLog.h"
-#include "platform/RealFolder.h"
+#include "platform/ChildProcess.h"
+#include "platform/FileTree.h"
 
 #include <cerrno>
 #include <fcntl.h>

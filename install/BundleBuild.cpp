@@ -2,12 +2,11 @@
 
 #include "BundlePatch.h"
 #include "common/DDLog.h"
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "MD5Digest.h"
 #include "PatchLog.h"
 #include "platform/BundleInfo.h"
 #include "platform/FileTree.h"
-#include "platform/ProgramFile.h"
 #include "seal/BundleSeal.h"
 #include "StagingFolder.h"
 

@@ -5,7 +5,7 @@
 
 #include "ArchiveExtractor.h"
 #include "common/ZELError.h"
-#include "seal/SignerPins.h"
+#include "seal/SealSigners.h"
 
 #include <QVariantMap>
 

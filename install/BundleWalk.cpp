@@ -1,7 +1,7 @@
 #include "BundleWalk.h"
 
-#include "platform/PathNames.h"
-#include "platform/RealFolder.h"
+#include "platform/Containment.h"
+#include "platform/FileTree.h"
 
 #include <QFile>
 

@@ -2,7 +2,7 @@
 
 #include "delta/deltainteger.h"
 #include "delta/deltalayout.h"
-#include "platform/FreeSpace.h"
+#include "platform/FileContents.h"
 
 #include <algorithm>
 

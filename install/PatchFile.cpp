@@ -1,8 +1,8 @@
 #include "PatchFile.h"
 
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "platform/BoundedJson.h"
-#include "platform/FileTree.h"
+#include "platform/FileContents.h"
 #include "xz/XZ.h"
 
 #include <QDir>

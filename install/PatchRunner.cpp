@@ -4,6 +4,7 @@
 #include "delta/bspatch2.h"
 #include "MD5Digest.h"
 #include "PatchLog.h"
+#include "platform/FileContents.h"
 #include "platform/FileTree.h"
 
 #include <QFile>

@@ -1,7 +1,7 @@
 #include "UpdateInstaller.h"
 
 #include "common/DDLog.h"
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "platform/Queues.h"
 #include "UpdateJob.h"
 

@@ -1,9 +1,8 @@
 #include "UpdateJob.h"
 
 #include "common/DDLog.h"
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "platform/Queues.h"
-#include "platform/SessionThreads.h"
 
 #include <QFile>
 #include <QJsonDocument>

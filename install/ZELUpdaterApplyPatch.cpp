@@ -8,9 +8,10 @@
 #include "PatchLog.h"
 #include "PatchRunner.h"
 #include "Permissions.h"
+#include "platform/BundleInfo.h"
+#include "platform/Containment.h"
+#include "platform/FileContents.h"
 #include "platform/FileTree.h"
-#include "platform/FreeSpace.h"
-#include "platform/ProgramFile.h"
 #include "StagingFolder.h"
 
 #include <QDir>

@@ -1,5 +1,7 @@
-// What a bundle's Info.plist says.
+// What a bundle's Info.plist says, and the program that it names.
 #pragma once
+
+#include "common/ZELError.h"
 
 #include <QString>
 #include <QVariantMap>
@@ -26,5 +28,14 @@ bool hasInfo(const QString &bundle);
 /// The integer value of a bundle's "CFBundleVersion": 0 when the key is missing; nothing when the path, links
 /// followed, is no folder. Safe from any thread.
 std::optional<qint64> bundleBuild(const QString &bundle);
+
+/// The path below the bundle of the program that its Info.plist names; null when it names none.
+QString programPath(const QString &bundle);
+
+/// Makes the program that the bundle's Info.plist names ("CFBundleExecutable", in `Contents/MacOS`) executable for all
+/// who may read it, and readable and executable for its owner. A seal covers no modes, and so whoever brought the
+/// bundle could have left the bit out. No link is followed, neither for the bundle nor below it: a program that is not
+/// named, not there, behind a link or no regular file is left alone, which is no error. Safe from any thread.
+ZELError ensureProgramIsExecutable(const QString &bundle);
 
 } // namespace zel

@@ -1,6 +1,7 @@
 #include "ChildProcess.h"
 
 #include "base/SignalShield.h"
+#include "base/SystemCalls.h"
 #include "base/ToolReport.h"
 
 #include <QFile>
@@ -26,14 +27,7 @@ constexpr std::chrono::seconds timeToDie(5);
 
 // Both ends are closed in every program that another thread of the host starts meanwhile, and ours never blocks.
 struct Pipe {
-    Pipe()
-    {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) == 0) {
-            reading = FileDescriptor(ends[0]);
-            writing = FileDescriptor(ends[1]);
-        }
-    }
+    Pipe() { makePipe(reading, writing); }
 
     FileDescriptor reading;
     FileDescriptor writing;

@@ -1,10 +1,12 @@
-#include "CopyFile.h"
+#include "FileContents.h"
 
-#include "base/FileDescriptor.h"
+#include "base/SystemCalls.h"
 
-#include <array>
+#include <QFile>
+#include <QUuid>
+
 #include <cerrno>
-#include <cstring>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +17,8 @@
 #include <sys/ioctl.h>
 #include <sys/xattr.h>
 #endif
+
+namespace zel {
 
 namespace {
 
@@ -79,9 +83,62 @@ bool copyExtendedAttributes(int, int)
 
 #endif
 
+// As for `replaceFile`, with errno. ENOTSUP: a user who names a device wants the bytes to go into it, and root could
+// take it away from everybody.
+bool moveIntoPlace(int folder, const QByteArray &aside, const QByteArray &name)
+{
+    struct stat status;
+    if (::fstatat(folder, name.constData(), &status, 0) == 0 && !S_ISREG(status.st_mode)
+        && !S_ISDIR(status.st_mode)) {
+        errno = ENOTSUP;
+        return false;
+    }
+    return ::renameat(folder, aside.constData(), folder, name.constData()) == 0;
+}
+
 } // namespace
 
-namespace zel {
+std::optional<QByteArray> readFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    QByteArray bytes = file.readAll();
+    if (file.error() != QFileDevice::NoError)
+        return std::nullopt;
+    return bytes;
+}
+
+bool writeFileAtomically(int folder, const QByteArray &name, QByteArrayView bytes)
+{
+    // Not made of the file's own name, which may be as long as names can be.
+    const QByteArray above = name.left(name.lastIndexOf('/') + 1);
+    const QByteArray aside = above + '.' + QUuid::createUuid().toByteArray(QUuid::Id128);
+    FileDescriptor file(::openat(folder, aside.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!file)
+        return false;
+    if (writeAll(file.get(), bytes.data(), size_t(bytes.size())) && file.close()
+        && moveIntoPlace(folder, aside, name))
+        return true;
+    const int number = errno;
+    ::unlinkat(folder, aside.constData(), 0);
+    errno = number;
+    return false;
+}
+
+ZELError replaceFile(const QString &aside, const QString &path)
+{
+    return moveIntoPlace(AT_FDCWD, QFile::encodeName(aside), QFile::encodeName(path))
+        ? ZELError()
+        : ZELError::fromErrno(QLatin1String("cannot write ") + path, errno);
+}
+
+ZELError writeFileAtomically(const QString &path, QByteArrayView bytes)
+{
+    return writeFileAtomically(AT_FDCWD, QFile::encodeName(path), bytes)
+        ? ZELError()
+        : ZELError::fromErrno(QLatin1String("cannot write ") + path, errno);
+}
 
 bool copyData(int from, int to)
 {
@@ -107,9 +164,22 @@ bool copyData(int from, int to)
 
 bool copyAttributes(int from, int to, const struct stat &status)
 {
-    const std::array<timespec, 2> times = {status.st_atim, status.st_mtim};
     return copyExtendedAttributes(from, to) && ::fchmod(to, status.st_mode & 0777) == 0
-        && ::futimens(to, times.data()) == 0;
+        && ::futimens(to, timesOf(status).data()) == 0;
+}
+
+ZELError requireSpace(const QString &folder, qint64 bytes)
+{
+    const FileDescriptor opened(
+        ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!opened)
+        return ZELError::fromErrno(QLatin1String("cannot read ") + folder, errno);
+    const std::optional<std::int64_t> writable = writableBytes(opened.get());
+    if (!writable || bytes <= *writable)
+        return {};
+    return ZELError::withMessage(QStringLiteral("too little free space in %1: %2 bytes are missing")
+                                     .arg(folder)
+                                     .arg(bytes - *writable));
 }
 
 } // namespace zel

@@ -1,21 +1,27 @@
+// Walks by descriptors: each folder is opened from the one above it, without following a link, and its entries are reached
+// from there. No link that somebody puts in the way meanwhile leads elsewhere, and no path grows too long for the system.
+//
+// A copy holds a descriptor for each level, two in fact, which the limit on the depth bounds; a bundle that is deeper is
+// refused everywhere. Removal has to take away whatever can exist, so it goes without recursion and with one folder open
+// at a time. Its way back up is "..", which must be the folder that the walk came from: whoever moves folders about
+// meanwhile ends it. What is kept for a level is its name and the names of the folders in it that are still to be removed.
 #include "FileTree.h"
 
-#include "base/FileDescriptor.h"
-#include "CopyFile.h"
-#include "RealFolder.h"
+#include "base/SystemCalls.h"
+#include "FileContents.h"
 
 #include <QByteArrayList>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QUuid>
 
-#include <algorithm>
+#include <cerrno>
 #include <climits>
-#include <fcntl.h>
+#include <cstring>
 #include <filesystem>
 #include <sys/stat.h>
 #include <system_error>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -62,9 +68,8 @@ private:
             return failure("cannot read link", m_from);
         if (::symlinkat(target.constData(), to.folder, to.name) != 0)
             return failure("cannot make link", m_to);
-        const timespec times[] = {status.st_atim, status.st_mtim};
         // Not looked at: a link's own times matter to nobody.
-        ::utimensat(to.folder, to.name, times, AT_SYMLINK_NOFOLLOW);
+        ::utimensat(to.folder, to.name, timesOf(status).data(), AT_SYMLINK_NOFOLLOW);
         return {};
     }
 
@@ -130,30 +135,168 @@ private:
     QByteArrayList m_names; // the way from the top to the item that is being copied
 };
 
-// As for `replaceFile`, with errno. ENOTSUP: a user who names a device wants the bytes to go into it, and root could
-// take it away from everybody.
-bool moveIntoPlace(int folder, const QByteArray &aside, const QByteArray &name)
+bool isMissing(int number)
+{
+    return number == ENOENT || number == ENOTDIR;
+}
+
+bool isFolder(int folder, const char *name)
 {
     struct stat status;
-    if (::fstatat(folder, name.constData(), &status, 0) == 0 && !S_ISREG(status.st_mode)
-        && !S_ISDIR(status.st_mode)) {
-        errno = ENOTSUP;
-        return false;
-    }
-    return ::renameat(folder, aside.constData(), folder, name.constData()) == 0;
+    return ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Empty where that is not possible.
-fs::path resolved(const QString &path)
+// Each step gives false, with errno, when it failed.
+class Remover
 {
-    std::error_code error;
-    // Before links are resolved: of a relative path whose first name does not exist, nothing would be.
-    const fs::path absolute = fs::absolute(QFile::encodeName(path).toStdString(), error);
-    const fs::path result = error ? fs::path() : fs::weakly_canonical(absolute, error);
-    return result.has_filename() ? result : result.parent_path(); // no slash behind the last name
-}
+public:
+    Remover(int folder, const char *name)
+        : m_top(folder)
+        , m_name(name)
+    {
+    }
+
+    bool run()
+    {
+        if (::unlinkat(m_top, m_name, 0) == 0 || isMissing(errno))
+            return true;
+        const int number = errno;
+        if (!isFolder(m_top, m_name)) {
+            errno = number;
+            return false;
+        }
+        if (!enter(m_name))
+            return false;
+        while (!m_levels.empty()) {
+            std::vector<QByteArray> &folders = m_levels.back().folders;
+            if (folders.empty() ? !leave() : !enterOneOf(folders))
+                return false;
+        }
+        return true;
+    }
+
+private:
+    struct Level {
+        QByteArray name;
+        dev_t device;
+        ino_t number;
+        std::vector<QByteArray> folders; // those still to be removed
+    };
+
+    bool enterOneOf(std::vector<QByteArray> &folders)
+    {
+        const QByteArray name = std::move(folders.back());
+        folders.pop_back();
+        return enter(name);
+    }
+
+    bool enter(const QByteArray &name)
+    {
+        const int parent = m_levels.empty() ? m_top : m_folder.get();
+        FileDescriptor folder(::openat(parent, name.constData(), RealFolderFlags));
+        if (!folder && errno == EACCES
+            && ::fchmodat(parent, name.constData(), 0700, AT_SYMLINK_NOFOLLOW) == 0)
+            folder = FileDescriptor(::openat(parent, name.constData(), RealFolderFlags));
+        struct stat status;
+        if (!folder || ::fstat(folder.get(), &status) != 0)
+            return false;
+        // A copied or unpacked folder may forbid its owner to change it; it must still go when its time has come.
+        if ((status.st_mode & S_IRWXU) != S_IRWXU)
+            ::fchmod(folder.get(), S_IRWXU);
+        m_folder = std::move(folder);
+        m_levels.push_back({name, status.st_dev, status.st_ino, {}});
+        return removeFiles();
+    }
+
+    // Everything but folders, which are only noted.
+    bool removeFiles()
+    {
+        FolderListing listing(m_folder.get(), ".");
+        if (!listing)
+            return false;
+        while (const char *name = listing.next()) {
+            if (::unlinkat(m_folder.get(), name, 0) == 0 || isMissing(errno))
+                continue;
+            const int number = errno;
+            if (!isFolder(m_folder.get(), name)) {
+                errno = number;
+                return false;
+            }
+            m_levels.back().folders.emplace_back(name);
+        }
+        return errno == 0;
+    }
+
+    bool leave()
+    {
+        const QByteArray name = m_levels.back().name;
+        m_levels.pop_back();
+        if (m_levels.empty()) {
+            m_folder = FileDescriptor();
+            return removeFolder(m_top, name);
+        }
+        m_folder = FileDescriptor(::openat(m_folder.get(), "..", RealFolderFlags));
+        return isWhereItWas() && removeFolder(m_folder.get(), name);
+    }
+
+    bool isWhereItWas() const
+    {
+        struct stat status;
+        if (!m_folder || ::fstat(m_folder.get(), &status) != 0)
+            return false;
+        errno = ESTALE;
+        return status.st_dev == m_levels.back().device && status.st_ino == m_levels.back().number;
+    }
+
+    static bool removeFolder(int parent, const QByteArray &name)
+    {
+        return ::unlinkat(parent, name.constData(), AT_REMOVEDIR) == 0 || errno == ENOENT;
+    }
+
+    int m_top;
+    const char *m_name;
+    FileDescriptor m_folder; // the innermost of the levels
+    std::vector<Level> m_levels;
+};
 
 } // namespace
+
+QByteArray itemPath(const QString &path)
+{
+    QByteArray name = QFile::encodeName(path);
+    while (name.size() > 1 && (name.endsWith('/') || name.endsWith("/.")))
+        name.chop(1);
+    return name.contains('\0') ? QByteArray() : name;
+}
+
+FileDescriptor openRealFolder(const QString &path)
+{
+    return FileDescriptor(::open(itemPath(path).constData(), RealFolderFlags));
+}
+
+FolderListing::FolderListing(int folder, const char *name)
+    : FolderListing(FileDescriptor(::openat(folder, name, RealFolderFlags)))
+{
+}
+
+FolderListing::FolderListing(FileDescriptor folder)
+    : m_entries(folder ? ::fdopendir(folder.get()) : nullptr)
+{
+    if (m_entries)
+        folder.release();
+}
+
+const char *FolderListing::next()
+{
+    for (;;) {
+        errno = 0;
+        const dirent *entry = ::readdir(m_entries.get());
+        if (!entry)
+            return nullptr;
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+            return entry->d_name;
+    }
+}
 
 ZELError copyTree(const QString &from, const QString &to)
 {
@@ -180,55 +323,6 @@ qint64 treeSize(const QString &path)
     return size;
 }
 
-bool liesWithin(const QString &path, const QString &folder)
-{
-    const fs::path inner = resolved(path);
-    const fs::path outer = resolved(folder);
-    return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
-}
-
-std::optional<QByteArray> readFile(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return std::nullopt;
-    QByteArray bytes = file.readAll();
-    if (file.error() != QFileDevice::NoError)
-        return std::nullopt;
-    return bytes;
-}
-
-bool writeFileAtomically(int folder, const QByteArray &name, QByteArrayView bytes)
-{
-    // Not made of the file's own name, which may be as long as names can be.
-    const QByteArray above = name.left(name.lastIndexOf('/') + 1);
-    const QByteArray aside = above + '.' + QUuid::createUuid().toByteArray(QUuid::Id128);
-    FileDescriptor file(::openat(folder, aside.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    if (!file)
-        return false;
-    if (writeAll(file.get(), bytes.data(), size_t(bytes.size())) && file.close()
-        && moveIntoPlace(folder, aside, name))
-        return true;
-    const int number = errno;
-    ::unlinkat(folder, aside.constData(), 0);
-    errno = number;
-    return false;
-}
-
-ZELError replaceFile(const QString &aside, const QString &path)
-{
-    return moveIntoPlace(AT_FDCWD, QFile::encodeName(aside), QFile::encodeName(path))
-        ? ZELError()
-        : ZELError::fromErrno(QLatin1String("cannot write ") + path, errno);
-}
-
-ZELError writeFileAtomically(const QString &path, QByteArrayView bytes)
-{
-    return writeFileAtomically(AT_FDCWD, QFile::encodeName(path), bytes)
-        ? ZELError()
-        : ZELError::fromErrno(QLatin1String("cannot write ") + path, errno);
-}
-
 ZELError makePrivateFolder(const QString &path)
 {
     const QString clean = QDir::cleanPath(path);
@@ -247,6 +341,17 @@ ZELError makePrivateFolder(const QString &path)
     if (number == EEXIST && QDir(clean).exists())
         return {};
     return ZELError::fromErrno(QLatin1String("cannot make folder ") + path, number);
+}
+
+bool removeItem(int folder, const char *name)
+{
+    return Remover(folder, name).run();
+}
+
+ZELError removeTree(const QString &path)
+{
+    const bool removed = removeItem(AT_FDCWD, itemPath(path).constData());
+    return removed ? ZELError() : ZELError::fromErrno(QLatin1String("cannot remove ") + path, errno);
 }
 
 } // namespace zel

@@ -1,14 +1,56 @@
-// Files and folders: copying, removing, reading and writing whole items. Links are never followed below the top.
+// Folders and all that is in them: opened, listed, copied and removed, never by way of a link below the top.
 #pragma once
 
+#include "base/FileDescriptor.h"
 #include "common/ZELError.h"
 
 #include <QByteArray>
 #include <QString>
 
-#include <optional>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
 
 namespace zel {
+
+constexpr int RealFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+/// How deeply folders may be nested in a bundle. Walks hold a descriptor open for each level.
+constexpr int MaxFolderDepth = 128;
+
+/// A path for the system to take, naming an item itself: without the slashes and dots behind the last name, for which
+/// the system would follow a link. Empty for a path with a NUL, of which the system would see the beginning alone.
+QByteArray itemPath(const QString &path);
+
+/// Opens a folder, but not a link to one, whatever ends its path. Folders above it may be links. None, with errno,
+/// where there is no such folder.
+FileDescriptor openRealFolder(const QString &path);
+
+/// An open folder and the names in it.
+class FolderListing
+{
+public:
+    /// Lists the folder `name` of an open one; "." stands for that one itself.
+    FolderListing(int folder, const char *name);
+
+    /// Takes an open folder over, to list it from where its descriptor stands.
+    explicit FolderListing(FileDescriptor folder);
+
+    /// False, with errno, when the folder could not be opened.
+    explicit operator bool() const { return bool(m_entries); }
+
+    int folder() const { return ::dirfd(m_entries.get()); }
+
+    /// The next name but "." and "..", good until the next call. At the end null, with errno: 0 unless the folder could
+    /// not be read on.
+    const char *next();
+
+private:
+    struct Close {
+        void operator()(DIR *entries) const { ::closedir(entries); }
+    };
+    std::unique_ptr<DIR, Close> m_entries;
+};
 
 /// Copies a file or a whole folder to `to`, which must not exist (its parent must). Modes, times, symbolic links and
 /// extended attributes are kept, data is shared with the source where the file system can clone. When `from` itself
@@ -26,24 +68,6 @@ bool removeItem(int folder, const char *name);
 /// The bytes of all regular files in a folder, or of one file. Links are followed at the top only; what cannot be read
 /// counts as nothing.
 qint64 treeSize(const QString &path);
-
-/// Whether `path` is `folder` or lies below it, with all links resolved. Neither needs to exist. What cannot be
-/// resolved holds everything.
-bool liesWithin(const QString &path, const QString &folder);
-
-/// The whole content of a regular file, links followed; nothing where it cannot be read.
-std::optional<QByteArray> readFile(const QString &path);
-
-/// Moves a finished file to its place, where it replaces a file or a link. A device, a pipe or a socket there, or at the
-/// link's end, is not for a file to replace: an error.
-ZELError replaceFile(const QString &aside, const QString &path);
-
-/// Writes a file aside and moves it into place like `replaceFile`, so that there is never half a file. The file gets the
-/// default mode (0666 less the umask), whatever stood there before.
-ZELError writeFileAtomically(const QString &path, QByteArrayView bytes);
-
-/// The same in an open folder. False, with errno, on failure.
-bool writeFileAtomically(int folder, const QByteArray &name, QByteArrayView bytes);
 
 /// Makes a folder and those above it that are missing, all of them private (0700).
 ZELError makePrivateFolder(const QString &path);

@@ -1,8 +1,8 @@
 #include "LargeBuffer.h"
 
 #include "base/LargePages.h"
-#include "base/SystemFiles.h"
-#include "FreeSpace.h"
+#include "base/SystemCalls.h"
+#include "FileContents.h"
 
 #include <QFile>
 

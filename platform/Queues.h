@@ -1,4 +1,4 @@
-// The queues that the flows run on.
+// The queues that the flows run on, the threads beneath them, and their orderly end with the application.
 #pragma once
 
 #include <chrono>
@@ -20,6 +20,12 @@ void onMainQueueAfter(std::chrono::milliseconds delay, std::function<void()> &&w
 /// Runs `work` on a thread of its own, which no signal of the host interrupts and which the application's end waits
 /// for; on the calling thread, before this returns, where no thread is to be had. Safe from any thread.
 void onGlobalQueue(std::function<void()> &&work);
+
+/// Runs `body` on a new thread, where no signal handler of the host ever runs. `cancel` is called, on another thread,
+/// when the application ends before `body` has returned: then every session is cancelled and the application object's
+/// destructor, or `exit`, waits for all of them. A session that starts during that is cancelled at once. Returns false,
+/// with `body` untouched, where no thread is to be had. Safe from any thread.
+[[nodiscard]] bool startSession(std::function<void()> &&body, std::function<void()> cancel);
 
 /// Whether the caller is on the thread of the main queue.
 bool isMainQueue();

@@ -3,7 +3,7 @@
 #include "compactdelta.h"
 #include "generate/makedelta.h"
 #include "install/MD5FromData.h"
-#include "platform/FileTree.h"
+#include "platform/FileContents.h"
 #include "platform/Parallel.h"
 #include "xz/XZ.h"
 

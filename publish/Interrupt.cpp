@@ -1,5 +1,6 @@
 #include "Interrupt.h"
 
+#include "base/SystemCalls.h"
 #include "platform/FileTree.h"
 
 #include <cerrno>
@@ -57,8 +58,12 @@ void awaitInterruption()
 
 void cleanUpWhenInterrupted()
 {
-    if (::pipe2(interruptions, O_CLOEXEC) != 0)
+    zel::FileDescriptor reading;
+    zel::FileDescriptor writing;
+    if (!zel::makePipe(reading, writing))
         return;
+    interruptions[0] = reading.release();
+    interruptions[1] = writing.release();
     try {
         std::thread(awaitInterruption).detach();
     } catch (const std::system_error &) {

@@ -7,8 +7,10 @@
 #include "Interrupt.h"
 #include "PatchPlan.h"
 #include "PatchWriter.h"
+#include "platform/BundleInfo.h"
+#include "platform/Containment.h"
+#include "platform/FileContents.h"
 #include "platform/FileTree.h"
-#include "platform/ProgramFile.h"
 
 #include <QFile>
 #include <QFileInfo>

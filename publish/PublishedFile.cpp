@@ -2,7 +2,7 @@
 
 #include "base/FileDescriptor.h"
 #include "install/MD5Digest.h"
-#include "platform/FileTree.h"
+#include "platform/FileContents.h"
 
 #include <QCryptographicHash>
 #include <QFile>

@@ -1,14 +1,16 @@
 #include "ReleaseFolder.h"
 
 #include "base/FileDescriptor.h"
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "install/ArchiveExtractor.h"
 #include "Interrupt.h"
 #include "platform/BundleInfo.h"
+#include "platform/Containment.h"
+#include "platform/FileContents.h"
 #include "platform/FileTree.h"
 #include "PublishedFile.h"
 #include "seal/BundleSeal.h"
-#include "seal/SealSigner.h"
+#include "seal/SealSigners.h"
 #include "ZipWriter.h"
 
 #include <QDir>

@@ -1,9 +1,8 @@
 #include "UpdateServer.h"
 
-#include "base/SystemFiles.h"
+#include "base/SystemCalls.h"
 #include "HttpServer.h"
 #include "install/StagingFolder.h"
-#include "platform/FileTree.h"
 
 #include <QDateTime>
 #include <QDir>

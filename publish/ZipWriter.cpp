@@ -1,7 +1,7 @@
 #include "ZipWriter.h"
 
 #include "BundleTree.h"
-#include "platform/FileTree.h"
+#include "platform/FileContents.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -68,7 +68,7 @@ ZELError writeItem(struct archive *archive, const QString &path, const QString &
     const Entry entry(archive_entry_new(), archive_entry_free);
     archive_entry_set_pathname_utf8(entry.get(), name.toUtf8().constData());
     archive_entry_set_mode(entry.get(), modeOf(item));
-    archive_entry_set_mtime(entry.get(), status.st_mtim.tv_sec, 0);
+    archive_entry_set_mtime(entry.get(), status.st_mtime, 0);
     if (item.kind == BundleItem::File)
         archive_entry_set_size(entry.get(), status.st_size);
     if (item.kind == BundleItem::Link)

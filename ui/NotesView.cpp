@@ -1,6 +1,6 @@
 #include "NotesView.h"
 
-#include "base/SystemFiles.h"
+#include "base/SystemCalls.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -9,7 +9,7 @@
 #include "net/URLSession.h"
 #include "platform/Queues.h"
 #include "platform/SystemFacts.h"
-#include "seal/SignerPins.h"
+#include "seal/SealSigners.h"
 #include "ui/WebViewCast.h"
 #include "ui/ZELLocalization.h"
 #include "ZELUpdaterViews.h"

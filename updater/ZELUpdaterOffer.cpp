@@ -2,7 +2,7 @@
 #include "check/RequestBodies.h"
 #include "check/UpdateCheck.h"
 #include "check/UpdateStatus.h"
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "OfferTexts.h"
 #include "platform/Queues.h"
 #include "ui/ZELLayout.h"

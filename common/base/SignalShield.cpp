@@ -19,6 +19,27 @@ sigset_t raisedByWriting()
     return set;
 }
 
+// Takes one of the signals away that are pending on this thread, all of which are blocked; false when none is.
+bool takePending(const sigset_t &set)
+{
+#ifdef __APPLE__
+    sigset_t pending;
+    sigpending(&pending);
+    for (const int signal : RaisedByWriting) {
+        sigset_t one;
+        sigemptyset(&one);
+        sigaddset(&one, signal);
+        int taken = 0;
+        if (sigismember(&set, signal) == 1 && sigismember(&pending, signal) == 1)
+            return sigwait(&one, &taken) == 0;
+    }
+    return false;
+#else
+    const timespec now{};
+    return sigtimedwait(&set, nullptr, &now) > 0 || errno == EINTR;
+#endif
+}
+
 } // namespace
 
 BlockedSignals::BlockedSignals(const sigset_t &set)
@@ -55,8 +76,7 @@ SignalShield::~SignalShield()
 {
     // Both go to the thread that writes, so it is enough to take them away here. The mask comes back after this.
     const int error = errno;
-    const timespec now{};
-    while (sigtimedwait(&m_ours, nullptr, &now) > 0 || errno == EINTR) { }
+    while (takePending(m_ours)) { }
     errno = error;
 }
 

@@ -1,6 +1,6 @@
 #include "BodySinks.h"
 
-#include "base/SystemFiles.h"
+#include "base/SystemCalls.h"
 #include "URLSession.h"
 
 #include <QDir>

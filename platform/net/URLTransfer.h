@@ -1,11 +1,7 @@
-// One HTTP exchange, redirections included, on the thread that runs it.
-//
-// libcurl does the protocol. Qt's own network access was tried first: version 6.4 takes a connection that is dropped
-// in the middle of a body for the body's end in up to a third of all cases, with chunked coding beyond detection.
+// One HTTP exchange, redirections included, on the thread that runs it, and the clock that judges its pace.
 #pragma once
 
 #include "BodySinks.h"
-#include "TransferClock.h"
 #include "URLSession.h"
 
 #include <atomic>
@@ -14,6 +10,35 @@
 #include <memory>
 
 namespace zel {
+
+/// When a transfer has taken too long. Judges over times that it is told, so it can be tested without waiting.
+class TransferClock
+{
+public:
+    using Time = std::chrono::steady_clock::time_point;
+
+    /// For a transfer with the limits of `request` that begins at `start`.
+    TransferClock(const URLRequest &request, Time start);
+
+    /// Tells that `moved` bytes have gone either way since the start.
+    void tell(qint64 moved, Time now);
+
+    /// Which limit is broken; null as long as none is.
+    const char *complaint(Time now) const;
+
+    /// How long nothing needs to be judged as long as no byte moves.
+    std::chrono::milliseconds left(Time now) const;
+
+private:
+    const std::chrono::milliseconds m_timeout;
+    const std::optional<Time> m_deadline;
+    const std::optional<LeastPace> m_pace;
+    qint64 m_moved = 0;
+    Time m_lastByte;
+    Time m_spanStart;
+    qint64 m_spanMoved = 0; // what had moved when the span began
+    bool m_slow = false;
+};
 
 /// Made, run and destroyed on one thread; `cancel` alone may be called from any.
 class URLTransfer

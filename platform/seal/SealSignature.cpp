@@ -1,3 +1,10 @@
+// Detached signatures, made and verified by OpenSSL, which is asked for the mathematics alone. What makes a signature
+// acceptable is decided here, before anything expensive is computed: a stranger's signature could name thousands of
+// digests or signers, keys of any length, or digests that are broken, and the library would work through them all. Hence
+// the order in `verifySignature`: the shape of the structure, then the keys, then the signatures themselves, and the pins
+// last, over certificates whose signatures have verified. Certificates are containers of keys and names here and no more:
+// nobody's authority, purpose or date is asked, since a seal must stay valid for as long as the bundle is used. Trust
+// comes from where the update was announced, or from pinned fingerprints (SealSigners.h).
 #include "SealSignature.h"
 
 #include <QFile>
@@ -19,12 +26,10 @@ struct Free {
     void operator()(BIGNUM *number) const { BN_free(number); }
     void operator()(CMS_ContentInfo *cms) const { CMS_ContentInfo_free(cms); }
     void operator()(X509_ALGOR *algorithm) const { X509_ALGOR_free(algorithm); }
-    void operator()(STACK_OF(X509) * certificates) const { sk_X509_free(certificates); } // the stack alone
 };
 using Bio = std::unique_ptr<BIO, Free>;
 using Cms = std::unique_ptr<CMS_ContentInfo, Free>;
 using Algorithm = std::unique_ptr<X509_ALGOR, Free>;
-using Certificates = std::unique_ptr<STACK_OF(X509), Free>;
 
 Bio readerOf(const QByteArray &bytes)
 {
@@ -180,29 +185,6 @@ ZELError checkKeys(CMS_ContentInfo *cms)
                 QStringLiteral("the signer's key is too weak, too long, or of another kind than RSA and EC"));
     }
     return {};
-}
-
-QString fingerprint(const X509 *certificate)
-{
-    QByteArray digest(EVP_MAX_MD_SIZE, Qt::Uninitialized);
-    unsigned int size = 0;
-    X509_digest(certificate, EVP_sha256(), reinterpret_cast<unsigned char *>(digest.data()), &size);
-    return QString::fromLatin1(digest.left(size).toHex());
-}
-
-bool hasPinnedSigner(CMS_ContentInfo *cms, const QStringList &pins)
-{
-    QStringList accepted;
-    for (const QString &pin : pins) {
-        if (const std::optional<QString> readable = zel::normalFingerprint(pin))
-            accepted.append(*readable);
-    }
-    const Certificates signers(CMS_get0_signers(cms));
-    for (int i = 0; i < sk_X509_num(signers.get()); ++i) {
-        if (accepted.contains(fingerprint(sk_X509_value(signers.get(), i))))
-            return true;
-    }
-    return false;
 }
 
 } // namespace

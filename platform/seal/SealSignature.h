@@ -2,7 +2,7 @@
 #pragma once
 
 #include "common/ZELError.h"
-#include "SignerPins.h"
+#include "SealSigners.h"
 
 #include <QByteArray>
 #include <QString>

@@ -29,7 +29,7 @@ ZELError checkNames(const SealedItems &items);
 
 /// Why a link below `folder` (empty for all) is not acceptable: an absolute target, or one that leaves the folder when it
 /// is followed from link to link as the system does, or that never ends. Targets that do not exist are acceptable.
-/// `namesLeft` counts down the names that links add (see PathNames.h). Linear in time; memory is some hundred bytes for a
+/// `namesLeft` counts down the names that links add (see platform/Containment.h). Linear in time; memory is some hundred bytes for a
 /// link and for a folder that holds links.
 ZELError checkLinks(const SealedItems &items, const QByteArray &folder, qint64 &namesLeft);
 

@@ -1,10 +1,10 @@
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 
 #include <QJsonDocument>
 #include <QJsonValue>
 #include <QtTest>
 
-class tst_IntegerValue : public QObject
+class tst_WireValues : public QObject
 {
     Q_OBJECT
 private slots:
@@ -71,7 +71,16 @@ private slots:
     }
 
     void nothing() { QCOMPARE(zel::integerValue(QVariant()), 0); }
+
+    void webAddresses()
+    {
+        for (const char *good : {"http://a", "https://a.example:1/b?c", "HTTPS://a"})
+            QVERIFY2(zel::isWebAddress(QUrl(good)), good);
+        for (const char *bad : {"", "a.example", "//a", "http:", "http:///a", "http://a:b/", "file:///a",
+                                "file://a/b", "ftp://a", "httpsx://a"})
+            QVERIFY2(!zel::isWebAddress(QUrl(bad)), bad);
+    }
 };
 
-QTEST_GUILESS_MAIN(tst_IntegerValue)
-#include "tst_IntegerValue.moc"
+QTEST_GUILESS_MAIN(tst_WireValues)
+#include "tst_WireValues.moc"

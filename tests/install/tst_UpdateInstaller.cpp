@@ -4,7 +4,6 @@
 #include "install/UpdateJob.h"
 #include "install/ZELUpdaterValidateCodeSigning.h"
 #include "net/URLSession.h"
-#include "platform/FileTree.h"
 #include "seal/BundleSeal.h"
 #include "support/LogCapture.h"
 #include "support/PatchBuilder.h"

@@ -1,5 +1,4 @@
 #include "platform/BundleInfo.h"
-#include "platform/ProgramFile.h"
 #include "platform/PropertyList.h"
 #include "support/TemporaryTree.h"
 

@@ -1,3 +1,4 @@
+#include "platform/FileContents.h"
 #include "platform/FileTree.h"
 #include "support/DeepFolder.h"
 #include "support/TemporaryTree.h"

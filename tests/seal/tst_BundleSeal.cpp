@@ -2,7 +2,6 @@
 #include "seal/BundleSeal.h"
 #include "seal/SealedBundle.h"
 #include "seal/SealedItems.h"
-#include "seal/SealFile.h"
 #include "seal/SealSignature.h"
 #include "support/TemporaryTree.h"
 #include "support/TestCertificate.h"
@@ -12,6 +11,23 @@
 #include <openssl/ec.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+const char *nameThatStays = nullptr; // no file is moved to it
+
+}
+
+extern "C" int renameat(int fromFolder, const char *from, int toFolder, const char *to) noexcept
+{
+    if (nameThatStays && std::strcmp(to, nameThatStays) == 0) {
+        errno = EIO;
+        return -1;
+    }
+    return int(::syscall(SYS_renameat2, fromFolder, from, toFolder, to, 0));
+}
 
 namespace {
 
@@ -682,21 +698,25 @@ private slots:
         QCOMPARE(read->links, items.links);
     }
 
-    void replacedFilesArePutBack()
+    // The list has been replaced already when the signature cannot be.
+    void putsBackWhatItReplaced()
     {
-        const TemporaryTree tree;
-        tree.write("was", "old");
-        zel::SealFolder folder;
-        QVERIFY(!folder.open(tree.path()));
-        for (const char *name : {"was", "was not"}) {
-            zel::SealFile file(folder, name, 100);
-            QVERIFY(!file.writeAside("new"));
-            QVERIFY(!file.moveIntoPlace());
-            QCOMPARE(tree.read(name), QByteArray("new"));
-            file.putBack();
+        TemporaryTree tree;
+        writeBundle(tree);
+        for (const bool wasSealed : {false, true}) {
+            if (wasSealed)
+                QVERIFY(!seal(tree.path("App.app")));
+            const QByteArray before = QFileInfo::exists(tree.path(list)) ? tree.read(list) : QByteArray();
+            nameThatStays = "CodeSignature";
+            tree.write(app + "Contents/More", wasSealed ? "more" : "");
+            const ZELError failed = seal(tree.path("App.app"));
+            nameThatStays = nullptr;
+            QVERIFY(failed.message.contains("cannot write"));
+            QCOMPARE(QFileInfo::exists(tree.path(app + "Contents/_CodeSignature")), wasSealed);
+            if (wasSealed)
+                QCOMPARE(tree.read(list), before);
         }
-        QCOMPARE(tree.read("was"), QByteArray("old"));
-        QCOMPARE(QDir(tree.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"was"});
+        QVERIFY(!QFileInfo::exists(tree.path(app + "Contents/_CodeSignature/.CodeSignature.new")));
     }
 
     // A run that is killed between writing aside and moving leaves files that must not be sealed in.

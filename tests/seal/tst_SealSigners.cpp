@@ -1,4 +1,4 @@
-#include "seal/SignerPins.h"
+#include "seal/SealSigners.h"
 #include "support/LogCapture.h"
 
 #include <QJsonArray>
@@ -7,7 +7,7 @@
 
 using namespace zel;
 
-class tst_SignerPins : public QObject
+class tst_SealSigners : public QObject
 {
     Q_OBJECT
 
@@ -67,5 +67,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(tst_SignerPins)
-#include "tst_SignerPins.moc"
+QTEST_GUILESS_MAIN(tst_SealSigners)
+#include "tst_SealSigners.moc"

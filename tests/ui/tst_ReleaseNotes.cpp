@@ -1,3 +1,4 @@
+#include "common/WireValues.h"
 #include "notes/NotesReach.h"
 #include "support/TestServer.h"
 #include "ui/ZELUpdaterButton.h"
@@ -127,7 +128,7 @@ private slots:
         QCOMPARE(fromOutside.allows(url), isPublic);
         zel::NotesReach fromThere;
         fromThere.start(url);
-        QCOMPARE(fromThere.allows(url), zel::isNetworkAddress(url));
+        QCOMPARE(fromThere.allows(url), zel::isWebAddress(url));
         QCOMPARE(fromThere.allows(QUrl("http://127.0.0.1:81")), false);
         fromThere.follow(QUrl("https://notes.example/"));
         QCOMPARE(fromThere.allows(url), isPublic);

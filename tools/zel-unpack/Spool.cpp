@@ -1,6 +1,6 @@
 #include "Spool.h"
 
-#include "base/SystemFiles.h"
+#include "base/SystemCalls.h"
 
 #include <vector>
 

@@ -2,7 +2,7 @@
 //
 // The archive is stored, judged as a whole, and only then extracted. Exit status 0: all of it is there, with every
 // link and time; 1: it is not, and one line on standard error says why; 2: wrong usage.
-#include "base/SystemFiles.h"
+#include "base/SystemCalls.h"
 #include "Extraction.h"
 #include "Reporter.h"
 #include "Survey.h"

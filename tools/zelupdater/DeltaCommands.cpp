@@ -2,7 +2,7 @@
 #include "delta/bspatch2.h"
 #include "generate/makedelta.h"
 #include "install/MD5Digest.h"
-#include "platform/FileTree.h"
+#include "platform/FileContents.h"
 #include "publish/Interrupt.h"
 
 #include <QFile>

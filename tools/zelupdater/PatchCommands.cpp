@@ -3,6 +3,7 @@
 #include "install/PatchLog.h"
 #include "install/ZELUpdaterApplyPatch.h"
 #include "install/ZELUpdaterTestPatch.h"
+#include "platform/Containment.h"
 #include "platform/FileTree.h"
 #include "publish/Interrupt.h"
 #include "publish/PatchMaker.h"

@@ -2,7 +2,7 @@
 #include "platform/BundleInfo.h"
 #include "publish/Interrupt.h"
 #include "seal/BundleSeal.h"
-#include "seal/SealSigner.h"
+#include "seal/SealSigners.h"
 
 #include <QJsonArray>
 #include <QJsonObject>

@@ -2,7 +2,7 @@
 #include "check/UpdateDecision.h"
 #include "check/UpdateStatus.h"
 #include "Commands.h"
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "platform/BundleInfo.h"
 #include "ToolLog.h"
 #include "UpdateRun.h"
@@ -17,18 +17,11 @@ using namespace zel;
 
 namespace {
 
-bool isWebAddress(const QString &text)
-{
-    const QUrl url(text);
-    return (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"))
-        && !url.host().isEmpty();
-}
-
 // The configuration that the options describe; nothing after wrong usage, which is then reported.
 std::optional<QVariantMap> configOf(const Arguments &arguments)
 {
     QVariantMap config{{QStringLiteral("url"), arguments.value(QStringLiteral("url"))}};
-    if (!isWebAddress(config[QStringLiteral("url")].toString())) {
+    if (!isWebAddress(QUrl(arguments.value(QStringLiteral("url"))))) {
         arguments.misused(QStringLiteral("--url takes an http or https address"));
         return std::nullopt;
     }

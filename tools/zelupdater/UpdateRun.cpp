@@ -3,11 +3,11 @@
 #include "check/UpdateCheck.h"
 #include "check/UpdateStatus.h"
 #include "Command.h"
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "install/DownloadFraction.h"
 #include "install/StagingFolder.h"
 #include "platform/Queues.h"
-#include "seal/SignerPins.h"
+#include "seal/SealSigners.h"
 #include "ToolLog.h"
 
 #include <QCoreApplication>

@@ -1,5 +1,6 @@
 // The module: a NotesView over the web engine.
 #include "base/ZELExport.h"
+#include "common/WireValues.h"
 #include "EngineObstacle.h"
 #include "NotesPage.h"
 #include "NotesProfile.h"
@@ -70,7 +71,7 @@ public:
     {
         if (!m_page)
             return;
-        if (!isNetworkAddress(address)) {
+        if (!isWebAddress(address)) {
             setHtml({});
             return;
         }

@@ -1,5 +1,6 @@
 #include "NotesPage.h"
 
+#include "base/SystemCalls.h"
 #include "NotesProfile.h"
 
 #include <QColor>
@@ -9,7 +10,6 @@
 #include <QWebEngineNewWindowRequest>
 #include <QWebEngineSettings>
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace zel {
@@ -26,14 +26,13 @@ void openOutside(const QUrl &url)
 }
 
 // Ten times what notes take. Without a limit, a document that does not end fills the machine's memory.
-constexpr rlim_t MemoryOfAPage = rlim_t(1) << 30;
+constexpr quint64 MemoryOfAPage = quint64(1) << 30;
 
 // The engine may have been told to do without processes of its own.
-void limitMemory(qint64 process)
+void limitPage(qint64 process)
 {
-    const rlimit limit{MemoryOfAPage, MemoryOfAPage};
     if (process > 0 && process != getpid())
-        prlimit(pid_t(process), RLIMIT_DATA, &limit, nullptr);
+        limitMemory(pid_t(process), MemoryOfAPage);
 }
 
 } // namespace
@@ -50,7 +49,7 @@ NotesPage::NotesPage(NotesProfile &profile)
           QWebEngineSettings::HyperlinkAuditingEnabled, QWebEngineSettings::DnsPrefetchEnabled,
           QWebEngineSettings::AutoLoadIconsForPage, QWebEngineSettings::FocusOnNavigationEnabled})
         settings()->setAttribute(attribute, false);
-    connect(this, &QWebEnginePage::renderProcessPidChanged, this, limitMemory);
+    connect(this, &QWebEnginePage::renderProcessPidChanged, this, limitPage);
     connect(this, &QWebEnginePage::newWindowRequested, this, &NotesPage::openNewWindowOutside);
     connect(this, &QWebEnginePage::urlChanged, this, [this] { m_isAwaited = false; });
     connect(this, &QWebEnginePage::loadingChanged, this, [this](const QWebEngineLoadingInfo &loading) {

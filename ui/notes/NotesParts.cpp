@@ -1,6 +1,6 @@
 #include "NotesParts.h"
 
-#include "common/UserLanguages.h"
+#include "common/WireValues.h"
 #include "NotesProfile.h"
 
 #include <QBuffer>

@@ -1,6 +1,6 @@
 #include "NotesProfile.h"
 
-#include "common/UserLanguages.h"
+#include "common/WireValues.h"
 
 #include <QBuffer>
 #include <QWebEngineScript>

@@ -1,5 +1,7 @@
 #include "NotesReach.h"
 
+#include "common/WireValues.h"
+
 #include <QHostAddress>
 
 #include <algorithm>
@@ -49,12 +51,6 @@ QUrl origin(const QUrl &url)
 
 } // namespace
 
-bool isNetworkAddress(const QUrl &url)
-{
-    return url.isValid() && !url.host().isEmpty()
-        && (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"));
-}
-
 bool isPublicHost(const QString &host)
 {
     QString name = host.toLower();
@@ -70,7 +66,7 @@ bool isPublicHost(const QString &host)
 
 void NotesReach::start(const QUrl &document)
 {
-    m_own = isNetworkAddress(document) && !isPublicHost(document.host()) ? origin(document) : QUrl();
+    m_own = isWebAddress(document) && !isPublicHost(document.host()) ? origin(document) : QUrl();
 }
 
 void NotesReach::follow(const QUrl &url)
@@ -81,7 +77,7 @@ void NotesReach::follow(const QUrl &url)
 
 bool NotesReach::allows(const QUrl &url) const
 {
-    return isNetworkAddress(url) && (isPublicHost(url.host()) || isOwn(url));
+    return isWebAddress(url) && (isPublicHost(url.host()) || isOwn(url));
 }
 
 bool NotesReach::isOwn(const QUrl &url) const

@@ -5,9 +5,6 @@
 
 namespace zel {
 
-/// Whether `url` is of http or https and names a host.
-bool isNetworkAddress(const QUrl &url);
-
 /// Whether `host` is one of the open network: a literal address that is routed there, or a name that is no machine's
 /// own (localhost), no local network's (.local, .lan, ...) and has a dot. A name says nothing about the address that it
 /// resolves to. Addresses in odd forms (a number, hexadecimal, IPv4 within IPv6) count as what they stand for.

@@ -1,6 +1,6 @@
 #include "RequestBodies.h"
 
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "install/PatchLog.h"
 
 #include <QJsonArray>

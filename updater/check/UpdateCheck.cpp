@@ -1,7 +1,7 @@
 #include "UpdateCheck.h"
 
 #include "common/DDLog.h"
-#include "common/UserLanguages.h"
+#include "common/WireValues.h"
 #include "net/URLSession.h"
 #include "platform/BundleInfo.h"
 #include "platform/Queues.h"

@@ -1,7 +1,7 @@
 #include "UpdateDecision.h"
 
 #include "common/DDLog.h"
-#include "common/IntegerValue.h"
+#include "common/WireValues.h"
 #include "platform/BoundedJson.h"
 #include "UpdateStatus.h"
 

@@ -1,14 +1,16 @@
-#include "SystemFiles.h"
+#include "SystemCalls.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #ifdef __linux__
 #include <climits>
 #include <link.h>
+#include <sys/resource.h>
 #endif
 
 namespace zel {
@@ -63,10 +65,44 @@ int takeSpace(int file, std::int64_t size)
 #endif
 }
 
+bool makePipe(FileDescriptor &reading, FileDescriptor &writing)
+{
+    int ends[2];
+#ifdef __APPLE__
+    if (::pipe(ends) != 0)
+        return false;
+    for (const int end : ends)
+        ::fcntl(end, F_SETFD, FD_CLOEXEC);
+#else
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        return false;
+#endif
+    reading = FileDescriptor(ends[0]);
+    writing = FileDescriptor(ends[1]);
+    return true;
+}
+
 void widenPipe([[maybe_unused]] int pipe)
 {
 #ifdef F_SETPIPE_SZ
     ::fcntl(pipe, F_SETPIPE_SZ, 1 << 20);
+#endif
+}
+
+std::array<timespec, 2> timesOf(const struct stat &status)
+{
+#ifdef __APPLE__
+    return {status.st_atimespec, status.st_mtimespec};
+#else
+    return {status.st_atim, status.st_mtim};
+#endif
+}
+
+void limitMemory([[maybe_unused]] pid_t process, [[maybe_unused]] std::uint64_t bytes)
+{
+#ifdef __linux__
+    const rlimit limit{rlim_t(bytes), rlim_t(bytes)};
+    ::prlimit(process, RLIMIT_DATA, &limit, nullptr);
 #endif
 }
 

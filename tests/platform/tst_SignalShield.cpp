@@ -2,7 +2,6 @@
 #include "base/SignalShield.h"
 #include "platform/Parallel.h"
 #include "platform/Queues.h"
-#include "platform/SessionThreads.h"
 
 #include <QtTest>
 

@@ -1,11 +1,17 @@
-// What systems do differently about files, each behind a function that says what it stands for.
+// What systems do differently, each behind a function that says what it stands for. Code that asks which system it is
+// compiled for stands here, in the other headers of this folder and in platform/, and nowhere else.
 #pragma once
 
 #include "FileDescriptor.h"
 
+#include <array>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
+#include <sys/types.h>
+
+struct stat;
 
 namespace zel {
 
@@ -22,8 +28,18 @@ FileDescriptor unnamedFile(const std::string &folder);
 /// memory can fail for want of it. 0, else an `errno` value.
 int takeSpace(int file, std::int64_t size);
 
+/// Makes a pipe that no program inherits; false, with `errno`, where none is to be had. Where the system cannot do both
+/// at once, a program that another thread starts at that moment may inherit it.
+bool makePipe(FileDescriptor &reading, FileDescriptor &writing);
+
 /// Gives a pipe more room than the usual 64 KiB, where that is possible: fewer switches between writer and reader.
 void widenPipe(int pipe);
+
+/// When a file was last read and written, as `futimens` takes them.
+std::array<timespec, 2> timesOf(const struct stat &status);
+
+/// Limits the memory that another process may take from now on, where that is possible.
+void limitMemory(pid_t process, std::uint64_t bytes);
 
 /// The file that this code was linked into, the program's or the library's; empty where the system does not say.
 std::string ownBinary();
