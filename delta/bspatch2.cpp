@@ -1,6 +1,6 @@
 #include "bspatch2.h"
 
-#include "deltainteger.h"
+#include "deltaformat.h"
 #include "deltalayout.h"
 #include "owned.h"
 #include "readfile.h"

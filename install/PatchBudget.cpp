@@ -1,6 +1,6 @@
 #include "PatchBudget.h"
 
-#include "delta/deltainteger.h"
+#include "delta/deltaformat.h"
 #include "delta/deltalayout.h"
 #include "platform/FileContents.h"
 

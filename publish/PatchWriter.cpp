@@ -1,6 +1,6 @@
 #include "PatchWriter.h"
 
-#include "delta/deltainteger.h"
+#include "delta/deltaformat.h"
 #include "delta/deltalayout.h"
 #include "xz/XZ.h"
 

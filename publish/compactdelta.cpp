@@ -1,6 +1,6 @@
 #include "compactdelta.h"
 
-#include "delta/deltainteger.h"
+#include "delta/deltaformat.h"
 #include "delta/deltalayout.h"
 #include "generate/matchlength.h"
 

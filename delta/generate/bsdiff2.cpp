@@ -1,6 +1,6 @@
 #include "bsdiff2.h"
 
-#include "delta/deltainteger.h"
+#include "delta/deltaformat.h"
 #include "delta/deltalayout.h"
 #include "delta/owned.h"
 #include "delta/readfile.h"

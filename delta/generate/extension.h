@@ -2,7 +2,7 @@
 // their files where the counting starts; all ties go to the shorter length.
 #pragma once
 
-#include "repeats.h"
+#include "agreement.h"
 
 namespace zel {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "prefixtable.h"
-#include "repeats.h"
+#include "agreement.h"
 
 #include <cstdint>
 #include <span>

@@ -1,6 +1,6 @@
 #include "publish/PatchWriter.h"
 
-#include "delta/deltainteger.h"
+#include "delta/deltaformat.h"
 
 #include <QtTest>
 

@@ -1,7 +1,7 @@
 // Inputs for the tests of the delta engine, and deltas put together by hand.
 #pragma once
 
-#include "delta/deltainteger.h"
+#include "delta/deltaformat.h"
 
 #include <QByteArray>
 #include <QList>

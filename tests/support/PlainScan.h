@@ -1,7 +1,7 @@
 // The generator's scan as it is published, without any short cut: the measure for the real one.
 #pragma once
 
-#include "delta/deltainteger.h"
+#include "delta/deltaformat.h"
 #include "delta/deltalayout.h"
 #include "generate/sais.h"
 #include "generate/scan.h"

@@ -1,4 +1,4 @@
-#include "repeats.h"
+#include "agreement.h"
 
 #include "matchlength.h"
 

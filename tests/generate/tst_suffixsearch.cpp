@@ -6,7 +6,7 @@
 #include <cstring>
 #include <QtTest>
 
-class tst_prefixtable : public QObject
+class tst_suffixsearch : public QObject
 {
     Q_OBJECT
 private slots:
@@ -55,5 +55,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(tst_prefixtable)
-#include "tst_prefixtable.moc"
+QTEST_GUILESS_MAIN(tst_suffixsearch)
+#include "tst_suffixsearch.moc"
