@@ -1,5 +1,5 @@
 // The inner loops of the delta engine, by themselves.
-#include "generate/matchlength.h"
+#include "generate/agreement.h"
 #include "generate/sais.h"
 #include "generate/scan.h"
 

@@ -1,7 +1,6 @@
 #include "bspatch2.h"
 
 #include "deltaformat.h"
-#include "deltalayout.h"
 #include "owned.h"
 #include "readfile.h"
 
@@ -15,24 +14,25 @@ namespace {
 
 using Index = std::int64_t;
 
-struct Header {
+struct DeltaHeader {
     Index controlLength;
     Index diffLength;
     Index newSize;
 };
 
-struct Old {
+struct OldFile {
     Bytes bytes;
     Index size = 0;
 };
 
-struct Triple {
+struct ControlTriple {
     Index add;
     Index insert;
     Index seek;
 };
 
-/// A read position in the delta. Blocks have no end of their own: reading runs on to the end of the delta.
+/// A read position in the delta. DeltaBlocks have no end of their own: reading runs on to the end of the
+/// delta.
 class Cursor
 {
 public:
@@ -66,8 +66,8 @@ private:
     std::span<const std::byte> m_rest;
 };
 
-struct Blocks {
-    explicit Blocks(std::span<const std::byte> patch)
+struct DeltaBlocks {
+    explicit DeltaBlocks(std::span<const std::byte> patch)
         : control(patch)
         , diff(patch)
         , extra(patch)
@@ -76,10 +76,10 @@ struct Blocks {
 
     /// The sums are unsigned and cannot wrap: no length is negative, and the second is added only to an
     /// offset within the delta.
-    bool seek(const Header &header)
+    bool seek(const DeltaHeader &header)
     {
-        const std::uint64_t diffStart = headerSize + static_cast<std::uint64_t>(header.controlLength);
-        return control.seek(headerSize) && diff.seek(diffStart)
+        const std::uint64_t diffStart = DeltaHeaderSize + static_cast<std::uint64_t>(header.controlLength);
+        return control.seek(DeltaHeaderSize) && diff.seek(diffStart)
             && extra.seek(diffStart + static_cast<std::uint64_t>(header.diffLength));
     }
 
@@ -92,7 +92,7 @@ struct Blocks {
 class Application
 {
 public:
-    Application(const Old &old, const Blocks &blocks, unsigned char *newBytes, Index newSize)
+    Application(const OldFile &old, const DeltaBlocks &blocks, unsigned char *newBytes, Index newSize)
         : m_old(old)
         , m_blocks(blocks)
         , m_new(newBytes)
@@ -113,7 +113,7 @@ public:
 private:
     bool pass()
     {
-        Triple triple;
+        ControlTriple triple;
         const bool fresh = readTriple(triple);
         if (!fresh && triple.add == 0 && triple.insert == 0)
             return false; // no later pass would differ from this one
@@ -126,7 +126,7 @@ private:
     /// Returns whether any new control byte was read. At the end of the data a value keeps the bytes of the
     /// one before it: deliberate, so that a delta whose control data ends early gives the same file
     /// everywhere.
-    bool readTriple(Triple &triple)
+    bool readTriple(ControlTriple &triple)
     {
         std::size_t count = 0;
         for (Index *value : {&triple.add, &triple.insert, &triple.seek}) {
@@ -187,13 +187,13 @@ private:
         return true;
     }
 
-    const Old &m_old;
-    Blocks m_blocks;
+    const OldFile &m_old;
+    DeltaBlocks m_blocks;
     unsigned char *m_new;
     Index m_newSize;
     Index m_oldPosition = 0;
     Index m_newPosition = 0;
-    std::array<unsigned char, deltaIntegerSize> m_control = {};
+    std::array<unsigned char, DeltaIntegerSize> m_control = {};
 };
 
 void reportCorrupt()
@@ -202,17 +202,17 @@ void reportCorrupt()
         "Corrupt patch\n"); // deliberate: readers of this output know the message by the blank line after it
 }
 
-std::optional<Header> readHeader(std::span<const std::byte> patch)
+std::optional<DeltaHeader> readHeader(std::span<const std::byte> patch)
 {
-    std::array<unsigned char, headerSize> bytes;
+    std::array<unsigned char, DeltaHeaderSize> bytes;
     if (patch.size() < bytes.size()) {
         std::puts("header error");
         reportCorrupt();
         return std::nullopt;
     }
     std::memcpy(bytes.data(), patch.data(), bytes.size());
-    const Header header{deltaIntegerAt(bytes, controlLengthOffset), deltaIntegerAt(bytes, diffLengthOffset),
-                        deltaIntegerAt(bytes, newSizeOffset)};
+    const DeltaHeader header{deltaIntegerAt(bytes, ControlLengthOffset),
+                             deltaIntegerAt(bytes, DiffLengthOffset), deltaIntegerAt(bytes, NewSizeOffset)};
     if (header.controlLength < 0 || header.diffLength < 0 || header.newSize < 0) {
         reportCorrupt();
         return std::nullopt;
@@ -246,13 +246,13 @@ int bspatch2(const std::filesystem::path &oldPath, const std::filesystem::path &
              std::span<const std::byte> patch)
 {
     using namespace zel;
-    const std::optional<Header> header = readHeader(patch);
+    const std::optional<DeltaHeader> header = readHeader(patch);
     if (!header)
         return -1;
-    Blocks blocks(patch);
+    DeltaBlocks blocks(patch);
     if (!blocks.seek(*header))
         return -1;
-    Old old;
+    OldFile old;
     old.bytes.reset(readfile(oldPath.c_str(), &old.size));
     if (!old.bytes) {
         warn("old file: %s", oldPath.c_str());

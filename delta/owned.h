@@ -11,7 +11,7 @@
 
 namespace zel {
 
-struct Free {
+struct FreeMemory {
     void operator()(void *memory) const
     {
         const int cause = errno;
@@ -29,8 +29,8 @@ struct CloseFile {
     }
 };
 
-using Bytes = std::unique_ptr<unsigned char[], Free>;
-template <typename T> using Array = std::unique_ptr<T[], Free>;
+using Bytes = std::unique_ptr<unsigned char[], FreeMemory>;
+template <typename T> using Array = std::unique_ptr<T[], FreeMemory>;
 using Entries = Array<std::int64_t>;
 using File = std::unique_ptr<std::FILE, CloseFile>;
 

@@ -1,7 +1,6 @@
 #include "PatchBudget.h"
 
 #include "delta/deltaformat.h"
-#include "delta/deltalayout.h"
 #include "platform/FileContents.h"
 
 #include <algorithm>
@@ -17,11 +16,11 @@ qint64 outcome(const PatchCommand &command, QByteArrayView slice)
 {
     if (command.action != PatchAction::Patch)
         return slice.size();
-    if (slice.size() < qsizetype(headerSize))
+    if (slice.size() < qsizetype(DeltaHeaderSize))
         return 0;
-    const std::span header(reinterpret_cast<const unsigned char *>(slice.data()), headerSize);
+    const std::span header(reinterpret_cast<const unsigned char *>(slice.data()), DeltaHeaderSize);
     // What claims more is corrupt, which is found before anything is written.
-    return std::clamp<qint64>(deltaIntegerAt(header, newSizeOffset), 0, 2 * slice.size());
+    return std::clamp<qint64>(deltaIntegerAt(header, NewSizeOffset), 0, 2 * slice.size());
 }
 
 bool makesFolders(PatchAction action)

@@ -1,7 +1,6 @@
 #include "PatchWriter.h"
 
 #include "delta/deltaformat.h"
-#include "delta/deltalayout.h"
 #include "xz/XZ.h"
 
 #include <QJsonArray>
@@ -49,15 +48,15 @@ qsizetype pieces(const XZBlock &part)
 /// The parts of a delta, or of anything else the whole.
 std::vector<XZBlock> partsOf(const PatchCommand &command, QByteArrayView slice)
 {
-    if (command.action != PatchAction::Patch || slice.size() < qsizetype(headerSize))
+    if (command.action != PatchAction::Patch || slice.size() < qsizetype(DeltaHeaderSize))
         return {{slice, XZContent::Bytes}};
-    const std::span header(reinterpret_cast<const unsigned char *>(slice.data()), headerSize);
-    const qint64 room = slice.size() - qint64(headerSize);
-    const qint64 control = deltaIntegerAt(header, controlLengthOffset);
-    const qint64 diff = deltaIntegerAt(header, diffLengthOffset);
+    const std::span header(reinterpret_cast<const unsigned char *>(slice.data()), DeltaHeaderSize);
+    const qint64 room = slice.size() - qint64(DeltaHeaderSize);
+    const qint64 control = deltaIntegerAt(header, ControlLengthOffset);
+    const qint64 diff = deltaIntegerAt(header, DiffLengthOffset);
     if (control < 0 || diff < 0 || control > room || diff > room - control)
         return {{slice, XZContent::Bytes}};
-    const qint64 diffStart = qint64(headerSize) + control;
+    const qint64 diffStart = qint64(DeltaHeaderSize) + control;
     return {{slice.first(diffStart), XZContent::Records},
             {slice.sliced(diffStart, diff), XZContent::Sparse},
             {slice.sliced(diffStart + diff), XZContent::Bytes}};

@@ -1,8 +1,7 @@
 #include "compactdelta.h"
 
 #include "delta/deltaformat.h"
-#include "delta/deltalayout.h"
-#include "generate/matchlength.h"
+#include "generate/agreement.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -25,7 +24,7 @@ constexpr Index tripleCost = 100;
 constexpr Index reach = 1024;
 constexpr std::size_t copiesAhead = 8;
 constexpr std::size_t mostPaths = 16; // bounds the time when many copies are equally good
-constexpr std::size_t tripleSize = 3 * deltaIntegerSize;
+constexpr std::size_t tripleSize = 3 * DeltaIntegerSize;
 
 Index length(Text text)
 {
@@ -43,19 +42,20 @@ struct Copy {
 /// Nothing when one lies outside the files.
 std::optional<std::vector<Copy>> readCopies(Text delta, Index oldSize, Index newSize)
 {
-    if (delta.size() < headerSize)
+    if (delta.size() < DeltaHeaderSize)
         return std::nullopt;
-    const Index controlLength = deltaIntegerAt(delta, controlLengthOffset);
-    if (controlLength < 0 || controlLength > length(delta) - Index(headerSize))
+    const Index controlLength = deltaIntegerAt(delta, ControlLengthOffset);
+    if (controlLength < 0 || controlLength > length(delta) - Index(DeltaHeaderSize))
         return std::nullopt;
     std::vector<Copy> copies;
     Index oldPosition = 0;
     Index newPosition = 0;
-    const std::size_t end = headerSize + static_cast<std::size_t>(controlLength) / tripleSize * tripleSize;
-    for (std::size_t at = headerSize; at < end; at += tripleSize) {
+    const std::size_t end =
+        DeltaHeaderSize + static_cast<std::size_t>(controlLength) / tripleSize * tripleSize;
+    for (std::size_t at = DeltaHeaderSize; at < end; at += tripleSize) {
         const Index add = deltaIntegerAt(delta, at);
-        const Index insert = deltaIntegerAt(delta, at + deltaIntegerSize);
-        const Index seek = deltaIntegerAt(delta, at + 2 * deltaIntegerSize);
+        const Index insert = deltaIntegerAt(delta, at + DeltaIntegerSize);
+        const Index seek = deltaIntegerAt(delta, at + 2 * DeltaIntegerSize);
         if (add < 0 || insert < 0 || add > newSize - newPosition || insert > newSize - newPosition - add
             || add > oldSize - oldPosition)
             return std::nullopt;
@@ -230,17 +230,17 @@ std::vector<std::byte> writeDelta(Text oldBytes, Text newBytes, const std::vecto
     Index added = 0;
     for (const Copy &copy : copies)
         added += copy.length();
-    std::vector<std::byte> delta(headerSize + copies.size() * tripleSize + newBytes.size());
+    std::vector<std::byte> delta(DeltaHeaderSize + copies.size() * tripleSize + newBytes.size());
     auto *const bytes = reinterpret_cast<unsigned char *>(delta.data());
     unsigned char *control = bytes;
     const auto write = [&control](Index value) {
         control = std::ranges::copy(encodeDeltaInteger(value), control).out;
     };
-    control = std::ranges::copy(deltaMagic, control).out;
+    control = std::ranges::copy(DeltaMagic, control).out;
     write(static_cast<Index>(copies.size() * tripleSize));
     write(added);
     write(length(newBytes));
-    unsigned char *difference = bytes + headerSize + copies.size() * tripleSize;
+    unsigned char *difference = bytes + DeltaHeaderSize + copies.size() * tripleSize;
     unsigned char *extra = difference + added;
     for (std::size_t i = 0; i < copies.size(); ++i) {
         const Copy &copy = copies[i];

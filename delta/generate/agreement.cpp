@@ -1,24 +1,31 @@
 #include "agreement.h"
 
-#include "matchlength.h"
-
 #include <algorithm>
+
+// Invariants, on which every answer without a look at the bytes rests:
+// - m_agreements: the new bytes from `begin` to `end` equal the old ones at `offset`, and the pair at `end`
+//   differs or one file ends there. An offset has one slot, and a later one with the same slot takes its
+//   place.
+// - all runs repeat one pattern of m_period bytes: whoever adds a run has seen a whole period of it to be the
+//   pattern's. A new period therefore forgets all runs of both files. Finding a period and the extent of a
+//   run costs time of its own, so it starts only when a match has cost more (ShortCuts::worthLearning), and
+//   the search for a period gives up after a few times the text's length.
 
 namespace zel {
 namespace {
 
 using Index = std::int64_t;
 
-constexpr Index longestPeriodText = Index(1) << 20;
-constexpr int hashShift = 54; // leaves ten bits, for as many agreements as are kept
+constexpr Index LongestPeriodText = Index(1) << 20;
+constexpr int HashShift = 54; // leaves ten bits, for as many agreements as are kept
 
 std::size_t slotOf(Index offset)
 {
-    return static_cast<std::size_t>((static_cast<std::uint64_t>(offset) * 0x9E3779B97F4A7C15U) >> hashShift);
+    return static_cast<std::size_t>((static_cast<std::uint64_t>(offset) * 0x9E3779B97F4A7C15U) >> HashShift);
 }
 
-/// The shortest period of a text, if it is at most half as long; 0 when there is none or when the search takes
-/// too long. A period p that is broken after p + t bytes rules out all others up to t.
+/// The shortest period of a text, if it is at most half as long; 0 when there is none or when the search
+/// takes too long. A period p that is broken after p + t bytes rules out all others up to t.
 Index shortPeriod(const unsigned char *text, Index length)
 {
     Index work = 4 * length;
@@ -33,6 +40,26 @@ Index shortPeriod(const unsigned char *text, Index length)
 }
 
 } // namespace
+
+const Run *Runs::find(std::int64_t position) const
+{
+    const Run *const end = m_runs.data() + m_count;
+    const Run *const run = std::upper_bound(
+        m_runs.data(), end, position, [](std::int64_t place, const Run &other) { return place < other.end; });
+    return run != end && run->begin <= position ? run : nullptr;
+}
+
+void Runs::add(const Run &run)
+{
+    if (m_count == m_runs.size())
+        m_count = 0;
+    Run *const end = m_runs.data() + m_count++;
+    Run *const place = std::upper_bound(m_runs.data(), end, run,
+                                        [](const Run &one, const Run &other) { return one.end < other.end; });
+    std::move_backward(place, end, end + 1);
+    *place = run;
+    m_last = run;
+}
 
 Repeats::Repeats(std::span<const unsigned char> oldBytes, std::span<const unsigned char> newBytes,
                  const ShortCuts &shortCuts)
@@ -96,8 +123,8 @@ Index Repeats::longLength(Index a, Index s, Index from)
     return equal;
 }
 
-/// What is equal to a whole period of a known run in the other file belongs to a run of the same pattern; only
-/// without such a run a period is looked for.
+/// What is equal to a whole period of a known run in the other file belongs to a run of the same pattern;
+/// only without such a run a period is looked for.
 void Repeats::learn(Index a, Index s, Index equal, Index compared)
 {
     const Run *newRun = m_newRuns.over(s, m_period);
@@ -116,7 +143,7 @@ void Repeats::learn(Index a, Index s, Index equal, Index compared)
 
 bool Repeats::learnPeriod(Index s, Index length)
 {
-    const Index period = shortPeriod(m_new.data() + s, std::min(length, longestPeriodText));
+    const Index period = shortPeriod(m_new.data() + s, std::min(length, LongestPeriodText));
     if (period == 0)
         return false;
     m_period = period;
@@ -136,6 +163,78 @@ Run Repeats::runAround(std::span<const unsigned char> text, Index at, Index phas
     while (begin > 0 && bytes[begin - 1] == bytes[begin - 1 + m_period])
         --begin;
     return {begin, end, phase};
+}
+
+/// Goes on in pieces. A piece that is equal throughout is taken as a whole, and so is a block with too few
+/// equal bytes to make a better length.
+template <Extension::Direction direction>
+Index Extension::extend(Index oldStart, Index newStart, Index limit) const
+{
+    constexpr bool forward = direction == Direction::Forward;
+    Index surplus = 0; // of equal over other bytes
+    Index best = 0;
+    Index length = 0;
+    for (Index i = 0; i < limit;) {
+        const Index known = forward ? m_repeats.knownAfter(oldStart + i, newStart + i)
+                                    : m_repeats.knownBefore(oldStart - i, newStart - i);
+        Index end = std::min(i + std::max(known, CountedBlock), limit);
+        const Index size = end - i;
+        const unsigned char *const oldBytes = m_old + (forward ? oldStart + i : oldStart - end);
+        const unsigned char *const newBytes = m_new + (forward ? newStart + i : newStart - end);
+        const Index equal = known >= size ? size : countEqual(oldBytes, newBytes, size);
+        if (equal == size || surplus + equal <= best) {
+            surplus += 2 * equal - size;
+        } else {
+            for (Index j = 0; j < size; ++j) {
+                const Index at = forward ? j : size - 1 - j;
+                surplus += oldBytes[at] == newBytes[at] ? 1 : -1;
+                if (surplus > best) {
+                    best = surplus;
+                    length = i + j + 1;
+                }
+            }
+        }
+        i = end;
+        if (surplus > best) {
+            best = surplus;
+            length = i;
+        }
+    }
+    return length;
+}
+
+Index Extension::forward(Index oldStart, Index newStart, Index limit) const
+{
+    return extend<Direction::Forward>(oldStart, newStart, limit);
+}
+
+Index Extension::backward(Index oldStart, Index newStart, Index limit) const
+{
+    return extend<Direction::Backward>(oldStart, newStart, limit);
+}
+
+Index Extension::shareOfFirst(Index newStart, Index first, Index second, Index count) const
+{
+    Index lead = 0;
+    Index best = 0;
+    Index share = 0;
+    for (Index i = 0; i < count;) {
+        // Nothing changes where both are alike.
+        const Index known = std::min(m_repeats.knownAfter(first + i, newStart + i),
+                                     m_repeats.knownAfter(second + i, newStart + i));
+        const Index piece = std::min(std::max(known, CountedBlock), count - i);
+        const Index alike = matchLength(m_old + first + i, m_old + second + i, std::min(known, piece), piece);
+        i += alike;
+        if (alike == piece)
+            continue;
+        lead += (m_new[newStart + i] == m_old[first + i]) - (m_new[newStart + i] == m_old[second + i]);
+        ++i;
+        if (lead > best) {
+            best = lead;
+            share = i;
+        }
+    }
+    return share;
 }
 
 } // namespace zel

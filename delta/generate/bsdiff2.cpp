@@ -1,11 +1,9 @@
 #include "bsdiff2.h"
 
 #include "delta/deltaformat.h"
-#include "delta/deltalayout.h"
 #include "delta/owned.h"
 #include "delta/readfile.h"
 #include "makedelta.h"
-#include "sais_main.h"
 #include "scan.h"
 
 #include <algorithm>
@@ -19,7 +17,7 @@ namespace {
 
 using Index = std::int64_t;
 
-constexpr Index largestFile = std::numeric_limits<int>::max(); // the suffix sort takes the length as an int
+constexpr Index LargestFile = std::numeric_limits<int>::max(); // the suffix sort takes the length as an int
 
 struct Contents {
     Bytes bytes;
@@ -28,7 +26,7 @@ struct Contents {
     std::span<const unsigned char> span() const { return {bytes.get(), static_cast<std::size_t>(size)}; }
 };
 
-struct Block {
+struct DeltaBlock {
     Bytes bytes;
     Index length = 0;
 };
@@ -38,8 +36,8 @@ struct Work {
     Contents old;
     Entries I;
     Contents newFile;
-    Block db;
-    Block eb;
+    DeltaBlock db;
+    DeltaBlock eb;
     DeltaProgress progress = {};
     Index total = 0; ///< bytes of both files, as known from the start
 
@@ -55,7 +53,7 @@ bool isAcceptable(const char *role, const char *path, Index &total)
 {
     struct stat status;
     if (::stat(path, &status) == 0) {
-        if (!S_ISDIR(status.st_mode) && status.st_size <= largestFile) {
+        if (!S_ISDIR(status.st_mode) && status.st_size <= LargestFile) {
             total += status.st_size;
             return true;
         }
@@ -68,7 +66,7 @@ bool isAcceptable(const char *role, const char *path, Index &total)
 bool readContents(const char *role, const char *path, Contents &contents)
 {
     contents.bytes.reset(readfile(path, &contents.size));
-    if (contents.bytes && contents.size <= largestFile)
+    if (contents.bytes && contents.size <= LargestFile)
         return true;
     if (contents.bytes)
         errno = EFBIG;
@@ -107,7 +105,7 @@ bool prepare(const char *oldPath, const char *newPath, Work &work)
     return true;
 }
 
-void appendDifference(Block &db, const Work &work, const Step &step)
+void appendDifference(DeltaBlock &db, const Work &work, const ScanStep &step)
 {
     const unsigned char *const newBytes = work.newFile.bytes.get() + step.newStart;
     const unsigned char *const oldBytes = work.old.bytes.get() + step.oldStart;
@@ -117,7 +115,7 @@ void appendDifference(Block &db, const Work &work, const Step &step)
     db.length += step.add;
 }
 
-void appendExtra(Block &eb, const Work &work, const Step &step)
+void appendExtra(DeltaBlock &eb, const Work &work, const ScanStep &step)
 {
     std::copy_n(work.newFile.bytes.get() + step.newStart + step.add, step.insert, eb.bytes.get() + eb.length);
     eb.length += step.insert;
@@ -128,15 +126,15 @@ void appendExtra(Block &eb, const Work &work, const Step &step)
 class DeltaWriter
 {
 public:
-    using Header = std::array<unsigned char, headerSize>;
+    using Header = std::array<unsigned char, DeltaHeaderSize>;
 
     /// `patchPath` is null when the stream is no file; both outlive the writer.
     DeltaWriter(std::FILE *sink, const char *patchPath, Index newSize)
         : m_sink(sink)
         , m_patchPath(patchPath)
     {
-        std::copy(deltaMagic.begin(), deltaMagic.end(), m_header.begin());
-        setField(newSizeOffset, newSize);
+        std::copy(DeltaMagic.begin(), DeltaMagic.end(), m_header.begin());
+        setField(NewSizeOffset, newSize);
     }
 
     const Header &header() const { return m_header; }
@@ -156,7 +154,7 @@ public:
     {
         Scan scan(work.old.span(), work.I.get(), work.newFile.span(), {},
                   [&](Index scanned) { work.report(work.old.size + scanned); });
-        while (const std::optional<Step> step = scan.next()) {
+        while (const std::optional<ScanStep> step = scan.next()) {
             appendDifference(work.db, work, *step);
             appendExtra(work.eb, work, *step);
             if (!writeTriple(*step))
@@ -166,15 +164,15 @@ public:
     }
 
     /// Releases each block once it is written.
-    bool writeBlocks(Block &db, Block &eb)
+    bool writeBlocks(DeltaBlock &db, DeltaBlock &eb)
     {
         Index controlEnd;
         Index diffEnd;
         if (!takePosition(controlEnd) || !writeBlock(db) || !takePosition(diffEnd) || !writeBlock(eb)
             || !flush())
             return false;
-        setField(controlLengthOffset, controlEnd - static_cast<Index>(headerSize));
-        setField(diffLengthOffset, diffEnd - controlEnd);
+        setField(ControlLengthOffset, controlEnd - static_cast<Index>(DeltaHeaderSize));
+        setField(DiffLengthOffset, diffEnd - controlEnd);
         return true;
     }
 
@@ -195,7 +193,7 @@ private:
 
     /// Only the first value's failure goes without the system's reason: deliberate, readers of the output
     /// tell it by that.
-    bool writeTriple(const Step &step) const
+    bool writeTriple(const ScanStep &step) const
     {
         if (!writeValue(step.add)) {
             warnx("fwrite");
@@ -214,7 +212,7 @@ private:
         return std::fwrite(bytes.data(), 1, bytes.size(), m_sink) == bytes.size() && std::fflush(m_sink) == 0;
     }
 
-    bool writeBlock(Block &block) const
+    bool writeBlock(DeltaBlock &block) const
     {
         const auto length = static_cast<std::size_t>(block.length);
         if (std::fwrite(block.bytes.get(), 1, length, m_sink) < length) {

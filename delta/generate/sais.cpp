@@ -1,28 +1,25 @@
-// Suffix sorting by induction. A suffix is of type S when it is smaller than the one that starts a position
-// later, else of type L; an S suffix behind an L suffix is an LMS suffix. Once the LMS suffixes are sorted,
-// one pass to the right puts every L suffix into its bucket, each found through the suffix that starts one
-// position later, and one pass to the left every S suffix. The LMS suffixes are sorted the same way: their
-// first characters seed the passes, which sorts the substrings between them; these get names by rank, and the
-// text of the names is sorted by recursion if any two are equal.
-//
-// During the passes an entry is a position whose predecessor is yet to be placed (a position yet to be placed
-// in the two LMS sorts). The complement marks an entry that the current pass has to leave alone; 0 is an
-// empty slot.
-
 #include "sais.h"
 
-#include "alwaysassert.h"
 #include "delta/owned.h"
-#include "sais_main.h"
+#include "makedelta.h"
+#include "sais_passes.h"
 
-#include <algorithm>
 #include <cstring>
+
+// One level sorts the LMS substrings of its text (sais_passes.h has the passes), gives them names by rank
+// and, if any two are equal, sorts the text of the names by recursion: at most half as long, it lies in the
+// same array.
+//
+// All work is done inside the caller's array. It has 64-bit entries, the passes need 32-bit ones, so its
+// front half is the suffix array of the first level and its back half free space. Where a level keeps its
+// counts C, bounds B and the marks D of the second LMS sort hangs on the alphabet and on how much of that
+// space is left (placeBuckets, chooseSort); what fits nowhere is allocated. The choice shows in speed and
+// memory alone, and tests lead through each.
 
 namespace zel {
 namespace {
 
-using Index = std::int64_t;
-using Entry = std::int32_t; // of all arrays: lengths are ints, and half the memory is half the cache misses
+using namespace induction;
 
 /// How one level works; the counts C and the bounds B have k entries each.
 enum Flag : unsigned {
@@ -35,371 +32,11 @@ enum Flag : unsigned {
     FreeSpaceD = 32, ///< second LMS sort, with its work array in the free space
 };
 
-constexpr Index mostSymbolsCountedApart = 256;
-constexpr Index mostSymbolsBoundedApart = 1024;
-constexpr Index longestTextOfSecondSort = (Index(1) << 30) - 1;
+constexpr Index MostSymbolsCountedApart = 256;
+constexpr Index MostSymbolsBoundedApart = 1024;
+constexpr Index LongestTextOfSecondSort = (Index(1) << 30) - 1;
 
 using Progress = std::function<void(int percent)>;
-
-enum class Bound { Start, End };
-
-template <typename Symbol> struct Text {
-    const Symbol *T;
-
-    Index operator()(Index i) const { return static_cast<Index>(T[i]); }
-    void fetch(Index i) const { __builtin_prefetch(T + std::max<Index>(i, 0)); }
-};
-
-/// The passes jump about in the text. An entry tells where to a while before its turn, if it is there by then.
-constexpr Index fetchAhead = 40;
-
-/// Where the next entry of a bucket goes. Runs of one symbol are common: the last place used stays at hand.
-class Place
-{
-public:
-    Place(Entry *SA, Entry *B)
-        : m_SA(SA)
-        , m_B(B)
-        , m_at(SA + B[0])
-    {
-    }
-
-    Entry *&of(Index symbol)
-    {
-        if (symbol != m_symbol) {
-            m_B[m_symbol] = m_at - m_SA;
-            m_at = m_SA + m_B[symbol];
-            m_symbol = symbol;
-        }
-        return m_at;
-    }
-
-private:
-    Entry *m_SA;
-    Entry *m_B;
-    Entry *m_at;
-    Index m_symbol = 0;
-};
-
-template <typename Chr> void getCounts(Chr chr, Entry *C, Index n, Index k)
-{
-    std::fill_n(C, k, 0);
-    for (Index i = 0; i < n; ++i)
-        ++C[chr(i)];
-}
-
-/// C and B may be the same array.
-void getBuckets(const Entry *C, Entry *B, Index k, Bound bound)
-{
-    Index sum = 0;
-    for (Index i = 0; i < k; ++i) {
-        const Index count = C[i];
-        B[i] = bound == Bound::End ? sum + count : sum;
-        sum += count;
-    }
-}
-
-template <typename Chr> void renewBuckets(Chr chr, Entry *C, Entry *B, Index n, Index k, Bound bound)
-{
-    if (C == B)
-        getCounts(chr, C, n, k);
-    getBuckets(C, B, k, bound);
-}
-
-/// Calls `visit` with the position of every LMS suffix, from the last to the first.
-template <typename Chr, typename Visit> void forEachLMS(Chr chr, Index n, Visit visit)
-{
-    Index i = n - 1;
-    for (;;) {
-        while (i > 0 && chr(i - 1) >= chr(i))
-            --i;
-        if (i-- == 0)
-            return;
-        while (i > 0 && chr(i - 1) <= chr(i))
-            --i;
-        if (i == 0)
-            return;
-        visit(i--);
-    }
-}
-
-/// Moves the m sorted LMS suffixes, the only complemented entries, to the front of SA.
-void compact(Entry *SA, Index n, Index m, const char *function)
-{
-    Index i = 0;
-    for (; SA[i] < 0; ++i) {
-        SA[i] = ~SA[i];
-        ZEL_ASSERT_IN(function, (i + 1) < n);
-    }
-    for (Index j = i; j < m; ++i) {
-        ZEL_ASSERT_IN(function, i < n);
-        if (SA[i] < 0) {
-            SA[j++] = ~SA[i];
-            SA[i] = 0;
-        }
-    }
-}
-
-template <typename Chr> void LMSsort1(Chr chr, Entry *SA, Entry *C, Entry *B, Index n, Index k)
-{
-    renewBuckets(chr, C, B, n, k, Bound::Start);
-    Place starts(SA, B);
-    const Index last = n - 2;
-    *starts.of(chr(n - 1))++ = chr(last) < chr(n - 1) ? ~last : last;
-    for (Index i = 0; i < n; ++i) {
-        if (i + fetchAhead < n)
-            chr.fetch(SA[i + fetchAhead] - 1);
-        const Index j = SA[i];
-        if (j > 0) {
-            ZEL_ASSERT(chr(j) >= chr(j + 1));
-            Entry *&b = starts.of(chr(j));
-            ZEL_ASSERT(i < (b - SA));
-            *b++ = chr(j - 1) < chr(j) ? ~(j - 1) : j - 1;
-            SA[i] = 0;
-        } else if (j < 0) {
-            SA[i] = ~j;
-        }
-    }
-
-    renewBuckets(chr, C, B, n, k, Bound::End);
-    Place ends(SA, B);
-    for (Index i = n - 1; i >= 0; --i) {
-        if (i >= fetchAhead)
-            chr.fetch(SA[i - fetchAhead] - 1);
-        const Index j = SA[i];
-        if (j > 0) {
-            ZEL_ASSERT(chr(j) <= chr(j + 1));
-            Entry *&b = ends.of(chr(j));
-            ZEL_ASSERT((b - SA) <= i);
-            *--b = chr(j - 1) > chr(j) ? ~j : j - 1;
-            SA[i] = 0;
-        }
-    }
-}
-
-template <typename Chr> Index LMSpostproc1(Chr chr, Entry *SA, Index n, Index m)
-{
-    compact(SA, n, m, "LMSpostproc1");
-
-    // Two LMS suffixes are at least two positions apart: half a position is enough to tell them by.
-    Entry *const lengths = SA + m;
-    Index next = n;
-    forEachLMS(chr, n, [&](Index j) {
-        lengths[j >> 1] = next - j + 1;
-        next = j;
-    });
-
-    // The substring that takes in the end of the text is like no other.
-    const auto equal = [&](Index p, Index q, Index length) {
-        if (std::max(p, q) + length > n)
-            return false;
-        Index i = 0;
-        while (i < length && chr(p + i) == chr(q + i))
-            ++i;
-        return i == length;
-    };
-    Index name = 0;
-    Index before = 0;
-    Index lengthBefore = 0;
-    for (Index i = 0; i < m; ++i) {
-        const Index p = SA[i];
-        const Index length = lengths[p >> 1];
-        if (length != lengthBefore || !equal(p, before, length)) {
-            ++name;
-            before = p;
-            lengthBefore = length;
-        }
-        lengths[p >> 1] = name;
-    }
-    return name;
-}
-
-/// Adds n to the one entry at the right end of each run of equal substrings instead of the one at its left
-/// end.
-void turnMarks(Entry *SA, Index n)
-{
-    bool rightEnd = true;
-    for (Index i = n - 1; i >= 0; --i) {
-        const Index j = SA[i];
-        if (j <= 0)
-            continue;
-        const bool leftEnd = j >= n;
-        const Index position = leftEnd ? j - n : j;
-        SA[i] = rightEnd ? position + n : position;
-        rightEnd = leftEnd;
-    }
-}
-
-Index unmarked(Index j, Index n)
-{
-    return j >= n ? j - n : j;
-}
-
-/// Counts names while it sorts: an entry with n added is the first of its kind that the pass meets. D has a
-/// place for each symbol and type of the position before, as entries that wait for the other pass have runs
-/// of their own.
-template <typename Chr, typename Between>
-void LMSsort2(Chr chr, Entry *SA, Entry *C, Entry *B, Entry *D, Index n, Index k, Between between)
-{
-    ZEL_ASSERT(C != B);
-    Index d = 0;
-    const auto markIfNew = [&](Index symbol, bool waits) -> Index {
-        Entry &latest = D[2 * symbol + (waits ? 1 : 0)];
-        const bool isNew = latest != d;
-        latest = d;
-        return isNew ? n : 0;
-    };
-
-    getBuckets(C, B, k, Bound::Start);
-    Place starts(SA, B);
-    const Index last = n - 2 + n;
-    *starts.of(chr(n - 1))++ = chr(n - 2) < chr(n - 1) ? ~last : last;
-    for (Index i = 0; i < n; ++i) {
-        if (i + fetchAhead < n)
-            chr.fetch(unmarked(SA[i + fetchAhead], n) - 1);
-        Index j = SA[i];
-        if (j > 0) {
-            if (j >= n) {
-                ++d;
-                j -= n;
-            }
-            ZEL_ASSERT(chr(j) >= chr(j + 1));
-            Entry *&b = starts.of(chr(j));
-            ZEL_ASSERT(i < (b - SA));
-            const bool waits = chr(j - 1) < chr(j);
-            const Index entry = j - 1 + markIfNew(chr(j), waits);
-            *b++ = waits ? ~entry : entry;
-            SA[i] = 0;
-        } else if (j < 0) {
-            SA[i] = ~j;
-        }
-    }
-    turnMarks(SA, n);
-
-    between();
-    getBuckets(C, B, k, Bound::End);
-    Place ends(SA, B);
-    for (Index i = n - 1; i >= 0; --i) {
-        if (i >= fetchAhead)
-            chr.fetch(unmarked(SA[i - fetchAhead], n) - 1);
-        Index j = SA[i];
-        if (j > 0) {
-            if (j >= n) {
-                ++d;
-                j -= n;
-            }
-            ZEL_ASSERT(chr(j) <= chr(j + 1));
-            Entry *&b = ends.of(chr(j));
-            ZEL_ASSERT((b - SA) <= i);
-            const bool isLMS = chr(j - 1) > chr(j);
-            const Index mark = markIfNew(chr(j), isLMS);
-            *--b = isLMS ? ~(j + mark) : j - 1 + mark;
-            SA[i] = 0;
-        }
-    }
-}
-
-Index LMSpostproc2(Entry *SA, Index n, Index m)
-{
-    compact(SA, n, m, "LMSpostproc2");
-    const Index names = std::count_if(SA, SA + m, [n](Index j) { return j >= n; });
-    Index name = names + 1;
-    for (Index i = m - 1; i >= 0; --i) {
-        if (SA[i] >= n) {
-            SA[i] -= n;
-            --name;
-        }
-        SA[m + (SA[i] >> 1)] = name;
-    }
-    return names;
-}
-
-template <typename Chr, typename Between>
-void induceSA(Chr chr, Entry *SA, Entry *C, Entry *B, Index n, Index k, Between between)
-{
-    renewBuckets(chr, C, B, n, k, Bound::Start);
-    Place starts(SA, B);
-    const Index last = n - 1;
-    *starts.of(chr(last))++ = last > 0 && chr(last - 1) < chr(last) ? ~last : last;
-    for (Index i = 0; i < n; ++i) {
-        if (i + fetchAhead < n)
-            chr.fetch(SA[i + fetchAhead] - 1);
-        Index j = SA[i];
-        SA[i] = ~j;
-        if (j > 0) {
-            --j;
-            ZEL_ASSERT(chr(j) >= chr(j + 1));
-            Entry *&b = starts.of(chr(j));
-            ZEL_ASSERT(i < (b - SA));
-            *b++ = j > 0 && chr(j - 1) < chr(j) ? ~j : j;
-        }
-    }
-
-    between();
-    renewBuckets(chr, C, B, n, k, Bound::End);
-    Place ends(SA, B);
-    for (Index i = n - 1; i >= 0; --i) {
-        if (i >= fetchAhead)
-            chr.fetch(SA[i - fetchAhead] - 1);
-        Index j = SA[i];
-        if (j > 0) {
-            --j;
-            ZEL_ASSERT(chr(j) <= chr(j + 1));
-            Entry *&b = ends.of(chr(j));
-            ZEL_ASSERT((b - SA) <= i);
-            *--b = j == 0 || chr(j - 1) > chr(j) ? ~j : j;
-        } else {
-            SA[i] = ~j;
-        }
-    }
-}
-
-/// As `induceSA`, but an entry that has done its work gives way to the symbol before it. Returns the row of
-/// suffix 0.
-template <typename Chr> Index computeBWT(Chr chr, Entry *SA, Entry *C, Entry *B, Index n, Index k)
-{
-    renewBuckets(chr, C, B, n, k, Bound::Start);
-    Place starts(SA, B);
-    const Index last = n - 1;
-    *starts.of(chr(last))++ = last > 0 && chr(last - 1) < chr(last) ? ~last : last;
-    for (Index i = 0; i < n; ++i) {
-        if (i + fetchAhead < n)
-            chr.fetch(SA[i + fetchAhead] - 1);
-        Index j = SA[i];
-        if (j > 0) {
-            --j;
-            ZEL_ASSERT(chr(j) >= chr(j + 1));
-            SA[i] = ~chr(j);
-            Entry *&b = starts.of(chr(j));
-            ZEL_ASSERT(i < (b - SA));
-            *b++ = j > 0 && chr(j - 1) < chr(j) ? ~j : j;
-        } else if (j < 0) {
-            SA[i] = ~j;
-        }
-    }
-
-    renewBuckets(chr, C, B, n, k, Bound::End);
-    Place ends(SA, B);
-    Index primary = -1;
-    for (Index i = n - 1; i >= 0; --i) {
-        if (i >= fetchAhead)
-            chr.fetch(SA[i - fetchAhead] - 1);
-        Index j = SA[i];
-        if (j > 0) {
-            --j;
-            ZEL_ASSERT(chr(j) <= chr(j + 1));
-            SA[i] = chr(j);
-            Entry *&b = ends.of(chr(j));
-            ZEL_ASSERT((b - SA) <= i);
-            *--b = j > 0 && chr(j - 1) > chr(j) ? ~chr(j - 1) : j;
-        } else if (j < 0) {
-            SA[i] = ~j;
-        } else {
-            primary = i;
-        }
-    }
-    return primary;
-}
 
 template <typename Symbol>
 Index sortLevel(const Symbol *T, Entry *SA, Index fs, Index n, Index k, bool isbwt,
@@ -454,7 +91,7 @@ private:
     bool placeBuckets()
     {
         Entry *const end = SA + n + fs;
-        if (k <= mostSymbolsCountedApart) {
+        if (k <= MostSymbolsCountedApart) {
             flags = AllocatedC;
             if (k <= fs)
                 B = end - k;
@@ -464,7 +101,7 @@ private:
             C = end - k;
             if (k <= fs - k) {
                 B = C - k;
-            } else if (k <= mostSymbolsBoundedApart) {
+            } else if (k <= MostSymbolsBoundedApart) {
                 flags = AllocatedB;
             } else {
                 flags = Recount;
@@ -494,7 +131,7 @@ private:
 
     Flag chooseSort() const
     {
-        if (n > longestTextOfSecondSort || n / k < 2)
+        if (n > LongestTextOfSecondSort || n / k < 2)
             return NoFlag;
         if (flags & AllocatedC)
             return 2 * k <= fs - k ? FreeSpaceD : AllocatedD;
@@ -653,7 +290,7 @@ Index sortLevel(const Symbol *T, Entry *SA, Index fs, Index n, Index k, bool isb
 {
     ZEL_ASSERT_IN("sais_main", (T != NULL) && (SA != NULL)); // NOLINT(modernize-use-nullptr): it is printed
     ZEL_ASSERT_IN("sais_main", (0 <= fs) && (0 < n) && (1 <= k));
-    return Level(Text<Symbol>{T}, SA, fs, n, k, progress).run(isbwt);
+    return Level(Symbols<Symbol>{T}, SA, fs, n, k, progress).run(isbwt);
 }
 
 template <typename Symbol>
@@ -683,7 +320,7 @@ template <typename Symbol> Index transformText(const Symbol *T, Symbol *U, Index
     return finishTransform(T, U, narrowEntries(A), n, primary);
 }
 
-constexpr int byteAlphabet = 256;
+constexpr int ByteAlphabet = 256;
 
 } // namespace
 
@@ -701,14 +338,14 @@ std::int64_t sais_main(const std::int32_t *T, std::int32_t *SA, std::int64_t fs,
 
 std::int64_t sortSuffixes(const unsigned char *T, std::int64_t *SA, int n, const Progress &progress)
 {
-    return sortText(T, SA, n, byteAlphabet, progress);
+    return sortText(T, SA, n, ByteAlphabet, progress);
 }
 
 } // namespace zel
 
 std::int64_t sais(const unsigned char *T, std::int64_t *SA, int n)
 {
-    return zel::sortText(T, SA, n, zel::byteAlphabet);
+    return zel::sortText(T, SA, n, zel::ByteAlphabet);
 }
 
 std::int64_t sais_int(const std::int64_t *T, std::int64_t *SA, int n, int k)
@@ -718,7 +355,7 @@ std::int64_t sais_int(const std::int64_t *T, std::int64_t *SA, int n, int k)
 
 std::int64_t sais_bwt(const unsigned char *T, unsigned char *U, std::int64_t *A, int n)
 {
-    return zel::transformText(T, U, A, n, zel::byteAlphabet);
+    return zel::transformText(T, U, A, n, zel::ByteAlphabet);
 }
 
 std::int64_t sais_int_bwt(const std::int64_t *T, std::int64_t *U, std::int64_t *A, int n, int k)

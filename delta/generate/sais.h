@@ -2,10 +2,10 @@
 //
 // The algorithm is SA-IS: G. Nong, S. Zhang, W. H. Chan, "Two Efficient Algorithms for Linear Time Suffix
 // Array Construction", IEEE Transactions on Computers 60 (2011). Entries are 64-bit while lengths are ints,
-// so texts stay below 2 GiB; the work is done on 32-bit entries inside the caller's arrays. All entry points are re-entrant: any thread, any number of calls at once on
-// separate arrays. Beside the arrays that the caller passes, an entry point allocates at most four times the
-// alphabet's size in entries. A broken internal invariant prints the platform's assertion message and aborts,
-// in release builds too.
+// so texts stay below 2 GiB; the work is done on 32-bit entries inside the caller's arrays. All entry points
+// are re-entrant: any thread, any number of calls at once on separate arrays. Beside the arrays that the
+// caller passes, an entry point allocates at most four times the alphabet's size in entries. A broken
+// internal invariant prints the platform's assertion message and aborts, in release builds too.
 #pragma once
 
 #include <ZELUpdater/ZELExport.h>

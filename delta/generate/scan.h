@@ -2,23 +2,21 @@
 // results may change, the results may not.
 #pragma once
 
-#include "extension.h"
 #include "searchahead.h"
-#include "walk.h"
 
 #include <functional>
 
 namespace zel {
 
 /// One control triple with the positions that its bytes come from.
-struct Step {
+struct ScanStep {
     std::int64_t add; ///< new bytes from newStart, made of the old bytes from oldStart
     std::int64_t insert; ///< new bytes after those
     std::int64_t seek; ///< from the end of the added old bytes to the next step's oldStart; may be negative
     std::int64_t oldStart;
     std::int64_t newStart;
 
-    bool operator==(const Step &) const = default;
+    bool operator==(const ScanStep &) const = default;
 };
 
 /// Walks through the new file and yields the steps that build it. The bytes and I (old size + 1 entries, the
@@ -32,12 +30,12 @@ public:
          std::function<void(std::int64_t scanned)> progress = {});
 
     /// Nothing once the new file is covered.
-    std::optional<Step> next();
+    std::optional<ScanStep> next();
 
 private:
     Match find(std::int64_t scan);
     void report(std::int64_t scan);
-    Step takeStep();
+    ScanStep takeStep();
 
     const std::int64_t m_oldSize;
     const std::function<void(std::int64_t)> m_progress;
@@ -47,7 +45,7 @@ private:
     Repeats m_repeats;
     Extension m_extension;
     SearchAhead m_ahead;
-    Walk m_walk;
+    ScanWalk m_walk;
     std::int64_t m_lastscan = 0;
     std::int64_t m_lastpos = 0;
 };

@@ -1,16 +1,20 @@
 #include "searchahead.h"
 
-#include "walk.h"
-
 #include <new>
 #include <system_error>
+
+// The chunks form a ring: chunk n lies at n modulo their number, and is taken only when the scan is near
+// enough that the one before it in the ring is done with. A chunk belongs to the thread that took it from
+// `take` until it sets `done`, and from then on is only read; the mutex passes it from one to the other. When
+// the scan jumps over chunks (a match of many megabytes), those still being walked through keep their place
+// in the ring until they are done.
 
 namespace zel {
 namespace {
 
 using Index = std::int64_t;
 
-constexpr unsigned mostThreads = 8;
+constexpr unsigned MostThreads = 8;
 
 /// The matches of places in a row, found together. There are more of them the longer nothing good was found.
 class Lookahead
@@ -31,12 +35,12 @@ public:
     }
 
 private:
-    static constexpr Index fewest = 4;
+    static constexpr Index Fewest = 4;
 
     void fill(Index scan)
     {
         const bool goesOn = m_count > 0 && scan == m_begin + m_count;
-        const Index wanted = goesOn ? std::min<Index>(2 * m_count, SuffixSearch::mostAtOnce) : fewest;
+        const Index wanted = goesOn ? std::min<Index>(2 * m_count, SuffixSearch::MostAtOnce) : Fewest;
         m_begin = scan;
         m_count = std::min(wanted, m_end - scan);
         m_search.searchTogether(scan, m_reach, std::span(m_matches).first(static_cast<std::size_t>(m_count)));
@@ -47,7 +51,7 @@ private:
     Index m_reach;
     Index m_begin = 0;
     Index m_count = 0;
-    std::array<Match, SuffixSearch::mostAtOnce> m_matches;
+    std::array<Match, SuffixSearch::MostAtOnce> m_matches;
 };
 
 } // namespace
@@ -61,8 +65,8 @@ SearchAhead::SearchAhead(std::span<const unsigned char> oldBytes, std::span<cons
     , m_reach(shortCuts.reach)
     , m_chunkCount((static_cast<Index>(newBytes.size()) + m_chunkSize - 1) / m_chunkSize)
 {
-    const unsigned threads = std::clamp(std::thread::hardware_concurrency(), 1U, mostThreads);
-    if (makeRoom(2 * threads))
+    const unsigned threads = std::clamp(std::thread::hardware_concurrency(), 1U, MostThreads);
+    if (allocateChunks(2 * threads))
         startThreads(threads - 1);
     else
         m_chunkCount = 0; // the scan is slower without, but no less right
@@ -79,7 +83,7 @@ SearchAhead::~SearchAhead()
         thread.join();
 }
 
-bool SearchAhead::makeRoom(std::size_t chunks)
+bool SearchAhead::allocateChunks(std::size_t chunks)
 {
     m_chunks = std::vector<Chunk>(chunks);
     for (Chunk &chunk : m_chunks) {
@@ -144,10 +148,10 @@ void SearchAhead::walkThrough(Chunk &chunk) const
     const Index end = std::min(start + m_chunkSize, static_cast<Index>(m_new.size()));
     const auto nowhere = static_cast<Index>(m_old.size());
     Lookahead lookahead(m_search, end, m_reach);
-    Walk walk(m_old, m_new, start, end, nowhere);
+    ScanWalk walk(m_old, m_new, start, end, nowhere);
     const auto findAndKeep = [&](Index scan) {
         const Match match = lookahead(scan);
-        if (match.position != Match::beyondReach)
+        if (match.position != Match::BeyondReach)
             chunk.found[chunk.count++] = {static_cast<std::uint32_t>(scan),
                                           static_cast<std::uint32_t>(match.length),
                                           static_cast<std::uint32_t>(match.position)};

@@ -1,5 +1,5 @@
+#include "generate/makedelta.h"
 #include "generate/sais.h"
-#include "generate/sais_main.h"
 
 #include "support/CapturedOutput.h"
 #include "support/DeltaSupport.h"

@@ -1,5 +1,5 @@
-#include "generate/prefixtable.h"
 #include "generate/sais.h"
+#include "generate/suffixsearch.h"
 
 #include "support/DeltaSupport.h"
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "delta/deltaformat.h"
-#include "delta/deltalayout.h"
 #include "generate/sais.h"
 #include "generate/scan.h"
 
@@ -32,7 +31,7 @@ public:
 
     const std::vector<std::int64_t> &suffixes() const { return m_I; }
 
-    std::vector<Step> steps()
+    std::vector<ScanStep> steps()
     {
         while (scan < m_newSize) {
             Index oldscore = 0;
@@ -143,11 +142,11 @@ private:
     std::vector<Index> m_I;
     Index scan = 0, len = 0, pos = 0, lastscan = 0, lastpos = 0,
           lastoffset = 0; // as the published scan has them
-    std::vector<Step> m_steps;
+    std::vector<ScanStep> m_steps;
 };
 
 /// The delta that steps make.
-inline std::string deltaOf(const std::vector<Step> &steps, std::string_view oldBytes,
+inline std::string deltaOf(const std::vector<ScanStep> &steps, std::string_view oldBytes,
                            std::string_view newBytes)
 {
     std::string control, difference, extra;
@@ -155,28 +154,28 @@ inline std::string deltaOf(const std::vector<Step> &steps, std::string_view oldB
         const auto bytes = encodeDeltaInteger(value);
         to.append(bytes.begin(), bytes.end());
     };
-    for (const Step &step : steps) {
+    for (const ScanStep &step : steps) {
         for (const std::int64_t value : {step.add, step.insert, step.seek})
             add(control, value);
         for (std::int64_t i = 0; i < step.add; ++i)
             difference += char(newBytes[size_t(step.newStart + i)] - oldBytes[size_t(step.oldStart + i)]);
         extra += newBytes.substr(size_t(step.newStart + step.add), size_t(step.insert));
     }
-    std::string delta(deltaMagic.begin(), deltaMagic.end());
+    std::string delta(DeltaMagic.begin(), DeltaMagic.end());
     for (const std::size_t value : {control.size(), difference.size(), newBytes.size()})
         add(delta, std::int64_t(value));
     return delta + control + difference + extra;
 }
 
 /// The steps of the scan that makes deltas.
-inline std::vector<Step> realSteps(std::string_view oldBytes, const std::vector<std::int64_t> &I,
-                                   std::string_view newBytes, const ShortCuts &shortCuts = {})
+inline std::vector<ScanStep> realSteps(std::string_view oldBytes, const std::vector<std::int64_t> &I,
+                                       std::string_view newBytes, const ShortCuts &shortCuts = {})
 {
     const auto view = [](std::string_view text) {
         return std::span(reinterpret_cast<const unsigned char *>(text.data()), text.size());
     };
     Scan scan(view(oldBytes), I.data(), view(newBytes), shortCuts);
-    std::vector<Step> steps;
+    std::vector<ScanStep> steps;
     while (const auto step = scan.next())
         steps.push_back(*step);
     return steps;

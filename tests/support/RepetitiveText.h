@@ -7,9 +7,9 @@
 
 namespace zel {
 
-/// Puts a text together from what `pick(most)`, a number from 0 to `most`, decides: bytes of a small or a large
-/// alphabet, runs of a period with a rest of it, runs of runs, repeats of its own end, and pieces of itself and of
-/// `source`.
+/// Puts a text together from what `pick(most)`, a number from 0 to `most`, decides: bytes of a small or a
+/// large alphabet, runs of a period with a rest of it, runs of runs, repeats of its own end, and pieces of
+/// itself and of `source`.
 template <typename Pick> class RepetitiveText
 {
 public:

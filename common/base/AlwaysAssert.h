@@ -1,4 +1,4 @@
-// Assertions that stay active in every build: a broken suffix array would make wrong deltas without a sign.
+// Assertions that stay active in every build: what would make wrong files without a sign must not go on.
 #pragma once
 
 namespace zel {
