@@ -9,7 +9,7 @@ int main(int argc, char *argv[])
     const QVariantMap config{{QStringLiteral("url"), QString::fromLocal8Bit(argv[1])},
                              {QStringLiteral("build"), 100}};
     ZELUpdater::checkForUpdates(config, [](qint64 status, const QVariantMap &, const QVariant &) {
-        QCoreApplication::exit(status == 2 ? 0 : 1); // 2: no update
+        QCoreApplication::exit(status == ZELStatusNoUpdates ? 0 : 1);
     });
     return QCoreApplication::exec();
 }

@@ -15,8 +15,6 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <cmath>
-
 namespace zel {
 
 namespace {
@@ -37,8 +35,9 @@ std::optional<QString> sha256Of(const QString &path)
     return QString::fromLatin1(digest.result().toHex());
 }
 
-// What the installed bundle states of itself, the new one must state as it was announced. A seal alone would let any
-// bundle of the same signer take its place: an older build under a new number, or another application.
+// What the installed bundle states of itself, the new one must state as it was announced. A seal alone would
+// let any bundle of the same signer take its place: an older build under a new number, or another
+// application.
 ZELError compareWithAnnounced(const QString &bundle, const BuildInputs &inputs)
 {
     const QString build = QStringLiteral("CFBundleVersion");
@@ -49,10 +48,10 @@ ZELError compareWithAnnounced(const QString &bundle, const BuildInputs &inputs)
         return ZELError::withMessage(QStringLiteral("the installed bundle's Info.plist cannot be read"));
     const QVariantMap built = bundleInfo(bundle).value_or(QVariantMap());
     const qint64 number = integerValue(built[build]);
-    if (installed.contains(build) && number != integerValue(inputs.announcedBuild))
+    if (installed.contains(build) && number != inputs.announcedBuild)
         return ZELError::withMessage(QStringLiteral("the new bundle is build %1, announced was build %2")
                                          .arg(number)
-                                         .arg(integerValue(inputs.announcedBuild)));
+                                         .arg(inputs.announcedBuild));
     if (installed.contains(build) && number <= integerValue(installed[build]))
         return ZELError::withMessage(QStringLiteral("the new bundle is build %1, installed is build %2")
                                          .arg(number)
@@ -76,38 +75,23 @@ ZELError judgeUnpacked(const QString &bundle, const BuildInputs &inputs)
 
 } // namespace
 
-std::optional<qint64> announcedSize(const QVariantMap &entry)
+ZELError checkPayload(const QString &file, const OfferedFile &offered, bool pinned)
 {
-    const auto value = entry.constFind(QStringLiteral("size"));
-    if (value == entry.constEnd())
-        return std::nullopt;
-    const bool whole = value->typeId() == QMetaType::LongLong
-        || (value->typeId() == QMetaType::Double && std::trunc(value->toDouble()) == value->toDouble());
-    const qint64 size = whole ? value->toLongLong() : -1;
-    return size < 0 ? -1 : size;
-}
-
-ZELError checkPayload(const QString &file, const QVariantMap &entry, bool pinned)
-{
-    const QVariant hash = entry[QStringLiteral("hash")];
-    const std::optional<qint64> size = announcedSize(entry);
-    const auto sha256 = entry.constFind(QStringLiteral("sha256"));
-    const bool hasSHA256 = sha256 != entry.constEnd();
-    if (hash.typeId() != QMetaType::QString)
+    if (!offered.hash)
         return ZELError::withMessage(QStringLiteral("no hash was announced for the download"));
-    if (pinned && hash.toString().isEmpty() && !(size && hasSHA256))
+    if (pinned && offered.hash->isEmpty() && !(offered.size && offered.sha256))
         return ZELError::withMessage(QStringLiteral("an empty hash without \"sha256\" and \"size\" is none"));
-    if (size && *size != QFileInfo(file).size())
+    if (offered.size && *offered.size != QFileInfo(file).size())
         return ZELError::withMessage(QStringLiteral("the download has %1 bytes, announced were %2")
                                          .arg(QFileInfo(file).size())
-                                         .arg(*size));
+                                         .arg(*offered.size));
     const std::optional<QString> md5 = MD5FromFile(file);
-    if (!md5 || *md5 != hash.toString())
+    if (!md5 || *md5 != *offered.hash)
         return ZELError::withMessage(QStringLiteral("the download has another MD5 than was announced"));
-    if (!hasSHA256)
+    if (!offered.sha256)
         return {};
-    const std::optional<QString> digest = sha256Of(file);
-    if (!digest || sha256->typeId() != QMetaType::QString || *digest != sha256->toString().toLower())
+    const std::optional<QString> sha256 = sha256Of(file);
+    if (!sha256 || *sha256 != offered.sha256->toLower())
         return ZELError::withMessage(QStringLiteral("the download has another SHA-256 than was announced"));
     return {};
 }

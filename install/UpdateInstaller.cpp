@@ -1,7 +1,7 @@
 #include "UpdateInstaller.h"
 
 #include "common/DDLog.h"
-#include "common/WireValues.h"
+#include "common/ZELUpdaterTypes.h"
 #include "platform/Queues.h"
 #include "UpdateJob.h"
 
@@ -9,12 +9,8 @@ namespace zel {
 
 namespace {
 
-enum InstallStatus : qint64 { Succeeded = 1, ExtractionFailed = 2, PatchFailed = 3 };
-
-const QString Patch = QStringLiteral("patch");
-
 // Completions may be left out.
-void report(const ZELInstallCompletion &completion, InstallStatus status, const QString &path = {})
+void report(const ZELInstallCompletion &completion, ZELDownloadStatus status, const QString &path = {})
 {
     if (completion)
         completion(status, path);
@@ -105,7 +101,8 @@ void UpdateInstaller::downloadUpdate(ZELDownloadCompletion completion)
             completion(status, path);
     };
     const auto job = UpdateJob::create(
-        {offer, settings.installedBundle, settings.stagingRoot, settings.signers}, std::move(hooks), ended);
+        {CheckResult::fromMap(offer), settings.installedBundle, settings.stagingRoot, settings.signers},
+        std::move(hooks), ended);
     *handle = job;
     setTask(job);
     job->resume();
@@ -127,16 +124,16 @@ void UpdateInstaller::dropPatch(const QVariantMap &offer)
 {
     const std::lock_guard lock(m_mutex);
     if (m_update == offer)
-        m_update.remove(Patch);
+        m_update = withoutPatch(m_update);
 }
 
 BuildInputs UpdateInstaller::buildInputs() const
 {
     const Settings settings = this->settings();
-    const QVariantMap record = update()[QStringLiteral("update")].toMap();
+    const CheckResult offer = CheckResult::fromMap(update());
     return {.installedBundle = settings.installedBundle,
             .signers = settings.signers,
-            .announcedBuild = record[QStringLiteral("build")]};
+            .announcedBuild = offer.update ? offer.update->build : 0};
 }
 
 void UpdateInstaller::handleUpdate(const QString &payload, ZELInstallCompletion completion)
@@ -145,7 +142,7 @@ void UpdateInstaller::handleUpdate(const QString &payload, ZELInstallCompletion 
     if (!bundle.unpacked)
         sweepStaging(settings().stagingRoot);
     onMainQueue([bundle, completion = std::move(completion)] {
-        report(completion, bundle.unpacked ? Succeeded : ExtractionFailed, bundle.path);
+        report(completion, bundle.unpacked ? ZELDownloadSucceeded : ZELDownloadExtractionFailed, bundle.path);
     });
 }
 
@@ -154,7 +151,8 @@ void UpdateInstaller::handlePatch(const QString &payload, ZELInstallCompletion c
     DDLogInfo(QStringLiteral("verifying patch"));
     if (m_hooks.preparing)
         m_hooks.preparing();
-    const qint64 build = integerValue(update()[Patch].toMap()[QStringLiteral("build")]);
+    const CheckResult offer = CheckResult::fromMap(update());
+    const qint64 build = offer.patch ? offer.patch->build : 0;
     onGlobalQueue([self = shared_from_this(), inputs = buildInputs(), staging = temporaryDirectory(), build,
                    payload, completion = std::move(completion)]() mutable {
         QVariantList log;
@@ -162,7 +160,7 @@ void UpdateInstaller::handlePatch(const QString &payload, ZELInstallCompletion c
         onMainQueue([self, bundle, log, completion = std::move(completion)] {
             if (bundle.isNull() && self->m_hooks.handleLog)
                 self->m_hooks.handleLog(log);
-            report(completion, bundle.isNull() ? PatchFailed : Succeeded, bundle);
+            report(completion, bundle.isNull() ? ZELDownloadPatchFailed : ZELDownloadSucceeded, bundle);
         });
     });
 }

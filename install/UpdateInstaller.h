@@ -1,5 +1,5 @@
-// The installation of updates, as the controller and the command-line tool drive it: what is offered, the update in
-// flight, and the bundles that are ready for the host.
+// The installation of updates, as the controller and the command-line tool drive it: what is offered, the
+// update in flight, and the bundles that are ready for the host.
 #pragma once
 
 #include "BundleBuild.h"
@@ -15,11 +15,11 @@ namespace zel {
 
 class StagingFolder;
 
-/// Starts updates, each a job by itself (UpdateJob.h), and keeps what is read between them. Made with `create`; it lives
-/// at least until what it has started has ended.
+/// Starts updates, each a job by itself (UpdateJob.h), and keeps what is read between them. Made with
+/// `create`; it lives at least until what it has started has ended.
 ///
-/// Threads: the methods may be called from any thread. Completions, which may be empty, run on the main queue, with
-/// the one exception that `downloadUpdate` reports a failed transfer on the job's thread.
+/// Threads: the methods may be called from any thread. Completions, which may be empty, run on the main
+/// queue, with the one exception that `downloadUpdate` reports a failed transfer on the job's thread.
 class UpdateInstaller : public std::enable_shared_from_this<UpdateInstaller>
 {
 public:
@@ -50,30 +50,32 @@ public:
     std::shared_ptr<URLSessionTask> task() const;
     void setTask(const std::shared_ptr<URLSessionTask> &task);
 
-    /// The staging folder of the last finished download, in which the payload is unpacked or applied; null before.
+    /// The staging folder of the last finished download, in which the payload is unpacked or applied; null
+    /// before.
     QString temporaryDirectory() const;
     void setTemporaryDirectory(const QString &directory);
 
-    /// Starts a job with the present settings and check result; what is set later is for the next one. A patch that is
-    /// wrong or fails is followed by a download of the full archive, and leaves `update` if that is still the one that
-    /// the job began with. Statuses as for `UpdateJob::create`.
+    /// Starts a job with the present settings and check result; what is set later is for the next one. A
+    /// patch that is wrong or fails is followed by a download of the full archive, and leaves `update` if
+    /// that is still the one that the job began with. Statuses as for `UpdateJob::create`.
     void downloadUpdate(ZELDownloadCompletion completion);
 
-    /// Unpacks a full archive into the staging folder, on the calling thread: 1 and the bundle's path (a null path
-    /// when the archive holds none), or 2 after a failed extraction, which removes all staging folders that are not in
-    /// use.
+    /// Unpacks a full archive into the staging folder, on the calling thread: `ZELDownloadSucceeded` and the
+    /// bundle's path (a null path when the archive holds none), or `ZELDownloadExtractionFailed`, after which
+    /// all staging folders that are not in use are removed.
     void handleUpdate(const QString &payload, ZELInstallCompletion completion);
 
-    /// Applies a bundle patch to a copy of the installed bundle and checks the result, on the global queue: 1 and the
-    /// new bundle's path, or 3, after the patch log was handed on.
+    /// Applies a bundle patch to a copy of the installed bundle and checks the result, on the global queue:
+    /// `ZELDownloadSucceeded` and the new bundle's path, or `ZELDownloadPatchFailed`, after the patch log was
+    /// handed on.
     void handlePatch(const QString &payload, ZELInstallCompletion completion);
 
     /// Drops the patch from the check result and downloads the full archive.
     void downloadFullUpdate(ZELDownloadCompletion completion);
 
-    /// Removes the staging folders with the bundles that are ready, and all others that nobody uses; errors are
-    /// ignored. An update in flight, here or in another process, keeps its folder, as does another process's bundle
-    /// that is ready.
+    /// Removes the staging folders with the bundles that are ready, and all others that nobody uses; errors
+    /// are ignored. An update in flight, here or in another process, keeps its folder, as does another
+    /// process's bundle that is ready.
     void cleanup();
 
 private:

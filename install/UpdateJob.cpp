@@ -1,7 +1,7 @@
 #include "UpdateJob.h"
 
 #include "common/DDLog.h"
-#include "common/WireValues.h"
+#include "common/ZELUpdaterTypes.h"
 #include "platform/Queues.h"
 
 #include <QFile>
@@ -16,8 +16,6 @@
 namespace zel {
 
 namespace {
-
-const QString Patch = QStringLiteral("patch");
 
 // A KiB a second over two minutes.
 constexpr LeastPace SlowestDownload{120 * 1024, std::chrono::minutes(2)};
@@ -57,11 +55,12 @@ struct UpdateJob::Download {
 };
 
 struct UpdateJob::Ending {
-    enum Status : qint64 { TransferFailed = -1, Failed = 0, Succeeded = 1, NoBundle = 2 };
-
-    Status status;
+    ZELDownloadStatus status;
     QString bundle = {};
     std::shared_ptr<StagingFolder> folder = {}; // that the bundle lies in
+    bool isTransferFailure = false;
+
+    static Ending transferFailed() { return {ZELDownloadFailed, {}, {}, true}; }
 };
 
 QString payloadName(const QUrl &url)
@@ -104,32 +103,31 @@ void UpdateJob::resume()
             job->cancel();
     };
     if (!startSession([self] { self->run(); }, cancelled))
-        onMainQueue([self] { self->finish({Ending::TransferFailed}); }); // no thread is to be had
+        onMainQueue([self] { self->finish(Ending::transferFailed()); }); // no thread is to be had
 }
 
 void UpdateJob::run()
 {
     sweepStaging(m_inputs.stagingRoot);
-    finish(m_inputs.offer.contains(Patch) ? updateByPatch() : updateByArchive());
+    finish(m_inputs.offer.patch ? updateByPatch() : updateByArchive());
 }
 
 UpdateJob::Ending UpdateJob::updateByPatch()
 {
-    const QVariantMap entry = m_inputs.offer[Patch].toMap();
+    const PatchEntry &entry = *m_inputs.offer.patch;
     DDLogInfo(QStringLiteral("Downloading patch"));
     const Download file = download(entry);
     if (file.arrival != Download::Sound)
-        return file.arrival == Download::Wrong ? fallBack() : Ending{Ending::TransferFailed};
+        return file.arrival == Download::Wrong ? fallBack() : Ending::transferFailed();
     DDLogInfo(QStringLiteral("verifying patch"));
     tell(m_hooks.preparing);
     QVariantList log;
-    const qint64 startBuild = integerValue(entry[QStringLiteral("build")]);
-    const QString bundle = patchInstalled(file.payload, startBuild, file.folder->path(), buildInputs(), log);
+    const QString bundle = patchInstalled(file.payload, entry.build, file.folder->path(), buildInputs(), log);
     if (isCancelled())
-        return {Ending::Failed, {}, file.folder};
+        return {ZELDownloadFailed, {}, file.folder};
     if (!bundle.isNull()) {
         DDLogInfo(QStringLiteral("patch succeeded"));
-        return {Ending::Succeeded, bundle, file.folder};
+        return {ZELDownloadSucceeded, bundle, file.folder};
     }
     onMainQueue([self = shared_from_this(), log] { tell(self->m_hooks.handleLog, log); });
     DDLogInfo(QStringLiteral("patch failed"));
@@ -149,28 +147,28 @@ UpdateJob::Ending UpdateJob::updateByArchive()
     DDLogInfo(QStringLiteral("Downloading full update"));
     const Download file = download(record());
     if (file.arrival != Download::Sound)
-        return {file.arrival == Download::Wrong ? Ending::Failed : Ending::TransferFailed};
+        return file.arrival == Download::Wrong ? Ending{ZELDownloadFailed} : Ending::transferFailed();
     const UnpackedBundle unpacked = unpackUpdate(file.payload, file.folder->path(), buildInputs());
     if (!unpacked.path.isNull())
-        return {Ending::Succeeded, unpacked.path, file.folder};
+        return {ZELDownloadSucceeded, unpacked.path, file.folder};
     file.folder->remove();
     if (!unpacked.unpacked)
         sweepStaging(m_inputs.stagingRoot);
-    return {Ending::NoBundle};
+    return {ZELDownloadExtractionFailed};
 }
 
-UpdateJob::Download UpdateJob::download(const QVariantMap &entry)
+UpdateJob::Download UpdateJob::download(const OfferedFile &offered)
 {
-    DDLogInfo(jsonText(entry));
+    DDLogInfo(jsonText(offered.received));
     Download result{Download::Failed};
     ZELError error = StagingFolder::make(m_inputs.stagingRoot, result.folder);
     if (!error)
-        error = transfer(entry, result.folder->path(), result.payload);
+        error = transfer(offered, result.folder->path(), result.payload);
     // More than was announced is no better than other bytes than were announced.
     result.arrival = error.code == URLErrorCode::TooLong ? Download::Wrong : Download::Failed;
     if (!error) {
         tell(m_hooks.staged, result.folder->path());
-        error = checkPayload(result.payload, entry, m_inputs.signers.has_value());
+        error = checkPayload(result.payload, offered, m_inputs.signers.has_value());
         result.arrival = error ? Download::Wrong : Download::Sound;
     }
     if (!error)
@@ -185,9 +183,9 @@ UpdateJob::Download UpdateJob::download(const QVariantMap &entry)
     return result;
 }
 
-// Waits for the transfer's end. A cancelled one ends at once, unless there was no thread for it: its completion comes
-// from the main queue then, which may be waiting for this very job to end.
-ZELError UpdateJob::transfer(const QVariantMap &entry, const QString &folder, QString &payload)
+// Waits for the transfer's end. A cancelled one ends at once, unless there was no thread for it: its
+// completion comes from the main queue then, which may be waiting for this very job to end.
+ZELError UpdateJob::transfer(const OfferedFile &offered, const QString &folder, QString &payload)
 {
     constexpr std::chrono::seconds timeToCancel(5);
     struct Outcome {
@@ -198,10 +196,10 @@ ZELError UpdateJob::transfer(const QVariantMap &entry, const QString &folder, QS
     };
     const auto outcome = std::make_shared<Outcome>();
     URLRequest request;
-    request.url = QUrl(entry[QStringLiteral("file")].toString());
+    request.url = QUrl(offered.file);
     request.pace = SlowestDownload;
-    if (const std::optional<qint64> size = announcedSize(entry); size && *size >= 0)
-        request.bodyLimit = *size;
+    if (offered.size && *offered.size >= 0)
+        request.bodyLimit = *offered.size;
     const auto task =
         downloadTask(request, folder,
                      [outcome, folder](const QString &location, const QUrl &answered, const ZELError &error) {
@@ -211,7 +209,7 @@ ZELError UpdateJob::transfer(const QVariantMap &entry, const QString &folder, QS
                          outcome->error = error;
                          outcome->changed.notify_all();
                      });
-    setTransfer(task, entry);
+    setTransfer(task, offered);
     task->resume();
     task->observeCountOfBytesReceived([weak = weak_from_this()] {
         if (const auto self = weak.lock())
@@ -226,24 +224,24 @@ ZELError UpdateJob::transfer(const QVariantMap &entry, const QString &folder, QS
     return *outcome->error;
 }
 
-void UpdateJob::setTransfer(const std::shared_ptr<URLSessionTask> &task, const QVariantMap &entry)
+void UpdateJob::setTransfer(const std::shared_ptr<URLSessionTask> &task, const OfferedFile &offered)
 {
     const std::lock_guard lock(m_mutex);
     m_transfer = task;
-    m_announced = announcedSize(entry).value_or(-1);
+    m_announced = offered.size.value_or(-1);
     if (isCancelled())
         task->cancel();
 }
 
 void UpdateJob::finish(Ending ending)
 {
-    if (!leave(ending) && ending.status == Ending::TransferFailed) {
+    if (!leave(ending) && ending.isTransferFailure) {
         // Deliberate: the one result that is not delivered on the main queue. Hosts expect it here.
-        tell(m_completion, Ending::Failed, QString());
+        tell(m_completion, ending.status, QString());
     }
     onMainQueue([self = shared_from_this(), ending, completion = std::exchange(m_completion, {})] {
         // The user may have cancelled meanwhile.
-        if (ending.status == Ending::TransferFailed || self->leave(ending))
+        if (ending.isTransferFailure || self->leave(ending))
             return;
         if (ending.folder)
             tell(self->m_hooks.succeeded, ending.folder);
@@ -267,14 +265,9 @@ BuildInputs UpdateJob::buildInputs() const
 {
     return {.installedBundle = m_inputs.installedBundle,
             .signers = m_inputs.signers,
-            .announcedBuild = record()[QStringLiteral("build")],
+            .announcedBuild = record().build,
             .archiveTool = m_inputs.archiveTool,
             .stop = m_stop.get_token()};
-}
-
-QVariantMap UpdateJob::record() const
-{
-    return m_inputs.offer[QStringLiteral("update")].toMap();
 }
 
 void UpdateJob::cancel()

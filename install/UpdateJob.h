@@ -1,5 +1,5 @@
-// One update on its way from a check result to a new bundle: download, verify, patch or unpack, and the way back from
-// a patch that fails to the full archive.
+// One update on its way from a check result to a new bundle: download, verify, patch or unpack, and the way
+// back from a patch that fails to the full archive.
 #pragma once
 
 #include "BundleBuild.h"
@@ -13,20 +13,20 @@
 
 namespace zel {
 
-/// The file name under which a download from `url` is kept: the last part of its path, without separators, never
-/// empty, "." or "..", and cut to what a name may have.
+/// The file name under which a download from `url` is kept: the last part of its path, without separators,
+/// never empty, "." or "..", and cut to what a name may have.
 QString payloadName(const QUrl &url);
 
-/// An update in flight. What it works from is fixed when it is made: whatever the host sets or checks meanwhile changes
-/// nothing. Its steps run one after the other on a thread of its own (`run` in UpdateJob.cpp is their list), and it
-/// finishes exactly once. As a task it stands for its present download: the bytes are that one's, and the patch's are
-/// followed by the archive's where the patch is of no use. A cancelled job ends at its next step, whichever runs; the
-/// application's end cancels it.
+/// An update in flight. What it works from is fixed when it is made: whatever the host sets or checks
+/// meanwhile changes nothing. Its steps run one after the other on a thread of its own (`run` in
+/// UpdateJob.cpp is their list), and it finishes exactly once. As a task it stands for its present download:
+/// the bytes are that one's, and the patch's are followed by the archive's where the patch is of no use. A
+/// cancelled job ends at its next step, whichever runs; the application's end cancels it.
 class UpdateJob : public URLSessionTask, public std::enable_shared_from_this<UpdateJob>
 {
 public:
     struct Inputs {
-        QVariantMap offer; ///< the check result
+        CheckResult offer; ///< what is downloaded
         QString installedBundle; ///< the bundle that patches start from; only read
         QString stagingRoot; ///< staging folders are made below it
         SignerPins signers = {}; ///< as for `verifySeal`
@@ -46,10 +46,10 @@ public:
             succeeded; ///< main queue: what holds the new bundle
     };
 
-    /// `completion`, which may be empty, is called once, with 1 and the new bundle's path, 0 when the download failed or
-    /// is not what was announced, or 2 when the archive held no good bundle. It is called on the main queue, but for a
-    /// transfer that failed, which is reported on the job's thread, and not at all when the job is cancelled. It is
-    /// destroyed on the main thread.
+    /// `completion`, which may be empty, is called once, with `ZELDownloadSucceeded` and the new bundle's
+    /// path, or with `ZELDownloadFailed` or `ZELDownloadExtractionFailed`. It is called on the main queue,
+    /// but for a transfer that failed, which is reported on the job's thread, and not at all when the job is
+    /// cancelled. It is destroyed on the main thread.
     static std::shared_ptr<UpdateJob> create(Inputs inputs, Hooks hooks, ZELDownloadCompletion completion);
 
     void resume() override;
@@ -70,14 +70,14 @@ private:
     Ending updateByPatch();
     Ending updateByArchive();
     Ending fallBack();
-    Download download(const QVariantMap &entry);
-    ZELError transfer(const QVariantMap &entry, const QString &folder, QString &payload);
-    void setTransfer(const std::shared_ptr<URLSessionTask> &task, const QVariantMap &entry);
+    Download download(const OfferedFile &offered);
+    ZELError transfer(const OfferedFile &offered, const QString &folder, QString &payload);
+    void setTransfer(const std::shared_ptr<URLSessionTask> &task, const OfferedFile &offered);
     void notify();
     void finish(Ending ending);
     bool leave(const Ending &ending);
     BuildInputs buildInputs() const;
-    QVariantMap record() const;
+    UpdateRecord record() const { return m_inputs.offer.update.value_or(UpdateRecord()); }
     bool isCancelled() const { return m_stop.stop_requested(); }
 
     const Inputs m_inputs;

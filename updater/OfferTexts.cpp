@@ -1,6 +1,7 @@
 #include "OfferTexts.h"
 
 #include "base/SafeText.h"
+#include "common/UpdateRecord.h"
 #include "ui/ZELLocalization.h"
 
 #include <QGuiApplication>
@@ -20,21 +21,19 @@ QString spoken(const QVariant &text)
 
 QString offerTitle(const QVariantMap &record)
 {
-    const QString version = spoken(record[QStringLiteral("version")]);
+    const QString version = spoken(record[key::Version]);
     return QStringLiteral("%1 %2").arg(QGuiApplication::applicationDisplayName(), version).trimmed();
 }
 
 QString offerText(const QVariantMap &config, const QVariantMap &record)
 {
-    const QString version = QStringLiteral("version");
-    const QString build = QStringLiteral("build");
-    QString offered = spoken(record[version]);
-    QString current = spoken(config[version]);
+    QString offered = spoken(record[key::Version]);
+    QString current = spoken(config[key::Version]);
     if (offered.isEmpty() || current.isEmpty())
         return {};
     if (offered == current) {
-        offered += QStringLiteral(" (%1)").arg(spoken(record[build]));
-        current += QStringLiteral(" (%1)").arg(spoken(config[build]));
+        offered += QStringLiteral(" (%1)").arg(spoken(record[key::Build]));
+        current += QStringLiteral(" (%1)").arg(spoken(config[key::Build]));
     }
     return localized("Updater.Version %1 is available, you have %2.").arg(offered, current);
 }

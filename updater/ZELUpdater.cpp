@@ -1,8 +1,6 @@
 #include "ZELUpdater.h"
 
-#include "check/RequestBodies.h"
 #include "check/UpdateCheck.h"
-#include "check/UpdateStatus.h"
 #include "install/ArchiveExtractor.h"
 #include "install/StagingFolder.h"
 #include "install/UpdateInstaller.h"
@@ -109,7 +107,7 @@ void ZELUpdater::setWebview(QWebEngineView *view)
 
 void ZELUpdater::handleLog(const QVariantList &log)
 {
-    zel::uploadPatchLog(shared()->config(), log);
+    zel::uploadPatchLog(zel::HostConfig::fromMap(shared()->config()), log);
 }
 
 void ZELUpdater::downloadUpdate(ZELDownloadCompletion completion)
@@ -158,9 +156,10 @@ void ZELUpdater::cleanup()
 
 void ZELUpdater::prepareInstaller()
 {
-    m_installer->setSettings({.installedBundle = m_config[QStringLiteral("path")].toString(),
+    const zel::HostConfig config = zel::HostConfig::fromMap(m_config);
+    m_installer->setSettings({.installedBundle = config.path,
                               .stagingRoot = zel::stagingRoot(),
-                              .signers = zel::pinnedSigners(m_config)});
+                              .signers = zel::pinnedSigners(config)});
 }
 
 void ZELUpdater::showPreparing()

@@ -1,9 +1,10 @@
-// The updater: one object that checks for updates, shows them in its window, and downloads and builds the new bundle.
-// Start reading here; docs/host-guide.md explains how a host uses it.
+// The updater: one object that checks for updates, shows them in its window, and downloads and builds the new
+// bundle. Start reading here; docs/host-guide.md explains how a host uses it.
 #pragma once
 
 #include <ZELUpdater/ZELCompletions.h>
 #include <ZELUpdater/ZELExport.h>
+#include <ZELUpdater/ZELUpdaterTypes.h>
 #include <ZELUpdater/ZELURLSessionTask.h>
 
 #include <QImage>
@@ -32,13 +33,13 @@ namespace zel {
 class UpdateInstaller;
 } // namespace zel
 
-/// The updater. It belongs to the main thread: every function is called there, and every callback comes there, where
-/// nothing else is said. It needs an application object with a running event loop. A QCoreApplication is enough for
-/// background checks and downloads; there is no window then: its properties are null, and what would show
-/// something does nothing.
+/// The updater. It belongs to the main thread: every function is called there, and every callback comes
+/// there, where nothing else is said. It needs an application object with a running event loop. A
+/// QCoreApplication is enough for background checks and downloads; there is no window then: its properties
+/// are null, and what would show something does nothing.
 ///
-/// Results are the host's to act on: the updater shows a page when it is told to, and never hides its window, replaces
-/// the installed bundle or relaunches it.
+/// Results are the host's to act on: the updater shows a page when it is told to, and never hides its window,
+/// replaces the installed bundle or relaunches it.
 class ZEL_EXPORT ZELUpdater : public QObject
 {
     Q_OBJECT
@@ -77,35 +78,36 @@ class ZEL_EXPORT ZELUpdater : public QObject
     Q_PROPERTY(QVariantMap update READ update WRITE setUpdate)
     Q_PROPERTY(QWebEngineView *webview READ webview WRITE setWebview)
 public:
-    /// The one updater, made at the first call, which must come after the application object was made. Safe from any
-    /// thread; a first call from another thread than the main one waits for the main thread.
+    /// The one updater, made at the first call, which must come after the application object was made. Safe
+    /// from any thread; a first call from another thread than the main one waits for the main thread.
     static ZELUpdater *shared();
 
     /// The hardware's model; null where the machine does not say. Safe from any thread.
     static QString modelIdentifier();
 
-    /// Whether an update record for `arch` suits this build: its own word ("x86", "arm") or "all", exactly. Safe from
-    /// any thread.
+    /// Whether an update record for `arch` suits this build: its own word ("x86", "arm") or "all", exactly.
+    /// Safe from any thread.
     static bool isArchSupported(const QString &arch);
 
-    /// The fixed English text of a check or update status: "Unknown Error" for a code without one. Safe from any
+    /// The fixed English text of a `ZELStatus`: "Unknown Error" for a code without one. Safe from any
     /// thread.
     static QString descriptionForStatus(qint64 status);
 
-    /// The fixed English text of a download or extraction status: "Download Failed" for a code without one. Safe from
+    /// The fixed English text of a `ZELDownloadStatus`: "Download Failed" for a code without one. Safe from
     /// any thread.
     static QString descriptionForDownloadStatus(qint64 status);
 
     // The check
 
-    /// Checks in the background with a configuration of its own: it needs no updater, shows nothing and changes no
-    /// property. The keys are "url", "build", "beta" and "path". `completion` is called once, with 0 when no usable
-    /// answer came, 1 and a check result, or 2 when there is no update. Safe from any thread.
+    /// Checks in the background with a configuration of its own: it needs no updater, shows nothing and
+    /// changes no property. The keys are "url", "build", "beta" and "path". `completion` is called once, with
+    /// one of the first three `ZELStatus`, and a check result where there is an update. Safe from any thread.
     static void checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion);
 
-    /// Checks as the configuration says, and clears `update` first. In mode 0 it shows the checking page, brings the
-    /// window forward unless "sheet" or "hidechecking" is there, and loads a found update's release notes into the
-    /// release-notes page and under "html" into the check result. `completion` as above.
+    /// Checks as the configuration says, and clears `update` first. In mode 0 it shows the checking page,
+    /// brings the window forward unless "sheet" or "hidechecking" is there, and loads a found update's
+    /// release notes into the release-notes page and under "html" into the check result. `completion` as
+    /// above.
     void checkForUpdates(ZELCheckCompletion completion);
 
     /// Fetches the release notes of a check result; null when no answer came.
@@ -113,34 +115,39 @@ public:
 
     // The offer
 
-    /// Shows the release notes of `update` with Install, Skip and Later. `choice`, which may be empty, is called with 2
-    /// for Install, once the download page is shown, 1 for Skip and 0 for Later.
+    /// Shows the release notes of `update` with Install, Skip and Later. `choice`, which may be empty, is
+    /// called with a `ZELChoice`: for Install once the download page is shown.
     void showUpdate(std::function<void(qint64)> choice);
 
-    /// Uploads the log of a failed patch, with the configuration of the shared updater. Nothing tells how that went.
+    /// Uploads the log of a failed patch, with the configuration of the shared updater. Nothing tells how
+    /// that went.
     void handleLog(const QVariantList &log);
 
     // Download and installation
 
-    /// Downloads and builds what `update` offers. `completion` is called once, on the main thread but for a failed
-    /// transfer, which is reported on the thread of its session: 1 and the path of the new bundle; 0 when the
-    /// download failed; 2 when the archive held no bundle. It is not called for a cancelled download. A patch that is
-    /// wrong or fails is followed by a download of the full archive.
+    /// Downloads and builds what `update` offers. `completion` is called once, on the main thread but for a
+    /// failed transfer, which is reported on the thread of its session: `ZELDownloadSucceeded` and the path
+    /// of the new bundle, `ZELDownloadFailed`, or `ZELDownloadExtractionFailed` for an archive without a good
+    /// bundle. It is not called for a cancelled download. A patch that is wrong or fails is followed by a
+    /// download of the full archive.
     void downloadUpdate(ZELDownloadCompletion completion);
 
-    /// Writes the download's progress into the download page when `keyPath` is "countOfBytesReceived". Safe from any
-    /// thread.
+    /// Writes the download's progress into the download page when `keyPath` is "countOfBytesReceived". Safe
+    /// from any thread.
     void observeValueForKeyPath(const QString &keyPath);
 
-    /// Extracts a zip archive into a folder and finds the bundle in it, on the calling thread, which waits meanwhile.
+    /// Extracts a zip archive into a folder and finds the bundle in it, on the calling thread, which waits
+    /// meanwhile.
     void extractFile(const QString &file, const QString &directory, ZELExtractCompletion completion);
 
-    /// Extracts a full archive into `temporaryDirectory`, on the calling thread: 1 and the bundle's path, null when
-    /// there is none; or 2, after removing all staging folders.
+    /// Extracts a full archive into `temporaryDirectory`, on the calling thread: `ZELDownloadSucceeded` and
+    /// the bundle's path, null when there is none; or `ZELDownloadExtractionFailed`, after removing all
+    /// staging folders.
     void handleUpdate(const QString &payload, ZELInstallCompletion completion);
 
-    /// Applies a bundle patch to a copy of the installed bundle, in `temporaryDirectory`, on another thread, and checks
-    /// the result's seal: 1 and its path; or 3, after uploading the log.
+    /// Applies a bundle patch to a copy of the installed bundle, in `temporaryDirectory`, on another thread,
+    /// and checks the result's seal: `ZELDownloadSucceeded` and its path; or `ZELDownloadPatchFailed`, after
+    /// uploading the log.
     void handlePatch(const QString &payload, ZELInstallCompletion completion);
 
     /// Drops the patch from `update` and downloads the full archive.
@@ -154,16 +161,16 @@ public:
     /// The application's icon, shown on every page but the release notes; a null image clears it.
     void setIcon(const QImage &icon);
 
-    /// Each of these takes the current page out of the window, puts its own in and resizes the window around its
-    /// centre. The window is not shown by that.
+    /// Each of these takes the current page out of the window, puts its own in and resizes the window around
+    /// its centre. The window is not shown by that.
     void showCheckingView();
     void showDownloadPage();
     void showErrorPage();
     void showNoUpdates();
     void showUpdated();
 
-    // Properties. The setters only store what they are given; the updater owns none of it, and a view must stay until
-    // another one, or null, is set. A page that is null is not shown. What the updater makes
+    // Properties. The setters only store what they are given; the updater owns none of it, and a view must
+    // stay until another one, or null, is set. A page that is null is not shown. What the updater makes
     // itself is gone once the application object is: the getters return null from then on.
 
     /// The updater's window.
@@ -192,8 +199,8 @@ public:
     ZELUpdaterUpdatedPage *updatedPage() const { return m_updatedPage; }
     void setUpdatedPage(ZELUpdaterUpdatedPage *page) { m_updatedPage = page; }
 
-    /// The web view of the release notes: one that was set, as long as it exists, else the release-notes page's own,
-    /// null until there was something to show in it.
+    /// The web view of the release notes: one that was set, as long as it exists, else the release-notes
+    /// page's own, null until there was something to show in it.
     QWebEngineView *webview() const;
     void setWebview(QWebEngineView *view);
 
@@ -209,13 +216,13 @@ public:
     QVariantMap config() const { return m_config; }
     void setConfig(const QVariantMap &config) { m_config = config; }
 
-    /// The check result that is offered: "update" and, where there is one, "patch"; "html" with the release notes. Empty
-    /// stands for none.
+    /// The check result that is offered: "update" and, where there is one, "patch"; "html" with the release
+    /// notes. Empty stands for none.
     QVariantMap update() const;
     void setUpdate(const QVariantMap &update);
 
-    /// The running or last download, which the download page's Cancel cancels; a host without the window cancels and
-    /// watches it here. Null before the first.
+    /// The running or last download, which the download page's Cancel cancels; a host without the window
+    /// cancels and watches it here. Null before the first.
     std::shared_ptr<ZELURLSessionTask> task() const;
     void setTask(const std::shared_ptr<ZELURLSessionTask> &task);
 

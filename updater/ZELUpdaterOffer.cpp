@@ -1,8 +1,5 @@
 // How the updater checks, and how it offers what it found.
-#include "check/RequestBodies.h"
 #include "check/UpdateCheck.h"
-#include "check/UpdateStatus.h"
-#include "common/WireValues.h"
 #include "OfferTexts.h"
 #include "platform/Queues.h"
 #include "ui/ZELLayout.h"
@@ -15,37 +12,30 @@ using namespace std::chrono_literals;
 
 namespace {
 
-enum Choice : qint64 { Later = 0, Skip = 1, Install = 2 };
-
 constexpr QSize HistoryPageSize(500, 470);
-const QString Notes = QStringLiteral("html");
 
 // Time for the web view to draw the notes before it is seen.
 constexpr auto NotesDelay = 500ms;
-
-bool isInteractive(const QVariantMap &config)
-{
-    return zel::integerValue(config[QStringLiteral("mode")]) == 0;
-}
 
 } // namespace
 
 void ZELUpdater::checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion)
 {
-    zel::checkForUpdates(config, completion);
+    zel::checkForUpdates(zel::HostConfig::fromMap(config), completion);
 }
 
 void ZELUpdater::checkForUpdates(ZELCheckCompletion completion)
 {
     setUpdate({});
-    const bool interactive = isInteractive(m_config);
+    const zel::HostConfig config = zel::HostConfig::fromMap(m_config);
+    const bool interactive = config.isInteractive;
     if (interactive) {
         showCheckingView();
         bringForward();
     }
-    zel::checkForUpdates(m_config,
+    zel::checkForUpdates(config,
                          [=, this](qint64 status, const QVariantMap &result, const QVariant &reserved) {
-                             if (interactive && status == zel::UpdateAvailable)
+                             if (interactive && status == ZELStatusUpdateAvailable)
                                  loadNotes(result, completion);
                              else if (completion)
                                  completion(status, result, reserved);
@@ -54,10 +44,7 @@ void ZELUpdater::checkForUpdates(ZELCheckCompletion completion)
 
 void ZELUpdater::bringForward()
 {
-    // Either key counts by being there, whatever its value: the host shows the window itself.
-    const bool hostShows =
-        m_config.contains(QStringLiteral("sheet")) || m_config.contains(QStringLiteral("hidechecking"));
-    if (!m_window || hostShows || m_window->isSeen())
+    if (!m_window || zel::HostConfig::fromMap(m_config).hostShowsWindow || m_window->isSeen())
         return;
     m_window->center();
     m_window->makeKeyAndOrderFront();
@@ -66,14 +53,11 @@ void ZELUpdater::bringForward()
 void ZELUpdater::loadNotes(const QVariantMap &result, ZELCheckCompletion completion)
 {
     downloadHistory(result, [=, this](const QByteArray &notes) {
-        QVariantMap withNotes = result;
-        if (!notes.isNull())
-            withNotes[Notes] = notes;
         if (m_historyPage)
             m_historyPage->loadHTML(notes);
         zel::onMainQueueAfter(NotesDelay, [=] {
             if (completion)
-                completion(zel::UpdateAvailable, withNotes, QVariant());
+                completion(ZELStatusUpdateAvailable, zel::withNotes(result, notes), QVariant());
         });
     });
 }
@@ -81,7 +65,8 @@ void ZELUpdater::loadNotes(const QVariantMap &result, ZELCheckCompletion complet
 void ZELUpdater::downloadHistory(const QVariantMap &result,
                                  std::function<void(const QByteArray &)> completion)
 {
-    zel::downloadHistory(m_config, result, completion);
+    zel::downloadHistory(zel::HostConfig::fromMap(m_config), zel::CheckResult::fromMap(result).historyUrl(),
+                         completion);
 }
 
 void ZELUpdater::showUpdate(std::function<void(qint64)> choice)
@@ -94,16 +79,17 @@ void ZELUpdater::showUpdate(std::function<void(qint64)> choice)
     };
     m_historyPage->downloadButton()->setOnClick([=, this] {
         showDownloadPage();
-        report(Install);
+        report(ZELChoiceInstall);
     });
-    m_historyPage->laterButton()->setOnClick([=] { report(Later); });
-    m_historyPage->skipButton()->setOnClick([=] { report(Skip); });
+    m_historyPage->laterButton()->setOnClick([=] { report(ZELChoiceLater); });
+    m_historyPage->skipButton()->setOnClick([=] { report(ZELChoiceSkip); });
 
     const QVariantMap result = update();
-    const bool loaded = result.contains(Notes);
+    const bool loaded = zel::hasNotes(result);
     if (!loaded)
-        m_historyPage->loadURL(zel::historyUrl(result),
-                               zel::historyPageBody(m_config, zel::MachineFacts::current()));
+        m_historyPage->loadURL(
+            zel::CheckResult::fromMap(result).historyUrl(),
+            zel::historyPageBody(zel::HostConfig::fromMap(m_config), zel::MachineFacts::current()));
     m_historyPage->updateButtons(result);
     zel::onMainQueueAfter(loaded ? 0ms : NotesDelay, [this] { showHistoryPage(); });
 }
@@ -112,7 +98,7 @@ void ZELUpdater::showHistoryPage()
 {
     if (!m_historyPage)
         return;
-    const QVariantMap record = update()[QStringLiteral("update")].toMap();
+    const QVariantMap record = update()[zel::key::Update].toMap();
     m_historyPage->setAccessibleName(zel::offerTitle(record));
     m_historyPage->setAccessibleDescription(zel::offerText(m_config, record));
     if (!placePage(m_historyPage))

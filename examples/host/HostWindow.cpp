@@ -23,9 +23,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-enum Status : qint64 { UpdateAvailable = 1, NoUpdates = 2 };
-enum Choice : qint64 { Later = 0, Skip = 1, Install = 2 };
-constexpr qint64 DownloadSuccess = 1;
 const QString SkippedBuild = QStringLiteral("skippedBuild");
 
 QVariant offeredBuild(const QVariantMap &result)
@@ -68,9 +65,9 @@ void HostWindow::checkForUpdates()
         [this, updater, attempt = ++m_attempt](qint64 status, const QVariantMap &result, const QVariant &) {
             if (attempt != m_attempt)
                 return;
-            if (status == UpdateAvailable)
+            if (status == ZELStatusUpdateAvailable)
                 found(result);
-            else if (status == NoUpdates)
+            else if (status == ZELStatusNoUpdates)
                 updater->showNoUpdates();
             else
                 updater->showErrorPage();
@@ -85,7 +82,7 @@ void HostWindow::checkInBackground()
         ZELUpdater::shared()->config(),
         [this, attempt = ++m_attempt](qint64 status, const QVariantMap &result, const QVariant &) {
             const QVariant skipped = QSettings().value(SkippedBuild);
-            if (attempt == m_attempt && status == UpdateAvailable
+            if (attempt == m_attempt && status == ZELStatusUpdateAvailable
                 && offeredBuild(result).toLongLong() != skipped.toLongLong())
                 found(result);
         });
@@ -108,9 +105,9 @@ void HostWindow::found(const QVariantMap &result)
 void HostWindow::chosen(qint64 choice)
 {
     ZELUpdater *updater = ZELUpdater::shared();
-    if (choice == Skip)
+    if (choice == ZELChoiceSkip)
         QSettings().setValue(SkippedBuild, offeredBuild(updater->update()));
-    if (choice != Install) {
+    if (choice != ZELChoiceInstall) {
         dismissed();
         return;
     }
@@ -136,7 +133,7 @@ void HostWindow::chosen(qint64 choice)
 void HostWindow::downloaded(qint64 status, const QString &newBundle)
 {
     m_isDownloading = false;
-    if (status != DownloadSuccess) {
+    if (status != ZELDownloadSucceeded) {
         ZELUpdater::shared()->showErrorPage();
         return;
     }

@@ -101,13 +101,12 @@ std::optional<QString> normalFingerprint(const QString &text)
     return digits;
 }
 
-SignerPins pinnedSigners(const QVariantMap &config)
+SignerPins pinnedSigners(const HostConfig &config)
 {
-    const auto value = config.constFind(QStringLiteral("signers"));
-    if (value == config.constEnd())
+    if (!config.signers)
         return std::nullopt;
     QStringList pins;
-    addValue(pins, *value);
+    addValue(pins, *config.signers);
     if (pins.isEmpty())
         DDLogInfo(QStringLiteral("\"signers\" names nobody: no new bundle is accepted"));
     return pins;

@@ -1,10 +1,11 @@
 // Who signed a bundle, and which signers are accepted.
 #pragma once
 
+#include "common/HostConfig.h"
+
 #include <QList>
 #include <QString>
 #include <QStringList>
-#include <QVariantMap>
 
 #include <optional>
 
@@ -27,7 +28,7 @@ std::optional<QString> normalFingerprint(const QString &text);
 /// reads it, or several in lines or between commas; a QByteArray of 32 bytes is a digest as it is. What is no SHA-256
 /// fingerprint is named in the log and left out, so that a value that cannot be read at all gives an empty list, which
 /// accepts nobody.
-SignerPins pinnedSigners(const QVariantMap &config);
+SignerPins pinnedSigners(const HostConfig &config);
 
 /// Whether the signers of a signature whose certificates are known include one that is pinned. The pins may be in any form
 /// that `normalFingerprint` reads.

@@ -1,9 +1,10 @@
 #include "check/UpdateCheck.h"
-#include "check/UpdateStatus.h"
 #include "platform/Queues.h"
 #include "support/TemporaryTree.h"
 #include "support/TestServer.h"
 
+#include <QDir>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QThread>
@@ -17,6 +18,18 @@ using namespace zel;
 using Answer = TestServer::Answer;
 
 Q_DECLARE_METATYPE(Answer)
+
+namespace {
+
+const MachineFacts Machine{"arm", {6, 1, 38}, "Machine 1,1"};
+const MachineFacts Nameless{"arm", {6, 1, 38}, QString()};
+
+QJsonObject object(const QByteArray &json)
+{
+    return QJsonDocument::fromJson(json).object();
+}
+
+} // namespace
 
 class tst_UpdateCheck : public QObject
 {
@@ -49,16 +62,15 @@ private slots:
             "<plist version=\"1.0\"><dict><key>CFBundleVersion</key><string>7</string></dict></plist>");
         int calls = 0;
         // The patch is chosen by the bundle's build, not by the configured one.
-        checkForUpdates(
-            {{"url", server.url("/check").toString()}, {"build", 100}, {"path", tree.path("App.app")}},
-            [&](qint64 reported, const QVariantMap &result, const QVariant &reserved) {
-                ++calls;
-                QCOMPARE(int(reported), status);
-                QCOMPARE(result.contains("update"), status == 1);
-                QCOMPARE(result.contains("patch"), status == 1);
-                QVERIFY(!reserved.isValid());
-                QCOMPARE(QThread::currentThread(), qApp->thread());
-            });
+        checkForUpdates({.url = server.url("/check").toString(), .path = tree.path("App.app"), .build = 100},
+                        [&](qint64 reported, const QVariantMap &result, const QVariant &reserved) {
+                            ++calls;
+                            QCOMPARE(int(reported), status);
+                            QCOMPARE(result.contains("update"), status == 1);
+                            QCOMPARE(result.contains("patch"), status == 1);
+                            QVERIFY(!reserved.isValid());
+                            QCOMPARE(QThread::currentThread(), qApp->thread());
+                        });
         QTRY_COMPARE_WITH_TIMEOUT(calls, 1, 60000);
         QCOMPARE(server.requests().first().method, QByteArray("POST"));
         QCOMPARE(QJsonDocument::fromJson(server.requests().first().body)["build"], QJsonValue(100));
@@ -68,7 +80,7 @@ private slots:
     {
         for (const char *address : {"", "not an address", "file:///etc/passwd", "http://127.0.0.1:1/"}) {
             int calls = 0;
-            checkForUpdates({{"url", QString::fromUtf8(address)}},
+            checkForUpdates({.url = QString::fromUtf8(address)},
                             [&](qint64 status, const QVariantMap &result, const QVariant &) {
                                 ++calls;
                                 QCOMPARE(status, 0);
@@ -84,7 +96,7 @@ private slots:
         TestServer server;
         server.answer("/", {{.body = "[]"}});
         const QString url = server.url("/").toString();
-        const QVariantMap config{{"url", url}, {"server", url}};
+        const HostConfig config{.url = url, .server = url};
         std::atomic<int> here = 0;
         std::atomic<int> elsewhere = 0;
         const auto captive = [&] {
@@ -94,8 +106,7 @@ private slots:
         constexpr int Rounds = 40;
         for (int i = 0; i < Rounds; ++i) {
             checkForUpdates(config, [held = captive()](qint64, const QVariantMap &, const QVariant &) {});
-            downloadHistory(config, {{"update", QVariantMap{{"history", url}}}},
-                            [held = captive()](const QByteArray &) {});
+            downloadHistory(config, url, [held = captive()](const QByteArray &) {});
             uploadPatchLog(config, {}, [held = captive()] {});
             const auto copied = keptForMainQueue(std::function<void(int)>([held = captive()](int) {}));
             std::thread([copied] { copied(1); }).detach();
@@ -123,8 +134,7 @@ private slots:
         TestServer server;
         server.answer("/notes", {{.body = "notas"}});
         QByteArray notes;
-        downloadHistory({}, {{"update", QVariantMap{{"history", server.url("/notes").toString()}}}},
-                        [&](const QByteArray &body) { notes = body; });
+        downloadHistory({}, server.url("/notes"), [&](const QByteArray &body) { notes = body; });
         QTRY_COMPARE(notes, "notas");
         QVERIFY(server.requests().first().headers["accept-language"].endsWith("pt-BR,pt"));
     }
@@ -137,7 +147,7 @@ private slots:
         QList<qint64> statuses;
         const auto check = [&](const char *path) {
             checkForUpdates(
-                {{"url", server.url(QLatin1String(path)).toString()}},
+                {.url = server.url(QLatin1String(path)).toString()},
                 [&](qint64 status, const QVariantMap &, const QVariant &) { statuses.append(status); });
         };
         check("/slow");
@@ -151,9 +161,9 @@ private slots:
     {
         for (const QString server : {"/base/", ""}) { // without one, the host of the check
             TestServer target;
-            QVariantMap config{{"url", target.url("/check?x=1#top").toString()}, {"version", 7.01}};
+            HostConfig config{.url = target.url("/check?x=1#top").toString(), .version = 7.01};
             if (!server.isEmpty())
-                config["server"] = target.url(server).toString();
+                config.server = target.url(server).toString();
             bool ended = false;
             uploadPatchLog(config, {QVariantMap{{"new", QByteArray("\xff")}}}, [&] { ended = true; });
             QTRY_VERIFY(ended);
@@ -173,6 +183,96 @@ private slots:
             QCOMPARE(descriptionForStatus(other), "Unknown Error");
         for (const qint64 other : {0, -1, 4})
             QCOMPARE(descriptionForDownloadStatus(other), "Download Failed");
+    }
+
+    void bodies_data()
+    {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QByteArray>("expected");
+
+        const HostConfig number{.build = QVariant::fromValue(std::int64_t(9007199254740993)),
+                                .version = 7.01,
+                                .acceptsBeta = true};
+        const HostConfig text{.build = "7001", .version = "7.01"};
+        // The minor version stands twice.
+        QTest::newRow("check")
+            << checkRequestBody(number, Machine)
+            << QByteArray(
+                   R"({"arch":"arm","build":9007199254740993,"model":"Machine 1,1","os":{"major":6,"minor":1,"patch":1}})");
+        QTest::newRow("check, build as text")
+            << checkRequestBody(text, Nameless)
+            << QByteArray(R"({"arch":"arm","build":"7001","os":{"major":6,"minor":1,"patch":1}})");
+        QTest::newRow("check, no build")
+            << checkRequestBody({}, Nameless)
+            << QByteArray(R"({"arch":"arm","os":{"major":6,"minor":1,"patch":1}})");
+        QTest::newRow("history page")
+            << historyPageBody(text, Machine) << QByteArray(R"({"arch":"arm","build":"7001"})");
+        const QVariantList log{
+            QVariantMap{{"description", "Hash error"},
+                        {"exists", true},
+                        {"original", QByteArray("\x00\xff\x80", 3)},
+                        {"new", QByteArray((1 << 20) + 1, 'x')}},
+        };
+        QTest::newRow("log")
+            << logUploadBody(text, log, Machine)
+            << QByteArray(
+                   R"({"arch":"arm","build":"7001","log":[{"description":"Hash error","exists":true,"original":"AP+A"}],)"
+                   R"("os":{"major":6,"minor":1,"patch":1},"version":"7.01"})");
+    }
+
+    void bodies()
+    {
+        QFETCH(QByteArray, body);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(object(body), object(expected));
+        QVERIFY(!body.contains('\n'));
+    }
+
+    void logsLeaveWithoutFolders_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("sent");
+        const auto row = [](const char *key, const QString &text, const char *sent) {
+            QTest::newRow(qPrintable(text)) << key << text << sent;
+        };
+        row("path", "/home/ann/My: Apps/Old-100.app", "Old-100.app");
+        row("path", "/home/ann/Old-100.app//", "Old-100.app");
+        row("path", "new.app", "new.app");
+        row("file", "Contents/MacOS/example", "Contents/MacOS/example");
+        row("file", "/home/ann/x", "x");
+        row("description", "Hash error", "Hash error");
+        row("description", "Error copying old app: cannot read /home/ann/My Apps/a.app/f: Permission denied",
+            "Error copying old app: cannot read f: Permission denied");
+        row("description", "cannot write \"/srv/a/b\": Input/output error",
+            "cannot write \"b\": Input/output error");
+        row("description", "/home/ann/x.app and /home/ann/y: z.app must not contain each other",
+            "y: z.app must not contain each other");
+        row("description", "no space in " + QDir::homePath() + ": 5 bytes are missing",
+            "no space in ~: 5 bytes are missing");
+        row("description", "no space in " + QDir::homePath() + "/a b: 5 bytes are missing",
+            "no space in a b: 5 bytes are missing");
+    }
+
+    void logsLeaveWithoutFolders()
+    {
+        QFETCH(QString, key);
+        QFETCH(QString, text);
+        QFETCH(QString, sent);
+        const QVariantList log{QVariantMap{{key, text}}};
+        const QJsonValue entry = object(logUploadBody({}, log, Machine))["log"].toArray().at(0);
+        QCOMPARE(entry[key].toString(), sent);
+    }
+
+    // The last entries tell why a patch failed.
+    void longLogsAreCut()
+    {
+        QVariantList log(300'000,
+                         QVariantMap{{"description", "Error deleting symlink"}, {"file", QString(50, 'x')}});
+        log.append(QVariantMap{{"description", "Patch failed"}});
+        const QByteArray body = logUploadBody({}, log, Machine);
+        QVERIFY(body.size() > 16 << 19 && body.size() < (16 << 20) + 1000);
+        QCOMPARE(object(body)["log"].toArray().last()["description"].toString(), "Patch failed");
     }
 };
 

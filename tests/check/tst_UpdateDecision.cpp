@@ -12,9 +12,9 @@ namespace {
 
 const MachineFacts Machine{"x86", {6, 1, 38}, "Machine"};
 
-QVariantMap config(const char *json)
+HostConfig config(const char *json)
 {
-    return QJsonDocument::fromJson(json).object().toVariantMap();
+    return HostConfig::fromMap(QJsonDocument::fromJson(json).object().toVariantMap());
 }
 
 QByteArray zeros(int count)
@@ -105,9 +105,10 @@ private slots:
         const Decision decision =
             decideUpdate(records, config(configuration.constData()), std::nullopt, Machine);
         QCOMPARE(int(decision.status), status);
-        QCOMPARE(decision.result["update"].toMap()["name"].toString(), chosen);
-        QCOMPARE(decision.result.contains("update"), status == 1);
-        QVERIFY(!decision.result.contains("patch"));
+        const QVariantMap result = decision.result.toMap();
+        QCOMPARE(result["update"].toMap()["name"].toString(), chosen);
+        QCOMPARE(result.contains("update"), status == 1);
+        QVERIFY(!result.contains("patch"));
     }
 
     void patches_data()
@@ -144,9 +145,10 @@ private slots:
             decideUpdate(records, config(R"({"build":100})"),
                          installed < 0 ? std::nullopt : std::optional<qint64>(installed), Machine);
         QCOMPARE(int(decision.status), status);
-        QCOMPARE(decision.result.contains("update"), status == 1);
-        QCOMPARE(decision.result["patch"].toMap()["file"].toString(), patch);
-        QCOMPARE(decision.result.contains("patch"), !patch.isEmpty());
+        const QVariantMap result = decision.result.toMap();
+        QCOMPARE(result.contains("update"), status == 1);
+        QCOMPARE(result["patch"].toMap()["file"].toString(), patch);
+        QCOMPARE(result.contains("patch"), !patch.isEmpty());
     }
 
     void reasonsAreLoggedInOrder()

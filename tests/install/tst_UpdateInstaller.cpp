@@ -487,7 +487,7 @@ private slots:
         update.remove("patch");
         const LogCapture capture;
         int calls = 0;
-        const auto job = UpdateJob::create({.offer = update,
+        const auto job = UpdateJob::create({.offer = CheckResult::fromMap(update),
                                             .installedBundle = m_tree.path("installed/Example.app"),
                                             .stagingRoot = staging.path("root"),
                                             .archiveTool = tool},

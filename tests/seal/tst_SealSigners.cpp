@@ -57,13 +57,13 @@ private slots:
         QFETCH(QStringList, pins);
         QFETCH(QString, named);
         const LogCapture capture;
-        const SignerPins read = pinnedSigners({{"signers", value}});
+        const SignerPins read = pinnedSigners(HostConfig::fromMap({{"signers", value}}));
         QVERIFY(read);
         QCOMPARE(*read, pins);
         const QString logged = capture.lines("zel.updater").join(u'\n');
         QVERIFY2(logged.contains(named), qPrintable(logged));
         QCOMPARE(logged.isEmpty(), named.isEmpty() && !pins.isEmpty());
-        QVERIFY(!pinnedSigners({{"signer", value}}));
+        QVERIFY(!pinnedSigners(HostConfig::fromMap({{"signer", value}})));
     }
 };
 

@@ -1,6 +1,4 @@
 #include "check/UpdateCheck.h"
-#include "check/UpdateDecision.h"
-#include "check/UpdateStatus.h"
 #include "Commands.h"
 #include "common/WireValues.h"
 #include "platform/BundleInfo.h"
@@ -18,10 +16,10 @@ using namespace zel;
 namespace {
 
 // The configuration that the options describe; nothing after wrong usage, which is then reported.
-std::optional<QVariantMap> configOf(const Arguments &arguments)
+std::optional<HostConfig> configOf(const Arguments &arguments)
 {
-    QVariantMap config{{QStringLiteral("url"), arguments.value(QStringLiteral("url"))}};
-    if (!isWebAddress(QUrl(arguments.value(QStringLiteral("url"))))) {
+    HostConfig config{.url = arguments.value(QStringLiteral("url"))};
+    if (!isWebAddress(QUrl(config.url))) {
         arguments.misused(QStringLiteral("--url takes an http or https address"));
         return std::nullopt;
     }
@@ -29,13 +27,11 @@ std::optional<QVariantMap> configOf(const Arguments &arguments)
         const auto build = arguments.number(QStringLiteral("build"), 0, std::numeric_limits<qint64>::max());
         if (!build)
             return std::nullopt;
-        config[QStringLiteral("build")] = *build;
+        config.build = *build;
     }
     if (arguments.isSet(QStringLiteral("path")))
-        config[QStringLiteral("path")] =
-            QFileInfo(arguments.value(QStringLiteral("path"))).absoluteFilePath();
-    if (arguments.isSet(QStringLiteral("beta")))
-        config[QStringLiteral("beta")] = true;
+        config.path = QFileInfo(arguments.value(QStringLiteral("path"))).absoluteFilePath();
+    config.acceptsBeta = arguments.isSet(QStringLiteral("beta"));
     return config;
 }
 
@@ -51,44 +47,44 @@ QString notABundle(const QString &path)
 
 int runCheck(const Arguments &arguments)
 {
-    const std::optional<QVariantMap> config = configOf(arguments);
+    const std::optional<HostConfig> config = configOf(arguments);
     if (!config)
         return WrongUsage;
-    if (const auto path = config->constFind(QStringLiteral("path")); path != config->constEnd()) {
-        if (const QString problem = notABundle(path->toString()); !problem.isNull())
+    if (arguments.isSet(QStringLiteral("path"))) {
+        if (const QString problem = notABundle(config->path); !problem.isNull())
             return arguments.failed(problem);
     }
     Decision decision;
     checkForUpdates(*config, [&decision](qint64 status, const QVariantMap &result, const QVariant &) {
-        decision = {status, result};
+        decision = {ZELStatus(status), CheckResult::fromMap(result)};
         QCoreApplication::quit();
     });
     QCoreApplication::exec();
     const QString text = descriptionForStatus(decision.status);
-    const QJsonObject json{{QLatin1String("status"), decision.status},
+    const QJsonObject json{{QLatin1String("status"), qint64(decision.status)},
                            {QLatin1String("text"), text},
-                           {QLatin1String("result"), QJsonObject::fromVariantMap(decision.result)}};
-    if (decision.status == CheckFailed)
+                           {QLatin1String("result"), QJsonObject::fromVariantMap(decision.result.toMap())}};
+    if (decision.status == ZELStatusUnknownError)
         return arguments.failed(noAnswerText(text, arguments), json);
     if (const QString diagnostic = lastDiagnostic(); !diagnostic.isEmpty())
         arguments.say(diagnostic);
-    return arguments.done(
-        decision.status == UpdateAvailable ? text + QLatin1String(": ") + offerText(decision.result) : text,
-        json);
+    return arguments.done(decision.status == ZELStatusUpdateAvailable
+                              ? text + QLatin1String(": ") + offerText(decision.result)
+                              : text,
+                          json);
 }
 
 int runUpdate(const Arguments &arguments)
 {
-    std::optional<QVariantMap> config = configOf(arguments);
+    std::optional<HostConfig> config = configOf(arguments);
     if (!config)
         return WrongUsage;
-    const QString path = (*config)[QStringLiteral("path")].toString();
-    if (const QString problem = notABundle(path); !problem.isNull())
+    if (const QString problem = notABundle(config->path); !problem.isNull())
         return arguments.failed(problem);
-    if (!config->contains(QStringLiteral("build")))
-        (*config)[QStringLiteral("build")] = bundleBuild(path).value_or(0);
+    if (!config->build)
+        config->build = bundleBuild(config->path).value_or(0);
     if (arguments.isSet(QStringLiteral("signer")))
-        (*config)[QStringLiteral("signers")] = arguments.values(QStringLiteral("signer"));
+        config->signers = arguments.values(QStringLiteral("signer"));
     UpdateRun run(*config, arguments);
     return run.exec();
 }

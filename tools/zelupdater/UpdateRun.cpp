@@ -1,9 +1,7 @@
 #include "UpdateRun.h"
 
 #include "check/UpdateCheck.h"
-#include "check/UpdateStatus.h"
 #include "Command.h"
-#include "common/WireValues.h"
 #include "install/DownloadFraction.h"
 #include "install/StagingFolder.h"
 #include "platform/Queues.h"
@@ -18,11 +16,6 @@
 using namespace zel;
 
 namespace {
-
-QString buildText(const QVariant &entry)
-{
-    return QString::number(integerValue(entry.toMap()[QStringLiteral("build")]));
-}
 
 QJsonObject outcome(qint64 status, const QString &text, const QString &path)
 {
@@ -48,14 +41,14 @@ QString shownHere(const QString &path)
 
 } // namespace
 
-QString offerText(const QVariantMap &result)
+QString offerText(const CheckResult &result)
 {
-    const QVariantMap update = result[QStringLiteral("update")].toMap();
-    QString text = QLatin1String("build ") + buildText(update);
-    if (const QString version = update[QStringLiteral("version")].toString(); !version.isEmpty())
-        text += QLatin1String(" (version ") + version + u')';
-    if (const auto patch = result.constFind(QStringLiteral("patch")); patch != result.constEnd())
-        text += QLatin1String(", as a patch from build ") + buildText(*patch);
+    const UpdateRecord update = result.update.value_or(UpdateRecord());
+    QString text = QLatin1String("build ") + QString::number(update.build);
+    if (!update.version.isEmpty())
+        text += QLatin1String(" (version ") + update.version + u')';
+    if (result.patch)
+        text += QLatin1String(", as a patch from build ") + QString::number(result.patch->build);
     return text;
 }
 
@@ -73,7 +66,7 @@ QString noAnswerText(const QString &text, const Arguments &arguments)
         text, QLatin1String(": no usable answer from ") + arguments.value(QStringLiteral("url")), arguments);
 }
 
-UpdateRun::UpdateRun(const QVariantMap &config, const Arguments &arguments)
+UpdateRun::UpdateRun(const HostConfig &config, const Arguments &arguments)
     : m_config(config)
     , m_arguments(arguments)
 {
@@ -91,12 +84,12 @@ UpdateRun::UpdateRun(const QVariantMap &config, const Arguments &arguments)
     if (arguments.isSet(QStringLiteral("staging")))
         m_unfinished.emplace(root);
     m_installer = UpdateInstaller::create(hooks);
-    m_installer->setSettings({m_config[QStringLiteral("path")].toString(), root, pinnedSigners(m_config)});
+    m_installer->setSettings({m_config.path, root, pinnedSigners(m_config)});
 }
 
 int UpdateRun::exec()
 {
-    m_arguments.say(QLatin1String("Checking ") + m_config[QStringLiteral("url")].toString());
+    m_arguments.say(QLatin1String("Checking ") + m_config.url);
     checkForUpdates(m_config, [this](qint64 status, const QVariantMap &result, const QVariant &) {
         checked(status, result);
     });
@@ -106,14 +99,15 @@ int UpdateRun::exec()
 void UpdateRun::checked(qint64 status, const QVariantMap &result)
 {
     const QString text = descriptionForStatus(status);
-    if (status == CheckFailed)
+    if (status == ZELStatusUnknownError)
         return end(m_arguments.failed(noAnswerText(text, m_arguments), outcome(status, text, {})));
     if (const QString diagnostic = lastDiagnostic(); !diagnostic.isEmpty())
         m_arguments.say(diagnostic);
-    if (status == NoUpdates)
+    if (status == ZELStatusNoUpdates)
         return end(m_arguments.done(text, outcome(status, text, {})));
-    m_arguments.say(QLatin1String("Found ") + offerText(result));
-    m_startedWithPatch = result.contains(QStringLiteral("patch"));
+    const CheckResult offer = CheckResult::fromMap(result);
+    m_arguments.say(QLatin1String("Found ") + offerText(offer));
+    m_startedWithPatch = offer.patch.has_value();
     if (m_startedWithPatch)
         m_arguments.say(QStringLiteral("Downloading the bundle patch"));
     m_installer->setUpdate(result);
@@ -125,7 +119,7 @@ void UpdateRun::checked(qint64 status, const QVariantMap &result)
 
 void UpdateRun::progressed(qint64 received, qint64 expected)
 {
-    if (!m_toldFullArchive && !m_installer->update().contains(QStringLiteral("patch"))) {
+    if (!m_toldFullArchive && !CheckResult::fromMap(m_installer->update()).patch) {
         m_toldFullArchive = true;
         Arguments::showProgress({});
         m_arguments.say(m_startedWithPatch

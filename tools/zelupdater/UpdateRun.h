@@ -1,16 +1,16 @@
 // A whole update without a window: check, download, install, each step told in a line.
 #pragma once
 
+#include "common/HostConfig.h"
 #include "install/UpdateInstaller.h"
 #include "publish/Interrupt.h"
 
 #include <QString>
-#include <QVariantMap>
 
 class Arguments;
 
 /// What a check result offers, in words: "build 101 (version 1.1), as a patch from build 100".
-QString offerText(const QVariantMap &result);
+QString offerText(const zel::CheckResult &result);
 
 /// That a check had no answer, with the reason or the way to it; `text` is the status's.
 QString noAnswerText(const QString &text, const Arguments &arguments);
@@ -18,8 +18,8 @@ QString noAnswerText(const QString &text, const Arguments &arguments);
 class UpdateRun
 {
 public:
-    /// `config` as the host of a window would give it. Of the arguments, "staging" is read.
-    UpdateRun(const QVariantMap &config, const Arguments &arguments);
+    /// `config` is what a host would have said. Of the arguments, "staging" is read.
+    UpdateRun(const zel::HostConfig &config, const Arguments &arguments);
 
     /// Runs the update in an event loop and returns the exit status.
     int exec();
@@ -31,7 +31,7 @@ private:
     void installed(qint64 status, const QString &path);
     void end(int exitStatus);
 
-    const QVariantMap m_config;
+    const zel::HostConfig m_config;
     const Arguments &m_arguments;
     std::optional<Leftover>
         m_unfinished; // a staging folder of the run's own, until the bundle in it is ready

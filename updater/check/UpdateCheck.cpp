@@ -1,28 +1,71 @@
+// Every request has a session of its own, on a thread of its own, and ends there: what costs time, reading a
+// reply of megabytes and deciding over it, is done on that thread, and the main queue is given a finished
+// result. What a session's thread holds of the host's configuration is copied key by key, and the host's
+// completion is moved, never copied: what it holds may be an object of the main thread, which must end there
+// (`onMainQueue` sees to it, whatever becomes of the request).
 #include "UpdateCheck.h"
 
 #include "common/DDLog.h"
 #include "common/WireValues.h"
+#include "install/PatchLog.h"
 #include "net/URLSession.h"
 #include "platform/BundleInfo.h"
 #include "platform/Queues.h"
-#include "UpdateDecision.h"
-#include "UpdateStatus.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <array>
 #include <new>
 
 namespace zel {
 
 namespace {
 
-std::optional<qint64> installedBuild(const QVariantMap &config)
-{
-    const QString path = config[QStringLiteral("path")].toString();
-    return path.isEmpty() ? std::nullopt : bundleBuild(path);
-}
-
 // Of a check and of the release notes: decoded, and with all redirections.
 constexpr qint64 LongestReply = 4 * 1024 * 1024;
 constexpr std::chrono::minutes LongestTime(2);
+
+constexpr std::array StatusTexts = {
+    "Unknown Error",
+    "Update Available",
+    "No Updates",
+    "Download Attempt Limit Reached",
+    "Payload Problem",
+    "Installed Successfully",
+    "Install Error",
+    "Version Skipped",
+    "Update Requires Foreground Updater",
+};
+
+// "Path" is kept: hosts compare with it.
+constexpr std::array DownloadTexts = {"Download Failed", "Download Success", "Extraction Failed",
+                                      "Path Failed"};
+
+template <typename Texts> QString textOf(const Texts &texts, qint64 status)
+{
+    return QLatin1String(texts[status > 0 && status < qint64(texts.size()) ? size_t(status) : 0]);
+}
+
+QJsonObject systemObject(const SystemVersion &system)
+{
+    // Deliberate: "patch" carries the minor version again; the server's records are matched to that.
+    return {{key::Major, system.majorVersion},
+            {key::Minor, system.minorVersion},
+            {key::Patch, system.minorVersion}};
+}
+
+void passThrough(QJsonObject &body, const QString &name, const std::optional<QVariant> &value)
+{
+    if (value)
+        body[name] = jsonValue(*value);
+}
+
+QByteArray compact(const QJsonObject &body)
+{
+    return QJsonDocument(body).toJson(QJsonDocument::Compact);
+}
 
 URLRequest postRequest(const QUrl &url, const QByteArray &body)
 {
@@ -35,44 +78,25 @@ URLRequest postRequest(const QUrl &url, const QByteArray &body)
     return request;
 }
 
-// The rest of a configuration is the host's, and stays on the host's threads.
-QVariantMap keysOf(const QVariantMap &config, const QStringList &keys)
-{
-    QVariantMap read;
-    for (const QString &key : keys) {
-        if (config.contains(key))
-            read[key] = config[key];
-    }
-    return read;
-}
-
-QVariantMap readByDecision(const QVariantMap &config)
-{
-    QVariantMap read = keysOf(config, {QStringLiteral("build"), QStringLiteral("path")});
-    if (config.contains(QStringLiteral("beta")))
-        read[QStringLiteral("beta")] = true; // its value does not matter
-    return read;
-}
-
-Decision decide(const QByteArray &reply, const QVariantMap &config, const MachineFacts &facts)
+Decision decide(const QByteArray &reply, const HostConfig &config, const MachineFacts &facts)
 {
     try {
-        return decideUpdate(reply, config, installedBuild(config), facts);
+        return decideUpdate(reply, config, config.path.isEmpty() ? std::nullopt : bundleBuild(config.path),
+                            facts);
     } catch (const std::bad_alloc &) {
         systemLog(QStringLiteral("no memory for the reply of the check"));
-        return {CheckFailed, {}};
+        return {};
     }
 }
 
-QUrl patchLogUrl(const QVariantMap &config)
+QUrl patchLogUrl(const HostConfig &config)
 {
-    QString server = config[QStringLiteral("server")].toString();
+    QString server = config.server;
     if (server.isEmpty())
         server = QStringLiteral(ZEL_UPDATE_SERVER);
     if (server.isEmpty())
-        server = QUrl(config[QStringLiteral("url")].toString())
-                     .adjusted(QUrl::RemovePath | QUrl::RemoveQuery | QUrl::RemoveFragment)
-                     .toString();
+        server =
+            QUrl(config.url).adjusted(QUrl::RemovePath | QUrl::RemoveQuery | QUrl::RemoveFragment).toString();
     while (server.endsWith(u'/'))
         server.chop(1);
     return QUrl(server + QLatin1String("/wexmoor7/updates/patch/"));
@@ -80,33 +104,26 @@ QUrl patchLogUrl(const QVariantMap &config)
 
 } // namespace
 
-void checkForUpdates(const QVariantMap &config, ZELCheckCompletion completion)
+void checkForUpdates(const HostConfig &config, ZELCheckCompletion completion)
 {
     const MachineFacts facts = MachineFacts::current();
-    const QUrl url(config[QStringLiteral("url")].toString());
-    dataTask(postRequest(url, checkRequestBody(config, facts)),
-             [config = readByDecision(config), facts,
+    dataTask(postRequest(QUrl(config.url), checkRequestBody(config, facts)),
+             [config = config.forDecision(), facts,
               completion = std::move(completion)](const QByteArray &reply, const ZELError &error) mutable {
                  if (error)
                      systemLog(error.message);
                  onMainQueue([decision = decide(reply, config, facts), completion = std::move(completion)] {
                      if (completion)
-                         completion(decision.status, decision.result, QVariant());
+                         completion(decision.status, decision.result.toMap(), QVariant());
                  });
              })
         ->resume();
 }
 
-QUrl historyUrl(const QVariantMap &result)
-{
-    const QVariantMap record = result[QStringLiteral("update")].toMap();
-    return QUrl(record[QStringLiteral("history")].toString());
-}
-
-void downloadHistory(const QVariantMap &config, const QVariantMap &result,
+void downloadHistory(const HostConfig &config, const QUrl &url,
                      std::function<void(const QByteArray &notes)> completion)
 {
-    URLRequest request = postRequest(historyUrl(result), checkRequestBody(config, MachineFacts::current()));
+    URLRequest request = postRequest(url, checkRequestBody(config, MachineFacts::current()));
     request.languages = userLanguages();
     dataTask(request,
              [completion = std::move(completion)](const QByteArray &notes, const ZELError &) mutable {
@@ -118,22 +135,57 @@ void downloadHistory(const QVariantMap &config, const QVariantMap &result,
         ->resume();
 }
 
-void uploadPatchLog(const QVariantMap &config, const QVariantList &log, std::function<void()> ended)
+void uploadPatchLog(const HostConfig &config, const QVariantList &log, std::function<void()> ended)
 {
-    const QUrl url = patchLogUrl(config);
-    const QVariantMap sent = keysOf(config, {QStringLiteral("build"), QStringLiteral("version")});
     // Of a large log the body takes a while to make.
-    onGlobalQueue([url, sent, log, ended = std::move(ended)]() mutable {
-        const QByteArray body = logUploadBody(sent, log, MachineFacts::current());
-        dataTask(postRequest(url, body),
-                 [ended = std::move(ended)](const QByteArray &, const ZELError &error) mutable {
-                     if (error)
-                         systemLog(error.message);
-                     if (ended)
-                         onMainQueue(std::move(ended));
-                 })
-            ->resume();
-    });
+    onGlobalQueue(
+        [url = patchLogUrl(config), sent = config.forLog(), log, ended = std::move(ended)]() mutable {
+            const QByteArray body = logUploadBody(sent, log, MachineFacts::current());
+            dataTask(postRequest(url, body),
+                     [ended = std::move(ended)](const QByteArray &, const ZELError &error) mutable {
+                         if (error)
+                             systemLog(error.message);
+                         if (ended)
+                             onMainQueue(std::move(ended));
+                     })
+                ->resume();
+        });
+}
+
+QByteArray checkRequestBody(const HostConfig &config, const MachineFacts &facts)
+{
+    QJsonObject body{{key::Arch, facts.architecture}, {key::Os, systemObject(facts.system)}};
+    if (!facts.model.isNull())
+        body[key::Model] = facts.model;
+    passThrough(body, key::Build, config.build);
+    return compact(body);
+}
+
+QByteArray historyPageBody(const HostConfig &config, const MachineFacts &facts)
+{
+    QJsonObject body{{key::Arch, facts.architecture}};
+    passThrough(body, key::Build, config.build);
+    return compact(body);
+}
+
+QByteArray logUploadBody(const HostConfig &config, const QVariantList &log, const MachineFacts &facts)
+{
+    QJsonObject body{{key::Arch, facts.architecture},
+                     {key::Os, systemObject(facts.system)},
+                     {key::Log, patchLogToUpload(log)}};
+    passThrough(body, key::Build, config.build);
+    passThrough(body, key::Version, config.version);
+    return compact(body);
+}
+
+QString descriptionForStatus(qint64 status)
+{
+    return textOf(StatusTexts, status);
+}
+
+QString descriptionForDownloadStatus(qint64 status)
+{
+    return textOf(DownloadTexts, status);
 }
 
 } // namespace zel

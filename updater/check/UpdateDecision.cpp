@@ -1,9 +1,14 @@
+// The decision is a pure function of the reply, the configuration, the installed build and the machine's
+// facts, so that tests and fuzzing reach all of it without a server. Records are looked at one after the
+// other, in the server's order, and only the best so far is kept: a reply of ten thousand records costs no
+// more memory than its text.
+//
+// Keys act by being there: a "beta" of false marks a beta build, as a "patchonly" of null keeps the archive
+// from those without a patch. Servers and hosts rely on it.
 #include "UpdateDecision.h"
 
 #include "common/DDLog.h"
-#include "common/WireValues.h"
 #include "platform/BoundedJson.h"
-#include "UpdateStatus.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -31,85 +36,83 @@ std::optional<QJsonArray> recordsIn(const QByteArray &body)
     return reply.array();
 }
 
-qint64 buildOf(const QVariantMap &entry)
-{
-    return integerValue(entry[QStringLiteral("build")]);
-}
-
-SystemVersion versionOf(const QVariantMap &platform)
-{
-    return {integerValue(platform[QStringLiteral("major")]), integerValue(platform[QStringLiteral("minor")]),
-            integerValue(platform[QStringLiteral("patch")])};
-}
-
 bool reject(const char *why)
 {
     DDLogInfo(QLatin1String(why));
     return false;
 }
 
-// Keys act by being there: null, false and 0 count.
-bool suits(const QVariantMap &record, const QVariantMap &config, const MachineFacts &facts)
+bool suits(const UpdateRecord &record, const HostConfig &config, const MachineFacts &facts)
 {
-    if (buildOf(record) <= buildOf(config))
+    if (record.build <= config.buildNumber())
         return reject("version is old");
-    if (record.contains(QStringLiteral("platform"))) {
-        if (!(facts.system >= versionOf(record[QStringLiteral("platform")].toMap())))
+    if (record.platform) {
+        const auto [major, minor, patch] = *record.platform;
+        if (!(facts.system >= SystemVersion{major, minor, patch}))
             return reject("platform is not valid");
         DDLogInfo(QStringLiteral("platform is valid"));
     }
-    if (const auto arch = record.constFind(QStringLiteral("arch")); arch != record.constEnd()) {
-        if (arch->typeId() != QMetaType::QString || !isArchSupported(arch->toString(), facts))
+    if (record.arch) {
+        if (!isArchSupported(*record.arch, facts))
             return reject("arch is not valid");
         DDLogInfo(QStringLiteral("arch is valid"));
     }
-    if (record.contains(QStringLiteral("beta")) && !config.contains(QStringLiteral("beta")))
+    if (record.isBeta && !config.acceptsBeta)
         return reject("beta updates not allowed");
     return true;
 }
 
-std::optional<QVariantMap> bestRecord(const QJsonArray &records, const QVariantMap &config,
-                                      const MachineFacts &facts)
+// Of two equal builds the earlier one stays: the server's order is its ranking.
+std::optional<UpdateRecord> bestRecord(const QJsonArray &records, const HostConfig &config,
+                                       const MachineFacts &facts)
 {
-    std::optional<QVariantMap> best;
+    std::optional<UpdateRecord> best;
     for (const QJsonValue &value : records) {
-        const QVariantMap record = value.toObject().toVariantMap();
-        if (suits(record, config, facts) && buildOf(record) > (best ? buildOf(*best) : 0)) {
-            best = record;
+        UpdateRecord record = UpdateRecord::fromMap(value.toObject().toVariantMap());
+        if (suits(record, config, facts) && record.build > (best ? best->build : 0)) {
+            best = std::move(record);
             DDLogInfo(QStringLiteral("found new build"));
         }
     }
     return best;
 }
 
-std::optional<QVariantMap> patchFrom(qint64 installedBuild, const QVariantMap &record)
+// Deliberate: from the bundle's own build, not the configured one, which is only what the host says of
+// itself.
+std::optional<PatchEntry> patchFrom(std::optional<qint64> installedBuild, const UpdateRecord &record)
 {
-    const QVariantList patches = record[QStringLiteral("patches")].toList();
-    for (const QVariant &value : patches) {
-        if (value.typeId() == QMetaType::QVariantMap && buildOf(value.toMap()) == installedBuild)
-            return value.toMap();
+    for (const PatchEntry &patch : record.patches) {
+        if (patch.build == installedBuild)
+            return patch;
     }
     return std::nullopt;
 }
 
 } // namespace
 
-Decision decideUpdate(const QByteArray &body, const QVariantMap &config, std::optional<qint64> installedBuild,
+MachineFacts MachineFacts::current()
+{
+    return {architectureWord(), systemVersion(), modelIdentifier()};
+}
+
+bool isArchSupported(const QString &arch, const MachineFacts &facts)
+{
+    return !arch.isNull() && (arch == facts.architecture || arch == QLatin1String("all"));
+}
+
+Decision decideUpdate(const QByteArray &body, const HostConfig &config, std::optional<qint64> installedBuild,
                       const MachineFacts &facts)
 {
     const std::optional<QJsonArray> records = recordsIn(body);
     if (!records)
-        return {CheckFailed, {}};
-    const std::optional<QVariantMap> best = bestRecord(*records, config, facts);
+        return {ZELStatusUnknownError};
+    const std::optional<UpdateRecord> best = bestRecord(*records, config, facts);
     if (!best)
-        return {NoUpdates, {}};
-    const auto patch = installedBuild ? patchFrom(*installedBuild, *best) : std::nullopt;
-    if (!patch && best->contains(QStringLiteral("patchonly")))
-        return {NoUpdates, {}};
-    QVariantMap result{{QStringLiteral("update"), *best}};
-    if (patch)
-        result[QStringLiteral("patch")] = *patch;
-    return {UpdateAvailable, result};
+        return {ZELStatusNoUpdates};
+    const std::optional<PatchEntry> patch = patchFrom(installedBuild, *best);
+    if (!patch && best->isPatchOnly)
+        return {ZELStatusNoUpdates};
+    return {ZELStatusUpdateAvailable, {best, patch}};
 }
 
 } // namespace zel

@@ -1,34 +1,46 @@
-// Which of the server's update records suits this machine and this installation. Decides only; docs/update-protocol.md
-// has the records' keys.
+// Which of the server's update records suits this machine and this installation. Decides only;
+// docs/update-protocol.md has the records' keys.
 #pragma once
 
-#include "RequestBodies.h"
+#include "common/HostConfig.h"
+#include "common/UpdateRecord.h"
+#include "common/ZELUpdaterTypes.h"
+#include "platform/SystemFacts.h"
 
 #include <QByteArray>
-#include <QVariantMap>
-
-#include <optional>
 
 namespace zel {
 
-/// A check's outcome: a `CheckStatus`, and the check result with "update" (the chosen record) and "patch" (the chosen
-/// patch entry), each only where there is one.
+/// What the update server is told of the machine, and its records are compared with.
+struct MachineFacts {
+    QString architecture;
+    SystemVersion system;
+    QString model; ///< null where the machine does not say
+
+    static MachineFacts current();
+};
+
+/// Whether a record for `arch` suits the machine: its own word or "all", exactly; a null string is neither.
+bool isArchSupported(const QString &arch, const MachineFacts &facts);
+
+/// A check's outcome. The result holds the chosen record and the chosen patch entry, each only where there is
+/// one.
 struct Decision {
-    qint64 status = 0;
-    QVariantMap result;
+    ZELStatus status = ZELStatusUnknownError;
+    CheckResult result = {};
 };
 
 /// Decides over the reply body of a check.
 ///
-/// Of `config` the keys "build" and "beta" are read. A record must have a higher "build" than the configuration, a
-/// "platform" no newer than the running system, a supported "arch", and no "beta" unless the configuration has that
-/// key too; the record with the highest build wins, the earlier one on a tie. The patch is the record's first that
-/// starts from `installedBuild`, the build of the bundle that would be patched (nothing when there is no bundle). A
-/// record with "patchonly" and no such patch is dropped, and no other takes its place.
+/// A record must have a higher "build" than the configuration, a "platform" no newer than the running system,
+/// a supported "arch", and no "beta" unless the configuration has that key too; the record with the highest
+/// build wins, the earlier one on a tie. The patch is the record's first that starts from `installedBuild`,
+/// the build of the bundle that would be patched (nothing when there is no bundle). A record with "patchonly"
+/// and no such patch is dropped, and no other takes its place.
 ///
-/// A body that is no JSON array gives status 0, and so does one of more than 10,000 records or, in all of them, 200,000
-/// values; an array without a suitable record gives 2.
-Decision decideUpdate(const QByteArray &body, const QVariantMap &config, std::optional<qint64> installedBuild,
+/// A body that is no JSON array gives `ZELStatusUnknownError`, and so does one of more than 10,000 records
+/// or, in all of them, 200,000 values; an array without a suitable record gives `ZELStatusNoUpdates`.
+Decision decideUpdate(const QByteArray &body, const HostConfig &config, std::optional<qint64> installedBuild,
                       const MachineFacts &facts);
 
 } // namespace zel

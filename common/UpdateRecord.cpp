@@ -1,0 +1,166 @@
+#include "UpdateRecord.h"
+
+#include "WireValues.h"
+
+#include <QJsonArray>
+
+#include <cmath>
+
+namespace zel {
+
+namespace {
+
+bool isText(const QVariant &value)
+{
+    return value.typeId() == QMetaType::QString;
+}
+
+// Nothing where the key is missing; null where it holds another type.
+std::optional<QString> textUnder(const QString &name, const QVariantMap &map)
+{
+    const auto value = map.constFind(name);
+    if (value == map.constEnd())
+        return std::nullopt;
+    return isText(*value) ? value->toString() : QString();
+}
+
+// A whole number as JSON has it. Deliberate: a text is no size, although it is a build.
+std::optional<qint64> sizeUnder(const QString &name, const QVariantMap &map)
+{
+    const auto value = map.constFind(name);
+    if (value == map.constEnd())
+        return std::nullopt;
+    const bool whole = value->typeId() == QMetaType::LongLong
+        || (value->typeId() == QMetaType::Double && std::trunc(value->toDouble()) == value->toDouble());
+    return qMax(whole ? value->toLongLong() : -1, qint64(-1));
+}
+
+UpdateRecord::System systemFrom(const QVariantMap &map)
+{
+    return {integerValue(map[key::Major]), integerValue(map[key::Minor]), integerValue(map[key::Patch])};
+}
+
+OfferedFile fileFrom(const QVariantMap &map)
+{
+    const QVariant hash = map[key::Hash];
+    return {integerValue(map[key::Build]),
+            map[key::File].toString(),
+            isText(hash) ? std::optional(hash.toString()) : std::nullopt,
+            textUnder(key::SHA256, map),
+            sizeUnder(key::Size, map),
+            map};
+}
+
+QList<PatchEntry> patchesFrom(const QVariantList &values)
+{
+    QList<PatchEntry> patches;
+    for (const QVariant &value : values) {
+        if (value.typeId() == QMetaType::QVariantMap)
+            patches.append(PatchEntry::fromMap(value.toMap()));
+    }
+    return patches;
+}
+
+} // namespace
+
+void OfferedFile::announceIn(QJsonObject &entry) const
+{
+    entry[key::File] = file;
+    if (hash)
+        entry[key::Hash] = *hash;
+    if (sha256)
+        entry[key::SHA256] = *sha256;
+    if (size)
+        entry[key::Size] = *size;
+}
+
+PatchEntry PatchEntry::fromMap(const QVariantMap &map)
+{
+    return {fileFrom(map)};
+}
+
+QJsonObject PatchEntry::toJson() const
+{
+    QJsonObject entry{{key::Build, build}};
+    announceIn(entry);
+    return entry;
+}
+
+UpdateRecord UpdateRecord::fromMap(const QVariantMap &map)
+{
+    UpdateRecord record{fileFrom(map)};
+    record.version = map[key::Version].toString();
+    record.shownBuild = map[key::Build].toString();
+    record.history = map[key::History].toString();
+    if (map.contains(key::Platform))
+        record.platform = systemFrom(map[key::Platform].toMap());
+    record.arch = textUnder(key::Arch, map);
+    record.isBeta = map.contains(key::Beta);
+    record.isPatchOnly = map.contains(key::PatchOnly);
+    record.patches = patchesFrom(map[key::Patches].toList());
+    return record;
+}
+
+QJsonObject UpdateRecord::toJson() const
+{
+    QJsonObject record{{key::Build, build}, {key::Version, version}};
+    announceIn(record);
+    QJsonArray entries;
+    for (const PatchEntry &patch : patches)
+        entries.append(patch.toJson());
+    record[key::Patches] = entries;
+    if (arch)
+        record[key::Arch] = *arch;
+    if (isBeta)
+        record[key::Beta] = true;
+    if (isPatchOnly)
+        record[key::PatchOnly] = true;
+    if (!history.isEmpty())
+        record[key::History] = history;
+    return record;
+}
+
+CheckResult CheckResult::fromMap(const QVariantMap &map)
+{
+    CheckResult result;
+    if (map.contains(key::Update))
+        result.update = UpdateRecord::fromMap(map[key::Update].toMap());
+    if (map.contains(key::Patch))
+        result.patch = PatchEntry::fromMap(map[key::Patch].toMap());
+    return result;
+}
+
+QVariantMap CheckResult::toMap() const
+{
+    QVariantMap map;
+    if (update)
+        map[key::Update] = update->received;
+    if (patch)
+        map[key::Patch] = patch->received;
+    return map;
+}
+
+QUrl CheckResult::historyUrl() const
+{
+    return update ? QUrl(update->history) : QUrl();
+}
+
+QVariantMap withoutPatch(QVariantMap result)
+{
+    result.remove(key::Patch);
+    return result;
+}
+
+QVariantMap withNotes(QVariantMap result, const QByteArray &notes)
+{
+    if (!notes.isNull())
+        result[key::Html] = notes;
+    return result;
+}
+
+bool hasNotes(const QVariantMap &result)
+{
+    return result.contains(key::Html);
+}
+
+} // namespace zel

@@ -1,0 +1,114 @@
+// What a check found, as the flows read it. Each of these is read from the map that came from the server or
+// the host where it enters, once; from there on a misspelled key cannot compile. docs/update-protocol.md
+// describes the keys.
+#pragma once
+
+#include <QJsonObject>
+#include <QList>
+#include <QUrl>
+#include <QVariantMap>
+
+#include <optional>
+
+namespace zel {
+
+/// The keys of update records, patch entries, check results, configurations and requests: they mean the same
+/// in each, and are spelled here alone.
+namespace key {
+inline const QString Arch = QStringLiteral("arch");
+inline const QString Beta = QStringLiteral("beta");
+inline const QString Build = QStringLiteral("build");
+inline const QString File = QStringLiteral("file");
+inline const QString Hash = QStringLiteral("hash");
+inline const QString HideChecking = QStringLiteral("hidechecking");
+inline const QString History = QStringLiteral("history");
+inline const QString Html = QStringLiteral("html");
+inline const QString Log = QStringLiteral("log");
+inline const QString Major = QStringLiteral("major");
+inline const QString Minor = QStringLiteral("minor");
+inline const QString Mode = QStringLiteral("mode");
+inline const QString Model = QStringLiteral("model");
+inline const QString Os = QStringLiteral("os");
+inline const QString Patch = QStringLiteral("patch"); // of a check result the entry, of a version a number
+inline const QString Patches = QStringLiteral("patches");
+inline const QString PatchOnly = QStringLiteral("patchonly");
+inline const QString Path = QStringLiteral("path");
+inline const QString Platform = QStringLiteral("platform");
+inline const QString Server = QStringLiteral("server");
+inline const QString SHA256 = QStringLiteral("sha256");
+inline const QString Sheet = QStringLiteral("sheet");
+inline const QString Signers = QStringLiteral("signers");
+inline const QString Size = QStringLiteral("size");
+inline const QString Update = QStringLiteral("update");
+inline const QString Url = QStringLiteral("url");
+inline const QString Version = QStringLiteral("version");
+} // namespace key
+
+/// A file that the server offers, and what it is known by. Of a value of a type that makes no sense there is
+/// as much left as makes every comparison with it fail.
+struct OfferedFile {
+    qint64 build = 0; ///< by `integerValue`
+    QString file; ///< where it is: an address
+    std::optional<QString> hash; ///< MD5; nothing where it is missing or no text
+    std::optional<QString> sha256; ///< null where it is no text; nothing where it is missing
+    std::optional<qint64> size; ///< in bytes; -1 where that is no size; nothing where it is missing
+    QVariantMap received = {}; ///< all that came, unknown keys, too: what hosts are handed and logs show
+
+    /// What clients compare the file with, as a feed has it: "file", "hash", "sha256" and "size".
+    void announceIn(QJsonObject &entry) const;
+};
+
+/// A bundle patch. `build` is the build that it starts from.
+struct PatchEntry : OfferedFile {
+    static PatchEntry fromMap(const QVariantMap &map);
+    QJsonObject toJson() const;
+};
+
+/// A build and its full archive. `build` is the build that is offered.
+struct UpdateRecord : OfferedFile {
+    struct System {
+        qint64 majorVersion = 0;
+        qint64 minorVersion = 0;
+        qint64 patchVersion = 0;
+    };
+
+    QString version = {}; ///< for people
+    QString shownBuild = {}; ///< the build as it is written, for people
+    QString history = {}; ///< address of the release notes
+    std::optional<System> platform = {}; ///< the oldest system that the build runs on; nothing: any
+    std::optional<QString> arch = {}; ///< null where it is no text, and suits nobody then; nothing: any
+    bool isBeta = false; ///< by the key's presence, as the next one
+    bool isPatchOnly = false; ///< offered only where one of the patches starts from what is installed
+    QList<PatchEntry> patches = {}; ///< in the record's order, without what is no object
+
+    static UpdateRecord fromMap(const QVariantMap &map);
+
+    /// Of a record that is made here, for a feed: what was `received` is not looked at.
+    QJsonObject toJson() const;
+};
+
+/// What a check hands to the host, and what the host hands back to show and install it.
+struct CheckResult {
+    std::optional<UpdateRecord> update = {};
+    std::optional<PatchEntry> patch = {};
+
+    /// A value that is no map is read as an empty one: an offer, but of nothing that could be had.
+    static CheckResult fromMap(const QVariantMap &map);
+
+    /// With everything that the server sent.
+    QVariantMap toMap() const;
+
+    /// The address of the release notes; an invalid one where there are none.
+    QUrl historyUrl() const;
+
+    bool isEmpty() const { return !update && !patch; }
+};
+
+/// A check result of the host's without its patch; all else stays as it stands.
+QVariantMap withoutPatch(QVariantMap result);
+
+/// A check result with release notes. Null ones leave it as it is.
+QVariantMap withNotes(QVariantMap result, const QByteArray &notes);
+bool hasNotes(const QVariantMap &result);
+
+} // namespace zel
