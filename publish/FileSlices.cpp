@@ -5,7 +5,7 @@
 #include "install/MD5FromData.h"
 #include "platform/FileContents.h"
 #include "platform/Parallel.h"
-#include "xz/XZ.h"
+#include "XZWriter.h"
 
 #include <QFile>
 #include <QFileInfo>

@@ -1,7 +1,6 @@
 #include "PatchWriter.h"
 
 #include "delta/deltaformat.h"
-#include "xz/XZ.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -18,7 +17,7 @@
 //    compress side by side. What a block cannot see it cannot refer to; cutting where contents change costs
 //    least.
 //  - A delta's three parts have nothing in common: rows of numbers, differences that are mostly zeros, and
-//    plain new bytes. Each is modelled for what it holds (XZBlocks.h), which saves more than one model for
+//    plain new bytes. Each is modelled for what it holds (XZWriter.h), which saves more than one model for
 //    all.
 //  - Small things are the exception. A block's header and a model that starts anew cost more than they save
 //    there, so that everything small in a row makes one block, whatever it holds.

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "install/PatchFile.h"
-#include "xz/XZBlocks.h"
+#include "XZWriter.h"
 
 #include <QJsonValue>
 

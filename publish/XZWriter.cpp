@@ -1,13 +1,21 @@
-#include "XZBlocks.h"
+#include "XZWriter.h"
 
 #include "platform/Parallel.h"
-#include "XZ.h"
-#include "XZParts.h"
 
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <lzma.h>
+#include <memory>
 #include <vector>
+
+// The stream is put together from blocks by hand: each is compressed on a processor of its own, with the
+// model for what it holds, and which of several models is best for plain bytes is found by compressing a
+// sample from the block's middle with each. No executable filter is used: readers that know plain LZMA2
+// alone, ours among them, refuse streams with one.
+//
+// What a block becomes depends on its bytes alone, never on the number of processors or on the memory given,
+// so that a patch can be made again byte by byte.
 
 namespace zel {
 
@@ -17,21 +25,21 @@ constexpr qsizetype DictionaryLimit = qsizetype(64) << 20;
 constexpr qsizetype SampleSize = qsizetype(512) << 10;
 constexpr lzma_check Check = LZMA_CHECK_CRC64;
 
-/// How many bits of what went before the encoder looks at for a literal, and how many of the position for a literal
-/// and for everything.
-struct Model {
+/// How many bits of what went before the encoder looks at for a literal, and how many of the position for a
+/// literal and for everything.
+struct LiteralModel {
     uint32_t lc;
     uint32_t lp;
     uint32_t pb;
 };
 
-/// The models that were smallest on programs, on text and on deltas of both. Which of several is best for other bytes
-/// depends on them.
-std::span<const Model> modelsOf(XZContent content)
+/// The models that were smallest on programs, on text and on deltas of both. Which of several is best for
+/// other bytes depends on them.
+std::span<const LiteralModel> modelsOf(XZContent content)
 {
-    static constexpr Model bytes[] = {{3, 0, 2}, {4, 0, 0}, {4, 0, 3}};
-    static constexpr Model records[] = {{1, 3, 3}};
-    static constexpr Model sparse[] = {{4, 0, 0}};
+    static constexpr LiteralModel bytes[] = {{3, 0, 2}, {4, 0, 0}, {4, 0, 3}};
+    static constexpr LiteralModel records[] = {{1, 3, 3}};
+    static constexpr LiteralModel sparse[] = {{4, 0, 0}};
     switch (content) {
     case XZContent::Records:
         return records;
@@ -44,10 +52,10 @@ std::span<const Model> modelsOf(XZContent content)
 }
 
 /// The options of one block. The filter points into the object itself.
-class Filters
+class EncoderFilters
 {
 public:
-    Filters(const XZBlock &block, const Model &model)
+    EncoderFilters(const XZBlock &block, const LiteralModel &model)
     {
         lzma_lzma_preset(&m_options, 9 | LZMA_PRESET_EXTREME);
         m_options.dict_size =
@@ -64,8 +72,8 @@ public:
         m_options.pb = model.pb;
     }
 
-    Filters(const Filters &) = delete;
-    Filters &operator=(const Filters &) = delete;
+    EncoderFilters(const EncoderFilters &) = delete;
+    EncoderFilters &operator=(const EncoderFilters &) = delete;
 
     lzma_filter *get() { return m_filters.data(); }
 
@@ -73,6 +81,16 @@ private:
     lzma_options_lzma m_options = {};
     std::array<lzma_filter, 2> m_filters = {{{LZMA_FILTER_LZMA2, &m_options}, {LZMA_VLI_UNKNOWN, nullptr}}};
 };
+
+const uint8_t *encoderInput(QByteArrayView data)
+{
+    return reinterpret_cast<const uint8_t *>(data.data());
+}
+
+uint8_t *encoderOutput(QByteArray &out, size_t at = 0)
+{
+    return reinterpret_cast<uint8_t *>(out.data()) + at;
+}
 
 struct Encoded {
     QByteArray bytes;
@@ -89,9 +107,9 @@ std::optional<QByteArray> allocate(size_t size)
     }
 }
 
-std::optional<Encoded> encode(const XZBlock &block, const Model &model)
+std::optional<Encoded> encodeBlock(const XZBlock &block, const LiteralModel &model)
 {
-    Filters filters(block, model);
+    EncoderFilters filters(block, model);
     lzma_block header = {};
     header.check = Check;
     header.filters = filters.get();
@@ -99,8 +117,8 @@ std::optional<Encoded> encode(const XZBlock &block, const Model &model)
     std::optional<QByteArray> out = allocate(lzma_block_buffer_bound(size));
     size_t written = 0;
     if (!out
-        || lzma_block_buffer_encode(&header, nullptr, lzmaBytes(block.data), size, lzmaBytes(*out), &written,
-                                    size_t(out->size()))
+        || lzma_block_buffer_encode(&header, nullptr, encoderInput(block.data), size, encoderOutput(*out),
+                                    &written, size_t(out->size()))
             != LZMA_OK)
         return std::nullopt;
     out->resize(qsizetype(written));
@@ -109,17 +127,17 @@ std::optional<Encoded> encode(const XZBlock &block, const Model &model)
 }
 
 /// The model that makes the middle of the block smallest.
-std::optional<Model> bestModel(const XZBlock &block)
+std::optional<LiteralModel> bestModel(const XZBlock &block)
 {
-    const std::span<const Model> models = modelsOf(block.content);
+    const std::span<const LiteralModel> models = modelsOf(block.content);
     if (models.size() == 1)
         return models.front();
     const qsizetype length = std::min(block.data.size(), SampleSize);
     const XZBlock sample{block.data.sliced((block.data.size() - length) / 2, length), block.content};
-    std::optional<Model> best;
+    std::optional<LiteralModel> best;
     qsizetype least = 0;
-    for (const Model &model : models) {
-        const std::optional<Encoded> encoded = encode(sample, model);
+    for (const LiteralModel &model : models) {
+        const std::optional<Encoded> encoded = encodeBlock(sample, model);
         if (!encoded)
             return std::nullopt;
         if (best && encoded->bytes.size() >= least)
@@ -133,7 +151,8 @@ std::optional<Model> bestModel(const XZBlock &block)
 /// Header, blocks, index and footer in a row; nothing when one of the blocks is missing or memory runs out.
 std::optional<QByteArray> assemble(const std::vector<std::optional<Encoded>> &blocks)
 {
-    const XZIndex index(lzma_index_init(nullptr));
+    const auto end = [](lzma_index *built) { lzma_index_end(built, nullptr); };
+    const std::unique_ptr<lzma_index, decltype(end)> index(lzma_index_init(nullptr));
     for (const auto &block : blocks) {
         if (!index || !block
             || lzma_index_append(index.get(), nullptr, block->unpaddedSize, block->uncompressedSize)
@@ -146,15 +165,15 @@ std::optional<QByteArray> assemble(const std::vector<std::optional<Encoded>> &bl
     flags.backward_size = lzma_index_size(index.get());
     flags.check = Check;
     std::optional<QByteArray> stream = allocate(lzma_index_file_size(index.get()));
-    if (!stream || lzma_stream_header_encode(&flags, lzmaBytes(*stream)) != LZMA_OK)
+    if (!stream || lzma_stream_header_encode(&flags, encoderOutput(*stream)) != LZMA_OK)
         return std::nullopt;
     size_t at = LZMA_STREAM_HEADER_SIZE;
     for (const auto &block : blocks) {
         std::ranges::copy(block->bytes, stream->begin() + qsizetype(at));
         at += size_t(block->bytes.size());
     }
-    if (lzma_index_buffer_encode(index.get(), lzmaBytes(*stream), &at, size_t(stream->size())) != LZMA_OK
-        || lzma_stream_footer_encode(&flags, lzmaBytes(*stream) + at) != LZMA_OK)
+    if (lzma_index_buffer_encode(index.get(), encoderOutput(*stream), &at, size_t(stream->size())) != LZMA_OK
+        || lzma_stream_footer_encode(&flags, encoderOutput(*stream, at)) != LZMA_OK)
         return std::nullopt;
     return stream;
 }
@@ -164,8 +183,8 @@ qint64 quickSize(QByteArrayView data)
     std::optional<QByteArray> out = allocate(lzma_stream_buffer_bound(size_t(data.size())));
     size_t written = 0;
     if (!out
-        || lzma_easy_buffer_encode(0, LZMA_CHECK_NONE, nullptr, lzmaBytes(data), size_t(data.size()),
-                                   lzmaBytes(*out), &written, size_t(out->size()))
+        || lzma_easy_buffer_encode(0, LZMA_CHECK_NONE, nullptr, encoderInput(data), size_t(data.size()),
+                                   encoderOutput(*out), &written, size_t(out->size()))
             != LZMA_OK)
         return data.size();
     return qint64(written);
@@ -177,15 +196,15 @@ std::optional<QByteArray> compressXZBlocks(std::span<const XZBlock> blocks, qint
 {
     std::vector<qint64> costs;
     for (const XZBlock &block : blocks) {
-        Filters filters(block, modelsOf(block.content).front());
+        EncoderFilters filters(block, modelsOf(block.content).front());
         costs.push_back(qint64(lzma_raw_encoder_memusage(filters.get())));
     }
     std::vector<std::optional<Encoded>> encoded(blocks.size());
-    const auto encodeBlock = [&blocks, &encoded](size_t i) {
-        if (const std::optional<Model> model = bestModel(blocks[i]))
-            encoded[i] = encode(blocks[i], *model);
+    const auto encodeOne = [&blocks, &encoded](size_t i) {
+        if (const std::optional<LiteralModel> model = bestModel(blocks[i]))
+            encoded[i] = encodeBlock(blocks[i], *model);
     };
-    runJobs(costs, encodeBlock, memory);
+    runJobs(costs, encodeOne, memory);
     return assemble(encoded);
 }
 

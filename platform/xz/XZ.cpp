@@ -2,7 +2,6 @@
 
 #include "base/LargePages.h"
 #include "platform/Parallel.h"
-#include "XZParts.h"
 
 #include <algorithm>
 #include <array>
@@ -10,11 +9,34 @@
 #include <cstdlib>
 #include <deque>
 #include <limits>
+#include <lzma.h>
+#include <memory>
 #include <vector>
+
+// Everything here is read from files that anybody may have made. The stream is taken apart by hand rather
+// than handed to lzma_stream_buffer_decode, for three reasons: its index tells the result's size before
+// anything is decoded, so that a caller can refuse it or reserve it in one piece; the blocks that it lists
+// are decoded on all processors; and each part is judged for itself (one stream and nothing behind it, plain
+// LZMA2 only, memory and number of blocks within limits).
+//
+// The index may lie. Every block is therefore decoded into exactly the place that the index gives it, from
+// exactly the bytes, and must fill the one and use up the other; liblzma checks the checksums. Places of
+// different blocks cannot overlap, as the index counts them up one behind the other.
 
 namespace zel {
 
 namespace {
+
+struct EndIndex {
+    void operator()(lzma_index *index) const { lzma_index_end(index, nullptr); }
+};
+
+using XZIndex = std::unique_ptr<lzma_index, EndIndex>;
+
+const uint8_t *lzmaBytes(QByteArrayView data)
+{
+    return reinterpret_cast<const uint8_t *>(data.data());
+}
 
 constexpr uint64_t DecoderMemory = uint64_t(512) << 20;
 constexpr lzma_vli BlockLimit = 1 << 16;
@@ -35,8 +57,8 @@ void release(void *, void *block)
 
 constexpr lzma_allocator Allocator = {allocateWithLargePages, release, nullptr};
 
-/// The index of data that is exactly one stream, header and footer included; null for other data. A lie in it is found
-/// when the blocks are decoded: both must agree.
+/// The index of data that is exactly one stream, header and footer included; null for other data. A lie in it
+/// is found when the blocks are decoded: both must agree.
 XZIndex readIndex(QByteArrayView data, lzma_stream_flags &flags)
 {
     lzma_stream_flags footer;
@@ -56,10 +78,10 @@ XZIndex readIndex(QByteArrayView data, lzma_stream_flags &flags)
 }
 
 /// One block of a stream, as its index and its own header describe it.
-class Block
+class StoredBlock
 {
 public:
-    Block(const lzma_index_iter &place, lzma_check check)
+    StoredBlock(const lzma_index_iter &place, lzma_check check)
         : m_start(place.block.compressed_stream_offset)
         , m_size(place.block.total_size)
         , m_outStart(place.block.uncompressed_stream_offset)
@@ -71,9 +93,9 @@ public:
         m_header.check = check;
     }
 
-    Block(const Block &) = delete;
-    Block &operator=(const Block &) = delete;
-    ~Block() { lzma_filters_free(m_filters.data(), &Allocator); }
+    StoredBlock(const StoredBlock &) = delete;
+    StoredBlock &operator=(const StoredBlock &) = delete;
+    ~StoredBlock() { lzma_filters_free(m_filters.data(), &Allocator); }
 
     bool readHeader(QByteArrayView stream)
     {
@@ -116,27 +138,27 @@ private:
     std::array<lzma_filter, LZMA_FILTERS_MAX + 1> m_filters = {};
 };
 
-using Blocks = std::deque<Block>;
+using StoredBlocks = std::deque<StoredBlock>;
 
-std::optional<Blocks> readBlocks(QByteArrayView stream, const lzma_index &index, lzma_check check)
+std::optional<StoredBlocks> readBlocks(QByteArrayView stream, const lzma_index &index, lzma_check check)
 {
-    Blocks blocks;
+    StoredBlocks blocks;
     lzma_index_iter place;
     lzma_index_iter_init(&place, &index);
     while (!lzma_index_iter_next(&place, LZMA_INDEX_ITER_BLOCK)) {
-        Block &block = blocks.emplace_back(place, check);
+        StoredBlock &block = blocks.emplace_back(place, check);
         if (!block.readHeader(stream) || block.memory() > DecoderMemory)
             return std::nullopt;
     }
     return blocks;
 }
 
-/// The library's own threaded decoder is left aside: it handed freed memory to its threads when input was damaged in
-/// the versions that systems still carry.
-bool decodeBlocks(Blocks &blocks, QByteArrayView stream, uint8_t *result)
+/// The library's own threaded decoder is left aside: it handed freed memory to its threads when input was
+/// damaged in the versions that systems still carry.
+bool decodeBlocks(StoredBlocks &blocks, QByteArrayView stream, uint8_t *result)
 {
     std::vector<qint64> costs;
-    for (const Block &block : blocks)
+    for (const StoredBlock &block : blocks)
         costs.push_back(qint64(block.memory()));
     std::atomic<bool> sound = true;
     const auto decode = [&](size_t i) {
@@ -153,7 +175,7 @@ bool decompress(QByteArrayView data, char *result, qint64 size)
     const XZIndex index = readIndex(data, flags);
     if (!index || lzma_index_uncompressed_size(index.get()) != lzma_vli(size))
         return false;
-    std::optional<Blocks> blocks = readBlocks(data, *index, flags.check);
+    std::optional<StoredBlocks> blocks = readBlocks(data, *index, flags.check);
     return blocks && decodeBlocks(*blocks, data, reinterpret_cast<uint8_t *>(result));
 }
 

@@ -3,10 +3,10 @@
 #include "install/PatchFile.h"
 #include "install/ZELUpdaterApplyPatch.h"
 #include "install/ZELUpdaterTestPatch.h"
+#include "publish/XZWriter.h"
 #include "support/LogCapture.h"
 #include "support/PatchBuilder.h"
 #include "support/TemporaryTree.h"
-#include "xz/XZBlocks.h"
 
 #include <QRegularExpression>
 #include <sys/resource.h>

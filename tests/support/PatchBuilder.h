@@ -1,7 +1,7 @@
 // Bundle patch files of given commands, sound or not.
 #pragma once
 
-#include "xz/XZ.h"
+#include "publish/XZWriter.h"
 
 #include <QByteArray>
 #include <QJsonArray>

@@ -1,5 +1,5 @@
+#include "publish/XZWriter.h"
 #include "xz/XZ.h"
-#include "xz/XZBlocks.h"
 
 #include <QtEndian>
 #include <QtTest>
