@@ -6,32 +6,42 @@
 #include <algorithm>
 #include <cstdint>
 
+// The search for the cheapest delta goes through the new file byte by byte and keeps, for each copy that may be
+// going on there and for "no copy", the cheapest way to this byte. All choices ahead depend on which of these it
+// is and on nothing before, so that no other way needs to be kept (Viterbi). A byte has few copies at hand, as
+// each is a candidate only near the place where the scan made it, and sixteen at most; so the whole takes linear
+// time.
+//
+// The prices stand for compressed sizes, which nobody knows before the end; to measure would be to compress at
+// every step. Fixed prices for a triple, a changed and an inserted byte get most of it. Only their proportions
+// matter.
+
 namespace zel {
 
 namespace {
 
 using Index = std::int64_t;
-using Text = std::span<const unsigned char>;
+using FileBytes = std::span<const unsigned char>;
 
 // What things cost in a compressed delta, in proportion: measured on programs and on text, where the least of
 // the patch's size is flat. A byte that the copy agrees with costs next to nothing.
-constexpr Index insertCost = 4; // of a byte that is in no copy
-constexpr Index changeCost = 10; // of a byte in a copy that differs from the old one
-constexpr Index tripleCost = 100;
+constexpr Index InsertCost = 4; // of a byte that is in no copy
+constexpr Index ChangeCost = 10; // of a byte in a copy that differs from the old one
+constexpr Index TripleCost = 100;
 
 // A copy is tried from so many bytes and copies ahead of its place on: the scan begins it late when the one
 // before went on for too long.
-constexpr Index reach = 1024;
-constexpr std::size_t copiesAhead = 8;
-constexpr std::size_t mostPaths = 16; // bounds the time when many copies are equally good
-constexpr std::size_t tripleSize = 3 * DeltaIntegerSize;
+constexpr Index Reach = 1024;
+constexpr std::size_t CopiesAhead = 8;
+constexpr std::size_t MostPaths = 16; // bounds the time when many copies are equally good
+constexpr std::size_t TripleSize = 3 * DeltaIntegerSize;
 
-Index length(Text text)
+Index length(FileBytes text)
 {
     return static_cast<Index>(text.size());
 }
 
-struct Copy {
+struct DeltaCopy {
     Index start; ///< in the new file
     Index end;
     Index alignment; ///< from the new byte's position to the old one's
@@ -40,19 +50,19 @@ struct Copy {
 };
 
 /// Nothing when one lies outside the files.
-std::optional<std::vector<Copy>> readCopies(Text delta, Index oldSize, Index newSize)
+std::optional<std::vector<DeltaCopy>> readCopies(FileBytes delta, Index oldSize, Index newSize)
 {
     if (delta.size() < DeltaHeaderSize)
         return std::nullopt;
     const Index controlLength = deltaIntegerAt(delta, ControlLengthOffset);
     if (controlLength < 0 || controlLength > length(delta) - Index(DeltaHeaderSize))
         return std::nullopt;
-    std::vector<Copy> copies;
+    std::vector<DeltaCopy> copies;
     Index oldPosition = 0;
     Index newPosition = 0;
     const std::size_t end =
-        DeltaHeaderSize + static_cast<std::size_t>(controlLength) / tripleSize * tripleSize;
-    for (std::size_t at = DeltaHeaderSize; at < end; at += tripleSize) {
+        DeltaHeaderSize + static_cast<std::size_t>(controlLength) / TripleSize * TripleSize;
+    for (std::size_t at = DeltaHeaderSize; at < end; at += TripleSize) {
         const Index add = deltaIntegerAt(delta, at);
         const Index insert = deltaIntegerAt(delta, at + DeltaIntegerSize);
         const Index seek = deltaIntegerAt(delta, at + 2 * DeltaIntegerSize);
@@ -75,14 +85,14 @@ std::optional<std::vector<Copy>> readCopies(Text delta, Index oldSize, Index new
 class CopyChoice
 {
 public:
-    CopyChoice(Text oldBytes, Text newBytes, const std::vector<Copy> &copies)
+    CopyChoice(FileBytes oldBytes, FileBytes newBytes, const std::vector<DeltaCopy> &copies)
         : m_old(oldBytes)
         , m_new(newBytes)
         , m_candidates(copies)
     {
     }
 
-    std::vector<Copy> choose()
+    std::vector<DeltaCopy> choose()
     {
         while (m_at < length(m_new)) {
             const Way best = cheapest();
@@ -133,25 +143,25 @@ private:
     void begin(Path &path, Index alignment, const Way &from) const
     {
         path.beginning = {m_at, alignment, from.last, from.copyEnd};
-        path.cost = from.cost + tripleCost;
+        path.cost = from.cost + TripleCost;
         path.kept = -1;
     }
 
     Index opening(std::size_t candidate) const
     {
-        const Copy &copy = m_candidates[candidate];
-        const Index early = std::max(copy.start - reach, -copy.alignment);
-        return candidate < copiesAhead ? early : std::max(early, m_candidates[candidate - copiesAhead].start);
+        const DeltaCopy &copy = m_candidates[candidate];
+        const Index early = std::max(copy.start - Reach, -copy.alignment);
+        return candidate < CopiesAhead ? early : std::max(early, m_candidates[candidate - CopiesAhead].start);
     }
 
     void open(const Way &best)
     {
         for (; m_next < m_candidates.size() && opening(m_next) <= m_at; ++m_next) {
-            const Copy &copy = m_candidates[m_next];
+            const DeltaCopy &copy = m_candidates[m_next];
             auto path = std::ranges::find(m_paths, copy.alignment,
                                           [](const Path &each) { return each.beginning.alignment; });
             if (path == m_paths.end()) {
-                if (m_paths.size() == mostPaths)
+                if (m_paths.size() == MostPaths)
                     m_paths.erase(std::ranges::max_element(m_paths, {}, &Path::cost));
                 path = m_paths.insert(m_paths.end(), Path());
                 begin(*path, copy.alignment, best);
@@ -163,7 +173,7 @@ private:
     /// A copy that costs as much as one begun here is begun here, or given up when its place is past.
     void renew(const Way &best)
     {
-        const Index limit = best.cost + tripleCost;
+        const Index limit = best.cost + TripleCost;
         std::erase_if(m_paths,
                       [&](const Path &path) { return path.cost >= limit && path.wantedUntil <= m_at; });
         for (Path &path : m_paths) {
@@ -184,7 +194,7 @@ private:
         if (equal <= 0)
             return false;
         m_at += equal;
-        m_none = {best.cost + insertCost, best.last, m_at - 1};
+        m_none = {best.cost + InsertCost, best.last, m_at - 1};
         return true;
     }
 
@@ -195,14 +205,14 @@ private:
         for (Path &path : m_paths)
             path.cost += m_old[std::size_t(m_at + path.beginning.alignment)] == m_new[std::size_t(m_at)]
                 ? 0
-                : changeCost;
-        m_none = {best.cost + insertCost, best.last, best.copyEnd};
+                : ChangeCost;
+        m_none = {best.cost + InsertCost, best.last, best.copyEnd};
         ++m_at;
     }
 
-    std::vector<Copy> trace(const Way &way) const
+    std::vector<DeltaCopy> trace(const Way &way) const
     {
-        std::vector<Copy> copies;
+        std::vector<DeltaCopy> copies;
         Index end = way.copyEnd;
         for (int at = way.last; at >= 0; at = m_beginnings[std::size_t(at)].before) {
             const Beginning &beginning = m_beginnings[std::size_t(at)];
@@ -213,9 +223,9 @@ private:
         return copies;
     }
 
-    const Text m_old;
-    const Text m_new;
-    const std::vector<Copy> &m_candidates;
+    const FileBytes m_old;
+    const FileBytes m_new;
+    const std::vector<DeltaCopy> &m_candidates;
     std::size_t m_next = 0; // of the candidates
     Index m_at = 0;
     // An application begins at the start of both files.
@@ -225,25 +235,26 @@ private:
 };
 
 /// Puts together what the copies leave of the new file and how they differ from the old one.
-std::vector<std::byte> writeDelta(Text oldBytes, Text newBytes, const std::vector<Copy> &copies)
+std::vector<std::byte> writeDelta(FileBytes oldBytes, FileBytes newBytes,
+                                  const std::vector<DeltaCopy> &copies)
 {
     Index added = 0;
-    for (const Copy &copy : copies)
+    for (const DeltaCopy &copy : copies)
         added += copy.length();
-    std::vector<std::byte> delta(DeltaHeaderSize + copies.size() * tripleSize + newBytes.size());
+    std::vector<std::byte> delta(DeltaHeaderSize + copies.size() * TripleSize + newBytes.size());
     auto *const bytes = reinterpret_cast<unsigned char *>(delta.data());
     unsigned char *control = bytes;
     const auto write = [&control](Index value) {
         control = std::ranges::copy(encodeDeltaInteger(value), control).out;
     };
     control = std::ranges::copy(DeltaMagic, control).out;
-    write(static_cast<Index>(copies.size() * tripleSize));
+    write(static_cast<Index>(copies.size() * TripleSize));
     write(added);
     write(length(newBytes));
-    unsigned char *difference = bytes + DeltaHeaderSize + copies.size() * tripleSize;
+    unsigned char *difference = bytes + DeltaHeaderSize + copies.size() * TripleSize;
     unsigned char *extra = difference + added;
     for (std::size_t i = 0; i < copies.size(); ++i) {
-        const Copy &copy = copies[i];
+        const DeltaCopy &copy = copies[i];
         const bool isLast = i + 1 == copies.size();
         const Index next = isLast ? length(newBytes) : copies[i + 1].start;
         write(copy.length());
@@ -259,7 +270,7 @@ std::vector<std::byte> writeDelta(Text oldBytes, Text newBytes, const std::vecto
 
 } // namespace
 
-std::optional<std::vector<std::byte>> compactDelta(Text oldBytes, Text newBytes, Text delta)
+std::optional<std::vector<std::byte>> compactDelta(FileBytes oldBytes, FileBytes newBytes, FileBytes delta)
 {
     const auto copies = readCopies(delta, length(oldBytes), length(newBytes));
     if (!copies)

@@ -7,8 +7,9 @@
 // - an agreement: how far the files were found equal at one offset from each other. The next place asks for
 //   the same offset a byte further on, and the answer is one byte less;
 // - a run: a stretch that repeats one period. Two runs of the same pattern agree up to the end of the shorter
-//   one. Only the period of the last long match is kept: files hold several periods, but mostly one after the
-//   other.
+//   one.
+//
+// Only the period of the last long match is kept: files hold several periods, but mostly one after the other.
 #pragma once
 
 #include <array>

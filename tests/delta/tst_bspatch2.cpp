@@ -28,7 +28,7 @@ QByteArray header(qint64 controlLength, qint64 diffLength, qint64 newSize)
 /// Every part of a delta at work: "abcdef" becomes "bcXYefZa".
 QByteArray sampleDelta()
 {
-    return makeDelta(8, {2, 2, 2, 2, 1, -6, 1, 0, 0}, QByteArray("\1\1\0\0\0", 5), "XYZ");
+    return handMadeDelta(8, {2, 2, 2, 2, 1, -6, 1, 0, 0}, QByteArray("\1\1\0\0\0", 5), "XYZ");
 }
 
 } // namespace
@@ -46,16 +46,17 @@ private slots:
         QTest::newRow("adds, inserts, seeks")
             << QByteArray("abcdef") << sampleDelta() << QByteArray("bcXYefZa");
         QTest::newRow("addition wraps")
-            << QByteArray("\xF0") << makeDelta(1, {1, 0, 0}, "\x20", "") << QByteArray("\x10");
+            << QByteArray("\xF0") << handMadeDelta(1, {1, 0, 0}, "\x20", "") << QByteArray("\x10");
         QTest::newRow("empty old file")
-            << QByteArray() << makeDelta(3, {3, 0, 0}, "new", "") << QByteArray("new");
+            << QByteArray() << handMadeDelta(3, {3, 0, 0}, "new", "") << QByteArray("new");
         QTest::newRow("from before the old file to behind it")
-            << QByteArray("ab") << makeDelta(6, {0, 0, -2, 6, 0, 0}, QByteArray("xy\0\0zw", 6), "")
+            << QByteArray("ab") << handMadeDelta(6, {0, 0, -2, 6, 0, 0}, QByteArray("xy\0\0zw", 6), "")
             << QByteArray("xyabzw");
         QTest::newRow("as far before the old file as can be")
-            << QByteArray("ab") << makeDelta(1, {0, 0, -most, 0, 0, -1, 1, 0, 0}, "x", "") << QByteArray("x");
+            << QByteArray("ab") << handMadeDelta(1, {0, 0, -most, 0, 0, -1, 1, 0, 0}, "x", "")
+            << QByteArray("x");
         QTest::newRow("as far behind the old file as can be")
-            << QByteArray("ab") << makeDelta(1, {0, 0, most - 1, 1, 0, 0}, "x", "") << QByteArray("x");
+            << QByteArray("ab") << handMadeDelta(1, {0, 0, most - 1, 1, 0, 0}, "x", "") << QByteArray("x");
         QTest::newRow("new size 0 reads no triple")
             << QByteArray("ab") << header(0, 0, 0) + "rubbish" << QByteArray();
         QTest::newRow("nothing behind the header") << QByteArray("ab") << header(0, 0, 0) << QByteArray();
@@ -65,7 +66,7 @@ private slots:
         QTest::newRow("other magic") << QByteArray("abcdef") << sampleDelta().replace(0, 8, "whatever")
                                      << QByteArray("bcXYefZa");
         QTest::newRow("diff block runs on into the extra block")
-            << QByteArray() << makeDelta(4, {3, 1, 0}, "x", "yz") << QByteArray("xyzy");
+            << QByteArray() << handMadeDelta(4, {3, 1, 0}, "x", "yz") << QByteArray("xyzy");
         QTest::newRow("control block runs on into the others")
             << QByteArray() << header(8, 8, 2) + deltaIntegers({1, 1, 5}) << QByteArray("\1\5");
         QTest::newRow("behind the control data the last value stands")
@@ -109,20 +110,20 @@ private slots:
         QTest::newRow("new size without memory")
             << header(0, 0, most) << QByteArray("Failed to allocate memory for new: Cannot allocate memory");
         QTest::newRow("huge new size, nothing to fill it") << header(0, 0, qint64(1) << 30) << corrupt;
-        QTest::newRow("add past the new size") << makeDelta(2, {3, 0, 0}, "xyz", "") << corrupt;
-        QTest::newRow("insert past the new size") << makeDelta(2, {1, 2, 0}, "x", "yz") << corrupt;
-        QTest::newRow("add past 64 bits") << makeDelta(2, {1, 0, 0, most, 0, 0}, "xy", "") << corrupt;
-        QTest::newRow("insert past 64 bits") << makeDelta(2, {1, most, 0}, "x", "y") << corrupt;
-        QTest::newRow("negative add") << makeDelta(2, {-1, 0, 0}, "xy", "zw") << corrupt;
-        QTest::newRow("negative insert") << makeDelta(2, {1, -1, 0}, "xy", "zw") << corrupt;
-        QTest::newRow("diff bytes run out") << makeDelta(3, {3, 0, 0}, "xy", "") << corrupt;
-        QTest::newRow("extra bytes run out") << makeDelta(3, {0, 3, 0}, "", "xy") << corrupt;
+        QTest::newRow("add past the new size") << handMadeDelta(2, {3, 0, 0}, "xyz", "") << corrupt;
+        QTest::newRow("insert past the new size") << handMadeDelta(2, {1, 2, 0}, "x", "yz") << corrupt;
+        QTest::newRow("add past 64 bits") << handMadeDelta(2, {1, 0, 0, most, 0, 0}, "xy", "") << corrupt;
+        QTest::newRow("insert past 64 bits") << handMadeDelta(2, {1, most, 0}, "x", "y") << corrupt;
+        QTest::newRow("negative add") << handMadeDelta(2, {-1, 0, 0}, "xy", "zw") << corrupt;
+        QTest::newRow("negative insert") << handMadeDelta(2, {1, -1, 0}, "xy", "zw") << corrupt;
+        QTest::newRow("diff bytes run out") << handMadeDelta(3, {3, 0, 0}, "xy", "") << corrupt;
+        QTest::newRow("extra bytes run out") << handMadeDelta(3, {0, 3, 0}, "", "xy") << corrupt;
         QTest::newRow("old position above 64 bits")
-            << makeDelta(2, {0, 0, most, 1, 0, 0, 1, 0, 0}, "xy", "") << corrupt;
+            << handMadeDelta(2, {0, 0, most, 1, 0, 0, 1, 0, 0}, "xy", "") << corrupt;
         QTest::newRow("old position below 64 bits")
-            << makeDelta(2, {0, 0, -most, 0, 0, -most, 2, 0, 0}, "xy", "") << corrupt;
+            << handMadeDelta(2, {0, 0, -most, 0, 0, -most, 2, 0, 0}, "xy", "") << corrupt;
         QTest::newRow("no control data") << header(0, 0, 1) << corrupt;
-        QTest::newRow("control data ends with zero") << makeDelta(2, {1, 0, 0}, "xy", "") << corrupt;
+        QTest::newRow("control data ends with zero") << handMadeDelta(2, {1, 0, 0}, "xy", "") << corrupt;
     }
 
     void refused()
@@ -149,7 +150,7 @@ private slots:
         QTest::addColumn<QByteArray>("delta");
         QTest::addColumn<QByteArray>("message");
 
-        const QByteArray large = makeDelta(100'000, {100'000, 0, 0}, QByteArray(100'000, 'x'), "");
+        const QByteArray large = handMadeDelta(100'000, {100'000, 0, 0}, QByteArray(100'000, 'x'), "");
         QTest::newRow("header before the old file")
             << "missing"
             << "new" << header(-1, 0, 0) << QByteArray("Corrupt patch\n");
@@ -238,7 +239,7 @@ private slots:
     {
         const TemporaryTree tree;
         const QString file = tree.write("file", "abcdef", 0640);
-        QCOMPARE(apply(file, file, makeDelta(2, {0, 2, 0}, "", "XY")), 0);
+        QCOMPARE(apply(file, file, handMadeDelta(2, {0, 2, 0}, "", "XY")), 0);
         QCOMPARE(tree.read("file"), QByteArray("XY"));
         QCOMPARE(TemporaryTree::mode(file), 0640);
     }

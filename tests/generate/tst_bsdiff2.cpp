@@ -171,11 +171,12 @@ private slots:
 
         const QByteArray zeros(4, '\0');
         QTest::newRow("new empty") << QByteArray("ab") << QByteArray() << "BSDIFN40" + QByteArray(24, '\0');
-        QTest::newRow("old empty") << QByteArray() << QByteArray("ab") << makeDelta(2, {0, 2, 0}, "", "ab");
+        QTest::newRow("old empty") << QByteArray() << QByteArray("ab")
+                                   << handMadeDelta(2, {0, 2, 0}, "", "ab");
         QTest::newRow("identical") << QByteArray("abcd") << QByteArray("abcd")
-                                   << makeDelta(4, {4, 0, -4}, zeros, "");
+                                   << handMadeDelta(4, {4, 0, -4}, zeros, "");
         QTest::newRow("identical, each end a beginning")
-            << QByteArray("aaaa") << QByteArray("aaaa") << makeDelta(4, {4, 0, -1}, zeros, "");
+            << QByteArray("aaaa") << QByteArray("aaaa") << handMadeDelta(4, {4, 0, -1}, zeros, "");
     }
 
     void knownDeltas()

@@ -28,7 +28,7 @@ QByteArray deltaOf(const QByteArray &old, const QByteArray &fresh, const QList<C
             diff += char(fresh[start + at] - old[oldStart + at]);
         extra += fresh.mid(end, next - end);
     }
-    return makeDelta(fresh.size(), control, diff, extra);
+    return handMadeDelta(fresh.size(), control, diff, extra);
 }
 
 QByteArray compacted(const QByteArray &old, const QByteArray &fresh, const QByteArray &delta)
@@ -101,7 +101,7 @@ private slots:
     {
         QTest::addColumn<QByteArray>("delta");
         const auto row = [](const char *name, const QList<qint64> &control) {
-            QTest::newRow(name) << makeDelta(10, control, QByteArray(10, '\0'), QByteArray(10, '\0'));
+            QTest::newRow(name) << handMadeDelta(10, control, QByteArray(10, '\0'), QByteArray(10, '\0'));
         };
         row("before the old file", {5, 0, -6, 5, 0, 0});
         row("past the old file", {5, 0, 91, 5, 0, 0});
@@ -118,7 +118,7 @@ private slots:
     {
         QFETCH(QByteArray, delta);
         const QByteArray old(100, 'o');
-        QVERIFY(compacted(old, old.first(10), makeDelta(10, {5, 0, 90, 5, 0, 0}, "..........", {})).size()
+        QVERIFY(compacted(old, old.first(10), handMadeDelta(10, {5, 0, 90, 5, 0, 0}, "..........", {})).size()
                 > 0);
         QCOMPARE(compacted(old, old.first(10), delta), QByteArray());
     }

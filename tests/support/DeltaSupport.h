@@ -58,8 +58,8 @@ inline QByteArray deltaIntegers(const QList<qint64> &values)
 }
 
 /// A delta whose header agrees with its blocks.
-inline QByteArray makeDelta(qint64 newSize, const QList<qint64> &control, const QByteArray &diff,
-                            const QByteArray &extra)
+inline QByteArray handMadeDelta(qint64 newSize, const QList<qint64> &control, const QByteArray &diff,
+                                const QByteArray &extra)
 {
     return "BSDIFN40" + deltaIntegers({qint64(8 * control.size()), qint64(diff.size()), newSize})
         + deltaIntegers(control) + diff + extra;
