@@ -1,13 +1,28 @@
 #include "bspatch2.h"
 
+#include "base/StandardFiles.h"
+#include "base/Warnings.h"
 #include "deltaformat.h"
 #include "owned.h"
 #include "readfile.h"
 
 #include <algorithm>
 #include <cstring>
-#include <err.h>
 #include <optional>
+
+// A delta says what to copy, add and insert; anybody may have written it. The whole new file is therefore
+// built in memory first, and the file to write is opened only when that is complete: what was refused
+// half-way leaves nothing behind, and a new file may be the old one.
+//
+// What keeps a hostile delta harmless:
+// - A length is compared with what is left of the new file and of its block before it is used, and sums are
+//   checked, so that no position leaves its file. Old positions may: outside the old file nothing is added.
+// - Each pass reads control bytes or moves on in the new file; one that does neither is refused, as it would
+//   never end.
+// - A size that is merely claimed costs address space, no memory: pages come with the bytes that are written
+//   to them.
+//
+// The blocks have no ends of their own: what one has too little of is read on from the next, on purpose.
 
 namespace zel {
 namespace {
@@ -222,7 +237,7 @@ std::optional<DeltaHeader> readHeader(std::span<const std::byte> patch)
 
 bool writeFile(const char *path, const unsigned char *bytes, Index size)
 {
-    File file(std::fopen(path, "we"));
+    File file(openToWrite(path));
     if (!file) {
         warn("failed to write new file: %s", path);
         return false;
@@ -252,10 +267,11 @@ int bspatch2(const std::filesystem::path &oldPath, const std::filesystem::path &
     DeltaBlocks blocks(patch);
     if (!blocks.seek(*header))
         return -1;
+    const auto &oldName = systemName(oldPath);
     OldFile old;
-    old.bytes.reset(readfile(oldPath.c_str(), &old.size));
+    old.bytes.reset(readfile(oldName.c_str(), &old.size));
     if (!old.bytes) {
-        warn("old file: %s", oldPath.c_str());
+        warn("old file: %s", oldName.c_str());
         return -1;
     }
     const Bytes newBytes = allocateBytes(header->newSize);
@@ -267,5 +283,6 @@ int bspatch2(const std::filesystem::path &oldPath, const std::filesystem::path &
         reportCorrupt();
         return -1;
     }
-    return writeFile(newPath.c_str(), newBytes.get(), header->newSize) ? 0 : -1;
+    const auto &newName = systemName(newPath);
+    return writeFile(newName.c_str(), newBytes.get(), header->newSize) ? 0 : -1;
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 
 namespace zel {
@@ -34,22 +35,24 @@ template <typename T> using Array = std::unique_ptr<T[], FreeMemory>;
 using Entries = Array<std::int64_t>;
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-/// Room for `size` + 1 bytes with unset contents; null, with errno set, when there is no memory.
-inline Bytes allocateBytes(std::int64_t size)
+/// Room for `count` entries with unset contents; null, with errno set, when there is no memory or when a
+/// count, which may be a hostile delta's, is more than addresses reach on this processor.
+template <typename T = std::int64_t> Array<T> allocateEntries(std::uint64_t count)
 {
-    const auto bytes = static_cast<std::size_t>(size) + 1;
-    Bytes block(static_cast<unsigned char *>(std::malloc(bytes)));
+    if (count > std::numeric_limits<std::size_t>::max() / sizeof(T)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    const std::size_t bytes = static_cast<std::size_t>(count) * sizeof(T);
+    Array<T> block(static_cast<T *>(std::malloc(bytes)));
     adviseLargePages(block.get(), bytes);
     return block;
 }
 
-/// Room for `count` entries with unset contents; null, with errno set, when there is no memory.
-template <typename T = std::int64_t> Array<T> allocateEntries(std::int64_t count)
+/// Room for `size` + 1 bytes, as above.
+inline Bytes allocateBytes(std::int64_t size)
 {
-    const auto entries = static_cast<std::size_t>(count);
-    Array<T> block(static_cast<T *>(::reallocarray(nullptr, entries, sizeof(T))));
-    adviseLargePages(block.get(), entries * sizeof(T));
-    return block;
+    return allocateEntries<unsigned char>(static_cast<std::uint64_t>(size) + 1);
 }
 
 } // namespace zel

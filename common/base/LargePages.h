@@ -4,7 +4,10 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+
+#if __has_include(<sys/mman.h>)
 #include <sys/mman.h>
+#endif
 
 namespace zel {
 

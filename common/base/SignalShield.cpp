@@ -19,7 +19,8 @@ sigset_t raisedByWriting()
     return set;
 }
 
-// Takes one of the signals away that are pending on this thread, all of which are blocked; false when none is.
+// Takes one of the signals away that are pending on this thread, all of which are blocked; false when none
+// is.
 bool takePending(const sigset_t &set)
 {
 #ifdef __APPLE__
@@ -74,7 +75,8 @@ SignalShield::SignalShield()
 
 SignalShield::~SignalShield()
 {
-    // Both go to the thread that writes, so it is enough to take them away here. The mask comes back after this.
+    // Both go to the thread that writes, so it is enough to take them away here. The mask comes back after
+    // this.
     const int error = errno;
     while (takePending(m_ours)) { }
     errno = error;

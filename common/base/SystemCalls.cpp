@@ -110,13 +110,13 @@ std::string ownBinary()
 {
     Dl_info info = {};
     void *const code = reinterpret_cast<void *>(&ownBinary);
-#ifdef __linux__
+#ifdef __GLIBC__
     void *map = nullptr;
     if (::dladdr1(code, &info, &map, RTLD_DL_LINKMAP) == 0)
         return {};
     if (const char *library = static_cast<link_map *>(map)->l_name; *library)
         return library;
-    // The program has no name of its own there, and the one it was called by may be relative.
+    // The program has no name there, and for `dladdr` the one it was called by, which may be relative.
     std::string program(PATH_MAX, '\0');
     const ssize_t size = ::readlink("/proc/self/exe", program.data(), program.size());
     program.resize(std::size_t(std::max<ssize_t>(size, 0)));

@@ -1,5 +1,7 @@
 #include "bsdiff2.h"
 
+#include "base/StandardFiles.h"
+#include "base/Warnings.h"
 #include "delta/deltaformat.h"
 #include "delta/owned.h"
 #include "delta/readfile.h"
@@ -7,10 +9,19 @@
 #include "scan.h"
 
 #include <algorithm>
-#include <err.h>
 #include <limits>
 #include <new>
 #include <sys/stat.h>
+
+// Making a delta takes nine bytes of memory for each old one, and the order of the steps keeps it there: what
+// can be refused is refused before anything is read, the old file is sorted before the new one is read, and
+// all that only the scan needs goes as soon as it is done. The control block is written while the scan runs;
+// the two other blocks must wait for its end, so they are gathered in memory and the header, whose lengths
+// are known last, is written twice.
+//
+// One path serves both entry points: it writes to a stream, which is a file for the one and memory for the
+// other. That is why the messages speak of streams. They are part of the behaviour, down to which of them
+// gives the system's reason.
 
 namespace zel {
 namespace {
@@ -178,7 +189,7 @@ public:
 
     bool rewriteHeader() const
     {
-        if (::fseeko(m_sink, 0, SEEK_SET) != 0) {
+        if (!seekTo(m_sink, 0)) {
             warn("fseeko");
             return false;
         }
@@ -225,7 +236,7 @@ private:
 
     bool takePosition(Index &position) const
     {
-        position = ::ftello(m_sink);
+        position = positionOf(m_sink);
         if (position == -1)
             warn("ftello");
         return position != -1;
@@ -264,28 +275,15 @@ bool closeSink(File &sink)
     return false;
 }
 
-/// A stream whose bytes grow in memory; they are good while the stream is flushed.
-struct MemorySink {
-    char *buffer = nullptr;
-    std::size_t size = 0;
-    File file{::open_memstream(&buffer, &size)};
-
-    MemorySink() = default;
-    MemorySink(const MemorySink &) = delete;
-    MemorySink &operator=(const MemorySink &) = delete;
-
-    ~MemorySink()
-    {
-        file.reset();
-        std::free(buffer);
-    }
-};
-
-std::optional<std::vector<std::byte>> copyDelta(const MemorySink &sink, const DeltaWriter::Header &header)
+std::optional<std::vector<std::byte>> copyDelta(MemoryStream &sink, const DeltaWriter::Header &header)
 {
-    const auto *const bytes = reinterpret_cast<const std::byte *>(sink.buffer);
+    const std::span<const std::byte> bytes = sink.bytes();
+    if (bytes.size() < header.size()) {
+        warn("fwrite");
+        return std::nullopt;
+    }
     try {
-        std::vector<std::byte> delta(bytes, bytes + sink.size);
+        std::vector<std::byte> delta(bytes.begin(), bytes.end());
         std::ranges::copy(std::as_bytes(std::span(header)), delta.begin());
         return delta;
     } catch (const std::bad_alloc &) {
@@ -303,14 +301,16 @@ std::optional<std::vector<std::byte>> makeDelta(const std::filesystem::path &old
 {
     Work work;
     work.progress = progress;
-    if (!prepare(oldPath.c_str(), newPath.c_str(), work))
+    const auto &oldName = systemName(oldPath);
+    const auto &newName = systemName(newPath);
+    if (!prepare(oldName.c_str(), newName.c_str(), work))
         return std::nullopt;
-    MemorySink sink;
-    if (!sink.file) {
+    MemoryStream sink;
+    if (!sink.file()) {
         warn("open_memstream");
         return std::nullopt;
     }
-    DeltaWriter writer(sink.file.get(), nullptr, work.newFile.size);
+    DeltaWriter writer(sink.file(), nullptr, work.newFile.size);
     if (!writeDelta(writer, work))
         return std::nullopt;
     // The final header goes into the copy: a rewound memory stream would be cut off behind it when it is
@@ -337,7 +337,7 @@ int bsdiff(int argc, char *argv[])
     Work work;
     if (!prepare(argv[1], argv[2], work))
         return -1;
-    File sink(std::fopen(patchPath, "we"));
+    File sink(openToWrite(patchPath));
     if (!sink) {
         warn("%s", patchPath);
         return -1;
