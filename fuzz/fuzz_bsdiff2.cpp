@@ -1,5 +1,5 @@
-// Any two files, made up of shapes that repeat themselves: the delta between them has the plain scan's bytes, with the
-// short cuts as they are or taken early, and makes the one of the other, compacted or not.
+// Any two files, made up of shapes that repeat themselves: the delta between them has the plain scan's bytes,
+// with the short cuts as they are or taken early, and makes the one of the other, compacted or not.
 #include "delta/bspatch2.h"
 #include "generate/bsdiff2.h"
 #include "publish/compactdelta.h"
@@ -9,8 +9,8 @@
 
 namespace {
 
-/// Reads the numbers that the text is put together from, a byte each, so that a seed can be written by hand; the
-/// end counts as zeros.
+/// Reads the numbers that the text is put together from, a byte each, so that a seed can be written by hand;
+/// the end counts as zeros.
 class Numbers
 {
 public:

@@ -6,15 +6,15 @@
 #include <algorithm>
 #include <cstdint>
 
-// The search for the cheapest delta goes through the new file byte by byte and keeps, for each copy that may be
-// going on there and for "no copy", the cheapest way to this byte. All choices ahead depend on which of these it
-// is and on nothing before, so that no other way needs to be kept (Viterbi). A byte has few copies at hand, as
-// each is a candidate only near the place where the scan made it, and sixteen at most; so the whole takes linear
-// time.
+// The search for the cheapest delta goes through the new file byte by byte and keeps, for each copy that may
+// be going on there and for "no copy", the cheapest way to this byte. All choices ahead depend on which of
+// these it is and on nothing before, so that no other way needs to be kept (Viterbi). A byte has few copies
+// at hand, as each is a candidate only near the place where the scan made it, and sixteen at most; so the
+// whole takes linear time.
 //
-// The prices stand for compressed sizes, which nobody knows before the end; to measure would be to compress at
-// every step. Fixed prices for a triple, a changed and an inserted byte get most of it. Only their proportions
-// matter.
+// The prices stand for compressed sizes, which nobody knows before the end; to measure would be to compress
+// at every step. Fixed prices for a triple, a changed and an inserted byte get most of it. Only their
+// proportions matter.
 
 namespace zel {
 

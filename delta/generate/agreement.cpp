@@ -9,8 +9,8 @@
 // - all runs repeat one pattern of m_period bytes: whoever adds a run has seen a whole period of it to be the
 //   pattern's. A new period therefore forgets all runs of both files.
 //
-// Finding a period and the extent of a run costs time of its own, so it starts only when a match has cost more
-// (ShortCuts::worthLearning), and the search for a period gives up after a few times the text's length.
+// Finding a period and the extent of a run costs time of its own, so it starts only when a match has cost
+// more (ShortCuts::worthLearning), and the search for a period gives up after a few times the text's length.
 
 namespace zel {
 namespace {

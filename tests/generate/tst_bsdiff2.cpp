@@ -73,7 +73,8 @@ private slots:
         QTest::newRow("period") << period << edited(period, 20, 7);
         QTest::newRow("Fibonacci") << fibonacciBytes(2000) << edited(fibonacciBytes(2500), 10, 8);
 
-        // What follows is repetitive enough, or long enough, for what is remembered and what is searched ahead.
+        // What follows is repetitive enough, or long enough, for what is remembered and what is searched
+        // ahead.
         const QByteArray zeros(12'000, '\0');
         const QByteArray block = randomBytes(700, 256, 10);
         const QByteArray longPeriod = block.repeated(40);
