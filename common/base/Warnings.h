@@ -17,8 +17,8 @@ namespace zel {
 
 inline void printWarning(const char *reason, const char *format, std::va_list arguments)
 {
-    const char *const folderEnd = std::strrchr(::_pgmptr, '\\');
-    std::fprintf(stderr, "%s: ", folderEnd ? folderEnd + 1 : ::_pgmptr);
+    const char *const folderEnd = std::strrchr(_pgmptr, '\\');
+    std::fprintf(stderr, "%s: ", folderEnd ? folderEnd + 1 : _pgmptr);
     std::vfprintf(stderr, format, arguments);
     std::fprintf(stderr, reason ? ": %s\n" : "\n", reason);
 }
