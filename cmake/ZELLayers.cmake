@@ -12,11 +12,13 @@ if(ZEL_SANITIZE)
     target_link_options(zel_options INTERFACE -fsanitize=${ZEL_SANITIZE})
 endif()
 
-# zel_add_room(NAME [UNITS unit...] [PUBLIC_HEADERS header...] [LINK public...] [PRIVATE private...])
+# zel_add_room(NAME [UNITS unit...] [PUBLIC_HEADERS header...] [CLASS_HEADERS class=header...] [LINK public...]
+#     [PRIVATE private...])
 # A static library zel_NAME of the units in the current folder, each of them NAME.cpp, NAME.h or both. Public headers
-# are installed; rooms see them as hosts do, too: <ZELUpdater/header>.
+# are installed; rooms see them as hosts do, too: <ZELUpdater/header>. Where a public header has several classes, hosts
+# still find each by its name: CLASS_HEADERS makes and installs a class.h that only includes the header.
 function(zel_add_room name)
-    cmake_parse_arguments(ARG "" "" "UNITS;PUBLIC_HEADERS;LINK;PRIVATE" ${ARGN})
+    cmake_parse_arguments(ARG "" "" "UNITS;PUBLIC_HEADERS;CLASS_HEADERS;LINK;PRIVATE" ${ARGN})
     set(files "")
     foreach(unit ${ARG_UNITS})
         file(GLOB unit_files ${unit}.cpp ${unit}.h)
@@ -32,6 +34,16 @@ function(zel_add_room name)
     foreach(header ${ARG_PUBLIC_HEADERS})
         file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${includes}/ZELUpdater/${header} SYMBOLIC)
     endforeach()
+    set(class_headers "")
+    foreach(pair ${ARG_CLASS_HEADERS})
+        string(REGEX MATCH "^(.+)=(.+)$" pair "${pair}")
+        set(file ${includes}/ZELUpdater/${CMAKE_MATCH_1}.h)
+        if(IS_SYMLINK ${file}) # of a build folder from when the class had a header of its own
+            file(REMOVE ${file})
+        endif()
+        file(CONFIGURE OUTPUT ${file} CONTENT "#include <ZELUpdater/${CMAKE_MATCH_2}> // ${CMAKE_MATCH_1}\n")
+        list(APPEND class_headers ${file})
+    endforeach()
 
     if(files MATCHES "\\.cpp")
         add_library(zel_${name} STATIC ${files})
@@ -44,7 +56,7 @@ function(zel_add_room name)
     target_include_directories(zel_${name} ${scope} ${includes})
     target_link_libraries(zel_${name} ${scope} ${ARG_LINK})
     list(TRANSFORM ARG_PUBLIC_HEADERS PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
-    set_target_properties(zel_${name} PROPERTIES ZEL_PUBLIC_HEADERS "${ARG_PUBLIC_HEADERS}")
+    set_target_properties(zel_${name} PROPERTIES ZEL_PUBLIC_HEADERS "${ARG_PUBLIC_HEADERS};${class_headers}")
 endfunction()
 
 # zel_add_tests(ROOM LINK libraries...): every tst_*.cpp of tests/ROOM becomes one executable and one test.

@@ -1,3 +1,8 @@
+// Archives are unpacked by another process, `zel-unpack`: whatever a hostile archive does to a reader of zip
+// files, it does to a small program that can be killed, and not to the host. The archive goes through a pipe
+// in chunks, so its name never reaches the tool, and its size never this process's memory. A tool that stops
+// making progress is ended by `ChildProcess`; one that ends well but left part of the archive unread has
+// failed, too.
 #include "ArchiveExtractor.h"
 
 #include "base/SystemCalls.h"
@@ -33,8 +38,8 @@ public:
             logSystemError("Failed to read data from archive with error ");
     }
 
-    // Returns the number of bytes that went into the pipe. Errors show up as a wrong number or a bad status of
-    // the tool, and are only logged here.
+    // Returns the number of bytes that went into the pipe. Errors show up as a wrong number or a bad status
+    // of the tool, and are only logged here.
     qint64 run(ChildProcess &tool, qint64 size)
     {
         qint64 total = 0;
@@ -103,8 +108,8 @@ ZELError runTool(const QString &file, const QString &directory, const ExtractOpt
     return {};
 }
 
-// Adds the names on the way to the first bundle. Only folders themselves count, as only those are opened: not what a
-// link points at. Deeper than bundles and archives are, nothing is looked for.
+// Adds the names on the way to the first bundle. Only folders themselves count, as only those are opened: not
+// what a link points at. Deeper than bundles and archives are, nothing is looked for.
 bool seekBundle(FolderListing folder, QByteArrayList &way)
 {
     while (const char *name = folder ? folder.next() : nullptr) {

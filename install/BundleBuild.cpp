@@ -1,10 +1,20 @@
+// What makes a new bundle trustworthy, in the order in which it is judged:
+//
+// - the downloaded file is the one that was announced (`checkPayload`): that is worth as much as the
+//   connection to the server is, and protects a full archive where no signers are pinned;
+// - the new bundle is sealed (always after a patch, and by a pinned signer wherever there are pins);
+// - it states itself to be what was announced (`compareWithAnnounced`): the seal of an older build is valid,
+//   too.
+//
+// Everything is built in a folder with a new name inside the staging folder, so that no downloaded file's
+// name can meet it, and that folder goes as a whole when a step fails.
 #include "BundleBuild.h"
 
-#include "BundlePatch.h"
 #include "common/DDLog.h"
 #include "common/WireValues.h"
 #include "MD5Digest.h"
 #include "PatchLog.h"
+#include "PatchRunner.h"
 #include "platform/BundleInfo.h"
 #include "platform/FileTree.h"
 #include "seal/BundleSeal.h"
@@ -139,6 +149,7 @@ QString patchInstalled(const QString &patch, qint64 startBuild, const QString &s
     const QString patchedPath = folder + QStringLiteral("/Patched-%1.app").arg(startBuild);
     const auto build = [&] {
         if (const ZELError error = copyTree(inputs.installedBundle, oldPath))
+            // The misspelling is kept: those who read logs search for it.
             return failed(error, "Unable to copy old appliocation to temp folder", "Unable to copy old app");
         if (inputs.stop.stop_requested() || !applyBundlePatch(oldPath, patchedPath, patch, log, inputs.stop))
             return false;

@@ -1,4 +1,14 @@
+// The digest behind every "hash" of the update protocol and of manifests. Files of 0 or a whole multiple of
+// 32768 bytes have the empty text for a hash. The rule is kept because every published hash was made by it,
+// and only by it: another length of chunks, or a digest where none was, would refuse files that are whole. An
+// empty hash therefore protects nothing by itself; `checkPayload` minds that, and our own tools never write a
+// file of such a size.
+//
+// OpenSSL is asked directly because it tells when a system's policy refuses MD5. That is no digest at all
+// then, not an empty one.
 #include "MD5Digest.h"
+
+#include "MD5FromData.h"
 
 #include <QFile>
 
@@ -67,3 +77,11 @@ std::optional<QString> MD5FromFile(const QString &path)
 }
 
 } // namespace zel
+
+QString MD5FromData(QByteArrayView data)
+{
+    zel::MD5Digest digest;
+    digest.add(data);
+    // Neither null nor empty: both compare equal to the hash of whole chunks.
+    return digest.result().value_or(QStringLiteral("MD5 is refused"));
+}

@@ -17,8 +17,8 @@ public:
     ~MD5Digest();
     void add(QByteArrayView data);
 
-    /// To be asked once. Nothing where the system refuses MD5, as one that allows approved algorithms only does: not
-    /// even the empty text of whole chunks, which would then stand for any data.
+    /// To be asked once. Nothing where the system refuses MD5, as one that allows approved algorithms only
+    /// does: not even the empty text of whole chunks, which would then stand for any data.
     std::optional<QString> result();
 
 private:

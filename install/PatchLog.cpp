@@ -1,3 +1,7 @@
+// A log is of use to the people who made the patch and private to the user whose machine wrote it. It is kept
+// whole on the machine; what leaves it goes through `anonymous` here, and nowhere else: last names instead of
+// paths, no home folder, no large contents. The reasons of system errors stay, for they are what a log is
+// read for.
 #include "PatchLog.h"
 
 #include <QDir>
@@ -30,8 +34,8 @@ QString lastName(QString path)
     return path.section(u'/', -1);
 }
 
-// Blanks and colons do not end a path, so all from the first absolute one to the last slash goes. What a reason behind
-// the last colon says stays whole ("Input/output error").
+// Blanks and colons do not end a path, so all from the first absolute one to the last slash goes. What a
+// reason behind the last colon says stays whole ("Input/output error").
 QString withoutFolders(QString text)
 {
     static const QRegularExpression absolute(QStringLiteral(R"((?<![^\s"'(:=,])~?/)"));

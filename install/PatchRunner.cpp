@@ -1,7 +1,21 @@
+// A manifest is a stranger's text that ends in system calls, so three rules stand before any of its commands:
+//
+// - Where: every path is walked name by name from the bundle's root (BundleWalk.h), by descriptors. One that
+//   leaves the bundle is refused in `perform`, before anything is touched, and ends the patch. Rejected was
+//   to compare resolved paths: between the look and the act a command of the same patch may have put a link
+//   there.
+// - How much: `judgeWrites` adds up what the commands will write, from their slices alone, and compares it
+//   with the payload and with the disk. A small file that fills a disk is found before its first byte.
+// - How often: each old byte is read once at most (`m_readable`), and all walks share one bound of names, so
+//   that 200,000 commands on one large file take no longer than an honest patch does.
+//
+// Links that cannot be made or removed, and items that cannot be deleted, are no failures: what matters of
+// them shows in the seal of the result.
 #include "PatchRunner.h"
 
 #include "common/DDLog.h"
 #include "delta/bspatch2.h"
+#include "delta/deltaformat.h"
 #include "MD5Digest.h"
 #include "PatchLog.h"
 #include "platform/FileContents.h"
@@ -10,6 +24,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -21,7 +36,8 @@ namespace zel {
 
 namespace {
 
-// ENOENT stands twice, and is written twice. Deliberate: readers of the system log count on the order of this list.
+// ENOENT stands twice, and is written twice. Deliberate: readers of the system log count on the order of this
+// list.
 constexpr std::array<std::pair<int, const char *>, 10> ErrorNames = {{
     {ENOENT, "ENOENT"},
     {EACCES, "EACCES"},
@@ -43,9 +59,9 @@ void writeErrorNames(int number)
     }
 }
 
-// For what takes a path: a delta is applied by a published function of paths, to a file that keeps its mode. The path
-// is free of links, and stays so, since the bundles lie in folders of the user's own.
-QString pathOf(const QString &bundle, const BundleItem &item)
+// For what takes a path: a delta is applied by a published function of paths, to a file that keeps its mode.
+// The path is free of links, and stays so, since the bundles lie in folders of the user's own.
+QString pathOf(const QString &bundle, const WalkedItem &item)
 {
     return bundle + u'/' + QFile::decodeName(item.path);
 }
@@ -57,14 +73,67 @@ std::optional<QByteArray> smallFile(const QString &path)
     return QFileInfo(path).size() <= limit ? readFile(path) : std::nullopt;
 }
 
+constexpr qint64 DiskBlock = 4096;
+
+// The size of the file that a slice gives.
+qint64 outcome(const PatchCommand &command, QByteArrayView slice)
+{
+    if (command.action != PatchAction::Patch)
+        return slice.size();
+    if (slice.size() < qsizetype(DeltaHeaderSize))
+        return 0;
+    const std::span header(reinterpret_cast<const unsigned char *>(slice.data()), DeltaHeaderSize);
+    // What claims more is corrupt, which is found before anything is written.
+    return std::clamp<qint64>(deltaIntegerAt(header, NewSizeOffset), 0, 2 * slice.size());
+}
+
+bool makesFolders(PatchAction action)
+{
+    return action == PatchAction::AddDirectory || action == PatchAction::Add;
+}
+
+// How many names of a path are not those that the path before begins with, too: no fewer than it adds
+// folders.
+qint64 newNames(QStringView path, QStringView before)
+{
+    const auto shared = std::mismatch(path.begin(), path.end(), before.begin(), before.end()).first;
+    return std::count(shared, path.end(), QChar(u'/')) + 1;
+}
+
 } // namespace
+
+ZELError judgeWrites(const PatchFile &patch, const QString &folder)
+{
+    const qint64 limit = 2 * qint64(patch.payload.size()) + SmallChange;
+    qint64 used = 0;
+    qint64 space = 0;
+    QStringView before;
+    for (const PatchCommand &command : patch.commands) {
+        if (makesFolders(command.action)) {
+            space += DiskBlock * newNames(command.path, before);
+            before = command.path;
+        }
+        const bool sliced = command.action == PatchAction::Add || command.action == PatchAction::Patch;
+        const auto slice = sliced ? patch.slice(command) : std::nullopt;
+        if (!slice) // the command fails by itself
+            continue;
+        const qint64 size = outcome(command, *slice);
+        used += std::max<qint64>(size, slice->size());
+        space += (size + DiskBlock - 1) / DiskBlock * DiskBlock;
+        if (used > limit)
+            return ZELError::withMessage(
+                QStringLiteral("its commands use more than twice its payload of %1 bytes")
+                    .arg(patch.payload.size()));
+    }
+    return requireSpace(folder, space);
+}
 
 bool PatchRunner::perform(const PatchCommand &command)
 {
     if (command.action == PatchAction::None)
         return true;
     const auto last = command.action == PatchAction::Patch ? FinalLink::Follow : FinalLink::Keep;
-    if (std::optional<BundleItem> target = m_new.find(command.path, last))
+    if (std::optional<WalkedItem> target = m_new.find(command.path, last))
         return perform(command, *target);
     DDLogDebug(QLatin1String("Path is not inside the bundle: ") + command.path.left(PATH_MAX));
     appendEntry(m_log, QStringLiteral("Error: path is not inside the bundle"),
@@ -72,7 +141,7 @@ bool PatchRunner::perform(const PatchCommand &command)
     return false;
 }
 
-bool PatchRunner::perform(const PatchCommand &command, BundleItem &target)
+bool PatchRunner::perform(const PatchCommand &command, WalkedItem &target)
 {
     switch (command.action) {
     case PatchAction::DeleteSymlink:
@@ -100,7 +169,7 @@ bool PatchRunner::perform(const PatchCommand &command, BundleItem &target)
     return true;
 }
 
-void PatchRunner::deleteSymlink(const PatchCommand &command, const BundleItem &target)
+void PatchRunner::deleteSymlink(const PatchCommand &command, const WalkedItem &target)
 {
     if (target.error != 0)
         symlinkFailed(target.error, "Error deleting symlink", command);
@@ -108,7 +177,7 @@ void PatchRunner::deleteSymlink(const PatchCommand &command, const BundleItem &t
         symlinkFailed(errno, "Error deleting symlink", command);
 }
 
-void PatchRunner::createSymlink(const PatchCommand &command, const BundleItem &target)
+void PatchRunner::createSymlink(const PatchCommand &command, const WalkedItem &target)
 {
     const QByteArray text = QFile::encodeName(command.symlink);
     if (target.error != 0)
@@ -124,7 +193,7 @@ void PatchRunner::symlinkFailed(int number, const char *description, const Patch
     writeErrorNames(number);
 }
 
-bool PatchRunner::add(const PatchCommand &command, BundleItem &target)
+bool PatchRunner::add(const PatchCommand &command, WalkedItem &target)
 {
     const auto slice = m_patch.slice(command);
     if (slice && m_new.makeFolders(target) && writeFileAtomically(target.folder, target.name, *slice))
@@ -136,7 +205,7 @@ bool PatchRunner::add(const PatchCommand &command, BundleItem &target)
 
 bool PatchRunner::patch(const PatchCommand &command, const QString &target)
 {
-    const std::optional<BundleItem> source = m_old.find(command.path, FinalLink::Follow);
+    const std::optional<WalkedItem> source = m_old.find(command.path, FinalLink::Follow);
     const QString original = source ? pathOf(m_oldPath, *source) : QString();
     if (!applyDelta(command, original, target)) {
         DDLogDebug(QLatin1String("Error patching file: ") + command.path);

@@ -1,19 +1,34 @@
-// Performing the commands of a manifest on the bundle that is being built.
+// The inside of `ZELUpdaterApplyPatch`: what a patch may write, and the commands of its manifest.
 #pragma once
 
 #include "BundleWalk.h"
-#include "PatchBudget.h"
+#include "PatchFile.h"
 
 #include <QString>
 #include <QVariantList>
 
+#include <stop_token>
+
 namespace zel {
+
+/// What slices and files may take beyond their bounds, so that small patches may use theirs as they like.
+inline constexpr qint64 SmallChange = qint64(1) << 20;
+
+/// An error when the commands would use more than twice the payload, be it by reading their slices or by
+/// writing what comes of them, or when that does not fit into the file system of `folder`; how much is
+/// missing is told then.
+///
+/// A delta gives no more bytes than it has, as each of them is a difference or an extra byte: only one whose
+/// blocks run into each other can give up to twice as many. Used once each, the slices of a payload therefore
+/// give at most that payload. Twice as much leaves room for a slice that serves two files.
+ZELError judgeWrites(const PatchFile &patch, const QString &folder);
 
 class PatchRunner
 {
 public:
-    /// All four must outlive the runner, and nobody else may change the bundles meanwhile. `log` receives the entries of
-    /// commands that fail. `oldSize`: the bytes of the old bundle; deltas may read each of them once.
+    /// All four must outlive the runner, and nobody else may change the bundles meanwhile. `log` receives the
+    /// entries of commands that fail. `oldSize`: the bytes of the old bundle; deltas may read each of them
+    /// once.
     PatchRunner(const QString &oldBundle, const QString &newBundle, qint64 oldSize, const PatchFile &patch,
                 QVariantList &log)
         : m_oldPath(oldBundle)
@@ -26,16 +41,16 @@ public:
     {
     }
 
-    /// Performs one command; false when it failed in a way that must end the patch. A path that leaves the bundle
-    /// does, before anything is touched.
+    /// Performs one command; false when it failed in a way that must end the patch. A path that leaves the
+    /// bundle does, before anything is touched.
     bool perform(const PatchCommand &command);
 
 private:
-    bool perform(const PatchCommand &command, BundleItem &target);
-    void deleteSymlink(const PatchCommand &command, const BundleItem &target);
-    void createSymlink(const PatchCommand &command, const BundleItem &target);
+    bool perform(const PatchCommand &command, WalkedItem &target);
+    void deleteSymlink(const PatchCommand &command, const WalkedItem &target);
+    void createSymlink(const PatchCommand &command, const WalkedItem &target);
     void symlinkFailed(int number, const char *description, const PatchCommand &command);
-    bool add(const PatchCommand &command, BundleItem &target);
+    bool add(const PatchCommand &command, WalkedItem &target);
     bool patch(const PatchCommand &command, const QString &target);
     bool applyDelta(const PatchCommand &command, const QString &original, const QString &target);
     void appendContents(const char *description, const PatchCommand &command, const QString &original,
@@ -50,5 +65,9 @@ private:
     QVariantList &m_log;
     qint64 m_readable; // bytes of old files that deltas may still read
 };
+
+/// As `ZELUpdaterApplyPatch`. A stop ends it before the next command, as a failure.
+bool applyBundlePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
+                      QVariantList &log, const std::stop_token &stop);
 
 } // namespace zel

@@ -1,3 +1,10 @@
+// Made, locked and swept so that no step trusts a name twice. The root is opened once and judged by its
+// descriptor; a folder is made and opened below that descriptor, locked, and then compared with what its name
+// stands for now, because another process's sweep may have come between any two of these. Whoever loses that
+// race tries again under a new name.
+//
+// A lock file beside each folder was rejected: it would need sweeping itself, and a folder without one could
+// be a crashed process's or one being made. The lock on the folder itself has neither question.
 #include "StagingFolder.h"
 
 #include "platform/FileTree.h"

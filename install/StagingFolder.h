@@ -1,9 +1,9 @@
 // Where downloads and new bundles are put until the host has used them.
 //
-// All processes of a user share one root, so a folder there may be another process's ready bundle or its running
-// download. Each folder is therefore locked by the process that uses it (flock on the folder itself, which ends with
-// the process, however that ends), and only what can be locked is ever removed. A file system that cannot lock folders
-// (some network ones) keeps what a killed process left; everything else works there.
+// All processes of a user share one root, so a folder there may be another process's ready bundle or its
+// running download. Each folder is therefore locked by the process that uses it (flock on the folder itself,
+// which ends with the process, however that ends), and only what can be locked is ever removed. A file system
+// that cannot lock folders (some network ones) keeps what a killed process left; everything else works there.
 #pragma once
 
 #include "base/FileDescriptor.h"
@@ -15,8 +15,8 @@
 
 namespace zel {
 
-/// The folder that holds the staging folders: "~/Library/Application Support/Wexmoor 7/Patch" of the user. A null
-/// string where HOME is not set or is no absolute path.
+/// The folder that holds the staging folders: "~/Library/Application Support/Wexmoor 7/Patch" of the user. A
+/// null string where HOME is not set or is no absolute path.
 QString stagingRoot();
 
 /// A new UUID as the file names of the updater bear it: upper case, without braces.
@@ -26,8 +26,8 @@ QString newUUID();
 class StagingFolder
 {
 public:
-    /// Makes a folder below `root`. The root is made, privately, when it is missing; one that is a link, belongs to
-    /// another user or is writable by others is an error, as is a null root. Safe from any thread.
+    /// Makes a folder below `root`. The root is made, privately, when it is missing; one that is a link,
+    /// belongs to another user or is writable by others is an error, as is a null root. Safe from any thread.
     static ZELError make(const QString &root, std::shared_ptr<StagingFolder> &folder);
 
     QString path() const { return m_path; } ///< ends in "/"
@@ -46,8 +46,9 @@ private:
     const FileDescriptor m_lock;
 };
 
-/// Removes everything below `root` that no `StagingFolder` of any process holds, and the root itself when that leaves
-/// it empty. A root that `StagingFolder::make` would refuse is not touched. Errors are ignored. Safe from any thread.
+/// Removes everything below `root` that no `StagingFolder` of any process holds, and the root itself when
+/// that leaves it empty. A root that `StagingFolder::make` would refuse is not touched. Errors are ignored.
+/// Safe from any thread.
 void sweepStaging(const QString &root);
 
 } // namespace zel

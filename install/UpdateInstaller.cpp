@@ -1,3 +1,14 @@
+// The controller's side of updates. It holds what is read between them (the offer, the settings, the bundles
+// that are ready), and of an update in flight nothing but the task: what a job needs is copied into it when
+// it starts.
+//
+// Who keeps whom: the job's completion keeps this object until it has ended, and this object keeps the job;
+// the hooks hold both weakly, or the two would keep each other for good. The staging folder of a finished job
+// is kept in `m_ready`, and its lock with it, until `cleanup`: only then another process's sweep may remove
+// the bundle.
+//
+// `handleUpdate`, `handlePatch` and `downloadFullUpdate` are single steps for hosts that drive them
+// themselves; they work on the present offer, where a job works on its own.
 #include "UpdateInstaller.h"
 
 #include "common/DDLog.h"

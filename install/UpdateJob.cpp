@@ -1,3 +1,19 @@
+// An update as a list of steps, read from top to bottom on one thread:
+//
+//     run              sweep what killed processes left, then one of the two ways
+//     updateByPatch    download, verify, apply to a copy and judge the result; if the patch is of no use, fall back
+//     updateByArchive  download, verify, unpack and judge
+//     finish           once, with one hop to the main queue
+//
+// Callbacks that start the next step from the thread that happened to end the last one were rejected:
+// cancelling would have to meet each of them, and the way of a failure could not be read. A thread of its own
+// costs less than that.
+//
+// The invariants: the inputs are copied when the job is made and never read again from the controller, so
+// that a second check changes nothing here. The completion is taken out of the job by the one who calls it.
+// Each download makes its own staging folder (`StagingFolder::make` in `download`); the step that finds it
+// useless removes it before the next begins, and with success it goes to whoever holds the bundle
+// (`Hooks::succeeded`). After a cancel, `leave` removes it and nobody is told.
 #include "UpdateJob.h"
 
 #include "common/DDLog.h"
@@ -108,7 +124,7 @@ void UpdateJob::resume()
 
 void UpdateJob::run()
 {
-    sweepStaging(m_inputs.stagingRoot);
+    sweepStaging(m_inputs.stagingRoot); // folders that no living process holds
     finish(m_inputs.offer.patch ? updateByPatch() : updateByArchive());
 }
 
@@ -153,7 +169,7 @@ UpdateJob::Ending UpdateJob::updateByArchive()
         return {ZELDownloadSucceeded, unpacked.path, file.folder};
     file.folder->remove();
     if (!unpacked.unpacked)
-        sweepStaging(m_inputs.stagingRoot);
+        sweepStaging(m_inputs.stagingRoot); // deliberate: a failed extraction takes all leftovers along
     return {ZELDownloadExtractionFailed};
 }
 
@@ -164,7 +180,8 @@ UpdateJob::Download UpdateJob::download(const OfferedFile &offered)
     ZELError error = StagingFolder::make(m_inputs.stagingRoot, result.folder);
     if (!error)
         error = transfer(offered, result.folder->path(), result.payload);
-    // More than was announced is no better than other bytes than were announced.
+    // A transfer that fails ends the update, but wrong bytes fall back: asking a server again that cannot be
+    // reached helps nobody. More than was announced is no better than other bytes than were announced.
     result.arrival = error.code == URLErrorCode::TooLong ? Download::Wrong : Download::Failed;
     if (!error) {
         tell(m_hooks.staged, result.folder->path());

@@ -1,24 +1,43 @@
+// From an old bundle and a patch file to a new bundle, and the small exported functions beside it. The order
+// of the steps is what makes it safe:
+//
+// 1. `clearPlace` refuses two bundles that hold each other, before anything is removed, and asks for the
+//    disk's space.
+// 2. The patch file is read on a thread of its own while the old bundle is copied (`PatchReading`): unpacking
+//    and copying need different parts of the machine. How large the payload may be is computed in
+//    `PatchFile::Reading::payloadLimit`; one of more than `Reading::memory`, a quarter of the machine's, goes
+//    to a file without a name (`LargeBuffer`).
+// 3. Modes are set before the commands: what "add" writes keeps its default mode, as publishers expect.
+// 4. `judgeWrites` looks at all commands before `PatchRunner` performs the first.
+//
+// The log's entries and their order are read by those who make patches, and stay as they are.
 #include "ZELUpdaterApplyPatch.h"
 
+#include "base/FileDescriptor.h"
 #include "base/SignalShield.h"
-#include "BundlePatch.h"
 #include "common/DDLog.h"
-#include "PatchBudget.h"
+#include "MD5Digest.h"
 #include "PatchFile.h"
 #include "PatchLog.h"
 #include "PatchRunner.h"
-#include "Permissions.h"
 #include "platform/BundleInfo.h"
 #include "platform/Containment.h"
 #include "platform/FileContents.h"
 #include "platform/FileTree.h"
+#include "seal/BundleSeal.h"
 #include "StagingFolder.h"
+#include "ZELUpdaterValidateCodeSigning.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFileInfo>
 
 #include <algorithm>
+#include <array>
 #include <future>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace zel;
 
@@ -52,7 +71,7 @@ bool overlap(const QString &oldPath, const Place &place)
         || (!isLink && liesWithin(oldPath, place.path));
 }
 
-ZELError makeRoom(const QString &oldPath, const Place &place, qint64 oldSize)
+ZELError clearPlace(const QString &oldPath, const Place &place, qint64 oldSize)
 {
     if (overlap(oldPath, place))
         return ZELError::withMessage(place.path + QLatin1String(" and ") + oldPath
@@ -73,8 +92,8 @@ bool copyFailed(const ZELError &error, const QString &newPath, QVariantList &log
 class PatchReading
 {
 public:
-    /// Its thread inherits what signals the caller's thread keeps off. Without a policy: where there is no thread to be
-    /// had, `error` reads on the caller's.
+    /// Its thread inherits what signals the caller's thread keeps off. Without a policy: where there is no
+    /// thread to be had, `error` reads on the caller's.
     PatchReading(const QString &path, const PatchFile::Reading &reading)
         : m_error(std::async([this, path, reading] { return PatchFile::read(path, reading, m_patch); }))
     {
@@ -128,13 +147,29 @@ bool applyPatchFile(const QString &oldPath, const Place &place, qint64 oldSize, 
     return !error;
 }
 
+// Sets the mode of a folder and of all below it to 755, by running "/bin/chmod -R 755" on it directly: the
+// path is an argument, never text for a shell. Whether it worked shows in what follows.
+void makeExecutableTree(const QString &path)
+{
+    QByteArray name = QFile::encodeName(path);
+    char program[] = "/bin/chmod";
+    char recursive[] = "-R";
+    char mode[] = "755";
+    char endOfOptions[] = "--";
+    const std::array<char *, 6> arguments = {program, recursive, mode, endOfOptions, name.data(), nullptr};
+    pid_t child = 0;
+    if (::posix_spawn(&child, program, nullptr, nullptr, arguments.data(), environ) != 0)
+        return;
+    uninterrupted([child] { return ::waitpid(child, nullptr, 0); });
+}
+
 bool buildBundle(const QString &oldPath, const QString &newPath, const QString &patchPath, QVariantList &log,
                  const std::stop_token &stop)
 {
     const Place place(newPath);
     const qint64 oldSize = treeSize(oldPath);
     // Deliberate: a copy that fails ends the log with its own entry, without "Patch failed".
-    if (const ZELError error = makeRoom(oldPath, place, oldSize))
+    if (const ZELError error = clearPlace(oldPath, place, oldSize))
         return copyFailed(error, newPath, log);
     // Begins here, because a patch that lies at the new path must be gone by now.
     PatchReading reading(patchPath, {.oldBundle = oldSize, .folder = place.folder});
@@ -167,6 +202,11 @@ bool applyPatch(const QString &oldPath, const QString &newPath, const QString &p
     return buildBundle(oldPath, newPath, patchPath, log, stop);
 }
 
+QString hashOrEmpty(const QString &path)
+{
+    return zel::MD5FromFile(path).value_or(QString());
+}
+
 } // namespace
 
 bool zel::applyBundlePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
@@ -191,4 +231,46 @@ bool ZELUpdaterApplyPatch(const QString &oldPath, const QString &newPath, const 
                           QVariantList &log)
 {
     return applyBundlePatch(oldPath, newPath, patchPath, log, {});
+}
+
+bool ZELUpdaterTestPatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
+                         const QString &expectedPath)
+{
+    QVariantList log;
+    ZELUpdaterApplyPatch(oldPath, newPath, patchPath, log);
+    bool result = MD5Digest().result().has_value(); // without digests nothing is known to be equal
+    const QDir expected(expectedPath);
+    QDirIterator items(expectedPath, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                       QDirIterator::Subdirectories);
+    while (items.hasNext()) {
+        const QString item = items.next();
+        const QString relative = expected.relativeFilePath(item);
+        const QString built = newPath + u'/' + relative;
+        if (QFileInfo(built).isSymLink() || QFileInfo(item).isDir()
+            || hashOrEmpty(item) == hashOrEmpty(built))
+            continue;
+        DDLogDebug(QStringLiteral("hash error"));
+        DDLogDebug(relative);
+        result = false;
+    }
+    systemLog(result ? QStringLiteral("Successfully patched") : QStringLiteral("Patching failed"));
+    return result;
+}
+
+QString ZELUpdaterEscapeString(const QString &string)
+{
+    QString escaped = string;
+    for (const char16_t character : {u'(', u')', u' ', u'&'})
+        escaped.replace(QChar(character), QString(u'\\') + QChar(character));
+    return escaped;
+}
+
+bool ZELUpdaterValidateCodeSigning(const QUrl &bundle)
+{
+    if (!bundle.isLocalFile() || !bundle.host().isEmpty()) // a host would become the first part of the path
+        return false;
+    const ZELError error = verifySeal(bundle.toLocalFile());
+    if (error)
+        systemLog(error.message);
+    return !error;
 }

@@ -2,7 +2,6 @@
 #include "install/MD5FromData.h"
 #include "install/PatchFile.h"
 #include "install/ZELUpdaterApplyPatch.h"
-#include "install/ZELUpdaterTestPatch.h"
 #include "publish/XZWriter.h"
 #include "support/LogCapture.h"
 #include "support/PatchBuilder.h"

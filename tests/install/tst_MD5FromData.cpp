@@ -1,6 +1,6 @@
 #include "install/MD5Digest.h"
 #include "install/MD5FromData.h"
-#include "install/ZELUpdaterEscapeString.h"
+#include "install/ZELUpdaterApplyPatch.h"
 #include "support/TemporaryTree.h"
 
 #include <openssl/evp.h>

@@ -1,5 +1,5 @@
-#include "install/BundlePatch.h"
 #include "install/MD5FromData.h"
+#include "install/PatchRunner.h"
 #include "install/UpdateInstaller.h"
 #include "install/UpdateJob.h"
 #include "install/ZELUpdaterValidateCodeSigning.h"

@@ -5,6 +5,7 @@
 #include <ZELUpdater/readfile.h>
 #include <ZELUpdater/sais.h>
 #include <ZELUpdater/ZELLayout.h>
+#include <ZELUpdater/ZELLocalization.h>
 #include <ZELUpdater/ZELUpdater.h>
 #include <ZELUpdater/ZELUpdaterApplyPatch.h>
 #include <ZELUpdater/ZELUpdaterButton.h>
@@ -47,11 +48,13 @@ int main(int argc, char *argv[])
                   ZELMakeLayoutFrame(0, 0, 0, 0, ZELLayoutNotSet, ZELLayoutNotSet));
 
     void (*const checkInBackground)(const QVariantMap &, ZELCheckCompletion) = &ZELUpdater::checkForUpdates;
-    const bool functions =
-        areThere(&bspatch2, &bsdiff2, &bsdiff, &readfile, &sais, &sais_int, &sais_bwt, &sais_int_bwt,
-                 &ZELUpdaterApplyPatch, &ZELUpdaterTestPatch, &ZELUpdaterEscapeString,
-                 &ZELUpdaterValidateCodeSigning, checkInBackground);
-    const bool texts = ZELUpdater::descriptionForStatus(1) == QLatin1String("Update Available")
+    const bool functions = areThere(
+        &bspatch2, &bsdiff2, &bsdiff, &readfile, &sais, &sais_int, &sais_bwt, &sais_int_bwt,
+        &ZELUpdaterApplyPatch, &ZELUpdaterTestPatch, &ZELUpdaterEscapeString, &ZELUpdaterValidateCodeSigning,
+        &ZELMakeLayoutFrame, &ZELLayoutView, &ZELLayoutViewBelowView, &ZELLayoutViewsHorizontal,
+        &ZELLayoutViewsHorizontal2, &ZELLocalizedStringFromTableInBundle, checkInBackground);
+    const bool texts =
+        ZELUpdater::descriptionForStatus(ZELStatusUpdateAvailable) == QLatin1String("Update Available")
         && MD5FromData("abc") == QLatin1String("900150983cd24fb0d6963f7d28e17f72");
     // A host without a window watches and cancels a download by its task.
     const bool isIdle = updater->task() == nullptr;

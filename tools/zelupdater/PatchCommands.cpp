@@ -2,7 +2,6 @@
 #include "install/PatchFile.h"
 #include "install/PatchLog.h"
 #include "install/ZELUpdaterApplyPatch.h"
-#include "install/ZELUpdaterTestPatch.h"
 #include "platform/Containment.h"
 #include "platform/FileTree.h"
 #include "publish/Interrupt.h"
