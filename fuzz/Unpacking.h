@@ -3,7 +3,7 @@
 
 #include "Sandbox.h"
 #include "zel-unpack/Extraction.h"
-#include "zel-unpack/Survey.h"
+#include "zel-unpack/SafetyCheck.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -8,7 +8,7 @@
 #include "platform/Containment.h"
 #include "platform/FileContents.h"
 #include "platform/FileTree.h"
-#include "PublishedFile.h"
+#include "ReleaseFiles.h"
 #include "seal/BundleSeal.h"
 #include "seal/SealSigners.h"
 #include "ZipWriter.h"

@@ -2,7 +2,7 @@
 #include "publish/ZipWriter.h"
 #include "support/TemporaryTree.h"
 #include "support/ZipMaker.h"
-#include "zel-unpack/Survey.h"
+#include "zel-unpack/SafetyCheck.h"
 
 #include <archive.h>
 #include <archive_entry.h>

@@ -1,7 +1,7 @@
 #include "Extraction.h"
 
 #include "EntryReader.h"
-#include "Survey.h"
+#include "SafetyCheck.h"
 #include "TreeWriter.h"
 
 #include <algorithm>

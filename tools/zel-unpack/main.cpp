@@ -5,7 +5,7 @@
 #include "base/SystemCalls.h"
 #include "Extraction.h"
 #include "Reporter.h"
-#include "Survey.h"
+#include "SafetyCheck.h"
 
 #include <clocale>
 #include <csignal>

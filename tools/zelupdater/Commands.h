@@ -1,7 +1,7 @@
 // The commands, grouped by what they work on.
 #pragma once
 
-#include "Command.h"
+#include "Arguments.h"
 
 std::vector<Command> deltaCommands(); // diff, patch, md5
 std::vector<Command> patchCommands(); // make-patch, apply-patch, test-patch, inspect-patch

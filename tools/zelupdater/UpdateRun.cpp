@@ -1,7 +1,7 @@
 #include "UpdateRun.h"
 
+#include "Arguments.h"
 #include "check/UpdateCheck.h"
-#include "Command.h"
 #include "install/DownloadFraction.h"
 #include "install/StagingFolder.h"
 #include "platform/Queues.h"

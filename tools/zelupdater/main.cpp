@@ -1,5 +1,5 @@
 // zelupdater: makes, applies, inspects and serves updates.
-#include "Command.h"
+#include "Arguments.h"
 #include "publish/Interrupt.h"
 #include "ToolLog.h"
 

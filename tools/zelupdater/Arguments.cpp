@@ -1,4 +1,4 @@
-#include "Command.h"
+#include "Arguments.h"
 
 #include "base/SafeText.h"
 

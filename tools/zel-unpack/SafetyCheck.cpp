@@ -1,4 +1,4 @@
-#include "Survey.h"
+#include "SafetyCheck.h"
 
 #include "SeenNames.h"
 

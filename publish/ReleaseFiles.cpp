@@ -1,4 +1,4 @@
-#include "PublishedFile.h"
+#include "ReleaseFiles.h"
 
 #include "base/FileDescriptor.h"
 #include "install/MD5Digest.h"
