@@ -27,7 +27,7 @@ inline bool unpack(std::string_view bytes, const std::filesystem::path &folder)
     if (directory.read(archive))
         return false;
     EntryReader reader(archive.file.get(), directory.dataEnd());
-    return !survey(directory, reader) && !judgeRoom(directory, 1 << 20)
+    return !checkSafety(directory, reader) && !judgeRoom(directory, 1 << 20)
         && !extractAll(directory, archive.file.get(), root.get(), [] {});
 }
 

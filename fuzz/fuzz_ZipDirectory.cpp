@@ -1,4 +1,4 @@
-// Any bytes as a zip archive: what passes the survey has only names that stay below the folder.
+// Any bytes as a zip archive: what passes the safety check has only names that stay below the folder.
 #include "Unpacking.h"
 
 #include <clocale>
@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     if (directory.read(archive))
         return 0;
     zel::EntryReader reader(archive.file.get(), directory.dataEnd());
-    if (zel::survey(directory, reader))
+    if (zel::checkSafety(directory, reader))
         return 0;
     for (const zel::ZipEntry &entry : directory.entries()) {
         const std::filesystem::path name(entry.name);

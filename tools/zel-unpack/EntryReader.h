@@ -8,8 +8,8 @@
 
 namespace zel {
 
-/// Reads entries, one after the other, in any order. Each thread needs a reader of its own; a reader holds about
-/// 450 KiB whatever the entries' sizes.
+/// Reads entries, one after the other, in any order. Each thread needs a reader of its own; a reader holds
+/// about 450 KiB whatever the entries' sizes.
 class EntryReader
 {
 public:
@@ -22,18 +22,17 @@ public:
     EntryReader &operator=(const EntryReader &) = delete;
 
     /// Hands the unpacked data to `sink`, piece by piece, never more of it than the entry declares. It is a
-    /// problem when the data is damaged, cut, longer or shorter than declared or has another checksum, which is
-    /// known at the end only.
+    /// problem when the data is damaged, cut, longer or shorter than declared or has another checksum, which
+    /// is known at the end only.
     Problem read(const ZipEntry &entry, const Sink &sink);
 
 private:
-    struct Progress;
+    struct Reading;
 
-    Problem findData(const ZipEntry &entry, uint64_t &offset) const;
-    Problem copy(Progress &progress);
-    Problem inflateAll(Progress &progress);
-    Problem refill(Progress &progress);
-    Problem deliver(Progress &progress, const char *data, size_t length) const;
+    Problem copy(Reading &reading);
+    Problem inflateAll(Reading &reading);
+    Problem refill(Reading &reading);
+    Problem deliver(Reading &reading, const char *data, size_t length) const;
 
     int m_archive;
     uint64_t m_dataEnd;

@@ -1,4 +1,5 @@
-// The judgement over a whole archive, before anything of it is written.
+// Whether an archive can be unpacked safely: which paths, links and sizes are refused. Judged over the whole
+// archive, before anything of it is written.
 #pragma once
 
 #include "EntryReader.h"
@@ -11,12 +12,12 @@ namespace zel {
 /// - names that are longer or lie deeper than the limits in ZipDirectory.h;
 /// - names that occur twice or differ only by case, as whole names or as folders above others;
 /// - entries below a file or a symbolic link;
-/// - symbolic links whose target is empty, absolute, longer than a path can be, has ".." after a name (what that
-///   leaves depends on other links) or more leading ".." than there are folders above the link;
-/// - data that overlaps other data, and more data in all than `maximumTotalSize`.
-Problem survey(const ZipDirectory &directory, EntryReader &reader);
+/// - symbolic links whose target is empty, absolute, longer than a path can be, has ".." after a name (what
+///   that leaves depends on other links) or more leading ".." than there are folders above the link;
+/// - data that overlaps other data, and more data in all than `MaximumTotalSize`.
+Problem checkSafety(const ZipDirectory &directory, EntryReader &reader);
 
-/// Whether what a surveyed archive declares fits into the bytes that may be written, counted in blocks of 4 KiB as
+/// Whether what an archive declares fits into the bytes that may be written, counted in blocks of 4 KiB as
 /// file systems do. The problem says how many are missing.
 Problem judgeRoom(const ZipDirectory &directory, uint64_t writable);
 

@@ -1,13 +1,14 @@
-// The directory at the end of a zip archive, which alone says what the archive holds.
+// A zip archive, stored on the disk since a pipe cannot be read from its end, and the directory there, which
+// alone says what the archive holds.
 //
-// It is read here and not by a general archive library for the sake of the names and kinds: such a library takes
-// names from the headers that precede the data, brings them into composed form (so that a bundle's seal no longer
-// finds its files), cuts them at a NUL byte, and turns a device into an empty file without a word. What is left
-// to do with a strict reading is little: zlib unpacks the data.
+// It is read here and not by a general archive library for the sake of the names and kinds: such a library
+// takes names from the headers that precede the data, brings them into composed form (so that a bundle's seal
+// no longer finds its files), cuts them at a NUL byte, and turns a device into an empty file without a word.
+// What is left to do with a strict reading is little: zlib unpacks the data.
 #pragma once
 
+#include "base/FileDescriptor.h"
 #include "Problem.h"
-#include "Spool.h"
 
 #include <cstdint>
 #include <string_view>
@@ -16,14 +17,31 @@
 
 namespace zel {
 
-/// What may be in an archive; with these the tool stays below 32 MiB of memory, and what it leaves can be walked and
-/// removed by any program.
-constexpr uint64_t maximumDirectorySize = 10 << 20; ///< bytes of the archive's directory
-constexpr size_t maximumEntries = 100'000; ///< entries, the folders that they imply included
-constexpr uint64_t maximumTotalSize = uint64_t(16) << 30; ///< bytes of all files together, unpacked
-constexpr size_t maximumDepth = 128; ///< components of a name
-constexpr size_t maximumNameLength = 4095; ///< bytes of a whole name
-constexpr size_t maximumComponentLength = 255; ///< bytes of each component
+/// What may be in an archive; with these the tool stays below 32 MiB of memory, and what it leaves can be
+/// walked and removed by any program.
+constexpr uint64_t MaximumDirectorySize = 10 << 20; ///< bytes of the archive's directory
+constexpr size_t MaximumEntries = 100'000; ///< entries, the folders that they imply included
+constexpr uint64_t MaximumTotalSize = uint64_t(16) << 30; ///< bytes of all files together, unpacked
+constexpr size_t MaximumDepth = 128; ///< components of a name
+constexpr size_t MaximumNameLength = 4095; ///< bytes of a whole name
+constexpr size_t MaximumComponentLength = 255; ///< bytes of each component
+
+/// Bytes of an archive: what may be in it, stored, and the headers.
+constexpr uint64_t MaximumInputSize = uint64_t(17) << 30;
+
+/// The whole input, in a file without a name, which is gone when the process is, however it ends.
+struct Spool {
+    FileDescriptor file;
+    uint64_t size = 0;
+};
+
+/// Reads `input` to its end into a spool below `folder`, so that it lies in the destination's file system and
+/// not in a temporary folder, which may be memory. An input that is larger than any archive may be, or than
+/// what may be written to the disk, is a problem like any other.
+Problem spoolInput(int input, const char *folder, Spool &spool);
+
+/// Reads exactly `length` bytes at `offset`; may be called from several threads.
+Problem readAt(int file, void *buffer, size_t length, uint64_t offset);
 
 struct ZipEntry {
     enum class Kind : uint8_t { File, Folder, Link };
@@ -59,5 +77,9 @@ private:
     std::vector<ZipEntry> m_entries;
     uint64_t m_dataEnd = 0;
 };
+
+/// Where an entry's data begins; a problem when it does not lie whole before `dataEnd`. The header before the
+/// data repeats what the directory says, and only its own length matters.
+Problem findData(int archive, const ZipEntry &entry, uint64_t dataEnd, uint64_t &offset);
 
 } // namespace zel
