@@ -239,6 +239,8 @@ private slots:
             return {.name = "bomb", .extra = wide, .claimedSize = UINT32_MAX};
         };
         row("bomb", {bomb(uint64_t(17) << 30)}, "unpacks to more");
+        row("bomb for its size", {good, bomb((uint64_t(256) << 20) + 64 * 200)},
+            "that an archive of its size");
         row("bomb whose sum overflows", {good, bomb(UINT64_MAX)}, "unpacks to more");
 
         const QByteArray whole = ZipMaker::make({good, {.name = "x", .data = "x"}});

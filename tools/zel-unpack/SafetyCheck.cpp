@@ -156,6 +156,7 @@ bool linkStaysInside(std::string_view name, std::string_view target)
 Problem judgeSizes(const ZipDirectory &directory)
 {
     constexpr uint64_t headerSize = 30;
+    const uint64_t likely = FreeExpansion + MostExpansion * directory.dataEnd();
     uint64_t total = 0;
     uint64_t end = 0; // of the entry before
     for (const ZipEntry &entry : directory.entries()) {
@@ -169,6 +170,9 @@ Problem judgeSizes(const ZipDirectory &directory)
             return entryProblem(entry.name, "has its data outside the archive");
         end = entry.headerOffset + headerSize + entry.packedSize;
     }
+    if (total > likely)
+        return "the archive unpacks to " + std::to_string(total) + " bytes, more than the "
+            + std::to_string(likely) + " that an archive of its size may";
     return {};
 }
 

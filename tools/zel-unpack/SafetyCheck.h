@@ -14,7 +14,8 @@ namespace zel {
 /// - entries below a file or a symbolic link;
 /// - symbolic links whose target is empty, absolute, longer than a path can be, has ".." after a name (what
 ///   that leaves depends on other links) or more leading ".." than there are folders above the link;
-/// - data that overlaps other data, and more data in all than `MaximumTotalSize`.
+/// - data that overlaps other data, and more data in all than `MaximumTotalSize`, or than the archive's size
+///   makes likely.
 Problem checkSafety(const ZipDirectory &directory, EntryReader &reader);
 
 /// Whether what an archive declares fits into the bytes that may be written, counted in blocks of 4 KiB as

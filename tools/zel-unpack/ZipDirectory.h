@@ -22,6 +22,12 @@ namespace zel {
 constexpr uint64_t MaximumDirectorySize = 10 << 20; ///< bytes of the archive's directory
 constexpr size_t MaximumEntries = 100'000; ///< entries, the folders that they imply included
 constexpr uint64_t MaximumTotalSize = uint64_t(16) << 30; ///< bytes of all files together, unpacked
+
+/// What an archive may unpack to besides: a fixed part, for files of nothing but zeros, and a multiple of its
+/// own size. "deflate" packs a run 1,032:1, logs and tables hardly 30:1, so that only what is made to fill
+/// disks exceeds both.
+constexpr uint64_t FreeExpansion = uint64_t(256) << 20;
+constexpr uint64_t MostExpansion = 64;
 constexpr size_t MaximumDepth = 128; ///< components of a name
 constexpr size_t MaximumNameLength = 4095; ///< bytes of a whole name
 constexpr size_t MaximumComponentLength = 255; ///< bytes of each component
