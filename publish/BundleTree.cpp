@@ -17,7 +17,7 @@ bool isUtf8(const fs::path &path)
     return QFile::encodeName(QFile::decodeName(path.c_str())) == path.c_str();
 }
 
-ZELError readItem(const fs::directory_entry &entry, BundleItem &item)
+ZELError readItem(const fs::directory_entry &entry, TreeItem &item)
 {
     const QString path = QFile::decodeName(entry.path().c_str());
     if (!isUtf8(entry.path()))
@@ -25,16 +25,16 @@ ZELError readItem(const fs::directory_entry &entry, BundleItem &item)
     std::error_code error;
     const fs::file_status status = entry.symlink_status(error);
     if (fs::is_symlink(status)) {
-        item.kind = BundleItem::Link;
+        item.kind = TreeItem::Link;
         const fs::path target = fs::read_symlink(entry.path(), error);
         item.target = QFile::decodeName(target.c_str());
         if (!isUtf8(target))
             return ZELError::withMessage(QLatin1String("the target of ") + path
                                          + QLatin1String(" is not UTF-8"));
     } else if (fs::is_directory(status)) {
-        item.kind = BundleItem::Folder;
+        item.kind = TreeItem::Folder;
     } else if (fs::is_regular_file(status)) {
-        item.kind = BundleItem::File;
+        item.kind = TreeItem::File;
         item.size = qint64(entry.file_size(error));
         constexpr fs::perms execute = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
         item.executable = (status.permissions() & execute) != fs::perms::none;
@@ -44,11 +44,70 @@ ZELError readItem(const fs::directory_entry &entry, BundleItem &item)
     return error ? ZELError::fromErrno(QLatin1String("cannot read ") + path, error.value()) : ZELError();
 }
 
-bool sameItem(const QString &first, const BundleItem &a, const QString &second, const BundleItem &b)
+bool sameItem(const QString &first, const TreeItem &a, const QString &second, const TreeItem &b)
 {
     if (a.kind != b.kind || a.target != b.target)
         return false;
-    return a.kind != BundleItem::File || (a.size == b.size && haveSameContent(first, second));
+    return a.kind != TreeItem::File || (a.size == b.size && haveSameContent(first, second));
+}
+
+const TreeItem *find(const BundleTree &tree, const QString &path)
+{
+    const auto item = tree.find(path);
+    return item == tree.end() ? nullptr : &item->second;
+}
+
+bool sameLinkOrFolder(const TreeItem &a, const TreeItem *b)
+{
+    return b && a.kind == b->kind && a.target == b->target;
+}
+
+bool needsRemoval(const TreeItem &item, const TreeItem *after)
+{
+    return item.kind == TreeItem::File ? !after || after->kind != TreeItem::File
+                                       : !sameLinkOrFolder(item, after);
+}
+
+PatchCommand command(PatchAction action, const QString &path)
+{
+    PatchCommand result;
+    result.action = action;
+    result.path = path;
+    return result;
+}
+
+QString parentOf(const QString &path)
+{
+    return path.left(qMax(qsizetype(0), path.lastIndexOf(u'/')));
+}
+
+std::vector<PatchCommand> removals(const BundleTree &oldTree, const BundleTree &newTree)
+{
+    std::vector<PatchCommand> commands;
+    std::set<QString> gone; // folders that are removed, at any depth: what they hold needs no command
+    for (const auto &[path, item] : oldTree) {
+        const bool goesWithItsFolder = gone.contains(parentOf(path));
+        if (!goesWithItsFolder && !needsRemoval(item, find(newTree, path)))
+            continue;
+        if (item.kind == TreeItem::Folder)
+            gone.insert(path);
+        const bool link = item.kind == TreeItem::Link;
+        if (!goesWithItsFolder)
+            commands.push_back(command(link ? PatchAction::DeleteSymlink : PatchAction::Delete, path));
+    }
+    return commands;
+}
+
+void planFile(PatchPlan &plan, const QString &path, const TreeItem &item, const TreeItem *before,
+              const std::set<QString> &changed, const QString &program)
+{
+    const bool wasFile = before && before->kind == TreeItem::File;
+    if (wasFile && !changed.contains(path))
+        return;
+    if (!wasFile && item.executable && path != program)
+        plan.lostModes.push_back(path);
+    const Transport ofChanged = item.executable ? Transport::Delta : Transport::Smaller;
+    plan.files.push_back({path, wasFile ? ofChanged : Transport::Whole});
 }
 
 } // namespace
@@ -59,7 +118,7 @@ ZELError readBundleTree(const QString &bundle, BundleTree &tree)
     std::error_code error;
     fs::recursive_directory_iterator entries(root, error);
     for (const fs::recursive_directory_iterator end; !error && entries != end; entries.increment(error)) {
-        BundleItem item;
+        TreeItem item;
         if (const ZELError failed = readItem(*entries, item))
             return failed;
         tree[QFile::decodeName(entries->path().lexically_relative(root).c_str())] = item;
@@ -103,6 +162,25 @@ bool haveSameContent(const QString &first, const QString &second)
         if (piece.isEmpty())
             return true;
     }
+}
+
+PatchPlan planPatch(const BundleTree &oldTree, const BundleTree &newTree, const std::set<QString> &changed,
+                    const QString &program)
+{
+    PatchPlan plan;
+    plan.removals = removals(oldTree, newTree);
+    for (const auto &[path, item] : newTree) {
+        const TreeItem *before = find(oldTree, path);
+        if (item.kind == TreeItem::File) {
+            planFile(plan, path, item, before, changed, program);
+        } else if (!sameLinkOrFolder(item, before)) {
+            const bool link = item.kind == TreeItem::Link;
+            auto &commands = link ? plan.links : plan.folders;
+            commands.push_back(command(link ? PatchAction::CreateSymlink : PatchAction::AddDirectory, path));
+            commands.back().symlink = item.target;
+        }
+    }
+    return plan;
 }
 
 } // namespace zel

@@ -11,6 +11,13 @@
 #include <thread>
 #include <unistd.h>
 
+// A signal's handler may do next to nothing, so it only writes the signal's number into a pipe, and a thread
+// of its own removes what is unfinished and then raises the signal again: the caller sees that the tool was
+// ended by it. One lock is held by whoever may not be cut off, and by that thread for good, so that an
+// unfinished thing is either removed or has become a finished one, and never both.
+
+namespace zel {
+
 namespace {
 
 int interruptions[2] = {-1, -1}; // a pipe: next to nothing may be done in a signal's handler
@@ -40,7 +47,7 @@ void removeLeftovers()
 {
     constexpr int mostTries = 20;
     for (const QString &path : leftovers()) {
-        for (int tries = 0; !path.isEmpty() && tries < mostTries && zel::removeTree(path); ++tries)
+        for (int tries = 0; !path.isEmpty() && tries < mostTries && removeTree(path); ++tries)
             std::this_thread::yield();
     }
 }
@@ -58,9 +65,9 @@ void awaitInterruption()
 
 void cleanUpWhenInterrupted()
 {
-    zel::FileDescriptor reading;
-    zel::FileDescriptor writing;
-    if (!zel::makePipe(reading, writing))
+    FileDescriptor reading;
+    FileDescriptor writing;
+    if (!makePipe(reading, writing))
         return;
     interruptions[0] = reading.release();
     interruptions[1] = writing.release();
@@ -119,3 +126,5 @@ Uninterrupted::~Uninterrupted()
 {
     guard().unlock();
 }
+
+} // namespace zel

@@ -4,6 +4,8 @@
 #include <QString>
 #include <QTemporaryDir>
 
+namespace zel {
+
 /// From here on SIGINT, SIGTERM and SIGHUP end the process only after what stands in the way, each
 /// `Leftover`, is removed. Signals that the caller ignores stay ignored. To be called once, at the start.
 void cleanUpWhenInterrupted();
@@ -51,3 +53,5 @@ public:
     Uninterrupted(const Uninterrupted &) = delete;
     Uninterrupted &operator=(const Uninterrupted &) = delete;
 };
+
+} // namespace zel

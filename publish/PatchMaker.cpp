@@ -1,33 +1,195 @@
 #include "PatchMaker.h"
 
 #include "BundleTree.h"
-#include "FileSlices.h"
+#include "compactdelta.h"
+#include "generate/makedelta.h"
+#include "install/MD5FromData.h"
 #include "install/PatchFile.h"
 #include "install/ZELUpdaterApplyPatch.h"
 #include "Interrupt.h"
-#include "PatchPlan.h"
 #include "PatchWriter.h"
 #include "platform/BundleInfo.h"
 #include "platform/Containment.h"
 #include "platform/FileContents.h"
 #include "platform/FileTree.h"
+#include "platform/Parallel.h"
+#include "XZWriter.h"
 
 #include <QFile>
 #include <QFileInfo>
 
+#include <limits>
+#include <mutex>
 #include <new>
 #include <unistd.h>
 #include <utility>
+
+// The path of a patch, from two bundles to a file:
+//
+//   1. Both trees are read and compared, and the comparison decides the commands (BundleTree.h): what is
+//      removed, first, to make room; then folders; then files, each whole or as a delta; links last, so that
+//      nothing is written through one. All refusals that need no long work come here.
+//   2. Each new or changed file becomes a slice of the payload, several of them side by side as memory
+//      allows, since deltas of large files take most of the time. A delta is compacted (compactdelta.h) and
+//      has to be smaller than the file, but for programs: only a patched file keeps its mode.
+//   3. The slices are put in a row, in the order of the commands whatever the order in which they were made,
+//      and the whole is compressed (PatchWriter.h). The same two bundles always give the same bytes.
+//   4. The file is applied to the old bundle as an updater would, and the outcome compared with the new one.
+//      What gets the patch's name has been proved: no fault of the steps before reaches anybody.
+//
+// Until then everything lies in a hidden folder beside the patch, which is gone when the work ends in
+// whatever way.
 
 namespace zel {
 
 namespace {
 
-class Maker
+// What one command carries: a whole file, or a delta and the hash of the file that it gives.
+struct FileSlice {
+    PatchAction action = PatchAction::Add;
+    QByteArray bytes;
+    std::optional<QString> hash;
+};
+
+constexpr qint64 DeltaLimit = std::numeric_limits<qint32>::max(); // a suffix array's length is an int
+constexpr qint64 TableSize = qint64(90) << 20; // of the tables that speed up generation
+
+class SliceMaker
 {
 public:
-    Maker(const QString &oldPath, const QString &newPath, const PatchMakerOptions &options,
-          PatchSummary &summary)
+    SliceMaker(const QString &oldBundle, const QString &newBundle, const PlannedFile &file)
+        : m_old(oldBundle + u'/' + file.path)
+        , m_new(newBundle + u'/' + file.path)
+        , m_transport(file.transport)
+    {
+    }
+
+    qint64 newSize() const { return QFileInfo(m_new).size(); }
+
+    /// The memory that `make` takes, in bytes.
+    qint64 cost() const
+    {
+        return m_transport == Transport::Whole ? newSize()
+                                               : 9 * QFileInfo(m_old).size() + 3 * newSize() + TableSize;
+    }
+
+    /// `progress` hears how many of the new file's bytes are worked off.
+    ZELError make(FileSlice &slice, const std::function<void(qint64)> &progress) const
+    {
+        try {
+            return makeAny(slice, progress);
+        } catch (const std::bad_alloc &) {
+            return ZELError::withMessage(QLatin1String("memory is exhausted by ") + m_new);
+        }
+    }
+
+private:
+    ZELError makeAny(FileSlice &slice, const std::function<void(qint64)> &progress) const
+    {
+        if (m_transport == Transport::Whole)
+            return makeWhole(slice);
+        const bool possible = QFileInfo(m_old).size() < DeltaLimit && newSize() < DeltaLimit;
+        // A failure is not worth a larger patch that nobody asked for.
+        if (possible && !makeDelta(slice, progress))
+            return ZELError::withMessage(QLatin1String("cannot make a delta of ") + m_new);
+        if (m_transport == Transport::Smaller) {
+            FileSlice whole;
+            if (const ZELError error = makeWhole(whole))
+                return error;
+            if (!possible || estimateXZ(whole.bytes) < estimateXZ(slice.bytes))
+                slice = std::move(whole);
+        } else if (!possible) {
+            return ZELError::withMessage(QLatin1String("cannot make a delta of ") + m_new
+                                         + QLatin1String("; an executable cannot travel in another way"));
+        }
+        return {};
+    }
+
+    ZELError makeWhole(FileSlice &slice) const
+    {
+        std::optional<QByteArray> bytes = readFile(m_new);
+        if (!bytes)
+            return ZELError::withMessage(QLatin1String("cannot read ") + m_new);
+        slice.bytes = std::move(*bytes);
+        return {};
+    }
+
+    bool makeDelta(FileSlice &slice, const std::function<void(qint64)> &progress) const
+    {
+        auto delta =
+            zel::makeDelta(QFile::encodeName(m_old).toStdString(), QFile::encodeName(m_new).toStdString(),
+                           [&, size = newSize()](qint64 done, qint64 total) {
+                               progress(qint64(double(size) * double(done) / double(total)));
+                           });
+        const auto oldBytes = readFile(m_old);
+        const auto newBytes = readFile(m_new);
+        if (!delta || !oldBytes || !newBytes)
+            return false;
+        delta = compactDelta(bytesOf(*oldBytes), bytesOf(*newBytes), bytesOf(*delta));
+        if (!delta)
+            return false;
+        slice.action = PatchAction::Patch;
+        slice.bytes = QByteArray(reinterpret_cast<const char *>(delta->data()), qsizetype(delta->size()));
+        slice.hash = MD5FromData(*newBytes);
+        return true;
+    }
+
+    static std::span<const unsigned char> bytesOf(const auto &bytes)
+    {
+        return {reinterpret_cast<const unsigned char *>(bytes.data()), size_t(bytes.size())};
+    }
+
+    QString m_old;
+    QString m_new;
+    Transport m_transport;
+};
+
+// Makes the slices of files side by side, one per processor, the costliest first, as long as what they need
+// together stays within `memory` bytes; a file that needs more is done alone. `progress` hears the path of
+// each file that is begun or goes on, and how many bytes of new files are done by then: one call at a time,
+// on any thread. Gives the slices in the order of `files`. After an error no more files are begun.
+ZELError makeFileSlices(const QString &oldBundle, const QString &newBundle,
+                        const std::vector<PlannedFile> &files, qint64 memory,
+                        const std::function<void(const QString &path, qint64 done)> &progress,
+                        std::vector<FileSlice> &slices)
+{
+    std::vector<SliceMaker> makers;
+    std::vector<qint64> costs;
+    for (const PlannedFile &file : files) {
+        makers.emplace_back(oldBundle, newBundle, file);
+        costs.push_back(makers.back().cost());
+    }
+    slices.assign(files.size(), {});
+    std::mutex mutex;
+    ZELError first;
+    qint64 done = 0;
+    const auto job = [&](size_t i) {
+        std::unique_lock lock(mutex);
+        if (first)
+            return;
+        progress(files[i].path, done);
+        lock.unlock();
+        qint64 ownDone = 0;
+        const auto advance = [&](qint64 ownBytes) {
+            const std::lock_guard guard(mutex);
+            done += ownBytes - std::exchange(ownDone, ownBytes);
+            progress(files[i].path, done);
+        };
+        const ZELError error = makers[i].make(slices[i], advance);
+        lock.lock();
+        done += makers[i].newSize() - ownDone;
+        if (error && !first)
+            first = error;
+    };
+    runJobs(costs, job, memory);
+    return first;
+}
+
+class PatchAssembly
+{
+public:
+    PatchAssembly(const QString &oldPath, const QString &newPath, const PatchMakerOptions &options,
+                  PatchSummary &summary)
         : m_old(oldPath)
         , m_new(newPath)
         , m_options(options)
@@ -64,7 +226,7 @@ public:
         if (const ZELError error =
                 makeFileSlices(m_old, m_new, m_plan.files, m_options.memory, progress, slices))
             return error;
-        if (const ZELError error = makeRoom(slices))
+        if (const ZELError error = reservePayload(slices))
             return error;
         for (size_t i = 0; i < slices.size(); ++i) {
             append(m_plan.files[i].path, slices[i]);
@@ -93,19 +255,19 @@ private:
         std::set<QString> changed;
         for (const auto &[path, item] : after) {
             const auto old = before.find(path);
-            if (item.kind == BundleItem::File && old != before.end() && old->second.kind == BundleItem::File
+            if (item.kind == TreeItem::File && old != before.end() && old->second.kind == TreeItem::File
                 && (item.size != old->second.size
                     || !haveSameContent(m_old + u'/' + path, m_new + u'/' + path)))
                 changed.insert(path);
         }
         for (const auto &[path, item] : after) {
-            if (item.kind == BundleItem::File && (changed.contains(path) || !before.contains(path)))
+            if (item.kind == TreeItem::File && (changed.contains(path) || !before.contains(path)))
                 m_total += item.size;
         }
         return changed;
     }
 
-    ZELError makeRoom(const std::vector<FileSlice> &slices)
+    ZELError reservePayload(const std::vector<FileSlice> &slices)
     {
         qint64 size = 0;
         for (const FileSlice &slice : slices)
@@ -164,24 +326,6 @@ QString faultOf(const QVariantList &log)
     return {};
 }
 
-} // namespace
-
-QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QString &patchPath)
-{
-    if (const QString fault = faultOf(log); !fault.isEmpty())
-        return fault;
-    PatchFile file;
-    const ZELError error = PatchFile::read(patchPath, {.oldBundle = treeSize(oldPath)}, file);
-    return error ? error.message : QStringLiteral("memory is exhausted");
-}
-
-qint64 halfOfMemory()
-{
-    return qint64(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE) / 2;
-}
-
-namespace {
-
 ZELError prove(const QString &oldPath, const QString &newPath, const QString &patchPath,
                const QString &folder)
 {
@@ -203,13 +347,27 @@ ZELError prove(const QString &oldPath, const QString &newPath, const QString &pa
 
 } // namespace
 
+QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QString &patchPath)
+{
+    if (const QString fault = faultOf(log); !fault.isEmpty())
+        return fault;
+    PatchFile file;
+    const ZELError error = PatchFile::read(patchPath, {.oldBundle = treeSize(oldPath)}, file);
+    return error ? error.message : QStringLiteral("memory is exhausted");
+}
+
+qint64 halfOfMemory()
+{
+    return qint64(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE) / 2;
+}
+
 ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
                    const PatchMakerOptions &options, PatchSummary &summary)
 {
     if (liesWithin(patchPath, oldPath) || liesWithin(patchPath, newPath))
         return ZELError::withMessage(patchPath + QLatin1String(" lies in a bundle; put the patch elsewhere"));
-    Maker maker(oldPath, newPath, options, summary);
-    if (const ZELError error = maker.plan())
+    PatchAssembly assembly(oldPath, newPath, options, summary);
+    if (const ZELError error = assembly.plan())
         return error;
     // Beside the patch, so that its new name is a rename and the proof has the space that the patch's folder
     // has. Made before the long work, which would be lost if nothing can be written there.
@@ -217,12 +375,12 @@ ZELError makePatch(const QString &oldPath, const QString &newPath, const QString
     if (!folder.isValid())
         return ZELError::withMessage(QLatin1String("cannot write ") + patchPath + QLatin1String(": ")
                                      + folder.errorString());
-    if (const ZELError error = maker.addFiles())
+    if (const ZELError error = assembly.addFiles())
         return error;
     if (options.progress)
         options.progress(QStringLiteral("compressing"), 0, 0);
     QByteArray bytes;
-    if (const ZELError error = maker.encode(bytes))
+    if (const ZELError error = assembly.encode(bytes))
         return error;
     const QString aside = folder.filePath(QStringLiteral("patch"));
     if (const ZELError error = writeFileAtomically(aside, bytes))

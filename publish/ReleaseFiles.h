@@ -23,4 +23,21 @@ ZELError settleFile(const QString &path, QJsonObject &facts);
 /// Brings the names in a folder to the disk.
 ZELError settleFolder(const QString &path);
 
+/// Makes a folder with those above it that are missing, all of them on the disk, too.
+ZELError makeDurableFolder(const QString &folder);
+
+/// Whether something is at a path, if only a link to nothing. What cannot be looked at is not taken for
+/// missing.
+ZELError lookAt(const QString &path, bool &isThere);
+
+/// A size for people, such as "12.3 MB".
+QString sizeText(qint64 bytes);
+
+/// Writes a zip archive of a bundle: the bundle's folder is the archive's one item at the top. Times and
+/// symbolic links are kept; the modes are 0755 for folders and programs and 0644 for other files, whatever
+/// they were. The size is never a multiple of 32768, which would leave the archive without a hash
+/// (MD5FromData.h). The same bundle always gives the same bytes. What stood at `zipPath` is replaced once the
+/// archive is whole.
+ZELError writeBundleZip(const QString &bundle, const QString &zipPath);
+
 } // namespace zel

@@ -11,7 +11,6 @@
 #include "ReleaseFiles.h"
 #include "seal/BundleSeal.h"
 #include "seal/SealSigners.h"
-#include "ZipWriter.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -23,7 +22,27 @@
 #include <fcntl.h>
 #include <optional>
 #include <sys/file.h>
-#include <sys/stat.h>
+
+// A release folder is served while releases are added to it, and clients may ask at any moment, so that
+// whatever lies in it under a name that a record gives has to be whole at every moment, a power cut included.
+// That decides the order:
+//
+//   lock     One process at a time (".lock"; the system lets go of it however its holder ends). The feed is
+//   read again
+//            under the lock, and what killed processes left is swept: nobody else can be working there.
+//   scratch  Archive, patches and notes are made in ".release-XXXXXX", private and never served. The archive
+//   is proved
+//            by unpacking it, each patch by applying it, and each file is on the disk before its hash is
+//            told.
+//   files    They are moved into place, and the folder is brought to the disk. Names hold the build, so that
+//   they meet
+//            nothing that the feed names already.
+//   feed     "releases.json" is written last, aside and renamed.
+//
+// So a kill leaves: before "files" a scratch folder, which the next release sweeps; before "feed" files that
+// no record names, which harm nobody and are replaced when the build is released again. A record without its
+// files, which would break every client, is never there. After an error the files are removed, but only if
+// the feed surely names none.
 
 namespace zel {
 
@@ -52,21 +71,6 @@ QString addressOf(const QString &name)
 QString nameOf(const QJsonValue &address)
 {
     return QUrl::fromPercentEncoding(address.toString().toLatin1());
-}
-
-QString sizeText(qint64 bytes)
-{
-    return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
-}
-
-// Whether something is at a path, if only a link to nothing. What cannot be looked at is not taken for
-// missing.
-ZELError lookAt(const QString &path, bool &isThere)
-{
-    struct stat status;
-    isThere = ::lstat(QFile::encodeName(path).constData(), &status) == 0;
-    return isThere || errno == ENOENT ? ZELError()
-                                      : ZELError::fromErrno(QLatin1String("cannot look at ") + path, errno);
 }
 
 struct Build {
@@ -355,23 +359,10 @@ private:
     QStringList m_moved;
 };
 
-// On the disk, too, with those above it that are missing.
-ZELError makeFolder(const QString &folder)
-{
-    if (QFileInfo(folder).isDir())
-        return {};
-    const QString above = QFileInfo(folder).path();
-    if (const ZELError error = makeFolder(above))
-        return error;
-    if (::mkdir(QFile::encodeName(folder).constData(), 0777) != 0 && errno != EEXIST)
-        return ZELError::fromErrno(QLatin1String("cannot make the folder ") + folder, errno);
-    return settleFolder(above);
-}
-
 ZELError lockFolder(const QString &folder, const std::function<void(const QString &)> &say,
                     FileDescriptor &lock)
 {
-    if (const ZELError error = makeFolder(folder))
+    if (const ZELError error = makeDurableFolder(folder))
         return error;
     const QByteArray name = QFile::encodeName(folder + LockName);
     lock = FileDescriptor(::open(name.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666));

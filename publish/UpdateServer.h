@@ -25,7 +25,9 @@ class HttpServer;
 ///  - POST to "/wexmoor7/updates/patch/": a patch log of at most 32 MiB, stored as a file in the folder's
 ///    "logs", which is never served, as long as the disk has room;
 ///  - any other POST: a check, of at most 64 KiB, answered with the feed, its addresses made absolute.
-/// What type a body says that it has does not matter. HttpServer.h says what else peers are held to.
+/// What type a body says that it has does not matter. A peer has ten seconds to ask, and more only while what
+/// it sends comes at 16 KiB a second or more; what it is sent it has to take at 1 KiB a second or more. Peers
+/// that are idle, however many, keep nobody out.
 class UpdateServer
 {
 public:

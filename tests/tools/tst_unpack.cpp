@@ -1,5 +1,5 @@
 // zel-unpack run as a program, on good, broken and hostile archives.
-#include "publish/ZipWriter.h"
+#include "publish/ReleaseFiles.h"
 #include "support/TemporaryTree.h"
 #include "support/ZipMaker.h"
 #include "zel-unpack/SafetyCheck.h"
