@@ -52,11 +52,20 @@ void removeLeftovers()
     }
 }
 
+// What still works on the leftovers, here or in a child that is started yet, sees them vanish. What it has to
+// say of that is of no use to anybody.
+void sayNoMore()
+{
+    if (const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC); nowhere >= 0)
+        ::dup2(nowhere, STDERR_FILENO);
+}
+
 void awaitInterruption()
 {
     unsigned char signal = 0;
     while (::read(interruptions[0], &signal, 1) != 1) { }
     guard().lock(); // for good
+    sayNoMore();
     removeLeftovers();
     ::raise(signal); // whose handler is the system's by now
 }
