@@ -5,6 +5,8 @@
 
 #include <QFile>
 
+#include <fstream>
+
 namespace bench {
 namespace {
 
@@ -23,11 +25,12 @@ struct Pair {
     fs::path bundle(const char *side) const
     {
         const fs::path item = data / (name + '.' + side);
-        if (fs::is_directory(item))
-            return item;
-        const fs::path folder = data / (name + '-' + side);
+        const fs::path folder = fs::is_directory(item) ? item : data / (name + '-' + side);
         if (fs::create_directory(folder))
             fs::create_hard_link(item, folder / "program");
+        if (!fs::exists(folder / "Info.plist")) // without which it is no bundle
+            std::ofstream(folder / "Info.plist") << "<plist version=\"1.0\"><dict><key>CFBundleVersion</key>"
+                                                    "<string>1</string></dict></plist>";
         return folder;
     }
 

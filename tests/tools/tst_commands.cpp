@@ -149,6 +149,8 @@ private slots:
         row("md5|{}/chunk|--json", 0, R"(^\{"md5":""\}\n$)", "^$");
         row("make-patch|{}/100/My App.app|{}/none.app|{}/p", 1, "^$", "there is no bundle .*none.app");
         row("make-patch|{}/100/My App.app|{}/a|{}/p", 1, "^$", "/a is not a folder");
+        row("make-patch|{}/100/My App.app|{}/linked|{}/p", 1, "^$",
+            "linked is not a bundle: it has no Info.plist");
         row("make-patch|{}/100|{}/101/My App.app|{}/p", 1, "^$",
             "Contents/MacOS/example; .*--allow-lost-modes");
         row("make-patch|{}/100|{}/101/My App.app|{}/p|--allow-lost-modes", 0, "without their executable bit",
@@ -184,7 +186,7 @@ private slots:
         row("sign|{}/bare/My App.app|--key|{}/ed.key|--cert|{}/maker.crt", 1, "^$",
             "cannot seal: it takes an RSA key of 2048 to 8192 bits");
         row("verify|{}/100/My App.app", 0, "is valid, sealed by CN = maker \\([0-9a-f]{64}\\)\n$", "^$");
-        row("verify|{}/100/My App.app|--signer|00", 1, "^$", ".");
+        row("verify|{}/100/My App.app|--signer|zz", 2, "^$", "--signer takes a SHA-256 fingerprint .*'zz'");
         row("check|--url|http://127.0.0.1:9/", 2, "^$", "--build is missing");
         row("check|--url|ftp://h/|--build|1", 2, "^$", "--url takes an http or https address");
         row("check|--url|http://127.0.0.1:9/|--build|one", 2, "^$", "--build takes a whole number");
@@ -196,6 +198,10 @@ private slots:
         row("check|--url|http://127.0.0.1:9/|--build|1|--path|{}", 1, "^$", "has no Info.plist");
         row("update|--url|http://127.0.0.1:9/|--path|{}/none.app", 1, "^$", "none.app is not a bundle");
         row("update|--url|http://127.0.0.1:9/|--path|{}", 1, "^$", "is not a bundle: it has no Info.plist");
+        row("update|--url|http://127.0.0.1:9/|--path|{}/100/My App.app|--staging|{}/a", 1, "^$",
+            "update: .*/a is not a folder");
+        row("update|--url|http://127.0.0.1:9/|--path|{}/100/My App.app|--signer|00", 2, "^$",
+            "--signer takes a SHA-256 fingerprint");
         row("release|{}/case/My App.app|{}/r0", 1, "^$",
             "by case\nzelupdater release: .* could not be installed");
         row("release|{}/100|{}/r0", 1, "^$", "CFBundleVersion");

@@ -13,6 +13,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+namespace zel::tool {
+
 namespace {
 
 int lostOutput = 0; // the errno value of the first result that could not be written
@@ -29,10 +31,10 @@ void print(FILE *stream, const QString &line)
 // Lines name what strangers named: paths of a patch, versions of a feed. None of them steers the terminal.
 QString safe(const QString &line)
 {
-    return QString::fromStdString(zel::safeText(line.toStdString()));
+    return QString::fromStdString(safeText(line.toStdString()));
 }
 
-QString usageLine(const Command &command)
+QString usageLine(const ToolCommand &command)
 {
     QString line = QLatin1String("zelupdater ") + command.name;
     for (const QString &name : command.positionals)
@@ -186,7 +188,4 @@ bool finishOutput()
     return false;
 }
 
-QString sizeText(qint64 bytes)
-{
-    return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
-}
+} // namespace zel::tool

@@ -1,4 +1,4 @@
-// The frame of the tool's commands: what each takes, and how it reports.
+// The frame of the tool's commands: what each takes, and the ways in which it ends.
 #pragma once
 
 #include <QCommandLineParser>
@@ -7,14 +7,16 @@
 
 #include <cstdio>
 #include <memory>
-#include <vector>
+#include <optional>
+
+namespace zel::tool {
 
 class Arguments;
 
 /// Exit statuses.
 enum ExitStatus { Done = 0, JobFailed = 1, WrongUsage = 2 };
 
-struct Command {
+struct ToolCommand {
     QString name;
     QStringList positionals; ///< their names, as usage lines show them
     QString summary;
@@ -23,19 +25,16 @@ struct Command {
     int (*run)(const Arguments &arguments);
 };
 
-/// All commands, in the order in which help shows them.
-const std::vector<Command> &allCommands();
-
 /// The parsed arguments of one command, and its two ways to end.
 ///
-/// With --json, exactly one JSON value goes to standard output, whether the job was done, failed or was never begun;
-/// whatever else is written there (by the delta engine, by a child process) goes to standard error. Without it, text
-/// goes to standard output; errors go to standard error, one line each, in both cases. Each text is shown as one line
-/// that is safe for a terminal, whoever chose its words.
+/// With --json, exactly one JSON value goes to standard output, whether the job was done, failed or was never
+/// begun; whatever else is written there (by the delta engine, by a child process) goes to standard error.
+/// Without it, text goes to standard output; errors go to standard error, one line each, in both cases. Each
+/// text is shown as one line that is safe for a terminal, whoever chose its words.
 class Arguments
 {
 public:
-    explicit Arguments(const Command &command)
+    explicit Arguments(const ToolCommand &command)
         : m_command(command)
     {
     }
@@ -48,13 +47,14 @@ public:
     QString value(const QString &option) const { return m_parser.value(option); }
     QStringList values(const QString &option) const { return m_parser.values(option); }
 
-    /// An option's whole number; reports wrong usage and gives nothing when it is not one between `least` and `most`.
+    /// An option's whole number; reports wrong usage and gives nothing when it is not one between `least` and
+    /// `most`.
     std::optional<qint64> number(const QString &option, qint64 least, qint64 most) const;
 
     bool json() const { return isSet(QStringLiteral("json")); }
 
-    /// Ends a command that did its job: prints `text`, or `value` with --json. A result that cannot be written is a
-    /// failure of the command.
+    /// Ends a command that did its job: prints `text`, or `value` with --json. A result that cannot be
+    /// written is a failure of the command.
     int done(const QString &text, const QJsonValue &value) const;
 
     /// Ends a command that failed; `value` is printed with --json, {"error": message} when it is not given.
@@ -66,7 +66,8 @@ public:
     /// Prints a line of text on standard output at once; nothing with --json.
     void say(const QString &line) const;
 
-    /// Shows, on a terminal, how far a long job is; nothing when standard error is not one. An empty text clears it.
+    /// Shows, on a terminal, how far a long job is; nothing when standard error is not one. An empty text
+    /// clears it.
     static void showProgress(const QString &text);
 
 private:
@@ -78,7 +79,7 @@ private:
     void printJson(const QJsonValue &value) const;
     void printHelp() const;
 
-    const Command &m_command;
+    const ToolCommand &m_command;
     QCommandLineParser m_parser;
     std::unique_ptr<std::FILE, CloseStream> m_json; ///< with --json, what was standard output
 };
@@ -86,5 +87,4 @@ private:
 /// Whether all that was written to standard output got there; says on standard error when it did not.
 bool finishOutput();
 
-/// A size for people, such as "12.3 MB".
-QString sizeText(qint64 bytes);
+} // namespace zel::tool

@@ -1,23 +1,15 @@
-// The commands, grouped by what they work on.
+// The list of commands. Each group has a file of its name; main.cpp puts them together.
 #pragma once
 
 #include "Arguments.h"
 
-std::vector<Command> deltaCommands(); // diff, patch, md5
-std::vector<Command> patchCommands(); // make-patch, apply-patch, test-patch, inspect-patch
-std::vector<Command> sealCommands(); // sign, verify
-std::vector<Command> updateCommands(); // check, update
-std::vector<Command> publishCommands(); // release, serve
+#include <vector>
 
-/// Why a file cannot be read; a null string when it can.
-QString unreadable(const QString &path);
+namespace zel::tool {
 
-/// Shows on a terminal what the patch maker is at.
-void showPatchProgress(const QString &step, qint64 done, qint64 total);
+std::vector<ToolCommand> deltaCommands(); // diff, patch, md5
+std::vector<ToolCommand> patchCommands(); // make-patch, apply-patch, test-patch, inspect-patch
+std::vector<ToolCommand> publishCommands(); // sign, verify, release, serve
+std::vector<ToolCommand> updateCommands(); // check, update
 
-/// --memory, for the commands that make patches, and its value in bytes; wrong usage is reported and gives nothing.
-QCommandLineOption memoryOption();
-std::optional<qint64> memoryBudget(const Arguments &arguments);
-
-/// --signer, for the commands that check seals.
-QCommandLineOption signerOption();
+} // namespace zel::tool

@@ -1,9 +1,11 @@
 #include "Commands.h"
+#include "CommonOptions.h"
 #include "delta/bspatch2.h"
 #include "generate/makedelta.h"
 #include "install/MD5Digest.h"
 #include "platform/FileContents.h"
 #include "publish/Interrupt.h"
+#include "publish/ReleaseFiles.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -11,7 +13,7 @@
 
 #include <filesystem>
 
-using namespace zel;
+namespace zel::tool {
 
 namespace {
 
@@ -84,17 +86,7 @@ int runMd5(const Arguments &arguments)
 
 } // namespace
 
-QString unreadable(const QString &path)
-{
-    const QFileInfo file(path);
-    if (!file.exists())
-        return QLatin1String("there is no file ") + path;
-    if (!file.isFile())
-        return path + QLatin1String(" is not a file");
-    return file.isReadable() ? QString() : QLatin1String("cannot read ") + path;
-}
-
-std::vector<Command> deltaCommands()
+std::vector<ToolCommand> deltaCommands()
 {
     const auto word = [](const char *text) { return QString::fromLatin1(text); };
     return {
@@ -119,3 +111,5 @@ std::vector<Command> deltaCommands()
          runMd5},
     };
 }
+
+} // namespace zel::tool

@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "CommonOptions.h"
 #include "install/PatchFile.h"
 #include "install/PatchLog.h"
 #include "install/ZELUpdaterApplyPatch.h"
@@ -7,22 +8,19 @@
 #include "publish/Interrupt.h"
 #include "publish/PatchMaker.h"
 #include "publish/PatchWriter.h"
+#include "publish/ReleaseFiles.h"
 
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
 
-using namespace zel;
+namespace zel::tool {
 
 namespace {
 
-QString absolute(const QString &path)
-{
-    return QDir::cleanPath(QFileInfo(path).absoluteFilePath());
-}
-
-QString notABundle(const QString &path)
+// A folder that a patch can be made from, or applied to.
+QString folderProblem(const QString &path)
 {
     if (!QFileInfo::exists(path))
         return QLatin1String("there is no bundle ") + path;
@@ -57,9 +55,12 @@ int runMakePatch(const Arguments &arguments)
     const QString newBundle = absolute(arguments.positional(1));
     const QString patch = absolute(arguments.positional(2));
     for (const QString &bundle : {oldBundle, newBundle}) {
-        if (const QString problem = notABundle(bundle); !problem.isNull())
+        if (const QString problem = folderProblem(bundle); !problem.isNull())
             return arguments.failed(problem);
     }
+    // A bundle that states no build is none that an updater would accept.
+    if (const QString problem = bundleProblem(newBundle); !problem.isNull())
+        return arguments.failed(problem);
     const std::optional<qint64> memory = memoryBudget(arguments);
     if (!memory)
         return WrongUsage;
@@ -77,11 +78,11 @@ int runMakePatch(const Arguments &arguments)
                           summaryJson(summary));
 }
 
-// What keeps a patch from being applied; a null string when nothing is seen. What stands at the new bundle's place is
-// removed before the patch is read.
+// What keeps a patch from being applied; a null string when nothing is seen. What stands at the new bundle's
+// place is removed before the patch is read.
 QString misplaced(const QString &oldBundle, const QString &newBundle, const QString &patch)
 {
-    if (const QString problem = notABundle(oldBundle); !problem.isNull())
+    if (const QString problem = folderProblem(oldBundle); !problem.isNull())
         return problem;
     if (const QString problem = unreadable(patch); !problem.isNull())
         return problem;
@@ -121,7 +122,7 @@ int runTestPatch(const Arguments &arguments)
     const QString newBundle = absolute(arguments.positional(1));
     const QString patch = absolute(arguments.positional(2));
     const QString expected = absolute(arguments.positional(3));
-    for (const QString &problem : {misplaced(oldBundle, newBundle, patch), notABundle(expected)}) {
+    for (const QString &problem : {misplaced(oldBundle, newBundle, patch), folderProblem(expected)}) {
         if (!problem.isNull())
             return arguments.failed(problem);
     }
@@ -208,29 +209,7 @@ int runInspectPatch(const Arguments &arguments)
 
 } // namespace
 
-QCommandLineOption memoryOption()
-{
-    return {
-        QStringLiteral("memory"),
-        QStringLiteral("Memory for files worked on at the same time; half of the machine's unless given."),
-        QStringLiteral("MIB")};
-}
-
-std::optional<qint64> memoryBudget(const Arguments &arguments)
-{
-    if (!arguments.isSet(QStringLiteral("memory")))
-        return halfOfMemory();
-    const auto mebibytes = arguments.number(QStringLiteral("memory"), 1, qint64(1) << 30);
-    return mebibytes ? std::optional(*mebibytes << 20) : std::nullopt;
-}
-
-void showPatchProgress(const QString &step, qint64 done, qint64 total)
-{
-    const QString share = total > 0 ? QStringLiteral("%1 % ").arg(100 * done / total) : QString();
-    Arguments::showProgress(share + step);
-}
-
-std::vector<Command> patchCommands()
+std::vector<ToolCommand> patchCommands()
 {
     const auto word = [](const char *text) { return QString::fromLatin1(text); };
     return {
@@ -261,3 +240,5 @@ std::vector<Command> patchCommands()
          runInspectPatch},
     };
 }
+
+} // namespace zel::tool

@@ -1,23 +1,69 @@
 #include "Commands.h"
+#include "CommonOptions.h"
+#include "platform/BundleInfo.h"
+#include "publish/Interrupt.h"
 #include "publish/ReleaseFolder.h"
 #include "publish/UpdateServer.h"
+#include "seal/BundleSeal.h"
+#include "seal/SealSigners.h"
 
-#include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QUrl>
 
 #include <cerrno>
 #include <cstring>
 
-using namespace zel;
+namespace zel::tool {
 
 namespace {
 
+int runSign(const Arguments &arguments)
+{
+    const QString bundle = arguments.positional(0);
+    const std::optional<QVariantMap> info = bundleInfo(bundle);
+    if (!info)
+        return arguments.failed(bundle + QLatin1String(" is not a bundle: there is no such folder"));
+    if (info->isEmpty())
+        return arguments.failed(
+            bundle
+            + QLatin1String(
+                " has no Info.plist that can be read: updaters find the build there, as CFBundleVersion"));
+    const Uninterrupted sealing;
+    const ZELError error =
+        sealBundle(bundle, arguments.value(QStringLiteral("key")), arguments.value(QStringLiteral("cert")));
+    if (error)
+        return arguments.failed(error.message);
+    return arguments.done(bundle + QLatin1String(" is sealed"), QJsonObject{{QLatin1String("sealed"), true}});
+}
+
+int runVerify(const Arguments &arguments)
+{
+    const QString bundle = arguments.positional(0);
+    const std::optional<QStringList> accepted = acceptedSigners(arguments);
+    if (!accepted)
+        return WrongUsage;
+    const ZELError error = verifySeal(bundle, accepted->isEmpty() ? SignerPins() : *accepted);
+    if (error)
+        return arguments.failed(
+            error.message,
+            QJsonObject{{QLatin1String("valid"), false}, {QLatin1String("error"), error.message}});
+    QStringList names;
+    QJsonArray signers;
+    for (const SealSigner &signer : sealSigners(bundle)) {
+        names.append(QStringLiteral("%1 (%2)").arg(signer.subject, signer.fingerprint));
+        signers.append(QJsonObject{{QLatin1String("subject"), signer.subject},
+                                   {QLatin1String("fingerprint"), signer.fingerprint}});
+    }
+    return arguments.done(bundle + QLatin1String(" is valid, sealed by ") + names.join(QLatin1String(", ")),
+                          QJsonObject{{QLatin1String("valid"), true}, {QLatin1String("signers"), signers}});
+}
+
 int runRelease(const Arguments &arguments)
 {
-    const QString bundle = QDir::cleanPath(QFileInfo(arguments.positional(0)).absoluteFilePath());
-    const QString folder = QDir::cleanPath(QFileInfo(arguments.positional(1)).absoluteFilePath());
+    const QString bundle = absolute(arguments.positional(0));
+    const QString folder = absolute(arguments.positional(1));
     const std::optional<qint64> memory = memoryBudget(arguments);
     if (!memory)
         return WrongUsage;
@@ -91,10 +137,18 @@ int runServe(const Arguments &arguments)
 
 } // namespace
 
-std::vector<Command> publishCommands()
+std::vector<ToolCommand> publishCommands()
 {
     const auto word = [](const char *text) { return QString::fromLatin1(text); };
     return {
+        {word("sign"),
+         {word("BUNDLE")},
+         word("Seal a bundle."),
+         {{word("key"), word("The signer's private key, a PEM file."), word("PEM")},
+          {word("cert"), word("The signer's certificate, a PEM file."), word("PEM")}},
+         {word("key"), word("cert")},
+         runSign},
+        {word("verify"), {word("BUNDLE")}, word("Check a bundle's seal."), {signerOption()}, {}, runVerify},
         {word("release"),
          {word("BUNDLE"), word("DIR")},
          word("Add a sealed bundle to a release folder: archive, patches, record."),
@@ -118,3 +172,5 @@ std::vector<Command> publishCommands()
          runServe},
     };
 }
+
+} // namespace zel::tool

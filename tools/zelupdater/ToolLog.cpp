@@ -7,6 +7,8 @@
 #include <cstring>
 #include <mutex>
 
+namespace zel::tool {
+
 namespace {
 
 std::mutex mutex;
@@ -22,7 +24,7 @@ void take(QtMsgType type, const QMessageLogContext &context, const QString &mess
         last = message;
     if (isDiagnostic && !isShown)
         return;
-    const std::string line = zel::safeText(qFormatLogMessage(type, context, message).toStdString()) + '\n';
+    const std::string line = safeText(qFormatLogMessage(type, context, message).toStdString()) + '\n';
     std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
@@ -41,3 +43,5 @@ QString lastDiagnostic()
     const std::lock_guard lock(mutex);
     return last;
 }
+
+} // namespace zel::tool

@@ -1,19 +1,200 @@
 #include "check/UpdateCheck.h"
 #include "Commands.h"
+#include "common/HostConfig.h"
 #include "common/WireValues.h"
+#include "CommonOptions.h"
+#include "install/DownloadFraction.h"
+#include "install/StagingFolder.h"
+#include "install/UpdateInstaller.h"
 #include "platform/BundleInfo.h"
+#include "platform/Queues.h"
+#include "publish/Interrupt.h"
+#include "seal/SealSigners.h"
 #include "ToolLog.h"
-#include "UpdateRun.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonObject>
+#include <QString>
 #include <QUrl>
 
-using namespace zel;
+namespace zel::tool {
 
 namespace {
+
+QJsonObject outcome(qint64 status, const QString &text, const QString &path)
+{
+    return {{QLatin1String("status"), status},
+            {QLatin1String("text"), text},
+            {QLatin1String("path"), path.isNull() ? QJsonValue() : QJsonValue(path)}};
+}
+
+// What nobody uses is swept from the root, so in the user's folder it is one of our own.
+QString stagingRootIn(const QString &folder)
+{
+    return folder.isEmpty()
+        ? stagingRoot()
+        : QFileInfo(folder).absoluteFilePath() + QLatin1String("/update-") + newUUID().left(8);
+}
+
+// As short as it can be in the folder where the user is; scripts get the whole path.
+QString shownHere(const QString &path)
+{
+    const QString relative = QDir().relativeFilePath(path);
+    return relative.startsWith(QLatin1String("../")) ? path : relative;
+}
+
+// What a check result offers, in words: "build 101 (version 1.1), as a patch from build 100".
+QString offerText(const CheckResult &result)
+{
+    const UpdateRecord update = result.update.value_or(UpdateRecord());
+    QString text = QLatin1String("build ") + QString::number(update.build);
+    if (!update.version.isEmpty())
+        text += QLatin1String(" (version ") + update.version + u')';
+    if (result.patch)
+        text += QLatin1String(", as a patch from build ") + QString::number(result.patch->build);
+    return text;
+}
+
+QString withReason(const QString &text, const QString &otherwise, const Arguments &arguments)
+{
+    if (const QString reason = lastDiagnostic(); !reason.isEmpty())
+        return text + QLatin1String(": ") + reason;
+    const bool isShown = arguments.isSet(QStringLiteral("verbose"));
+    return text + otherwise + (isShown ? QString() : QStringLiteral(" (--verbose shows why)"));
+}
+
+// That a check had no answer, with the reason or the way to it; `text` is the status's.
+QString noAnswerText(const QString &text, const Arguments &arguments)
+{
+    return withReason(
+        text, QLatin1String(": no usable answer from ") + arguments.value(QStringLiteral("url")), arguments);
+}
+
+// A whole update without a window: check, download, install, each step told in a line.
+class UpdateRun
+{
+public:
+    // `config` is what a host would have said. Of the arguments, "staging" is read.
+    UpdateRun(const HostConfig &config, const Arguments &arguments);
+
+    // Runs the update in an event loop and returns the exit status.
+    int exec();
+
+private:
+    void checked(qint64 status, const QVariantMap &result);
+    void progressed(qint64 received, qint64 expected);
+    void uploadLog(const QVariantList &log);
+    void installed(qint64 status, const QString &path);
+    void end(int exitStatus);
+
+    const HostConfig m_config;
+    const Arguments &m_arguments;
+    std::optional<Leftover>
+        m_unfinished; // a staging folder of the run's own, until the bundle in it is ready
+    std::shared_ptr<UpdateInstaller> m_installer;
+    bool m_startedWithPatch = false;
+    bool m_toldFullArchive = false;
+    int m_uploads = 0; // running log uploads; the tool waits for them
+    std::optional<int> m_exitStatus;
+};
+
+UpdateRun::UpdateRun(const HostConfig &config, const Arguments &arguments)
+    : m_config(config)
+    , m_arguments(arguments)
+{
+    UpdateInstaller::Hooks hooks;
+    hooks.handleLog = [this](const QVariantList &log) { uploadLog(log); };
+    hooks.preparing = [this] {
+        onMainQueue([this] {
+            Arguments::showProgress({});
+            m_arguments.say(QStringLiteral(
+                "Applying the patch to a copy of the bundle, checking every hash and the seal"));
+        });
+    };
+    hooks.progress = [this](qint64 received, qint64 expected) { progressed(received, expected); };
+    const QString root = stagingRootIn(arguments.value(QStringLiteral("staging")));
+    if (arguments.isSet(QStringLiteral("staging")))
+        m_unfinished.emplace(root);
+    m_installer = UpdateInstaller::create(hooks);
+    m_installer->setSettings({m_config.path, root, pinnedSigners(m_config)});
+}
+
+int UpdateRun::exec()
+{
+    m_arguments.say(QLatin1String("Checking ") + m_config.url);
+    checkForUpdates(m_config, [this](qint64 status, const QVariantMap &result, const QVariant &) {
+        checked(status, result);
+    });
+    return QCoreApplication::exec();
+}
+
+void UpdateRun::checked(qint64 status, const QVariantMap &result)
+{
+    const QString text = descriptionForStatus(status);
+    if (status == ZELStatusUnknownError)
+        return end(m_arguments.failed(noAnswerText(text, m_arguments), outcome(status, text, {})));
+    if (const QString diagnostic = lastDiagnostic(); !diagnostic.isEmpty())
+        m_arguments.say(diagnostic);
+    if (status == ZELStatusNoUpdates)
+        return end(m_arguments.done(text, outcome(status, text, {})));
+    const CheckResult offer = CheckResult::fromMap(result);
+    m_arguments.say(QLatin1String("Found ") + offerText(offer));
+    m_startedWithPatch = offer.patch.has_value();
+    if (m_startedWithPatch)
+        m_arguments.say(QStringLiteral("Downloading the bundle patch"));
+    m_installer->setUpdate(result);
+    // A failed transfer is reported off the main queue.
+    m_installer->downloadUpdate([this](qint64 downloadStatus, const QString &path) {
+        onMainQueue([this, downloadStatus, path] { installed(downloadStatus, path); });
+    });
+}
+
+void UpdateRun::progressed(qint64 received, qint64 expected)
+{
+    if (!m_toldFullArchive && !CheckResult::fromMap(m_installer->update()).patch) {
+        m_toldFullArchive = true;
+        Arguments::showProgress({});
+        m_arguments.say(m_startedWithPatch
+                            ? QStringLiteral("The patch cannot be used: downloading the full archive instead")
+                            : QStringLiteral("Downloading the full archive"));
+    }
+    if (expected > 0)
+        Arguments::showProgress(
+            QStringLiteral("%1 %").arg(downloadFraction(received, expected) * 100, 0, 'f', 0));
+}
+
+void UpdateRun::uploadLog(const QVariantList &log)
+{
+    ++m_uploads;
+    const QString last =
+        log.isEmpty() ? QString() : log.last().toMap()[QStringLiteral("description")].toString();
+    m_arguments.say(QLatin1String("Sending the patch log to the update server; it ends in: ") + last);
+    uploadPatchLog(m_config, log, [this] {
+        --m_uploads;
+        if (m_exitStatus)
+            end(*m_exitStatus);
+    });
+}
+
+void UpdateRun::installed(qint64 status, const QString &path)
+{
+    m_unfinished.reset();
+    const QString text = descriptionForDownloadStatus(status);
+    const QJsonObject json = outcome(status, text, path);
+    if (path.isNull())
+        end(m_arguments.failed(withReason(text, {}, m_arguments), json));
+    else
+        end(m_arguments.done(text + QLatin1String(": ") + shownHere(path), json));
+}
+
+void UpdateRun::end(int exitStatus)
+{
+    m_exitStatus = exitStatus;
+    if (m_uploads == 0)
+        QCoreApplication::exit(exitStatus);
+}
 
 // The configuration that the options describe; nothing after wrong usage, which is then reported.
 std::optional<HostConfig> configOf(const Arguments &arguments)
@@ -35,23 +216,13 @@ std::optional<HostConfig> configOf(const Arguments &arguments)
     return config;
 }
 
-// What is no bundle has no Info.plist, so its build would pass for 0 and everything for new.
-QString notABundle(const QString &path)
-{
-    const std::optional<QVariantMap> info = bundleInfo(path);
-    if (!info)
-        return path + QLatin1String(" is not a bundle: there is no such folder");
-    return info->isEmpty() ? path + QLatin1String(" is not a bundle: it has no Info.plist that can be read")
-                           : QString();
-}
-
 int runCheck(const Arguments &arguments)
 {
     const std::optional<HostConfig> config = configOf(arguments);
     if (!config)
         return WrongUsage;
     if (arguments.isSet(QStringLiteral("path"))) {
-        if (const QString problem = notABundle(config->path); !problem.isNull())
+        if (const QString problem = bundleProblem(config->path); !problem.isNull())
             return arguments.failed(problem);
     }
     Decision decision;
@@ -79,19 +250,26 @@ int runUpdate(const Arguments &arguments)
     std::optional<HostConfig> config = configOf(arguments);
     if (!config)
         return WrongUsage;
-    if (const QString problem = notABundle(config->path); !problem.isNull())
+    if (const QString problem = bundleProblem(config->path); !problem.isNull())
         return arguments.failed(problem);
     if (!config->build)
         config->build = bundleBuild(config->path).value_or(0);
-    if (arguments.isSet(QStringLiteral("signer")))
-        config->signers = arguments.values(QStringLiteral("signer"));
+    const std::optional<QStringList> signers = acceptedSigners(arguments);
+    if (!signers)
+        return WrongUsage;
+    if (!signers->isEmpty())
+        config->signers = *signers;
+    const QFileInfo staging(arguments.value(QStringLiteral("staging")));
+    if (arguments.isSet(QStringLiteral("staging")) && staging.exists() && !staging.isDir())
+        return arguments.failed(staging.filePath()
+                                + QLatin1String(" is not a folder, so no bundle can be built below it"));
     UpdateRun run(*config, arguments);
     return run.exec();
 }
 
 } // namespace
 
-std::vector<Command> updateCommands()
+std::vector<ToolCommand> updateCommands()
 {
     const auto word = [](const char *text) { return QString::fromLatin1(text); };
     const QCommandLineOption url(word("url"), word("The update server's check address."), word("URL"));
@@ -115,3 +293,5 @@ std::vector<Command> updateCommands()
          runUpdate},
     };
 }
+
+} // namespace zel::tool

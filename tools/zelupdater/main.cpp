@@ -1,5 +1,5 @@
 // zelupdater: makes, applies, inspects and serves updates.
-#include "Arguments.h"
+#include "Commands.h"
 #include "publish/Interrupt.h"
 #include "ToolLog.h"
 
@@ -13,19 +13,35 @@
 #include <langinfo.h>
 #include <unistd.h>
 
+using namespace zel;
+using namespace zel::tool;
+
 namespace {
+
+// In the order in which help shows them.
+const std::vector<ToolCommand> &allCommands()
+{
+    static const std::vector<ToolCommand> commands = [] {
+        std::vector<ToolCommand> all;
+        for (const auto &group : {deltaCommands(), patchCommands(), publishCommands(), updateCommands()})
+            all.insert(all.end(), group.begin(), group.end());
+        return all;
+    }();
+    return commands;
+}
 
 void printUsage(FILE *stream)
 {
     std::fprintf(stream, "Usage: zelupdater COMMAND ARGUMENTS [options]\n\nCommands:\n");
-    for (const Command &command : allCommands()) {
+    for (const ToolCommand &command : allCommands()) {
         const QString words = command.name + u' ' + command.positionals.join(u' ');
         std::fprintf(stream, "  %s %s\n", qPrintable(words.leftJustified(36)), qPrintable(command.summary));
     }
     std::fprintf(stream, "\n'zelupdater COMMAND --help' shows a command's options.\n");
 }
 
-// A descriptor that is closed goes to the next file that is opened, which standard output would then be written into.
+// A descriptor that is closed goes to the next file that is opened, which standard output would then be
+// written into.
 void keepStandardStreams()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -59,7 +75,7 @@ int main(int argc, char *argv[])
         printUsage(stdout);
         return finishOutput() ? Done : JobFailed;
     }
-    for (const Command &command : allCommands()) {
+    for (const ToolCommand &command : allCommands()) {
         if (command.name != name)
             continue;
         words.removeAt(1);

@@ -1,0 +1,82 @@
+#include "CommonOptions.h"
+
+#include "platform/BundleInfo.h"
+#include "publish/PatchMaker.h"
+#include "seal/SealSigners.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+namespace zel::tool {
+
+QString absolute(const QString &path)
+{
+    return QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+}
+
+QString unreadable(const QString &path)
+{
+    const QFileInfo file(path);
+    if (!file.exists())
+        return QLatin1String("there is no file ") + path;
+    if (!file.isFile())
+        return path + QLatin1String(" is not a file");
+    return file.isReadable() ? QString() : QLatin1String("cannot read ") + path;
+}
+
+QString bundleProblem(const QString &path)
+{
+    const std::optional<QVariantMap> info = bundleInfo(path);
+    if (!info)
+        return path + QLatin1String(" is not a bundle: there is no such folder");
+    return info->isEmpty() ? path + QLatin1String(" is not a bundle: it has no Info.plist that can be read")
+                           : QString();
+}
+
+QCommandLineOption memoryOption()
+{
+    return {
+        QStringLiteral("memory"),
+        QStringLiteral("Memory for files worked on at the same time; half of the machine's unless given."),
+        QStringLiteral("MIB")};
+}
+
+std::optional<qint64> memoryBudget(const Arguments &arguments)
+{
+    if (!arguments.isSet(QStringLiteral("memory")))
+        return halfOfMemory();
+    const auto mebibytes = arguments.number(QStringLiteral("memory"), 1, qint64(1) << 30);
+    return mebibytes ? std::optional(*mebibytes << 20) : std::nullopt;
+}
+
+void showPatchProgress(const QString &step, qint64 done, qint64 total)
+{
+    const QString share = total > 0 ? QStringLiteral("%1 % ").arg(100 * done / total) : QString();
+    Arguments::showProgress(share + step);
+}
+
+QCommandLineOption signerOption()
+{
+    return {
+        QStringLiteral("signer"),
+        QStringLiteral("Accept only this signer: the SHA-256 fingerprint of a certificate. May be repeated."),
+        QStringLiteral("FINGERPRINT")};
+}
+
+// Pins that cannot be read accept nobody, which is right for a host; of a person it is a slip, to be told at
+// once.
+std::optional<QStringList> acceptedSigners(const Arguments &arguments)
+{
+    const QStringList signers = arguments.values(QStringLiteral("signer"));
+    for (const QString &signer : signers) {
+        if (!normalFingerprint(signer)) {
+            arguments.misused(
+                QStringLiteral("--signer takes a SHA-256 fingerprint of 64 hexadecimal digits, not '%1'")
+                    .arg(signer));
+            return std::nullopt;
+        }
+    }
+    return signers;
+}
+
+} // namespace zel::tool

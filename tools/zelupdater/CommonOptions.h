@@ -1,0 +1,30 @@
+// What several commands take: paths, bundles, and the options that they share.
+#pragma once
+
+#include "Arguments.h"
+
+namespace zel::tool {
+
+/// A path of the user's, from the root and without "." and "..".
+QString absolute(const QString &path);
+
+/// Why a file cannot be read; a null string when it can.
+QString unreadable(const QString &path);
+
+/// Why a folder is no bundle; a null string when it is one. Without an Info.plist a build would pass for 0,
+/// and everything for new.
+QString bundleProblem(const QString &path);
+
+/// --memory, for the commands that make patches, and its value in bytes; wrong usage is reported and gives
+/// nothing.
+QCommandLineOption memoryOption();
+std::optional<qint64> memoryBudget(const Arguments &arguments);
+
+/// Shows on a terminal what the patch maker is at.
+void showPatchProgress(const QString &step, qint64 done, qint64 total);
+
+/// --signer, for the commands that check seals, and its values; wrong usage is reported and gives nothing.
+QCommandLineOption signerOption();
+std::optional<QStringList> acceptedSigners(const Arguments &arguments);
+
+} // namespace zel::tool
