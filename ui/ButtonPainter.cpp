@@ -1,6 +1,6 @@
 #include "ButtonPainter.h"
-#include "Fonts.h"
-#include "PixelGrid.h"
+
+#include "Drawing.h"
 
 #include <QFontMetricsF>
 #include <QLineF>
@@ -11,8 +11,8 @@
 namespace zel {
 namespace {
 
-constexpr qreal bodyRadius = 4;
-constexpr qreal rimRadius = 5;
+constexpr qreal BodyRadius = 4;
+constexpr qreal RimRadius = 5;
 
 struct Colors {
     QColor gradientStart;
@@ -64,7 +64,7 @@ void drawShadow(QPainter &painter, const QRectF &body)
     const QColor layer = QColor::fromRgbF(0, 0, 0, float(1 - std::pow(1 - alpha, 0.25)));
     const QRectF shadow = body.translated(0, 1);
     for (const qreal spread : {0.75, 0.25, -0.25, -0.75})
-        fillRounded(painter, shadow.adjusted(-spread, -spread, spread, spread), bodyRadius + spread, layer);
+        fillRounded(painter, shadow.adjusted(-spread, -spread, spread, spread), BodyRadius + spread, layer);
 }
 
 QLinearGradient bodyGradient(const QRectF &body, const Colors &colors)
@@ -78,7 +78,7 @@ QLinearGradient bodyGradient(const QRectF &body, const Colors &colors)
 void drawHighlight(QPainter &painter, const QRectF &body, const QColor &color)
 {
     QPainterPath path;
-    path.addRoundedRect(body, bodyRadius, bodyRadius);
+    path.addRoundedRect(body, BodyRadius, BodyRadius);
     painter.fillPath(path.subtracted(path.translated(0, alignedLine(painter))), color);
 }
 
@@ -87,7 +87,7 @@ void drawFocusRing(QPainter &painter, const QRectF &body, bool isHighContrast)
 {
     painter.setPen(QPen(isHighContrast ? white(1) : rgb(0.55f, 0.8f, 1), 2));
     painter.setBrush(Qt::NoBrush);
-    painter.drawRoundedRect(body.adjusted(-3, -3, 3, 3), bodyRadius + 3, bodyRadius + 3);
+    painter.drawRoundedRect(body.adjusted(-3, -3, 3, 3), BodyRadius + 3, BodyRadius + 3);
 }
 
 // An edge all around is what shows a button where its body is as black as the window.
@@ -96,7 +96,7 @@ void drawEdge(QPainter &painter, const QRectF &body, ButtonLook look)
     const qreal line = alignedLine(painter) * (look.isHovered ? 2 : 1);
     painter.setPen(QPen(white(1), line));
     painter.setBrush(Qt::NoBrush);
-    painter.drawRoundedRect(body.adjusted(line / 2, line / 2, -line / 2, -line / 2), bodyRadius, bodyRadius);
+    painter.drawRoundedRect(body.adjusted(line / 2, line / 2, -line / 2, -line / 2), BodyRadius, BodyRadius);
 }
 
 // The metrics of a font round it to whole pixels, up on a fine screen, which puts the label too low.
@@ -157,7 +157,7 @@ void drawButtonSurround(QPainter &painter, const QRectF &bounds, ButtonLook look
     painter.setRenderHint(QPainter::Antialiasing);
     const QRectF body = alignedToPixels(bounds, painter);
     const qreal rim = alignedLine(painter);
-    fillRounded(painter, body.adjusted(-rim, -rim, rim, rim), rimRadius, white(0, 0.16f));
+    fillRounded(painter, body.adjusted(-rim, -rim, rim, rim), RimRadius, white(0, 0.16f));
     if (!look.isPressed && look.isEnabled && !look.isHighContrast)
         drawShadow(painter, body);
     if (look.isFocused)
@@ -171,11 +171,11 @@ void drawButtonBody(QPainter &painter, const QRectF &bounds, ButtonLook look, co
     painter.setOpacity(look.isEnabled ? 1 : disabledOpacity);
     const Colors colors = colorsOf(look);
     const QRectF body = alignedToPixels(bounds, painter);
-    fillRounded(painter, body, bodyRadius, bodyGradient(body, colors));
+    fillRounded(painter, body, BodyRadius, bodyGradient(body, colors));
     if (look.isHighContrast)
         drawEdge(painter, body, look);
     else if (look.isHovered && !look.isPressed)
-        fillRounded(painter, body, bodyRadius, white(1, 0.07f));
+        fillRounded(painter, body, BodyRadius, white(1, 0.07f));
     if (!look.isPressed && look.isEnabled && !look.isHighContrast)
         drawHighlight(painter, body, colors.highlight);
     drawLabel(painter, bounds, look, label);

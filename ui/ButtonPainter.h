@@ -16,7 +16,7 @@ struct ButtonLook {
 };
 
 /// How far rim, shadow and focus ring reach beyond the button's rectangle.
-inline constexpr QMarginsF buttonSurroundMargins(5, 5, 5, 5);
+inline constexpr QMarginsF ButtonSurroundMargins(5, 5, 5, 5);
 
 /// Draws what lies outside the button's rectangle `bounds`: the rim, the drop shadow of a button that can be pressed
 /// and is not, and the focus ring. What `drawButtonBody` draws goes on top.

@@ -1,3 +1,13 @@
+// The pages are given as distances from edges and from each other, in points, as a designer measures them. Qt's box and
+// grid layouts divide a room among contents instead and make windows as large as these ask; anchors of QGraphicsView
+// and Qt Quick know such rules, but not for widgets. A layout of its own, rather than a resize event in each page, is
+// what makes Qt tell of contents that grow, of views that leave, and of the moment before a window is first shown.
+//
+// How it works: the container's QLayout has one placement for each view, in the order of entry, and `Solver` turns
+// them into rectangles whenever Qt asks. A view below another one makes the solver work that one out first, whatever
+// the order. Invariants: a placement's view is a child of the container (`takeAt` is called when it leaves, and drops
+// the rules that refer to it); a ring of references ends at the view's present place; all arithmetic is in 64 bits
+// between bounds, so that no frame of a host can overflow; and the layout never asks its container for any size.
 #include "FrameLayout.h"
 
 #include <QHash>
@@ -234,6 +244,18 @@ void FrameLayout::setGeometry(const QRect &rect)
         if (view && view->parentWidget() == parentWidget())
             view->setGeometry(place);
     }
+}
+
+void centerHorizontally(QWidget *view)
+{
+    if (auto *layout = FrameLayout::around({view}))
+        layout->center(view, Qt::Horizontal);
+}
+
+void centerVertically(QWidget *view)
+{
+    if (auto *layout = FrameLayout::around({view}))
+        layout->center(view, Qt::Vertical);
 }
 
 } // namespace zel

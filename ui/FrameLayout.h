@@ -57,4 +57,10 @@ private:
     std::vector<Placement> m_placements;
 };
 
+/// Centres `view` in its container wherever its frame, given before or after, leaves the horizontal position open.
+void centerHorizontally(QWidget *view);
+
+/// As `centerHorizontally`, for the vertical position.
+void centerVertically(QWidget *view);
+
 } // namespace zel

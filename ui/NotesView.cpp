@@ -1,12 +1,12 @@
 #include "NotesView.h"
 
 #include "base/SystemCalls.h"
+#include "common/DDLog.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QLibrary>
-#include <QLoggingCategory>
 
 namespace zel {
 
@@ -41,11 +41,10 @@ QString moduleFile()
 
 NotesViewFactory loadModule()
 {
-    static const QLoggingCategory category("zel.system");
     QLibrary module(moduleFile());
     const auto factory = reinterpret_cast<NotesViewFactory>(module.resolve("zelMakeNotesView"));
     if (!factory)
-        qCWarning(category).noquote() << "The release notes cannot be shown:" << module.errorString();
+        qCWarning(zelSystemLog).noquote() << "The release notes cannot be shown:" << module.errorString();
     return factory;
 }
 

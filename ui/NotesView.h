@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QObject>
 #include <QString>
 #include <QUrl>
 
@@ -56,5 +57,19 @@ std::unique_ptr<NotesView> makeNotesView(QWidget *parent);
 
 /// What the module exports as "zelMakeNotesView": a new view, whose owner is the caller; null as above.
 using NotesViewFactory = NotesView *(*)(QWidget *parent);
+
+// Only the module includes the web engine's headers. A QWebEngineView is a QWidget and this a QObject, each as its first
+// base: all three have one address.
+
+inline QObject *asObject(QWebEngineView *view)
+{
+    return reinterpret_cast<QObject *>(view);
+}
+
+/// `object` is null or comes from `asObject`.
+inline QWebEngineView *asWebView(QObject *object)
+{
+    return reinterpret_cast<QWebEngineView *>(object);
+}
 
 } // namespace zel

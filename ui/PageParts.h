@@ -1,16 +1,13 @@
-// What the pages have in common: the parts that most of them show, made and placed alike.
+// What the pages have in common: texts and buttons, made and placed alike.
 #pragma once
+
+#include "ZELLayout.h"
 
 class QLabel;
 class QWidget;
-class ZELImageView;
-class ZELProgressIndicator;
 class ZELUpdaterButton;
 
 namespace zel {
-
-/// The application's icon at the top.
-ZELImageView *makeIcon(QWidget *page);
 
 /// The title, one of the texts' keys, `top` points below the page's top edge.
 QLabel *makeTitle(QWidget *page, const char *key, int top);
@@ -19,17 +16,14 @@ QLabel *makeTitle(QWidget *page, const char *key, int top);
 inline constexpr int MessageRoom = 66;
 
 /// The message below the title, `inset` points from both sides and at most `room` points high; without a key it is
-/// empty.
+/// empty. A message that is too long for its room is written smaller and, where that does not suffice, shortened; the
+/// tool tip has it whole then.
 QLabel *makeMessage(QWidget *page, const char *key, int inset, int room = MessageRoom);
 
-/// A hidden spinning indicator in the middle of the room from `reference` down to `bottom` points above the page's
-/// bottom edge.
-ZELProgressIndicator *makeActivity(QWidget *page, QWidget *reference, int bottom);
-
-/// A button without a place.
+/// A button without a place; `style` is that of `ZELUpdaterButton::setStyle`.
 ZELUpdaterButton *makeButton(QWidget *page, const char *key, int style);
 
-/// As `makeButton`, placed as the only one at the page's bottom.
-ZELUpdaterButton *makeSingleButton(QWidget *page, const char *key, int style);
+/// The region of one button or of a row of them, at the page's bottom.
+ZELLayoutFrame buttonRowFrame();
 
 } // namespace zel

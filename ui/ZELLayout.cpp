@@ -47,15 +47,3 @@ void ZELLayoutViewsHorizontal2(QWidget *first, QWidget *second, QWidget *third, 
 {
     layoutRow({first, second, third}, spacing, frame);
 }
-
-void zel::centerHorizontally(QWidget *view)
-{
-    if (auto *layout = FrameLayout::around({view}))
-        layout->center(view, Qt::Horizontal);
-}
-
-void zel::centerVertically(QWidget *view)
-{
-    if (auto *layout = FrameLayout::around({view}))
-        layout->center(view, Qt::Vertical);
-}

@@ -62,14 +62,3 @@ ZEL_EXPORT void ZELLayoutViewsHorizontal(QWidget *first, QWidget *second, qint64
 /// As `ZELLayoutViewsHorizontal`, for three views.
 ZEL_EXPORT void ZELLayoutViewsHorizontal2(QWidget *first, QWidget *second, QWidget *third, qint64 spacing,
                                           const ZELLayoutFrame &frame);
-
-// For the updater's own pages; not exported.
-namespace zel {
-
-/// Centres `view` in its container wherever its frame, given before or after, leaves the horizontal position open.
-void centerHorizontally(QWidget *view);
-
-/// As `centerHorizontally`, for the vertical position.
-void centerVertically(QWidget *view);
-
-} // namespace zel

@@ -1,4 +1,13 @@
+// One look-up serves the updater's pages and the host. A table that were installed in the application, as Qt's own
+// translations are, would put this library's texts before the host's wherever their keys meet, and would need a
+// QCoreApplication, which a background check may not have yet. So each table is a QTranslator that is only asked, never
+// installed.
+//
+// Invariant: a table is immutable once it is in `Tables`, and found under its bundle and name in the language that was
+// in use when it was first asked for; `setLanguage` drops them all. The mutex covers every look-up: they are short.
 #include "ZELLocalization.h"
+
+#include "Texts.h"
 
 #include <QDir>
 #include <QHash>
@@ -19,8 +28,8 @@ namespace zel {
 
 namespace {
 
-const char ownTable[] = "ZELUpdater";
-const char ownBundle[] = ":/ZELUpdater/texts";
+constexpr char OwnTable[] = "ZELUpdater";
+constexpr char OwnBundle[] = ":/ZELUpdater/texts";
 
 /// The languages that a bundle has `table` in, as their files name them.
 QStringList languagesOf(const QString &table, const QString &bundle)
@@ -115,7 +124,7 @@ public:
     QString ownLanguage()
     {
         const std::lock_guard lock(m_mutex);
-        return table(ownTable, ownBundle).language();
+        return table(OwnTable, OwnBundle).language();
     }
 
     void setLanguage(const QString &language)
@@ -146,7 +155,7 @@ private:
 
 QString localized(const char *key)
 {
-    return Tables::shared().text(QString::fromUtf8(key), ownTable, ownBundle);
+    return Tables::shared().text(QString::fromUtf8(key), OwnTable, OwnBundle);
 }
 
 Qt::LayoutDirection textDirection()
@@ -165,5 +174,5 @@ void setLanguage(const QString &language)
 QString ZELLocalizedStringFromTableInBundle(const QString &key, const QString &table, const QString &bundle,
                                             const QString &)
 {
-    return zel::Tables::shared().text(key, table, bundle.isEmpty() ? QString(zel::ownBundle) : bundle);
+    return zel::Tables::shared().text(key, table, bundle.isEmpty() ? QString(zel::OwnBundle) : bundle);
 }

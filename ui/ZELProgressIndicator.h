@@ -5,10 +5,6 @@
 
 #include <QWidget>
 
-namespace zel {
-class AnimationTimer;
-}
-
 /// Shows how far a task has come, or that it goes on, for a dark window. Main thread only.
 ///
 /// A bar is a slim track in the middle of a box 18 points high; it fills from the side where reading begins. A spinner
@@ -53,6 +49,7 @@ protected:
     void paintEvent(QPaintEvent *event) override;
 
 private:
+    class Timer;
     void updateTimer();
     double animationTime() const;
 
@@ -63,5 +60,5 @@ private:
     double m_maxValue = 100;
     bool m_isAnimated = false;
     double m_animationStart = 0;
-    zel::AnimationTimer *m_timer; // a child of the widget
+    Timer *m_timer; // a child of the widget
 };

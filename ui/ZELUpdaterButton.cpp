@@ -1,8 +1,9 @@
 #include "ZELUpdaterButton.h"
-#include "AccessibleButton.h"
-#include "ButtonPainter.h"
-#include "HighContrast.h"
 
+#include "ButtonPainter.h"
+#include "Drawing.h"
+
+#include <QAccessibleWidget>
 #include <QGraphicsEffect>
 #include <QKeyEvent>
 #include <QMouseEvent>
@@ -12,12 +13,58 @@
 
 namespace {
 
-constexpr qint64 primaryStyle = 1;
+constexpr qint64 PrimaryStyle = 1;
 
 // A page that was taken out of its window is its own window, in Qt's terms, which nobody has shown.
 bool isInWindow(const QWidget &page)
 {
     return !page.isWindow() || page.isVisible();
+}
+
+/// A button named by its label that can be pressed and be given the focus while it is enabled.
+class AccessibleButton : public QAccessibleWidget
+{
+public:
+    explicit AccessibleButton(ZELUpdaterButton *button)
+        : QAccessibleWidget(button, QAccessible::Button)
+    {
+    }
+
+    QString text(QAccessible::Text kind) const override
+    {
+        return kind == QAccessible::Name ? button()->label() : QAccessibleWidget::text(kind);
+    }
+
+    QAccessible::State state() const override
+    {
+        QAccessible::State state = QAccessibleWidget::state();
+        state.pressed = button()->isActive();
+        return state;
+    }
+
+    QStringList actionNames() const override
+    {
+        if (!button()->isEnabled())
+            return {};
+        return QStringList(pressAction()) + QAccessibleWidget::actionNames();
+    }
+
+    void doAction(const QString &name) override
+    {
+        if (name != pressAction())
+            QAccessibleWidget::doAction(name);
+        else if (button()->isEnabled())
+            button()->accessibilityPerformPress();
+    }
+
+private:
+    ZELUpdaterButton *button() const { return static_cast<ZELUpdaterButton *>(widget()); }
+};
+
+QAccessibleInterface *makeAccessibleButton(const QString &, QObject *object)
+{
+    auto *button = qobject_cast<ZELUpdaterButton *>(object);
+    return button ? new AccessibleButton(button) : nullptr; // owned by the cache of QAccessible
 }
 
 } // namespace
@@ -32,17 +79,27 @@ public:
     {
     }
 
+    static zel::ButtonLook lookOf(const ZELUpdaterButton &button)
+    {
+        return {.isPrimary = button.m_style == PrimaryStyle,
+                .isPressed = button.m_isActive,
+                .isHovered = button.m_isHovered && button.isEnabled(),
+                .isEnabled = button.isEnabled(),
+                .isFocused = button.m_showsFocus && button.hasFocus(),
+                .isHighContrast = zel::isHighContrast()};
+    }
+
     QRectF boundingRectFor(const QRectF &rect) const override
     {
-        return rect.marginsAdded(zel::buttonSurroundMargins);
+        return rect.marginsAdded(zel::ButtonSurroundMargins);
     }
 
 protected:
     void draw(QPainter *painter) override
     {
         painter->save();
-        zel::drawButtonSurround(*painter, m_button.rect(), m_button.look());
-        zel::drawButtonBody(*painter, m_button.rect(), m_button.look(), m_button.label());
+        zel::drawButtonSurround(*painter, m_button.rect(), lookOf(m_button));
+        zel::drawButtonBody(*painter, m_button.rect(), lookOf(m_button), m_button.label());
         painter->restore();
     }
 
@@ -53,7 +110,7 @@ private:
 ZELUpdaterButton::ZELUpdaterButton(QWidget *parent)
     : QWidget(parent)
 {
-    zel::AccessibleButton::install();
+    QAccessible::installFactory(makeAccessibleButton); // once, however often it is called
     setGraphicsEffect(new Surround(*this)); // the widget owns it
     setFocusPolicy(Qt::TabFocus);
 }
@@ -171,7 +228,7 @@ void ZELUpdaterButton::hideEvent(QHideEvent *)
 void ZELUpdaterButton::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
-    zel::drawButtonBody(painter, rect(), look(), m_label);
+    zel::drawButtonBody(painter, rect(), Surround::lookOf(*this), m_label);
 }
 
 void ZELUpdaterButton::changeEvent(QEvent *event)
@@ -216,16 +273,6 @@ void ZELUpdaterButton::keyPressEvent(QKeyEvent *event)
     // A key that is held down must not press what stands on the next page, too.
     if (!event->isAutoRepeat())
         accessibilityPerformPress();
-}
-
-zel::ButtonLook ZELUpdaterButton::look() const
-{
-    return {.isPrimary = m_style == primaryStyle,
-            .isPressed = m_isActive,
-            .isHovered = m_isHovered && isEnabled(),
-            .isEnabled = isEnabled(),
-            .isFocused = m_showsFocus && hasFocus(),
-            .isHighContrast = zel::isHighContrast()};
 }
 
 void ZELUpdaterButton::showActive(bool isActive)

@@ -9,10 +9,6 @@
 
 class QKeyEvent;
 
-namespace zel {
-struct ButtonLook;
-}
-
 /// A rounded push button that draws itself, in grey or, for the main action, in blue.
 ///
 /// Its action is a callback. Tab and backtab lead to it: Space, Return and Enter press it then, and it shows a focus
@@ -79,7 +75,6 @@ protected:
 private:
     class Surround;
     void showActive(bool isActive);
-    zel::ButtonLook look() const;
 
     qint64 m_style = 0;
     bool m_isActive = false;

@@ -15,10 +15,6 @@ class QLabel;
 class QWebEngineView;
 class ZELUpdaterButton;
 
-namespace zel {
-class NotesView;
-}
-
 /// Builds its buttons once, as its children; the setters only name another one, which the page does not own. Main
 /// thread only.
 ///
@@ -71,9 +67,10 @@ protected:
     void focusInEvent(QFocusEvent *event) override;
 
 private:
-    zel::NotesView *notes();
+    struct Notes;
+    Notes *notes();
 
-    std::unique_ptr<zel::NotesView> m_notes;
+    std::unique_ptr<Notes> m_notes; // null until there is a web view
     QPointer<QObject> m_webview; // one that was set from outside
     QWidget *m_summary; // over the notes until there is something to see in them
     QLabel *m_version;

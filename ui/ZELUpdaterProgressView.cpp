@@ -1,8 +1,9 @@
 #include "ZELUpdaterProgressView.h"
-#include "AccessibleProgress.h"
-#include "AnimationTimer.h"
-#include "Fonts.h"
 
+#include "Drawing.h"
+#include "ProgressParts.h"
+
+#include <QEasingCurve>
 #include <QFontMetricsF>
 #include <QPainter>
 
@@ -12,14 +13,14 @@
 
 namespace {
 
-constexpr int frameMilliseconds = 16;
-constexpr double phaseSeconds = 3.0;
+constexpr int FrameMilliseconds = 16;
+constexpr double PhaseSeconds = 3.0;
 
 // Shorter than a phase on purpose: a phase that ran to its end goes on, an end that comes early does not.
-constexpr double guardSeconds = 2.0;
+constexpr double GuardSeconds = 2.0;
 
-const QString strokeStartKey = QStringLiteral("strokeStart");
-const QString strokeEndKey = QStringLiteral("strokeEnd");
+const QString StrokeStartKey = QStringLiteral("strokeStart");
+const QString StrokeEndKey = QStringLiteral("strokeEnd");
 
 QString percentage(float progress)
 {
@@ -28,13 +29,87 @@ QString percentage(float progress)
     return QString::fromLatin1(text);
 }
 
+double easeInEaseOut(double fraction)
+{
+    static const QEasingCurve curve = [] {
+        QEasingCurve bezier(QEasingCurve::BezierSpline);
+        bezier.addCubicBezierSegment({0.42, 0}, {0.58, 1}, {1, 1});
+        return bezier;
+    }();
+    return curve.valueForProgress(std::clamp(fraction, 0.0, 1.0));
+}
+
+double shown(const ZELShapeLayer &layer, const QString &key, double value, double time)
+{
+    const auto animation = layer.animations.find(key);
+    return animation == layer.animations.end() ? value : animation->valueAt(time);
+}
+
+// The part of a path as one dash. The pattern is twice as long as the path, so that it cannot begin again at the end.
+QPen penForPart(QPen pen, double length, double start, double end)
+{
+    const double unit = pen.widthF();
+    const double dash = (end - start) * length;
+    pen.setDashPattern({dash / unit, (2 * length - dash) / unit});
+    pen.setDashOffset((2 - start) * length / unit);
+    return pen;
+}
+
+zel::ProgressReading readRing(const QWidget *widget)
+{
+    const auto *ring = static_cast<const ZELUpdaterProgressView *>(widget);
+    return {.value = ring->progress(), .percentage = ring->progress() * 100.0, .isBusy = ring->looping()};
+}
+
+QAccessibleInterface *makeAccessibleRing(const QString &, QObject *object)
+{
+    auto *ring = qobject_cast<ZELUpdaterProgressView *>(object);
+    return ring ? new zel::AccessibleProgress(ring, readRing) : nullptr;
+}
+
 } // namespace
+
+double ZELBasicAnimation::valueAt(double time) const
+{
+    const double fraction = duration > 0 ? (time - beginTime) / duration : 1;
+    return fromValue + (toValue - fromValue) * easeInEaseOut(fraction);
+}
+
+double ZELShapeLayer::shownStrokeStart(double time) const
+{
+    return shown(*this, StrokeStartKey, strokeStart, time);
+}
+
+double ZELShapeLayer::shownStrokeEnd(double time) const
+{
+    return shown(*this, StrokeEndKey, strokeEnd, time);
+}
+
+void ZELShapeLayer::draw(QPainter &painter, double time) const
+{
+    painter.fillPath(path, fillColor);
+    const double start = std::max(shownStrokeStart(time), 0.0);
+    const double end = std::min(shownStrokeEnd(time), 1.0);
+    const double length = path.length();
+    if (!(start < end) || !(length > 0) || !(lineWidth > 0))
+        return;
+    const QPen pen(strokeColor, lineWidth, Qt::SolidLine, Qt::FlatCap);
+    const bool isWhole = start == 0 && end == 1;
+    painter.strokePath(path, isWhole ? pen : penForPart(pen, length, start, end));
+}
+
+/// A name of the widget's own, so that its header names no type that hosts do not get.
+class ZELUpdaterProgressView::Timer : public zel::AnimationTimer
+{
+public:
+    using AnimationTimer::AnimationTimer;
+};
 
 ZELUpdaterProgressView::ZELUpdaterProgressView(QWidget *parent)
     : QWidget(parent)
-    , m_timer(new zel::AnimationTimer(this, frameMilliseconds, [this] { advance(); }))
+    , m_timer(new Timer(this, FrameMilliseconds, [this] { advance(); }))
 {
-    zel::AccessibleProgress::install();
+    QAccessible::installFactory(makeAccessibleRing); // once, however often it is called
     m_backgroundLayer.strokeColor = QColor::fromRgbF(0, 0, 0, 0.5f);
     m_backgroundLayer.lineWidth = 6;
     m_progressLayer.strokeColor = QColor::fromRgbF(0.068f, 0.629f, 1, 0.8f);
@@ -127,31 +202,31 @@ void ZELUpdaterProgressView::startLooping()
     m_looping = true;
     m_animationIndex = 0;
     m_animationStart = m_timer->now();
-    addAnimation(strokeEndKey);
+    addAnimation(StrokeEndKey);
 }
 
 void ZELUpdaterProgressView::animationStep()
 {
-    if (!m_looping || m_timer->now() - m_animationStart < guardSeconds)
+    if (!m_looping || m_timer->now() - m_animationStart < GuardSeconds)
         return;
     ++m_animationIndex;
     m_animationStart = m_timer->now();
     m_progressLayer.strokeStart = 0;
     if (m_animationIndex % 2 != 0) {
         m_progressLayer.strokeEnd = 1;
-        addAnimation(strokeStartKey);
+        addAnimation(StrokeStartKey);
     } else {
         m_progressLayer.strokeEnd = 0;
-        m_progressLayer.animations.remove(strokeStartKey);
-        addAnimation(strokeEndKey);
+        m_progressLayer.animations.remove(StrokeStartKey);
+        addAnimation(StrokeEndKey);
     }
 }
 
 void ZELUpdaterProgressView::stopLooping()
 {
     m_looping = false;
-    m_progressLayer.animations.remove(strokeStartKey);
-    m_progressLayer.animations.remove(strokeEndKey);
+    m_progressLayer.animations.remove(StrokeStartKey);
+    m_progressLayer.animations.remove(StrokeEndKey);
     updateTimer();
     update();
 }
@@ -207,7 +282,7 @@ void ZELUpdaterProgressView::drawPercentage(QPainter &painter) const
 
 void ZELUpdaterProgressView::addAnimation(const QString &key)
 {
-    m_progressLayer.animations[key] = {m_timer->now(), phaseSeconds, 0, 1, false};
+    m_progressLayer.animations[key] = {m_timer->now(), PhaseSeconds, 0, 1, false};
     updateTimer();
     update();
 }
@@ -230,7 +305,7 @@ void ZELUpdaterProgressView::advance()
 void ZELUpdaterProgressView::phaseEnded()
 {
     // Deliberate: at exactly 2.0 seconds the first phase ends the loop, a later one goes on.
-    if (m_animationIndex > 0 || m_timer->now() - m_animationStart > guardSeconds)
+    if (m_animationIndex > 0 || m_timer->now() - m_animationStart > GuardSeconds)
         animationStep();
 }
 

@@ -1,9 +1,9 @@
 #include "ZELUpdaterWindow.h"
 
-#include "AccessibleViews.h"
-#include "HighContrast.h"
+#include "Drawing.h"
 #include "ZELUpdaterButton.h"
 
+#include <QAccessibleWidget>
 #include <QCloseEvent>
 #include <QGuiApplication>
 #include <QKeyEvent>
@@ -43,6 +43,13 @@ protected:
     }
 };
 
+QAccessibleInterface *makeAccessibleWindow(const QString &, QObject *object)
+{
+    auto *window = qobject_cast<ZELUpdaterWindow *>(object);
+    // Owned by the cache of QAccessible; its title is its name as any window's.
+    return window ? new QAccessibleWidget(window, QAccessible::Dialog) : nullptr;
+}
+
 } // namespace
 
 ZELUpdaterWindow::ZELUpdaterWindow()
@@ -50,7 +57,7 @@ ZELUpdaterWindow::ZELUpdaterWindow()
     , m_contentView(new QWidget(this))
     , m_edge(new Edge(this))
 {
-    zel::AccessibleView::install();
+    QAccessible::installFactory(makeAccessibleWindow); // once, however often it is called
     setAttribute(Qt::WA_QuitOnClose, false);
     takeColors();
     m_contentView->setAutoFillBackground(true);

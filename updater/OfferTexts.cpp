@@ -2,7 +2,7 @@
 
 #include "base/SafeText.h"
 #include "common/UpdateRecord.h"
-#include "ui/ZELLocalization.h"
+#include "ui/Texts.h"
 
 #include <QGuiApplication>
 

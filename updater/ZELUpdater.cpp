@@ -8,8 +8,8 @@
 #include "platform/Queues.h"
 #include "platform/SystemFacts.h"
 #include "seal/SealSigners.h"
-#include "ui/WebViewCast.h"
-#include "ui/ZELLocalization.h"
+#include "ui/NotesView.h"
+#include "ui/Texts.h"
 #include "ZELUpdaterViews.h"
 
 #include <QCoreApplication>

@@ -4,8 +4,8 @@
 #include "platform/Queues.h"
 #include "ui/ZELLayout.h"
 #include "ui/ZELUpdaterButton.h"
+#include "ui/ZELUpdaterPages.h"
 #include "ui/ZELUpdaterProgressView.h"
-#include "ui/ZELUpdaterView.h"
 #include "ZELUpdaterViews.h"
 
 using namespace std::chrono_literals;

@@ -2,11 +2,11 @@
 #include "ZELUpdaterViews.h"
 
 #include "install/DownloadFraction.h"
-#include "ui/ZELImageView.h"
+#include "ui/Texts.h"
 #include "ui/ZELLayout.h"
-#include "ui/ZELLocalization.h"
 #include "ui/ZELProgressIndicator.h"
 #include "ui/ZELUpdaterButton.h"
+#include "ui/ZELUpdaterPages.h"
 
 #include <QApplication>
 #include <QKeyEvent>

@@ -1,12 +1,8 @@
 // What the updater makes for itself to show.
 #pragma once
 
-#include "ui/ZELUpdaterCheckingPage.h"
-#include "ui/ZELUpdaterDownloadPage.h"
-#include "ui/ZELUpdaterErrorPage.h"
 #include "ui/ZELUpdaterHistoryPage.h"
-#include "ui/ZELUpdaterNoUpdatesPage.h"
-#include "ui/ZELUpdaterUpdatedPage.h"
+#include "ui/ZELUpdaterPages.h"
 #include "ui/ZELUpdaterWindow.h"
 #include "ZELUpdater.h"
 

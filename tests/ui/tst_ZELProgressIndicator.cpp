@@ -1,6 +1,6 @@
 #include "support/AccessibilityLog.h"
 #include "support/Rendering.h"
-#include "ui/AnimationTimer.h"
+#include "ui/ProgressParts.h"
 #include "ui/ZELProgressIndicator.h"
 
 #include <QAccessible>

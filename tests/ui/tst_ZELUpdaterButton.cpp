@@ -1,6 +1,6 @@
 #include "support/AccessibilityLog.h"
 #include "support/Rendering.h"
-#include "ui/HighContrast.h"
+#include "ui/Drawing.h"
 #include "ui/ZELUpdaterButton.h"
 
 #include <QAccessible>

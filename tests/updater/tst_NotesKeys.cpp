@@ -1,5 +1,5 @@
 // The keys of the page with the release notes, whose web view has a focus of its own.
-#include "ui/ZELLocalization.h"
+#include "ui/Texts.h"
 #include "ui/ZELUpdaterButton.h"
 #include "ui/ZELUpdaterHistoryPage.h"
 #include "ui/ZELUpdaterWindow.h"

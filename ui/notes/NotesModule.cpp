@@ -1,5 +1,6 @@
 // The module: a NotesView over the web engine.
 #include "base/ZELExport.h"
+#include "common/DDLog.h"
 #include "common/WireValues.h"
 #include "EngineObstacle.h"
 #include "NotesPage.h"
@@ -7,7 +8,6 @@
 #include "ui/NotesView.h"
 
 #include <QCoreApplication>
-#include <QLoggingCategory>
 #include <QPointer>
 #include <QQuickRenderControl>
 #include <QTimer>
@@ -175,9 +175,8 @@ private:
 
 extern "C" ZEL_EXPORT zel::NotesView *zelMakeNotesView(QWidget *parent)
 {
-    static const QLoggingCategory category("zel.system");
     if (const QString obstacle = zel::engineObstacle(); !obstacle.isEmpty()) {
-        qCWarning(category).noquote() << "The release notes cannot be shown:" << obstacle;
+        qCWarning(zelSystemLog).noquote() << "The release notes cannot be shown:" << obstacle;
         return nullptr;
     }
     zel::registerNotesSchemes();

@@ -1,7 +1,6 @@
 // The web engine's profile of the release notes: off the record, and fenced in.
 #pragma once
 
-#include "NotesParts.h"
 #include "NotesReach.h"
 
 #include <QString>
@@ -10,8 +9,6 @@
 #include <QWebEngineUrlSchemeHandler>
 
 namespace zel {
-
-constexpr char UserAgent[] = "corrand";
 
 /// Makes the schemes of the notes and of their parts known. Before the first profile; a host that has made one of its
 /// own already gets a warning, and the notes work all the same.

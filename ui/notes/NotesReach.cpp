@@ -2,13 +2,155 @@
 
 #include "common/WireValues.h"
 
+#include <QBuffer>
 #include <QHostAddress>
+#include <QHostInfo>
+#include <QNetworkCookie>
+#include <QNetworkCookieJar>
+#include <QNetworkProxy>
+#include <QNetworkReply>
+#include <QPointer>
+#include <QTimer>
+#include <QWebEngineUrlRequestJob>
 
 #include <algorithm>
+#include <chrono>
 
 namespace zel {
 
 namespace {
+
+using namespace std::chrono_literals;
+
+constexpr qint64 RoomOfADocument = 64LL << 20;
+constexpr int MostHops = 10;
+constexpr auto Deadline = 2min;
+
+/// Keeps nothing: what a part sets is no other part's.
+class NoCookies : public QNetworkCookieJar
+{
+public:
+    using QNetworkCookieJar::QNetworkCookieJar;
+    QList<QNetworkCookie> cookiesForUrl(const QUrl &) const override { return {}; }
+    bool setCookiesFromUrl(const QList<QNetworkCookie> &, const QUrl &) override { return false; }
+};
+
+bool isProxied(const QUrl &url)
+{
+    const QList<QNetworkProxy> proxies = QNetworkProxyFactory::proxyForQuery(QNetworkProxyQuery(url));
+    return !proxies.isEmpty() && proxies.constFirst().type() != QNetworkProxy::NoProxy;
+}
+
+/// One part, from the engine's question to its answer. It belongs to the job, which the engine deletes when it wants
+/// the part no more.
+class PartFetch : public QObject
+{
+public:
+    PartFetch(QWebEngineUrlRequestJob &job, NotesParts &parts)
+        : QObject(&job)
+        , m_job(job)
+        , m_parts(parts)
+    {
+        QTimer::singleShot(Deadline, this, [this] { fail(); });
+    }
+    ~PartFetch() override { drop(); }
+
+    void start(const QUrl &url)
+    {
+        m_url = url;
+        if (++m_hops > MostHops || !m_parts.reach().allows(url)) {
+            fail();
+            return;
+        }
+        if (m_parts.reach().isOwn(url) || isProxied(url))
+            get();
+        else
+            QHostInfo::lookupHost(url.host(), this, [this](const QHostInfo &info) { resolved(info); });
+    }
+
+private:
+    void resolved(const QHostInfo &info)
+    {
+        const QList<QHostAddress> addresses = info.addresses();
+        const bool allPublic = std::all_of(addresses.begin(), addresses.end(), [](const QHostAddress &one) {
+            return isPublicHost(one.toString());
+        });
+        if (allPublic && !addresses.isEmpty())
+            get();
+        else
+            fail();
+    }
+
+    void get()
+    {
+        QNetworkRequest request(m_url);
+        request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+        request.setHeader(QNetworkRequest::UserAgentHeader, QLatin1String(UserAgent));
+        request.setRawHeader("Accept", "*/*");
+        request.setRawHeader("Accept-Language", userLanguages());
+        m_reply = m_parts.network().get(request);
+        connect(m_reply, &QNetworkReply::readyRead, this, [this] { receive(); });
+        connect(m_reply, &QNetworkReply::finished, this, [this] { finish(); });
+    }
+
+    void receive()
+    {
+        const QByteArray bytes = m_reply->readAll();
+        if (m_parts.take(bytes.size()))
+            m_data += bytes;
+        else
+            fail();
+    }
+
+    void finish()
+    {
+        QNetworkReply &reply = *m_reply;
+        const QUrl target = reply.attribute(QNetworkRequest::RedirectionTargetAttribute).toUrl();
+        const QByteArray type = reply.header(QNetworkRequest::ContentTypeHeader).toByteArray();
+        const bool failed = reply.error() != QNetworkReply::NoError;
+        drop();
+        if (!failed && !target.isEmpty()) {
+            m_data.clear();
+            start(m_url.resolved(target));
+        } else if (failed) {
+            fail();
+        } else {
+            answer(type);
+        }
+    }
+
+    void answer(const QByteArray &type)
+    {
+        auto *content = new QBuffer(&m_job);
+        content->setData(m_data);
+        deleteLater();
+        m_job.reply(type.isEmpty() ? QByteArray("application/octet-stream") : type, content);
+    }
+
+    void fail()
+    {
+        drop();
+        deleteLater();
+        m_job.fail(QWebEngineUrlRequestJob::RequestDenied);
+    }
+
+    void drop()
+    {
+        if (!m_reply)
+            return;
+        m_reply->disconnect(this);
+        m_reply->abort();
+        m_reply->deleteLater();
+        m_reply = nullptr;
+    }
+
+    QWebEngineUrlRequestJob &m_job;
+    NotesParts &m_parts;
+    QUrl m_url;
+    QByteArray m_data;
+    QPointer<QNetworkReply> m_reply;
+    int m_hops = 0;
+};
 
 bool isWithin(const QHostAddress &address, std::initializer_list<const char *> networks)
 {
@@ -83,6 +225,37 @@ bool NotesReach::allows(const QUrl &url) const
 bool NotesReach::isOwn(const QUrl &url) const
 {
     return !m_own.isEmpty() && origin(url) == m_own;
+}
+
+QUrl partUrl(const QUrl &address)
+{
+    return QUrl::fromEncoded(QByteArray(PartScheme) + ':' + address.toEncoded());
+}
+
+NotesParts::NotesParts(const NotesReach &reach)
+    : m_reach(reach)
+{
+    m_network.setCookieJar(new NoCookies(&m_network));
+}
+
+void NotesParts::reset()
+{
+    m_room = RoomOfADocument;
+}
+
+bool NotesParts::take(qint64 bytes)
+{
+    m_room = std::max<qint64>(m_room - bytes, 0);
+    return m_room > 0;
+}
+
+void NotesParts::requestStarted(QWebEngineUrlRequestJob *job)
+{
+    const QByteArray address = job->requestUrl().toEncoded().mid(qsizetype(sizeof PartScheme));
+    if (job->requestMethod() == "GET")
+        (new PartFetch(*job, *this))->start(QUrl::fromEncoded(address));
+    else
+        job->fail(QWebEngineUrlRequestJob::RequestDenied);
 }
 
 } // namespace zel
