@@ -1,21 +1,49 @@
-// How the updater checks, and how it offers what it found.
+// How the updater checks, and how it offers what it found: from the question to the host's choice.
+//
+// Each step asks again for what it shows, and does nothing when that has gone: between two steps the
+// application may end, or the host set another update. The waits (`NotesDelay`) are there for the web view,
+// which tells of a document that has loaded, not of one that is drawn. Later, Skip and Install are wired here,
+// with each offer, for the host's callback is that one offer's; all other buttons are wired in
+// ZELUpdaterViews.cpp.
+#include "base/SafeText.h"
 #include "check/UpdateCheck.h"
-#include "OfferTexts.h"
 #include "platform/Queues.h"
-#include "ui/ZELLayout.h"
+#include "ui/Texts.h"
 #include "ui/ZELUpdaterButton.h"
 #include "ui/ZELUpdaterPages.h"
 #include "ui/ZELUpdaterProgressView.h"
 #include "ZELUpdaterViews.h"
 
+#include <QGuiApplication>
+
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr QSize HistoryPageSize(500, 470);
-
 // Time for the web view to draw the notes before it is seen.
 constexpr auto NotesDelay = 500ms;
+
+// What a screen reader says of a version or a build: a server's words, of which nobody listens to more.
+QString spoken(const QVariant &text)
+{
+    constexpr std::size_t longest = 48;
+    return QString::fromStdString(zel::safeText(text.toString().toStdString(), longest));
+}
+
+/// "Version 1.1 is available, you have 1.0."; the builds tell a rebuild of the same version apart. Null where
+/// one of the versions is not known.
+QString spokenOffer(const QVariantMap &config, const QVariantMap &record)
+{
+    QString offered = spoken(record[zel::key::Version]);
+    QString current = spoken(config[zel::key::Version]);
+    if (offered.isEmpty() || current.isEmpty())
+        return {};
+    if (offered == current) {
+        offered += QStringLiteral(" (%1)").arg(spoken(record[zel::key::Build]));
+        current += QStringLiteral(" (%1)").arg(spoken(config[zel::key::Build]));
+    }
+    return zel::localized("Updater.Version %1 is available, you have %2.").arg(offered, current);
+}
 
 } // namespace
 
@@ -99,8 +127,10 @@ void ZELUpdater::showHistoryPage()
     if (!m_historyPage)
         return;
     const QVariantMap record = update()[zel::key::Update].toMap();
-    m_historyPage->setAccessibleName(zel::offerTitle(record));
-    m_historyPage->setAccessibleDescription(zel::offerText(m_config, record));
+    const QString name = QGuiApplication::applicationDisplayName();
+    m_historyPage->setAccessibleName(
+        QStringLiteral("%1 %2").arg(name, spoken(record[zel::key::Version])).trimmed());
+    m_historyPage->setAccessibleDescription(spokenOffer(m_config, record));
     if (!placePage(m_historyPage))
         return;
     resizeWindow(HistoryPageSize);

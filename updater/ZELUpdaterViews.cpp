@@ -1,4 +1,12 @@
 // The updater's window: its pages, their buttons, and the way from one page to the next.
+//
+// What a button does is wired in one of two places, by how long it holds. `wireDismissal` wires what never changes, once;
+// a page's show function wires the rest, each time: Retry in `showErrorPage`, and the keys of the pages that have some.
+// (Install, Skip and Later of an offer: ZELUpdaterOffer.cpp.)
+//
+// A page lives as long as the updater and is only taken into the window and out of it (`placePage`), so that its
+// state may be set while another page is shown. Every function may be called without a window system, and after the
+// application object has gone: the pointers are null then.
 #include "ZELUpdaterViews.h"
 
 #include "install/DownloadFraction.h"
@@ -12,8 +20,6 @@
 #include <QKeyEvent>
 
 namespace {
-
-constexpr QSize PageSize(350, 400);
 
 using KeyHandler = std::function<bool(ZELUpdaterButton *, QKeyEvent *)>;
 

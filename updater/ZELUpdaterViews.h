@@ -6,6 +6,12 @@
 #include "ui/ZELUpdaterWindow.h"
 #include "ZELUpdater.h"
 
+#include <QSize>
+
+/// The window's size while a page is shown: where each page's size comes from, for a page fills the window. In points.
+inline constexpr QSize PageSize(350, 400);
+inline constexpr QSize HistoryPageSize(500, 470); // with the release notes
+
 /// The pages go before the window that one of them may be in.
 struct ZELUpdater::Views {
     ZELUpdaterWindow window;
