@@ -1,3 +1,11 @@
+// A button as two drawings: what lies around it, which a widget can only paint as an effect on itself, and
+// its body, which goes on top. Both are functions of a `ButtonLook` alone, so that no state can be seen that
+// is not in it.
+//
+// All edges are brought to whole device pixels first (Drawing.h): at a ratio of 1.25 or 1.5, a line of one
+// point would else be two grey ones. The shadow is a few rounded rectangles instead of a blur: Qt blurs
+// pictures only, which would cost one for each button and painting. The colours are given; where a label on
+// them would be hard to read, it is the label that gets help (`drawHalo`).
 #include "ButtonPainter.h"
 
 #include "Drawing.h"
@@ -118,8 +126,9 @@ QFont labelFont(const QString &label, qreal width, QPaintDevice *device)
     return font;
 }
 
-// White on the upper end of the blue has a contrast of 3.1; the darkness around the letters brings it to 4.5. It is made
-// of the letters themselves, a little aside, for their outlines do not lie where a hinted font puts them.
+// White on the upper end of the blue has a contrast of 3.1; the darkness around the letters brings it to 4.5.
+// It is made of the letters themselves, a little aside, for their outlines do not lie where a hinted font
+// puts them.
 void drawHalo(QPainter &painter, const QPointF &origin, const QString &text)
 {
     constexpr int directions = 8;

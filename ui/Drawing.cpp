@@ -64,8 +64,8 @@ qreal alignedLine(const QPainter &painter)
     return ratio > 0 ? std::max(1.0, std::round(ratio)) / ratio : 1;
 }
 
-// The look-up of a stand-in minds the weight before the kind: for a light Arabic title it brings a monospaced font.
-// What the text has at the normal weight is the kind that suits it.
+// The look-up of a stand-in minds the weight before the kind: for a light Arabic title it brings a monospaced
+// font. What the text has at the normal weight is the kind that suits it.
 QFont systemFont(int size, QFont::Weight weight, const QString &text)
 {
     QFont font = QFontDatabase::systemFont(QFontDatabase::GeneralFont);

@@ -1,13 +1,15 @@
-// The pages are given as distances from edges and from each other, in points, as a designer measures them. Qt's box and
-// grid layouts divide a room among contents instead and make windows as large as these ask; anchors of QGraphicsView
-// and Qt Quick know such rules, but not for widgets. A layout of its own, rather than a resize event in each page, is
-// what makes Qt tell of contents that grow, of views that leave, and of the moment before a window is first shown.
+// The pages are given as distances from edges and from each other, in points, as a designer measures them.
+// Qt's box and grid layouts divide a room among contents instead and make windows as large as these ask;
+// anchors of QGraphicsView and Qt Quick know such rules, but not for widgets. A layout of its own, rather
+// than a resize event in each page, is what makes Qt tell of contents that grow, of views that leave, and of
+// the moment before a window is first shown.
 //
-// How it works: the container's QLayout has one placement for each view, in the order of entry, and `Solver` turns
-// them into rectangles whenever Qt asks. A view below another one makes the solver work that one out first, whatever
-// the order. Invariants: a placement's view is a child of the container (`takeAt` is called when it leaves, and drops
-// the rules that refer to it); a ring of references ends at the view's present place; all arithmetic is in 64 bits
-// between bounds, so that no frame of a host can overflow; and the layout never asks its container for any size.
+// How it works: the container's QLayout has one placement for each view, in the order of entry, and `Solver`
+// turns them into rectangles whenever Qt asks. A view below another one makes the solver work that one out
+// first, whatever the order. Invariants: a placement's view is a child of the container (`takeAt` is called
+// when it leaves, and drops the rules that refer to it); a ring of references ends at the view's present
+// place; all arithmetic is in 64 bits between bounds, so that no frame of a host can overflow; and the layout
+// never asks its container for any size.
 #include "FrameLayout.h"
 
 #include <QHash>
@@ -30,7 +32,7 @@ struct Axis {
     qint64 near;
     qint64 far;
     qint64 length;
-    bool centered;
+    bool centred;
 };
 
 bool isSet(qint64 value)
@@ -55,7 +57,7 @@ template <typename Content> Span spanOf(const Axis &axis, qint64 extent, const C
         return {near, length};
     if (isSet(axis.far))
         return {far - length, length};
-    return {axis.centered ? (extent - length) / 2 : 0, length};
+    return {axis.centred ? (extent - length) / 2 : 0, length};
 }
 
 /// A row fills the container where its frame leaves the width open.
@@ -107,38 +109,38 @@ public:
         const auto known = m_rects.constFind(view);
         if (known != m_rects.constEnd())
             return *known;
-        // The present place stands in while the view is worked out: views that lie below each other in a ring end here.
+        // The present place stands in while the view is worked out: views that lie below each other in a ring
+        // end here.
         m_rects.insert(view, view->geometry());
         const auto placement =
             std::ranges::find(m_placements, view, [](const Placement &p) { return p.item->widget(); });
         if (placement != m_placements.end() && placement->rule)
-            m_rects.insert(view, solve(view, *placement->rule, placement->centered));
+            m_rects.insert(view, solve(view, *placement->rule, placement->centred));
         return m_rects.value(view);
     }
 
 private:
-    QRect solve(QWidget *view, const PlacementRule &rule, Qt::Orientations centered)
+    QRect solve(QWidget *view, const PlacementRule &rule, Qt::Orientations centred)
     {
-        const Span x = horizontal(view, rule, centered.testFlag(Qt::Horizontal));
+        const Span x = horizontal(view, rule, centred.testFlag(Qt::Horizontal));
         const int width = int(bounded(x.length));
         const Span y =
-            vertical(rule, centered.testFlag(Qt::Vertical), [=] { return contentHeight(view, width); });
+            vertical(rule, centred.testFlag(Qt::Vertical), [=] { return contentHeight(view, width); });
         return {int(bounded(x.start)), int(bounded(y.start)), width, int(bounded(y.length))};
     }
 
-    Span horizontal(const QWidget *view, const PlacementRule &rule, bool centered) const
+    Span horizontal(const QWidget *view, const PlacementRule &rule, bool centred) const
     {
-        const Axis axis{rule.frame.left, rule.frame.right, rule.frame.width, centered};
+        const Axis axis{rule.frame.left, rule.frame.right, rule.frame.width, centred};
         const auto content = [view] { return contentSize(view).width(); };
         if (rule.columns == 1)
             return spanOf(axis, m_container.width(), content);
         return columnOf(spanOf(regionOf(axis), m_container.width(), content), rule);
     }
 
-    template <typename Content>
-    Span vertical(const PlacementRule &rule, bool centered, const Content &content)
+    template <typename Content> Span vertical(const PlacementRule &rule, bool centred, const Content &content)
     {
-        Axis axis{rule.frame.top, rule.frame.bottom, rule.frame.height, centered};
+        Axis axis{rule.frame.top, rule.frame.bottom, rule.frame.height, centred};
         if (rule.reference && isSet(axis.near))
             axis.near = bounded(axis.near) + qint64(rectOf(rule.reference).bottom()) + 1;
         return spanOf(axis, m_container.height(), content);
@@ -176,10 +178,10 @@ void FrameLayout::place(QWidget *view, const PlacementRule &rule)
     invalidate();
 }
 
-void FrameLayout::center(QWidget *view, Qt::Orientation orientation)
+void FrameLayout::centre(QWidget *view, Qt::Orientation orientation)
 {
     Placement &placement = placementOf(view);
-    placement.centered |= orientation;
+    placement.centred |= orientation;
     if (!placement.rule)
         placement.rule.emplace();
     invalidate();
@@ -224,7 +226,8 @@ QLayoutItem *FrameLayout::takeAt(int index)
     return item.release();
 }
 
-// The window's size is its controller's decision: contents ask for no size, and by `minimumSize` for no least one.
+// The window's size is its controller's decision: contents ask for no size, and by `minimumSize` for no least
+// one.
 QSize FrameLayout::sizeHint() const
 {
     return {0, 0};
@@ -246,16 +249,16 @@ void FrameLayout::setGeometry(const QRect &rect)
     }
 }
 
-void centerHorizontally(QWidget *view)
+void centreHorizontally(QWidget *view)
 {
     if (auto *layout = FrameLayout::around({view}))
-        layout->center(view, Qt::Horizontal);
+        layout->centre(view, Qt::Horizontal);
 }
 
-void centerVertically(QWidget *view)
+void centreVertically(QWidget *view)
 {
     if (auto *layout = FrameLayout::around({view}))
-        layout->center(view, Qt::Vertical);
+        layout->centre(view, Qt::Vertical);
 }
 
 } // namespace zel

@@ -1,5 +1,5 @@
-// The layout behind the placement functions: one per container, it keeps each view's rule and applies all of them
-// whenever the container or a content changes.
+// The layout behind the placement functions: one per container, it keeps each view's rule and applies all of
+// them whenever the container or a content changes.
 #pragma once
 
 #include "ZELLayout.h"
@@ -26,14 +26,14 @@ class FrameLayout : public QLayout
 {
     Q_OBJECT
 public:
-    /// The layout of the container that all `views` lie in, installed when it has none. Null when a view is null, when
-    /// they have no parent or different ones, or when the container has a layout of another kind.
+    /// The layout of the container that all `views` lie in, installed when it has none. Null when a view is
+    /// null, when they have no parent or different ones, or when the container has a layout of another kind.
     static FrameLayout *around(std::initializer_list<QWidget *> views);
 
     /// Gives `view` its rule, in place of the one that it had; `rule.reference` lies in the same container.
     void place(QWidget *view, const PlacementRule &rule);
     /// Centres `view` in a direction that its rule leaves open.
-    void center(QWidget *view, Qt::Orientation orientation);
+    void centre(QWidget *view, Qt::Orientation orientation);
 
     void addItem(QLayoutItem *item) override;
     int count() const override;
@@ -47,7 +47,7 @@ private:
     struct Placement {
         std::unique_ptr<QLayoutItem> item;
         std::optional<PlacementRule> rule = {};
-        Qt::Orientations centered = {};
+        Qt::Orientations centred = {};
     };
     class Solver;
 
@@ -57,10 +57,11 @@ private:
     std::vector<Placement> m_placements;
 };
 
-/// Centres `view` in its container wherever its frame, given before or after, leaves the horizontal position open.
-void centerHorizontally(QWidget *view);
+/// Centres `view` in its container wherever its frame, given before or after, leaves the horizontal position
+/// open.
+void centreHorizontally(QWidget *view);
 
-/// As `centerHorizontally`, for the vertical position.
-void centerVertically(QWidget *view);
+/// As `centreHorizontally`, for the vertical position.
+void centreVertically(QWidget *view);
 
 } // namespace zel

@@ -1,3 +1,5 @@
+// Loads the module that shows the notes, once in a process; what is missing is a line in the log and no
+// notes. The page goes on without them.
 #include "NotesView.h"
 
 #include "base/SystemCalls.h"
@@ -12,8 +14,8 @@ namespace zel {
 
 namespace {
 
-// The web engine shares OpenGL contexts with its widgets, which an application can only be told before it is made;
-// this library is usually loaded before.
+// The web engine shares OpenGL contexts with its widgets, which an application can only be told before it is
+// made; this library is usually loaded before.
 void shareOpenGLContexts()
 {
     if (!QCoreApplication::instance())

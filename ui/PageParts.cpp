@@ -1,7 +1,8 @@
-// QLabel neither shrinks nor shortens a text that wraps, and it lets one grow beyond its rectangle. Here a translation
-// or a server's message may be any length while the buttons stand where they are, so the label lays its text out itself
-// and goes from its font's size down to `SmallestSize` until all of it is in there. The layout is made anew for each
-// size hint and each painting: a page has two of these texts, and they change a few times in a minute.
+// QLabel cuts off what does not fit. But a translation or a server's message may be of any length, while the
+// buttons below stay where they are. So `TextLabel` lays its text out itself, going down from its font's size
+// to `SmallestSize` until all of it fits, and shortens what does not fit even then. Nothing of that is kept
+// between two paintings: the texts are few and short, and a layout that is kept would have to hear of each
+// change of text, font and size.
 #include "PageParts.h"
 
 #include "Drawing.h"
@@ -69,9 +70,9 @@ void drawShortened(QPainter &painter, const QTextLayout &layout, const QRectF &r
                      QFontMetricsF(layout.font()).elidedText(rest, Qt::ElideRight, room.width()));
 }
 
-/// A centred text that stays within its rectangle: one that is too long for it is written smaller and, where that does
-/// not suffice, shortened; the tool tip has it whole then. A word that is wider than the label is broken. White where
-/// high contrast is asked for.
+/// A centred text that stays within its rectangle: one that is too long for it is written smaller and, where
+/// that does not suffice, shortened; the tool tip has it whole then. A word that is wider than the label is
+/// broken. White where high contrast is asked for.
 class TextLabel : public QLabel
 {
 public:

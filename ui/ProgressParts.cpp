@@ -1,3 +1,7 @@
+// What is painted is a function of the time that has passed, and the timer only asks for the next painting. A
+// tick that is late or lost therefore changes nothing but smoothness, and tests move a clock of their own
+// instead of waiting. QPropertyAnimation and QTimeLine were no choice: they count for themselves and go on
+// for widgets that nobody sees, which would wake the processor sixty times a second for a hidden window.
 #include "ProgressParts.h"
 
 #include <QEvent>
@@ -47,7 +51,8 @@ void AnimationTimer::setAnimating(bool isAnimating)
     update();
 }
 
-// The events tell more than isVisible(): a minimised window hides its widgets, which stay visible by that name.
+// The events tell more than isVisible(): a minimised window hides its widgets, which stay visible by that
+// name.
 bool AnimationTimer::eventFilter(QObject *watched, QEvent *event)
 {
     if (event->type() == QEvent::Show || event->type() == QEvent::Hide) {

@@ -1,4 +1,5 @@
-// What the bar, the spinner and the ring share: a timer for what they paint, and what accessibility clients see of them.
+// What the bar, the spinner and the ring share: a timer for what they paint, and what accessibility clients
+// see of them.
 #pragma once
 
 #include <QAccessibleWidget>
@@ -8,12 +9,12 @@
 
 namespace zel {
 
-/// Seconds since 1970 that run evenly: the machine's time as it was at the first call, and what has passed since. A
-/// clock that is set while an animation runs would stop it or make it jump.
+/// Seconds since 1970 that run evenly: the machine's time as it was at the first call, and what has passed
+/// since. A clock that is set while an animation runs would stop it or make it jump.
 double steadyTime();
 
-/// Calls a widget's tick function at an interval while an animation runs and the widget can be seen; that is a child
-/// of the widget and owned by it.
+/// Calls a widget's tick function at an interval while an animation runs and the widget can be seen; that is
+/// a child of the widget and owned by it.
 class AnimationTimer : public QObject
 {
     Q_OBJECT
@@ -57,8 +58,8 @@ struct ProgressReading {
     bool isBusy = false; ///< the end is unknown
 };
 
-/// A progress bar with a value that clients can read and not set. Unless it was given a name, it bears that of the group
-/// around it, which is the title of the page that it is on.
+/// A progress bar with a value that clients can read and not set. Unless it was given a name, it bears that
+/// of the group around it, which is the title of the page that it is on.
 class AccessibleProgress : public QAccessibleWidget, public QAccessibleValueInterface
 {
 public:

@@ -12,8 +12,9 @@ QString localized(const char *key);
 /// Safe from any thread.
 Qt::LayoutDirection textDirection();
 
-/// Uses `language`, such as "pt_BR" or "zh-Hant", from the next look-up on, instead of the user's languages; null or
-/// empty returns to these, asked for anew. Texts that were looked up before are not changed. Safe from any thread.
+/// Uses `language`, such as "pt_BR" or "zh-Hant", from the next look-up on, instead of the user's languages;
+/// null or empty returns to these, asked for anew. Texts that were looked up before are not changed. Safe
+/// from any thread.
 void setLanguage(const QString &language);
 
 } // namespace zel

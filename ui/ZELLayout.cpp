@@ -1,3 +1,5 @@
+// Each function makes a rule of its arguments and gives it to the layout of the container that the views lie
+// in (FrameLayout.h), which does the arithmetic. What a function cannot place it leaves alone.
 #include "ZELLayout.h"
 
 #include "FrameLayout.h"

@@ -16,10 +16,10 @@ constexpr qint64 ZELLayoutNotSet = 9223372036854775807;
 /// - `right`, `bottom`: the same for the far edges, where inside is negative (-32: 32 pixels inside);
 /// - `width`, `height`: fixed size.
 ///
-/// A size that is not set spans the two edges where both are set; otherwise it is the content's (`sizeHint`, and
-/// `heightForWidth` for a text that wraps). A position that is not set is the container's left or top edge, unless
-/// the view is centred. Where all three fields of a direction are set the far edge gives way. Sizes never fall below
-/// zero; values beyond what a widget can have count as the greatest it can have.
+/// A size that is not set spans the two edges where both are set; otherwise it is the content's (`sizeHint`,
+/// and `heightForWidth` for a text that wraps). A position that is not set is the container's left or top
+/// edge, unless the view is centred. Where all three fields of a direction are set the far edge gives way.
+/// Sizes never fall below zero; values beyond what a widget can have count as the greatest it can have.
 struct ZELLayoutFrame {
     qint64 left = ZELLayoutNotSet;
     qint64 right = ZELLayoutNotSet;
@@ -35,27 +35,27 @@ ZEL_EXPORT ZELLayoutFrame ZELMakeLayoutFrame(qint64 left, qint64 right, qint64 t
 
 // What holds for all placement functions:
 //
-// The container is the view's `parentWidget()`. The first call gives it a layout, owned by it, that keeps the rules:
-// they hold when the container is resized and when a content grows. In a visible container they take effect when the
-// event loop next runs (which also shows a view that was never hidden on purpose), in a hidden one just before it is
-// shown. A second call for a view replaces its rule. Taking a view out of its container, or deleting it, drops its rule
-// and those that refer to it, whose views stay where they are. Hidden views keep their place. Containers have no
-// margins, and their size is never derived from the views in them. Left stays left in languages that run from right to
-// left.
+// The container is the view's `parentWidget()`. The first call gives it a layout, owned by it, that keeps the
+// rules: they hold when the container is resized and when a content grows. In a visible container they take
+// effect when the event loop next runs (which also shows a view that was never hidden on purpose), in a
+// hidden one just before it is shown. A second call for a view replaces its rule. Taking a view out of its
+// container, or deleting it, drops its rule and those that refer to it, whose views stay where they are.
+// Hidden views keep their place. Containers have no margins, and their size is never derived from the views
+// in them. Left stays left in languages that run from right to left.
 //
-// A call does nothing when a view is null or has no parent, when the views of one call have different parents, or when
-// the container has a layout of another kind. Main thread only.
+// A call does nothing when a view is null or has no parent, when the views of one call have different
+// parents, or when the container has a layout of another kind. Main thread only.
 
 /// Places `view` in its container by `frame`. Returns `view`.
 ZEL_EXPORT QWidget *ZELLayoutView(QWidget *view, const ZELLayoutFrame &frame);
 
-/// As `ZELLayoutView`, but `top` is measured from the bottom edge of `reference`, a sibling of `view`: one that these
-/// functions place is followed as it grows, any other is taken where it stands. Returns `view`.
+/// As `ZELLayoutView`, but `top` is measured from the bottom edge of `reference`, a sibling of `view`: one
+/// that these functions place is followed as it grows, any other is taken where it stands. Returns `view`.
 ZEL_EXPORT QWidget *ZELLayoutViewBelowView(QWidget *view, QWidget *reference, const ZELLayoutFrame &frame);
 
-/// Places siblings side by side, `first` on the left, with `spacing` logical pixels between them, across the region
-/// that `frame` describes (the container's width where it leaves the width open). The widths are equal; where the
-/// region does not divide evenly they differ by one pixel, so that the row fills it exactly.
+/// Places siblings side by side, `first` on the left, with `spacing` logical pixels between them, across the
+/// region that `frame` describes (the container's width where it leaves the width open). The widths are
+/// equal; where the region does not divide evenly they differ by one pixel, so that the row fills it exactly.
 ZEL_EXPORT void ZELLayoutViewsHorizontal(QWidget *first, QWidget *second, qint64 spacing,
                                          const ZELLayoutFrame &frame);
 

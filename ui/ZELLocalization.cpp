@@ -1,10 +1,10 @@
-// One look-up serves the updater's pages and the host. A table that were installed in the application, as Qt's own
-// translations are, would put this library's texts before the host's wherever their keys meet, and would need a
-// QCoreApplication, which a background check may not have yet. So each table is a QTranslator that is only asked, never
-// installed.
+// One look-up serves the updater's pages and the host. A table that were installed in the application, as
+// Qt's own translations are, would be asked for every text of the host's as well, and could only be installed
+// where there is an application object. So each table is a QTranslator that is only asked, never installed.
 //
-// Invariant: a table is immutable once it is in `Tables`, and found under its bundle and name in the language that was
-// in use when it was first asked for; `setLanguage` drops them all. The mutex covers every look-up: they are short.
+// Invariant: a table is immutable once it is in `TextTables`, and found under its bundle and name in the language
+// that was in use when it was first asked for; `setLanguage` drops them all. The mutex covers every look-up:
+// they are short.
 #include "ZELLocalization.h"
 
 #include "Texts.h"
@@ -18,7 +18,8 @@
 #include <mutex>
 #include <vector>
 
-// The linker drops a resource that nothing refers to from a static library; the macro refuses to stand in a namespace.
+// The linker drops a resource that nothing refers to from a static library; the macro refuses to stand in a
+// namespace.
 static void keepTables()
 {
     Q_INIT_RESOURCE(ZELUpdaterTexts);
@@ -71,10 +72,10 @@ QString nearestLanguage(const QStringList &wanted, const QStringList &available)
 }
 
 /// One table in the language in use, with English behind it.
-class Table
+class TextTable
 {
 public:
-    Table(const QString &name, const QString &bundle, const QStringList &wanted)
+    TextTable(const QString &name, const QString &bundle, const QStringList &wanted)
         : m_name(name.toUtf8())
         , m_language(nearestLanguage(wanted, languagesOf(name, bundle)))
     {
@@ -106,12 +107,12 @@ private:
 };
 
 /// The tables that were asked for, and the language that they are in.
-class Tables
+class TextTables
 {
 public:
-    static Tables &shared()
+    static TextTables &shared()
     {
-        static Tables tables;
+        static TextTables tables;
         return tables;
     }
 
@@ -135,38 +136,38 @@ public:
     }
 
 private:
-    Tables() { keepTables(); }
+    TextTables() { keepTables(); }
 
-    const Table &table(const QString &name, const QString &bundle)
+    const TextTable &table(const QString &name, const QString &bundle)
     {
         auto &table = m_tables[{bundle, name}];
         if (!table)
-            table = std::make_shared<Table>(
+            table = std::make_shared<TextTable>(
                 name, bundle, m_language.isEmpty() ? QLocale().uiLanguages() : QStringList(m_language));
         return *table;
     }
 
     std::mutex m_mutex;
     QString m_language;
-    QHash<std::pair<QString, QString>, std::shared_ptr<Table>> m_tables;
+    QHash<std::pair<QString, QString>, std::shared_ptr<TextTable>> m_tables;
 };
 
 } // namespace
 
 QString localized(const char *key)
 {
-    return Tables::shared().text(QString::fromUtf8(key), OwnTable, OwnBundle);
+    return TextTables::shared().text(QString::fromUtf8(key), OwnTable, OwnBundle);
 }
 
 Qt::LayoutDirection textDirection()
 {
-    const QString language = Tables::shared().ownLanguage();
+    const QString language = TextTables::shared().ownLanguage();
     return language.isNull() ? Qt::LeftToRight : QLocale(language).textDirection();
 }
 
 void setLanguage(const QString &language)
 {
-    Tables::shared().setLanguage(language);
+    TextTables::shared().setLanguage(language);
 }
 
 } // namespace zel
@@ -174,5 +175,5 @@ void setLanguage(const QString &language)
 QString ZELLocalizedStringFromTableInBundle(const QString &key, const QString &table, const QString &bundle,
                                             const QString &)
 {
-    return zel::Tables::shared().text(key, table, bundle.isEmpty() ? QString(zel::OwnBundle) : bundle);
+    return zel::TextTables::shared().text(key, table, bundle.isEmpty() ? QString(zel::OwnBundle) : bundle);
 }

@@ -1,3 +1,5 @@
+// Drawn here and not by the style: styles follow the desktop's theme, which is light as often as not, and the
+// window is always dark. A bar from the right to the left is the same bar in a mirrored painter.
 #include "ZELProgressIndicator.h"
 
 #include "Drawing.h"
@@ -40,7 +42,8 @@ void drawTrack(QPainter &painter, const QRectF &track)
     painter.fillPath(groove, QColor::fromRgbF(0, 0, 0, 0.4f));
 }
 
-// The blue of the primary button, from `left` to `right` and as round as the track, as far as the track reaches.
+// The blue of the primary button, from `left` to `right` and as round as the track, as far as the track
+// reaches.
 void drawFill(QPainter &painter, const QRectF &track, qreal left, qreal right)
 {
     if (right - left < 0.01)

@@ -7,9 +7,9 @@
 
 /// Shows how far a task has come, or that it goes on, for a dark window. Main thread only.
 ///
-/// A bar is a slim track in the middle of a box 18 points high; it fills from the side where reading begins. A spinner
-/// is 18 by 18 points and always indeterminate. Both are hidden and shown like any widget, and animate only while they
-/// can be seen. Accessibility clients see a progress bar. The setters redraw.
+/// A bar is a slim track in the middle of a box 18 points high; it fills from the side where reading begins.
+/// A spinner is 18 by 18 points and always indeterminate. Both are hidden and shown like any widget, and
+/// animate only while they can be seen. Accessibility clients see a progress bar. The setters redraw.
 class ZEL_EXPORT ZELProgressIndicator : public QWidget
 {
     Q_OBJECT
@@ -21,13 +21,14 @@ public:
 
     explicit ZELProgressIndicator(Style style, QWidget *parent = nullptr);
 
-    /// Whether the end is unknown: the bar shows a moving segment while it is animated, an empty track else. True at
-    /// first.
+    /// Whether the end is unknown: the bar shows a moving segment while it is animated, an empty track else.
+    /// True at first.
     bool isIndeterminate() const;
     void setIndeterminate(bool isIndeterminate);
 
-    /// What the bar shows of the range `minValue` to `maxValue`, which is 0 to 100 at first. A value outside the range
-    /// is kept and drawn as the nearer end; one that is not a number, and any in an empty range, as an empty bar.
+    /// What the bar shows of the range `minValue` to `maxValue`, which is 0 to 100 at first. A value outside
+    /// the range is kept and drawn as the nearer end; one that is not a number, and any in an empty range, as
+    /// an empty bar.
     double doubleValue() const;
     void setDoubleValue(double doubleValue);
     double minValue() const;
@@ -38,8 +39,8 @@ public:
     /// The share of the range that is drawn, 0 to 1.
     double fraction() const;
 
-    /// Starts and stops the movement of a spinner or an indeterminate bar; a spinner that stops stands still. A second
-    /// start does nothing.
+    /// Starts and stops the movement of a spinner or an indeterminate bar; a spinner that stops stands still.
+    /// A second start does nothing.
     void startAnimation();
     void stopAnimation();
 

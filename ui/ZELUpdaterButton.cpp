@@ -1,3 +1,9 @@
+// A widget of its own rather than a QAbstractButton, which redraws with each setter, presses itself by keys
+// and shortcuts of its own choice, and tells by signals what is told here by one callback that the host may
+// replace.
+//
+// The callbacks are the host's and may delete the button with its page and its window. So each is copied
+// before it is called, and nothing of the button is touched afterwards.
 #include "ZELUpdaterButton.h"
 
 #include "ButtonPainter.h"
@@ -69,8 +75,9 @@ QAccessibleInterface *makeAccessibleButton(const QString &, QObject *object)
 
 } // namespace
 
-// A widget cannot paint beyond its rectangle, an effect on it can: Qt then repaints what lies behind as well, in
-// whatever order and region. It draws the body too, for QWidget::render() moves what drawSource() draws twice as far.
+// A widget cannot paint beyond its rectangle, an effect on it can: Qt then repaints what lies behind as well,
+// in whatever order and region. It draws the body too, for QWidget::render() moves what drawSource() draws
+// twice as far.
 class ZELUpdaterButton::Surround : public QGraphicsEffect
 {
 public:
@@ -215,7 +222,8 @@ void ZELUpdaterButton::mouseReleaseEvent(QMouseEvent *event)
         accessibilityPerformPress();
 }
 
-// A button that is hidden under the pointer must not act when the mouse is released then, nor come back pressed.
+// A button that is hidden under the pointer must not act when the mouse is released then, nor come back
+// pressed.
 void ZELUpdaterButton::hideEvent(QHideEvent *)
 {
     m_wasHiddenSincePress = true;

@@ -1,6 +1,18 @@
+// Two things lie over each other here: the web view with the notes and, on top, a summary of the offer (name
+// and version) that is hidden as soon as there is something to see in the notes. So the page is never empty,
+// not while notes are on their way, not without a web engine, and a failure of either needs no state of its
+// own.
+//
+// The engine costs a process and its memory, which is why the view is made by the first notes (`notes`), by a
+// module that is loaded then (NotesView.h).
+//
+// The window has no title bar and is moved by its background, of which the notes leave none: hence the grip
+// over their upper edge. It is an event filter and not a widget, because a widget there would take the clicks
+// on links, too.
 #include "ZELUpdaterHistoryPage.h"
 
 #include "base/SafeText.h"
+#include "common/UpdateRecord.h"
 #include "NotesView.h"
 #include "PageParts.h"
 #include "ZELUpdaterButton.h"
@@ -26,13 +38,14 @@ ZELLayoutFrame notesFrame()
 
 QString shownVersion(const QVariantMap &record)
 {
-    const QString version = record[QStringLiteral("version")].toString();
-    const QString text = version.isEmpty() ? record[QStringLiteral("build")].toString() : version;
+    const QString version = record[zel::key::Version].toString();
+    const QString text = version.isEmpty() ? record[zel::key::Build].toString() : version;
     return QString::fromStdString(zel::safeText(text.toStdString(), LongestVersion));
 }
 
-/// Makes the upper edge of a widget, and of all that is in it, one to drag the window by. A click there is the widget's:
-/// only a press that moves on becomes the window's, and the widget then sees it end where nothing can be hit.
+/// Makes the upper edge of a widget, and of all that is in it, one to drag the window by. A click there is
+/// the widget's: only a press that moves on becomes the window's, and the widget then sees it end where
+/// nothing can be hit.
 class WindowGrip : public QObject
 {
 public:
@@ -171,7 +184,8 @@ ZELUpdaterHistoryPage::ZELUpdaterHistoryPage(QWidget *parent)
 
 ZELUpdaterHistoryPage::~ZELUpdaterHistoryPage() = default;
 
-// Null where there is no web engine; asked again with the next notes, for what stood against it may have gone.
+// Null where there is no web engine; asked again with the next notes, for what stood against it may have
+// gone.
 ZELUpdaterHistoryPage::Notes *ZELUpdaterHistoryPage::notes()
 {
     if (m_notes)
@@ -220,7 +234,7 @@ void ZELUpdaterHistoryPage::loadHTML(const QByteArray &html)
 
 void ZELUpdaterHistoryPage::updateButtons(const QVariantMap &update)
 {
-    m_version->setText(shownVersion(update[QStringLiteral("update")].toMap()));
+    m_version->setText(shownVersion(update[zel::key::Update].toMap()));
     for (ZELUpdaterButton *button : {m_laterButton, m_downloadButton, m_skipButton}) {
         button->setParent(nullptr);
         button->setParent(this);

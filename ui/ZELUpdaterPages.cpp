@@ -1,8 +1,9 @@
-// Each page is built once, in its constructor, and filled in by the updater (updater/ZELUpdaterViews.cpp), which also
-// wires its buttons and decides the window's size. All are drawn for 350 x 400 points: the icon at the top, the title
-// at 230 (238 where nothing but a spinner follows), the message below it, and the buttons at the bottom, with what
-// moves in the room between. A message may grow to several lines in some languages, so whatever stands below it is
-// placed by `ZELLayoutViewBelowView`; only the room that the message leaves is fixed (`zel::MessageRoom`).
+// Each page is built once, in its constructor, and filled in by the updater (updater/ZELUpdaterViews.cpp),
+// which also wires its buttons and decides the window's size. All are drawn for 350 x 400 points: the icon at
+// the top, the title at 230 (238 where nothing but a spinner follows), the message below it, and the buttons
+// at the bottom, with what moves in the room between. A message may grow to several lines in some languages,
+// so whatever stands below it is placed by `ZELLayoutViewBelowView`; only the room that the message leaves is
+// fixed (`zel::MessageRoom`).
 //
 // The texts are looked up while a page is made: a change of language shows on pages made after it.
 #include "ZELUpdaterPages.h"
@@ -28,12 +29,12 @@ ZELImageView *makeIcon(QWidget *page)
 {
     auto *icon = new ZELImageView(page);
     ZELLayoutView(icon, ZELMakeLayoutFrame(None, None, 32, None, 176, 176));
-    zel::centerHorizontally(icon);
+    zel::centreHorizontally(icon);
     return icon;
 }
 
-/// A hidden spinning indicator in the middle of the room from `reference` down to `bottom` points above the page's
-/// bottom edge.
+/// A hidden spinning indicator in the middle of the room from `reference` down to `bottom` points above the
+/// page's bottom edge.
 ZELProgressIndicator *makeActivity(QWidget *page, QWidget *reference, int bottom)
 {
     auto *container = new QWidget(page);
@@ -41,8 +42,8 @@ ZELProgressIndicator *makeActivity(QWidget *page, QWidget *reference, int bottom
     auto *progress = new ZELProgressIndicator(ZELProgressIndicator::Style::Spinning, container);
     progress->setHidden(true);
     ZELLayoutView(progress, ZELMakeLayoutFrame(None, None, None, None, 18, 18));
-    zel::centerHorizontally(progress);
-    zel::centerVertically(progress);
+    zel::centreHorizontally(progress);
+    zel::centreVertically(progress);
     return progress;
 }
 
@@ -52,7 +53,7 @@ ZELProgressIndicator *makeBar(QWidget *page, QWidget *text)
     bar->setMaxValue(1);
     bar->setLayoutDirection(zel::textDirection());
     ZELLayoutViewBelowView(bar, text, ZELMakeLayoutFrame(60, -60, BarDistance, None, None, BarHeight));
-    zel::centerHorizontally(bar);
+    zel::centreHorizontally(bar);
     return bar;
 }
 

@@ -1,5 +1,5 @@
-// The pages around the application's icon, one for each state of an update, and the simple views on and behind them.
-// The page that offers an update has a header of its own, ZELUpdaterHistoryPage.h.
+// The pages around the application's icon, one for each state of an update, and the simple views on and
+// behind them. The page that offers an update has a header of its own, ZELUpdaterHistoryPage.h.
 #pragma once
 
 #include <ZELUpdater/ZELExport.h>
@@ -42,8 +42,8 @@ protected:
     void paintEvent(QPaintEvent *event) override;
 };
 
-/// A footer's upper edge: draws a line, one point high, in white 0.15 along its top edge and nothing else. Main thread
-/// only.
+/// A footer's upper edge: draws a line, one point high, in white 0.15 along its top edge and nothing else.
+/// Main thread only.
 class ZEL_EXPORT ZELUpdaterFooter : public QWidget
 {
     Q_OBJECT
@@ -54,12 +54,13 @@ protected:
     void paintEvent(QPaintEvent *event) override;
 };
 
-/// What the pages around the application's icon share. A page's parts are its children, made once; the setters, here
-/// and in the pages, only name another one, which the page does not own. Accessibility clients see a group named by the
-/// title and described by the other texts, as far as the page was given no other name and description.
+/// What the pages around the application's icon share. A page's parts are its children, made once; the
+/// setters, here and in the pages, only name another one, which the page does not own. Accessibility clients
+/// see a group named by the title and described by the other texts, as far as the page was given no other
+/// name and description.
 ///
-/// A page decides where its parts lie, never how large it is: the updater sizes the window when it shows a page, and
-/// the page fills it. Main thread only.
+/// A page decides where its parts lie, never how large it is: the updater sizes the window when it shows a
+/// page, and the page fills it. Main thread only.
 class ZEL_EXPORT ZELUpdaterPage : public QWidget
 {
     Q_OBJECT

@@ -1,3 +1,11 @@
+// The ring is two values, a track and a stroke over it, each with the part of its path that is shown, and
+// animations that hide these numbers while they are kept. A painting asks the values what they look like at
+// its time; nothing is changed by drawing.
+//
+// The busy loop is a sequence of phases of three seconds. In even ones the stroke's end runs from 0 to 1 (the
+// ring fills), in odd ones its start does (the ring empties). `advance` finds that an animation has ended and
+// `phaseEnded` begins the next phase, unless the present one is too young: then it was begun by hand while an
+// older animation still ran, and that one's end must not cut it short.
 #include "ZELUpdaterProgressView.h"
 
 #include "Drawing.h"
@@ -45,7 +53,8 @@ double shown(const ZELShapeLayer &layer, const QString &key, double value, doubl
     return animation == layer.animations.end() ? value : animation->valueAt(time);
 }
 
-// The part of a path as one dash. The pattern is twice as long as the path, so that it cannot begin again at the end.
+// The part of a path as one dash. The pattern is twice as long as the path, so that it cannot begin again at
+// the end.
 QPen penForPart(QPen pen, double length, double start, double end)
 {
     const double unit = pen.widthF();
@@ -287,7 +296,8 @@ void ZELUpdaterProgressView::addAnimation(const QString &key)
     update();
 }
 
-// Only an animation that ran to its end starts the next phase; of one that was removed or replaced nothing is heard.
+// Only an animation that ran to its end starts the next phase; of one that was removed or replaced nothing is
+// heard.
 void ZELUpdaterProgressView::advance()
 {
     for (const QString &key : m_progressLayer.animations.keys()) {

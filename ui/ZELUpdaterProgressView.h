@@ -9,7 +9,8 @@
 #include <QString>
 #include <QWidget>
 
-/// A change of one number over time that eases in and out: a cubic Bézier curve through (0.42, 0) and (0.58, 1).
+/// A change of one number over time that eases in and out: a cubic Bézier curve through (0.42, 0) and (0.58,
+/// 1).
 struct ZEL_EXPORT ZELBasicAnimation {
     double beginTime = 0; ///< Seconds, on the clock of the view that shows it.
     double duration = 0; ///< Seconds.
@@ -23,7 +24,8 @@ struct ZEL_EXPORT ZELBasicAnimation {
     double valueAt(double time) const;
 };
 
-/// A stroked path of which a part is shown. A plain value: what it draws changes with what is assigned to it, when it is next drawn. Main thread only.
+/// A stroked path of which a part is shown. A plain value: what it draws changes with what is assigned to it,
+/// when it is next drawn. Main thread only.
 struct ZEL_EXPORT ZELShapeLayer {
     QPainterPath path; ///< One subpath; y grows upwards.
     QColor fillColor = Qt::transparent;
@@ -41,11 +43,12 @@ struct ZEL_EXPORT ZELShapeLayer {
     void draw(QPainter &painter, double time) const;
 };
 
-/// A blue ring over a dark track that fills clockwise from twelve o'clock, with the percentage in its middle; or,
-/// looping, a ring that fills and empties itself without end. Accessibility clients see a progress bar. Main thread
-/// only.
+/// A blue ring over a dark track that fills clockwise from twelve o'clock, with the percentage in its middle;
+/// or, looping, a ring that fills and empties itself without end. Accessibility clients see a progress bar.
+/// Main thread only.
 ///
-/// The ring is kept six points clear of the view's nearer edges; its path follows every change of the view's size.
+/// The ring is kept six points clear of the view's nearer edges; its path follows every change of the view's
+/// size.
 class ZEL_EXPORT ZELUpdaterProgressView : public QWidget
 {
     Q_OBJECT
@@ -56,8 +59,8 @@ public:
     qint64 step() const;
     void setStep(qint64 step);
 
-    /// The fraction shown. The setter takes what is not finite for 0, and does not clamp: 1.5 is a full ring and reads
-    /// 150%. Redraws.
+    /// The fraction shown. The setter takes what is not finite for 0, and does not clamp: 1.5 is a full ring
+    /// and reads 150%. Redraws.
     float progress() const;
     void setProgress(float progress);
 
@@ -69,12 +72,13 @@ public:
     double animationStart() const;
     void setAnimationStart(double animationStart);
 
-    /// The number of the current phase of the loop, from 0; the ring fills in the even ones and empties in the odd.
+    /// The number of the current phase of the loop, from 0; the ring fills in the even ones and empties in
+    /// the odd.
     qint64 animationIndex() const;
     void setAnimationIndex(qint64 animationIndex);
 
-    /// Whether the busy animation runs. The setter starts and stops nothing, but a loop ends with the current phase
-    /// when it finds false.
+    /// Whether the busy animation runs. The setter starts and stops nothing, but a loop ends with the current
+    /// phase when it finds false.
     bool looping() const;
     void setLooping(bool looping);
 
@@ -86,20 +90,21 @@ public:
     ZELShapeLayer progressLayer() const;
     void setProgressLayer(const ZELShapeLayer &progressLayer);
 
-    /// Starts the busy animation, at its first phase. A view that cannot be seen stays in its phase until it can.
+    /// Starts the busy animation, at its first phase. A view that cannot be seen stays in its phase until it
+    /// can.
     void startLooping();
 
-    /// Begins the loop's next phase. Does nothing when the view is not looping or the current phase began less than
-    /// 2.0 seconds ago.
+    /// Begins the loop's next phase. Does nothing when the view is not looping or the current phase began
+    /// less than 2.0 seconds ago.
     void animationStep();
 
-    /// Ends the busy animation at once. The ring shows `progressLayer`'s `strokeEnd` then: what `setProgress` or the
-    /// last phase has set.
+    /// Ends the busy animation at once. The ring shows `progressLayer`'s `strokeEnd` then: what `setProgress`
+    /// or the last phase has set.
     void stopLooping();
 
-    /// A closed circle in the square `rect`, from its top clockwise on the screen; y grows upwards. Every point is
-    /// moved by half a point in both directions. A square of negative side gives the circle of the same square turned
-    /// round.
+    /// A closed circle in the square `rect`, from its top clockwise on the screen; y grows upwards. Every
+    /// point is moved by half a point in both directions. A square of negative side gives the circle of the
+    /// same square turned round.
     QPainterPath _createCirclePathRefForRect(const QRectF &rect) const;
 
 protected:

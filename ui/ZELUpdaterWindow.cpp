@@ -1,3 +1,11 @@
+// A window without a frame has to do what the frame does elsewhere: an edge that parts it from other dark
+// windows, being moved (by the window system where it offers that, by hand else), and not being closed by the
+// user.
+//
+// As a sheet it is a transient, window-modal window of the host's, which the window system keeps above that
+// one; its place is kept by following the host's moves. On Wayland the system alone knows places, and the
+// sheet goes where that puts it. Qt hides a window whose flags change, so becoming a sheet, and being none
+// again, ends in a hidden window that is shown anew where it should be.
 #include "ZELUpdaterWindow.h"
 
 #include "Drawing.h"

@@ -8,13 +8,13 @@
 
 #include <optional>
 
-/// Holds one page at a time in its content view. It has no title bar: dragging its background moves it. Only code
-/// resizes and closes it; what the window system asks (Alt+F4) is ignored, and it never keeps the application
-/// running. Main thread only.
+/// Holds one page at a time in its content view. It has no title bar: dragging its background moves it. Only
+/// code resizes and closes it; what the window system asks (Alt+F4) is ignored, and it never keeps the
+/// application running. Main thread only.
 ///
-/// Key presses that what has the focus does not take go to the buttons of the content view, in the order in which they
-/// were added, until one handles them. Accessibility clients see a dialog; its title, unless it was given one before it
-/// is shown, is the application's name.
+/// Key presses that what has the focus does not take go to the buttons of the content view, in the order in
+/// which they were added, until one handles them. Accessibility clients see a dialog; its title, unless it
+/// was given one before it is shown, is the application's name.
 class ZEL_EXPORT ZELUpdaterWindow : public QWidget
 {
     Q_OBJECT
@@ -25,8 +25,9 @@ public:
     /// The widget that pages are added to; it fills the window.
     QWidget *contentView() const { return m_contentView; }
 
-    /// Position on the screen and size, in points. A sheet is placed under its host's top edge whatever its position,
-    /// which is only remembered; on Wayland, which places windows itself, that is so for every window.
+    /// Position on the screen and size, in points. A sheet is placed under its host's top edge whatever its
+    /// position, which is only remembered; on Wayland, which places windows itself, that is so for every
+    /// window.
     QRect frame() const;
 
     /// Moves and resizes at once. `display` also draws what is shown before it returns.
@@ -44,8 +45,9 @@ public:
     /// Whether the window is shown and not minimised.
     bool isSeen() const;
 
-    /// Attaches the window to `host`'s window and shows it there: under the top edge, in the middle, above it, and with
-    /// the host's window blocked until `endSheet`. Ends by itself when the host's window goes away.
+    /// Attaches the window to `host`'s window and shows it there: under the top edge, in the middle, above
+    /// it, and with the host's window blocked until `endSheet`. Ends by itself when the host's window goes
+    /// away.
     void beginSheet(QWidget *host);
 
     /// Detaches the window and hides it. Does nothing for a window that is no sheet.

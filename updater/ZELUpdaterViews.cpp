@@ -1,12 +1,12 @@
 // The updater's window: its pages, their buttons, and the way from one page to the next.
 //
-// What a button does is wired in one of two places, by how long it holds. `wireDismissal` wires what never changes, once;
-// a page's show function wires the rest, each time: Retry in `showErrorPage`, and the keys of the pages that have some.
-// (Install, Skip and Later of an offer: ZELUpdaterOffer.cpp.)
+// What a button does is wired in one of two places, by how long it holds. `wireDismissal` wires what never
+// changes, once; a page's show function wires the rest, each time: Retry in `showErrorPage`, and the keys of
+// the pages that have some. (Install, Skip and Later of an offer: ZELUpdaterOffer.cpp.)
 //
-// A page lives as long as the updater and is only taken into the window and out of it (`placePage`), so that its
-// state may be set while another page is shown. Every function may be called without a window system, and after the
-// application object has gone: the pointers are null then.
+// A page lives as long as the updater and is only taken into the window and out of it (`placePage`), so that
+// its state may be set while another page is shown. Every function may be called without a window system, and
+// after the application object has gone: the pointers are null then.
 #include "ZELUpdaterViews.h"
 
 #include "install/DownloadFraction.h"
@@ -158,8 +158,9 @@ bool ZELUpdater::placePage(QWidget *page)
     page->setParent(m_window->contentView());
     ZELLayoutView(page, ZELMakeLayoutFrame(0, 0, 0, 0, ZELLayoutNotSet, ZELLayoutNotSet));
     page->show();
-    // From there Tab leads to the page's first button, and a screen reader reads what the page tells. The last page goes
-    // after that: one that takes the focus with it passes it on to some other button, which would be read, too.
+    // From there Tab leads to the page's first button, and a screen reader reads what the page tells. The
+    // last page goes after that: one that takes the focus with it passes it on to some other button, which
+    // would be read, too.
     page->setFocus(Qt::OtherFocusReason);
     if (last && last != page)
         last->setParent(nullptr);

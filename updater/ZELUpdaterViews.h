@@ -8,7 +8,8 @@
 
 #include <QSize>
 
-/// The window's size while a page is shown: where each page's size comes from, for a page fills the window. In points.
+/// The window's size while a page is shown: where each page's size comes from, for a page fills the window.
+/// In points.
 inline constexpr QSize PageSize(350, 400);
 inline constexpr QSize HistoryPageSize(500, 470); // with the release notes
 

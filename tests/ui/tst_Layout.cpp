@@ -7,9 +7,9 @@
 
 namespace {
 
-constexpr qint64 none = ZELLayoutNotSet;
-constexpr qint64 huge = ZELLayoutNotSet - 1;
-constexpr qint64 least = std::numeric_limits<qint64>::min();
+constexpr qint64 None = ZELLayoutNotSet;
+constexpr qint64 Huge = ZELLayoutNotSet - 1;
+constexpr qint64 Least = std::numeric_limits<qint64>::min();
 
 /// A view whose content has a size of its own.
 class Box : public QWidget
@@ -33,7 +33,7 @@ QLabel *wrappingLabel(QWidget *container, const QString &text = "Short")
     return label;
 }
 
-const QString longText = QString("Many words that need more than one line. ").repeated(4);
+const QString LongText = QString("Many words that need more than one line. ").repeated(4);
 
 /// Lets what was asked for happen now, as the event loop would.
 void settle()
@@ -41,18 +41,18 @@ void settle()
     QCoreApplication::sendPostedEvents();
 }
 
-ZELLayoutFrame edges(qint64 left, qint64 right, qint64 top, qint64 bottom, qint64 width = none,
-                     qint64 height = none)
+ZELLayoutFrame edges(qint64 left, qint64 right, qint64 top, qint64 bottom, qint64 width = None,
+                     qint64 height = None)
 {
     return ZELMakeLayoutFrame(left, right, top, bottom, width, height);
 }
 
-ZELLayoutFrame at(qint64 left, qint64 top, qint64 width = none, qint64 height = none)
+ZELLayoutFrame at(qint64 left, qint64 top, qint64 width = None, qint64 height = None)
 {
-    return edges(left, none, top, none, width, height);
+    return edges(left, None, top, None, width, height);
 }
 
-const ZELLayoutFrame buttonRow = edges(32, -32, none, -32, none, 32);
+const ZELLayoutFrame ButtonRow = edges(32, -32, None, -32, None, 32);
 
 } // namespace
 
@@ -82,45 +82,45 @@ private slots:
     void frames_data()
     {
         QTest::addColumn<ZELLayoutFrame>("frame");
-        QTest::addColumn<Qt::Orientations>("centered");
+        QTest::addColumn<Qt::Orientations>("centred");
         QTest::addColumn<QRect>("expected");
         const Qt::Orientations no, across = Qt::Horizontal, both = Qt::Horizontal | Qt::Vertical;
 
-        const auto row = [](const char *name, const ZELLayoutFrame &frame, Qt::Orientations centered,
-                            const QRect &expected) { QTest::newRow(name) << frame << centered << expected; };
+        const auto row = [](const char *name, const ZELLayoutFrame &frame, Qt::Orientations centred,
+                            const QRect &expected) { QTest::newRow(name) << frame << centred << expected; };
         row("fills", edges(0, 0, 0, 0), no, {0, 0, 350, 400});
         row("inset", edges(32, -24, 16, -8), no, {32, 16, 294, 376});
         row("beyond the edges", edges(-5, 5, -6, 6), no, {-5, -6, 360, 412});
-        row("button", buttonRow, no, {32, 336, 286, 32});
-        row("far edges, content", edges(none, -32, none, -8), no, {278, 372, 40, 20});
+        row("button", ButtonRow, no, {32, 336, 286, 32});
+        row("far edges, content", edges(None, -32, None, -8), no, {278, 372, 40, 20});
         row("near edges, content", at(7, 9), no, {7, 9, 40, 20});
         row("size decides over the far edge", edges(10, 0, 10, 0, 20, 30), no, {10, 10, 20, 30});
         row("crossed edges", edges(300, -100, 0, 0), no, {300, 0, 0, 400});
         row("negative size", at(1, 2, -5, -6), no, {1, 2, 0, 0});
 
-        row("centred across", at(none, 32, 176, 176), across, {87, 32, 176, 176});
-        row("centred both ways", at(none, none, 18, 18), both, {166, 191, 18, 18});
+        row("centred across", at(None, 32, 176, 176), across, {87, 32, 176, 176});
+        row("centred both ways", at(None, None, 18, 18), both, {166, 191, 18, 18});
         row("centred content", {}, both, {155, 190, 40, 20});
-        row("edges decide over the centre", edges(60, none, none, -8, 20, 20), both, {60, 372, 20, 20});
+        row("edges decide over the centre", edges(60, None, None, -8, 20, 20), both, {60, 372, 20, 20});
 
         constexpr int max = QWIDGETSIZE_MAX;
-        row("huge near edge", at(huge, least, 10, 10), no, {max, -max, 10, 10});
-        row("huge edges", edges(least, huge, huge, least), no, {-max, max, max, 0});
-        row("huge size", at(0, 0, huge, huge), no, {0, 0, max, max});
-        row("huge size from the far edge", edges(none, least, none, huge, huge, 1), no, {-max, max, max, 1});
+        row("huge near edge", at(Huge, Least, 10, 10), no, {max, -max, 10, 10});
+        row("huge edges", edges(Least, Huge, Huge, Least), no, {-max, max, max, 0});
+        row("huge size", at(0, 0, Huge, Huge), no, {0, 0, max, max});
+        row("huge size from the far edge", edges(None, Least, None, Huge, Huge, 1), no, {-max, max, max, 1});
     }
 
     void frames()
     {
         QFETCH(ZELLayoutFrame, frame);
-        QFETCH(Qt::Orientations, centered);
+        QFETCH(Qt::Orientations, centred);
         QFETCH(QRect, expected);
         Box view(m_container);
-        if (centered.testFlag(Qt::Vertical))
-            zel::centerVertically(&view); // before the frame: the order does not matter
+        if (centred.testFlag(Qt::Vertical))
+            zel::centreVertically(&view); // before the frame: the order does not matter
         QCOMPARE(ZELLayoutView(&view, frame), &view);
-        if (centered.testFlag(Qt::Horizontal))
-            zel::centerHorizontally(&view);
+        if (centred.testFlag(Qt::Horizontal))
+            zel::centreHorizontally(&view);
         settle();
         QCOMPARE(view.geometry(), expected);
     }
@@ -135,14 +135,14 @@ private slots:
                             const QList<int> &places) {
             QTest::newRow(name) << views << spacing << frame << places;
         };
-        row("three", 3, 20, buttonRow, {32, 82, 134, 82, 236, 82});
-        row("two", 2, 32, buttonRow, {32, 127, 191, 127});
+        row("three", 3, 20, ButtonRow, {32, 82, 134, 82, 236, 82});
+        row("two", 2, 32, ButtonRow, {32, 127, 191, 127});
         row("one pixel over", 3, 20, at(0, 0, 287), {0, 82, 102, 82, 204, 83});
         row("two pixels over", 3, 20, at(0, 0, 288), {0, 82, 102, 83, 205, 83});
         row("region open", 2, 10, {}, {0, 170, 180, 170});
-        row("width from the right", 2, 10, edges(none, -50, 0, none, 110), {190, 50, 250, 50});
+        row("width from the right", 2, 10, edges(None, -50, 0, None, 110), {190, 50, 250, 50});
         row("no room", 3, 60, at(0, 0, 100), {0, 0, 60, 0, 120, 0});
-        row("huge spacing", 2, huge, at(0, 0, 100), {0, 0, QWIDGETSIZE_MAX, 0});
+        row("huge spacing", 2, Huge, at(0, 0, 100), {0, 0, QWIDGETSIZE_MAX, 0});
     }
 
     void rows()
@@ -174,7 +174,7 @@ private slots:
             for (Box *view : views)
                 view->setParent(m_container);
             std::rotate(views.begin(), views.begin() + 1, views.end());
-            ZELLayoutViewsHorizontal2(views[0], views[1], views[2], 20, buttonRow);
+            ZELLayoutViewsHorizontal2(views[0], views[1], views[2], 20, ButtonRow);
             settle();
             QCOMPARE(views[0]->geometry(), QRect(32, 336, 82, 32));
             QCOMPARE(views[2]->geometry(), QRect(236, 336, 82, 32));
@@ -184,15 +184,15 @@ private slots:
 
     void containerIsResized()
     {
-        Box filling(m_container), centered(m_container), corner(m_container);
+        Box filling(m_container), centred(m_container), corner(m_container);
         ZELLayoutView(&filling, edges(0, 0, 0, -96));
-        ZELLayoutView(&centered, at(none, 32, 176, 176));
-        zel::centerHorizontally(&centered);
-        ZELLayoutView(&corner, edges(none, -32, none, -32));
+        ZELLayoutView(&centred, at(None, 32, 176, 176));
+        zel::centreHorizontally(&centred);
+        ZELLayoutView(&corner, edges(None, -32, None, -32));
         settle();
         m_container->resize(500, 470);
         QCOMPARE(filling.geometry(), QRect(0, 0, 500, 374));
-        QCOMPARE(centered.geometry(), QRect(162, 32, 176, 176));
+        QCOMPARE(centred.geometry(), QRect(162, 32, 176, 176));
         QCOMPARE(corner.geometry(), QRect(428, 418, 40, 20));
     }
 
@@ -202,13 +202,13 @@ private slots:
         Box bar(m_container), area(m_container);
         // Laid out from the bottom up: the order of the calls does not decide.
         ZELLayoutViewBelowView(&area, &bar, edges(0, 0, 0, -64));
-        ZELLayoutViewBelowView(&bar, label, edges(60, -60, 12, none, none, 18));
-        ZELLayoutView(label, edges(32, -32, 230, none));
+        ZELLayoutViewBelowView(&bar, label, edges(60, -60, 12, None, None, 18));
+        ZELLayoutView(label, edges(32, -32, 230, None));
         settle();
         const int oneLine = label->height();
         QCOMPARE(bar.geometry(), QRect(60, 230 + oneLine + 12, 230, 18));
 
-        label->setText(longText);
+        label->setText(LongText);
         settle();
         QVERIFY(label->height() > 2 * oneLine);
         QCOMPARE(label->height(), label->heightForWidth(286));
@@ -222,8 +222,8 @@ private slots:
         QWidget window;
         auto *page = new QWidget(&window);
         ZELLayoutView(page, edges(0, 0, 0, 0));
-        auto *title = new QLabel(longText, page);
-        ZELLayoutView(title, edges(32, -32, 20, none));
+        auto *title = new QLabel(LongText, page);
+        ZELLayoutView(title, edges(32, -32, 20, None));
         window.resize(350, 400);
         window.show();
         settle();
@@ -308,7 +308,7 @@ private slots:
         ZELLayoutViewBelowView(&inside, nullptr, at(5, 5));
         ZELLayoutViewBelowView(&inside, &elsewhere, at(5, 5));
         ZELLayoutViewsHorizontal(&inside, &lone, 5, at(5, 5));
-        zel::centerVertically(nullptr);
+        zel::centreVertically(nullptr);
         settle();
         QCOMPARE(elsewhere.geometry(), QRect(1, 2, 3, 4));
         QVERIFY(!m_container->layout());

@@ -1,3 +1,5 @@
+// Each function looks for one thing where the engine looks for it, for the engine answers what it misses by
+// ending the process. A check that is too strict costs the notes, one that is too lax the user's documents.
 #include "EngineObstacle.h"
 
 #include <QCoreApplication>
@@ -44,8 +46,8 @@ bool writeText(const char *file, const char *text)
 
 enum Trial { Works = 0, NoMaps = 1, Forbidden = 2 };
 
-/// What the sandbox does first, in a process that is in a new user namespace already. Only system calls: the host's other
-/// threads may have held any lock when it was made.
+/// What the sandbox does first, in a process that is in a new user namespace already. Only system calls: the
+/// host's other threads may have held any lock when it was made.
 Trial tryNamespace(const char *userMap)
 {
     if (!writeText("/proc/self/setgroups", "deny") || !writeText("/proc/self/uid_map", userMap))
@@ -58,7 +60,8 @@ bool areNamespacesUsable()
 {
     char userMap[32];
     std::snprintf(userMap, sizeof userMap, "%u %u 1", geteuid(), geteuid());
-    // Without a signal at its end, the process is no business of the host's handler and waits for nobody else.
+    // Without a signal at its end, the process is no business of the host's handler and waits for nobody
+    // else.
     const auto child = pid_t(syscall(SYS_clone, CLONE_NEWUSER, nullptr, nullptr, nullptr, nullptr));
     if (child == 0)
         _exit(tryNamespace(userMap));

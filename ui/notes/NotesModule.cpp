@@ -1,4 +1,12 @@
 // The module: a NotesView over the web engine.
+//
+// Three parts that the engine joins loosely are one object here: the profile (what may be reached), the page
+// (what it may do) and the view. They end together, in the order of `close`, and before the engine ends
+// itself with the application: all open views are closed by a routine that is registered after the engine's
+// and so runs before it. Whatever is asked of a view later does nothing.
+//
+// What the user is told of a load is one answer per document: whether there is anything to see. A failed load
+// becomes an empty document, for the one before may belong to another build.
 #include "base/ZELExport.h"
 #include "common/DDLog.h"
 #include "common/WireValues.h"
@@ -25,7 +33,7 @@ namespace {
 using namespace std::chrono_literals;
 
 // The engine itself waits for as long as bytes come.
-constexpr auto Deadline = 2min;
+constexpr auto NotesDeadline = 2min;
 
 // Pictures alone are notes, too; a document that is none of HTML (SVG) has no body.
 constexpr char HasContent[] =
@@ -43,7 +51,7 @@ public:
     {
         m_deadline->setObjectName(QStringLiteral("deadline"));
         m_deadline->setSingleShot(true);
-        m_deadline->setInterval(Deadline);
+        m_deadline->setInterval(NotesDeadline);
         QObject::connect(m_deadline, &QTimer::timeout, m_view, [this] { endLoading(); });
         m_view->setContextMenuPolicy(Qt::NoContextMenu);
         m_view->setAcceptDrops(false);
@@ -139,9 +147,9 @@ private:
         return views;
     }
 
-    // The web engine and the scene graph end themselves with the application, and the views must be gone by then. They
-    // do so in routines that run in the reverse order of their registration. The engine's is there with the first
-    // profile, the scene graph's with the first render control.
+    // The web engine and the scene graph end themselves with the application, and the views must be gone by
+    // then. They do so in routines that run in the reverse order of their registration. The engine's is there
+    // with the first profile, the scene graph's with the first render control.
     static void closeBeforeTheEngineEnds()
     {
         const QQuickRenderControl sceneGraph;

@@ -1,3 +1,13 @@
+// Where a link in the notes is judged. The engine asks by one of two ways, by how the link was activated:
+//
+// - in place, by a click or Return: `acceptNavigationRequest`, as "link clicked";
+// - for another window, by a target, the middle button or a modifier key: `newWindowRequested`, initiated by
+//   the user.
+//
+// Both end in `openOutside`, which lets three schemes pass to the system's handler, and the page stays where
+// it is. Any other change of address must be one that `open` began, or a redirection of it before its
+// document is there; that is what `isExpected` decides. Scripts are off, so nothing on the page can pretend
+// to be the user.
 #include "NotesPage.h"
 
 #include "base/SystemCalls.h"
@@ -16,7 +26,8 @@ namespace zel {
 
 namespace {
 
-// Called for what the user activated only: without scripts, the engine tells of a clicked link for no other reason.
+// Called for what the user activated only: without scripts, the engine tells of a clicked link for no other
+// reason.
 void openOutside(const QUrl &url)
 {
     static const QStringList schemes{QStringLiteral("http"), QStringLiteral("https"),

@@ -9,9 +9,9 @@ namespace zel {
 
 class NotesProfile;
 
-/// A page that stays where it is. A link that the user activates goes to the system's handler; no script of the page
-/// runs, no form is sent, no frame is loaded; and nothing that asks for a window, a dialog, a file, a device or a
-/// permission gets it.
+/// A page that stays where it is. A link that the user activates goes to the system's handler; no script of
+/// the page runs, no form is sent, no frame is loaded; and nothing that asks for a window, a dialog, a file,
+/// a device or a permission gets it.
 class NotesPage : public QWebEnginePage
 {
 public:

@@ -1,3 +1,10 @@
+// The notes come from whoever publishes the application, or from whoever has taken over their server. They
+// are fenced in by layers that do not rely on each other: no script of theirs runs (NotesPage.cpp), what the
+// engine asks for ends at `NotesFence` unless it is the document or one of four kinds of parts, and each part
+// is fetched by NotesReach.cpp rather than by the engine. The profile is off the record, so nothing is left
+// on the disk.
+//
+// The scripts below are the updater's own. They run in a world of their own, where the page cannot see them.
 #include "NotesProfile.h"
 
 #include "common/WireValues.h"
@@ -21,13 +28,14 @@ constexpr char PlainText[] =
     "document.getElementsByTagName('head')[0]; var style = document.createElement('style'); style.type = "
     "'text/css'; style.appendChild(document.createTextNode(css)); head.appendChild(style);";
 
-// The window is dark: texts, links and controls without a style of the page are those of the dark scheme. A layer gives
-// way to every rule of the page.
+// The window is dark: texts, links and controls without a style of the page are those of the dark scheme. A
+// layer gives way to every rule of the page.
 constexpr char DarkUnlessStyled[] =
     "var dark = new CSSStyleSheet(); dark.replaceSync('@layer{:where(:root){color-scheme:dark}}');"
     "document.adoptedStyleSheets = [dark];";
 
-// A page that brings a light background of its own, or names its scheme, counts on the dark text that goes with it.
+// A page that brings a light background of its own, or names its scheme, counts on the dark text that goes
+// with it.
 constexpr char LightIfThePageIs[] = R"(
     for (const element of [document.body, document.documentElement]) {
         const [red, green, blue, alpha = 1] =

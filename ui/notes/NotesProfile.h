@@ -10,17 +10,17 @@
 
 namespace zel {
 
-/// Makes the schemes of the notes and of their parts known. Before the first profile; a host that has made one of its
-/// own already gets a warning, and the notes work all the same.
+/// Makes the schemes of the notes and of their parts known. Before the first profile; a host that has made
+/// one of its own already gets a warning, and the notes work all the same.
 void registerNotesSchemes();
 
-/// Hands out a document that came as text, at an address that nothing is relative to. The web engine's own way to show a
-/// text takes at most 2 MB.
+/// Hands out a document that came as text, at an address that nothing is relative to. The web engine's own
+/// way to show a text takes at most 2 MB.
 class NotesSource : public QWebEngineUrlSchemeHandler
 {
 public:
-    /// The address that `html` has from now on: another one each time, so that the engine never takes a document for the
-    /// one before it.
+    /// The address that `html` has from now on: another one each time, so that the engine never takes a
+    /// document for the one before it.
     QUrl setHtml(const QString &html);
 
     static bool isSource(const QUrl &url);
@@ -32,8 +32,8 @@ private:
     quint64 m_number = 0;
 };
 
-/// Lets the document through, and turns its parts over to `NotesParts`. All else ends here: frames, prefetching, reports
-/// and whatever is asked for by another way than http and https.
+/// Lets the document through, and turns its parts over to `NotesParts`. All else ends here: frames,
+/// prefetching, reports and whatever is asked for by another way than http and https.
 class NotesFence : public QWebEngineUrlRequestInterceptor
 {
 public:

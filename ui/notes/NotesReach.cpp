@@ -1,3 +1,11 @@
+// A page that is shown on a developer's or an office's machine could ask what only that machine reaches:
+// routers, local servers, the metadata of a cloud. So each address is judged before it is asked, at every hop
+// of a redirection, by what it says and by what its name resolves to. Lists of what is private were turned
+// round where possible: of IPv6 only the one routed block is public, and a host name must look like one of
+// the open network.
+//
+// Known limits: between the look-up here and the one of the connection a name may change its address, and the
+// document itself is fetched by the engine, which looks its name up alone.
 #include "NotesReach.h"
 
 #include "common/WireValues.h"
@@ -24,7 +32,7 @@ using namespace std::chrono_literals;
 
 constexpr qint64 RoomOfADocument = 64LL << 20;
 constexpr int MostHops = 10;
-constexpr auto Deadline = 2min;
+constexpr auto PartDeadline = 2min;
 
 /// Keeps nothing: what a part sets is no other part's.
 class NoCookies : public QNetworkCookieJar
@@ -41,8 +49,8 @@ bool isProxied(const QUrl &url)
     return !proxies.isEmpty() && proxies.constFirst().type() != QNetworkProxy::NoProxy;
 }
 
-/// One part, from the engine's question to its answer. It belongs to the job, which the engine deletes when it wants
-/// the part no more.
+/// One part, from the engine's question to its answer. It belongs to the job, which the engine deletes when
+/// it wants the part no more.
 class PartFetch : public QObject
 {
 public:
@@ -51,7 +59,7 @@ public:
         , m_job(job)
         , m_parts(parts)
     {
-        QTimer::singleShot(Deadline, this, [this] { fail(); });
+        QTimer::singleShot(PartDeadline, this, [this] { fail(); });
     }
     ~PartFetch() override { drop(); }
 

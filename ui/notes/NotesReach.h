@@ -1,4 +1,5 @@
-// What the release notes reach over the network: which addresses, and how the parts of a document are fetched.
+// What the release notes reach over the network: which addresses, and how the parts of a document are
+// fetched.
 #pragma once
 
 #include <QNetworkAccessManager>
@@ -9,13 +10,14 @@ namespace zel {
 
 constexpr char UserAgent[] = "corrand";
 
-/// Whether `host` is one of the open network: a literal address that is routed there, or a name that is no machine's
-/// own (localhost), no local network's (.local, .lan, ...) and has a dot. A name says nothing about the address that it
-/// resolves to. Addresses in odd forms (a number, hexadecimal, IPv4 within IPv6) count as what they stand for.
+/// Whether `host` is one of the open network: a literal address that is routed there, or a name that is no
+/// machine's own (localhost), no local network's (.local, .lan, ...) and has a dot. A name says nothing about
+/// the address that it resolves to. Addresses in odd forms (a number, hexadecimal, IPv4 within IPv6) count as
+/// what they stand for.
 bool isPublicHost(const QString &host);
 
-/// What one document may reach: the open network and, when it comes from this machine or the local network itself (a
-/// developer's server), its own origin. Main thread only.
+/// What one document may reach: the open network and, when it comes from this machine or the local network
+/// itself (a developer's server), its own origin. Main thread only.
 class NotesReach
 {
 public:
@@ -39,12 +41,13 @@ constexpr char PartScheme[] = "zel-part";
 
 QUrl partUrl(const QUrl &address);
 
-/// Fetches what a document is made of. The web engine cannot be left to do so: it follows a part's redirection before it
-/// asks whether it may, so that any address of a page reaches this machine's servers by way of another one. Here each
-/// hop is judged first, and so are the addresses that its name resolves to (where a proxy resolves them, the proxy
-/// decides).
+/// Fetches what a document is made of. The web engine cannot be left to do so: it follows a part's
+/// redirection before it asks whether it may, so that any address of a page reaches this machine's servers by
+/// way of another one. Here each hop is judged first, and so are the addresses that its name resolves to
+/// (where a proxy resolves them, the proxy decides).
 ///
-/// Parts are held in memory until they are complete: 64 MiB for all parts of a document, two minutes for each.
+/// Parts are held in memory until they are complete: 64 MiB for all parts of a document, two minutes for
+/// each.
 class NotesParts : public QWebEngineUrlSchemeHandler
 {
 public:
