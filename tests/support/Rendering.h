@@ -10,7 +10,7 @@
 
 #include <cmath>
 
-inline const QColor windowColor = QColor::fromRgbF(0.16f, 0.16f, 0.16f);
+inline const QColor WindowColor = QColor::fromRgbF(0.16f, 0.16f, 0.16f);
 
 /// A window of the updater's colour.
 class DarkWindow : public QWidget
@@ -19,7 +19,7 @@ public:
     explicit DarkWindow(QSize size)
     {
         QPalette palette;
-        palette.setColor(QPalette::Window, windowColor);
+        palette.setColor(QPalette::Window, WindowColor);
         setPalette(palette);
         setAutoFillBackground(true);
         resize(size);

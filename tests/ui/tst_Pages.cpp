@@ -36,7 +36,7 @@ struct Pages {
 };
 
 /// The families that a text is written in.
-QStringList familiesOf(const QString &text, const QFont &font)
+QStringList familiesThatWrite(const QString &text, const QFont &font)
 {
     QTextLayout layout(text, font);
     layout.beginLayout();
@@ -68,7 +68,7 @@ constexpr int Content = -1; // a height that the content decides
 
 } // namespace
 
-class PagesTest : public QObject
+class tst_Pages : public QObject
 {
     Q_OBJECT
 
@@ -87,32 +87,28 @@ private slots:
         QTest::addColumn<QRect>("place"); // at 350 × 400
         QTest::addColumn<QString>("text");
 
-        const auto row = [](const char *name, QWidget *part, const QRect &place, const char *text = "") {
-            QTest::newRow(name) << part << place << text;
+        const auto row = [](const QByteArray &name, QWidget *part, const QRect &place,
+                            const char *text = "") {
+            QTest::newRow(name.constData()) << part << place << QString(text);
         };
         auto &[checking, download, error, noUpdates, updated, history] = *m_pages;
-        const QRect icon(87, 32, 176, 176);
+        const auto rows = [&](const QByteArray &name, const ZELUpdaterPage &page, int labelTop,
+                              const char *label, const QRect &cancelPlace, const char *cancel) {
+            row(name + ", icon", page.icon(), {87, 32, 176, 176});
+            row(name + ", label", page.label(), {32, labelTop, 286, Content}, label);
+            row(name + ", cancel", page.cancelButton(), cancelPlace, cancel);
+        };
         const QRect button(32, 336, 286, 32);
-        row("checking, icon", checking.icon(), icon);
-        row("checking, label", checking.label(), {32, 238, 286, Content}, "Checking for Updates");
-        row("checking, cancel", checking.cancelButton(), button, "Cancel");
-        row("download, icon", download.icon(), icon);
-        row("download, label", download.label(), {32, 230, 286, Content}, "Downloading");
+        rows("checking", checking, 238, "Checking for Updates", button, "Cancel");
+        rows("download", download, 230, "Downloading", button, "Cancel");
         row("download, text", download.text(), {32, 266, 286, Content});
-        row("download, cancel", download.cancelButton(), button, "Cancel");
-        row("error, icon", error.icon(), icon);
-        row("error, label", error.label(), {32, 230, 286, Content}, "Error");
+        rows("error", error, 230, "Error", {32, 336, 127, 32}, "Cancel");
         row("error, text", error.text(), {32, 266, 286, Content}, "An error occurred while updating.");
-        row("error, cancel", error.cancelButton(), {32, 336, 127, 32}, "Cancel");
         row("error, retry", error.retryButton(), {191, 336, 127, 32}, "Retry");
-        row("no updates, icon", noUpdates.icon(), icon);
-        row("no updates, label", noUpdates.label(), {32, 230, 286, Content}, "Up To Date");
+        rows("no updates", noUpdates, 230, "Up To Date", button, "Done");
         row("no updates, text", noUpdates.text(), {24, 266, 302, Content}, "No updates are available.");
-        row("no updates, cancel", noUpdates.cancelButton(), button, "Done");
-        row("updated, icon", updated.icon(), icon);
-        row("updated, label", updated.label(), {32, 230, 286, Content}, "Completed");
+        rows("updated", updated, 230, "Completed", button, "Done");
         row("updated, text", updated.text(), {24, 266, 302, Content}, "Updates were successfully installed.");
-        row("updated, cancel", updated.cancelButton(), button, "Done");
         row("notes, later", history.laterButton(), {32, 336, 82, 32}, "Cancel");
         row("notes, skip", history.skipButton(), {134, 336, 82, 32}, "Skip");
         row("notes, download", history.downloadButton(), {236, 336, 82, 32}, "Install");
@@ -199,8 +195,8 @@ private slots:
             const ZELUpdaterErrorPage page;
             QFont normal = page.label()->font();
             normal.setWeight(QFont::Normal);
-            QCOMPARE(familiesOf(page.label()->text(), page.label()->font()),
-                     familiesOf(page.label()->text(), normal));
+            QCOMPARE(familiesThatWrite(page.label()->text(), page.label()->font()),
+                     familiesThatWrite(page.label()->text(), normal));
         }
         zel::setLanguage("en");
     }
@@ -281,5 +277,5 @@ private:
     std::unique_ptr<Pages> m_pages;
 };
 
-QTEST_MAIN(PagesTest)
+QTEST_MAIN(tst_Pages)
 #include "tst_Pages.moc"

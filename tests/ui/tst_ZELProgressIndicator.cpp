@@ -12,8 +12,8 @@ namespace {
 using Style = ZELProgressIndicator::Style;
 
 /// An indicator on a dark window, with a clock that only the test moves. A bar is 200 wide and shows 0 to 1.
-struct Scene {
-    explicit Scene(Style style)
+struct IndicatorScene {
+    explicit IndicatorScene(Style style)
         : indicator(style, &window)
     {
         indicator.setGeometry(0, 0, style == Style::Bar ? 200 : 18, 18);
@@ -61,7 +61,7 @@ private slots:
         QFETCH(double, value);
         QFETCH(double, maximum);
         QFETCH(double, filled);
-        Scene scene(Style::Bar);
+        IndicatorScene scene(Style::Bar);
         scene.indicator.setIndeterminate(false);
         scene.indicator.setMaxValue(maximum);
         scene.indicator.setDoubleValue(value);
@@ -79,7 +79,7 @@ private slots:
 
     void segmentMoves()
     {
-        Scene scene(Style::Bar);
+        IndicatorScene scene(Style::Bar);
         scene.indicator.startAnimation();
         const auto seen = [&] {
             const QList<bool> places{scene.isFilled(40), scene.isFilled(100), scene.isFilled(160)};
@@ -103,7 +103,7 @@ private slots:
 
     void spinnerTurnsClockwise()
     {
-        Scene scene(Style::Spinning);
+        IndicatorScene scene(Style::Spinning);
         scene.indicator.startAnimation();
         for (const int place : {0, 1, 2, 3, 0}) {
             const QImage image = rendered(scene.window, 2);
@@ -134,7 +134,7 @@ private slots:
         QFETCH(Style, style);
         QFETCH(bool, isIndeterminate);
         QFETCH(bool, ticks);
-        Scene scene(style);
+        IndicatorScene scene(style);
         scene.indicator.setIndeterminate(isIndeterminate);
         scene.window.show();
         QVERIFY(!scene.timer->isTicking());
@@ -144,13 +144,17 @@ private slots:
         QVERIFY(!scene.timer->isTicking());
         scene.indicator.setHidden(false);
         QCOMPARE(scene.timer->isTicking(), ticks);
+        scene.window.hide();
+        QVERIFY(!scene.timer->isTicking());
+        scene.window.show();
+        QCOMPARE(scene.timer->isTicking(), ticks);
         scene.indicator.stopAnimation();
         QVERIFY(!scene.timer->isTicking());
     }
 
     void movesByItself()
     {
-        Scene scene(Style::Spinning);
+        IndicatorScene scene(Style::Spinning);
         scene.timer->setClock([&] { return scene.now += 0.1; });
         scene.window.show();
         scene.indicator.startAnimation();
@@ -160,7 +164,7 @@ private slots:
 
     void accessibility()
     {
-        Scene scene(Style::Bar);
+        IndicatorScene scene(Style::Bar);
         scene.indicator.setMaxValue(2);
         scene.indicator.setDoubleValue(0.84);
         QAccessibleInterface *interface = QAccessible::queryAccessibleInterface(&scene.indicator);

@@ -43,7 +43,7 @@ private:
 Q_DECLARE_METATYPE(Show)
 
 /// The pages of the one updater in its window.
-class NavigationTest : public QObject
+class tst_Navigation : public QObject
 {
     Q_OBJECT
 
@@ -421,7 +421,8 @@ private slots:
 private:
     void showActive()
     {
-        // The platform of the tests does not notice that a window comes back, unless another one was there meanwhile.
+        // The platform of the tests does not notice that a window comes back, unless another one was there
+        // meanwhile.
         QWidget other;
         other.show();
         other.activateWindow();
@@ -437,5 +438,5 @@ private:
     QStringList m_calls;
 };
 
-QTEST_MAIN(NavigationTest)
+QTEST_MAIN(tst_Navigation)
 #include "tst_Navigation.moc"

@@ -9,7 +9,7 @@
 #include <QSignalSpy>
 #include <QTest>
 
-class NotesKeysTest : public QObject
+class tst_NotesKeys : public QObject
 {
     Q_OBJECT
 
@@ -64,5 +64,5 @@ private:
     }
 };
 
-QTEST_MAIN(NotesKeysTest)
+QTEST_MAIN(tst_NotesKeys)
 #include "tst_NotesKeys.moc"
