@@ -586,9 +586,10 @@ private slots:
         send(target, QEvent::MouseMove, start + way);
         send(target, QEvent::MouseButtonRelease, target->mapFromGlobal(place + start + way));
         QCOMPARE(window.pos(), moves ? place + way : place);
+        const qsizetype clicks = moves ? 1 : 2; // the drag that moves is no click
         click(); // to know when what came before has arrived
-        QTRY_VERIFY(!m_opened.isEmpty());
-        QCOMPARE(m_opened.size(), moves ? 1 : 2); // the drag that moves is no click
+        QTRY_VERIFY(m_opened.size() >= clicks);
+        QCOMPARE(m_opened.size(), clicks);
     }
 
 public slots:
