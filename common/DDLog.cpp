@@ -1,15 +1,17 @@
-// One writer, one queue, one lock. Whoever logs appends and goes on: the host's message handler may be slow, may write to a
-// window, may log through us again or end the process, so it is only ever called by the writer and without the lock. What
-// stays in order is what matters: a message is appended under the lock in which it was logged.
+// One writer, one queue, one lock. Whoever logs appends and goes on: the host's message handler may be slow,
+// may write to a window, may log through us again or end the process, so it is only ever called by the writer
+// and without the lock. What stays in order is what matters: a message is appended under the lock in which it
+// was logged.
 //
-// The end is the hard part. The queue must be written when the process exits, from a static destructor (`Ending`), while
-// threads that nobody waits for may still log, and while the host's handler may itself be what called `exit`. So the log's
-// memory is never given back: a late thread finds it ended and its message is dropped. `end` waits for every call of the
-// handler but its own thread's (`s_ownCalls`), which cannot return before `exit` does. What handlers need, the logging
-// categories and Qt's message pattern, is touched first by the constructor, so that it is destroyed after the `Ending`.
+// The end is the hard part. The queue must be written when the process exits, from a static destructor
+// (`Ending`), while threads that nobody waits for may still log, and while the host's handler may itself be
+// what called `exit`. So the log's memory is never given back: a late thread finds it ended and its message
+// is dropped. `end` waits for every call of the handler but its own thread's (`s_ownCalls`), which cannot
+// return before `exit` does. What handlers need, the logging categories and Qt's message pattern, is touched
+// first by the constructor, so that it is destroyed after the `Ending`.
 //
-// Without a thread to be had, messages wait until one is, or until somebody flushes. A bounded queue that blocks whoever
-// logs was rejected: a handler that waits for the main thread would stop the main thread.
+// Without a thread to be had, messages wait until one is, or until somebody flushes. A bounded queue that
+// blocks whoever logs was rejected: a handler that waits for the main thread would stop the main thread.
 #include "DDLog.h"
 
 #include "base/SignalShield.h"
@@ -114,7 +116,8 @@ private:
 
     Log()
     {
-        // Made before the ending, so that they outlive the last message: the categories and Qt's message pattern.
+        // Made before the ending, so that they outlive the last message: the categories and Qt's message
+        // pattern.
         zelUpdaterLog();
         zelSystemLog();
         qFormatLogMessage(QtInfoMsg, {}, {});

@@ -9,12 +9,14 @@ Q_DECLARE_LOGGING_CATEGORY(zelSystemLog) // "zel.system": raw diagnostics of the
 
 enum class DDLogFlag { Info, Debug };
 
-/// The log of the flows. Messages are written by a thread of the logger's own, in the order of the calls, with the
-/// place of the call, to the category "zel.updater"; the host sees them in its Qt message handler, which is
-/// therefore called from that thread. What is still queued at exit is written then; what is logged later is dropped.
+/// The log of the flows. Messages are written by a thread of the logger's own, in the order of the calls,
+/// with the place of the call, to the category "zel.updater"; the host sees them in its Qt message handler,
+/// which is therefore called from that thread. What is still queued at exit is written then; what is logged
+/// later is dropped.
 ///
-/// Whoever logs never waits for the handler. A message longer than 16,384 characters is cut. When 20,000 messages or
-/// 4 MiB wait, those that come are left out until all that waits is written; then one line says how many they were.
+/// Whoever logs never waits for the handler. A message longer than 16,384 characters is cut. When 20,000
+/// messages or 4 MiB wait, those that come are left out until all that waits is written; then one line says
+/// how many they were.
 class DDLog
 {
 public:
@@ -23,8 +25,8 @@ public:
     /// Returns when everything logged before the call has been written.
     static void flushLog();
 
-    /// Makes what the log needs. Whatever may log while the process exits calls this when it is made itself: what is
-    /// made first ends last.
+    /// Makes what the log needs. Whatever may log while the process exits calls this when it is made itself:
+    /// what is made first ends last.
     static void prepare();
 };
 

@@ -1,3 +1,7 @@
+// Servers and hosts have always written builds as they liked, as numbers and as texts with something behind
+// the digits, and rely on what came of it. So a text is read up to the first character that is no digit,
+// which Qt's own conversions refuse, and a number beyond 64 bits is held at the end of the range, never
+// wrapped: a wrapped build would be an old one.
 #include "WireValues.h"
 
 #include <QLocale>

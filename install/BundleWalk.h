@@ -30,7 +30,7 @@ struct WalkedItem {
 };
 
 /// Walks along paths from a bundle's root, folder by folder, by descriptors: no link leads it elsewhere, were
-/// it made while the walk goes on. Links are followed name by name, within the bounds of PathNames.h. The
+/// it made while the walk goes on. Links are followed name by name, within the bounds of `PathNames`. The
 /// folders of the last walk stay open, 128 at most, because the next path mostly leads through them: a bundle
 /// must not be changed between walks but by the one who walks.
 class BundleWalk

@@ -1,3 +1,7 @@
+// Qt's parser knows no bounds, and the end of memory within it is the end of the process. So values are
+// counted first, by a rule that can only count too many, and the memory that they may take is asked for in
+// one piece and given back: a refusal is an error then. Between asking and parsing others may take it, which
+// no look ahead could prevent.
 #include "BoundedJson.h"
 
 #include <cstdlib>

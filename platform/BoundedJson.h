@@ -8,9 +8,10 @@
 
 namespace zel {
 
-/// Parses `json`; the document is null when it is no JSON. An error when it has more than `mostValues` values (names do
-/// not count), or when there is not enough memory for what the parser makes of them, up to a hundred times the text:
-/// Qt's parser ends the process when it meets the end of memory itself. Safe from any thread.
+/// Parses `json`; the document is null when it is no JSON. An error when it has more than `mostValues` values
+/// (names do not count), or when there is not enough memory for what the parser makes of them, up to a
+/// hundred times the text: Qt's parser ends the process when it meets the end of memory itself. Safe from any
+/// thread.
 ZELError parseJson(const QByteArray &json, qint64 mostValues, QJsonDocument &document);
 
 } // namespace zel

@@ -1,3 +1,6 @@
+// These functions read bundles that may not have been verified yet. A property list is bounded before it is
+// parsed, what stands in it names no file outside the bundle, and a mode is changed through descriptors that
+// no link leads elsewhere.
 #include "BundleInfo.h"
 
 #include "common/WireValues.h"

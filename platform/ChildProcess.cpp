@@ -1,3 +1,11 @@
+// The host owns the process: its SIGCHLD, its descriptors, its signal mask. A handler that collects every
+// child takes the exit status away; so a program is watched through a pidfd, which stays this program's even
+// when its number is another's, and reports its status by a pipe as well. Nothing of the host is inherited
+// but the standard streams.
+//
+// A program that hangs is told from one that is slow by its progress alone: every wait has an end that each
+// sign of progress moves on. QProcess was rejected, which knows no such end and is bound to the thread that
+// made it, while `kill` comes from any.
 #include "ChildProcess.h"
 
 #include "base/SignalShield.h"
@@ -25,7 +33,8 @@ namespace {
 constexpr int reportDescriptor = STDERR_FILENO + 1;
 constexpr std::chrono::seconds timeToDie(5);
 
-// Both ends are closed in every program that another thread of the host starts meanwhile, and ours never blocks.
+// Both ends are closed in every program that another thread of the host starts meanwhile, and ours never
+// blocks.
 struct Pipe {
     Pipe() { makePipe(reading, writing); }
 
@@ -38,8 +47,8 @@ bool neverBlock(const FileDescriptor &descriptor)
     return ::fcntl(descriptor.get(), F_SETFL, O_NONBLOCK) == 0;
 }
 
-// What the new program starts with: our pipes, no descriptor of the host beyond the standard ones, and no signal
-// ignored or blocked.
+// What the new program starts with: our pipes, no descriptor of the host beyond the standard ones, and no
+// signal ignored or blocked.
 class SpawnSetup
 {
 public:

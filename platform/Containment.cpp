@@ -1,11 +1,11 @@
-// Three ways to the same question. `liesWithin` asks the system, which is enough for paths that the host or a publisher
-// names. A path that a stranger names must be judged before the system follows it: whoever walks it opens folder after
-// folder without following links, and `PathNames` says which name comes next when the links on the way are followed by
-// hand. The links of a sealed bundle are judged all at once, from the list alone, by `LinkTree`, which walks with
-// `PathNames` too, so that both refuse the same.
+// Three ways to the same question. `liesWithin` asks the system, which is enough for paths that the host or a
+// publisher names. A path that a stranger names must be judged before the system follows it: whoever walks it
+// opens folder after folder without following links, and `PathNames` says which name comes next when the
+// links on the way are followed by hand. The links of a sealed bundle are judged all at once, from the list
+// alone, by `LinkTree`, which walks with `PathNames` too, so that both refuse the same.
 //
-// Links can name each other, so that a few of them make a way of any length: hence the bounds, for one way and for all
-// ways together. The archive tool has a stricter rule of its own, and none of Qt.
+// Links can name each other, so that a few of them make a way of any length: hence the bounds, for one way
+// and for all ways together. The archive tool has a stricter rule of its own, and none of Qt.
 #include "Containment.h"
 
 #include <QByteArrayList>

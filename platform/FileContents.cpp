@@ -1,3 +1,11 @@
+// A file is replaced in one step: the new one is written beside it, in the same file system, and renamed.
+// Others see the old content or the new one, never half of it. That is a promise to other processes and not
+// to the disk: those who need it to outlast a power failure (a seal, a release folder) bring it there
+// themselves.
+//
+// Copies take the cheapest way that both file systems know: data shared as a clone costs neither time nor
+// space, a copy inside the kernel no way through memory. Only then it is read and written. A bundle of
+// gigabytes is copied with every patch, so this decides how long an update takes.
 #include "FileContents.h"
 
 #include "base/SystemCalls.h"
@@ -83,8 +91,8 @@ bool copyExtendedAttributes(int, int)
 
 #endif
 
-// As for `replaceFile`, with errno. ENOTSUP: a user who names a device wants the bytes to go into it, and root could
-// take it away from everybody.
+// As for `replaceFile`, with errno. ENOTSUP: a user who names a device wants the bytes to go into it, and
+// root could take it away from everybody.
 bool moveIntoPlace(int folder, const QByteArray &aside, const QByteArray &name)
 {
     struct stat status;

@@ -1,10 +1,12 @@
-// Walks by descriptors: each folder is opened from the one above it, without following a link, and its entries are reached
-// from there. No link that somebody puts in the way meanwhile leads elsewhere, and no path grows too long for the system.
+// Walks by descriptors: each folder is opened from the one above it, without following a link, and its
+// entries are reached from there. No link that somebody puts in the way meanwhile leads elsewhere, and no
+// path grows too long for the system.
 //
-// A copy holds a descriptor for each level, two in fact, which the limit on the depth bounds; a bundle that is deeper is
-// refused everywhere. Removal has to take away whatever can exist, so it goes without recursion and with one folder open
-// at a time. Its way back up is "..", which must be the folder that the walk came from: whoever moves folders about
-// meanwhile ends it. What is kept for a level is its name and the names of the folders in it that are still to be removed.
+// A copy holds a descriptor for each level, two in fact, which the limit on the depth bounds; a bundle that
+// is deeper is refused everywhere. Removal has to take away whatever can exist, so it goes without recursion
+// and with one folder open at a time. Its way back up is "..", which must be the folder that the walk came
+// from: whoever moves folders about meanwhile ends it. What is kept for a level is its name and the names of
+// the folders in it that are still to be removed.
 #include "FileTree.h"
 
 #include "base/SystemCalls.h"
@@ -29,7 +31,8 @@ namespace zel {
 
 namespace {
 
-// Copies by descriptors, which no link can lead elsewhere and no depth makes too long; as deeply as bundles may be nested.
+// Copies by descriptors, which no link can lead elsewhere and no depth makes too long; as deeply as bundles
+// may be nested.
 class TreeCopy
 {
 public:
@@ -94,7 +97,8 @@ private:
         }
         if (errno != 0)
             return failure("cannot read folder", m_from);
-        // The folder's own attributes come last: its mode may forbid writing, and each new entry changes its time.
+        // The folder's own attributes come last: its mode may forbid writing, and each new entry changes its
+        // time.
         return copyAttributes(source.folder(), copy.get(), status)
             ? ZELError()
             : failure("cannot set attributes of", m_to);
@@ -200,7 +204,8 @@ private:
         struct stat status;
         if (!folder || ::fstat(folder.get(), &status) != 0)
             return false;
-        // A copied or unpacked folder may forbid its owner to change it; it must still go when its time has come.
+        // A copied or unpacked folder may forbid its owner to change it; it must still go when its time has
+        // come.
         if ((status.st_mode & S_IRWXU) != S_IRWXU)
             ::fchmod(folder.get(), S_IRWXU);
         m_folder = std::move(folder);

@@ -1,3 +1,8 @@
+// A payload may be larger than memory, and a host must not end because of it. So the block is mapped, not
+// allocated: a refusal is an error and not an exception, all of it goes back to the system at once, and
+// beyond a limit a nameless file stands behind it, into which the system can move what is not used at the
+// moment. The file's space is taken before it is mapped, because a page for which there is none raises
+// SIGBUS, which no caller could turn into a failed step.
 #include "LargeBuffer.h"
 
 #include "base/LargePages.h"

@@ -20,9 +20,9 @@ public:
     LargeBuffer &operator=(LargeBuffer &&other) noexcept;
     ~LargeBuffer();
 
-    /// Reserves `size` bytes of zeros: memory up to `memoryLimit`, beyond that a file in `folder` that has no name
-    /// and goes with the buffer. The file's space is taken at once, so that no later access can fail for want of it.
-    /// An error where there is too little memory or space.
+    /// Reserves `size` bytes of zeros: memory up to `memoryLimit`, beyond that a file in `folder` that has no
+    /// name and goes with the buffer. The file's space is taken at once, so that no later access can fail for
+    /// want of it. An error where there is too little memory or space.
     static ZELError reserve(qint64 size, qint64 memoryLimit, const QString &folder, LargeBuffer &result);
 
     char *data() { return m_data; }

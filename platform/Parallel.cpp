@@ -1,3 +1,7 @@
+// The costliest job goes first: last, it would keep one processor busy while the others wait. It is never
+// overtaken by a cheaper one that would fit into what is left of the budget; it could wait for ever
+// otherwise. Threads are made for each call, which takes microseconds where jobs take milliseconds. A pool
+// that stays would have to be ended with the host.
 #include "Parallel.h"
 
 #include "base/SignalShield.h"

@@ -1,13 +1,13 @@
-// libplist reads the lists, but it trusts them. Of a list in XML it compares each key with those before it that meet it in
-// its table, which has a fixed size, and moves the rest of a text behind each reference in it. It calls itself once per
-// level of nesting when it reads a binary list and when it frees any list, and copies an object of a binary list for each
-// reference to it, so that a small file can stand for a list of any size. Over a key with a NUL in it, it ends the
-// process.
+// libplist reads the lists, but it trusts them. Of a list in XML it compares each key with those before it
+// that meet it in its table, which has a fixed size, and moves the rest of a text behind each reference in
+// it. It calls itself once per level of nesting when it reads a binary list and when it frees any list, and
+// copies an object of a binary list for each reference to it, so that a small file can stand for a list of
+// any size. Over a key with a NUL in it, it ends the process.
 //
-// So the bytes are looked at first, by the cheapest rule that cannot let such a list pass: marks are counted in XML, and
-// of a binary list the outline is read and what it unfolds to is added up. The rule may refuse odd lists that would do no
-// harm, but none that anything writes for a bundle. A reader of our own was rejected: it would have to read two formats
-// as exactly as the tools that write them.
+// So the bytes are looked at first, by the cheapest rule that cannot let such a list pass: marks are counted
+// in XML, and of a binary list the outline is read and what it unfolds to is added up. The rule may refuse
+// odd lists that would do no harm, but none that anything writes for a bundle. A reader of our own was
+// rejected: it would have to read two formats as exactly as the tools that write them.
 #include "PropertyList.h"
 
 #include <QByteArrayView>
@@ -114,8 +114,8 @@ bool canBeKey(QByteArrayView bytes, const Object &object)
     return true;
 }
 
-// No writer shares a container. With each referenced once, the containers form a tree, and what the list unfolds to
-// is no more than the sum over all references.
+// No writer shares a container. With each referenced once, the containers form a tree, and what the list
+// unfolds to is no more than the sum over all references.
 bool isTameBinary(QByteArrayView bytes)
 {
     const std::optional<Outline> outline = outlineOf(bytes);
@@ -169,11 +169,12 @@ bool isTameText(const QByteArray &bytes)
     return quint64(bytes.count("<key")) <= MaxKeys && bytesMoved(bytes) <= MaxMoved;
 }
 
-// Whether a list can be read without exhausting time, stack or memory, and without an abort. It may still be malformed.
+// Whether a list can be read without exhausting time, stack or memory, and without an abort. It may still be
+// malformed.
 bool isTame(QByteArrayView bytes)
 {
-    // Whatever the reader takes for the start of a container has these bytes, so this can only count too many. It is
-    // done for binary lists too: what the reader makes of a damaged head is its own affair.
+    // Whatever the reader takes for the start of a container has these bytes, so this can only count too
+    // many. It is done for binary lists too: what the reader makes of a damaged head is its own affair.
     const QByteArray text = QByteArray::fromRawData(bytes.data(), bytes.size());
     if (quint64(text.count("<array")) + quint64(text.count("<dict")) > MaxContainers)
         return false;

@@ -1,17 +1,19 @@
 // Which threads there are, and how they end.
 //
-// A host gives the library its main thread's event loop and nothing else, and may go away at any time: by destroying its
-// application object, by `exit` with that object alive, by unloading the library, or out of a completion that runs on one
-// of these threads. No thread may then still run code or use data that is going. So every thread is a session that is
-// known here. At the end (`cancelAndWait`), each is cancelled, and all are waited for, but for one that calls the end
-// itself, which ends with the process. That is why no completion on a session's thread may wait for the main thread.
+// A host gives the library its main thread's event loop and nothing else, and may go away at any time: by
+// destroying its application object, by `exit` with that object alive, by unloading the library, or out of a
+// completion that runs on one of these threads. No thread may then still run code or use data that is going.
+// So every thread is a session that is known here. At the end (`cancelAndWait`), each is cancelled, and all
+// are waited for, but for one that calls the end itself, which ends with the process. That is why no
+// completion on a session's thread may wait for the main thread.
 //
-// Qt calls `endAll` when the application object goes; the destructor of `Sessions` does the same at `exit`. What sessions
-// use to their last moment (the log, the network's libraries) is made before `Sessions`, and so ends after it.
+// Qt calls `endAll` when the application object goes; the destructor of `Sessions` does the same at `exit`.
+// What sessions use to their last moment (the log, the network's libraries) is made before `Sessions`, and so
+// ends after it.
 //
-// A thread cannot join itself, and nobody waits for a session in the normal course. So each that ends joins the one that
-// ended before it and leaves itself to the next; at most one ended thread is kept. Detached threads were rejected: the
-// process cannot wait for the last instructions of those.
+// A thread cannot join itself, and nobody waits for a session in the normal course. So each that ends joins
+// the one that ended before it and leaves itself to the next; at most one ended thread is kept. Detached
+// threads were rejected: the process cannot wait for the last instructions of those.
 #include "Queues.h"
 
 #include "base/SignalShield.h"
@@ -148,8 +150,8 @@ private:
     bool m_ending = false;
 };
 
-// Qt copies functors on their way, and both threads hold the last copy: the one that posted it may let go of it after the
-// main thread has called it. So the call leaves nothing behind.
+// Qt copies functors on their way, and both threads hold the last copy: the one that posted it may let go of
+// it after the main thread has called it. So the call leaves nothing behind.
 auto emptiedByItsCall(std::function<void()> &&work)
 {
     return [owner = std::make_shared<std::function<void()>>(std::move(work))] {

@@ -1,3 +1,6 @@
+// Facts that the update server chooses by. They are sent as they are or left out, never guessed: a wrong one
+// would bring the wrong update. What firmware says is text of strangers, too, so it is bounded and must be
+// ASCII.
 #include "SystemFacts.h"
 
 #include <QFile>

@@ -33,15 +33,16 @@ public:
     /// Gives the descriptor away, for another to close.
     int release() { return std::exchange(m_descriptor, -1); }
 
-    /// Closes now, for those who want to know whether it worked: false leaves the reason in `errno`. Not tried again
-    /// after a signal: the number is free by then, and may be another thread's.
+    /// Closes now, for those who want to know whether it worked: false leaves the reason in `errno`. Not
+    /// tried again after a signal: the number is free by then, and may be another thread's.
     bool close() { return m_descriptor < 0 || ::close(std::exchange(m_descriptor, -1)) == 0; }
 
 private:
     int m_descriptor;
 };
 
-/// Calls `call` again for as long as signals interrupt it (`EINTR`); its result otherwise, with `errno` on failure.
+/// Calls `call` again for as long as signals interrupt it (`EINTR`); its result otherwise, with `errno` on
+/// failure.
 template <typename Call> auto uninterrupted(Call call)
 {
     auto result = call();

@@ -11,9 +11,9 @@
 
 namespace zel {
 
-/// Lets the system back a large block, not touched yet, with large pages, where it knows them. Filling it takes fewer
-/// faults, and work that jumps about in it is twice as fast when not each jump has to look up a page first. Keeps
-/// errno.
+/// Lets the system back a large block, not touched yet, with large pages, where it knows them. Filling it
+/// takes fewer faults, and work that jumps about in it is twice as fast when not each jump has to look up a
+/// page first. Keeps errno.
 inline void adviseLargePages([[maybe_unused]] void *block, [[maybe_unused]] std::size_t size)
 {
 #ifdef MADV_HUGEPAGE

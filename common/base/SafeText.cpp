@@ -1,3 +1,7 @@
+// The text is decoded here, strictly: what is not the one well-formed way to write a character is replaced
+// byte by byte. A lenient reader, as many terminals are, would see a control character in an overlong form
+// that a lenient decoder had let through. The archive tool, which names a stranger's files, has no decoder to
+// borrow.
 #include "SafeText.h"
 
 namespace zel {

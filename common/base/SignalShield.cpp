@@ -1,3 +1,8 @@
+// A signal that writing raises goes to the thread that writes. So it can be blocked on that thread, let come,
+// and be taken away again, and no other thread notices. Ignoring it for the process was rejected: the
+// handlers are the host's, whose other threads may rely on them at that very moment. A flag of each write
+// does not do either: there is one for sockets alone, and nothing keeps SIGXFSZ off. What was pending before
+// is the host's, and stays for it.
 #include "SignalShield.h"
 
 #include <cerrno>

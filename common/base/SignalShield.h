@@ -1,4 +1,5 @@
-// What keeps the signals of the library's own work from the host, and the host's signals from the library's threads.
+// What keeps the signals of the library's own work from the host, and the host's signals from the library's
+// threads.
 #pragma once
 
 #include <csignal>
@@ -14,17 +15,18 @@ public:
     BlockedSignals(const BlockedSignals &) = delete;
     BlockedSignals &operator=(const BlockedSignals &) = delete;
 
-    /// Every signal but those that a thread's own fault raises. Threads that are started under this inherit it, and no
-    /// handler of the host ever runs on them. A program that they start would inherit it, too: give it a mask of its own.
+    /// Every signal but those that a thread's own fault raises. Threads that are started under this inherit
+    /// it, and no handler of the host ever runs on them. A program that they start would inherit it, too:
+    /// give it a mask of its own.
     static sigset_t asynchronous();
 
 private:
     sigset_t m_before;
 };
 
-/// Keeps what writing may raise, SIGPIPE and SIGXFSZ (beyond the limit on file sizes), from the host: the write fails
-/// with `EPIPE` or `EFBIG`, and that is all. Lives on the stack of the thread that writes; may be nested. Leaves
-/// `errno` alone.
+/// Keeps what writing may raise, SIGPIPE and SIGXFSZ (beyond the limit on file sizes), from the host: the
+/// write fails with `EPIPE` or `EFBIG`, and that is all. Lives on the stack of the thread that writes; may be
+/// nested. Leaves `errno` alone.
 class SignalShield
 {
 public:

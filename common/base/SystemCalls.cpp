@@ -28,6 +28,7 @@ FileDescriptor unlinkedFile(std::string path)
 
 } // namespace
 
+// The reserve is not for the updater: what a full disk breaks first is whatever else the user works with.
 std::optional<std::int64_t> writableBytes(int descriptor)
 {
     constexpr double largestReserve = 64 << 20;
@@ -52,6 +53,8 @@ FileDescriptor unnamedFile(const std::string &folder)
     return unlinkedFile(folder);
 }
 
+// The system's own call for that, and not zeros that are written: it costs nothing where the file system
+// knows of it, and the C library fills the file where not.
 int takeSpace(int file, std::int64_t size)
 {
 #ifdef __APPLE__
@@ -106,6 +109,8 @@ void limitMemory([[maybe_unused]] pid_t process, [[maybe_unused]] std::uint64_t 
 #endif
 }
 
+// A host may load the library from anywhere, so what belongs to it (the archive tool, the notes' module) is
+// looked for from where its code lies. Every binary has a copy of this function, which is its own landmark.
 std::string ownBinary()
 {
     Dl_info info = {};

@@ -1,3 +1,7 @@
+// A body is a stranger's, and so is the length that it announces. The announced length is judged before the
+// first byte is taken, the real one with each piece. For a file, the disk's free space counts too: others
+// write to it meanwhile, so it is asked again for each MiB (`allow`), and not for each piece, which would be
+// a system call for every read of the network.
 #include "BodySinks.h"
 
 #include "base/SystemCalls.h"

@@ -16,8 +16,8 @@ public:
     /// Called before anything is sent; an error ends the transfer.
     virtual ZELError open() = 0;
 
-    /// Called before the first byte, where the server announced how many there will be: a body that cannot be taken
-    /// whole is not loaded at all. An error ends the transfer.
+    /// Called before the first byte, where the server announced how many there will be: a body that cannot be
+    /// taken whole is not loaded at all. An error ends the transfer.
     virtual ZELError expect(qint64 size) = 0;
 
     /// Takes the next bytes; an error ends the transfer.
@@ -46,8 +46,8 @@ private:
     QByteArray m_body = "";
 };
 
-/// Writes at most `limit` bytes to a new file in `folder`, which is made with mode 0700 when it is missing, and leaves
-/// the file system its reserve. The file goes with the sink, unless it was moved away.
+/// Writes at most `limit` bytes to a new file in `folder`, which is made with mode 0700 when it is missing,
+/// and leaves the file system its reserve. The file goes with the sink, unless it was moved away.
 class FileSink : public BodySink
 {
 public:

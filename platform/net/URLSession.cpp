@@ -1,14 +1,16 @@
-// A session is one task and one thread (see platform/Queues.cpp for how threads end). The task lives for as long as
-// anybody needs it: the session's thread owns it while it runs, and the owner that made it may drop it at any time.
+// A session is one task and one thread (see platform/Queues.cpp for how threads end). The task lives for as
+// long as anybody needs it: the session's thread owns it while it runs, and the owner that made it may drop
+// it at any time.
 //
-// The order of a task's end is what callers rely on. The transfer ends; `settle` closes the task under the lock, so that
-// from there on a `cancel` does nothing and the observer is not called again; then the completion runs, on the session's
-// thread and outside the lock, and takes with it all that it held. `cancel` is decided by that lock alone: either it
-// comes before `settle` and the completion hears of it, or it comes too late. A task that was never resumed is resumed by
-// its `cancel`, so that its completion comes from a session, too, exactly once.
+// The order of a task's end is what callers rely on. The transfer ends; `settle` closes the task under the
+// lock, so that from there on a `cancel` does nothing and the observer is not called again; then the
+// completion runs, on the session's thread and outside the lock, and takes with it all that it held. `cancel`
+// is decided by that lock alone: either it comes before `settle` and the completion hears of it, or it comes
+// too late. A task that was never resumed is resumed by its `cancel`, so that its completion comes from a
+// session, too, exactly once.
 //
-// A completion may block for as long as it likes, so a session has a thread of its own, and none of Qt's pool, which is
-// the host's.
+// A completion may block for as long as it likes, so a session has a thread of its own, and none of Qt's
+// pool, which is the host's.
 #include "URLSession.h"
 
 #include "BodySinks.h"
@@ -107,7 +109,8 @@ public:
 private:
     void work() { std::exchange(m_work, {})(*this); }
 
-    // The main thread is not to meet a completion before `resume` returns; any other is as good as a session's.
+    // The main thread is not to meet a completion before `resume` returns; any other is as good as a
+    // session's.
     void failWithoutThread()
     {
         m_hasNoThread = true;

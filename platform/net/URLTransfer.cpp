@@ -1,14 +1,16 @@
-// libcurl does the protocol. Qt's own network access was tried first: version 6.4 takes a connection that is dropped in
-// the middle of a body for the body's end in up to a third of all cases, with chunked coding beyond detection.
+// libcurl does the protocol. Qt's own network access was tried first: version 6.4 takes a connection that is
+// dropped in the middle of a body for the body's end in up to a third of all cases, with chunked coding
+// beyond detection.
 //
-// What libcurl would do by itself is kept from it where the updater must decide. Redirections are followed here, one
-// exchange after the other (`run`, `redirect`), so that every address is judged before anything is sent to it: a
-// redirection to `file:` or any other scheme ends in `exchange` as "not an HTTP address", one from https down to http
-// in `redirect`. Times are judged by `TransferClock`, not by libcurl's options, which know no pace over both directions
-// and start anew with each exchange. The multi interface is used for one transfer alone, since only its wait can be
-// woken by `cancel` from another thread.
+// What libcurl would do by itself is kept from it where the updater must decide. Redirections are followed
+// here, one exchange after the other (`run`, `redirect`), so that every address is judged before anything is
+// sent to it: a redirection to `file:` or any other scheme ends in `exchange` as "not an HTTP address", one
+// from https down to http in `redirect`. Times are judged by `TransferClock`, not by libcurl's options, which
+// know no pace over both directions and start anew with each exchange. The multi interface is used for one
+// transfer alone, since only its wait can be woken by `cancel` from another thread.
 //
-// Each transport error gets its text in `failure`: the address and the reason, which completions hand on as they are.
+// Each transport error gets its text in `failure`: the address and the reason, which completions hand on as
+// they are.
 #include "URLTransfer.h"
 
 #include "common/DDLog.h"
@@ -147,7 +149,8 @@ void URLTransfer::configure()
     CURL *easy = m_easy.get();
     curl_easy_setopt(easy, CURLOPT_URL, m_request.url.toEncoded(QUrl::RemoveFragment).constData());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    // A session has one request, which gains nothing from a protocol of many streams, states and compressed headers.
+    // A session has one request, which gains nothing from a protocol of many streams, states and compressed
+    // headers.
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, long(CURL_HTTP_VERSION_1_1));
     curl_easy_setopt(easy, CURLOPT_USERAGENT, "ZELUpdater");
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
@@ -275,7 +278,8 @@ bool URLTransfer::receiveHead(QByteArrayView line)
     if (m_headBytes > LongestHead)
         m_refusal =
             failure(QStringLiteral("the header is longer than the limit of %1 bytes").arg(LongestHead));
-    // Each coding may blow up the one below it a thousand times, and what that decodes to may still be nothing.
+    // Each coding may blow up the one below it a thousand times, and what that decodes to may still be
+    // nothing.
     if (m_sink.takesDecodedContent())
         m_codings += int(listIn(line, "Content-Encoding").size());
     for (const QByteArray &coding : listIn(line, "Transfer-Encoding"))

@@ -11,7 +11,8 @@
 
 namespace zel {
 
-/// When a transfer has taken too long. Judges over times that it is told, so it can be tested without waiting.
+/// When a transfer has taken too long. Judges over times that it is told, so it can be tested without
+/// waiting.
 class TransferClock
 {
 public:
@@ -53,7 +54,8 @@ public:
     /// `sink` outlives the transfer. `progress` is called after each piece of the body and at its end.
     URLTransfer(const URLRequest &request, BodySink &sink, Progress progress);
 
-    /// Does it all; returns the transport error, if any. Takes a few hundred KiB of memory besides the sink's.
+    /// Does it all; returns the transport error, if any. Takes a few hundred KiB of memory besides the
+    /// sink's.
     ZELError run();
 
     void cancel();

@@ -7,7 +7,8 @@
 
 #include <functional>
 
-/// One transfer. All functions are safe from any thread, from the observer and from the transfer's completion.
+/// One transfer. All functions are safe from any thread, from the observer and from the transfer's
+/// completion.
 class ZEL_EXPORT ZELURLSessionTask
 {
 public:
@@ -18,8 +19,8 @@ public:
     /// Starts the request; calls after the first do nothing.
     virtual void resume() = 0;
 
-    /// Ends the task, one that was never resumed too, as cancelled: when this returns before the completion was
-    /// entered, the completion is told so, or, of an update, never called. Does nothing after that.
+    /// Ends the task, one that was never resumed too, as cancelled: when this returns before the completion
+    /// was entered, the completion is told so, or, of an update, never called. Does nothing after that.
     virtual void cancel() = 0;
 
     /// Bytes of the body that have come in so far.
@@ -29,8 +30,8 @@ public:
     virtual qint64 countOfBytesExpectedToReceive() const = 0;
 
     /// Calls `observer` once before this returns, then on the session's thread after each change of
-    /// `countOfBytesReceived`, never after the completion was entered. There is one observer; an empty function removes
-    /// it. One that another thread removes may still be finishing a call when this returns.
+    /// `countOfBytesReceived`, never after the completion was entered. There is one observer; an empty
+    /// function removes it. One that another thread removes may still be finishing a call when this returns.
     virtual void observeCountOfBytesReceived(std::function<void()> observer) = 0;
 
 protected:

@@ -1,11 +1,11 @@
-// Making a seal is the dangerous half: it replaces two files that only together are valid, in a bundle that people use.
-// So both are written aside and brought to the disk first, then moved into place one right after the other, and the
-// result is verified as anybody would verify it. Whatever goes wrong, both are put back as they were; what a killed
-// process leaves aside has a name that the next run knows and removes. A seal that is half new can be seen for an instant
-// only, and does not verify then.
+// Making a seal is the dangerous half: it replaces two files that only together are valid, in a bundle that
+// people use. So both are written aside and brought to the disk first, then moved into place one right after
+// the other, and the result is verified as anybody would verify it. Whatever goes wrong, both are put back as
+// they were; what a killed process leaves aside has a name that the next run knows and removes. A seal that
+// is half new can be seen for an instant only, and does not verify then.
 //
-// The list is made from the same scan as verification compares with (SealedBundle.h), and refuses up front what
-// verification would refuse: a publisher hears of it, not the users.
+// The list is made from the same scan as verification compares with (SealedBundle.h), and refuses up front
+// what verification would refuse: a publisher hears of it, not the users.
 #include "BundleSeal.h"
 
 #include "SealedBundle.h"
@@ -43,13 +43,14 @@ private:
     FileDescriptor m_folder;
 };
 
-/// One file of a seal while it is replaced: its new content is written aside, to the disk, moved into place, and taken
-/// back if need be. What was written aside and not moved goes with the object, or with the next `SealFolder::open`.
+/// One file of a seal while it is replaced: its new content is written aside, to the disk, moved into place,
+/// and taken back if need be. What was written aside and not moved goes with the object, or with the next
+/// `SealFolder::open`.
 class SealFile
 {
 public:
-    /// Remembers what is in the file, in memory, unless that is larger than `rememberedSize` bytes. The folder must
-    /// outlive the object.
+    /// Remembers what is in the file, in memory, unless that is larger than `rememberedSize` bytes. The
+    /// folder must outlive the object.
     SealFile(const SealFolder &folder, const QByteArray &name, qint64 rememberedSize);
     ~SealFile();
     SealFile(const SealFile &) = delete;
@@ -59,7 +60,8 @@ public:
 
     ZELError moveIntoPlace();
 
-    /// Undoes `moveIntoPlace`, as well as the disk lets it: the file is what it was before, or gone where none was.
+    /// Undoes `moveIntoPlace`, as well as the disk lets it: the file is what it was before, or gone where
+    /// none was.
     void putBack();
 
 private:
@@ -71,7 +73,8 @@ private:
     bool m_moved = false;
 };
 
-// Always the same name, so that what a killed process left is known for what it is: sealed in, it could never go.
+// Always the same name, so that what a killed process left is known for what it is: sealed in, it could never
+// go.
 QByteArray asideOf(const QByteArray &name)
 {
     return '.' + name + ".new";

@@ -1,10 +1,11 @@
-// Detached signatures, made and verified by OpenSSL, which is asked for the mathematics alone. What makes a signature
-// acceptable is decided here, before anything expensive is computed: a stranger's signature could name thousands of
-// digests or signers, keys of any length, or digests that are broken, and the library would work through them all. Hence
-// the order in `verifySignature`: the shape of the structure, then the keys, then the signatures themselves, and the pins
-// last, over certificates whose signatures have verified. Certificates are containers of keys and names here and no more:
-// nobody's authority, purpose or date is asked, since a seal must stay valid for as long as the bundle is used. Trust
-// comes from where the update was announced, or from pinned fingerprints (SealSigners.h).
+// Detached signatures, made and verified by OpenSSL, which is asked for the mathematics alone. What makes a
+// signature acceptable is decided here, before anything expensive is computed: a stranger's signature could
+// name thousands of digests or signers, keys of any length, or digests that are broken, and the library would
+// work through them all. Hence the order in `verifySignature`: the shape of the structure, then the keys,
+// then the signatures themselves, and the pins last, over certificates whose signatures have verified.
+// Certificates are containers of keys and names here and no more: nobody's authority, purpose or date is
+// asked, since a seal must stay valid for as long as the bundle is used. Trust comes from where the update
+// was announced, or from pinned fingerprints (SealSigners.h).
 #include "SealSignature.h"
 
 #include <QFile>
@@ -69,9 +70,9 @@ bool hasShortExponent(const EVP_PKEY *key)
     return exponent && BN_num_bits(exponent) <= longest;
 }
 
-// One rule for those who seal and for those who verify. Keys that sign a digest of their own choice (Ed25519) do not fit
-// signatures over SHA-2; DSA is of the past. What lies beyond the upper bounds takes ten times as long to verify as what
-// is in use: a second signature of a hostile bundle after the other.
+// One rule for those who seal and for those who verify. Keys that sign a digest of their own choice (Ed25519)
+// do not fit signatures over SHA-2; DSA is of the past. What lies beyond the upper bounds takes ten times as
+// long to verify as what is in use: a second signature of a hostile bundle after the other.
 bool canSeal(const EVP_PKEY *key)
 {
     const int bits = key ? EVP_PKEY_get_bits(key) : 0;
@@ -120,7 +121,8 @@ public:
     X509_ALGOR *algorithm() { return d2i_X509_ALGOR(nullptr, &m_at, long(m_end - m_at)); }
 
 private:
-    // Now at the content of the next element, and nowhere when that is not the wanted one or of no stated length.
+    // Now at the content of the next element, and nowhere when that is not the wanted one or of no stated
+    // length.
     bool read(int wantedTag)
     {
         constexpr int unsoundOrIndefinite = 0x80 | 1;
@@ -137,8 +139,9 @@ private:
     const unsigned char *m_end;
 };
 
-// Whether the digests that a signature announces for all its signers are few and strong. The library shows them to nobody,
-// runs the content through each of them, were they thousands, and loses memory over one that it does not know.
+// Whether the digests that a signature announces for all its signers are few and strong. The library shows
+// them to nobody, runs the content through each of them, were they thousands, and loses memory over one that
+// it does not know.
 bool announcesStrongDigests(const QByteArray &signature)
 {
     DerReader reader(signature);

@@ -28,11 +28,12 @@ private:
     std::shared_ptr<X509> m_certificate;
 };
 
-/// No error when `signature` is a detached CMS signature in DER over `content` that has one to eight signers, each with
-/// its certificate inside, with SHA-2 as digest and with a key of RSA (2048 to 8192 bits, exponent of 32 bits or less) or
-/// of an elliptic curve (224 to 521 bits), all of which verify. The certificates' chain, purpose and dates are not looked
-/// at. Where signers are pinned, one signer at least must be among them. `signersLeft` counts down the signers that may
-/// still be looked at, for all signatures that are verified with it. Safe from any thread.
+/// No error when `signature` is a detached CMS signature in DER over `content` that has one to eight signers,
+/// each with its certificate inside, with SHA-2 as digest and with a key of RSA (2048 to 8192 bits, exponent
+/// of 32 bits or less) or of an elliptic curve (224 to 521 bits), all of which verify. The certificates'
+/// chain, purpose and dates are not looked at. Where signers are pinned, one signer at least must be among
+/// them. `signersLeft` counts down the signers that may still be looked at, for all signatures that are
+/// verified with it. Safe from any thread.
 ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
                          const SignerPins &pins = std::nullopt, int *signersLeft = nullptr);
 

@@ -1,3 +1,8 @@
+// Pins come out of a host's configuration: typed by a person, read from JSON or from settings, in whatever
+// type that made of them. They fail closed. The key's presence pins; what cannot be read as a fingerprint
+// accepts nobody, and is named in the log, since whoever made the mistake sees only that no update is
+// accepted. Certificates are compared by the fingerprint alone, of those whose signatures were verified
+// (SealSignature.cpp): a name can be anyone's.
 #include "SealSigners.h"
 
 #include "common/DDLog.h"

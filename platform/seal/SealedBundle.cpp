@@ -1,12 +1,14 @@
-// A bundle is hostile until its seal is known to be valid, and somebody may change it while it is read. So it is opened
-// once, and everything below is reached from that descriptor, folder by folder, without ever following a link or waiting
-// for a pipe; what is compared is what was scanned, not what a path leads to later.
+// A bundle is hostile until its seal is known to be valid, and somebody may change it while it is read. So it
+// is opened once, and everything below is reached from that descriptor, folder by folder, without ever
+// following a link or waiting for a pipe; what is compared is what was scanned, not what a path leads to
+// later.
 //
-// The whole bundle is scanned once, and the seals of all bundles in it are compared with parts of that one scan: time is
-// linear in what is on the disk, however deeply bundles are nested. What a small archive could blow up (lists in lists,
-// links through links, signatures in each) is counted down by one `SealBudget` for all of them together, since limits per
-// bundle would multiply with the number of bundles. Nested bundles are found by what is there, not by what the outer
-// seal says: whatever looks like a seal or part of one must be valid.
+// The whole bundle is scanned once, and the seals of all bundles in it are compared with parts of that one
+// scan: time is linear in what is on the disk, however deeply bundles are nested. What a small archive could
+// blow up (lists in lists, links through links, signatures in each) is counted down by one `SealBudget` for
+// all of them together, since limits per bundle would multiply with the number of bundles. Nested bundles are
+// found by what is there, not by what the outer seal says: whatever looks like a seal or part of one must be
+// valid.
 #include "SealedBundle.h"
 
 #include "platform/FileTree.h"
@@ -144,8 +146,8 @@ QByteArray nameOf(const QByteArray &path)
     return path.mid(path.lastIndexOf('/') + 1);
 }
 
-// The folder whose `_CodeSignature` an item belongs to. A link in place of a seal counts: such a bundle was meant to be
-// sealed and is not valid.
+// The folder whose `_CodeSignature` an item belongs to. A link in place of a seal counts: such a bundle was
+// meant to be sealed and is not valid.
 std::optional<QByteArray> holderOfSeal(const QByteArray &path, bool isLink)
 {
     const QByteArray name = nameOf(path);
@@ -157,8 +159,8 @@ std::optional<QByteArray> holderOfSeal(const QByteArray &path, bool isLink)
     return std::nullopt;
 }
 
-// That folder is the bundle, or the bundle's `Contents`. Where a folder has `Contents`, its seal can only be in there: a
-// `_CodeSignature` beside it is a folder like any other.
+// That folder is the bundle, or the bundle's `Contents`. Where a folder has `Contents`, its seal can only be
+// in there: a `_CodeSignature` beside it is a folder like any other.
 std::optional<QByteArray> ownerOfSeal(const BundleFolder &folder, const QByteArray &holder)
 {
     if (nameOf(holder) == "Contents")

@@ -11,12 +11,13 @@ namespace zel {
 class BundleFolder
 {
 public:
-    /// Opens a bundle, which must be a real folder: a link to one is refused, while folders above it may be links.
+    /// Opens a bundle, which must be a real folder: a link to one is refused, while folders above it may be
+    /// links.
     ZELError open(const QString &bundle);
 
-    /// Adds every file, with its digest, and every link below the folder to `items`. Unreadable items, anything but
-    /// files, links and folders, more than 500 000 items and folders nested deeper than 128 are errors.
-    /// Memory: a few hundred bytes per item; files are read in pieces.
+    /// Adds every file, with its digest, and every link below the folder to `items`. Unreadable items,
+    /// anything but files, links and folders, more than 500 000 items and folders nested deeper than 128 are
+    /// errors. Memory: a few hundred bytes per item; files are read in pieces.
     ZELError scan(SealedItems &items) const;
 
     /// Whether there is a folder (a link is none) at a path below the bundle.
@@ -34,8 +35,8 @@ constexpr qint64 MaxSignatureSize = 1 << 20;
 
 constexpr int MaxNestedBundles = 1024;
 
-/// What is left for the check of one bundle with all that are nested in it: whole and honest bundles stay far below, a
-/// small file that unpacks to nested seals, or to links through links, does not.
+/// What is left for the check of one bundle with all that are nested in it: whole and honest bundles stay far
+/// below, a small file that unpacks to nested seals, or to links through links, does not.
 struct SealBudget {
     qint64 listBytes = 192 << 20; ///< of all lists, the outermost included
     qint64 signatureBytes = 16 << 20; ///< of all signatures, likewise
@@ -50,8 +51,8 @@ public:
     /// `path` is relative to the folder; empty stands for the folder itself.
     explicit SealedBundle(const BundleFolder &folder, const QByteArray &path = {});
 
-    /// Where the seal is or belongs, relative to the bundle: `_CodeSignature`, inside `Contents` where that is a
-    /// folder.
+    /// Where the seal is or belongs, relative to the bundle: `_CodeSignature`, inside `Contents` where that
+    /// is a folder.
     QByteArray sealPath() const { return m_sealPath; }
 
     /// The two files of the seal, relative to the bundle: the list and the signature.
@@ -72,8 +73,9 @@ private:
     QByteArray m_sealPath;
 };
 
-/// Whether the seals of all bundles nested in the folder, at any depth, are valid. A folder is a nested bundle when it
-/// holds a seal, or part of one, where its own would be. More than `MaxNestedBundles` are not looked at, but an error.
+/// Whether the seals of all bundles nested in the folder, at any depth, are valid. A folder is a nested
+/// bundle when it holds a seal, or part of one, where its own would be. More than `MaxNestedBundles` are not
+/// looked at, but an error.
 ZELError verifyNested(const BundleFolder &folder, const SealedItems &items, SealBudget &budget);
 
 } // namespace zel

@@ -1,6 +1,7 @@
-// The list of a seal is written by libplist and read by a reader of its own. A library that reads any property list can be
-// kept busy for hours by the 64 MiB that a list may have: by keys that meet in one place of its table, by references in a
-// long text, by attributes. A list has one shape and needs none of that; whatever else stands in it makes it malformed.
+// The list of a seal is written by libplist and read by a reader of its own. A library that reads any
+// property list can be kept busy for hours by the 64 MiB that a list may have: by keys that meet in one place
+// of its table, by references in a long text, by attributes. A list has one shape and needs none of that;
+// whatever else stands in it makes it malformed.
 //
 // Both sides of a comparison are in the order of their paths, so that one pass finds the first difference.
 #include "SealedItems.h"

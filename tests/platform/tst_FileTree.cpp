@@ -46,7 +46,8 @@ private:
     rlimit m_before;
 };
 
-/// While it stands, the superuser is an ordinary user to whom the tree belongs: modes mean nothing to the superuser.
+/// While it stands, the superuser is an ordinary user to whom the tree belongs: modes mean nothing to the
+/// superuser.
 class OrdinaryUser
 {
 public:

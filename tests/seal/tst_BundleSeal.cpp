@@ -377,7 +377,8 @@ private slots:
         QVERIFY(!error.message.contains('\n'));
     }
 
-    // The outer seal is made anew by hand over a broken inner one: only the check of nested bundles can find it.
+    // The outer seal is made anew by hand over a broken inner one: only the check of nested bundles can find
+    // it.
     void brokenNestedBundles_data()
     {
         QTest::addColumn<Change>("change");
