@@ -220,12 +220,18 @@ private slots:
         QVERIFY(!zel::bundleBuild(QString()));
     }
 
-    void pipeInPlaceOfThePlist()
+    // Opened to be read, they would wait for a writer.
+    void pipesInPlaceOfFiles()
     {
         const TemporaryTree tree;
         tree.directory("App.app");
         QCOMPARE(::mkfifo(QFile::encodeName(tree.path("App.app/Info.plist")).constData(), 0600), 0);
         QCOMPARE(zel::bundleInfo(tree.path("App.app")), std::optional<QVariantMap>(QVariantMap()));
+        tree.write("App.app/Contents/Info.plist",
+                   xml("<dict><key>CFBundleExecutable</key><string>run</string></dict>"));
+        tree.directory("App.app/Contents/MacOS");
+        QCOMPARE(::mkfifo(QFile::encodeName(tree.path("App.app/Contents/MacOS/run")).constData(), 0600), 0);
+        QCOMPARE(zel::ensureProgramIsExecutable(tree.path("App.app")).message, QString());
     }
 
     void programs_data()
@@ -269,16 +275,6 @@ private slots:
         }
         QCOMPARE(zel::ensureProgramIsExecutable(tree.path("App.app")).message, QString());
         QCOMPARE(TemporaryTree::mode(program), after);
-    }
-
-    void programThatIsAPipe()
-    {
-        const TemporaryTree tree;
-        tree.write("App.app/Contents/Info.plist",
-                   xml("<dict><key>CFBundleExecutable</key><string>run</string></dict>"));
-        tree.directory("App.app/Contents/MacOS");
-        QCOMPARE(::mkfifo(QFile::encodeName(tree.path("App.app/Contents/MacOS/run")).constData(), 0600), 0);
-        QCOMPARE(zel::ensureProgramIsExecutable(tree.path("App.app")).message, QString());
     }
 };
 

@@ -84,102 +84,95 @@ private slots:
     {
         const TemporaryTree tree;
         const QByteArray large(3 << 20, 'x');
-        tree.write(QStringLiteral("a/large"), large, 0640);
-        tree.write(QStringLiteral("a/empty"), "", 0444);
-        tree.write(QStringLiteral("a/sealed/inner"), "inner", 0755);
-        tree.write(QStringLiteral("a/name with \n ü"), "named");
-        tree.link(QStringLiteral("a/out"), QStringLiteral("../outside"));
-        tree.link(QStringLiteral("a/loop"), QStringLiteral("."));
-        tree.write(QStringLiteral("outside/treasure"), "treasure");
-        const bool attributes = setAttribute(tree.path(QStringLiteral("a/large")));
+        tree.write("a/large", large, 0640);
+        tree.write("a/empty", "", 0444);
+        tree.write("a/sealed/inner", "inner", 0755);
+        tree.write("a/name with \n ü", "named");
+        tree.link("a/out", "../outside");
+        tree.link("a/loop", ".");
+        tree.write("outside/treasure", "treasure");
+        const bool attributes = setAttribute(tree.path("a/large"));
         for (const char *item : {"a/large", "a/out", "a/sealed/inner", "a/sealed", "a"})
-            setTime(tree.path(QLatin1String(item)), 1000000000);
-        ::chmod(tree.path(QStringLiteral("a/sealed")).toUtf8().constData(), 0555);
+            setTime(tree.path(item), 1000000000);
+        ::chmod(tree.path("a/sealed").toUtf8().constData(), 0555);
 
-        const ZELError error = copyTree(tree.path(QStringLiteral("a")), tree.path(QStringLiteral("b")));
+        const ZELError error = copyTree(tree.path("a"), tree.path("b"));
         QVERIFY2(!error, qPrintable(error.message));
-        QCOMPARE(tree.read(QStringLiteral("b/large")), large);
-        QCOMPARE(tree.read(QStringLiteral("b/name with \n ü")), QByteArray("named"));
-        QCOMPARE(TemporaryTree::linkTarget(tree.path(QStringLiteral("b/out"))), QByteArray("../outside"));
-        QCOMPARE(TemporaryTree::linkTarget(tree.path(QStringLiteral("b/loop"))), QByteArray("."));
+        QCOMPARE(tree.read("b/large"), large);
+        QCOMPARE(tree.read("b/name with \n ü"), QByteArray("named"));
+        QCOMPARE(TemporaryTree::linkTarget(tree.path("b/out")), QByteArray("../outside"));
+        QCOMPARE(TemporaryTree::linkTarget(tree.path("b/loop")), QByteArray("."));
         for (const char *item : {"", "/large", "/empty", "/out", "/sealed", "/sealed/inner"}) {
-            const struct stat from = statusOf(tree.path(QLatin1Char('a') + QLatin1String(item)));
-            const struct stat to = statusOf(tree.path(QLatin1Char('b') + QLatin1String(item)));
+            const struct stat from = statusOf(tree.path(QString("a") + item));
+            const struct stat to = statusOf(tree.path(QString("b") + item));
             QCOMPARE(to.st_mode, from.st_mode);
             QVERIFY2(to.st_mtim.tv_sec == from.st_mtim.tv_sec && to.st_mtim.tv_nsec == from.st_mtim.tv_nsec,
                      item);
             QVERIFY(to.st_ino != from.st_ino);
         }
         if (attributes)
-            QCOMPARE(attribute(tree.path(QStringLiteral("b/large"))), QByteArray("kept"));
+            QCOMPARE(attribute(tree.path("b/large")), QByteArray("kept"));
 
         // The copy goes although its folder forbids changes, and what links point at stays as it is.
-        ::chmod(tree.path(QStringLiteral("outside")).toUtf8().constData(), 0555);
-        QVERIFY(!removeTree(tree.path(QStringLiteral("b"))));
-        QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("b"))));
-        QCOMPARE(tree.read(QStringLiteral("outside/treasure")), QByteArray("treasure"));
-        QCOMPARE(TemporaryTree::mode(tree.path(QStringLiteral("outside"))), 0555);
-        ::chmod(tree.path(QStringLiteral("outside")).toUtf8().constData(), 0755);
-        ::chmod(tree.path(QStringLiteral("a/sealed")).toUtf8().constData(), 0755);
+        ::chmod(tree.path("outside").toUtf8().constData(), 0555);
+        QVERIFY(!removeTree(tree.path("b")));
+        QVERIFY(!QFileInfo::exists(tree.path("b")));
+        QCOMPARE(tree.read("outside/treasure"), QByteArray("treasure"));
+        QCOMPARE(TemporaryTree::mode(tree.path("outside")), 0555);
+        ::chmod(tree.path("outside").toUtf8().constData(), 0755);
+        ::chmod(tree.path("a/sealed").toUtf8().constData(), 0755);
     }
 
     void hardLinksAreParted()
     {
         const TemporaryTree tree;
-        tree.write(QStringLiteral("a/one"), "shared");
-        QCOMPARE(::link(tree.path(QStringLiteral("a/one")).toUtf8().constData(),
-                        tree.path(QStringLiteral("a/two")).toUtf8().constData()),
-                 0);
-        QVERIFY(!copyTree(tree.path(QStringLiteral("a")), tree.path(QStringLiteral("b"))));
-        tree.write(QStringLiteral("b/one"), "written");
-        QCOMPARE(tree.read(QStringLiteral("b/two")), QByteArray("shared"));
-        QCOMPARE(tree.read(QStringLiteral("a/one")), QByteArray("shared"));
+        tree.write("a/one", "shared");
+        QCOMPARE(::link(tree.path("a/one").toUtf8().constData(), tree.path("a/two").toUtf8().constData()), 0);
+        QVERIFY(!copyTree(tree.path("a"), tree.path("b")));
+        tree.write("b/one", "written");
+        QCOMPARE(tree.read("b/two"), QByteArray("shared"));
+        QCOMPARE(tree.read("a/one"), QByteArray("shared"));
     }
 
     void topLinkIsFollowed()
     {
         const TemporaryTree tree;
-        tree.write(QStringLiteral("real/file"), "content");
-        tree.link(QStringLiteral("link"), QStringLiteral("real"));
-        QVERIFY(!copyTree(tree.path(QStringLiteral("link")), tree.path(QStringLiteral("copy"))));
-        QVERIFY(!QFileInfo(tree.path(QStringLiteral("copy"))).isSymLink());
-        QCOMPARE(tree.read(QStringLiteral("copy/file")), QByteArray("content"));
+        tree.write("real/file", "content");
+        tree.link("link", "real");
+        QVERIFY(!copyTree(tree.path("link"), tree.path("copy")));
+        QVERIFY(!QFileInfo(tree.path("copy")).isSymLink());
+        QCOMPARE(tree.read("copy/file"), QByteArray("content"));
     }
 
     void copyErrors()
     {
         const TemporaryTree tree;
-        tree.write(QStringLiteral("a/file"), "x");
-        QVERIFY(copyTree(tree.path(QStringLiteral("none")), tree.path(QStringLiteral("b")))
-                    .message.contains(QLatin1String("cannot read")));
-        QVERIFY(copyTree(tree.path(QStringLiteral("a")), tree.path(QStringLiteral("a")))
-                    .message.contains(QLatin1String("cannot make folder")));
-        QVERIFY(copyTree(tree.path(QStringLiteral("a")), tree.path(QStringLiteral("none/b"))));
-        tree.write(QStringLiteral("there"), "y");
-        QVERIFY(copyTree(tree.path(QStringLiteral("a/file")), tree.path(QStringLiteral("there"))));
-        QCOMPARE(tree.read(QStringLiteral("there")), QByteArray("y"));
-        ::mkfifo(tree.path(QStringLiteral("a/fifo")).toUtf8().constData(), 0644);
-        QVERIFY(copyTree(tree.path(QStringLiteral("a")), tree.path(QStringLiteral("c")))
-                    .message.contains(QLatin1String("fifo is neither")));
-        makeDeepFolder(tree.directory(QStringLiteral("deep")), 129);
-        QVERIFY(copyTree(tree.path(QStringLiteral("deep")), tree.path(QStringLiteral("d")))
-                    .message.contains(QLatin1String("too deeply")));
-        QVERIFY(!copyTree(tree.path(QStringLiteral("deep/d")), tree.path(QStringLiteral("e"))));
+        tree.write("a/file", "x");
+        QVERIFY(copyTree(tree.path("none"), tree.path("b")).message.contains("cannot read"));
+        QVERIFY(copyTree(tree.path("a"), tree.path("a")).message.contains("cannot make folder"));
+        QVERIFY(copyTree(tree.path("a"), tree.path("none/b")));
+        tree.write("there", "y");
+        QVERIFY(copyTree(tree.path("a/file"), tree.path("there")));
+        QCOMPARE(tree.read("there"), QByteArray("y"));
+        ::mkfifo(tree.path("a/fifo").toUtf8().constData(), 0644);
+        QVERIFY(copyTree(tree.path("a"), tree.path("c")).message.contains("fifo is neither"));
+        makeDeepFolder(tree.directory("deep"), 129);
+        QVERIFY(copyTree(tree.path("deep"), tree.path("d")).message.contains("too deeply"));
+        QVERIFY(!copyTree(tree.path("deep/d"), tree.path("e")));
         const OrdinaryUser user(tree);
-        tree.directory(QStringLiteral("unreadable"));
-        ::chmod(tree.path(QStringLiteral("unreadable")).toUtf8().constData(), 0300);
-        QVERIFY(copyTree(tree.path(QStringLiteral("unreadable")), tree.path(QStringLiteral("f")))
-                    .message.contains(QLatin1String("cannot read folder")));
+        tree.directory("unreadable");
+        ::chmod(tree.path("unreadable").toUtf8().constData(), 0300);
+        QVERIFY(copyTree(tree.path("unreadable"), tree.path("f")).message.contains("cannot read folder"));
     }
 
     void removalAtAnyDepth()
     {
         const TemporaryTree tree;
         for (const char *branch : {"top/one", "top/two"}) // with paths longer than the system takes
-            makeDeepFolder(tree.directory(QLatin1String(branch)), 100, QByteArray(50, 'd'));
+            makeDeepFolder(tree.directory(branch), 100, QByteArray(50, 'd'));
         const FewDescriptors few;
-        QCOMPARE(removeTree(tree.path(QStringLiteral("top"))).message, QString());
-        QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("top"))));
+        QCOMPARE(removeTree(tree.path("top")).message, QString());
+        QVERIFY(!QFileInfo::exists(tree.path("top")));
     }
 
     void removalOfFoldersThatForbidIt()
@@ -187,13 +180,13 @@ private slots:
         const TemporaryTree tree;
         const OrdinaryUser user(tree);
         for (const char *mode : {"000", "111", "444", "555", "666"}) {
-            const QString folder = QLatin1String("top/") + QLatin1String(mode);
-            tree.write(folder + QLatin1String("/inner/file"), "x");
+            const QString folder = QString("top/") + mode;
+            tree.write(folder + "/inner/file", "x");
             ::chmod(tree.path(folder).toUtf8().constData(), QByteArray(mode).toUInt(nullptr, 8));
         }
-        ::chmod(tree.path(QStringLiteral("top")).toUtf8().constData(), 0);
-        QCOMPARE(removeTree(tree.path(QStringLiteral("top"))).message, QString());
-        QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("top"))));
+        ::chmod(tree.path("top").toUtf8().constData(), 0);
+        QCOMPARE(removeTree(tree.path("top")).message, QString());
+        QVERIFY(!QFileInfo::exists(tree.path("top")));
     }
 
     void removalNeverFollowsLinks_data()
@@ -207,33 +200,33 @@ private slots:
     {
         QFETCH(QString, removed);
         const TemporaryTree tree;
-        tree.write(QStringLiteral("real/file"), "content");
-        tree.link(QStringLiteral("link"), QStringLiteral("real"));
-        tree.link(QStringLiteral("folder/link"), QStringLiteral("../real"));
+        tree.write("real/file", "content");
+        tree.link("link", "real");
+        tree.link("folder/link", "../real");
         QVERIFY(!removeTree(tree.path() + u'/' + removed));
-        QCOMPARE(tree.read(QStringLiteral("real/file")), QByteArray("content"));
+        QCOMPARE(tree.read("real/file"), QByteArray("content"));
         QVERIFY(!QFileInfo::exists(tree.path(removed)));
-        QVERIFY(!removeTree(tree.path(QStringLiteral("real/file/none"))));
-        QVERIFY(!removeTree(tree.path(QStringLiteral("real")) + QChar::Null));
-        QCOMPARE(tree.read(QStringLiteral("real/file")), QByteArray("content"));
+        QVERIFY(!removeTree(tree.path("real/file/none")));
+        QVERIFY(!removeTree(tree.path("real") + QChar::Null));
+        QCOMPARE(tree.read("real/file"), QByteArray("content"));
     }
 
     void atomicWriteReplacesTheItem()
     {
         const TemporaryTree tree;
-        tree.write(QStringLiteral("target"), "target");
-        tree.link(QStringLiteral("link"), QStringLiteral("target"));
-        QVERIFY(!writeFileAtomically(tree.path(QStringLiteral("link")), "new"));
-        QCOMPARE(tree.read(QStringLiteral("target")), QByteArray("target"));
-        QCOMPARE(tree.read(QStringLiteral("link")), QByteArray("new"));
+        tree.write("target", "target");
+        tree.link("link", "target");
+        QVERIFY(!writeFileAtomically(tree.path("link"), "new"));
+        QCOMPARE(tree.read("target"), QByteArray("target"));
+        QCOMPARE(tree.read("link"), QByteArray("new"));
         const QString longest(255, u'x');
         QVERIFY(!writeFileAtomically(tree.path(longest), "long"));
         QCOMPARE(tree.read(longest), QByteArray("long"));
-        tree.directory(QStringLiteral("folder/inside"));
-        QCOMPARE(::mkfifo(QFile::encodeName(tree.path(QStringLiteral("pipe"))).constData(), 0600), 0);
-        tree.link(QStringLiteral("to pipe"), QStringLiteral("pipe"));
+        tree.directory("folder/inside");
+        QCOMPARE(::mkfifo(QFile::encodeName(tree.path("pipe")).constData(), 0600), 0);
+        tree.link("to pipe", "pipe");
         for (const char *kept : {"folder", "pipe", "to pipe"})
-            QVERIFY(writeFileAtomically(tree.path(QLatin1String(kept)), "new"));
+            QVERIFY(writeFileAtomically(tree.path(kept), "new"));
         QCOMPARE(QDir(tree.path())
                      .entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot),
                  QStringList({"folder", "link", "pipe", "target", "to pipe", longest}));
@@ -243,13 +236,13 @@ private slots:
     void privateFolders()
     {
         const TemporaryTree tree;
-        QVERIFY(!makePrivateFolder(tree.path(QStringLiteral("a/b/c/"))));
-        QVERIFY(!makePrivateFolder(tree.path(QStringLiteral("a/b/c"))));
+        QVERIFY(!makePrivateFolder(tree.path("a/b/c/")));
+        QVERIFY(!makePrivateFolder(tree.path("a/b/c")));
         for (const char *folder : {"a", "a/b", "a/b/c"})
-            QCOMPARE(TemporaryTree::mode(tree.path(QLatin1String(folder))), 0700);
-        tree.write(QStringLiteral("file"), "");
-        QVERIFY(makePrivateFolder(tree.path(QStringLiteral("file"))));
-        QVERIFY(makePrivateFolder(tree.path(QStringLiteral("file/x"))));
+            QCOMPARE(TemporaryTree::mode(tree.path(folder)), 0700);
+        tree.write("file", "");
+        QVERIFY(makePrivateFolder(tree.path("file")));
+        QVERIFY(makePrivateFolder(tree.path("file/x")));
     }
 };
 

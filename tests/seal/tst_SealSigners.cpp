@@ -29,6 +29,7 @@ private slots:
         };
         reads("text", one, {one});
         reads("line of openssl", colons + '\n', {other});
+        reads("in capitals, with blanks", ' ' + QString("FB ").repeated(32), {other});
         reads("texts in lines and between commas", one + ",\n" + colons, {one, other});
         reads("bytes", one.toLatin1(), {one});
         reads("digest", raw, {other});
@@ -47,6 +48,7 @@ private slots:
         refuses("map", QVariantMap{{"pin", one}}, "QVariantMap");
         refuses("number", 5, "int");
         refuses("SHA-1", QString("0a").repeated(20), "0a0a");
+        refuses("other digest's line", "sha1 Fingerprint=" + one, "sha1");
         refuses("one digit too many", one + 'a', "0a0a");
         QTest::newRow("one bad of two") << QVariant(QStringList{one, "typo"}) << QStringList(one) << "typo";
     }
