@@ -183,14 +183,8 @@ bool isTame(QByteArrayView bytes)
 
 constexpr int MaxDepth = 64;
 
-struct FreeMemory {
-    void operator()(void *memory) const { std::free(memory); }
-};
-struct FreeList {
-    void operator()(void *list) const { plist_free(list); }
-};
-using Memory = std::unique_ptr<void, FreeMemory>;
-using List = std::unique_ptr<void, FreeList>;
+using Memory = std::unique_ptr<void, decltype(&std::free)>;
+using List = std::unique_ptr<void, decltype(&plist_free)>;
 
 QVariant toVariant(plist_t node, int depth);
 
@@ -199,7 +193,7 @@ QVariantList toList(plist_t node, int depth)
     QVariantList list;
     plist_array_iter start = nullptr;
     plist_array_new_iter(node, &start);
-    const Memory iterator(start);
+    const Memory iterator(start, std::free);
     plist_t item = nullptr;
     for (plist_array_next_item(node, start, &item); item; plist_array_next_item(node, start, &item)) {
         const QVariant value = toVariant(item, depth + 1);
@@ -214,12 +208,12 @@ QVariantMap toMap(plist_t node, int depth)
     QVariantMap map;
     plist_dict_iter start = nullptr;
     plist_dict_new_iter(node, &start);
-    const Memory iterator(start);
+    const Memory iterator(start, std::free);
     for (;;) {
         char *name = nullptr;
         plist_t item = nullptr;
         plist_dict_next_item(node, start, &name, &item);
-        const Memory key(name);
+        const Memory key(name, std::free);
         if (!item)
             return map;
         const QVariant value = toVariant(item, depth + 1);
@@ -283,7 +277,7 @@ std::optional<QVariantMap> zel::readPropertyList(const QByteArray &bytes)
         return std::nullopt;
     plist_t parsed = nullptr;
     plist_from_memory(bytes.constData(), uint32_t(bytes.size()), &parsed);
-    const List list(parsed);
+    const List list(parsed, plist_free);
     if (!list || plist_get_node_type(parsed) != PLIST_DICT)
         return std::nullopt;
     return toMap(parsed, 0);

@@ -3,9 +3,9 @@
 // A host gives the library its main thread's event loop and nothing else, and may go away at any time: by
 // destroying its application object, by `exit` with that object alive, by unloading the library, or out of a
 // completion that runs on one of these threads. No thread may then still run code or use data that is going.
-// So every thread is a session that is known here. At the end (`cancelAndWait`), each is cancelled, and all
-// are waited for, but for one that calls the end itself, which ends with the process. That is why no
-// completion on a session's thread may wait for the main thread.
+// So every thread that outlives the call that starts it is a session, which is known here. At the end
+// (`cancelAndWait`), each is cancelled, and all are waited for, but for one that calls the end itself, which
+// ends with the process. That is why no completion on a session's thread may wait for the main thread.
 //
 // Qt calls `endAll` when the application object goes; the destructor of `Sessions` does the same at `exit`.
 // What sessions use to their last moment (the log, the network's libraries) is made before `Sessions`, and so
@@ -28,8 +28,12 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <numeric>
+#include <optional>
+#include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace zel {
 
@@ -150,6 +154,62 @@ private:
     bool m_ending = false;
 };
 
+// The costliest job goes first: last, it would keep one processor busy while the others wait. It is never
+// overtaken by a cheaper one that would fit into what is left of the budget; it could wait for ever
+// otherwise. Threads are made for each call, which takes microseconds where jobs take milliseconds. A pool
+// that stays would have to be ended with the host.
+class Jobs
+{
+public:
+    Jobs(std::span<const qint64> costs, const std::function<void(size_t)> &job, qint64 budget)
+        : m_costs(costs)
+        , m_job(job)
+        , m_budget(budget)
+        , m_waiting(costs.size())
+    {
+        std::iota(m_waiting.begin(), m_waiting.end(), size_t(0));
+        std::ranges::stable_sort(m_waiting, std::ranges::less(), [costs](size_t i) { return costs[i]; });
+    }
+
+    void work() noexcept
+    {
+        std::unique_lock lock(m_mutex);
+        while (const std::optional<size_t> next = take(lock)) {
+            lock.unlock();
+            m_job(*next);
+            lock.lock();
+            m_running -= 1;
+            m_used -= m_costs[*next];
+            m_changed.notify_all();
+        }
+    }
+
+private:
+    // The costliest job that waits, as soon as it fits.
+    std::optional<size_t> take(std::unique_lock<std::mutex> &lock)
+    {
+        m_changed.wait(lock, [this] { return m_waiting.empty() || fits(m_costs[m_waiting.back()]); });
+        if (m_waiting.empty())
+            return std::nullopt;
+        const size_t next = m_waiting.back();
+        m_waiting.pop_back();
+        m_running += 1;
+        m_used += m_costs[next];
+        return next;
+    }
+
+    bool fits(qint64 cost) const { return m_running == 0 || cost <= m_budget - m_used; }
+
+    const std::span<const qint64> m_costs;
+    const std::function<void(size_t)> &m_job;
+    const qint64 m_budget;
+    std::vector<size_t> m_waiting; // the costliest at the end
+    qint64 m_used = 0;
+    int m_running = 0;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+};
+
 // Qt copies functors on their way, and both threads hold the last copy: the one that posted it may let go of
 // it after the main thread has called it. So the call leaves nothing behind.
 auto emptiedByItsCall(std::function<void()> &&work)
@@ -184,6 +244,21 @@ void onGlobalQueue(std::function<void()> &&work)
 {
     if (!startSession(std::move(work), {}))
         std::exchange(work, nullptr)();
+}
+
+void runJobs(std::span<const qint64> costs, const std::function<void(size_t)> &job, qint64 budget)
+{
+    Jobs jobs(costs, job, budget);
+    const size_t count = std::min<size_t>(std::max(1U, std::thread::hardware_concurrency()), costs.size());
+    std::vector<std::jthread> others;
+    try {
+        const BlockedSignals blocked(BlockedSignals::asynchronous());
+        for (size_t i = 1; i < count; ++i)
+            others.emplace_back([&jobs] { jobs.work(); });
+    } catch (const std::system_error &) {
+        // No more threads are to be had: those that run do all the jobs.
+    }
+    jobs.work();
 }
 
 bool isMainQueue()

@@ -1,9 +1,13 @@
 // The queues that the flows run on, the threads beneath them, and their orderly end with the application.
 #pragma once
 
+#include <QtGlobal>
+
 #include <chrono>
 #include <functional>
+#include <limits>
 #include <memory>
+#include <span>
 #include <utility>
 
 namespace zel {
@@ -27,6 +31,12 @@ void onGlobalQueue(std::function<void()> &&work);
 /// cancelled at once. Returns false, with `body` untouched, where no thread is to be had. Safe from any
 /// thread.
 [[nodiscard]] bool startSession(std::function<void()> &&body, std::function<void()> cancel);
+
+/// Calls `job(i)` once for each of the `costs`, on several threads, and returns when all jobs are done. The
+/// costliest comes first. The costs of the jobs that run at a time stay within `budget`; one that costs more
+/// runs alone. A job must not throw.
+void runJobs(std::span<const qint64> costs, const std::function<void(size_t)> &job,
+             qint64 budget = std::numeric_limits<qint64>::max());
 
 /// Whether the caller is on the thread of the main queue.
 bool isMainQueue();

@@ -12,7 +12,7 @@
 #include "platform/Containment.h"
 #include "platform/FileContents.h"
 #include "platform/FileTree.h"
-#include "platform/Parallel.h"
+#include "platform/Queues.h"
 #include "XZWriter.h"
 
 #include <QFile>

@@ -1,6 +1,6 @@
 #include "XZWriter.h"
 
-#include "platform/Parallel.h"
+#include "platform/Queues.h"
 
 #include <algorithm>
 #include <array>

@@ -26,22 +26,22 @@ ZELError tooLong(qint64 limit)
 
 } // namespace
 
-MemorySink::MemorySink(qint64 limit)
+BodyInMemory::BodyInMemory(qint64 limit)
     : m_limit(limit)
 {
 }
 
-ZELError MemorySink::open()
+ZELError BodyInMemory::open()
 {
     return {};
 }
 
-ZELError MemorySink::expect(qint64 size)
+ZELError BodyInMemory::expect(qint64 size)
 {
     return size > m_limit ? tooLong(m_limit) : ZELError();
 }
 
-ZELError MemorySink::write(QByteArrayView bytes)
+ZELError BodyInMemory::write(QByteArrayView bytes)
 {
     if (bytes.size() > m_limit - m_body.size())
         return tooLong(m_limit);
@@ -49,7 +49,7 @@ ZELError MemorySink::write(QByteArrayView bytes)
     return {};
 }
 
-FileSink::FileSink(const QString &folder, qint64 limit)
+BodyInFile::BodyInFile(const QString &folder, qint64 limit)
     : m_folder(QDir::cleanPath(folder))
     , m_file(m_folder + QStringLiteral("/XXXXXX.download"))
     , m_limit(limit)
@@ -57,7 +57,7 @@ FileSink::FileSink(const QString &folder, qint64 limit)
 {
 }
 
-ZELError FileSink::open()
+ZELError BodyInFile::open()
 {
     QDir().mkpath(QFileInfo(m_folder).path());
     QDir().mkdir(m_folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -67,12 +67,12 @@ ZELError FileSink::open()
     return made ? ZELError() : failure(m_file.errorString());
 }
 
-ZELError FileSink::expect(qint64 size)
+ZELError BodyInFile::expect(qint64 size)
 {
     return size > m_limit ? tooLong(m_limit) : allow(size);
 }
 
-ZELError FileSink::write(QByteArrayView bytes)
+ZELError BodyInFile::write(QByteArrayView bytes)
 {
     if (bytes.size() > m_left)
         return tooLong(m_limit);
@@ -91,7 +91,7 @@ ZELError FileSink::write(QByteArrayView bytes)
 }
 
 // An announced size is granted for a MiB only: others write to the file system meanwhile.
-ZELError FileSink::allow(qint64 size)
+ZELError BodyInFile::allow(qint64 size)
 {
     const qint64 writable = writableBytes(m_file.handle()).value_or(size);
     if (size > writable)
@@ -101,7 +101,7 @@ ZELError FileSink::allow(qint64 size)
     return {};
 }
 
-ZELError FileSink::failure(const QString &reason) const
+ZELError BodyInFile::failure(const QString &reason) const
 {
     return ZELError::withMessage(
         QStringLiteral("cannot write the download in \"%1\": %2").arg(m_folder, reason));

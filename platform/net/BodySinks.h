@@ -28,10 +28,10 @@ public:
 };
 
 /// Keeps at most `limit` bytes.
-class MemorySink : public BodySink
+class BodyInMemory : public BodySink
 {
 public:
-    explicit MemorySink(qint64 limit);
+    explicit BodyInMemory(qint64 limit);
 
     ZELError open() override;
     ZELError expect(qint64 size) override;
@@ -48,10 +48,10 @@ private:
 
 /// Writes at most `limit` bytes to a new file in `folder`, which is made with mode 0700 when it is missing,
 /// and leaves the file system its reserve. The file goes with the sink, unless it was moved away.
-class FileSink : public BodySink
+class BodyInFile : public BodySink
 {
 public:
-    FileSink(const QString &folder, qint64 limit);
+    BodyInFile(const QString &folder, qint64 limit);
 
     ZELError open() override;
     ZELError expect(qint64 size) override;

@@ -178,7 +178,7 @@ private:
 std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompletion completion)
 {
     return std::make_shared<Task>([request, completion = std::move(completion)](Task &task) {
-        MemorySink sink(request.bodyLimit.value_or(LongestBodyInMemory));
+        BodyInMemory sink(request.bodyLimit.value_or(LongestBodyInMemory));
         const ZELError error = task.transfer(request, sink);
         if (completion)
             completion(error ? QByteArray() : sink.body(), error);
@@ -189,7 +189,7 @@ std::shared_ptr<URLSessionTask> downloadTask(const URLRequest &request, const QS
                                              DownloadCompletion completion)
 {
     return std::make_shared<Task>([request, temporaryFolder, completion = std::move(completion)](Task &task) {
-        FileSink sink(temporaryFolder, request.bodyLimit.value_or(std::numeric_limits<qint64>::max()));
+        BodyInFile sink(temporaryFolder, request.bodyLimit.value_or(std::numeric_limits<qint64>::max()));
         QUrl responseUrl;
         const ZELError error = task.transfer(request, sink, &responseUrl);
         if (completion)

@@ -66,16 +66,14 @@ void addValue(QStringList &pins, QVariant value)
         addValue(pins, item);
 }
 
-struct Free {
-    void operator()(BIO *text) const { BIO_free(text); }
-    void operator()(CMS_ContentInfo *signature) const { CMS_ContentInfo_free(signature); }
-    void operator()(STACK_OF(X509) * certificates) const { sk_X509_free(certificates); } // the stack alone
+struct FreeStack {
+    void operator()(STACK_OF(X509) * certificates) const { sk_X509_free(certificates); } // not what is in it
 };
-using Certificates = std::unique_ptr<STACK_OF(X509), Free>;
+using Certificates = std::unique_ptr<STACK_OF(X509), FreeStack>;
 
 QString subjectOf(const X509 *certificate)
 {
-    const std::unique_ptr<BIO, Free> text(BIO_new(BIO_s_mem()));
+    const std::unique_ptr<BIO, decltype(&BIO_free)> text(BIO_new(BIO_s_mem()), BIO_free);
     X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0,
                        XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB);
     char *bytes = nullptr;
@@ -139,7 +137,8 @@ QList<SealSigner> sealSigners(const QString &bundle)
         return {};
     const QByteArray der = file.read(MaxSignatureSize);
     const auto *at = reinterpret_cast<const unsigned char *>(der.constData());
-    const std::unique_ptr<CMS_ContentInfo, Free> cms(d2i_CMS_ContentInfo(nullptr, &at, long(der.size())));
+    const std::unique_ptr<CMS_ContentInfo, decltype(&CMS_ContentInfo_free)> cms(
+        d2i_CMS_ContentInfo(nullptr, &at, long(der.size())), CMS_ContentInfo_free);
     QList<SealSigner> signers;
     if (cms) {
         // Certificates are matched to signers when a signature is verified, which this is not.

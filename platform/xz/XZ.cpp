@@ -1,7 +1,7 @@
 #include "XZ.h"
 
 #include "base/LargePages.h"
-#include "platform/Parallel.h"
+#include "platform/Queues.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,6 @@
 #include "common/DDLog.h"
 #include "net/URLSession.h"
 #include "net/URLTransfer.h"
-#include "platform/Parallel.h"
 #include "platform/Queues.h"
 #include "support/NoThreads.h"
 #include "support/TemporaryTree.h"

@@ -1,6 +1,5 @@
 #include "base/FileDescriptor.h"
 #include "base/SignalShield.h"
-#include "platform/Parallel.h"
 #include "platform/Queues.h"
 
 #include <QtTest>

@@ -1,4 +1,4 @@
-#include "platform/Parallel.h"
+#include "platform/Queues.h"
 
 #include <algorithm>
 #include <mutex>
@@ -8,7 +8,7 @@
 
 using namespace zel;
 
-class tst_Parallel : public QObject
+class tst_Queues : public QObject
 {
     Q_OBJECT
 private slots:
@@ -57,5 +57,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(tst_Parallel)
-#include "tst_Parallel.moc"
+QTEST_GUILESS_MAIN(tst_Queues)
+#include "tst_Queues.moc"
