@@ -1,3 +1,11 @@
+// The border between maps that strangers fill and the flows that act on them. Odd types are judged here and
+// nowhere else, each so that the flows need no second look: a build may be a number or a text, as servers
+// write both; a hash, an address or an architecture of another type than text is worth nothing, and suits
+// nobody; a key that acts by its presence acts whatever its value is.
+//
+// What came is kept beside what was read (`received`). Hosts are handed that: a key of theirs that this
+// version does not know, or a build that is a text, reaches them as the server wrote it. Rejected was to
+// write maps back from the fields, which would have changed both.
 #include "UpdateRecord.h"
 
 #include "WireValues.h"

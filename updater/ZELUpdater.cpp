@@ -1,3 +1,11 @@
+// The controller is thin on purpose: each method names the unit that does its work (the check, the
+// installation, the seal) and hands it what it needs of the configuration, read anew at each call. What an
+// update in flight was given stays as it was; only the upload of a log reads the configuration late, as the
+// host has it by then.
+//
+// The one updater is never destroyed: its threads and callbacks may outlive the application object, and an
+// object that is gone by then would be a trap. What belongs to the application, the window and its pages,
+// goes with it (`dropViews`).
 #include "ZELUpdater.h"
 
 #include "check/UpdateCheck.h"
