@@ -175,7 +175,7 @@ ZELError writeDurably(const QString &path, const QByteArray &bytes)
     return settleFolder(place.path());
 }
 
-ZELError settleFile(const QString &path, QJsonObject &facts)
+ZELError settleFile(const QString &path, OfferedFile &facts)
 {
     const FileDescriptor file = openFile(path, O_RDONLY);
     if (!file)
@@ -192,9 +192,9 @@ ZELError settleFile(const QString &path, QJsonObject &facts)
     });
     if (error)
         return error;
-    facts[QLatin1String("size")] = size;
-    facts[QLatin1String("hash")] = md5.result().value_or(QString());
-    facts[QLatin1String("sha256")] = QString::fromLatin1(sha256.result().toHex());
+    facts.size = size;
+    facts.hash = md5.result().value_or(QString());
+    facts.sha256 = QString::fromLatin1(sha256.result().toHex());
     return {};
 }
 

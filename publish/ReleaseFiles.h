@@ -1,10 +1,10 @@
 // Files that clients are sent: on the disk before they are announced, and known by their hashes.
 #pragma once
 
+#include "common/UpdateRecord.h"
 #include "common/ZELError.h"
 
 #include <QByteArray>
-#include <QJsonObject>
 #include <QString>
 
 namespace zel {
@@ -18,7 +18,7 @@ ZELError writeDurably(const QString &path, const QByteArray &bytes);
 
 /// Brings a file to the disk and tells what it is, as "size", "hash" (MD5) and "sha256": the keys of a
 /// record. An error when one of them cannot be told.
-ZELError settleFile(const QString &path, QJsonObject &facts);
+ZELError settleFile(const QString &path, OfferedFile &facts);
 
 /// Brings the names in a folder to the disk.
 ZELError settleFolder(const QString &path);

@@ -59,7 +59,7 @@ ZELError problem(const QString &message)
 
 qint64 buildOf(const QJsonValue &record)
 {
-    return integerValue(record[QLatin1String("build")].toVariant());
+    return integerValue(record[key::Build].toVariant());
 }
 
 // Records bear addresses, not names: a blank or a "#" in a name must not end the address.
@@ -139,7 +139,9 @@ public:
                 return error;
         }
         finishRecord();
-        return notes.isNull() ? ZELError() : addNotes(notes);
+        const ZELError error = notes.isNull() ? ZELError() : addNotes(notes);
+        m_added.record = m_record.toJson();
+        return error;
     }
 
     // Files without a record harm nobody: a record without its files would.
@@ -209,9 +211,9 @@ private:
             error = verifySeal(bundle);
         if (error)
             return problem(name + QLatin1String(" could not be installed: ") + error.message);
-        m_added.record = {{QLatin1String("build"), m_build.number},
-                          {QLatin1String("version"), m_build.version}};
-        return announce(name, m_added.record);
+        m_record.build = m_build.number;
+        m_record.version = m_build.version;
+        return announce(name, m_record);
     }
 
     ZELError addPatch(const QJsonValue &earlier)
@@ -236,12 +238,13 @@ private:
                                "full archive alone")
                     .arg(buildOf(earlier))
                     .arg(error.message));
-        if (summary.size >= m_added.record[QLatin1String("size")].toInteger() && !m_options.patchOnly)
+        if (summary.size >= *m_record.size && !m_options.patchOnly)
             return leaveOut(earlier, QStringLiteral("it would be no smaller than the archive"));
-        QJsonObject entry{{QLatin1String("build"), buildOf(earlier)}};
+        PatchEntry entry;
+        entry.build = buildOf(earlier);
         if (const ZELError unsettled = announce(name, entry))
             return unsettled;
-        m_patches.append(entry);
+        m_record.patches.append(entry);
         return {};
     }
 
@@ -249,50 +252,45 @@ private:
     {
         m_options.say(QStringLiteral("no patch from build %1: %2").arg(buildOf(earlier)).arg(reason));
         m_added.leftOut.append(
-            QJsonObject{{QLatin1String("build"), buildOf(earlier)}, {QLatin1String("reason"), reason}});
+            QJsonObject{{key::Build, buildOf(earlier)}, {QLatin1String("reason"), reason}});
         return {};
     }
 
     void finishRecord()
     {
-        QJsonObject &record = m_added.record;
-        record[QLatin1String("patches")] = m_patches;
-        if (m_options.patchOnly && m_patches.isEmpty())
+        if (m_options.patchOnly && m_record.patches.isEmpty())
             m_options.say(QStringLiteral(
                 "the build is offered to nobody: there is no patch, and it was asked for patches only"));
         if (!m_options.arch.isEmpty())
-            record[QLatin1String("arch")] = m_options.arch;
-        if (m_options.beta)
-            record[QLatin1String("beta")] = true;
-        if (m_options.patchOnly)
-            record[QLatin1String("patchonly")] = true;
+            m_record.arch = m_options.arch;
+        m_record.isBeta = m_options.beta;
+        m_record.isPatchOnly = m_options.patchOnly;
     }
 
     ZELError addNotes(const QByteArray &html)
     {
         const QString name = stem() + QLatin1String(".html");
-        m_added.record[QLatin1String("history")] = addressOf(name);
+        m_record.history = addressOf(name);
         m_made.append(name);
         return writeDurably(m_scratch.filePath(name), html);
     }
 
     // A finished file: on the disk, and in its record with all that it is known by.
-    ZELError announce(const QString &name, QJsonObject &record)
+    ZELError announce(const QString &name, OfferedFile &offered)
     {
-        record[QLatin1String("file")] = addressOf(name);
-        if (const ZELError error = settleFile(m_scratch.filePath(name), record))
+        offered.file = addressOf(name);
+        if (const ZELError error = settleFile(m_scratch.filePath(name), offered))
             return error;
-        if (record[QLatin1String("hash")].toString().isEmpty())
+        if (offered.hash->isEmpty())
             return problem(name + QLatin1String(" has no hash that updaters could check it by"));
         m_made.append(name);
-        m_options.say(
-            QStringLiteral("%1: %2").arg(name, sizeText(record[QLatin1String("size")].toInteger())));
+        m_options.say(QStringLiteral("%1: %2").arg(name, sizeText(*offered.size)));
         return {};
     }
 
     ZELError unpackEarlier(const QJsonValue &record, QString &bundle)
     {
-        const QString archive = place(nameOf(record[QLatin1String("file")]));
+        const QString archive = place(nameOf(record[key::File]));
         const QString folder = QStringLiteral("build-%1").arg(buildOf(record));
         const ZELError error = unpack(archive, folder, bundle);
         return error
@@ -353,7 +351,7 @@ private:
     ReleaseFolder::Added &m_added;
     const ScratchFolder m_scratch;
     Build m_build;
-    QJsonArray m_patches;
+    UpdateRecord m_record; // the new one
     QMap<QString, QString> m_unpacked; // bundles, by the names of their folders
     QStringList m_made; // names of files in the scratch folder that are finished
     QStringList m_moved;

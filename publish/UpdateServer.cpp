@@ -2,6 +2,7 @@
 
 #include "base/FileDescriptor.h"
 #include "base/SystemCalls.h"
+#include "common/UpdateRecord.h"
 #include "install/StagingFolder.h"
 
 #include <QDateTime>
@@ -301,15 +302,15 @@ QJsonValue absolute(const QJsonValue &address, const QUrl &base)
 
 QJsonObject withAbsoluteAddresses(QJsonObject entry, const QUrl &base)
 {
-    for (const QLatin1String key : {QLatin1String("file"), QLatin1String("history")}) {
-        if (entry.contains(key))
-            entry[key] = absolute(entry[key], base);
+    for (const QString &name : {key::File, key::History}) {
+        if (entry.contains(name))
+            entry[name] = absolute(entry[name], base);
     }
-    if (const QJsonArray patches = entry.value(QLatin1String("patches")).toArray(); !patches.isEmpty()) {
+    if (const QJsonArray patches = entry.value(key::Patches).toArray(); !patches.isEmpty()) {
         QJsonArray served;
         for (const QJsonValue patch : patches)
             served.append(withAbsoluteAddresses(patch.toObject(), base));
-        entry[QLatin1String("patches")] = served;
+        entry[key::Patches] = served;
     }
     return entry;
 }

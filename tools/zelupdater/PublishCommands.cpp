@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "common/UpdateRecord.h"
 #include "CommonOptions.h"
 #include "platform/BundleInfo.h"
 #include "publish/Interrupt.h"
@@ -91,7 +92,7 @@ int runRelease(const Arguments &arguments)
     QJsonObject json = added.record;
     json[QLatin1String("leftOut")] = added.leftOut;
     return arguments.done(QStringLiteral("build %1 is released in %2")
-                              .arg(added.record[QLatin1String("build")].toInteger())
+                              .arg(added.record[zel::key::Build].toInteger())
                               .arg(arguments.positional(1)),
                           json);
 }
