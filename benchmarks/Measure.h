@@ -9,8 +9,8 @@
 
 namespace bench {
 
-/// Work that sets its input up and then calls its argument around what is to be timed. Returns whether it went
-/// well.
+/// Work that sets its input up and then calls its argument around what is to be timed. Returns whether it
+/// went well.
 using Work = std::function<bool(const std::function<void(const std::function<void()> &)> &timed)>;
 
 /// Lets an external command be measured like any other work; its output is dropped.

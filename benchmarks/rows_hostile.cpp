@@ -5,7 +5,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// A small patch that is made to take much. What the shell prints becomes its manifest's commands and its payload.
+/// A small patch that is made to take much. What the shell prints becomes its manifest's commands and its
+/// payload.
 struct HostilePatch {
     const char *what;
     const char *commands;
@@ -49,7 +50,8 @@ std::string making(const HostilePatch &patch)
         + "; } | xz -1 >payload\n{ printf '%-32s' $(stat -c %s manifest); cat manifest payload; } >patch";
 }
 
-/// A bundle that is made to take much when its seal is verified. What the shell prints becomes the list of its files.
+/// A bundle that is made to take much when its seal is verified. What the shell prints becomes the list of
+/// its files.
 struct HostileSeal {
     const char *what;
     const char *files;

@@ -7,8 +7,8 @@
 
 namespace zel {
 
-/// Names that lead up, out, nowhere, into each other or to what a sandbox holds: random text would hardly ever
-/// hit upon one.
+/// Names that lead up, out, nowhere, into each other or to what a sandbox holds: random text would hardly
+/// ever hit upon one.
 inline std::string hostilePath(FuzzedDataProvider &input, const Sandbox &sandbox)
 {
     const std::string root = sandbox.path("").string();

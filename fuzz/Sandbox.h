@@ -19,7 +19,8 @@ inline void require(bool holds)
         std::abort();
 }
 
-/// A temporary folder with the folder `inside`, where the code under test may write, and with what is beside that.
+/// A temporary folder with the folder `inside`, where the code under test may write, and with what is beside
+/// that.
 class Sandbox
 {
 public:

@@ -18,7 +18,8 @@ inline Spool spooled(std::string_view bytes)
     return archive;
 }
 
-/// Whether all of an archive was extracted. What declares more than a megabyte is let go: the disk of a fuzzer is small.
+/// Whether all of an archive was extracted. What declares more than a megabyte is let go: the disk of a
+/// fuzzer is small.
 inline bool unpack(std::string_view bytes, const std::filesystem::path &folder)
 {
     const Spool archive = spooled(bytes);

@@ -1,5 +1,5 @@
-// Patch files of hostile commands, applied to a bundle that holds links of all kinds. Nothing is written beside the new
-// bundle, and no more in it than the patch may write.
+// Patch files of hostile commands, applied to a bundle that holds links of all kinds. Nothing is written
+// beside the new bundle, and no more in it than the patch may write.
 #include "generate/bsdiff2.h"
 #include "HostilePath.h"
 #include "install/MD5FromData.h"

@@ -1,4 +1,5 @@
-// Sound archives of hostile names and links, extracted into a folder that is empty or holds a link that leads out.
+// Sound archives of hostile names and links, extracted into a folder that is empty or holds a link that leads
+// out.
 #include "HostilePath.h"
 #include "support/ZipMaker.h"
 #include "Unpacking.h"

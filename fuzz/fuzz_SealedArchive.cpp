@@ -1,5 +1,6 @@
-// A genuine archive and what an attacker without the key may do to it: rename, exchange, link, add, leave out. Nothing
-// is written outside the folder, no mode but the usual ones comes up, and a bundle that verifies is the genuine one.
+// A genuine archive and what an attacker without the key may do to it: rename, exchange, link, add, leave
+// out. Nothing is written outside the folder, no mode but the usual ones comes up, and a bundle that verifies
+// is the genuine one.
 #include "HostilePath.h"
 #include "install/ArchiveExtractor.h"
 #include "platform/BundleInfo.h"

@@ -1,5 +1,5 @@
-// Any bytes as what a server answers. "%%" parts the answers to one request after the other, as redirections make them;
-// what stands behind "@@" in an answer is sent again and again.
+// Any bytes as what a server answers. "%%" parts the answers to one request after the other, as redirections
+// make them; what stands behind "@@" in an answer is sent again and again.
 #include "base/FileDescriptor.h"
 #include "net/URLSession.h"
 #include "Sandbox.h"
@@ -34,7 +34,8 @@ std::ptrdiff_t countThreads()
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-// Stands for every server there is: it is the application's proxy, so that no redirection leads out of the machine.
+// Stands for every server there is: it is the application's proxy, so that no redirection leads out of the
+// machine.
 class Peer
 {
 public:

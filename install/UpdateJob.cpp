@@ -1,7 +1,7 @@
 // An update as a list of steps, read from top to bottom on one thread:
 //
 //     run              sweep what killed processes left, then one of the two ways
-//     updateByPatch    download, verify, apply to a copy and judge the result; if the patch is of no use, fall back
+// updateByPatch download, verify, apply to a copy and judge the result; if the patch is of no use, fall back
 //     updateByArchive  download, verify, unpack and judge
 //     finish           once, with one hop to the main queue
 //

@@ -1,5 +1,5 @@
-// The updater logs on a thread of its own, but Qt Test's message handler names the row that runs without a lock. So the
-// log is off in tests, unless a LogCapture lives (or QT_LOGGING_RULES turns it on for a look).
+// The updater logs on a thread of its own, but Qt Test's message handler names the row that runs without a
+// lock. So the log is off in tests, unless a LogCapture lives (or QT_LOGGING_RULES turns it on for a look).
 #include <QCoreApplication>
 #include <QLoggingCategory>
 

@@ -2,9 +2,9 @@
 // Qt's own translations are, would be asked for every text of the host's as well, and could only be installed
 // where there is an application object. So each table is a QTranslator that is only asked, never installed.
 //
-// Invariant: a table is immutable once it is in `TextTables`, and found under its bundle and name in the language
-// that was in use when it was first asked for; `setLanguage` drops them all. The mutex covers every look-up:
-// they are short.
+// Invariant: a table is immutable once it is in `TextTables`, and found under its bundle and name in the
+// language that was in use when it was first asked for; `setLanguage` drops them all. The mutex covers every
+// look-up: they are short.
 #include "ZELLocalization.h"
 
 #include "Texts.h"

@@ -2,8 +2,8 @@
 //
 // Each step asks again for what it shows, and does nothing when that has gone: between two steps the
 // application may end, or the host set another update. The waits (`NotesDelay`) are there for the web view,
-// which tells of a document that has loaded, not of one that is drawn. Later, Skip and Install are wired here,
-// with each offer, for the host's callback is that one offer's; all other buttons are wired in
+// which tells of a document that has loaded, not of one that is drawn. Later, Skip and Install are wired
+// here, with each offer, for the host's callback is that one offer's; all other buttons are wired in
 // ZELUpdaterViews.cpp.
 #include "base/SafeText.h"
 #include "check/UpdateCheck.h"

@@ -106,8 +106,8 @@ bool recover(const fs::path &installed)
     return !error;
 }
 
-/// For file systems that cannot exchange: for a moment there is no bundle at the installed path, and the old one comes
-/// back when the new one cannot be put there.
+/// For file systems that cannot exchange: for a moment there is no bundle at the installed path, and the old
+/// one comes back when the new one cannot be put there.
 std::error_code replaceInTwoSteps(const fs::path &staged, const fs::path &installed, const fs::path &previous)
 {
     std::error_code error;
@@ -143,7 +143,8 @@ std::error_code checkFolder(const fs::path &path)
     return error;
 }
 
-/// Removes what earlier swaps left. The old bundle among it is no longer needed: there is one at the installed path.
+/// Removes what earlier swaps left. The old bundle among it is no longer needed: there is one at the
+/// installed path.
 std::error_code clear(const fs::path &installed)
 {
     std::error_code error;

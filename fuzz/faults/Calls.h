@@ -4,8 +4,8 @@
 #include <span>
 #include <string_view>
 
-/// One outcome of a call besides its own: the name of an error number, "short" for a transfer of half the bytes, "kill"
-/// for the end of the process before the call.
+/// One outcome of a call besides its own: the name of an error number, "short" for a transfer of half the
+/// bytes, "kill" for the end of the process before the call.
 struct CallFaults {
     std::string_view call;
     long number; ///< the system's

@@ -21,7 +21,7 @@ struct Run {
     bool isKilled() const { return inTime && status < 0 && signalled.isEmpty(); }
 };
 
-/// Runs the command with a folder for its temporary files and settings, which is made. A command that takes longer
-/// than two minutes hangs: it is ended. Any thread.
+/// Runs the command with a folder for its temporary files and settings, which is made. A command that takes
+/// longer than two minutes hangs: it is ended. Any thread.
 Run runWithFaults(const QStringList &command, const QString &scratch, const QStringList &faults);
 Run runPlainly(const QStringList &command, const QString &scratch);

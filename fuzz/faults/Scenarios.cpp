@@ -93,7 +93,8 @@ bool isSeal(const std::string &name)
     return name.ends_with("/CodeResources") || name.ends_with("/CodeSignature");
 }
 
-/// A bundle's tree but for what a seal is made of; its files' names alone stay of that when they are asked for.
+/// A bundle's tree but for what a seal is made of; its files' names alone stay of that when they are asked
+/// for.
 Tree withoutSeal(Tree tree, bool keepNames)
 {
     for (auto item = tree.begin(); item != tree.end();) {

@@ -41,15 +41,16 @@ struct Scenario {
     QString newFolder = {}; ///< where the place's folder "new" really lies, when that is elsewhere
     QStringList renewed = {}; ///< what is put there again, if it is gone, before the normal run that follows
 
-    /// Each returns what is wrong, or nothing: after a run that told success, after one that failed, after one that was
-    /// killed, after a normal one that followed.
+    /// Each returns what is wrong, or nothing: after a run that told success, after one that failed, after
+    /// one that was killed, after a normal one that followed.
     std::function<QString(const Place &, const Run &)> afterSuccess;
     std::function<QString(const Place &)> afterFailure;
     std::function<QString(const Place &)> afterKill;
     std::function<QString(const Place &, const Run &)> afterNext;
 };
 
-/// Bundles, keys and release folders that the scenarios start from, a server for each of the folders, and the scenarios.
+/// Bundles, keys and release folders that the scenarios start from, a server for each of the folders, and the
+/// scenarios.
 class Stock
 {
 public:
@@ -82,7 +83,7 @@ private:
     std::vector<Scenario> m_scenarios;
 };
 
-/// Runs a scenario with faults in an empty folder and judges it; returns what is wrong, or nothing. `seen` receives the
-/// run. Any thread.
+/// Runs a scenario with faults in an empty folder and judges it; returns what is wrong, or nothing. `seen`
+/// receives the run. Any thread.
 QString judge(const Stock &stock, const Scenario &scenario, const QStringList &faults, const QString &folder,
               Run &seen);

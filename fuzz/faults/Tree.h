@@ -5,7 +5,8 @@
 #include <map>
 #include <string>
 
-/// The items by their relative paths: kind, mode, and a file's bytes or a link's target. Empty where there is nothing.
+/// The items by their relative paths: kind, mode, and a file's bytes or a link's target. Empty where there is
+/// nothing.
 using Tree = std::map<std::string, std::string>;
 
 Tree treeOf(const std::filesystem::path &root);

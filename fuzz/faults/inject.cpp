@@ -1,11 +1,11 @@
 // inject REPORT [FAULT...] -- COMMAND [ARGUMENT...]: runs a command in which chosen system calls go wrong.
 //
-// FAULT is PROGRAM:CALL:N:OUTCOME or, for the N-th call and all behind it, PROGRAM:CALL:N+:OUTCOME. The calls of a program
-// (by the name of its file) are counted over all its threads, from its own first instruction on: what the dynamic linker
-// does before is left alone. Outcomes are those of Calls.h.
+// FAULT is PROGRAM:CALL:N:OUTCOME or, for the N-th call and all behind it, PROGRAM:CALL:N+:OUTCOME. The calls
+// of a program (by the name of its file) are counted over all its threads, from its own first instruction on:
+// what the dynamic linker does before is left alone. Outcomes are those of Calls.h.
 //
-// REPORT receives a line for each fact: "count PROGRAM CALL NUMBER", "hit FAULT", "signal PROGRAM SIGNAL" for each process
-// that a signal ended, "exit STATUS" or "killed SIGNAL" for the command itself.
+// REPORT receives a line for each fact: "count PROGRAM CALL NUMBER", "hit FAULT", "signal PROGRAM SIGNAL" for
+// each process that a signal ended, "exit STATUS" or "killed SIGNAL" for the command itself.
 #include "Calls.h"
 
 #include <algorithm>

@@ -83,7 +83,8 @@ public:
         return true;
     }
 
-    /// All places where the call is made; without a call, one place for each outcome, spread evenly over the runs.
+    /// All places where the call is made; without a call, one place for each outcome, spread evenly over the
+    /// runs.
     std::vector<Group> groups(const QString &wantedCall) const
     {
         std::vector<Group> groups;

@@ -1,4 +1,5 @@
-// swap-bundles NEW INSTALLED: the example host's exchange of bundles as a program, so that faults can be put into it.
+// swap-bundles NEW INSTALLED: the example host's exchange of bundles as a program, so that faults can be put
+// into it.
 #include "host/BundleSwap.h"
 
 #include <cstdio>

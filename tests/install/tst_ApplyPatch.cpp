@@ -253,7 +253,8 @@ private slots:
         QVERIFY(!outcome.after.contains("leftover = from before"));
     }
 
-    // With links in the bundle and paths in the manifest that name each other: each command is one path, walked as "add".
+    // With links in the bundle and paths in the manifest that name each other: each command is one path,
+    // walked as "add".
     void walks_data()
     {
         QTest::addColumn<QStringList>("links"); // path>target

@@ -174,8 +174,8 @@ private slots:
         row("missing", {}, "Extraction failed. Error launching");
         row("reads all", "[ $(wc -c) = 1000000 ]", {});
         row("wants its arguments", "cat >/dev/null; [ \"$1 $2 $3 ${4##*/} $#\" = '-x -k - out 4' ]", {});
-        // The test blocks and ignores some signals: none of it must reach the tool. (The C library ignores signals
-        // 32 and 33 in what it spawns.)
+        // The test blocks and ignores some signals: none of it must reach the tool. (The C library ignores
+        // signals 32 and 33 in what it spawns.)
         row("wants no other descriptors", "cat >/dev/null; [ ! -e /proc/$$/fd/100 ]", {});
         row("wants fresh signals",
             "cat >/dev/null; ! grep -qE '^Sig(Blk|Ign):.*[1-9a-f].{0,6}$' /proc/self/status", {});

@@ -10,8 +10,8 @@ using namespace zel;
 
 namespace {
 
-// A tree in words: "path" of a file with its content after "=", a folder's path ends in "/", a link's target after "->",
-// an executable's path starts with "*".
+// A tree in words: "path" of a file with its content after "=", a folder's path ends in "/", a link's target
+// after "->", an executable's path starts with "*".
 void makeTree(const TemporaryTree &tree, const QString &root, const QStringList &items)
 {
     tree.directory(root);
@@ -194,7 +194,8 @@ private slots:
         QVERIFY(shares.first() == 0 && shares.last() > 90 && shares.last() < 100);
     }
 
-    // Files of n * 32768 bytes have no hash. Sizes go in steps of four: around the first of those, none is left out.
+    // Files of n * 32768 bytes have no hash. Sizes go in steps of four: around the first of those, none is
+    // left out.
     void sizesWithoutAHashAreAvoided()
     {
         const TemporaryTree tree;

@@ -9,7 +9,8 @@
 #include <qpa/qplatformaccessibility.h>
 #include <qpa/qplatformintegration.h>
 
-/// Collects the events of one kind as the names of the objects that they come from, while it lives. One at a time.
+/// Collects the events of one kind as the names of the objects that they come from, while it lives. One at a
+/// time.
 class AccessibilityLog
 {
 public:

@@ -8,8 +8,8 @@
 #include <QFile>
 #include <sys/stat.h>
 
-/// Makes folders nested in each other below an existing one, all of one name, and opens the innermost. What removes a
-/// temporary tree may not be able to remove them: a test that makes very many must see to it.
+/// Makes folders nested in each other below an existing one, all of one name, and opens the innermost. What
+/// removes a temporary tree may not be able to remove them: a test that makes very many must see to it.
 inline zel::FileDescriptor makeDeepFolder(const QString &top, int levels, const QByteArray &name = "d")
 {
     zel::FileDescriptor folder(::open(QFile::encodeName(top).constData(), O_RDONLY | O_DIRECTORY));

@@ -9,6 +9,6 @@ struct TestCertificate {
     QString fingerprint; ///< SHA-256 of the certificate, as upper-case pairs with colons between
 };
 
-/// Makes an elliptic-curve key (P-256) with a self-signed certificate for `name` and for a server on loopback, as
-/// `name.key` and `name.crt` in the folder. A test that cannot have them ends here.
+/// Makes an elliptic-curve key (P-256) with a self-signed certificate for `name` and for a server on
+/// loopback, as `name.key` and `name.crt` in the folder. A test that cannot have them ends here.
 TestCertificate makeTestCertificate(const QString &folder, const QString &name);

@@ -155,8 +155,8 @@ void TestServer::serve(qintptr descriptor)
 {
     QSslSocket socket;
     socket.setSocketDescriptor(descriptor);
-    // A second name of the connection, ours to shut down: the socket closes its own as soon as the peer is gone, and the
-    // number may then stand for another file.
+    // A second name of the connection, ours to shut down: the socket closes its own as soon as the peer is
+    // gone, and the number may then stand for another file.
     const zel::FileDescriptor handle(::dup(int(descriptor)));
     {
         const std::lock_guard lock(m_mutex);

@@ -1,4 +1,5 @@
-// A real HTTP/1.1 server on loopback whose answers are scripted, path by path, to misbehave where a test needs it.
+// A real HTTP/1.1 server on loopback whose answers are scripted, path by path, to misbehave where a test
+// needs it.
 #pragma once
 
 #include <QByteArray>
@@ -18,8 +19,8 @@
 
 class QTcpSocket;
 
-/// Answers on threads of its own, so also while the test's thread blocks. Every connection carries one request and is
-/// closed after its answer. All functions are safe from any thread.
+/// Answers on threads of its own, so also while the test's thread blocks. Every connection carries one
+/// request and is closed after its answer. All functions are safe from any thread.
 class TestServer
 {
 public:
@@ -60,8 +61,8 @@ public:
     TestServer(const TestServer &) = delete;
     TestServer &operator=(const TestServer &) = delete;
 
-    /// Gives a path its answers: the first request gets the first, and so on; the last one repeats. A path without
-    /// answers is a 404 with a body.
+    /// Gives a path its answers: the first request gets the first, and so on; the last one repeats. A path
+    /// without answers is a 404 with a body.
     void answer(const QString &path, const QList<Answer> &answers);
 
     /// Lets every stalled answer go on, those that come later too.

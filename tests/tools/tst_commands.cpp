@@ -516,7 +516,8 @@ private:
         QCOMPARE(logs.entryList(QDir::Files).size(), 1);
     }
 
-    // However many peers say that a body comes and send none, others are answered; and no body is taken without limit.
+    // However many peers say that a body comes and send none, others are answered; and no body is taken
+    // without limit.
     void serverHoldsOut(const QUrl &url)
     {
         const QByteArray head = " HTTP/1.1\r\nHost: h\r\nContent-Type: ";

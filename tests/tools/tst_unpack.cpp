@@ -376,7 +376,8 @@ private slots:
         QCOMPARE(tree.read("out/a") + tree.read("out/b"), QByteArray("ab"));
     }
 
-    // From so little that the program cannot even be loaded up to what is enough to refuse an archive for what it is.
+    // From so little that the program cannot even be loaded up to what is enough to refuse an archive for
+    // what it is.
     void littleMemory()
     {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -424,7 +425,8 @@ private slots:
         QCOMPARE(tree.read("out.log"), QByteArray());
     }
 
-    // What is opened does not take the place of a standard stream: without input there is none, rather than the folder.
+    // What is opened does not take the place of a standard stream: without input there is none, rather than
+    // the folder.
     void closedStreams()
     {
         const TemporaryTree tree;
@@ -448,8 +450,8 @@ private slots:
         }
     }
 
-    // What the publisher's tool writes. Files of n * 32768 bytes have no hash: around the first of those sizes, none is
-    // left out but that one.
+    // What the publisher's tool writes. Files of n * 32768 bytes have no hash: around the first of those
+    // sizes, none is left out but that one.
     void publishedArchives()
     {
         const TemporaryTree tree;
