@@ -5,7 +5,7 @@
 #include "BodySinks.h"
 
 #include "base/SystemCalls.h"
-#include "URLSession.h"
+#include "URLRequest.h"
 
 #include <QDir>
 #include <QFileInfo>

@@ -3,46 +3,15 @@
 #pragma once
 
 #include "common/ZELError.h"
+#include "URLRequest.h"
 #include "ZELURLSessionTask.h"
 
-#include <QByteArray>
 #include <QString>
-#include <QUrl>
 
-#include <chrono>
 #include <functional>
 #include <memory>
-#include <optional>
 
 namespace zel {
-
-/// Codes of the transport errors that a flow tells apart; every other one has the code 0.
-namespace URLErrorCode {
-constexpr qint64 Cancelled = -999;
-constexpr qint64 TimedOut = -1001;
-constexpr qint64 TooLong = -1103; ///< more than `URLRequest::bodyLimit`
-} // namespace URLErrorCode
-
-/// The least that must move in every span of time, one after the other.
-struct LeastPace {
-    qint64 bytes;
-    std::chrono::milliseconds span;
-};
-
-struct URLRequest {
-    QUrl url; ///< http or https with a host; anything else is a transport error
-    QByteArray method = "GET"; ///< "GET" or "POST"
-    QByteArray body = {}; ///< of a POST
-    QByteArray contentType =
-        "application/json"; ///< of the body; servers read, and limit, forms in ways of their own
-    QByteArray languages = {}; ///< the header "Accept-Language"; left out when empty
-    std::chrono::milliseconds timeout{120'000}; ///< longest time without a byte in either direction
-    std::optional<std::chrono::milliseconds> deadline = {}; ///< most time in all, redirections included
-    std::optional<LeastPace> pace = {}; ///< bytes in both directions count
-    /// Most bytes of the body, decoded; one more is a transport error. Without it 4 MiB for a data task,
-    /// whose body is kept in memory, and no limit for a download.
-    std::optional<qint64> bodyLimit = {};
-};
 
 /// A request that `dataTask` or `downloadTask` has made, idle until `resume`. Once started it needs no owner:
 /// it lives until its completion has returned, and the completion, with all that it holds, is destroyed on

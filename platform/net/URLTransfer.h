@@ -2,7 +2,7 @@
 #pragma once
 
 #include "BodySinks.h"
-#include "URLSession.h"
+#include "URLRequest.h"
 
 #include <atomic>
 #include <curl/curl.h>
