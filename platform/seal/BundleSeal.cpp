@@ -8,8 +8,8 @@
 // what verification would refuse: a publisher hears of it, not the users.
 #include "BundleSeal.h"
 
+#include "platform/BundleInfo.h"
 #include "SealedBundle.h"
-#include "SealSignature.h"
 
 #include <QDir>
 #include <QFile>
@@ -278,6 +278,12 @@ ZELError sealBundle(const QString &bundle, const QString &keyFile, const QString
 ZELError verifySeal(const QString &bundle, const SignerPins &pins)
 {
     return because(QStringLiteral("no valid seal on"), bundle, verifyAll(bundle, pins));
+}
+
+QList<SealSigner> sealSigners(const QString &bundle)
+{
+    QFile file(contentsFolder(bundle) + QLatin1String("/_CodeSignature/CodeSignature"));
+    return file.open(QIODevice::ReadOnly) ? namedSigners(file.read(MaxSignatureSize)) : QList<SealSigner>();
 }
 
 } // namespace zel

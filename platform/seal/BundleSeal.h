@@ -2,8 +2,9 @@
 #pragma once
 
 #include "common/ZELError.h"
-#include "SealSigners.h"
+#include "SealSignature.h"
 
+#include <QList>
 #include <QString>
 
 namespace zel {
@@ -23,5 +24,9 @@ ZELError sealBundle(const QString &bundle, const QString &keyFile, const QString
 /// The bundle may be hostile: it must be a real folder (see `isRealBundle`), no link in it is followed, and
 /// what exceeds a limit is refused. Memory: some kilobytes per item. Safe from any thread.
 ZELError verifySeal(const QString &bundle, const SignerPins &pins = std::nullopt);
+
+/// Those whose certificates a bundle's seal names as its signers; none where there is no seal that can be
+/// read. Says nothing about whether the seal is valid: `verifySeal` does. Safe from any thread.
+QList<SealSigner> sealSigners(const QString &bundle);
 
 } // namespace zel

@@ -27,10 +27,12 @@ struct Free {
     void operator()(BIGNUM *number) const { BN_free(number); }
     void operator()(CMS_ContentInfo *cms) const { CMS_ContentInfo_free(cms); }
     void operator()(X509_ALGOR *algorithm) const { X509_ALGOR_free(algorithm); }
+    void operator()(STACK_OF(X509) * certificates) const { sk_X509_free(certificates); } // not what is in it
 };
 using Bio = std::unique_ptr<BIO, Free>;
 using Cms = std::unique_ptr<CMS_ContentInfo, Free>;
 using Algorithm = std::unique_ptr<X509_ALGOR, Free>;
+using Certificates = std::unique_ptr<STACK_OF(X509), Free>;
 
 Bio readerOf(const QByteArray &bytes)
 {
@@ -190,6 +192,40 @@ ZELError checkKeys(CMS_ContentInfo *cms)
     return {};
 }
 
+QString subjectOf(const X509 *certificate)
+{
+    const std::unique_ptr<BIO, decltype(&BIO_free)> text(BIO_new(BIO_s_mem()), BIO_free);
+    X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0,
+                       XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB);
+    char *bytes = nullptr;
+    const long size = BIO_get_mem_data(text.get(), &bytes);
+    return QString::fromUtf8(bytes, size);
+}
+
+QString fingerprintOf(const X509 *certificate)
+{
+    QByteArray digest(EVP_MAX_MD_SIZE, Qt::Uninitialized);
+    unsigned int size = 0;
+    X509_digest(certificate, EVP_sha256(), reinterpret_cast<unsigned char *>(digest.data()), &size);
+    return QString::fromLatin1(digest.left(size).toHex());
+}
+
+// The pins may be in any form that `normalFingerprint` reads.
+bool hasPinnedSigner(CMS_ContentInfo *signature, const QStringList &pins)
+{
+    QStringList accepted;
+    for (const QString &pin : pins) {
+        if (const std::optional<QString> readable = zel::normalFingerprint(pin))
+            accepted.append(*readable);
+    }
+    const Certificates signers(CMS_get0_signers(signature));
+    for (int i = 0; i < sk_X509_num(signers.get()); ++i) {
+        if (accepted.contains(fingerprintOf(sk_X509_value(signers.get(), i))))
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 namespace zel {
@@ -258,6 +294,24 @@ ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
     if (pins && !hasPinnedSigner(cms.get(), *pins))
         return failure(QStringLiteral("the signer is not one of those that are pinned"));
     return {};
+}
+
+QList<SealSigner> namedSigners(const QByteArray &signature)
+{
+    const auto *at = reinterpret_cast<const unsigned char *>(signature.constData());
+    const Cms cms(d2i_CMS_ContentInfo(nullptr, &at, long(signature.size())));
+    QList<SealSigner> signers;
+    if (cms) {
+        // Certificates are matched to signers when a signature is verified, which this is not.
+        CMS_set1_signers_certs(cms.get(), nullptr, 0);
+        const Certificates found(CMS_get0_signers(cms.get()));
+        for (int i = 0; i < sk_X509_num(found.get()); ++i) {
+            const X509 *certificate = sk_X509_value(found.get(), i);
+            signers.append({subjectOf(certificate), fingerprintOf(certificate)});
+        }
+    }
+    ERR_clear_error();
+    return signers;
 }
 
 } // namespace zel

@@ -5,12 +5,20 @@
 #include "SealSigners.h"
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
 
 #include <memory>
 #include <openssl/types.h>
 
 namespace zel {
+
+struct SealSigner {
+    QString subject; ///< as "CN = Maker, O = ..."
+    QString fingerprint; ///< SHA-256 of the certificate, lower-case hexadecimal: what pins are made of
+
+    bool operator==(const SealSigner &) const = default;
+};
 
 /// A private key with its certificate. Signing with one object is for one thread at a time.
 class Signer
@@ -36,5 +44,9 @@ private:
 /// verified with it. Safe from any thread.
 ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
                          const SignerPins &pins = std::nullopt, int *signersLeft = nullptr);
+
+/// Those whose certificates a signature in DER names as its signers; none where it cannot be read. Says
+/// nothing about whether they made it: `verifySignature` does. Safe from any thread.
+QList<SealSigner> namedSigners(const QByteArray &signature);
 
 } // namespace zel

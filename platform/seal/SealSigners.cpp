@@ -6,19 +6,11 @@
 #include "SealSigners.h"
 
 #include "common/DDLog.h"
-#include "platform/BundleInfo.h"
-#include "SealedBundle.h"
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonValue>
 #include <QRegularExpression>
 #include <QSequentialIterable>
-
-#include <memory>
-#include <openssl/cms.h>
-#include <openssl/err.h>
-#include <openssl/x509.h>
 
 namespace zel {
 
@@ -66,29 +58,6 @@ void addValue(QStringList &pins, QVariant value)
         addValue(pins, item);
 }
 
-struct FreeStack {
-    void operator()(STACK_OF(X509) * certificates) const { sk_X509_free(certificates); } // not what is in it
-};
-using Certificates = std::unique_ptr<STACK_OF(X509), FreeStack>;
-
-QString subjectOf(const X509 *certificate)
-{
-    const std::unique_ptr<BIO, decltype(&BIO_free)> text(BIO_new(BIO_s_mem()), BIO_free);
-    X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0,
-                       XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB);
-    char *bytes = nullptr;
-    const long size = BIO_get_mem_data(text.get(), &bytes);
-    return QString::fromUtf8(bytes, size);
-}
-
-QString fingerprintOf(const X509 *certificate)
-{
-    QByteArray digest(EVP_MAX_MD_SIZE, Qt::Uninitialized);
-    unsigned int size = 0;
-    X509_digest(certificate, EVP_sha256(), reinterpret_cast<unsigned char *>(digest.data()), &size);
-    return QString::fromLatin1(digest.left(size).toHex());
-}
-
 } // namespace
 
 std::optional<QString> normalFingerprint(const QString &text)
@@ -113,46 +82,6 @@ SignerPins pinnedSigners(const HostConfig &config)
     if (pins.isEmpty())
         DDLogInfo(QStringLiteral("\"signers\" names nobody: no new bundle is accepted"));
     return pins;
-}
-
-bool hasPinnedSigner(CMS_ContentInfo *signature, const QStringList &pins)
-{
-    QStringList accepted;
-    for (const QString &pin : pins) {
-        if (const std::optional<QString> readable = normalFingerprint(pin))
-            accepted.append(*readable);
-    }
-    const Certificates signers(CMS_get0_signers(signature));
-    for (int i = 0; i < sk_X509_num(signers.get()); ++i) {
-        if (accepted.contains(fingerprintOf(sk_X509_value(signers.get(), i))))
-            return true;
-    }
-    return false;
-}
-
-QList<SealSigner> sealSigners(const QString &bundle)
-{
-    QFile file(contentsFolder(bundle) + QLatin1String("/_CodeSignature/CodeSignature"));
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    const QByteArray der = file.read(MaxSignatureSize);
-    const auto *at = reinterpret_cast<const unsigned char *>(der.constData());
-    const std::unique_ptr<CMS_ContentInfo, decltype(&CMS_ContentInfo_free)> cms(
-        d2i_CMS_ContentInfo(nullptr, &at, long(der.size())), CMS_ContentInfo_free);
-    QList<SealSigner> signers;
-    if (cms) {
-        // Certificates are matched to signers when a signature is verified, which this is not.
-        STACK_OF(X509) *all = CMS_get1_certs(cms.get());
-        CMS_set1_signers_certs(cms.get(), all, 0);
-        const Certificates found(CMS_get0_signers(cms.get()));
-        for (int i = 0; i < sk_X509_num(found.get()); ++i) {
-            const X509 *certificate = sk_X509_value(found.get(), i);
-            signers.append({subjectOf(certificate), fingerprintOf(certificate)});
-        }
-        sk_X509_pop_free(all, X509_free);
-    }
-    ERR_clear_error();
-    return signers;
 }
 
 } // namespace zel

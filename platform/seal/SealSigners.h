@@ -1,15 +1,12 @@
-// Who signed a bundle, and which signers are accepted.
+// Which signers are accepted.
 #pragma once
 
 #include "common/HostConfig.h"
 
-#include <QList>
 #include <QString>
 #include <QStringList>
 
 #include <optional>
-
-struct CMS_ContentInfo_st;
 
 namespace zel {
 
@@ -30,20 +27,5 @@ std::optional<QString> normalFingerprint(const QString &text);
 /// bytes is a digest as it is. What is no SHA-256 fingerprint is named in the log and left out, so that a
 /// value that cannot be read at all gives an empty list, which accepts nobody.
 SignerPins pinnedSigners(const HostConfig &config);
-
-/// Whether the signers of a signature whose certificates are known include one that is pinned. The pins may
-/// be in any form that `normalFingerprint` reads.
-bool hasPinnedSigner(CMS_ContentInfo_st *signature, const QStringList &pins);
-
-struct SealSigner {
-    QString subject; ///< as "CN = Maker, O = ..."
-    QString fingerprint; ///< SHA-256 of the certificate, lower-case hexadecimal: what pins are made of
-
-    bool operator==(const SealSigner &) const = default;
-};
-
-/// Those whose certificates a bundle's seal names as its signers; none where there is no seal that can be
-/// read. Says nothing about whether the seal is valid: `verifySeal` does. Safe from any thread.
-QList<SealSigner> sealSigners(const QString &bundle);
 
 } // namespace zel
