@@ -2,7 +2,7 @@
 // them whenever the container or a content changes.
 #pragma once
 
-#include "ZELLayout.h"
+#include "ZELLayoutFrame.h"
 
 #include <QLayout>
 

@@ -1,9 +1,9 @@
-// Each page is built once, in its constructor, and filled in by the updater (updater/ZELUpdaterViews.cpp),
-// which also wires its buttons and decides the window's size. All are drawn for 350 x 400 points: the icon at
-// the top, the title at 230 (238 where nothing but a spinner follows), the message below it, and the buttons
-// at the bottom, with what moves in the room between. A message may grow to several lines in some languages,
-// so whatever stands below it is placed by `ZELLayoutViewBelowView`; only the room that the message leaves is
-// fixed (`zel::MessageRoom`).
+// Each page is built once, in its constructor, and filled in by the updater
+// (updater/ZELUpdaterNavigation.cpp), which also wires its buttons and decides the window's size. All are
+// drawn for 350 x 400 points: the icon at the top, the title at 230 (238 where nothing but a spinner
+// follows), the message below it, and the buttons at the bottom, with what moves in the room between. A
+// message may grow to several lines in some languages, so whatever stands below it is placed by
+// `ZELLayoutViewBelowView`; only the room that the message leaves is fixed (`zel::MessageRoom`).
 //
 // The texts are looked up while a page is made: a change of language shows on pages made after it.
 #include "ZELUpdaterPages.h"
