@@ -31,6 +31,7 @@ class ZELUpdaterWindow;
 
 namespace zel {
 class UpdateInstaller;
+struct UpdaterViews;
 } // namespace zel
 
 /// The updater. It belongs to the main thread: every function is called there, and every callback comes
@@ -278,8 +279,6 @@ public:
     void setProgressText(QLabel *label) { m_progressText = label; }
 
 private:
-    struct Views;
-
     ZELUpdater();
     ~ZELUpdater() override;
 
@@ -298,7 +297,7 @@ private:
     void showPreparing();
     void prepareInstaller();
 
-    std::unique_ptr<Views> m_views;
+    std::unique_ptr<zel::UpdaterViews> m_views;
     const std::shared_ptr<zel::UpdateInstaller> m_installer;
     QVariantMap m_config;
     std::function<void()> m_onCancel;

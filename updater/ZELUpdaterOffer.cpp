@@ -4,13 +4,14 @@
 // application may end, or the host set another update. The waits (`NotesDelay`) are there for the web view,
 // which tells of a document that has loaded, not of one that is drawn. Later, Skip and Install are wired
 // here, with each offer, for the host's callback is that one offer's; all other buttons are wired in
-// ZELUpdaterViews.cpp.
+// ZELUpdaterNavigation.cpp.
+#include "ZELUpdater.h"
+
 #include "base/SafeText.h"
 #include "check/UpdateCheck.h"
 #include "platform/Queues.h"
 #include "ui/Texts.h"
 #include "ui/ZELUpdaterButton.h"
-#include "ui/ZELUpdaterPages.h"
 #include "ui/ZELUpdaterProgressView.h"
 #include "ZELUpdaterViews.h"
 
@@ -133,7 +134,7 @@ void ZELUpdater::showHistoryPage()
     m_historyPage->setAccessibleDescription(spokenOffer(m_config, record));
     if (!placePage(m_historyPage))
         return;
-    resizeWindow(HistoryPageSize);
+    resizeWindow(zel::HistoryPageSize);
     zel::onMainQueueAfter(300ms, [this] { historyPageShown(); });
 }
 

@@ -4,9 +4,10 @@
 #include "ui/ZELUpdaterHistoryPage.h"
 #include "ui/ZELUpdaterPages.h"
 #include "ui/ZELUpdaterWindow.h"
-#include "ZELUpdater.h"
 
 #include <QSize>
+
+namespace zel {
 
 /// The window's size while a page is shown: where each page's size comes from, for a page fills the window.
 /// In points.
@@ -14,7 +15,7 @@ inline constexpr QSize PageSize(350, 400);
 inline constexpr QSize HistoryPageSize(500, 470); // with the release notes
 
 /// The pages go before the window that one of them may be in.
-struct ZELUpdater::Views {
+struct UpdaterViews {
     ZELUpdaterWindow window;
     ZELUpdaterCheckingPage checkingPage;
     ZELUpdaterHistoryPage historyPage;
@@ -23,3 +24,5 @@ struct ZELUpdater::Views {
     ZELUpdaterNoUpdatesPage noUpdatesPage;
     ZELUpdaterUpdatedPage updatedPage;
 };
+
+} // namespace zel

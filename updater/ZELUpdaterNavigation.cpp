@@ -7,14 +7,14 @@
 // A page lives as long as the updater and is only taken into the window and out of it (`placePage`), so that
 // its state may be set while another page is shown. Every function may be called without a window system, and
 // after the application object has gone: the pointers are null then.
-#include "ZELUpdaterViews.h"
+#include "ZELUpdater.h"
 
-#include "install/DownloadFraction.h"
+#include "install/UpdateInstaller.h"
 #include "ui/Texts.h"
 #include "ui/ZELLayout.h"
 #include "ui/ZELProgressIndicator.h"
 #include "ui/ZELUpdaterButton.h"
-#include "ui/ZELUpdaterPages.h"
+#include "ZELUpdaterViews.h"
 
 #include <QApplication>
 #include <QKeyEvent>
@@ -42,7 +42,7 @@ void ZELUpdater::makeViews()
     // Without a window system there is nothing to show and nothing that could be shown.
     if (!qobject_cast<QApplication *>(QCoreApplication::instance()))
         return;
-    m_views = std::make_unique<Views>();
+    m_views = std::make_unique<zel::UpdaterViews>();
     m_window = &m_views->window;
     m_checkingPage = &m_views->checkingPage;
     m_historyPage = &m_views->historyPage;
@@ -102,7 +102,7 @@ void ZELUpdater::showCheckingView()
 {
     if (!placePage(m_checkingPage))
         return;
-    resizeWindow(PageSize);
+    resizeWindow(zel::PageSize);
     m_checkingPage->progress()->setHidden(false);
     m_checkingPage->progress()->startAnimation();
     // Deliberate: Escape does not cancel a check.
@@ -113,7 +113,7 @@ void ZELUpdater::showDownloadPage()
 {
     if (!placePage(m_downloadPage))
         return;
-    resizeWindow(PageSize);
+    resizeWindow(zel::PageSize);
     m_downloadPage->text()->setText(zel::localized("Updater.Connecting"));
     ZELProgressIndicator *bar = m_downloadPage->progress();
     bar->setDoubleValue(0);
@@ -125,7 +125,7 @@ void ZELUpdater::showErrorPage()
 {
     if (!placePage(m_errorPage))
         return;
-    resizeWindow(PageSize);
+    resizeWindow(zel::PageSize);
     m_errorPage->retryButton()->setOnClick([this] {
         if (const auto callback = m_onRetry)
             callback();
@@ -137,7 +137,7 @@ void ZELUpdater::showNoUpdates()
 {
     if (!placePage(m_noUpdatesPage))
         return;
-    recentreWindow(PageSize);
+    recentreWindow(zel::PageSize);
     m_noUpdatesPage->cancelButton()->setProcessKeyEvent(clickOn({Qt::Key_Return, Qt::Key_Escape}));
 }
 
@@ -145,7 +145,7 @@ void ZELUpdater::showUpdated()
 {
     if (!placePage(m_updatedPage))
         return;
-    recentreWindow(PageSize);
+    recentreWindow(zel::PageSize);
     m_updatedPage->cancelButton()->setProcessKeyEvent(clickOn({Qt::Key_Return, Qt::Key_Escape}));
 }
 
