@@ -6,6 +6,7 @@
 #include "common/ZELCompletions.h"
 #include "net/URLSession.h"
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -14,6 +15,13 @@
 namespace zel {
 
 class StagingFolder;
+
+/// The share of a download that has arrived, 0 to 1. 0 while `expected` is not known, that is, not above
+/// zero; 1 when more has come than was expected.
+inline double downloadFraction(qint64 received, qint64 expected)
+{
+    return expected > 0 ? std::clamp(double(received) / double(expected), 0.0, 1.0) : 0;
+}
 
 /// Starts updates, each a job by itself (UpdateJob.h), and keeps what is read between them. Made with
 /// `create`; it lives at least until what it has started has ended.

@@ -1,9 +1,16 @@
+// A check and an update as a host does them, told in lines instead of pages.
+//
+// Everything comes on the main queue, so a command starts its request and runs the event loop until one of
+// the callbacks has set the exit status. Two things may still be under way then: the upload of a patch's log,
+// which is waited for, as the publisher would otherwise never hear of the patch that failed; and, after ^C, a
+// staging folder half built, which `Leftover` removes. What the machine last said against a step
+// (`lastDiagnostic`) is the reason that is shown: statuses tell what did not work, and never why.
 #include "check/UpdateCheck.h"
 #include "Commands.h"
 #include "common/HostConfig.h"
+#include "common/UpdateRecord.h"
 #include "common/WireValues.h"
 #include "CommonOptions.h"
-#include "install/DownloadFraction.h"
 #include "install/StagingFolder.h"
 #include "install/UpdateInstaller.h"
 #include "platform/BundleInfo.h"
@@ -27,7 +34,7 @@ QJsonObject outcome(qint64 status, const QString &text, const QString &path)
 {
     return {{QLatin1String("status"), status},
             {QLatin1String("text"), text},
-            {QLatin1String("path"), path.isNull() ? QJsonValue() : QJsonValue(path)}};
+            {key::Path, path.isNull() ? QJsonValue() : QJsonValue(path)}};
 }
 
 // What nobody uses is swept from the root, so in the user's folder it is one of our own.
