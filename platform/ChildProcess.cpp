@@ -83,7 +83,7 @@ public:
     std::vector<char *> environment;
 
 private:
-    std::string m_reportSetting = std::string(reportVariable) + '=' + std::to_string(reportDescriptor);
+    std::string m_reportSetting = std::string(ReportVariable) + '=' + std::to_string(reportDescriptor);
 };
 
 // How long is left, as `poll` wants it: rounded up, never negative and so never endless.
@@ -194,8 +194,8 @@ bool ChildProcess::readReports()
     char words[4096];
     const ssize_t length = ::read(m_reports.get(), words, sizeof words);
     for (ssize_t i = 0; i < length; ++i) {
-        if (words[i] != reportedProgress)
-            m_reportedStatus = words[i] - reportedStatus;
+        if (words[i] != ReportedProgress)
+            m_ReportedStatus = words[i] - ReportedStatus;
     }
     return length > 0 || (length < 0 && (errno == EAGAIN || errno == EINTR));
 }
@@ -222,7 +222,7 @@ int ChildProcess::status()
         return info.si_status; // the exit status or the signal's number
     if (m_reports)
         readReports();
-    return m_reportedStatus.value_or(m_killed ? SIGKILL : -1);
+    return m_ReportedStatus.value_or(m_killed ? SIGKILL : -1);
 }
 
 } // namespace zel

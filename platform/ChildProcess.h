@@ -65,7 +65,7 @@ private:
     FileDescriptor m_input;
     FileDescriptor m_reports;
     FileDescriptor m_handle; // of the process; none when it had ended before it could be had
-    std::optional<int> m_reportedStatus;
+    std::optional<int> m_ReportedStatus;
     std::atomic<bool> m_killed = false;
     bool m_outOfPatience = false;
 };

@@ -9,8 +9,8 @@
 
 namespace zel {
 
-constexpr char reportVariable[] = "ZEL_UNPACK_REPORT"; ///< the descriptor's number, in decimal
-constexpr char reportedProgress = '.';
-constexpr char reportedStatus = '0'; ///< and the digits that follow it
+constexpr char ReportVariable[] = "ZEL_UNPACK_REPORT"; ///< the descriptor's number, in decimal
+constexpr char ReportedProgress = '.';
+constexpr char ReportedStatus = '0'; ///< and the digits that follow it
 
 } // namespace zel

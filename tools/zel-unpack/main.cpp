@@ -49,7 +49,7 @@ private:
 
 Reporter::Reporter()
 {
-    const char *named = std::getenv(reportVariable);
+    const char *named = std::getenv(ReportVariable);
     if (!named)
         return;
     const std::string_view text = named;
@@ -66,12 +66,12 @@ void Reporter::progress()
     const int64_t now = duration_cast<seconds>(steady_clock::now().time_since_epoch()).count();
     int64_t last = m_lastSecond;
     if (now != last && m_lastSecond.compare_exchange_strong(last, now))
-        say(reportedProgress);
+        say(ReportedProgress);
 }
 
 void Reporter::ending(int status)
 {
-    say(char(reportedStatus + status));
+    say(char(ReportedStatus + status));
 }
 
 void Reporter::say(char word)
