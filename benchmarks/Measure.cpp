@@ -46,7 +46,7 @@ std::optional<Measurement> runOnce(const Work &work)
 }
 
 /// All runs of one side so far; none once one has failed.
-class Runs
+class Timings
 {
 public:
     void add(const Work &work, const std::filesystem::path &output)
@@ -129,15 +129,15 @@ std::string shellWord(const std::filesystem::path &path)
 
 Result measure(const Row &row, int runs)
 {
-    Runs ours;
-    std::vector<Runs> peers(row.peers.size());
+    Timings ours;
+    std::vector<Timings> peers(row.peers.size());
     for (int i = 0; i < (row.slow ? std::min(runs, 3) : runs); ++i) {
         ours.add(row.work, row.output);
         for (size_t peer = 0; peer < peers.size(); ++peer)
             peers[peer].add(row.peers[peer].work, row.peers[peer].output);
     }
     Result result{ours.medians(), {}};
-    for (const Runs &each : peers)
+    for (const Timings &each : peers)
         result.peers.push_back(each.medians());
     return result;
 }

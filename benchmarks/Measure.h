@@ -26,7 +26,7 @@ bool shell(const std::string &commands);
 std::string shellWord(const std::filesystem::path &path);
 
 /// Another way to the same end. Goals are the greatest ratios of ours to it to be content with; 0 for none.
-struct Peer {
+struct PeerTool {
     std::string name;
     Work work;
     std::filesystem::path output = {}; ///< a file whose size counts; none when empty
@@ -41,7 +41,7 @@ struct Row {
     std::string data;
     Work work;
     std::filesystem::path output = {};
-    std::vector<Peer> peers = {};
+    std::vector<PeerTool> peers = {};
     bool slow = false; ///< three runs are enough
     double secondsGoal = 0; ///< where there is no peer to compare with
     double memoryGoal = 0; ///< greatest resident megabytes

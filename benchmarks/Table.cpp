@@ -20,7 +20,7 @@ void printGoal(const char *what, double value, double goal)
         std::printf("  %s %.3f (goal %.3f)%s", what, value, goal, value <= goal ? "" : " MISSED");
 }
 
-void printPeer(const Peer &peer, const std::optional<Measurement> &ours,
+void printPeer(const PeerTool &peer, const std::optional<Measurement> &ours,
                const std::optional<Measurement> &theirs)
 {
     printMeasurement(peer.name.c_str(), theirs);
@@ -93,7 +93,7 @@ void Table::write(const Row &row, const Result &result)
     writeMeasurement(json, result.ours);
     std::fputs(", \"peers\": [", json);
     for (size_t i = 0; i < row.peers.size(); ++i) {
-        const Peer &peer = row.peers[i];
+        const PeerTool &peer = row.peers[i];
         std::fprintf(json, "%s{\"name\": \"%s\", \"timeGoal\": %.3f, \"sizeGoal\": %.3f, \"aboveGoal\": %.1f",
                      i == 0 ? "" : ", ", peer.name.c_str(), peer.timeGoal, peer.sizeGoal, peer.aboveGoal);
         writeMeasurement(json, result.peers[i]);

@@ -36,12 +36,12 @@ std::ptrdiff_t countThreads()
 
 // Stands for every server there is: it is the application's proxy, so that no redirection leads out of the
 // machine.
-class Peer
+class HostileServer
 {
 public:
-    static Peer &instance()
+    static HostileServer &instance()
     {
-        static auto *peer = new Peer; // its thread runs to the end of the process
+        static auto *peer = new HostileServer; // its thread runs to the end of the process
         return *peer;
     }
 
@@ -54,7 +54,7 @@ public:
     }
 
 private:
-    Peer()
+    HostileServer()
         : m_listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         sockaddr_in address{};
@@ -126,7 +126,7 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
 {
-    Peer::instance().begin(std::string(zel::textOf(data, size)));
+    HostileServer::instance().begin(std::string(zel::textOf(data, size)));
     const auto before = countThreads();
     zel::URLRequest request;
     request.url = QUrl(QStringLiteral("http://updates.example/check"));

@@ -23,12 +23,12 @@ QProcessEnvironment environmentIn(const QString &scratch)
     return environment;
 }
 
-Run run(const QStringList &command, const QString &scratch)
+ToolRun run(const QStringList &command, const QString &scratch)
 {
     QProcess process;
     process.setProcessEnvironment(environmentIn(scratch));
     process.start(command.first(), command.mid(1));
-    Run made;
+    ToolRun made;
     made.inTime = process.waitForFinished(hangs);
     if (!made.inTime) {
         process.kill();
@@ -43,7 +43,7 @@ Run run(const QStringList &command, const QString &scratch)
     return made;
 }
 
-void readReport(const QString &file, Run &made)
+void readReport(const QString &file, ToolRun &made)
 {
     QFile report(file);
     if (!report.open(QIODevice::ReadOnly))
@@ -68,15 +68,15 @@ void readReport(const QString &file, Run &made)
 
 } // namespace
 
-Run runPlainly(const QStringList &command, const QString &scratch)
+ToolRun runPlainly(const QStringList &command, const QString &scratch)
 {
     return run(command, scratch);
 }
 
-Run runWithFaults(const QStringList &command, const QString &scratch, const QStringList &faults)
+ToolRun runWithFaults(const QStringList &command, const QString &scratch, const QStringList &faults)
 {
     const QString report = scratch + "/fault-report";
-    Run made = run(QStringList{ZEL_INJECT, report} + faults + QStringList{"--"} + command, scratch);
+    ToolRun made = run(QStringList{ZEL_INJECT, report} + faults + QStringList{"--"} + command, scratch);
     made.signalled.clear();
     if (made.inTime)
         readReport(report, made);

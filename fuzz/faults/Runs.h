@@ -8,7 +8,7 @@
 #include <QStringList>
 
 /// How a run went.
-struct Run {
+struct ToolRun {
     bool inTime = false;
     int status = -1; ///< the exit status; -1 when a signal ended the command
     bool hit = false; ///< whether the run came to the fault
@@ -23,5 +23,5 @@ struct Run {
 
 /// Runs the command with a folder for its temporary files and settings, which is made. A command that takes
 /// longer than two minutes hangs: it is ended. Any thread.
-Run runWithFaults(const QStringList &command, const QString &scratch, const QStringList &faults);
-Run runPlainly(const QStringList &command, const QString &scratch);
+ToolRun runWithFaults(const QStringList &command, const QString &scratch, const QStringList &faults);
+ToolRun runPlainly(const QStringList &command, const QString &scratch);

@@ -69,7 +69,7 @@ bool tellsSuccess(const QJsonObject &value)
 }
 
 /// A failure may be told by the exit status alone: it may be the output that failed.
-QString contradiction(const Run &run)
+QString contradiction(const ToolRun &run)
 {
     if (run.status != 0 && run.status != 1)
         return QString("exit status %1").arg(run.status);
@@ -115,7 +115,7 @@ Tree served(Tree tree)
     return tree;
 }
 
-QString nothingWrong(const Place &)
+QString nothingWrong(const Workplace &)
 {
     return {};
 }
@@ -230,7 +230,8 @@ QString Stock::serve(const QString &releases)
 
 void Stock::addUpdate(const QString &name, const QString &releases)
 {
-    const auto rightResult = [wanted = withoutModes(tree("101/Example.app"))](const Place &, const Run &run) {
+    const auto rightResult = [wanted = withoutModes(tree("101/Example.app"))](const Workplace &,
+                                                                              const ToolRun &run) {
         const QString built = told(run.out)["path"].toString();
         return differing("the new bundle", wanted, withoutModes(treeOf(built.toStdString())));
     };
@@ -249,7 +250,7 @@ void Stock::addUpdate(const QString &name, const QString &releases)
 void Stock::addRelease()
 {
     const auto sound = [before = served(tree("before")),
-                        after = served(tree("releases"))](const Place &place) {
+                        after = served(tree("releases"))](const Workplace &place) {
         const Tree found = served(place.tree("releases"));
         const Tree &wanted =
             found.contains("releases.json") && found.at("releases.json") == after.at("releases.json")
@@ -262,10 +263,10 @@ void Stock::addRelease()
         }
         return differing("the release folder", wanted, named);
     };
-    const auto released = [after = served(tree("releases"))](const Place &place, const Run &) {
+    const auto released = [after = served(tree("releases"))](const Workplace &place, const ToolRun &) {
         return differing("the release folder", after, served(place.tree("releases")));
     };
-    const auto releasedAtLast = [after = tree("releases")](const Place &place, const Run &next) {
+    const auto releasedAtLast = [after = tree("releases")](const Workplace &place, const ToolRun &next) {
         const Tree found = place.tree("releases");
         if (!found.contains("releases.json") || found.at("releases.json") != after.at("releases.json"))
             return "the next release does not work: " + QString(next.err);
@@ -282,7 +283,7 @@ void Stock::addRelease()
                            .afterSuccess = released,
                            .afterFailure = sound,
                            .afterKill = sound,
-                           .afterNext = [sound, releasedAtLast](const Place &place, const Run &next) {
+                           .afterNext = [sound, releasedAtLast](const Workplace &place, const ToolRun &next) {
                                const QString wrong = sound(place);
                                return wrong.isEmpty() ? releasedAtLast(place, next) : wrong;
                            }});
@@ -290,7 +291,7 @@ void Stock::addRelease()
 
 void Stock::addMakePatch()
 {
-    const auto rightPatch = [wanted = tree("patch")](const Place &place, const Run &) {
+    const auto rightPatch = [wanted = tree("patch")](const Workplace &place, const ToolRun &) {
         return differing("the patch", wanted, place.tree("patch"));
     };
     m_scenarios.push_back(
@@ -306,7 +307,7 @@ void Stock::addMakePatch()
 
 void Stock::addSign(const QString &state)
 {
-    const auto unharmed = [wanted = withoutSeal(tree(state), false)](const Place &place) {
+    const auto unharmed = [wanted = withoutSeal(tree(state), false)](const Workplace &place) {
         Tree found = withoutSeal(place.tree("Example.app"), false);
         std::erase_if(found, [&](const auto &item) { return !wanted.contains(item.first); });
         return differing("the bundle", wanted, found);
@@ -317,7 +318,7 @@ void Stock::addSign(const QString &state)
         if (const auto at = own.find(name); at != own.end() && !isSeal(name))
             item = at->second;
     }
-    const auto isSealed = [names](const Place &place, const Run &run) {
+    const auto isSealed = [names](const Workplace &place, const ToolRun &run) {
         const QString wrong =
             differing("the sealed bundle", names, withoutSeal(place.tree("Example.app"), true));
         if (!wrong.isEmpty())
@@ -341,22 +342,22 @@ void Stock::addSwap(const QString &name, const QString &newFolder, bool leftover
 {
     const Tree before = tree("100/Example.app");
     const Tree after = tree("101/Example.app");
-    const auto swapped = [before, after](const Place &place, const Run &) {
+    const auto swapped = [before, after](const Workplace &place, const ToolRun &) {
         const QString wrong = differing("the installed bundle", after, place.tree("Example.app"));
         return wrong.isEmpty() ? differing("the previous bundle", before, place.tree(".Example.app.previous"))
                                : wrong;
     };
-    const auto asBefore = [before, after](const Place &place) {
+    const auto asBefore = [before, after](const Workplace &place) {
         const QString wrong = differing("the installed bundle", before, place.tree("Example.app"));
         return wrong.isEmpty() ? differing("the new bundle", after, place.tree("new/Example.app")) : wrong;
     };
-    const auto whole = [before, after, exchange](const Place &place) {
+    const auto whole = [before, after, exchange](const Workplace &place) {
         const Tree installed = place.tree("Example.app");
         if (exchange || !installed.empty())
             return oneOf("the installed bundle", before, after, installed);
         return oneOf("what is left of the bundles", before, after, place.tree(".Example.app.previous"));
     };
-    const auto swappedAtLast = [after](const Place &place, const Run &next) {
+    const auto swappedAtLast = [after](const Workplace &place, const ToolRun &next) {
         if (next.status != 0)
             return "the next exchange fails: " + QString(next.err);
         return differing("the installed bundle", after, place.tree("Example.app"));
@@ -378,14 +379,14 @@ void Stock::addSwap(const QString &name, const QString &newFolder, bool leftover
          .afterNext = swappedAtLast});
 }
 
-void Stock::furnish(const Scenario &scenario, const QString &name, const Place &place) const
+void Stock::furnish(const Scenario &scenario, const QString &name, const Workplace &place) const
 {
     copyTree(path(scenario.given[name]).toStdString(), place.path(name).toStdString());
 }
 
 namespace {
 
-QString judgeRun(const Scenario &scenario, const Place &place, const Run &run)
+QString judgeRun(const Scenario &scenario, const Workplace &place, const ToolRun &run)
 {
     if (!run.inTime)
         return "it does not end";
@@ -399,7 +400,7 @@ QString judgeRun(const Scenario &scenario, const Place &place, const Run &run)
     return run.status == 0 ? scenario.afterSuccess(place, run) : scenario.afterFailure(place);
 }
 
-QStringList commandIn(const Scenario &scenario, const Place &place)
+QStringList commandIn(const Scenario &scenario, const Workplace &place)
 {
     QStringList command = scenario.command;
     return command.replaceInStrings("{}", place.path("."));
@@ -408,9 +409,9 @@ QStringList commandIn(const Scenario &scenario, const Place &place)
 } // namespace
 
 QString judge(const Stock &stock, const Scenario &scenario, const QStringList &faults, const QString &folder,
-              Run &seen)
+              ToolRun &seen)
 {
-    const Place place(folder);
+    const Workplace place(folder);
     std::unique_ptr<QTemporaryDir> elsewhere;
     if (!scenario.newFolder.isEmpty()) {
         elsewhere = std::make_unique<QTemporaryDir>(scenario.newFolder + "/faults-XXXXXX");

@@ -12,10 +12,10 @@
 #include <vector>
 
 /// A folder for one run, with fresh copies of all that the run works on.
-class Place
+class Workplace
 {
 public:
-    explicit Place(const QString &folder)
+    explicit Workplace(const QString &folder)
         : m_folder(folder.toStdString())
     {
     }
@@ -43,10 +43,10 @@ struct Scenario {
 
     /// Each returns what is wrong, or nothing: after a run that told success, after one that failed, after
     /// one that was killed, after a normal one that followed.
-    std::function<QString(const Place &, const Run &)> afterSuccess;
-    std::function<QString(const Place &)> afterFailure;
-    std::function<QString(const Place &)> afterKill;
-    std::function<QString(const Place &, const Run &)> afterNext;
+    std::function<QString(const Workplace &, const ToolRun &)> afterSuccess;
+    std::function<QString(const Workplace &)> afterFailure;
+    std::function<QString(const Workplace &)> afterKill;
+    std::function<QString(const Workplace &, const ToolRun &)> afterNext;
 };
 
 /// Bundles, keys and release folders that the scenarios start from, a server for each of the folders, and the
@@ -63,7 +63,7 @@ public:
     const Scenario *find(const QString &name) const;
 
     /// Puts a thing of those that the scenario starts with in its place.
-    void furnish(const Scenario &scenario, const QString &name, const Place &place) const;
+    void furnish(const Scenario &scenario, const QString &name, const Workplace &place) const;
 
 private:
     QString path(const QString &name) const { return m_folder.filePath(name); }
@@ -86,4 +86,4 @@ private:
 /// Runs a scenario with faults in an empty folder and judges it; returns what is wrong, or nothing. `seen`
 /// receives the run. Any thread.
 QString judge(const Stock &stock, const Scenario &scenario, const QStringList &faults, const QString &folder,
-              Run &seen);
+              ToolRun &seen);

@@ -17,7 +17,7 @@
 
 namespace {
 
-struct Trial {
+struct FaultTrial {
     const Scenario *scenario = nullptr;
     QString fault;
     QString wrong;
@@ -28,7 +28,7 @@ struct Trial {
 struct Group {
     QString call;
     QString outcome;
-    std::vector<Trial> trials;
+    std::vector<FaultTrial> trials;
 };
 
 /// What runs full stays so: these are also tried from a call on.
@@ -71,7 +71,7 @@ public:
     {
         for (const Scenario &scenario : m_stock.scenarios()) {
             const QTemporaryDir folder;
-            Run run;
+            ToolRun run;
             const QString wrong = judge(m_stock, scenario, {}, folder.path(), run);
             if (!wrong.isEmpty() || run.status != 0) {
                 std::printf("%s fails without a fault: %s\n%s", qPrintable(scenario.name), qPrintable(wrong),
@@ -142,9 +142,9 @@ void perform(const Stock &stock, Group &group)
     std::atomic<std::size_t> next = 0;
     const auto work = [&] {
         for (std::size_t i = next++; i < group.trials.size(); i = next++) {
-            Trial &trial = group.trials[i];
+            FaultTrial &trial = group.trials[i];
             const QTemporaryDir folder;
-            Run run;
+            ToolRun run;
             trial.wrong = judge(stock, *trial.scenario, {trial.fault}, folder.path(), run);
             trial.hit = run.hit;
         }
@@ -160,13 +160,13 @@ void perform(const Stock &stock, Group &group)
 int show(const Group &group)
 {
     int hit = 0, wrong = 0;
-    for (const Trial &trial : group.trials) {
+    for (const FaultTrial &trial : group.trials) {
         hit += trial.hit;
         wrong += !trial.wrong.isEmpty();
     }
     std::printf("%-18s %-12s %4d runs, %d wrong\n", qPrintable(group.call), qPrintable(group.outcome), hit,
                 wrong);
-    for (const Trial &trial : group.trials) {
+    for (const FaultTrial &trial : group.trials) {
         if (!trial.wrong.isEmpty())
             std::printf("    %s\n    ./dev faults %s %s\n", qPrintable(trial.wrong.trimmed()),
                         qPrintable(trial.scenario->name), qPrintable(trial.fault));
@@ -195,7 +195,7 @@ int repeat(const Stock &stock, const Scenario &scenario, const QStringList &faul
 {
     QTemporaryDir folder;
     folder.setAutoRemove(false);
-    Run run;
+    ToolRun run;
     const QString wrong = judge(stock, scenario, faults, folder.path(), run);
     const QString end = run.isKilled() ? QString("killed") : QString("exit status %1").arg(run.status);
     std::printf("%s%s%s%s\n%s\nIts folder: %s\n", run.out.constData(), run.err.constData(), qPrintable(end),
