@@ -1,3 +1,9 @@
+// One definition of a command (`ToolCommand`) serves its parsing, its usage line and its help, so that the
+// three cannot differ. Every command ends in one of three functions, which print for people or, with --json,
+// for programs. That promise, one JSON value and nothing else, is kept even though children and the delta
+// engine write to standard output when they please: the stream is led to standard error before the command
+// begins, and the value goes to a copy that they do not know (`setJsonApart`). A result that could not be
+// written is remembered and fails the command: a full disk must not look like success.
 #include "Arguments.h"
 
 #include "base/SafeText.h"

@@ -1,3 +1,5 @@
+// The delta engine by hand: one file, no bundle. A result is written aside and moved into place, or removed
+// when this run made it and did not finish it.
 #include "Commands.h"
 #include "CommonOptions.h"
 #include "delta/bspatch2.h"

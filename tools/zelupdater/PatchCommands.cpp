@@ -1,3 +1,8 @@
+// Bundle patches by hand. A patch replaces whatever stands at the new bundle's place before its first byte is
+// read, so these commands look at the paths first (`misplaced`): a patch, an old bundle or a reference that
+// lies within the new bundle would be gone before it was used. Paths are made absolute up front; the engine
+// below takes them as they are. A bundle half built is removed, be it for a failure or for ^C, but never what
+// was there before this run touched anything.
 #include "Commands.h"
 #include "CommonOptions.h"
 #include "install/PatchFile.h"

@@ -1,3 +1,7 @@
+// The publisher's way: seal, prove, release, try out. The work is that of publish/ and seal/; what stands
+// here is how a person asks for it and what she is told. Between the first change to a bundle or a folder and
+// the last, ^C waits (`Uninterrupted`): a seal half written would leave neither the old bundle nor the new
+// one.
 #include "Commands.h"
 #include "common/UpdateRecord.h"
 #include "CommonOptions.h"

@@ -1,3 +1,6 @@
+// The log goes to standard error with --verbose and nowhere otherwise. Diagnostics (the category of the
+// system's log) are kept all the same, the last one: it is the only place where the reason of a failed
+// request stands in words. Messages come from any thread.
 #include "ToolLog.h"
 
 #include "base/SafeText.h"

@@ -1,4 +1,7 @@
 // zelupdater: makes, applies, inspects and serves updates.
+//
+// What comes before the first command is there because the tool runs anywhere: from services that have closed
+// its standard streams, in locales without UTF-8, and under ^C at any moment.
 #include "Commands.h"
 #include "publish/Interrupt.h"
 #include "ToolLog.h"
