@@ -15,33 +15,33 @@ namespace zel {
 /// The keys of update records, patch entries, check results, configurations and requests: they mean the same
 /// in each, and are spelled here alone.
 namespace key {
-inline const QString Arch = QStringLiteral("arch");
-inline const QString Beta = QStringLiteral("beta");
-inline const QString Build = QStringLiteral("build");
-inline const QString File = QStringLiteral("file");
-inline const QString Hash = QStringLiteral("hash");
-inline const QString HideChecking = QStringLiteral("hidechecking");
-inline const QString History = QStringLiteral("history");
-inline const QString Html = QStringLiteral("html");
-inline const QString Log = QStringLiteral("log");
-inline const QString Major = QStringLiteral("major");
-inline const QString Minor = QStringLiteral("minor");
-inline const QString Mode = QStringLiteral("mode");
-inline const QString Model = QStringLiteral("model");
-inline const QString Os = QStringLiteral("os");
-inline const QString Patch = QStringLiteral("patch"); // of a check result the entry, of a version a number
-inline const QString Patches = QStringLiteral("patches");
-inline const QString PatchOnly = QStringLiteral("patchonly");
-inline const QString Path = QStringLiteral("path");
-inline const QString Platform = QStringLiteral("platform");
-inline const QString Server = QStringLiteral("server");
-inline const QString SHA256 = QStringLiteral("sha256");
-inline const QString Sheet = QStringLiteral("sheet");
-inline const QString Signers = QStringLiteral("signers");
-inline const QString Size = QStringLiteral("size");
-inline const QString Update = QStringLiteral("update");
-inline const QString Url = QStringLiteral("url");
-inline const QString Version = QStringLiteral("version");
+inline constexpr QLatin1String Arch("arch");
+inline constexpr QLatin1String Beta("beta");
+inline constexpr QLatin1String Build("build");
+inline constexpr QLatin1String File("file");
+inline constexpr QLatin1String Hash("hash");
+inline constexpr QLatin1String HideChecking("hidechecking");
+inline constexpr QLatin1String History("history");
+inline constexpr QLatin1String Html("html");
+inline constexpr QLatin1String Log("log");
+inline constexpr QLatin1String Major("major");
+inline constexpr QLatin1String Minor("minor");
+inline constexpr QLatin1String Mode("mode");
+inline constexpr QLatin1String Model("model");
+inline constexpr QLatin1String Os("os");
+inline constexpr QLatin1String Patch("patch"); // of a check result the entry, of a version a number
+inline constexpr QLatin1String Patches("patches");
+inline constexpr QLatin1String PatchOnly("patchonly");
+inline constexpr QLatin1String Path("path");
+inline constexpr QLatin1String Platform("platform");
+inline constexpr QLatin1String Server("server");
+inline constexpr QLatin1String SHA256("sha256");
+inline constexpr QLatin1String Sheet("sheet");
+inline constexpr QLatin1String Signers("signers");
+inline constexpr QLatin1String Size("size");
+inline constexpr QLatin1String Update("update");
+inline constexpr QLatin1String Url("url");
+inline constexpr QLatin1String Version("version");
 } // namespace key
 
 /// A file that the server offers, and what it is known by. Of a value of a type that makes no sense there is
