@@ -302,7 +302,7 @@ QJsonValue absolute(const QJsonValue &address, const QUrl &base)
 
 QJsonObject withAbsoluteAddresses(QJsonObject entry, const QUrl &base)
 {
-    for (const QString &name : {key::File, key::History}) {
+    for (const QLatin1String name : {key::File, key::History}) {
         if (entry.contains(name))
             entry[name] = absolute(entry[name], base);
     }
