@@ -1,5 +1,6 @@
 #include "check/UpdateCheck.h"
 #include "platform/Queues.h"
+#include "support/Table.h"
 #include "support/TemporaryTree.h"
 #include "support/TestServer.h"
 
@@ -8,7 +9,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QThread>
-#include <QtTest>
 
 #include <atomic>
 #include <memory>
@@ -16,8 +16,6 @@
 
 using namespace zel;
 using Answer = TestServer::Answer;
-
-Q_DECLARE_METATYPE(Answer)
 
 namespace {
 
@@ -37,23 +35,20 @@ class tst_UpdateCheck : public QObject
 private slots:
     void replies_data()
     {
-        QTest::addColumn<Answer>("answer");
-        QTest::addColumn<int>("status");
-
+        const Table<Answer, int> row;
         const QByteArray offer = R"([{"build":101,"patches":[{"build":7,"file":"p"}]}])";
-        QTest::newRow("update") << Answer{.body = offer} << 1;
-        QTest::newRow("no update") << Answer{.body = "[]"} << 2;
-        QTest::newRow("empty body") << Answer{} << 0;
-        QTest::newRow("the HTTP status does not matter") << Answer{.status = 404, .body = offer} << 1;
-        QTest::newRow("as long as it may be") << Answer{.body = offer.leftJustified(4 << 20, ' ')} << 1;
-        QTest::newRow("longer") << Answer{.body = offer.leftJustified((4 << 20) + 1, ' ')} << 0;
-        QTest::newRow("dropped") << Answer{.body = offer, .dropAt = 5} << 0;
+        row("update", {.body = offer}, 1);
+        row("no update", {.body = "[]"}, 2);
+        row("empty body", {}, 0);
+        row("the HTTP status does not matter", {.status = 404, .body = offer}, 1);
+        row("as long as it may be", {.body = offer.leftJustified(4 << 20, ' ')}, 1);
+        row("longer", {.body = offer.leftJustified((4 << 20) + 1, ' ')}, 0);
+        row("dropped", {.body = offer, .dropAt = 5}, 0);
     }
 
     void replies()
     {
-        QFETCH(Answer, answer);
-        QFETCH(int, status);
+        const auto [answer, status] = Table<Answer, int>::current();
         TestServer server;
         server.answer("/check", {answer});
         const TemporaryTree tree;
@@ -145,13 +140,9 @@ private slots:
         server.answer("/slow", {{.body = "[]", .stallAt = 1}});
         server.answer("/quick", {{.body = R"([{"build":1}])"}});
         QList<qint64> statuses;
-        const auto check = [&](const char *path) {
-            checkForUpdates(
-                {.url = server.url(QLatin1String(path)).toString()},
-                [&](qint64 status, const QVariantMap &, const QVariant &) { statuses.append(status); });
-        };
-        check("/slow");
-        check("/quick");
+        const auto note = [&](qint64 status, const QVariantMap &, const QVariant &) { statuses += status; };
+        for (const char *path : {"/slow", "/quick"})
+            checkForUpdates({.url = server.url(path).toString()}, note);
         QTRY_COMPARE(statuses, QList<qint64>{1});
         server.release();
         QTRY_COMPARE(statuses, (QList<qint64>{1, 2}));
@@ -187,61 +178,46 @@ private slots:
 
     void bodies_data()
     {
-        QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<QByteArray>("expected");
-
+        const Table<QByteArray, QByteArray> row;
         const HostConfig number{.build = QVariant::fromValue(std::int64_t(9007199254740993)),
                                 .version = 7.01,
                                 .acceptsBeta = true};
         const HostConfig text{.build = "7001", .version = "7.01"};
         // The minor version stands twice.
-        QTest::newRow("check")
-            << checkRequestBody(number, Machine)
-            << QByteArray(
-                   R"({"arch":"arm","build":9007199254740993,"model":"Machine 1,1","os":{"major":6,"minor":1,"patch":1}})");
-        QTest::newRow("check, build as text")
-            << checkRequestBody(text, Nameless)
-            << QByteArray(R"({"arch":"arm","build":"7001","os":{"major":6,"minor":1,"patch":1}})");
-        QTest::newRow("check, no build")
-            << checkRequestBody({}, Nameless)
-            << QByteArray(R"({"arch":"arm","os":{"major":6,"minor":1,"patch":1}})");
-        QTest::newRow("history page")
-            << historyPageBody(text, Machine) << QByteArray(R"({"arch":"arm","build":"7001"})");
-        const QVariantList log{
-            QVariantMap{{"description", "Hash error"},
-                        {"exists", true},
-                        {"original", QByteArray("\x00\xff\x80", 3)},
-                        {"new", QByteArray((1 << 20) + 1, 'x')}},
-        };
-        QTest::newRow("log")
-            << logUploadBody(text, log, Machine)
-            << QByteArray(
-                   R"({"arch":"arm","build":"7001","log":[{"description":"Hash error","exists":true,"original":"AP+A"}],)"
-                   R"("os":{"major":6,"minor":1,"patch":1},"version":"7.01"})");
+        const QByteArray system = R"("os":{"major":6,"minor":1,"patch":1}})";
+        row("check", checkRequestBody(number, Machine),
+            R"({"arch":"arm","build":9007199254740993,"model":"Machine 1,1",)" + system);
+        row("check, build as text", checkRequestBody(text, Nameless),
+            R"({"arch":"arm","build":"7001",)" + system);
+        row("check, no build", checkRequestBody({}, Nameless), R"({"arch":"arm",)" + system);
+        row("history page", historyPageBody(text, Machine), R"({"arch":"arm","build":"7001"})");
+        const QVariantMap failure{{"description", "Hash error"},
+                                  {"exists", true},
+                                  {"original", QByteArray("\x00\xff\x80", 3)},
+                                  {"new", QByteArray((1 << 20) + 1, 'x')}};
+        row("log", logUploadBody(text, {failure}, Machine),
+            R"({"arch":"arm","build":"7001","version":"7.01",)"
+            R"("log":[{"description":"Hash error","exists":true,"original":"AP+A"}],)"
+                + system);
     }
 
     void bodies()
     {
-        QFETCH(QByteArray, body);
-        QFETCH(QByteArray, expected);
+        const auto [body, expected] = Table<QByteArray, QByteArray>::current();
         QCOMPARE(object(body), object(expected));
         QVERIFY(!body.contains('\n'));
     }
 
     void logsLeaveWithoutFolders_data()
     {
-        QTest::addColumn<QString>("key");
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("sent");
-        const auto row = [](const char *key, const QString &text, const char *sent) {
-            QTest::newRow(qPrintable(text)) << key << text << sent;
+        const Table<QString, QString, QString> table;
+        const auto row = [&](const char *key, const QString &text, const char *sent) {
+            table(text.toUtf8(), key, text, sent);
         };
         row("path", "/home/ann/My: Apps/Old-100.app", "Old-100.app");
         row("path", "/home/ann/Old-100.app//", "Old-100.app");
-        row("path", "new.app", "new.app");
         row("file", "Contents/MacOS/example", "Contents/MacOS/example");
         row("file", "/home/ann/x", "x");
-        row("description", "Hash error", "Hash error");
         row("description", "Error copying old app: cannot read /home/ann/My Apps/a.app/f: Permission denied",
             "Error copying old app: cannot read f: Permission denied");
         row("description", "cannot write \"/srv/a/b\": Input/output error",
@@ -256,9 +232,7 @@ private slots:
 
     void logsLeaveWithoutFolders()
     {
-        QFETCH(QString, key);
-        QFETCH(QString, text);
-        QFETCH(QString, sent);
+        const auto [key, text, sent] = Table<QString, QString, QString>::current();
         const QVariantList log{QVariantMap{{key, text}}};
         const QJsonValue entry = object(logUploadBody({}, log, Machine))["log"].toArray().at(0);
         QCOMPARE(entry[key].toString(), sent);
