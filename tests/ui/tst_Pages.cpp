@@ -1,3 +1,4 @@
+#include "support/Table.h"
 #include "ui/Drawing.h"
 #include "ui/Texts.h"
 #include "ui/ZELLayout.h"
@@ -10,7 +11,6 @@
 #include <QHelpEvent>
 #include <QLabel>
 #include <QRawFont>
-#include <QTest>
 #include <QTextLayout>
 #include <QToolTip>
 
@@ -77,31 +77,25 @@ private slots:
     {
         zel::setLanguage("en");
         m_pages = std::make_unique<Pages>();
-        m_pages->history.updateButtons({});
+        for (int round = 0; round < 2; ++round) // the buttons are taken out and placed again
+            m_pages->history.updateButtons({});
         m_pages->show({350, 400});
     }
 
     void partsArePlaced_data()
     {
-        QTest::addColumn<QWidget *>("part");
-        QTest::addColumn<QRect>("place"); // at 350 × 400
-        QTest::addColumn<QString>("text");
-
-        const auto row = [](const QByteArray &name, QWidget *part, const QRect &place,
-                            const char *text = "") {
-            QTest::newRow(name.constData()) << part << place << QString(text);
-        };
+        const Table<QWidget *, QRect, QString> row; // the places at 350 × 400
         auto &[checking, download, error, noUpdates, updated, history] = *m_pages;
         const auto rows = [&](const QByteArray &name, const ZELUpdaterPage &page, int labelTop,
                               const char *label, const QRect &cancelPlace, const char *cancel) {
-            row(name + ", icon", page.icon(), {87, 32, 176, 176});
+            row(name + ", icon", page.icon(), {87, 32, 176, 176}, "");
             row(name + ", label", page.label(), {32, labelTop, 286, Content}, label);
             row(name + ", cancel", page.cancelButton(), cancelPlace, cancel);
         };
         const QRect button(32, 336, 286, 32);
         rows("checking", checking, 238, "Checking for Updates", button, "Cancel");
         rows("download", download, 230, "Downloading", button, "Cancel");
-        row("download, text", download.text(), {32, 266, 286, Content});
+        row("download, text", download.text(), {32, 266, 286, Content}, "");
         rows("error", error, 230, "Error", {32, 336, 127, 32}, "Cancel");
         row("error, text", error.text(), {32, 266, 286, Content}, "An error occurred while updating.");
         row("error, retry", error.retryButton(), {191, 336, 127, 32}, "Retry");
@@ -116,10 +110,7 @@ private slots:
 
     void partsArePlaced()
     {
-        QFETCH(QWidget *, part);
-        QFETCH(QRect, place);
-        QFETCH(QString, text);
-
+        auto [part, place, text] = Table<QWidget *, QRect, QString>::current();
         if (place.height() == Content)
             place.setHeight(part->hasHeightForWidth() ? part->heightForWidth(place.width())
                                                       : part->sizeHint().height());
@@ -160,17 +151,15 @@ private slots:
 
     void longMessageStaysAboveTheButtons_data()
     {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<bool>("isWhole");
-        QTest::newRow("four lines") << QString("One\ntwo\nthree\nfour") << true; // five in most fonts
-        QTest::newRow("many words") << QString("A message that somebody wrote. ").repeated(30) << false;
-        QTest::newRow("one long word") << QString("/home/user/").repeated(12) << true;
+        const Table<QString, bool> row; // is it shown as a whole?
+        row("four lines", "One\ntwo\nthree\nfour", true); // five in most fonts
+        row("many words", QString("A message that somebody wrote. ").repeated(30), false);
+        row("one long word", QString("/home/user/").repeated(12), true);
     }
 
     void longMessageStaysAboveTheButtons()
     {
-        QFETCH(QString, text);
-        QFETCH(bool, isWhole);
+        const auto [text, isWhole] = Table<QString, bool>::current();
         const ZELUpdaterErrorPage &page = m_pages->error;
         const QString usual = page.text()->text();
         page.text()->setText(text);
@@ -224,21 +213,6 @@ private slots:
         QCOMPARE(faults, QStringList());
     }
 
-    void updateButtonsTwiceLeavesThree()
-    {
-        ZELUpdaterHistoryPage page;
-        page.resize(500, 470);
-        page.show();
-        page.updateButtons({});
-        page.updateButtons({});
-        QTRY_COMPARE(page.laterButton()->geometry(), QRect(32, 406, 132, 32));
-        QCOMPARE(page.skipButton()->geometry(), QRect(184, 406, 132, 32));
-        QCOMPARE(page.downloadButton()->geometry(), QRect(336, 406, 132, 32));
-        QVERIFY(page.skipButton()->isVisible());
-        const QList<ZELUpdaterButton *> order{page.laterButton(), page.downloadButton(), page.skipButton()};
-        QCOMPARE(page.findChildren<ZELUpdaterButton *>(), order);
-    }
-
     void imageIsScaledIntoItsView()
     {
         ZELImageView view;
@@ -255,22 +229,6 @@ private slots:
         QVERIFY(view.grab().toImage().pixelColor(60, 88) != QColor(Qt::red));
         view.setImage({});
         QVERIFY(view.grab().toImage().pixelColor(88, 88) != QColor(Qt::red));
-    }
-
-    void backgroundsDraw()
-    {
-        QWidget white;
-        white.resize(20, 20);
-        white.setPalette(QPalette(Qt::white));
-        auto *dim = new ZELUpdaterView(&white);
-        dim->setGeometry(0, 0, 10, 20);
-        auto *footer = new ZELUpdaterFooter(&white);
-        footer->setGeometry(10, 5, 10, 10);
-        const QImage seen = white.grab().toImage();
-        QCOMPARE(seen.pixelColor(5, 5), QColor(102, 102, 102));
-        QCOMPARE(seen.pixelColor(15, 5), QColor(38, 38, 38));
-        QCOMPARE(seen.pixelColor(15, 4), QColor(Qt::white));
-        QCOMPARE(seen.pixelColor(15, 6), QColor(Qt::white));
     }
 
 private:
