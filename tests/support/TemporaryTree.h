@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QString>
@@ -67,6 +68,26 @@ public:
         char target[4096];
         const ssize_t length = ::readlink(QFile::encodeName(file).constData(), target, sizeof target);
         return length < 0 ? QByteArray() : QByteArray(target, length);
+    }
+
+    /// What a folder holds, one line an item: a file's content, a link's target, a folder's slash.
+    static QStringList listing(const QString &folder)
+    {
+        QStringList items;
+        QDirIterator entries(folder, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                             QDirIterator::Subdirectories);
+        while (entries.hasNext()) {
+            const QString path = entries.next();
+            const QString name = QDir(folder).relativeFilePath(path);
+            if (entries.fileInfo().isSymLink())
+                items.append(name + " -> " + QString::fromUtf8(linkTarget(path)));
+            else if (entries.fileInfo().isDir())
+                items.append(name + u'/');
+            else
+                items.append(name + " = " + QString::fromUtf8(contents(path)));
+        }
+        items.sort();
+        return items;
     }
 
 private:
