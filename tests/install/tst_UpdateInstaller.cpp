@@ -39,11 +39,76 @@ struct Flow {
     QStringList logged = {}; // on the info level, cut at the first blank before "=" and after "{"
     QStringList staged = {}; // what the staging folders hold, in the order of the downloads
     bool onMainQueue = true;
+
+    // The same flow, but for what each names.
+    template <typename T> Flow with(T Flow::*member, const std::type_identity_t<T> &value) const
+    {
+        Flow flow = *this;
+        flow.*member = value;
+        return flow;
+    }
+    Flow patched(const QByteArray &bytes) const
+    {
+        return with(&Flow::patch, {{.body = bytes}}).with(&Flow::patchHash, MD5FromData(bytes));
+    }
+    Flow archived(const QByteArray &bytes) const
+    {
+        return with(&Flow::full, {{.body = bytes}}).with(&Flow::fullHash, MD5FromData(bytes));
+    }
+    Flow fails(int as) const
+    {
+        return with(&Flow::status, as).with(&Flow::bundle, QString()).with(&Flow::staged, {});
+    }
+    Flow logs(const QStringList &lines) const { return with(&Flow::logged, lines); }
+    Flow blames(const QString &entry) const { return with(&Flow::lastLogged, entry); }
 };
 
 } // namespace
 
 Q_DECLARE_METATYPE(Flow)
+
+// An update under way.
+struct Running {
+    void start(const QVariantMap &update, const QString &installed, const SignerPins &signers = {})
+    {
+        installer->setSettings({installed, root, signers});
+        installer->setUpdate(update);
+        installer->downloadUpdate([this](qint64 reported, const QString &path) {
+            thread = QThread::currentThread();
+            bundle = path;
+            status = int(reported);
+            ++calls;
+        });
+    }
+
+    // Nobody is told of an update that the user has cancelled, and nothing stays.
+    void verifyCancelled()
+    {
+        QTRY_VERIFY(capture.lines("zel.updater").contains("download was cancelled"));
+        QTRY_VERIFY(QDir(root).isEmpty());
+        QCoreApplication::processEvents();
+        QCOMPARE(calls.load(), 0);
+    }
+
+    TestServer server;
+    const TemporaryTree staging;
+    const QString root = staging.path("it's \"a\" $(staging) folder\n");
+    const LogCapture capture;
+    std::atomic<int> prepared = 0;
+    QList<QVariantList> logs;
+    QList<std::pair<qint64, qint64>> progress;
+    QThread *thread = nullptr;
+    QString bundle;
+    std::atomic<int> status = -1;
+    std::atomic<int> calls = 0;
+    const std::shared_ptr<UpdateInstaller> installer =
+        UpdateInstaller::create({.handleLog = [this](const QVariantList &log) { logs.append(log); },
+                                 .preparing = [this] { ++prepared; },
+                                 .progress =
+                                     [this](qint64 received, qint64 expected) {
+                                         progress.append({received, expected});
+                                     }});
+};
 
 class tst_UpdateInstaller : public QObject
 {
@@ -116,9 +181,8 @@ private slots:
     {
         QTest::addColumn<Flow>("flow");
 
-        const auto row = [](const char *name, Flow flow, const std::function<void(Flow &)> &change) {
-            change(flow);
-            QTest::newRow(name) << flow;
+        const auto row = [](const QString &name, const Flow &flow) {
+            QTest::newRow(qPrintable(name)) << flow;
         };
         const QStringList afterFull{"Example.app", "full.zip"};
         const QStringList afterPatch{"Old-100.app", "Patched-100.app", "p 1"};
@@ -127,16 +191,14 @@ private slots:
         const QStringList patchRun = patchStart + stored + QStringList("verifying patch");
         const QStringList fullRun = QStringList{"Downloading full update", "{"} + stored
             + QStringList{"extracting update", "extraction succeeded"};
+        const QStringList wrong{"MD5 Error"};
         const QStringList fallBack =
             QStringList("Attempting to download full update after patch failure") + fullRun;
+        const QStringList failsThen = QStringList("patch failed") + fallBack;
 
-        const Flow byPatch{.patch = {{.body = m_patch}},
-                           .full = {{.body = m_zip}},
-                           .patchHash = MD5FromData(m_patch),
-                           .fullHash = MD5FromData(m_zip),
-                           .bundle = "/Patched-100.app",
-                           .requests = {"/p%201"},
-                           .staged = afterPatch};
+        const Flow byPatch = Flow{.bundle = "/Patched-100.app", .requests = {"/p%201"}, .staged = afterPatch}
+                                 .patched(m_patch)
+                                 .archived(m_zip);
         Flow byArchive = byPatch;
         byArchive.offersPatch = false;
         byArchive.bundle = "/Example.app";
@@ -145,121 +207,67 @@ private slots:
         Flow fallsBack = byArchive;
         fallsBack.offersPatch = true;
         fallsBack.requests = {"/p%201", "/full.zip"};
-        Flow badArchive = byArchive;
-        badArchive.status = 2;
-        badArchive.bundle = QString();
-        badArchive.staged.clear();
+        const Flow badArchive = byArchive.fails(2);
+        const SignerPins pins = QStringList(m_signer.fingerprint);
 
-        row("by patch", byPatch,
-            [&](Flow &flow) { flow.logged = patchRun + QStringList("patch succeeded"); });
-        row("by full archive", byArchive, [&](Flow &flow) { flow.logged = fullRun; });
-        row("a patch with a wrong hash", fallsBack, [&](Flow &flow) {
-            flow.patchHash = flow.fullHash;
-            flow.logged = patchStart + stored + QStringList("MD5 Error") + fallBack;
-        });
-        row("a patch that is longer than announced", fallsBack, [&](Flow &flow) {
-            flow.patchSize = m_patch.size() - 1;
-            flow.logged = patchStart + QStringList("MD5 Error") + fallBack;
-        });
-        row("a patch without a hash, even an empty one", fallsBack, [&](Flow &flow) {
-            flow.patch = {{.body = ""}};
-            flow.patchHash = QString();
-        });
-        row("a patch that does not apply", fallsBack, [&](Flow &flow) {
-            const QByteArray broken = patchOfCommands(command("delete", ".."));
-            flow.patch = {{.body = broken}};
-            flow.patchHash = MD5FromData(broken);
-            flow.lastLogged = "Patch failed";
-            flow.logged = patchRun + QStringList("patch failed") + fallBack;
-        });
-        row("a patch whose result is not sealed", fallsBack, [&](Flow &flow) {
-            const QByteArray altered = patchTo("new/Example.app", "Contents/extra");
-            flow.patch = {{.body = altered}};
-            flow.patchHash = MD5FromData(altered);
-            flow.lastLogged = "failed with code signing error";
-            flow.logged =
-                patchRun + QStringList{"patch failed with codesigning error", "patch failed"} + fallBack;
-        });
-        row("an installed bundle that cannot be copied", fallsBack, [&](Flow &flow) {
-            flow.installed = "gone/Example.app";
-            flow.lastLogged = "Unable to copy old appliocation to temp folder";
-            flow.logged = patchRun + QStringList{"Unable to copy old app", "patch failed"} + fallBack;
-        });
-        row("a patch whose transfer fails does not fall back", byPatch, [&](Flow &flow) {
-            flow.patch = {{.body = m_patch, .dropAt = 10}};
-            flow.status = 0;
-            flow.bundle = QString();
-            flow.staged.clear();
-            flow.onMainQueue = false;
-            flow.logged = patchStart + QStringList("Error downloading file");
-        });
-        row("patch and archive with wrong hashes", fallsBack, [&](Flow &flow) {
-            flow.patchHash = "x";
-            flow.fullHash = flow.fullHash.toUpper();
-            flow.status = 0;
-            flow.bundle = QString();
-            flow.staged.clear();
-        });
-        row("an empty archive is what an empty hash stands for", badArchive, [&](Flow &flow) {
-            flow.full = {{.body = ""}};
-            flow.fullHash = "";
-        });
-        row("an archive that is none", badArchive, [&](Flow &flow) {
-            flow.full = {{.body = "no zip"}};
-            flow.fullHash = MD5FromData("no zip");
-            flow.logged = fullRun.first(6) + QStringList("extraction failed");
-        });
-        row("an archive without a bundle", badArchive, [&](Flow &flow) {
-            const QByteArray zip = ZipMaker::make({{.name = "file", .data = "x"}});
-            flow.full = {{.body = zip}};
-            flow.fullHash = MD5FromData(zip);
-            flow.logged = fullRun;
-        });
-        const auto archived = [](Flow &flow, const QByteArray &zip) {
-            flow.full = {{.body = zip}};
-            flow.fullHash = MD5FromData(zip);
-        };
-        for (const bool pinned : {false, true}) {
-            const auto pinnedRow = [&](const char *name, Flow flow,
-                                       const std::function<void(Flow &)> &change) {
-                if (pinned)
-                    flow.signers = {m_signer.fingerprint};
-                row(qPrintable(QString(name) + (pinned ? ", pinned" : "")), flow, change);
+        row("by patch", byPatch.logs(patchRun + QStringList("patch succeeded")));
+        row("by full archive", byArchive.logs(fullRun));
+        row("a patch with a wrong hash",
+            fallsBack.with(&Flow::patchHash, "x").logs(patchStart + stored + wrong + fallBack));
+        row("a patch that is longer than announced",
+            fallsBack.with(&Flow::patchSize, m_patch.size() - 1).logs(patchStart + wrong + fallBack));
+        row("a patch without a hash, even an empty one",
+            fallsBack.patched("").with(&Flow::patchHash, QString()));
+        row("a patch that does not apply",
+            fallsBack.patched(patchOfCommands(command("delete", "..")))
+                .logs(patchRun + failsThen)
+                .blames("Patch failed"));
+        row("a patch whose result is not sealed",
+            fallsBack.patched(patchTo("new/Example.app", "Contents/extra"))
+                .logs(patchRun + QStringList("patch failed with codesigning error") + failsThen)
+                .blames("failed with code signing error"));
+        row("an installed bundle that cannot be copied",
+            fallsBack.with(&Flow::installed, "gone/Example.app")
+                .logs(patchRun + QStringList("Unable to copy old app") + failsThen)
+                .blames("Unable to copy old appliocation to temp folder"));
+        row("a patch whose transfer fails does not fall back",
+            byPatch.with(&Flow::patch, {{.body = m_patch, .dropAt = 10}})
+                .with(&Flow::onMainQueue, false)
+                .fails(0)
+                .logs(patchStart + QStringList("Error downloading file")));
+        row("patch and archive with wrong hashes",
+            fallsBack.with(&Flow::patchHash, "x")
+                .with(&Flow::fullHash, fallsBack.fullHash.toUpper())
+                .fails(0));
+        row("an empty archive is what an empty hash stands for", badArchive.archived(""));
+        row("an archive that is none",
+            badArchive.archived("no zip").logs(fullRun.first(6) + QStringList("extraction failed")));
+        row("an archive without a bundle",
+            badArchive.archived(ZipMaker::make({{.name = "file", .data = "x"}})).logs(fullRun));
+        for (const SignerPins &signers : {SignerPins(), pins}) {
+            const auto either = [&](const QString &name, const Flow &flow) {
+                row(name + (signers ? ", pinned" : ""), flow.with(&Flow::signers, signers));
             };
-            pinnedRow("a link to a sealed bundle", badArchive, [&](Flow &flow) {
-                archived(flow, zipOf("new/Example.app", "a/real", {ZipMaker::link("Example.app", "a/real")}));
-            });
-            pinnedRow("an older build under a new number", badArchive,
-                      [&](Flow &flow) { archived(flow, zipOf("older/Example.app", "Example.app")); });
-            pinnedRow("a build of another number", badArchive,
-                      [&](Flow &flow) { flow.record["build"] = 102; });
-            pinnedRow("a build that is no newer than the installed one", badArchive, [&](Flow &flow) {
-                flow.record["build"] = 50;
-                archived(flow, zipOf("older/Example.app", "Example.app"));
-            });
-            pinnedRow("an installed bundle whose build cannot be read", badArchive,
-                      [](Flow &flow) { flow.installed = "unreadable/Example.app"; });
-            pinnedRow("another application of the same signer", badArchive,
-                      [&](Flow &flow) { archived(flow, zipOf("other/Example.app", "Example.app")); });
-            pinnedRow("a patch to an older build", fallsBack, [&](Flow &flow) {
-                const QByteArray patch = patchTo("older/Example.app");
-                flow.patch = {{.body = patch}};
-                flow.patchHash = MD5FromData(patch);
-                flow.lastLogged = "failed with another bundle than announced";
-            });
-            pinnedRow("a whole number of chunks and an empty hash", byArchive, [&](Flow &flow) {
-                archived(flow, m_wholeChunks);
-                if (!pinned)
-                    return;
-                flow.status = 0;
-                flow.bundle = QString();
-                flow.staged.clear();
-            });
-            pinnedRow("a whole number of chunks with SHA-256 and size", byArchive, [&](Flow &flow) {
-                archived(flow, m_wholeChunks);
-                flow.record.insert(
-                    {{"sha256", sha256(m_wholeChunks).toUpper()}, {"size", m_wholeChunks.size()}});
-            });
+            const QByteArray older = zipOf("older/Example.app", "Example.app");
+            either("a link to a sealed bundle",
+                   badArchive.archived(
+                       zipOf("new/Example.app", "a/real", {ZipMaker::link("Example.app", "a/real")})));
+            either("an older build under a new number", badArchive.archived(older));
+            either("a build of another number", badArchive.with(&Flow::record, {{"build", 102}}));
+            either("a build that is no newer than the installed one",
+                   badArchive.archived(older).with(&Flow::record, {{"build", 50}}));
+            either("an installed bundle whose build cannot be read",
+                   badArchive.with(&Flow::installed, "unreadable/Example.app"));
+            either("another application of the same signer",
+                   badArchive.archived(zipOf("other/Example.app", "Example.app")));
+            either("a patch to an older build",
+                   fallsBack.patched(patchTo("older/Example.app"))
+                       .blames("failed with another bundle than announced"));
+            const Flow whole = byArchive.archived(m_wholeChunks);
+            either("a whole number of chunks and an empty hash", signers ? whole.fails(0) : whole);
+            const QVariantMap known{{"sha256", sha256(m_wholeChunks).toUpper()},
+                                    {"size", m_wholeChunks.size()}};
+            either("a whole number of chunks with SHA-256 and size", whole.with(&Flow::record, known));
         }
         for (const auto &[name, key, value] :
              {std::tuple("another SHA-256", "sha256", QVariant(sha256("other"))),
@@ -267,238 +275,159 @@ private slots:
               {"a SHA-256 that is no text", "sha256", QVariantList()},
               {"a greater size", "size", m_zip.size() + 1},
               {"a smaller size", "size", m_zip.size() - 1},
-              {"a size that is a text", "size", QString::number(m_zip.size())}}) {
-            row(name, badArchive, [&, key = key, value = value](Flow &flow) {
-                flow.status = 0;
-                flow.record[key] = value;
-            });
-        }
-        for (const char *name : {"/Example.app", "/Old-100.app"}) {
-            row(name, byArchive, [&](Flow &flow) {
-                flow.full = {Answer::redirect(name)};
-                flow.requests.append(name);
-                flow.staged = {"Example.app", name + 1};
-            });
-        }
-        row("pins that cannot be read accept nobody", badArchive,
-            [&](Flow &flow) { flow.signers = QStringList(); });
-        row("a patch sealed by a pinned signer", byPatch,
-            [&](Flow &flow) { flow.signers = {m_signer.fingerprint}; });
-        row("neither is sealed by the pinned signer", fallsBack, [&](Flow &flow) {
-            flow.signers = {QString(64, u'0')};
-            flow.status = 2;
-            flow.bundle = QString();
-            flow.staged.clear();
-            flow.lastLogged = "failed with code signing error";
-        });
-        row("the file is named by the address that answers", byArchive, [&](Flow &flow) {
-            flow.full = {Answer::redirect("/elsewhere/..%2Fnamed.zip?key=1")};
-            flow.requests.append("/elsewhere/..%2Fnamed.zip?key=1");
-            flow.staged = {"Example.app", "named.zip"};
-        });
+              {"a size that is a text", "size", QString::number(m_zip.size())}})
+            row(name, byArchive.fails(0).with(&Flow::record, {{key, value}}));
+        const auto redirected = [&](const QString &name, const char *to, const QString &staged) {
+            row(name,
+                byArchive.with(&Flow::full, {Answer::redirect(to)})
+                    .with(&Flow::requests, {"/full.zip", to})
+                    .with(&Flow::staged, {"Example.app", staged}));
+        };
+        redirected("an archive named like the bundle", "/Example.app", "Example.app");
+        redirected("an archive named like the old bundle", "/Old-100.app", "Old-100.app");
+        redirected("the file is named by the address that answers", "/elsewhere/..%2Fnamed.zip?key=1",
+                   "named.zip");
+        row("pins that cannot be read accept nobody", badArchive.with(&Flow::signers, QStringList()));
+        row("a patch sealed by a pinned signer", byPatch.with(&Flow::signers, pins));
+        row("neither is sealed by the pinned signer",
+            fallsBack.with(&Flow::signers, QStringList(QString(64, u'0')))
+                .fails(2)
+                .blames("failed with code signing error"));
     }
 
     void flows()
     {
         QFETCH(Flow, flow);
-        TestServer server;
-        server.answer("/p%201", flow.patch);
-        server.answer("/full.zip", flow.full);
+        Running run;
+        run.server.answer("/p%201", flow.patch);
+        run.server.answer("/full.zip", flow.full);
         for (const char *name : {"/elsewhere/..%2Fnamed.zip", "/Example.app", "/Old-100.app"})
-            server.answer(name, {{.body = m_zip}});
-        const TemporaryTree staging;
-        const QString root = staging.path("it's \"a\" $(staging) folder\n");
-
-        const LogCapture capture;
-        QList<QVariantList> logs;
-        std::atomic<int> prepared = 0;
-        const auto installer =
-            UpdateInstaller::create({.handleLog = [&](const QVariantList &log) { logs.append(log); },
-                                     .preparing = [&] { ++prepared; },
-                                     .progress = {}});
-        installer->setSettings({m_tree.path(flow.installed), root, flow.signers});
+            run.server.answer(name, {{.body = m_zip}});
         QVariantMap entry{{"build", "100/../.."},
-                          {"file", server.url("/p%201").toString(QUrl::FullyEncoded)}};
+                          {"file", run.server.url("/p%201").toString(QUrl::FullyEncoded)}};
         if (!flow.patchHash.isNull())
             entry["hash"] = flow.patchHash;
         if (flow.patchSize)
             entry["size"] = *flow.patchSize;
         QVariantMap record{
-            {"build", 101}, {"file", server.url("/full.zip").toString()}, {"hash", flow.fullHash}};
+            {"build", 101}, {"file", run.server.url("/full.zip").toString()}, {"hash", flow.fullHash}};
         record.insert(flow.record);
         QVariantMap update{{"update", record}};
         if (flow.offersPatch)
             update["patch"] = entry;
-        installer->setUpdate(update);
+        run.start(update, m_tree.path(flow.installed), flow.signers);
+        QTRY_COMPARE_WITH_TIMEOUT(run.calls.load(), 1, 60000);
 
-        std::atomic<int> calls = 0;
-        std::atomic<qint64> status = -1;
-        QString path;
-        QThread *thread = nullptr;
-        installer->downloadUpdate([&](qint64 reported, const QString &bundle) {
-            thread = QThread::currentThread();
-            path = bundle;
-            status = reported;
-            ++calls;
-        });
-        QTRY_COMPARE_WITH_TIMEOUT(calls.load(), 1, 60000);
-
-        const QStringList logged = capture.lines("zel.updater");
+        const QStringList logged = run.capture.lines("zel.updater");
         for (const QString &line : logged.filter(" = "))
-            QVERIFY2(line.contains(" = " + root), qPrintable(line));
+            QVERIFY2(line.contains(" = " + run.root), qPrintable(line));
         if (!flow.logged.isEmpty())
             QCOMPARE(QStringList(logged).replaceInStrings(m_variable, QString()), flow.logged);
-        QCOMPARE(prepared.load(), int(logged.count("verifying patch")));
-        QVERIFY(!capture.hasMainThreadIn("zel.system")); // long work and its diagnostics are elsewhere
-        QCOMPARE(int(status), flow.status);
-        QCOMPARE(thread == QThread::currentThread(), flow.onMainQueue);
-        QCOMPARE(path.isNull(), flow.bundle.isNull());
-        if (!path.isNull()) {
-            QVERIFY(path.startsWith(root) && path.endsWith(flow.bundle));
-            QVERIFY(ZELUpdaterValidateCodeSigning(QUrl::fromLocalFile(path)));
-            QVERIFY(TemporaryTree::contents(path + "/Contents/MacOS/example").contains("build 101"));
+        QCOMPARE(run.prepared.load(), int(logged.count("verifying patch")));
+        QVERIFY(!run.capture.hasMainThreadIn("zel.system")); // long work and its diagnostics are elsewhere
+        QCOMPARE(run.status.load(), flow.status);
+        QCOMPARE(run.thread == QThread::currentThread(), flow.onMainQueue);
+        QCOMPARE(run.bundle.isNull(), flow.bundle.isNull());
+        if (!run.bundle.isNull()) {
+            QVERIFY(run.bundle.startsWith(run.root) && run.bundle.endsWith(flow.bundle));
+            QVERIFY(ZELUpdaterValidateCodeSigning(QUrl::fromLocalFile(run.bundle)));
+            QVERIFY(TemporaryTree::contents(run.bundle + "/Contents/MacOS/example").contains("build 101"));
         }
         QByteArrayList requests;
-        for (const TestServer::Request &request : server.requests())
+        for (const TestServer::Request &request : run.server.requests())
             requests.append(request.path);
         QCOMPARE(requests, flow.requests);
-        QCOMPARE(logs.size(), flow.lastLogged.isNull() ? 0 : 1);
-        if (!logs.isEmpty())
-            QCOMPARE(logs[0].last().toMap()["description"].toString(), flow.lastLogged);
-        compareStaged(root, flow.staged);
+        QCOMPARE(run.logs.size(), flow.lastLogged.isNull() ? 0 : 1);
+        if (!run.logs.isEmpty())
+            QCOMPARE(run.logs[0].last().toMap()["description"].toString(), flow.lastLogged);
+        compareStaged(run.root, flow.staged);
         QVERIFY(ZELUpdaterValidateCodeSigning(QUrl::fromLocalFile(m_tree.path("installed/Example.app"))));
-        installer->cleanup();
-        QVERIFY(!QFileInfo::exists(root));
+        run.installer->cleanup();
+        QVERIFY(!QFileInfo::exists(run.root));
     }
 
     void updateInFlightKeepsItsInputs()
     {
-        TestServer server;
-        server.answer("/p", {{.body = "useless", .stallAt = 2}});
-        server.answer("/full.zip", {{.body = m_zip}});
-        const TemporaryTree staging;
-        QList<QVariantList> logs;
-        const auto installer =
-            UpdateInstaller::create({.handleLog = [&](const QVariantList &log) { logs.append(log); },
-                                     .preparing = {},
-                                     .progress = {}});
-        installer->setSettings({m_tree.path("installed/Example.app"), staging.path("first")});
-        installer->setUpdate(offer(server, MD5FromData("useless")));
-        QString bundle;
-        installer->downloadUpdate([&](qint64, const QString &path) { bundle = path; });
-        QVERIFY(server.waitForRequests(1));
+        Running run;
+        run.server.answer("/p", {{.body = "useless", .stallAt = 2}});
+        run.server.answer("/full.zip", {{.body = m_zip}});
+        run.start(offer(run.server, MD5FromData("useless")), m_tree.path("installed/Example.app"));
+        QVERIFY(run.server.waitForRequests(1));
         const QVariantMap second{{"update", "of a second check"}, {"patch", "too"}};
-        installer->setUpdate(second);
-        installer->setSettings({"gone", staging.path("second"), QStringList()});
-        server.release();
-        QTRY_VERIFY_WITH_TIMEOUT(!bundle.isNull(), 60'000);
-        QVERIFY(bundle.startsWith(staging.path("first")));
-        QCOMPARE(logs.size(), 1);
-        QCOMPARE(installer->update(), second);
+        run.installer->setUpdate(second);
+        run.installer->setSettings({"gone", run.staging.path("second"), QStringList()});
+        run.server.release();
+        QTRY_VERIFY_WITH_TIMEOUT(!run.bundle.isNull(), 60'000);
+        QVERIFY(run.bundle.startsWith(run.root));
+        QCOMPARE(run.logs.size(), 1);
+        QCOMPARE(run.installer->update(), second);
     }
 
     void failedPatchIsGoneBeforeTheArchiveIsFetched()
     {
-        TestServer server;
+        Running run;
         const QByteArray broken = patchOfCommands(command("delete", ".."));
-        server.answer("/p", {{.body = broken}});
-        server.answer("/full.zip", {{.body = m_zip, .stallAt = 5}});
-        const TemporaryTree staging;
-        const auto installer = UpdateInstaller::create({});
-        installer->setSettings({m_tree.path("installed/Example.app"), staging.path("root")});
-        installer->setUpdate(offer(server, MD5FromData(broken)));
-        int calls = 0;
-        installer->downloadUpdate([&](qint64, const QString &) { ++calls; });
-        QVERIFY(server.waitForRequests(2));
-        QTRY_COMPARE(installer->task()->countOfBytesReceived(), qint64(5));
-        const QStringList folders =
-            QDir(staging.path("root")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
-        QCOMPARE(folders.size(), 1);
-        const QStringList items =
-            QDir(staging.path("root/" + folders[0])).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
-        QVERIFY2(items.size() == 1 && items[0].endsWith(".download"), qPrintable(items.join(u' ')));
-        installer->task()->cancel();
-        QTRY_COMPARE(QDir(staging.path("root")).entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList());
-        QCoreApplication::processEvents();
-        QCOMPARE(calls, 0);
+        run.server.answer("/p", {{.body = broken}});
+        run.server.answer("/full.zip", {{.body = m_zip, .stallAt = 5}});
+        run.start(offer(run.server, MD5FromData(broken)), m_tree.path("installed/Example.app"));
+        QVERIFY(run.server.waitForRequests(2));
+        QTRY_COMPARE(run.installer->task()->countOfBytesReceived(), qint64(5));
+        const QStringList items = TemporaryTree::listing(run.root);
+        QVERIFY2(items.size() == 2 && items[1].contains(".download = "), qPrintable(items.join(u'\n')));
+        run.installer->task()->cancel();
+        run.verifyCancelled();
     }
 
     void cleanupSparesWhatIsInUse()
     {
-        TestServer server;
-        server.answer("/full.zip", {{.body = m_zip, .stallAt = 5}});
-        const TemporaryTree staging;
-        const QString root = staging.path("root");
-        const auto installer = UpdateInstaller::create({});
+        Running run;
+        run.server.answer("/full.zip", {{.body = m_zip, .stallAt = 5}});
         const auto otherProcess = UpdateInstaller::create({});
-        for (const auto &one : {installer, otherProcess})
-            one->setSettings({m_tree.path("installed/Example.app"), root});
-        QVariantMap update = offer(server, {});
-        update.remove("patch");
-        installer->setUpdate(update);
-        QString bundle;
-        installer->downloadUpdate([&](qint64, const QString &path) { bundle = path; });
-        QVERIFY(server.waitForRequests(1));
-        staging.write("root/00000000-LEFT-OVER/of/a/killed/process", "x");
-        for (const auto &one : {installer, otherProcess})
+        otherProcess->setSettings({m_tree.path("installed/Example.app"), run.root});
+        run.start(offer(run.server), m_tree.path("installed/Example.app"));
+        QVERIFY(run.server.waitForRequests(1));
+        const QString leftOver = run.root + "/00000000-LEFT-OVER";
+        QVERIFY(QDir().mkpath(leftOver + "/of/a/killed/process"));
+        for (const auto &one : {run.installer, otherProcess})
             one->cleanup();
-        QVERIFY(!QFileInfo::exists(staging.path("root/00000000-LEFT-OVER")));
-        server.release();
-        QTRY_VERIFY_WITH_TIMEOUT(!bundle.isNull(), 60'000);
+        QVERIFY(!QFileInfo::exists(leftOver));
+        run.server.release();
+        QTRY_VERIFY_WITH_TIMEOUT(!run.bundle.isNull(), 60'000);
         otherProcess->cleanup();
-        QVERIFY(ZELUpdaterValidateCodeSigning(QUrl::fromLocalFile(bundle)));
-        installer->cleanup();
-        QVERIFY(!QFileInfo::exists(root));
+        QVERIFY(ZELUpdaterValidateCodeSigning(QUrl::fromLocalFile(run.bundle)));
+        run.installer->cleanup();
+        QVERIFY(!QFileInfo::exists(run.root));
     }
 
     void cancelledDownloadEndsSilently()
     {
-        TestServer server;
-        server.answer("/full.zip", {{.body = m_zip, .framing = TestServer::Framing::Close, .stallAt = 5}});
-        const TemporaryTree staging;
-        const LogCapture capture;
-        int calls = 0;
-        QList<std::pair<qint64, qint64>> progress;
-        const auto installer = UpdateInstaller::create(
-            {.handleLog = {}, .preparing = {}, .progress = [&](qint64 received, qint64 expected) {
-                 progress.append({received, expected});
-             }});
-        installer->setSettings({{}, staging.path("staging"), {}});
-        installer->setUpdate(
-            {{"update", QVariantMap{{"file", server.url("/full.zip")}, {"size", m_zip.size()}}}});
-        installer->downloadUpdate([&](qint64, const QString &) { ++calls; });
-        QTRY_VERIFY(!progress.isEmpty() && progress.last() == std::pair(qint64(5), qint64(m_zip.size())));
-        installer->task()->cancel();
-        QTRY_VERIFY(capture.lines("zel.updater").contains("download was cancelled"));
-        QCoreApplication::processEvents();
-        QCOMPARE(calls, 0);
-        compareStaged(staging.path("staging"), {});
+        Running run;
+        run.server.answer("/full.zip",
+                          {{.body = m_zip, .framing = TestServer::Framing::Close, .stallAt = 5}});
+        const QVariantMap record{{"file", run.server.url("/full.zip")}, {"size", m_zip.size()}};
+        run.start({{"update", record}}, {});
+        const std::pair expected(qint64(5), qint64(m_zip.size()));
+        QTRY_VERIFY(!run.progress.isEmpty() && run.progress.last() == expected);
+        run.installer->task()->cancel();
+        run.verifyCancelled();
     }
 
     void cancelEndsAnArchiveToolThatHangs()
     {
-        TestServer server;
-        server.answer("/full.zip", {{.body = m_zip}});
-        const TemporaryTree staging;
-        const QString started = staging.path("started");
-        const QString tool = staging.write(
+        Running run;
+        run.server.answer("/full.zip", {{.body = m_zip}});
+        const QString started = run.staging.path("started");
+        const QString tool = run.staging.write(
             "tool", "#!/bin/sh\ncat >/dev/null; : >'" + started.toUtf8() + "'; exec sleep 1000\n", 0755);
-        QVariantMap update = offer(server, {});
-        update.remove("patch");
-        const LogCapture capture;
-        int calls = 0;
-        const auto job = UpdateJob::create({.offer = CheckResult::fromMap(update),
+        const auto job = UpdateJob::create({.offer = CheckResult::fromMap(offer(run.server)),
                                             .installedBundle = m_tree.path("installed/Example.app"),
-                                            .stagingRoot = staging.path("root"),
+                                            .stagingRoot = run.root,
                                             .archiveTool = tool},
-                                           {}, [&](qint64, const QString &) { ++calls; });
+                                           {}, [&](qint64, const QString &) { ++run.calls; });
         job->resume();
         QTRY_VERIFY(QFileInfo::exists(started));
         job->cancel();
-        QTRY_VERIFY(capture.lines("zel.updater").contains("download was cancelled"));
-        QVERIFY(QDir(staging.path("root")).isEmpty());
-        QCoreApplication::processEvents();
-        QCOMPARE(calls, 0);
+        run.verifyCancelled();
     }
 
     // Commands that go on and on would hold up the application's end.
@@ -518,54 +447,44 @@ private slots:
 
     void completionMayBeLeftOut()
     {
-        TestServer server;
-        server.answer("/dropped", {{.body = m_zip, .dropAt = 5}});
-        const TemporaryTree staging;
-        const LogCapture capture;
-        const auto installer = UpdateInstaller::create({});
-        installer->setSettings({{}, staging.path("staging"), {}});
+        Running run;
+        run.server.answer("/dropped", {{.body = m_zip, .dropAt = 5}});
+        run.installer->setSettings({{}, run.root, {}});
         for (const auto &[path, end] :
-             {std::pair("/dropped", "Error downloading file"), std::pair("/wrong", "MD5 Error")}) {
-            const QVariantMap record{{"file", server.url(path)}};
-            installer->setUpdate({{"update", record}});
-            installer->downloadUpdate({});
-            QTRY_VERIFY(capture.lines("zel.updater").contains(end));
+             {std::pair("/dropped", "Error downloading file"), {"/wrong", "MD5 Error"}}) {
+            run.installer->setUpdate({{"update", QVariantMap{{"file", run.server.url(path)}}}});
+            run.installer->downloadUpdate({});
+            QTRY_VERIFY(run.capture.lines("zel.updater").contains(end));
         }
-        QVERIFY(capture.lines("zel.system").first().contains("/dropped\": "));
-    }
-
-    void payloadNames_data()
-    {
-        QTest::addColumn<QString>("url");
-        QTest::addColumn<QString>("name");
-        const auto row = [](const char *url, const char *name) {
-            QTest::newRow(url) << QString::fromUtf8(url) << QString::fromUtf8(name);
-        };
-        row("http://h/a/b.zip?x=/y", "b.zip");
-        row("http://h/a%20b%28.zip", "a b(.zip");
-        row("http://h/a/..%2F..%2Fetc%2Fpasswd", "passwd");
-        row("http://h/a/%2E%2E", "download");
-        row("http://h/folder/", "folder");
-        row("http://h/", "download");
-        row("http://h/x%00y", "xy");
-        QTest::newRow("as long as names can be")
-            << QString(QLatin1String("http://h/") + QString(300, u'\u00e4')) << QString(127, u'\u00e4');
+        QVERIFY(run.capture.lines("zel.system").first().contains("/dropped\": "));
     }
 
     void payloadNames()
     {
-        QFETCH(QString, url);
-        QFETCH(QString, name);
-        QCOMPARE(payloadName(QUrl(url)), name);
+        const std::pair<QString, QString> cases[] = {
+            {"http://h/a/b.zip?x=/y", "b.zip"},
+            {"http://h/a%20b%28.zip", "a b(.zip"},
+            {"http://h/a/..%2F..%2Fetc%2Fpasswd", "passwd"},
+            {"http://h/a/%2E%2E", "download"},
+            {"http://h/folder/", "folder"},
+            {"http://h/", "download"},
+            {"http://h/x%00y", "xy"},
+            {"http://h/" + QString(300, u'\u00e4'), QString(127, u'\u00e4')},
+        };
+        for (const auto &[url, name] : cases)
+            QCOMPARE(payloadName(QUrl(url)), name);
     }
 
 private:
-    QVariantMap offer(const TestServer &server, const QString &patchHash) const
+    // Without the hash of a patch, there is none.
+    QVariantMap offer(const TestServer &server, const QString &patchHash = {}) const
     {
-        return {
-            {"update",
-             QVariantMap{{"build", 101}, {"file", server.url("/full.zip")}, {"hash", MD5FromData(m_zip)}}},
-            {"patch", QVariantMap{{"build", 100}, {"file", server.url("/p")}, {"hash", patchHash}}}};
+        const QVariantMap record{
+            {"build", 101}, {"file", server.url("/full.zip")}, {"hash", MD5FromData(m_zip)}};
+        if (patchHash.isNull())
+            return {{"update", record}};
+        const QVariantMap patch{{"build", 100}, {"file", server.url("/p")}, {"hash", patchHash}};
+        return {{"update", record}, {"patch", patch}};
     }
 
     static QString sha256(const QByteArray &bytes)
