@@ -1,5 +1,6 @@
 #include "platform/BundleInfo.h"
 #include "platform/PropertyList.h"
+#include "support/Case.h"
 #include "support/TemporaryTree.h"
 
 #include <QtEndian>
@@ -55,11 +56,6 @@ QByteArray nestedBinary(int depth, int times = 1)
     return binary(topWith(arrays + QByteArrayList{"\x09"}));
 }
 
-QByteArray cyclicBinary()
-{
-    return binary(topWith({"\xa1" + reference(3), "\xa1" + reference(2)}));
-}
-
 // An array that holds one long string many times.
 QByteArray repeatingBinary()
 {
@@ -73,71 +69,58 @@ class tst_BundleInfo : public QObject
 {
     Q_OBJECT
 private slots:
-    void values_data()
-    {
-        QTest::addColumn<QByteArray>("element");
-        QTest::addColumn<QVariant>("expected");
-
-        const auto row = [](const char *name, const QByteArray &element, const QVariant &expected) {
-            QTest::newRow(name) << element << expected;
-        };
-        row("string", "<string>a &lt;ö</string>", "a <ö");
-        row("empty string", "<string></string>", "");
-        row("integer", "<integer>9007199254740993</integer>", qint64(9007199254740993));
-        row("negative", "<integer>-5</integer>", qint64(-5));
-        row("real", "<real>7.25</real>", 7.25);
-        row("booleans", "<array><true/><false/></array>", QVariantList{true, false});
-        row("data", "<data>AAEC</data>", QByteArray("\0\1\2", 3));
-        row("date", "<date>2001-01-02T00:00:01Z</date>", QDateTime({2001, 1, 2}, {0, 0, 1}, Qt::UTC));
-        row("array", "<array><string>a</string><integer>1</integer></array>", QVariantList{"a", qint64(1)});
-        row("dictionary", "<dict><key>k</key><true/></dict>", QVariantMap{{"k", true}});
-    }
-
     void values()
     {
-        QFETCH(QByteArray, element);
-        QFETCH(QVariant, expected);
-        const auto list = zel::readPropertyList(xml("<dict><key>value</key>" + element + "</dict>"));
-        QVERIFY(list);
-        QCOMPARE(list->value("value"), expected);
-        QCOMPARE(list->value("value").typeId(), expected.typeId());
-    }
-
-    void binaryValues()
-    {
-        const auto list = zel::readPropertyList(binary(
-            topWith({"\xa3" + reference(1) + reference(1) + reference(3), QByteArray("\x11\x1b\x59")})));
-        QVERIFY(list);
-        QCOMPARE(list->value("k"), QVariant(QVariantList{QString("k"), QString("k"), qint64(7001)}));
-    }
-
-    void refusedLists_data()
-    {
-        QTest::addColumn<QByteArray>("bytes");
-
-        QTest::newRow("no bytes") << QByteArray();
-        QTest::newRow("text") << QByteArray("CFBundleVersion = 1;");
-        QTest::newRow("array at the top") << xml("<array/>");
-        QTest::newRow("nested to exhaust the stack")
-            << xml("<dict><key>k</key>" + QByteArray("<array>").repeated(500'000)
-                   + QByteArray("</array>").repeated(500'000) + "</dict>");
-        QTest::newRow("keys to be compared for minutes")
-            << xml("<dict>" + QByteArray("<key>k</key><true/>").repeated(50'000) + "</dict>");
-        QTest::newRow("references to be replaced for minutes")
-            << xml("<dict><key>k</key><string>" + QByteArray("&lt;").repeated(1 << 19) + "</string></dict>");
-        QTest::newRow("binary, nested to exhaust the stack") << nestedBinary(60'000);
-        QTest::newRow("binary, doubling at each level") << nestedBinary(30, 2);
-        QTest::newRow("binary, cyclic") << cyclicBinary();
-        QTest::newRow("binary, one long string very often") << repeatingBinary();
-        QTest::newRow("binary, reference to no object") << binary(topWith({}));
-        QTest::newRow("binary, NUL in a key")
-            << binary({pairMarker + reference(1) + reference(1), QByteArray("\x62\0a\0\0", 5)});
+        const auto of = [](const QByteArray &element) {
+            return xml("<dict><key>k</key>" + element + "</dict>");
+        };
+        const QByteArrayList objects{"\xa3" + reference(1) + reference(1) + reference(3), "\x11\x1b\x59"};
+        const std::tuple<const char *, QByteArray, QVariant> cases[] = {
+            {"string", of("<string>a &lt;ö</string>"), "a <ö"},
+            {"empty string", of("<string></string>"), ""},
+            {"integer", of("<integer>9007199254740993</integer>"), qint64(9007199254740993)},
+            {"negative", of("<integer>-5</integer>"), qint64(-5)},
+            {"real", of("<real>7.25</real>"), 7.25},
+            {"booleans", of("<array><true/><false/></array>"), QVariantList{true, false}},
+            {"data", of("<data>AAEC</data>"), QByteArray("\0\1\2", 3)},
+            {"date", of("<date>2001-01-02T00:00:01Z</date>"), QDateTime({2001, 1, 2}, {0, 0, 1}, Qt::UTC)},
+            {"dictionary", of("<dict><key>k</key><true/></dict>"), QVariantMap{{"k", true}}},
+            {"binary", binary(topWith(objects)), QVariantList{"k", "k", qint64(7001)}},
+        };
+        for (const auto &[name, bytes, expected] : cases) {
+            const Case current(name);
+            const auto list = zel::readPropertyList(bytes);
+            QVERIFY(list);
+            QCOMPARE(list->value("k"), expected);
+            QCOMPARE(list->value("k").typeId(), expected.typeId());
+        }
     }
 
     void refusedLists()
     {
-        QFETCH(QByteArray, bytes);
-        QVERIFY(!zel::readPropertyList(bytes));
+        const std::pair<const char *, QByteArray> cases[] = {
+            {"no bytes", ""},
+            {"text", "CFBundleVersion = 1;"},
+            {"array at the top", xml("<array/>")},
+            {"nested to exhaust the stack",
+             xml("<dict><key>k</key>" + QByteArray("<array>").repeated(500'000)
+                 + QByteArray("</array>").repeated(500'000) + "</dict>")},
+            {"keys to be compared for minutes",
+             xml("<dict>" + QByteArray("<key>k</key><true/>").repeated(50'000) + "</dict>")},
+            {"references to be replaced for minutes",
+             xml("<dict><key>k</key><string>" + QByteArray("&lt;").repeated(1 << 19) + "</string></dict>")},
+            {"binary, nested to exhaust the stack", nestedBinary(60'000)},
+            {"binary, doubling at each level", nestedBinary(30, 2)},
+            {"binary, cyclic", binary(topWith({"\xa1" + reference(3), "\xa1" + reference(2)}))},
+            {"binary, one long string very often", repeatingBinary()},
+            {"binary, reference to no object", binary(topWith({}))},
+            {"binary, NUL in a key",
+             binary({pairMarker + reference(1) + reference(1), QByteArray("\x62\0a\0\0", 5)})},
+        };
+        for (const auto &[name, bytes] : cases) {
+            const Case current(name);
+            QVERIFY(!zel::readPropertyList(bytes));
+        }
     }
 
     void deepButBoundedListsAreCut()
@@ -153,11 +136,9 @@ private slots:
     // A list cut or damaged at any byte is read or refused, never a crash.
     void damagedLists()
     {
-        const QByteArrayList lists{build("<string>7001</string>"),
-                                   binary(topWith({"\xa2" + reference(3) + reference(4), "Qa",
-                                                   QByteArray("\x5f\x10\x11"
-                                                              "12345678901234567",
-                                                              20)}))};
+        const QByteArray text = QByteArray("\x5f\x10\x11", 3) + "12345678901234567";
+        const QByteArrayList objects{"\xa2" + reference(3) + reference(4), "Qa", text};
+        const QByteArrayList lists{build("<string>7001</string>"), binary(topWith(objects))};
         for (const QByteArray &whole : lists) {
             QVERIFY(zel::readPropertyList(whole));
             for (qsizetype i = 0; i < whole.size(); ++i) {
@@ -171,37 +152,28 @@ private slots:
         }
     }
 
-    void builds_data()
-    {
-        QTest::addColumn<QString>("file"); // none when empty
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<qint64>("expected");
-
-        const auto row = [](const char *name, const char *file, const QByteArray &bytes, qint64 expected) {
-            QTest::newRow(name) << file << bytes << expected;
-        };
-        row("text", "Contents/Info.plist", build("<string>7001</string>"), 7001);
-        row("number", "Contents/Info.plist", build("<integer>7001</integer>"), 7001);
-        row("no Contents", "Info.plist", build("<string>70.1</string>"), 70);
-        row("no key", "Info.plist", xml("<dict/>"), 0);
-        row("array for a value", "Info.plist", build("<array/>"), 0);
-        row("garbage", "Contents/Info.plist", "garbage", 0);
-        row("too large", "Info.plist", build("<string>1</string>") + QByteArray(4 << 20, ' '), 0);
-        row("no plist", "", {}, 0);
-    }
-
     void builds()
     {
-        QFETCH(QString, file);
-        QFETCH(QByteArray, bytes);
-        QFETCH(qint64, expected);
-        const TemporaryTree tree;
-        tree.directory("App.app");
-        if (!file.isEmpty())
-            tree.write("App.app/" + file, bytes);
-        const QString link = tree.link("Link.app", "App.app");
-        QCOMPARE(zel::bundleBuild(tree.path("App.app")), std::optional<qint64>(expected));
-        QCOMPARE(zel::bundleBuild(link), std::optional<qint64>(expected));
+        const std::tuple<const char *, QString, QByteArray, qint64> cases[] = {
+            {"text", "Contents/Info.plist", build("<string>7001</string>"), 7001},
+            {"number", "Contents/Info.plist", build("<integer>7001</integer>"), 7001},
+            {"no Contents", "Info.plist", build("<string>70.1</string>"), 70},
+            {"no key", "Info.plist", xml("<dict/>"), 0},
+            {"array for a value", "Info.plist", build("<array/>"), 0},
+            {"garbage", "Contents/Info.plist", "garbage", 0},
+            {"too large", "Info.plist", build("<string>1</string>") + QByteArray(4 << 20, ' '), 0},
+            {"no plist", "", "", 0},
+        };
+        for (const auto &[name, file, bytes, expected] : cases) {
+            const Case current(name);
+            const TemporaryTree tree;
+            tree.directory("App.app");
+            if (!file.isEmpty())
+                tree.write("App.app/" + file, bytes);
+            const QString link = tree.link("Link.app", "App.app");
+            for (const QString &bundle : {tree.path("App.app"), link})
+                QCOMPARE(zel::bundleBuild(bundle), std::optional(expected));
+        }
     }
 
     void innerPlistComesFirst()
@@ -210,14 +182,8 @@ private slots:
         tree.write("App.app/Info.plist", build("<string>1</string>"));
         tree.write("App.app/Contents/Info.plist", build("<string>2</string>"));
         QCOMPARE(zel::bundleBuild(tree.path("App.app")), std::optional<qint64>(2));
-    }
-
-    void whatIsNoBundle()
-    {
-        const TemporaryTree tree;
-        QVERIFY(!zel::bundleBuild(tree.path("missing.app")));
-        QVERIFY(!zel::bundleBuild(tree.write("file.app", "text")));
-        QVERIFY(!zel::bundleBuild(QString()));
+        for (const QString &none : {tree.path("missing.app"), tree.write("file.app", "text"), QString()})
+            QVERIFY2(!zel::bundleBuild(none), qPrintable(none));
     }
 
     // Opened to be read, they would wait for a writer.
@@ -234,47 +200,36 @@ private slots:
         QCOMPARE(zel::ensureProgramIsExecutable(tree.path("App.app")).message, QString());
     }
 
-    void programs_data()
-    {
-        QTest::addColumn<QString>("name"); // in the plist
-        QTest::addColumn<int>("before");
-        QTest::addColumn<int>("after");
-        QTest::addColumn<QString>("link"); // what is moved away and made a link
-
-        const auto row = [](const char *title, const char *name, int before, int after,
-                            const char *link = "") {
-            QTest::newRow(title) << name << before << after << link;
-        };
-        row("not executable", "run", 0644, 0755);
-        row("private", "run", 0600, 0700);
-        row("executable", "run", 0711, 0711);
-        row("for others only", "run", 0655, 0755);
-        row("another one named", "other", 0644, 0644);
-        row("none named", "", 0644, 0644);
-        row("path", "../MacOS/run", 0644, 0644);
-        row("link", "run", 0644, 0644, "App.app/Contents/MacOS/run");
-        row("behind a link", "run", 0644, 0644, "App.app/Contents/MacOS");
-        row("bundle is a link", "run", 0644, 0644, "App.app");
-    }
-
     void programs()
     {
-        QFETCH(QString, name);
-        QFETCH(int, before);
-        QFETCH(int, after);
-        QFETCH(QString, link);
-        const TemporaryTree tree;
-        tree.write("App.app/Contents/Info.plist",
-                   xml("<dict><key>CFBundleExecutable</key><string>" + name.toUtf8() + "</string></dict>"));
-        const QString place = "App.app/Contents/MacOS/run";
-        QString program = tree.write(place, "program", mode_t(before));
-        if (!link.isEmpty()) {
-            program = tree.path("moved") + place.mid(link.size());
-            QVERIFY(QFile::rename(tree.path(link), tree.path("moved")));
-            tree.link(link, tree.path("moved"));
+        const std::tuple<const char *, QString, int, int, QString> cases[] = {
+            {"not executable", "run", 0644, 0755, ""},
+            {"private", "run", 0600, 0700, ""},
+            {"executable", "run", 0711, 0711, ""},
+            {"for others only", "run", 0655, 0755, ""},
+            {"another one named", "other", 0644, 0644, ""},
+            {"none named", "", 0644, 0644, ""},
+            {"path", "../MacOS/run", 0644, 0644, ""},
+            {"link", "run", 0644, 0644, "App.app/Contents/MacOS/run"},
+            {"behind a link", "run", 0644, 0644, "App.app/Contents/MacOS"},
+            {"bundle is a link", "run", 0644, 0644, "App.app"},
+        };
+        for (const auto &[name, named, before, after, link] : cases) {
+            const Case current(name);
+            const TemporaryTree tree;
+            tree.write(
+                "App.app/Contents/Info.plist",
+                xml("<dict><key>CFBundleExecutable</key><string>" + named.toUtf8() + "</string></dict>"));
+            const QString place = "App.app/Contents/MacOS/run";
+            QString program = tree.write(place, "program", mode_t(before));
+            if (!link.isEmpty()) {
+                program = tree.path("moved") + place.mid(link.size());
+                QVERIFY(QFile::rename(tree.path(link), tree.path("moved")));
+                tree.link(link, tree.path("moved"));
+            }
+            QCOMPARE(zel::ensureProgramIsExecutable(tree.path("App.app")).message, QString());
+            QCOMPARE(TemporaryTree::mode(program), after);
         }
-        QCOMPARE(zel::ensureProgramIsExecutable(tree.path("App.app")).message, QString());
-        QCOMPARE(TemporaryTree::mode(program), after);
     }
 };
 

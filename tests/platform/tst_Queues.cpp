@@ -1,5 +1,6 @@
 #include "platform/Queues.h"
 
+#include "support/Case.h"
 #include <algorithm>
 #include <mutex>
 #include <QtTest>
@@ -12,48 +13,44 @@ class tst_Queues : public QObject
 {
     Q_OBJECT
 private slots:
-    void jobs_data()
+    void jobs()
     {
-        QTest::addColumn<QList<qint64>>("costs");
-        QTest::addColumn<qint64>("budget");
-
         QList<qint64> many;
         for (qint64 i = 0; i < 1000; ++i)
             many.append(i * 7919 % 100);
-        QTest::newRow("none") << QList<qint64>() << qint64(1);
-        QTest::newRow("all fit") << many << std::numeric_limits<qint64>::max();
-        QTest::newRow("few fit") << many << qint64(120);
-        QTest::newRow("none fits") << QList<qint64>{5, 7, 6, 7} << qint64(0);
-    }
-
-    void jobs()
-    {
-        QFETCH(QList<qint64>, costs);
-        QFETCH(qint64, budget);
-        std::mutex mutex;
-        std::vector<int> runs(size_t(costs.size()));
-        std::vector<size_t> order;
-        qint64 used = 0;
-        int running = 0;
-        bool within = true;
-        const auto job = [&](size_t i) {
-            std::unique_lock lock(mutex);
-            order.push_back(i);
-            ++runs[i];
-            used += costs[qsizetype(i)];
-            ++running;
-            within = within && (running == 1 || used <= budget);
-            lock.unlock();
-            std::this_thread::yield();
-            lock.lock();
-            used -= costs[qsizetype(i)];
-            --running;
+        const std::tuple<const char *, QList<qint64>, qint64> cases[] = {
+            {"none", {}, 1},
+            {"all fit", many, std::numeric_limits<qint64>::max()},
+            {"few fit", many, 120},
+            {"none fits", {5, 7, 6, 7}, 0},
         };
-        runJobs(std::span(costs.constData(), size_t(costs.size())), job, budget);
-        QCOMPARE(runs, std::vector<int>(runs.size(), 1));
-        QVERIFY(within);
-        if (!order.empty())
-            QCOMPARE(costs[qsizetype(order.front())], *std::ranges::max_element(costs));
+        for (const auto &[name, costs, budget] : cases) {
+            const Case current(name);
+            std::mutex mutex;
+            std::vector<int> runs(size_t(costs.size()));
+            std::vector<size_t> order;
+            qint64 used = 0;
+            int running = 0;
+            bool within = true;
+            const auto job = [&](size_t i) {
+                std::unique_lock lock(mutex);
+                order.push_back(i);
+                ++runs[i];
+                used += costs[qsizetype(i)];
+                ++running;
+                within = within && (running == 1 || used <= budget);
+                lock.unlock();
+                std::this_thread::yield();
+                lock.lock();
+                used -= costs[qsizetype(i)];
+                --running;
+            };
+            runJobs(std::span(costs.constData(), size_t(costs.size())), job, budget);
+            QCOMPARE(runs, std::vector<int>(runs.size(), 1));
+            QVERIFY(within);
+            if (!order.empty())
+                QCOMPARE(costs[qsizetype(order.front())], *std::ranges::max_element(costs));
+        }
     }
 };
 

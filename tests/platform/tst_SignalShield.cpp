@@ -1,6 +1,7 @@
 #include "base/FileDescriptor.h"
 #include "base/SignalShield.h"
 #include "platform/Queues.h"
+#include "support/ResourceLimit.h"
 
 #include <QtTest>
 
@@ -8,7 +9,6 @@
 #include <fcntl.h>
 #include <future>
 #include <latch>
-#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
@@ -29,15 +29,12 @@ void writeToBrokenPipe()
 void writeBeyondLimit()
 {
     const FileDescriptor file(::open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
-    rlimit before;
-    getrlimit(RLIMIT_FSIZE, &before);
-    const rlimit small{100, before.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &small);
-    const ssize_t written = ::pwrite(file.get(), "x", 1, 200);
-    const int error = errno;
-    setrlimit(RLIMIT_FSIZE, &before);
+    const ssize_t written = [&] {
+        const ResourceLimit limit(RLIMIT_FSIZE, 100);
+        return ::pwrite(file.get(), "x", 1, 200);
+    }();
     QCOMPARE(written, -1);
-    QCOMPARE(error, EFBIG);
+    QCOMPARE(errno, EFBIG);
 }
 
 bool isBlocked(int signal)
@@ -117,12 +114,11 @@ private slots:
                 ++seen;
         };
         std::promise<void> ended;
-        QVERIFY(startSession(
-            [&] {
-                look();
-                ended.set_value();
-            },
-            {}));
+        const auto session = [&] {
+            look();
+            ended.set_value();
+        };
+        QVERIFY(startSession(session, {}));
         ended.get_future().wait();
         QCOMPARE(seen, 1);
 
