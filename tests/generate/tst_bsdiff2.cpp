@@ -1,23 +1,18 @@
 #include "delta/bspatch2.h"
 #include "generate/bsdiff2.h"
 
+#include "base/FileDescriptor.h"
 #include "publish/compactdelta.h"
 #include "support/CapturedOutput.h"
+#include "support/Case.h"
 #include "support/DeltaSupport.h"
 #include "support/PlainScan.h"
 #include "support/RepetitiveText.h"
 #include "support/TemporaryTree.h"
 
 #include <fcntl.h>
-#include <QtTest>
-#include <sys/stat.h>
 
 namespace {
-
-QByteArray toBytes(const std::vector<std::byte> &bytes)
-{
-    return QByteArray(reinterpret_cast<const char *>(bytes.data()), qsizetype(bytes.size()));
-}
 
 std::optional<std::vector<std::byte>> diff(const QString &oldFile, const QString &newFile)
 {
@@ -47,85 +42,61 @@ class tst_bsdiff2 : public QObject
 {
     Q_OBJECT
 private slots:
-    void deltas_data()
-    {
-        QTest::addColumn<QByteArray>("old");
-        QTest::addColumn<QByteArray>("fresh");
-
-        const QByteArray random = randomBytes(20'000, 256, 1);
-        const QByteArray twoSymbols = randomBytes(3000, 2, 2);
-        const QByteArray period = QByteArray("\xFE\x01\xFF").repeated(700);
-        QTest::newRow("old empty") << QByteArray() << random;
-        QTest::newRow("identical") << random << random;
-        QTest::newRow("a few edits") << random << edited(random, 5, 3);
-        QTest::newRow("many edits") << random << edited(random, 300, 4);
-        QTest::newRow("halves swapped") << random << random.last(9000) + random.first(11'000);
-        QTest::newRow("doubled") << random << random + random;
-        QTest::newRow("cut") << random << random.mid(5000, 3000);
-        QTest::newRow("nothing in common") << random << randomBytes(5000, 256, 9);
-        QTest::newRow("every eighth byte changed") << random << [&] {
-            QByteArray bytes = random;
-            for (qsizetype i = 0; i < bytes.size(); i += 8)
-                bytes[i] = char(bytes[i] + 1);
-            return bytes;
-        }();
-        QTest::newRow("two symbols") << twoSymbols << edited(twoSymbols, 30, 5);
-        QTest::newRow("period") << period << edited(period, 20, 7);
-        QTest::newRow("Fibonacci") << fibonacciBytes(2000) << edited(fibonacciBytes(2500), 10, 8);
-
-        // What follows is repetitive enough, or long enough, for what is remembered and what is searched
-        // ahead.
-        const QByteArray zeros(12'000, '\0');
-        const QByteArray block = randomBytes(700, 256, 10);
-        const QByteArray longPeriod = block.repeated(40);
-        QTest::newRow("zeros, one byte put in") << zeros << zeros.first(6000) + '\1' + zeros.first(6000);
-        QTest::newRow("runs of zeros") << zeros + random + zeros.first(9000) + "end" + zeros.first(7000)
-                                       << zeros.first(9000) + "end" + zeros + random + zeros.first(8000);
-        QTest::newRow("long period, edited") << longPeriod << edited(longPeriod, 4, 11) + longPeriod.mid(99);
-        QTest::newRow("long period, edited in both")
-            << edited(longPeriod, 3, 12) << edited(longPeriod, 3, 13);
-        QTest::newRow("one period, then another")
-            << longPeriod + zeros << zeros + longPeriod.first(9000) + zeros.first(9000) + longPeriod;
-        QByteArray nearCopy = random;
-        for (const qsizetype at : {9000, 12'000, 17'000})
-            nearCopy[at] = char(nearCopy[at] + 1);
-        QTest::newRow("near copies") << random + nearCopy + block << nearCopy.first(500) + random + nearCopy;
-        for (const int periodLength : {8, 16}) {
-            const QByteArray run = randomBytes(periodLength, 256, 17).repeated(16'384 / periodLength);
-            const QByteArray tail = randomBytes(12'000, 256, 18);
-            QTest::addRow("a run's rest before a long match, period %d", periodLength)
-                << run + tail << run + randomBytes(500, 256, 19) + run.last(3) + tail;
-        }
-        const QByteArray large = randomBytes(200'000, 20, 14);
-        QTest::newRow("several chunks") << large << edited(large, 400, 15);
-        QFile program(QCoreApplication::applicationFilePath());
-        QVERIFY(program.open(QIODevice::ReadOnly));
-        const QByteArray code = program.read(250'000);
-        QTest::newRow("program") << code.first(150'000) << edited(code.mid(20'000), 100, 16);
-    }
-
     /// Both generators give the bytes of the plain scan, and these rebuild the new file, compacted or not.
     void deltas()
     {
-        QFETCH(QByteArray, old);
-        QFETCH(QByteArray, fresh);
-        const TemporaryTree tree;
-        const QString oldFile = tree.write("old", old);
-        const QString newFile = tree.write("new", fresh);
-        const auto delta = diff(oldFile, newFile);
-        QVERIFY(delta);
-        QVERIFY(toBytes(*delta) == plainDelta(old, fresh));
-
-        QCOMPARE(diffTo(oldFile, newFile, tree.path("patch")), 0);
-        QVERIFY(tree.read("patch") == toBytes(*delta));
-
-        QCOMPARE(bspatch2(oldFile.toStdString(), tree.path("built").toStdString(), *delta), 0);
-        QVERIFY(tree.read("built") == fresh);
-
-        const auto compact = zel::compactDelta(view(old), view(fresh), view(toBytes(*delta)));
-        QVERIFY(compact);
-        QCOMPARE(bspatch2(oldFile.toStdString(), tree.path("built").toStdString(), *compact), 0);
-        QVERIFY(tree.read("built") == fresh);
+        const QByteArray random = randomBytes(20'000, 256, 1);
+        QByteArray eighths = random;
+        for (qsizetype i = 0; i < eighths.size(); i += 8)
+            eighths[i] = char(eighths[i] + 1);
+        const QByteArray zeros(12'000, '\0');
+        const QByteArray block = randomBytes(700, 256, 10);
+        const QByteArray longPeriod = block.repeated(40);
+        QByteArray nearCopy = random;
+        for (const qsizetype at : {9000, 12'000, 17'000})
+            nearCopy[at] = char(nearCopy[at] + 1);
+        const QByteArray eights = randomBytes(8, 256, 17).repeated(2048);
+        const QByteArray middle = randomBytes(500, 256, 19);
+        const QByteArray tail = randomBytes(12'000, 256, 18);
+        const QByteArray large = randomBytes(200'000, 20, 14);
+        QFile program(QCoreApplication::applicationFilePath());
+        QVERIFY(program.open(QIODevice::ReadOnly));
+        const QByteArray code = program.read(250'000);
+        const std::tuple<const char *, QByteArray, QByteArray> cases[] = {
+            {"old empty", "", random},
+            {"identical", random, random},
+            {"many edits", random, edited(random, 300, 4)},
+            {"halves swapped", random, random.last(9000) + random.first(11'000)},
+            {"every eighth byte changed", random, eighths},
+            {"Fibonacci", fibonacciBytes(2000), edited(fibonacciBytes(2500), 10, 8)},
+            // What follows is repetitive enough, or long enough, for what is remembered and what is searched
+            // ahead.
+            {"runs of zeros", zeros + random + zeros.first(9000) + "end" + zeros.first(7000),
+             zeros.first(9000) + "end" + zeros + random + zeros.first(8000)},
+            {"one period, then another", longPeriod + zeros,
+             zeros + longPeriod.first(9000) + zeros.first(9000) + longPeriod},
+            {"near copies", random + nearCopy + block, nearCopy.first(500) + random + nearCopy},
+            {"a run's rest before a long match", eights + tail, eights + middle + eights.last(3) + tail},
+            {"several chunks", large, edited(large, 400, 15)},
+            {"program", code.first(150'000), edited(code.mid(20'000), 100, 16)},
+        };
+        for (const auto &[name, old, fresh] : cases) {
+            const Case current(name);
+            const TemporaryTree tree;
+            const QString oldFile = tree.write("old", old);
+            const QString newFile = tree.write("new", fresh);
+            const auto delta = diff(oldFile, newFile);
+            QVERIFY(delta);
+            QVERIFY(toBytes(*delta) == plainDelta(old, fresh));
+            QCOMPARE(diffTo(oldFile, newFile, tree.path("patch")), 0);
+            QVERIFY(tree.read("patch") == toBytes(*delta));
+            const auto compact = zel::compactDelta(view(old), view(fresh), view(toBytes(*delta)));
+            for (const auto &one : {delta, compact}) {
+                QVERIFY(one);
+                QCOMPARE(bspatch2(oldFile.toStdString(), tree.path("built").toStdString(), *one), 0);
+                QVERIFY(tree.read("built") == fresh);
+            }
+        }
     }
 
     void everySmallPair()
@@ -139,8 +110,8 @@ private slots:
             for (const QByteArray &fresh : texts) {
                 const auto delta = diff(oldFile, tree.write("new", fresh));
                 QVERIFY(delta);
-                if (toBytes(*delta) != plainDelta(old, fresh))
-                    QFAIL("from " + old + " to " + fresh);
+                QVERIFY2(toBytes(*delta) == plainDelta(old, fresh),
+                         ("from " + old + " to " + fresh).constData());
             }
         }
     }
@@ -158,37 +129,26 @@ private slots:
             zel::PlainScan plain(old, fresh);
             const auto expected = plain.steps();
             for (const zel::ShortCuts &shortCuts : {zel::ShortCuts(), zel::eagerShortCuts}) {
-                if (zel::realSteps(old, plain.suffixes(), fresh, shortCuts) != expected)
-                    QFAIL(("pair " + std::to_string(seed)).c_str());
+                const Case current("pair " + QString::number(seed));
+                QVERIFY(zel::realSteps(old, plain.suffixes(), fresh, shortCuts) == expected);
             }
         }
     }
 
-    void knownDeltas_data()
-    {
-        QTest::addColumn<QByteArray>("old");
-        QTest::addColumn<QByteArray>("fresh");
-        QTest::addColumn<QByteArray>("delta");
-
-        const QByteArray zeros(4, '\0');
-        QTest::newRow("new empty") << QByteArray("ab") << QByteArray() << "BSDIFN40" + QByteArray(24, '\0');
-        QTest::newRow("old empty") << QByteArray() << QByteArray("ab")
-                                   << handMadeDelta(2, {0, 2, 0}, "", "ab");
-        QTest::newRow("identical") << QByteArray("abcd") << QByteArray("abcd")
-                                   << handMadeDelta(4, {4, 0, -4}, zeros, "");
-        QTest::newRow("identical, each end a beginning")
-            << QByteArray("aaaa") << QByteArray("aaaa") << handMadeDelta(4, {4, 0, -1}, zeros, "");
-    }
-
     void knownDeltas()
     {
-        QFETCH(QByteArray, old);
-        QFETCH(QByteArray, fresh);
-        QFETCH(QByteArray, delta);
-        const TemporaryTree tree;
-        const auto made = diff(tree.write("old", old), tree.write("new", fresh));
-        QVERIFY(made);
-        QCOMPARE(toBytes(*made), delta);
+        const QByteArray zeros(4, '\0');
+        // Each end of the last is a beginning of it, too.
+        const std::tuple<QByteArray, QByteArray, QByteArray> cases[] = {
+            {"ab", "", "BSDIFN40" + QByteArray(24, '\0')},
+            {"", "ab", handMadeDelta(2, {0, 2, 0}, "", "ab")},
+            {"abcd", "abcd", handMadeDelta(4, {4, 0, -4}, zeros, "")},
+            {"aaaa", "aaaa", handMadeDelta(4, {4, 0, -1}, zeros, "")},
+        };
+        for (const auto &[old, fresh, delta] : cases) {
+            const TemporaryTree tree;
+            QCOMPARE(toBytes(diff(tree.write("old", old), tree.write("new", fresh)).value()), delta);
+        }
     }
 
     void usage()
@@ -202,59 +162,44 @@ private slots:
         QCOMPARE(errors.text(), line + line);
     }
 
-    void failures_data()
-    {
-        QTest::addColumn<QString>("old");
-        QTest::addColumn<QString>("fresh");
-        QTest::addColumn<QString>("patch");
-        QTest::addColumn<QByteArray>("message");
-
-        const auto row = [](const char *name, const char *old, const char *fresh, const char *patch,
-                            const QByteArray &message) {
-            QTest::newRow(name) << old << fresh << patch << message;
-        };
-        row("old missing, then the new one", "no", ".", "patch",
-            "old file error: no: No such file or directory");
-        row("new missing", "file", "no", "patch", "new file error: no: No such file or directory");
-        row("old is a folder", ".", "file", "patch", "old file error: .: Is a directory");
-        row("old of 2 GiB", "large", "file", "patch", "old file error: large: File too large");
-        row("new of 2 GiB", "file", "large", "patch", "new file error: large: File too large");
-        row("patch folder missing", "file", "file", "no/patch", "no/patch: No such file or directory");
-        row("disk full in the control block", "file", "file", "/dev/full", "fwrite");
-        row("disk full without control block", "file", "empty", "/dev/full",
-            "fwrite: No space left on device");
-        row("patch without positions", "file", "file", "pipe", "ftello: Illegal seek");
-    }
-
     void failures()
     {
-        QFETCH(QString, old);
-        QFETCH(QString, fresh);
-        QFETCH(QString, patch);
-        QFETCH(QByteArray, message);
+        const std::tuple<const char *, QString, QString, QString, QByteArray> cases[] = {
+            {"old missing, then the new one", "no", ".", "patch",
+             "old file error: no: No such file or directory"},
+            {"new missing", "file", "no", "patch", "new file error: no: No such file or directory"},
+            {"old is a folder", ".", "file", "patch", "old file error: .: Is a directory"},
+            {"old of 2 GiB", "large", "file", "patch", "old file error: large: File too large"},
+            {"new of 2 GiB", "file", "large", "patch", "new file error: large: File too large"},
+            {"patch folder missing", "file", "file", "no/patch", "no/patch: No such file or directory"},
+            {"disk full in the control block", "file", "file", "/dev/full", "fwrite"},
+            {"disk full without control block", "file", "empty", "/dev/full",
+             "fwrite: No space left on device"},
+            {"patch without positions", "file", "file", "pipe", "ftello: Illegal seek"},
+        };
         const TemporaryTree tree;
         tree.write("file", "abcdef");
         tree.write("empty", "");
         QVERIFY(QFile::resize(tree.write("large", ""), qint64(1) << 31));
         const QByteArray pipe = tree.path("pipe").toUtf8();
         QCOMPARE(::mkfifo(pipe, 0600), 0);
-        const int held = ::open(pipe, O_RDWR | O_CLOEXEC); // lets the writer in
+        const zel::FileDescriptor held(::open(pipe, O_RDWR | O_CLOEXEC)); // lets the writer in
         const QString before = QDir::currentPath();
         QVERIFY(QDir::setCurrent(tree.path()));
-
-        CapturedStream errors(stderr);
-        const int result = diffTo(old, fresh, patch);
-        const bool made = !patch.startsWith('/') && patch != "pipe" && QFile::exists(patch);
-        QByteArray expected = "tst_generate_bsdiff2: " + message + '\n';
-        if (patch == "patch") { // what has nothing to do with the patch file fails alike without one
-            expected += expected;
-            QVERIFY(!diff(old, fresh));
+        for (const auto &[name, old, fresh, patch, message] : cases) {
+            const Case current(name);
+            CapturedStream errors(stderr);
+            const int result = diffTo(old, fresh, patch);
+            QByteArray expected = "tst_generate_bsdiff2: " + message + '\n';
+            if (patch == "patch") { // what has nothing to do with the patch file fails alike without one
+                expected += expected;
+                QVERIFY(!diff(old, fresh));
+            }
+            QCOMPARE(errors.text(), expected);
+            QCOMPARE(result, -1);
+            QVERIFY(!QFile::exists("patch"));
         }
-        QCOMPARE(errors.text(), expected);
-        QCOMPARE(result, -1);
-        QVERIFY(!made);
         QVERIFY(QDir::setCurrent(before));
-        ::close(held);
     }
 };
 

@@ -2,13 +2,12 @@
 #include "generate/sais.h"
 
 #include "support/CapturedOutput.h"
+#include "support/Case.h"
 #include "support/DeltaSupport.h"
 #include "support/RepetitiveText.h"
 
 #include <algorithm>
 #include <csignal>
-#include <numeric>
-#include <QtTest>
 #include <sys/wait.h>
 
 namespace {
@@ -19,16 +18,6 @@ using Names = std::vector<std::int32_t>; // texts and entries of the levels belo
 const unsigned char *data(const QByteArray &text)
 {
     return reinterpret_cast<const unsigned char *>(text.constData());
-}
-
-template <typename Text> Entries sortedNaively(const Text &text)
-{
-    Entries suffixes(text.size());
-    std::iota(suffixes.begin(), suffixes.end(), 0);
-    std::sort(suffixes.begin(), suffixes.end(), [&](std::int64_t a, std::int64_t b) {
-        return std::lexicographical_compare(text.begin() + a, text.end(), text.begin() + b, text.end());
-    });
-    return suffixes;
 }
 
 std::vector<unsigned char> bytesOf(const QByteArray &text)
@@ -77,11 +66,9 @@ Names alternatingText(int n, int symbols)
 }
 
 /// The last column of the sorted rotations of the text with its end mark, which is then left out.
-QByteArray transformedNaively(const QByteArray &text, std::int64_t *row)
+QByteArray transformed(const QByteArray &text, const Entries &suffixes, std::int64_t *row)
 {
     QByteArray transform(text.last(1));
-    *row = 1;
-    const Entries suffixes = sortedNaively(bytesOf(text));
     for (std::size_t i = 0; i < suffixes.size(); ++i) {
         if (suffixes[i] == 0)
             *row = std::int64_t(i) + 1;
@@ -96,40 +83,36 @@ QByteArray transformedNaively(const QByteArray &text, std::int64_t *row)
 class tst_sais : public QObject
 {
     Q_OBJECT
-private slots:
-    /// Every text over a small alphabet up to a length, which has each shape of runs and repeats.
-    void everySmallText_data()
-    {
-        QTest::addColumn<int>("alphabet");
-        QTest::addColumn<int>("longest");
 
-        QTest::newRow("two symbols") << 2 << 14;
-        QTest::newRow("three symbols") << 3 << 8;
+    static void compareTransforms(const QByteArray &text, Entries SA)
+    {
+        std::int64_t row = 0;
+        const QByteArray expected = transformed(text, SA, &row);
+        QByteArray U(text.size(), '\0');
+        auto *const bytes = reinterpret_cast<unsigned char *>(U.data());
+        QCOMPARE(sais_bwt(data(text), bytes, SA.data(), int(text.size())), row);
+        QVERIFY(U == expected);
     }
 
+private slots:
+    /// Every text over a small alphabet up to a length, which has each shape of runs and repeats.
     void everySmallText()
     {
-        QFETCH(int, alphabet);
-        QFETCH(int, longest);
-        for (int length = 0, count = 1; length <= longest; ++length, count *= alphabet) {
-            for (int number = 0; number < count; ++number) {
-                QByteArray text;
-                for (int rest = number; text.size() < length; rest /= alphabet)
-                    text += char(0x7F + rest % alphabet);
-                Entries SA(length + 1, 77);
-                Entries expected = sortedNaively(bytesOf(text));
-                expected.push_back(77); // nothing is written behind the entries
-                QCOMPARE(sais(data(text), SA.data(), length), 0);
-                if (SA != expected)
-                    QFAIL("wrong order for " + text.toHex());
-                if (length == 0)
-                    continue;
-                std::int64_t row = 0;
-                const QByteArray transform = transformedNaively(text, &row);
-                QByteArray U(length, '\0');
-                QCOMPARE(sais_bwt(data(text), reinterpret_cast<unsigned char *>(U.data()), SA.data(), length),
-                         row);
-                QCOMPARE(U, transform);
+        for (const auto &[alphabet, longest] : {std::pair(2, 14), {3, 8}}) {
+            for (int length = 0, count = 1; length <= longest; ++length, count *= alphabet) {
+                for (int number = 0; number < count; ++number) {
+                    QByteArray text;
+                    for (int rest = number; text.size() < length; rest /= alphabet)
+                        text += char(0x7F + rest % alphabet);
+                    const Case current(text.toHex());
+                    Entries SA(length + 1, 77);
+                    QCOMPARE(sais(data(text), SA.data(), length), 0);
+                    QVERIFY(isSuffixArray(bytesOf(text), SA.data()));
+                    QCOMPARE(SA.back(), 77); // nothing is written behind the entries
+                    SA.pop_back();
+                    if (length > 0)
+                        compareTransforms(text, SA);
+                }
             }
         }
     }
@@ -137,99 +120,77 @@ private slots:
     void repetitiveTexts()
     {
         for (unsigned seed = 0; seed < 2000; ++seed) {
+            const Case current("text " + QString::number(seed));
             std::mt19937 random(seed);
             const auto pick = [&random](std::uint32_t most) { return std::uint32_t(random()) % (most + 1); };
             const QByteArray text = QByteArray::fromStdString(zel::repetitiveText(pick));
             Entries SA(text.size() + 1);
             QCOMPARE(sais(data(text), SA.data(), int(text.size())), 0);
-            if (!isSuffixArray(bytesOf(text), SA.data()))
-                QFAIL(("text " + std::to_string(seed)).c_str());
+            QVERIFY(isSuffixArray(bytesOf(text), SA.data()));
         }
-    }
-
-    void largeTexts_data()
-    {
-        QTest::addColumn<QByteArray>("text");
-
-        const QByteArray random = randomBytes(1 << 20, 256, 1);
-        QTest::newRow("random bytes") << random;
-        QTest::newRow("two symbols") << randomBytes(2'000'000, 2, 2);
-        QTest::newRow("one symbol") << QByteArray(1'000'000, 'x');
-        QTest::newRow("long period") << random.first(1000).repeated(1000);
-        QTest::newRow("copy of itself") << random + random;
-        QTest::newRow("Fibonacci") << fibonacciBytes(3'000'000);
-        QTest::newRow("descending runs") << [] {
-            QByteArray text;
-            for (int i = 255; i >= 0; --i)
-                text += QByteArray(4000, char(i));
-            return text;
-        }();
     }
 
     void largeTexts()
     {
-        QFETCH(QByteArray, text);
-        Entries SA(text.size());
-        QCOMPARE(sais(data(text), SA.data(), int(text.size())), 0);
-        const std::vector<unsigned char> bytes = bytesOf(text);
-        QVERIFY(isSuffixArray(bytes, SA.data()));
-
-        std::vector<unsigned char> expected{bytes.back()};
-        std::int64_t row = 0;
-        for (std::size_t i = 0; i < SA.size(); ++i) {
-            if (SA[i] == 0)
-                row = std::int64_t(i) + 1;
-            else
-                expected.push_back(bytes[SA[i] - 1]);
+        const QByteArray random = randomBytes(1 << 20, 256, 1);
+        QByteArray descending;
+        for (int i = 255; i >= 0; --i)
+            descending += QByteArray(4000, char(i));
+        const std::pair<const char *, QByteArray> cases[] = {
+            {"random bytes", random},
+            {"two symbols", randomBytes(2'000'000, 2, 2)},
+            {"one symbol", QByteArray(1'000'000, 'x')},
+            {"long period", random.first(1000).repeated(1000)},
+            {"copy of itself", random + random},
+            {"Fibonacci", fibonacciBytes(3'000'000)},
+            {"descending runs", descending},
+        };
+        for (const auto &[name, text] : cases) {
+            const Case current(name);
+            Entries SA(text.size());
+            QCOMPARE(sais(data(text), SA.data(), int(text.size())), 0);
+            QVERIFY(isSuffixArray(bytesOf(text), SA.data()));
+            compareTransforms(text, SA);
         }
-        std::vector<unsigned char> U(text.size());
-        QCOMPARE(sais_bwt(data(text), U.data(), SA.data(), int(text.size())), row);
-        QVERIFY(U == expected);
     }
 
     /// Each place that the counts and bounds can live in, with either sort of the LMS substrings, on integer
     /// symbols.
-    void layouts_data()
-    {
-        QTest::addColumn<int>("n");
-        QTest::addColumn<int>("k");
-        QTest::addColumn<int>("fs");
-
-        QTest::newRow("C apart, B and D in free space") << 5000 << 200 << 600;
-        QTest::newRow("C apart, B in free space, D apart") << 5000 << 200 << 450;
-        QTest::newRow("C and B apart") << 5000 << 200 << 199;
-        QTest::newRow("C and B apart, too few symbols for D") << 300 << 200 << 0;
-        QTest::newRow("C, B and D in free space") << 5000 << 300 << 1200;
-        QTest::newRow("C and B in free space") << 5000 << 300 << 1199;
-        QTest::newRow("C and B in free space, all of it needed") << 60'000 << 300 << 600;
-        QTest::newRow("C in free space, B apart") << 5000 << 1024 << 2047;
-        QTest::newRow("C and B one place in free space") << 5000 << 1025 << 2049;
-        QTest::newRow("C and B one place apart") << 5000 << 1025 << 1024;
-    }
-
     void layouts()
     {
-        QFETCH(int, n);
-        QFETCH(int, k);
-        QFETCH(int, fs);
-        constexpr int alternating = 0;
-        for (const int symbols : {2, 16, k}) {
-            // A short period with breaks makes a deep recursion, few symbols a shallow one; ups and downs in
-            // turn make the most LMS suffixes and so leave the recursion the least space.
-            for (const int period : {n, 7, 600, alternating}) {
-                const Names text =
-                    period == alternating ? alternatingText(n, symbols) : brokenPeriod(n, symbols, period);
-                constexpr std::int32_t untouched = -77;
-                Names SA(n + fs + 1, untouched);
-                QCOMPARE(zel::sais_main(text.data(), SA.data(), fs, n, k, false), 0);
-                QVERIFY(isSuffixArray(text, SA.data()));
-                QCOMPARE(SA.back(), untouched);
+        const std::tuple<const char *, int, int, int> cases[] = {
+            {"C apart, B and D in free space", 5000, 200, 600},
+            {"C apart, B in free space, D apart", 5000, 200, 450},
+            {"C and B apart", 5000, 200, 199},
+            {"C and B apart, too few symbols for D", 300, 200, 0},
+            {"C, B and D in free space", 5000, 300, 1200},
+            {"C and B in free space", 5000, 300, 1199},
+            {"C and B in free space, all of it needed", 60'000, 300, 600},
+            {"C in free space, B apart", 5000, 1024, 2047},
+            {"C and B one place in free space", 5000, 1025, 2049},
+            {"C and B one place apart", 5000, 1025, 1024},
+        };
+        for (const auto &[name, n, k, fs] : cases) {
+            const Case current(name);
+            constexpr int alternating = 0;
+            for (const int symbols : {2, 16, k}) {
+                // A short period with breaks makes a deep recursion, few symbols a shallow one; ups and
+                // downs in turn make the most LMS suffixes and so leave the recursion the least space.
+                for (const int period : {n, 7, 600, alternating}) {
+                    const Names text = period == alternating ? alternatingText(n, symbols)
+                                                             : brokenPeriod(n, symbols, period);
+                    constexpr std::int32_t untouched = -77;
+                    Names SA(n + fs + 1, untouched);
+                    QCOMPARE(zel::sais_main(text.data(), SA.data(), fs, n, k, false), 0);
+                    QVERIFY(isSuffixArray(text, SA.data()));
+                    QCOMPARE(SA.back(), untouched);
 
-                Names transform(n + fs);
-                const auto row = zel::sais_main(text.data(), transform.data(), fs, n, k, true);
-                QCOMPARE(SA[row], 0);
-                for (int i = 0; i < n; ++i)
-                    QVERIFY(i == row || transform[i] == text[SA[i] - 1]);
+                    Names transform(n + fs);
+                    const auto row = zel::sais_main(text.data(), transform.data(), fs, n, k, true);
+                    QCOMPARE(SA[row], 0);
+                    for (int i = 0; i < n; ++i)
+                        QVERIFY(i == row || transform[i] == text[SA[i] - 1]);
+                }
             }
         }
     }
@@ -241,11 +202,11 @@ private slots:
         const QByteArray bytes(reinterpret_cast<const char *>(text.data()), qsizetype(text.size()));
         Entries SA(text.size());
         QCOMPARE(sais_int(text.data(), SA.data(), int(text.size()), 10), 0);
-        QVERIFY(SA == sortedNaively(bytesOf(bytes)));
+        QVERIFY(isSuffixArray(bytesOf(bytes), SA.data()));
 
         Entries U(text.size());
         std::int64_t row = 0;
-        QByteArray transform = transformedNaively(bytes, &row);
+        QByteArray transform = transformed(bytes, SA, &row);
         transform[0] = char(text.back());
         QCOMPARE(sais_int_bwt(text.data(), U.data(), SA.data(), int(text.size()), 10), row);
         QVERIFY(std::equal(U.begin(), U.end(), transform.begin(), transform.end()));
@@ -270,13 +231,10 @@ private slots:
         QCOMPARE(U[0], 0);
         QCOMPARE(sais_int_bwt(integers, integerU, SA, 2, 0), -1);
         QCOMPARE(SA[0], 77);
-    }
 
-    void exhaustedMemory()
-    {
         const std::int32_t text[4] = {1, 0, 1, 0};
-        std::int32_t SA[4];
-        QCOMPARE(zel::sais_main(text, SA, 0, 4, std::int64_t(1) << 60, false), -2);
+        std::int32_t room[4];
+        QCOMPARE(zel::sais_main(text, room, 0, 4, std::int64_t(1) << 60, false), -2); // memory is exhausted
     }
 
     /// Assertions are active in every build and name their expression, routine and unit.

@@ -12,6 +12,11 @@ inline std::span<const unsigned char> view(const QByteArray &bytes)
     return {reinterpret_cast<const unsigned char *>(bytes.constData()), std::size_t(bytes.size())};
 }
 
+inline QByteArray toBytes(std::span<const std::byte> bytes)
+{
+    return {reinterpret_cast<const char *>(bytes.data()), qsizetype(bytes.size())};
+}
+
 /// `size` bytes of the first `alphabet` values; the same seed gives the same bytes.
 inline QByteArray randomBytes(qsizetype size, int alphabet, unsigned seed)
 {

@@ -84,31 +84,31 @@ private:
         len = common(pos);
     }
 
-    Index forward() const
+    /// How far it is worth going on: to where the bytes that are equal outnumber the others the most.
+    template <typename IsEqual> static Index extent(Index limit, IsEqual isEqualAt)
     {
-        Index lenf = 0;
-        for (Index i = 0, s = 0, best = 0; lastscan + i < scan && lastpos + i < m_oldSize;) {
-            s += isEqual(lastpos + i, lastscan + i);
+        Index length = 0;
+        for (Index i = 0, s = 0, best = 0; i < limit;) {
+            s += isEqualAt(i);
             ++i;
-            if (s * 2 - i > best * 2 - lenf) {
+            if (s * 2 - i > best * 2 - length) {
                 best = s;
-                lenf = i;
+                length = i;
             }
         }
-        return lenf;
+        return length;
+    }
+
+    Index forward() const
+    {
+        return extent(std::min(scan - lastscan, m_oldSize - lastpos),
+                      [this](Index i) { return isEqual(lastpos + i, lastscan + i); });
     }
 
     Index backward() const
     {
-        Index lenb = 0;
-        for (Index i = 1, s = 0, best = 0; scan >= lastscan + i && pos >= i; ++i) {
-            s += isEqual(pos - i, scan - i);
-            if (s * 2 - i > best * 2 - lenb) {
-                best = s;
-                lenb = i;
-            }
-        }
-        return lenb;
+        return extent(std::min(scan - lastscan, pos),
+                      [this](Index i) { return isEqual(pos - 1 - i, scan - 1 - i); });
     }
 
     void addStep()
@@ -140,8 +140,7 @@ private:
     const Index m_oldSize;
     const Index m_newSize;
     std::vector<Index> m_I;
-    Index scan = 0, len = 0, pos = 0, lastscan = 0, lastpos = 0,
-          lastoffset = 0; // as the published scan has them
+    Index scan = 0, len = 0, pos = 0, lastscan = 0, lastpos = 0, lastoffset = 0; // as it is published
     std::vector<ScanStep> m_steps;
 };
 
