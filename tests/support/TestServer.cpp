@@ -1,30 +1,12 @@
 #include "TestServer.h"
 
-#include "base/FileDescriptor.h"
-
 #include <QSslSocket>
-#include <QTcpServer>
 
 #include <chrono>
-#include <functional>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 namespace {
-
-class Listener : public QTcpServer
-{
-public:
-    explicit Listener(std::function<void(qintptr)> accept)
-        : m_accept(std::move(accept))
-    {
-    }
-
-protected:
-    void incomingConnection(qintptr descriptor) override { m_accept(descriptor); }
-
-private:
-    std::function<void(qintptr)> m_accept;
-};
 
 // Once the peer is gone, the socket is closed by whatever waits on it, and warns of each later write.
 void write(QTcpSocket &socket, const QByteArray &bytes)
@@ -41,14 +23,9 @@ bool flush(QTcpSocket &socket)
     return socket.state() == QAbstractSocket::ConnectedState;
 }
 
-QByteArray reason(int status)
-{
-    return status < 300 ? "OK" : status < 400 ? "Elsewhere" : "Refused";
-}
-
 QByteArray head(const TestServer::Answer &answer)
 {
-    QByteArray text = "HTTP/1.1 " + QByteArray::number(answer.status) + ' ' + reason(answer.status) + "\r\n";
+    QByteArray text = "HTTP/1.1 " + QByteArray::number(answer.status) + " Scripted\r\n";
     for (const auto &[name, value] : answer.headers)
         text += name + ": " + value + "\r\n";
     if (answer.framing == TestServer::Framing::Length)
@@ -74,10 +51,18 @@ TestServer::Answer TestServer::Answer::redirect(const QString &location, int sta
 
 TestServer::TestServer(std::optional<QSslConfiguration> tls)
     : m_tls(std::move(tls))
-    , m_listener([this] { listen(); })
+    , m_listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [this] { return m_port != 0; });
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto *name = reinterpret_cast<sockaddr *>(&address);
+    socklen_t size = sizeof address;
+    if (::bind(m_listener.get(), name, size) != 0 || ::listen(m_listener.get(), SOMAXCONN) != 0
+        || ::getsockname(m_listener.get(), name, &size) != 0)
+        qFatal("the test server cannot listen");
+    m_port = ntohs(address.sin_port);
+    m_accepting = std::thread([this] { accept(); });
 }
 
 TestServer::~TestServer()
@@ -88,9 +73,10 @@ TestServer::~TestServer()
         // Wakes every thread that waits for a byte or a connection.
         for (const int descriptor : std::as_const(m_open))
             ::shutdown(descriptor, SHUT_RDWR);
+        ::shutdown(m_listener.get(), SHUT_RDWR);
         m_changed.notify_all();
     }
-    m_listener.join();
+    m_accepting.join();
     for (std::thread &connection : m_connections)
         connection.join();
 }
@@ -129,35 +115,20 @@ bool TestServer::waitForRequests(int count) const
     return m_changed.wait_for(lock, std::chrono::seconds(30), [&] { return m_requests.size() >= count; });
 }
 
-void TestServer::listen()
+void TestServer::accept()
 {
-    Listener listener([this](qintptr descriptor) {
-        const std::lock_guard lock(m_mutex);
+    int descriptor = -1;
+    while ((descriptor = ::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0)
         m_connections.emplace_back([this, descriptor] { serve(descriptor); });
-    });
-    if (!listener.listen(QHostAddress::LocalHost))
-        qFatal("the test server cannot listen: %s", qPrintable(listener.errorString()));
-    {
-        const std::lock_guard lock(m_mutex);
-        m_open.append(int(listener.socketDescriptor()));
-        m_port = listener.serverPort();
-        m_changed.notify_all();
-    }
-    const auto ending = [this] {
-        const std::lock_guard lock(m_mutex);
-        return m_ending;
-    };
-    while (!ending())
-        listener.waitForNewConnection(-1);
 }
 
-void TestServer::serve(qintptr descriptor)
+void TestServer::serve(int descriptor)
 {
     QSslSocket socket;
     socket.setSocketDescriptor(descriptor);
     // A second name of the connection, ours to shut down: the socket closes its own as soon as the peer is
     // gone, and the number may then stand for another file.
-    const zel::FileDescriptor handle(::dup(int(descriptor)));
+    const zel::FileDescriptor handle(::dup(descriptor));
     {
         const std::lock_guard lock(m_mutex);
         if (m_ending)
@@ -217,7 +188,7 @@ void TestServer::send(QTcpSocket &socket, const Answer &answer)
         waitForRelease(socket);
     if (answer.dropAt == BeforeHead)
         return;
-    pause(answer.drip);
+    std::this_thread::sleep_for(answer.drip);
     if (answer.endless == Endless::Interim)
         repeat(socket, "HTTP/1.1 100 Continue\r\n\r\n");
     write(socket, head(answer));
@@ -238,7 +209,7 @@ void TestServer::send(QTcpSocket &socket, const Answer &answer)
         for (const qsizetype stop : {answer.stallAt, answer.dropAt})
             if (stop > at)
                 end = qMin(end, stop);
-        pause(answer.drip);
+        std::this_thread::sleep_for(answer.drip);
         write(socket, framed(QByteArrayView(answer.body).sliced(at, end - at), answer.framing));
         at = end;
     }
@@ -263,10 +234,4 @@ void TestServer::repeat(QTcpSocket &socket, const QByteArray &text)
     const QByteArray piece = text.repeated(1 + 16 * 1024 / text.size());
     while (flush(socket))
         write(socket, piece);
-}
-
-void TestServer::pause(std::chrono::milliseconds length)
-{
-    std::unique_lock lock(m_mutex);
-    m_changed.wait_for(lock, length, [this] { return m_ending; });
 }

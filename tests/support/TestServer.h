@@ -2,6 +2,8 @@
 // needs it.
 #pragma once
 
+#include "base/FileDescriptor.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QMap>
@@ -77,24 +79,24 @@ public:
     bool waitForRequests(int count) const;
 
 private:
-    void listen();
-    void serve(qintptr descriptor);
+    void accept();
+    void serve(int descriptor);
     std::optional<Request> receive(QTcpSocket &socket);
     Answer take(const Request &request);
     void send(QTcpSocket &socket, const Answer &answer);
     void waitForRelease(QTcpSocket &socket);
     void repeat(QTcpSocket &socket, const QByteArray &text);
-    void pause(std::chrono::milliseconds length);
 
     const std::optional<QSslConfiguration> m_tls;
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::map<QByteArray, QList<Answer>> m_answers;
     QList<Request> m_requests;
-    QList<int> m_open; // descriptors of the listener and of the connections
+    QList<int> m_open; // descriptors of the connections
     std::vector<std::thread> m_connections;
+    const zel::FileDescriptor m_listener;
     quint16 m_port = 0;
     bool m_released = false;
     bool m_ending = false;
-    std::thread m_listener;
+    std::thread m_accepting;
 };
