@@ -1,7 +1,7 @@
 // Keys and certificates made on the spot.
 #pragma once
 
-#include <QString>
+#include <QStringList>
 
 struct TestCertificate {
     QString keyFile; ///< PEM
@@ -9,6 +9,7 @@ struct TestCertificate {
     QString fingerprint; ///< SHA-256 of the certificate, as upper-case pairs with colons between
 };
 
-/// Makes an elliptic-curve key (P-256) with a self-signed certificate for `name` and for a server on
-/// loopback, as `name.key` and `name.crt` in the folder. A test that cannot have them ends here.
-TestCertificate makeTestCertificate(const QString &folder, const QString &name);
+/// Makes a key, as the words after `openssl req -newkey` say, with a self-signed certificate for `name` and for
+/// a server on loopback, as `name.key` and `name.crt` in the folder. A test that cannot have them ends here.
+TestCertificate makeTestCertificate(const QString &folder, const QString &name,
+                                    const QStringList &key = {"ec", "-pkeyopt", "ec_paramgen_curve:P-256"});
