@@ -61,19 +61,10 @@ public:
     static QByteArray le32(uint32_t value) { return number(value); }
     static QByteArray le64(uint64_t value) { return number(value); }
 
+    // Without what stands around the bare data: a size and zlib's header before it, a checksum behind it.
     static QByteArray deflate(const QByteArray &data)
     {
-        z_stream stream{};
-        deflateInit2(&stream, 6, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
-        QByteArray packed(qsizetype(deflateBound(&stream, uLong(data.size()))), Qt::Uninitialized);
-        stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(data.data()));
-        stream.avail_in = uInt(data.size());
-        stream.next_out = reinterpret_cast<Bytef *>(packed.data());
-        stream.avail_out = uInt(packed.size());
-        ::deflate(&stream, Z_FINISH);
-        packed.truncate(qsizetype(stream.total_out));
-        deflateEnd(&stream);
-        return packed;
+        return data.isEmpty() ? QByteArray("\3\0", 2) : qCompress(data, 6).sliced(6).chopped(4);
     }
 
 private:
