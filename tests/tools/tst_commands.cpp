@@ -1,4 +1,5 @@
 // The command line as scripts see it: exit statuses, what goes to which stream, the JSON forms.
+#include "support/DeltaSupport.h"
 #include "support/PatchBuilder.h"
 #include "support/TemporaryTree.h"
 #include "support/TestCertificate.h"
@@ -8,7 +9,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTcpSocket>
 
@@ -26,13 +26,6 @@ struct Outcome {
         return values.size() == 1 && out.count('\n') == 1 ? values[0] : QJsonValue(QJsonValue::Undefined);
     }
 };
-
-QByteArray noise(qsizetype size)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator(1).fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
-    return bytes;
-}
 
 QByteArray http(const QUrl &server, const QByteArray &request)
 {
@@ -52,19 +45,28 @@ class tst_commands : public QObject
 {
     Q_OBJECT
 
-    Outcome run(QStringList arguments) const
+    // What a shell does with the tool and its arguments, of which {} is the folder of the test, and {old} and
+    // {new} are the bundles of builds 100 and 101.
+    static inline const QString Alone = "exec \"$0\" \"$@\"";
+
+    Outcome run(QStringList arguments, const QString &shell = Alone) const
     {
-        for (QString &argument : arguments)
-            argument.replace("{}", m_tree.path());
+        arguments.replaceInStrings("{old}", "{}/100/My App.app")
+            .replaceInStrings("{new}", "{}/101/My App.app");
         QProcess process;
-        process.start(ZELUPDATER, arguments);
+        process.start("sh",
+                      QStringList{"-c", shell, ZELUPDATER} + arguments.replaceInStrings("{}", m_tree.path()));
         if (!process.waitForFinished(120000))
             qFatal("zelupdater does not end: %s", qPrintable(arguments.join(u' ')));
         return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
                 process.readAllStandardOutput(), process.readAllStandardError()};
     }
 
-    Outcome run(const char *line) const { return run(QString::fromUtf8(line).split(u'|')); }
+    // The arguments stand between bars.
+    Outcome run(const QString &line, const QString &shell = Alone) const
+    {
+        return run(line.isEmpty() ? QStringList() : line.split(u'|'), shell);
+    }
 
     void makeBundle(const QString &name, const QByteArray &build, const QByteArray &identifier = {})
     {
@@ -114,129 +116,106 @@ private slots:
         m_tree.link("unmounted", "/none/releases");
         for (const char *build : {"100", "101", "case"})
             QCOMPARE(sign(QString("%1/My App.app").arg(build)).status, 0);
-        QCOMPARE(run("make-patch|{}/100/My App.app|{}/101/My App.app|{}/good.patch").status, 0);
-    }
-
-    void outcomes_data()
-    {
-        QTest::addColumn<QString>("line"); // arguments between bars; {} is the folder of the test
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QString>("out"); // regular expressions
-        QTest::addColumn<QString>("err");
-
-        const auto row = [](const char *line, int status, const char *out, const char *err) {
-            QTest::newRow(line) << line << status << out << err;
-        };
-        row("", 2, "^$", "^Usage: ");
-        row("--help", 0, "^Usage: [^$]*make-patch", "^$");
-        row("frobnicate", 2, "^$", "there is no command 'frobnicate'");
-        row("diff|--help", 0, "^Usage: zelupdater diff OLD NEW DELTA", "^$");
-        row("diff|{}/a|{}/b", 2, "^$",
-            "3 arguments are needed, 2 given\nUsage: zelupdater diff OLD NEW DELTA");
-        row("diff|{}/a|{}/b|", 2, "^$", "an argument is empty");
-        row("md5|{}/a|{}/b|--json", 2, R"(^\{"error":"1 argument is needed, 2 given"\}\n$)", "Usage: ");
-        row("diff|{}/a|{}/b|{}/d|--frob", 2, "^$", "Unknown option 'frob'");
-        row("diff|{}/none|{}/b|{}/d", 1, "^$", "zelupdater diff: there is no file .*/none\n$");
-        row("diff|{}|{}/b|{}/d", 1, "^$", "is not a file");
-        row("diff|{}/a|{}/b|{}/none/d", 1, "^$", "cannot write .*No such file or directory");
-        row("diff|{}/a|{}/b|{}/delta", 0, "delta: \\d+ bytes\n$", "^$");
-        row("patch|{}/a|{}/built|{}/delta", 0, "built: 508 bytes", "^$");
-        row("patch|{}/a|{}/built|{}/short", 1, "^$", "shorter than a delta's header");
-        row("patch|{}/a|{}/built|{}/chunk", 1, "^$", "could not be applied to .*/a\n$");
-        row("patch|{}/a|{}/built|{}/short|--json", 1, R"(^\{"error":".*"\}\n$)", "shorter");
-        row("md5|{}/b", 0, "^[0-9a-f]{32}\n$", "^$");
-        row("md5|{}/chunk", 0, "^\n$", "^$");
-        row("md5|{}/chunk|--json", 0, R"(^\{"md5":""\}\n$)", "^$");
-        row("make-patch|{}/100/My App.app|{}/none.app|{}/p", 1, "^$", "there is no bundle .*none.app");
-        row("make-patch|{}/100/My App.app|{}/a|{}/p", 1, "^$", "/a is not a folder");
-        row("make-patch|{}/100/My App.app|{}/linked|{}/p", 1, "^$",
-            "linked is not a bundle: it has no Info.plist");
-        row("make-patch|{}/100|{}/101/My App.app|{}/p", 1, "^$",
-            "Contents/MacOS/example; .*--allow-lost-modes");
-        row("make-patch|{}/100|{}/101/My App.app|{}/p|--allow-lost-modes", 0, "without their executable bit",
-            "^$");
-        row("make-patch|{}/100/My App.app|{}/101/My App.app|{}/p|--memory|half", 2, "^$",
-            "--memory takes a whole number from 1");
-        row("apply-patch|{}/100/My App.app|{}/new.app|{}/good.patch", 0, "new.app is ready", "^$");
-        row("apply-patch|{}/100/My App.app|{}/new.app|{}/short", 1, "^$", "shorter than its header");
-        row("apply-patch|{}/101/My App.app|{}/new.app|{}/good.patch", 1, "^$", "Hash error: Contents/");
-        row("test-patch|{}/100/My App.app|{}/new.app|{}/good.patch|{}/101/My App.app", 0,
-            "Successfully patched", "^$");
-        row("test-patch|{}/100/My App.app|{}/new.app|{}/good.patch|{}/100/My App.app", 1, "^$",
-            "Patching failed");
-        row("test-patch|{}/100/My App.app|{}/new.app|{}/good.patch|{}/none.app", 1, "^$",
-            "there is no bundle");
-        row("apply-patch|{}/100/My App.app|{}|{}/good.patch", 1, "^$",
-            "good.patch lies in .*, which is replaced");
-        row("apply-patch|{}/100/My App.app|{}/100|{}/good.patch", 1, "^$",
-            "My App.app lies in .*, which is replaced");
-        row("apply-patch|{}/100/My App.app|{}/100/My App.app/x|{}/good.patch", 1, "^$",
-            "/x lies in .*; give another place");
-        row("test-patch|{}/100/My App.app|{}/new.app|{}/none|{}/101/My App.app", 1, "^$",
-            "there is no file .*none");
-        row("test-patch|{}/100/My App.app|{}/101/My App.app|{}/good.patch|{}/101/My App.app", 1, "^$",
-            "is replaced by the patched bundle");
-        row("inspect-patch|{}/good.patch", 0, "patch +\\d+ +\\d+  Contents/MacOS/example\n", "^$");
-        row("inspect-patch|{}/chunk", 1, "^$", "is not a bundle patch");
-        row("sign|{}/100/My App.app|--key|{}/maker.key", 2, "^$", "--cert is missing");
-        row("sign|{}/100/My App.app|--key|{}/maker.key|--cert|{}/a", 1, "^$", "/a");
-        row("sign|{}/none.app|--key|{}/maker.key|--cert|{}/maker.crt", 1, "^$", "is not a bundle");
-        row("sign|{}/linked|--key|{}/maker.key|--cert|{}/maker.crt", 1, "^$",
-            "no Info.plist that can be read");
-        row("sign|{}/bare/My App.app|--key|{}/ed.key|--cert|{}/maker.crt", 1, "^$",
-            "cannot seal: it takes an RSA key of 2048 to 8192 bits");
-        row("verify|{}/100/My App.app", 0, "is valid, sealed by CN = maker \\([0-9a-f]{64}\\)\n$", "^$");
-        row("verify|{}/100/My App.app|--signer|zz", 2, "^$", "--signer takes a SHA-256 fingerprint .*'zz'");
-        row("check|--url|http://127.0.0.1:9/", 2, "^$", "--build is missing");
-        row("check|--url|ftp://h/|--build|1", 2, "^$", "--url takes an http or https address");
-        row("check|--url|http://127.0.0.1:9/|--build|one", 2, "^$", "--build takes a whole number");
-        row("check|--url|http://127.0.0.1:9/|--build|1|--verbose", 1, "^$",
-            "^zel.system: cannot load[^$]*connect[^$]*\nzelupdater check: Unknown Error: cannot "
-            "load[^\n]*\n$");
-        row("check|--url|http://127.0.0.1:9/|--build|1", 1, "^$",
-            "^zelupdater check: Unknown Error: cannot load \"http://127.0.0.1:9/\": Could[^\n]*\n$");
-        row("check|--url|http://127.0.0.1:9/|--build|1|--path|{}", 1, "^$", "has no Info.plist");
-        row("update|--url|http://127.0.0.1:9/|--path|{}/none.app", 1, "^$", "none.app is not a bundle");
-        row("update|--url|http://127.0.0.1:9/|--path|{}", 1, "^$", "is not a bundle: it has no Info.plist");
-        row("update|--url|http://127.0.0.1:9/|--path|{}/100/My App.app|--staging|{}/a", 1, "^$",
-            "update: .*/a is not a folder");
-        row("update|--url|http://127.0.0.1:9/|--path|{}/100/My App.app|--signer|00", 2, "^$",
-            "--signer takes a SHA-256 fingerprint");
-        row("release|{}/case/My App.app|{}/r0", 1, "^$",
-            "by case\nzelupdater release: .* could not be installed");
-        row("release|{}/100|{}/r0", 1, "^$", "CFBundleVersion");
-        row("release|{}/100/My App.app|{}/r1|--patch-only", 0, "offered to nobody", "^$");
-        row("release|{}/bare/My App.app|{}/r0", 1, "^$", "seal the bundle with 'zelupdater sign' first");
-        row("release|{}/100/My App.app|{}/r0|--notes|{}/none.html", 1, "^$",
-            "cannot read .*none.html: No such file or directory\n$");
-        row("release|{}/100/My App.app|{}/a", 1, "^$", "/a is not a folder");
-        row("release|{}/100/My App.app|{}/a/r", 1, "^$", "cannot look at .*/a/r: Not a directory");
-        row("release|{}/100/My App.app|/proc/none", 1, "^$",
-            "cannot make the folder /proc/none: No such file");
-        row("release|{}/100/My App.app|{}/unmounted", 1, "^$",
-            "is not a folder, or a link that leads nowhere");
-        row("release|{}/100/My App.app|{}/linked", 1, "^$", "cannot read .*releases.json: No such file");
-        row("release|{}/dotted/My App.app|{}/r0", 1, "^$",
-            "the build '0.24.2': .* a whole number above 0, such as");
-        row("release|{}/100/My App.app|{}/r0|--arch|x86_64", 2, "^$", "--arch takes x86 .*, arm or all");
-        row("serve|{}/none", 1, "^$", "is not a folder");
-        row("serve|{}|--host|192.0.2.1", 1, "^$",
-            "cannot listen on 192.0.2.1 port 8080: Cannot assign.*; choose");
-        row("serve|{}|--port|99999", 2, "^$", "--port takes a whole number from 0 to 65535");
+        QCOMPARE(run("make-patch|{old}|{new}|{}/good.patch").status, 0);
     }
 
     void outcomes()
     {
-        QFETCH(QString, line);
-        QFETCH(int, status);
-        QFETCH(QString, out);
-        QFETCH(QString, err);
-        const Outcome outcome = run(line.isEmpty() ? QStringList() : line.split(u'|'));
-        QVERIFY2(QRegularExpression(out).match(QString::fromUtf8(outcome.out)).hasMatch(),
-                 outcome.out.constData());
-        QVERIFY2(QRegularExpression(err).match(QString::fromUtf8(outcome.err)).hasMatch(),
-                 outcome.err.constData());
-        QCOMPARE(outcome.status, status);
+        const auto matches = [](const QByteArray &text, const QString &pattern) {
+            return QRegularExpression(pattern).match(QString::fromUtf8(text)).hasMatch();
+        };
+        // Regular expressions: of the result, where the job is done, else of the complaint.
+        const std::vector<std::pair<const char *, const char *>> done{
+            {"--help", "^Usage: [^$]*make-patch"},
+            {"diff|--help", "^Usage: zelupdater diff OLD NEW DELTA"},
+            {"diff|{}/a|{}/b|{}/delta", "delta: \\d+ bytes\n$"},
+            {"patch|{}/a|{}/built|{}/delta", "built: 508 bytes"},
+            {"md5|{}/b", "^[0-9a-f]{32}\n$"},
+            {"md5|{}/chunk", "^\n$"},
+            {"md5|{}/chunk|--json", R"(^\{"md5":""\}\n$)"},
+            {"make-patch|{}/100|{new}|{}/p|--allow-lost-modes", "without their executable bit"},
+            {"apply-patch|{old}|{}/new.app|{}/good.patch", "new.app is ready"},
+            {"test-patch|{old}|{}/new.app|{}/good.patch|{new}", "Successfully patched"},
+            {"inspect-patch|{}/good.patch", "patch +\\d+ +\\d+  Contents/MacOS/example\n"},
+            {"verify|{old}", "is valid, sealed by CN = maker \\([0-9a-f]{64}\\)\n$"},
+            {"release|{old}|{}/r1|--patch-only", "offered to nobody"},
+        };
+        const std::vector<std::pair<const char *, const char *>> failed{
+            {"diff|{}/none|{}/b|{}/d", "zelupdater diff: there is no file .*/none\n$"},
+            {"diff|{}|{}/b|{}/d", "is not a file"},
+            {"diff|{}/a|{}/b|{}/none/d", "cannot write .*No such file or directory"},
+            {"patch|{}/a|{}/built|{}/short", "shorter than a delta's header"},
+            {"patch|{}/a|{}/built|{}/chunk", "could not be applied to .*/a\n$"},
+            {"make-patch|{old}|{}/none.app|{}/p", "there is no bundle .*none.app"},
+            {"make-patch|{old}|{}/a|{}/p", "/a is not a folder"},
+            {"make-patch|{old}|{}/linked|{}/p", "linked is not a bundle: it has no Info.plist"},
+            {"make-patch|{}/100|{new}|{}/p", "Contents/MacOS/example; .*--allow-lost-modes"},
+            {"apply-patch|{old}|{}/new.app|{}/short", "shorter than its header"},
+            {"apply-patch|{new}|{}/new.app|{}/good.patch", "Hash error: Contents/"},
+            {"test-patch|{old}|{}/new.app|{}/good.patch|{old}", "Patching failed"},
+            {"test-patch|{old}|{}/new.app|{}/good.patch|{}/none.app", "there is no bundle"},
+            {"apply-patch|{old}|{}|{}/good.patch", "good.patch lies in .*, which is replaced"},
+            {"apply-patch|{old}|{}/100|{}/good.patch", "My App.app lies in .*, which is replaced"},
+            {"apply-patch|{old}|{old}/x|{}/good.patch", "/x lies in .*; give another place"},
+            {"test-patch|{old}|{}/new.app|{}/none|{new}", "there is no file .*none"},
+            {"test-patch|{old}|{new}|{}/good.patch|{new}", "is replaced by the patched bundle"},
+            {"inspect-patch|{}/chunk", "is not a bundle patch"},
+            {"sign|{old}|--key|{}/maker.key|--cert|{}/a", "/a"},
+            {"sign|{}/none.app|--key|{}/maker.key|--cert|{}/maker.crt", "is not a bundle"},
+            {"sign|{}/linked|--key|{}/maker.key|--cert|{}/maker.crt", "no Info.plist that can be read"},
+            {"sign|{}/bare/My App.app|--key|{}/ed.key|--cert|{}/maker.crt",
+             "cannot seal: it takes an RSA key of 2048 to 8192 bits"},
+            {"check|--url|http://127.0.0.1:9/|--build|1|--verbose",
+             "^zel.system: cannot load[^$]*connect[^$]*\nzelupdater check: Unknown Error: cannot "
+             "load[^\n]*\n$"},
+            {"check|--url|http://127.0.0.1:9/|--build|1",
+             "^zelupdater check: Unknown Error: cannot load \"http://127.0.0.1:9/\": Could[^\n]*\n$"},
+            {"check|--url|http://127.0.0.1:9/|--build|1|--path|{}", "has no Info.plist"},
+            {"update|--url|http://127.0.0.1:9/|--path|{}/none.app", "none.app is not a bundle"},
+            {"update|--url|http://127.0.0.1:9/|--path|{}", "is not a bundle: it has no Info.plist"},
+            {"update|--url|http://127.0.0.1:9/|--path|{old}|--staging|{}/a", "update: .*/a is not a folder"},
+            {"release|{}/case/My App.app|{}/r0", "by case\nzelupdater release: .* could not be installed"},
+            {"release|{}/100|{}/r0", "CFBundleVersion"},
+            {"release|{}/bare/My App.app|{}/r0", "seal the bundle with 'zelupdater sign' first"},
+            {"release|{old}|{}/r0|--notes|{}/none.html",
+             "cannot read .*none.html: No such file or directory\n$"},
+            {"release|{old}|{}/a", "/a is not a folder"},
+            {"release|{old}|{}/a/r", "cannot look at .*/a/r: Not a directory"},
+            {"release|{old}|/proc/none", "cannot make the folder /proc/none: No such file"},
+            {"release|{old}|{}/unmounted", "is not a folder, or a link that leads nowhere"},
+            {"release|{old}|{}/linked", "cannot read .*releases.json: No such file"},
+            {"release|{}/dotted/My App.app|{}/r0", "the build '0.24.2': .* a whole number above 0, such as"},
+            {"serve|{}/none", "is not a folder"},
+            {"serve|{}|--host|192.0.2.1", "cannot listen on 192.0.2.1 port 8080: Cannot assign.*; choose"},
+        };
+        const std::vector<std::pair<const char *, const char *>> misused{
+            {"", "^Usage: "},
+            {"frobnicate", "there is no command 'frobnicate'"},
+            {"diff|{}/a|{}/b", "3 arguments are needed, 2 given\nUsage: zelupdater diff OLD NEW DELTA"},
+            {"diff|{}/a|{}/b|", "an argument is empty"},
+            {"diff|{}/a|{}/b|{}/d|--frob", "Unknown option 'frob'"},
+            {"make-patch|{old}|{new}|{}/p|--memory|half", "--memory takes a whole number from 1"},
+            {"sign|{old}|--key|{}/maker.key", "--cert is missing"},
+            {"verify|{old}|--signer|zz", "--signer takes a SHA-256 fingerprint .*'zz'"},
+            {"check|--url|http://127.0.0.1:9/", "--build is missing"},
+            {"check|--url|ftp://h/|--build|1", "--url takes an http or https address"},
+            {"check|--url|http://127.0.0.1:9/|--build|one", "--build takes a whole number"},
+            {"update|--url|http://127.0.0.1:9/|--path|{old}|--signer|00",
+             "--signer takes a SHA-256 fingerprint"},
+            {"release|{old}|{}/r0|--arch|x86_64", "--arch takes x86 .*, arm or all"},
+            {"serve|{}|--port|99999", "--port takes a whole number from 0 to 65535"},
+        };
+        int status = 0;
+        for (const auto &table : {done, failed, misused}) {
+            for (const auto &[line, pattern] : table) {
+                const Outcome outcome = run(line);
+                const QByteArray told = outcome.out + "/" + outcome.err;
+                QVERIFY2(matches(status == 0 ? outcome.out : outcome.err, pattern), line + told);
+                QVERIFY2((status == 0 ? outcome.err : outcome.out).isEmpty(), line + told);
+                QVERIFY2(outcome.status == status, line + told);
+            }
+            ++status;
+        }
     }
 
     // A result that is lost is no success.
@@ -244,16 +223,11 @@ private slots:
     {
         for (const char *line :
              {"md5|{}/a", "md5|{}/a|--json", "--help", "diff|--help", "inspect-patch|{}/good.patch",
-              "verify|{}/100/My App.app|--json", "diff|{}/a|{}/b|{}/lost", "serve|{}|--port|0"}) {
-            for (const char *output : {">/dev/full", ">&-"}) {
-                QStringList words = QString(line).replace("{}", m_tree.path()).split(u'|');
-                QProcess process;
-                process.start("sh",
-                              QStringList{"-c", QString("exec \"$0\" \"$@\" ") + output, ZELUPDATER} + words);
-                QVERIFY(process.waitForFinished(120000));
-                QVERIFY2(process.exitCode() == 1, line);
-                const QByteArray error = process.readAllStandardError();
-                QVERIFY2(error.contains("zelupdater: the result could not be written: "), error.constData());
+              "verify|{old}|--json", "diff|{}/a|{}/b|{}/lost", "serve|{}|--port|0"}) {
+            for (const char *output : {" >/dev/full", " >&-"}) {
+                const Outcome outcome = run(line, Alone + output);
+                QVERIFY2(outcome.status == 1, line);
+                QVERIFY2(outcome.err.contains("zelupdater: the result could not be written: "), outcome.err);
             }
         }
         QCOMPARE(run("diff|{}/a|{}/b|{}/kept").status, 0);
@@ -264,27 +238,23 @@ private slots:
     void failedCommandsLeaveNothing()
     {
         m_tree.write("no.patch", "no patch");
-        QCOMPARE(run("apply-patch|{}/100/My App.app|{}/half.app|{}/no.patch").status, 1);
+        QCOMPARE(run("apply-patch|{old}|{}/half.app|{}/no.patch").status, 1);
         QVERIFY(!QFileInfo::exists(m_tree.path("half.app")));
 
-        const QString limited = "ulimit -f 16; trap '' XFSZ; exec \"$0\" \"$@\""; // a disk that is soon full
-        const auto runLimited = [&](QStringList words) {
-            QProcess process;
-            process.start(
-                "sh", QStringList{"-c", limited, ZELUPDATER} + words.replaceInStrings("{}", m_tree.path()));
-            process.waitForFinished(120000);
-            return process.exitCode() == 1 ? process.readAllStandardError() : QByteArray();
-        };
-        m_tree.write("noise", noise(40000));
+        const QString onFullDisk = "ulimit -f 16; trap '' XFSZ; " + Alone;
+        m_tree.write("noise", randomBytes(40000, 256, 1));
         QCOMPARE(run("diff|{}/a|{}/noise|{}/noise.delta").status, 0);
-        QVERIFY(runLimited({"patch", "{}/a", "{}/half", "{}/noise.delta"}).contains("File too large"));
+        const Outcome half = run("patch|{}/a|{}/half|{}/noise.delta", onFullDisk);
+        QCOMPARE(half.status, 1);
+        QVERIFY2(half.err.contains("File too large"), half.err);
         QVERIFY(!QFileInfo::exists(m_tree.path("half")));
 
         makeBundle("noisy/My App.app", "100");
-        m_tree.write("noisy/My App.app/Contents/noise", noise(1 << 20));
+        m_tree.write("noisy/My App.app/Contents/noise", randomBytes(1 << 20, 256, 1));
         QCOMPARE(sign("noisy/My App.app").status, 0);
-        const QByteArray error = runLimited({"release", "{}/noisy/My App.app", "{}/r0"});
-        QVERIFY2(error.contains("cannot archive") && error.contains("File too large"), error.constData());
+        const Outcome full = run("release|{}/noisy/My App.app|{}/r0", onFullDisk);
+        QCOMPARE(full.status, 1);
+        QVERIFY2(full.err.contains("cannot archive") && full.err.contains("File too large"), full.err);
         QVERIFY(run("release|{}/noisy/My App.app|{}/noisy/My App.app/r").err.contains("give another folder"));
         QCOMPARE(run("verify|{}/noisy/My App.app").status, 0);
     }
@@ -300,7 +270,7 @@ private slots:
         const Outcome outcome = run("inspect-patch|{}/odd.patch");
         QCOMPARE(outcome.status, 0);
         QVERIFY2(outcome.out.contains("\n\n1 (none)\n1 delete\n3 add (7 bytes)\n"), outcome.out.constData());
-        QVERIFY(run("apply-patch|{}/100/My App.app|{}/new.app|{}/odd.patch")
+        QVERIFY(run("apply-patch|{old}|{}/new.app|{}/odd.patch")
                     .err.endsWith(": Error creating file: b\xEF\xBF\xBD\n"));
         QVERIFY2(outcome.out.contains("  x\xEF\xBF\xBD\xEF\xBF\xBD[2J\xEF\xBF\xBDy\n"),
                  outcome.out.constData());
@@ -310,19 +280,23 @@ private slots:
     void jsonStaysAlone()
     {
         m_tree.write("bad.patch", patchOfCommands(command("patch", "Contents/Info.plist", slice(0, 3))));
-        const Outcome outcome = run("apply-patch|{}/100/My App.app|{}/new.app|{}/bad.patch|--json");
+        const Outcome outcome = run("apply-patch|{old}|{}/new.app|{}/bad.patch|--json");
         QCOMPARE(outcome.status, 1);
         QVERIFY2(outcome.json().isArray(), outcome.out.constData());
+        const Outcome misused = run("md5|{}/a|{}/b|--json");
+        QCOMPARE(misused.status, 2);
+        QCOMPARE(misused.json()["error"], QJsonValue("1 argument is needed, 2 given"));
+        QVERIFY(run("patch|{}/a|{}/built|{}/short|--json").json()["error"].toString().contains("shorter"));
         QVERIFY2(outcome.err.contains("header error\n"), outcome.err.constData());
     }
 
     void applyPatchPrintsItsLog()
     {
-        const Outcome good = run("apply-patch|{}/100/My App.app|{}/new.app|{}/good.patch|--json");
+        const Outcome good = run("apply-patch|{old}|{}/new.app|{}/good.patch|--json");
         QCOMPARE(good.status, 0);
         QCOMPARE(good.json()[0]["description"], QJsonValue("Starting Patch"));
 
-        const Outcome bad = run("apply-patch|{}/101/My App.app|{}/new.app|{}/good.patch|--json");
+        const Outcome bad = run("apply-patch|{new}|{}/new.app|{}/good.patch|--json");
         QCOMPARE(bad.status, 1);
         const QJsonArray log = bad.json().toArray();
         const QJsonObject fault = log[log.size() - 2].toObject();
@@ -339,11 +313,7 @@ private slots:
         const qsizetype size = file.first(32).replace('\0', "").toLongLong();
         m_tree.write("manifest.xz", file.mid(32, size));
         m_tree.write("payload.xz", file.mid(32 + size));
-        for (const char *part : {"manifest", "payload"}) {
-            QProcess xz;
-            xz.start("xz", {"-dk", m_tree.path(QString(part) + ".xz")});
-            QVERIFY(xz.waitForFinished() && xz.exitCode() == 0);
-        }
+        QCOMPARE(run("{}/manifest.xz|{}/payload.xz", "xz -dk \"$1\" \"$2\"").status, 0);
         const QJsonDocument manifest = QJsonDocument::fromJson(m_tree.read("manifest"));
         QVERIFY(!manifest["commands"].toArray().isEmpty());
         for (const QJsonValue command : manifest["commands"].toArray()) {
@@ -392,22 +362,15 @@ private slots:
 
     void releasesAtOnceAreAllKept()
     {
-        std::vector<std::unique_ptr<QProcess>> releases;
-        for (const char *build : {"100", "101"}) {
-            releases.push_back(std::make_unique<QProcess>());
-            releases.back()->start(
-                ZELUPDATER,
-                {"release", m_tree.path(QString("%1/My App.app").arg(build)), m_tree.path("both")});
-        }
-        for (const auto &release : releases)
-            QVERIFY(release->waitForFinished(120000) && release->exitCode() == 0);
+        const QString both = "\"$0\" release \"$1\" \"$3\" & \"$0\" release \"$2\" \"$3\" && wait $!";
+        QCOMPARE(run("{old}|{new}|{}/both", both).status, 0);
         QCOMPARE(QJsonDocument::fromJson(m_tree.read("both/releases.json")).array().size(), 2);
     }
 
     void interruptedReleaseLeavesNothing()
     {
         makeBundle("large/My App.app", "100");
-        m_tree.write("large/My App.app/Contents/noise", noise(30 << 20));
+        m_tree.write("large/My App.app/Contents/noise", randomBytes(30 << 20, 256, 1));
         QCOMPARE(sign("large/My App.app").status, 0);
         QProcess release;
         release.start(ZELUPDATER, {"release", m_tree.path("large/My App.app"), m_tree.path("cut")});
@@ -425,13 +388,13 @@ private slots:
         const QDir nothing(m_tree.path("r0"));
         const auto all = nothing.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
         QVERIFY2(all.isEmpty() || all == QStringList{".lock"}, qPrintable(all.join(u' ')));
-        QCOMPARE(run("release|{}/100/My App.app|{}/releases").status, 0);
+        QCOMPARE(run("release|{old}|{}/releases").status, 0);
         const Outcome second =
-            run("release|{}/101/My App.app|{}/releases|--notes|{}/notes.html|--beta|--patch-only|--json");
+            run("release|{new}|{}/releases|--notes|{}/notes.html|--beta|--patch-only|--json");
         QCOMPARE(second.status, 0);
         QCOMPARE(second.json()["patches"][0]["build"], QJsonValue(100));
         QCOMPARE(second.json()["patchonly"], QJsonValue(true));
-        QVERIFY(run("release|{}/101/My App.app|{}/releases").err.contains("build 101 is already in"));
+        QVERIFY(run("release|{new}|{}/releases").err.contains("build 101 is already in"));
 
         QProcess server;
         server.start(ZELUPDATER, {"serve", m_tree.path("releases"), "--port", "0", "--json"});
@@ -442,7 +405,7 @@ private slots:
             words << "--url" << url.toString() << "--json";
             return run(words);
         };
-        const QString installed = "{}/100/My App.app";
+        const QString installed = "{old}";
 
         // The beta build is offered only to those who ask for it.
         const QStringList check{"check", "--build", "100", "--path", installed};
