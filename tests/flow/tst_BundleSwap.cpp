@@ -5,8 +5,9 @@
 #include <cstdio>
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <filesystem>
-#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,9 +35,9 @@ bool fails()
     return true;
 }
 
-template <typename Function> Function *real(const char *name)
+int renamed(int fromFolder, const char *from, int toFolder, const char *to, unsigned flags)
 {
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+    return fails() ? -1 : int(::syscall(SYS_renameat2, fromFolder, from, toFolder, to, flags));
 }
 
 } // namespace
@@ -45,18 +46,16 @@ template <typename Function> Function *real(const char *name)
 
 extern "C" int rename(const char *from, const char *to) noexcept
 {
-    return fails() ? -1 : real<int(const char *, const char *)>("rename")(from, to);
+    return renamed(AT_FDCWD, from, AT_FDCWD, to, 0);
 }
 
 extern "C" int renameat2(int fromFolder, const char *from, int toFolder, const char *to,
                          unsigned flags) noexcept
 {
-    if (!fault.canExchange)
-        errno = EINVAL;
-    if (!fault.canExchange || fails())
-        return -1;
-    return real<int(int, const char *, int, const char *, unsigned)>("renameat2")(fromFolder, from, toFolder,
-                                                                                  to, flags);
+    if (fault.canExchange)
+        return renamed(fromFolder, from, toFolder, to, flags);
+    errno = EINVAL;
+    return -1;
 }
 
 extern "C" int syncfs(int) noexcept
@@ -66,18 +65,37 @@ extern "C" int syncfs(int) noexcept
 
 extern "C" dirent *readdir(DIR *folder)
 {
-    return fails() ? nullptr : real<dirent *(DIR *)>("readdir")(folder);
+    static const auto real = reinterpret_cast<dirent *(*)(DIR *)>(dlsym(RTLD_NEXT, "readdir"));
+    return fails() ? nullptr : real(folder);
 }
 
 extern "C" int mkdir(const char *path, mode_t mode) noexcept
 {
-    return fails() ? -1 : real<int(const char *, mode_t)>("mkdir")(path, mode);
+    return fails() ? -1 : int(::syscall(SYS_mkdirat, AT_FDCWD, path, mode));
 }
 
 /// The example host's exchange of bundles: code that others copy.
 class BundleSwapTest : public QObject
 {
     Q_OBJECT
+
+    /// An installed bundle, and a new one that is to take its place.
+    struct Scene {
+        explicit Scene(const QString &staging)
+            : folder(staging + "/swap-XXXXXX")
+            , fresh(folder.filePath("Patched.app").toStdString())
+        {
+            tree.write("My App.app/Contents/old", "old");
+            fs::create_directories(fresh / "Contents/closed");
+            fs::copy_file("/bin/true", fresh / "Contents/program");
+            fs::create_symlink("program", fresh / "Contents/link");
+            fs::permissions(fresh / "Contents/closed", fs::perms(0555));
+        }
+        const QTemporaryDir folder;
+        const TemporaryTree tree;
+        const fs::path fresh;
+        const fs::path installed = tree.path("My App.app").toStdString();
+    };
 
 private slots:
     void cleanup() { fault = {}; }
@@ -88,10 +106,7 @@ private slots:
     {
         QFETCH(QString, staging);
         QFETCH(bool, canExchange);
-        const QTemporaryDir folder(staging + "/swap-XXXXXX");
-        const fs::path fresh = makeFresh(folder);
-        const TemporaryTree tree;
-        const fs::path installed = makeInstalled(tree);
+        const auto &[folder, tree, fresh, installed] = Scene(staging);
         tree.write(".My App.app.new/of an earlier attempt", "");
         tree.write(".My App.app.previous/of an earlier update", "");
 
@@ -114,10 +129,7 @@ private slots:
         for (const int error : {EIO, EINVAL, ENOSYS, ENOSPC, EXDEV}) {
             bool hasFailed = true;
             for (int number = 1; hasFailed; ++number) {
-                const QTemporaryDir folder(staging + "/swap-XXXXXX");
-                const fs::path fresh = makeFresh(folder);
-                const TemporaryTree tree;
-                const fs::path installed = makeInstalled(tree);
+                const auto &[folder, tree, fresh, installed] = Scene(staging);
                 fault = {.number = number, .error = error, .canExchange = canExchange};
                 const bool isDone = !swapBundles(fresh, installed);
                 hasFailed = fault.calls >= number;
@@ -138,10 +150,7 @@ private slots:
         QFETCH(bool, canExchange);
         int status = 1;
         for (int number = 1; status != 0; ++number) {
-            const QTemporaryDir folder(staging + "/swap-XXXXXX");
-            const fs::path fresh = makeFresh(folder);
-            const TemporaryTree tree;
-            const fs::path installed = makeInstalled(tree);
+            const auto &[folder, tree, fresh, installed] = Scene(staging);
             const pid_t child = fork();
             if (child == 0) {
                 fault = {.number = number, .canExchange = canExchange};
@@ -154,8 +163,7 @@ private slots:
             const fs::path previous = previousBundle(installed);
             QCOMPARE(installedBundle(previous), wasGone ? installed : previous);
             QVERIFY2(isOld(installed) || isFresh(installed), qPrintable(QString("call %1").arg(number)));
-            const QTemporaryDir again(staging + "/swap-XXXXXX");
-            QVERIFY(!swapBundles(makeFresh(again), installed));
+            QVERIFY(!swapBundles(Scene(staging).fresh, installed));
             QVERIFY(isFresh(installed));
         }
     }
@@ -190,23 +198,6 @@ private:
             if (QFileInfo("/dev/shm").isWritable())
                 QTest::addRow("%s, another file system", how) << "/dev/shm" << canExchange;
         }
-    }
-
-    static fs::path makeFresh(const QTemporaryDir &folder)
-    {
-        const fs::path fresh = folder.filePath("Patched.app").toStdString();
-        fs::create_directories(fresh / "Contents");
-        fs::copy_file("/bin/true", fresh / "Contents/program");
-        fs::create_symlink("program", fresh / "Contents/link");
-        fs::create_directory(fresh / "Contents/closed");
-        fs::permissions(fresh / "Contents/closed", fs::perms(0555));
-        return fresh;
-    }
-
-    static fs::path makeInstalled(const TemporaryTree &tree)
-    {
-        tree.write("My App.app/Contents/old", "old");
-        return tree.path("My App.app").toStdString();
     }
 
     static bool isFresh(const fs::path &bundle)

@@ -3,7 +3,6 @@
 #include "support/TemporaryTree.h"
 #include "support/TestCertificate.h"
 #include "support/TestServer.h"
-#include "support/ZipMaker.h"
 #include "ui/ZELProgressIndicator.h"
 #include "ui/ZELUpdaterButton.h"
 #include "ui/ZELUpdaterHistoryPage.h"
@@ -11,7 +10,6 @@
 #include "ui/ZELUpdaterWindow.h"
 #include "updater/ZELUpdater.h"
 
-#include <QDirIterator>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -28,24 +26,40 @@ const Answer Stalled{.stallAt = TestServer::BeforeHead};
 /// What the server answers, path by path, and what it offers.
 struct Offer {
     QJsonObject record;
-    QMap<QString, QList<Answer>> answers;
+    QMap<QString, QList<Answer>> answers = {};
+
+    // A key without a value goes.
+    void changePatch(const QVariantMap &keys)
+    {
+        QVariantMap entry = record["patches"][0].toObject().toVariantMap();
+        entry.insert(keys);
+        entry.removeIf([](const auto &key) { return !key.value().isValid(); });
+        record["patches"] = QJsonArray{QJsonObject::fromVariantMap(entry)};
+    }
 };
 
-/// A click of the user: on a button of a page, once that page is shown.
-struct Click {
-    QString page;
-    QString button;
-};
+using Change = std::function<void(Offer &)>;
+
+/// The server answers at a path in another way.
+Change answering(const QString &path, const QList<Answer> &answers)
+{
+    return [=](Offer &offer) { offer.answers[path] = answers; };
+}
+
+/// The server is gone at the first request.
+Change goneAt(const QString &path)
+{
+    return [=](Offer &offer) { offer.answers[path].prepend(Gone); };
+}
 
 struct Flow {
-    std::function<void(Offer &)> change = {};
-    QVariantMap config = {};
-    QList<Click> clicks = {};
-
-    QStringList events = {}; // what the host hears
-    QStringList pages = {}; // what is shown
-    QStringList requests = {}; // what the server hears, sorted; with the keys of their bodies
-    QStringList staged = {}; // what the staging folders hold, sorted
+    Change change;
+    QVariantMap config;
+    QStringList clicks; // of the user: on a button of a page, once that page is shown
+    QStringList events; // what the host hears
+    QString pages; // what is shown
+    QStringList requests; // what the server hears, sorted; with the keys of their bodies
+    QString staged; // what the staging folders hold, sorted
 };
 
 QString keysOf(const QByteArray &body)
@@ -54,8 +68,6 @@ QString keysOf(const QByteArray &body)
 }
 
 } // namespace
-
-Q_DECLARE_METATYPE(Flow)
 
 /// Updates between two builds that the publisher's tool released, driven by clicks in the updater's window.
 class WholeUpdateTest : public QObject
@@ -72,7 +84,10 @@ private slots:
         makeBundle(100);
         makeBundle(101);
         m_updater->setOnCancel([this] { m_events += "cancel"; });
-        m_updater->setOnRetry([this] { retry(); });
+        m_updater->setOnRetry([this] {
+            m_events += "retry";
+            check();
+        });
         m_updater->window()->contentView()->installEventFilter(this);
     }
 
@@ -80,134 +95,70 @@ private slots:
     {
         QTest::addColumn<Flow>("flow");
 
-        const QString model = ZELUpdater::modelIdentifier().isNull() ? "" : "model ";
-        const QString check = "POST /check arch build " + model + "os",
-                      notes = "POST /notes.html arch build " + model + "os",
+        const QString facts =
+            ZELUpdater::modelIdentifier().isNull() ? "arch build os" : "arch build model os";
+        const QString check = "POST /check " + facts, notes = "POST /notes.html " + facts,
                       ownNotes = "POST /notes.html arch build", patch = QString("GET ") + Patch,
                       archive = QString("GET ") + Archive,
                       log = "POST /wexmoor7/updates/patch/ arch build log os version";
-        const QStringList patched{"Example-100-to-101.zelpatch", "Old-100.app", "Patched-100.app"};
-        const QStringList unpacked{"Example-101.zip", "Example.app"};
-        const Click install{"history", "download"};
-        const QStringList toTheEnd{"checking", "history", "download", "updated"};
-
-        QTest::newRow("by patch") << Flow{
-            .clicks = {install, {"updated", "cancel"}},
-            .events = {"check 1", "choice 2", "download 1 Patched-100.app", "cancel"},
-            .pages = toTheEnd,
-            .requests = {patch, check, notes},
-            .staged = patched};
-        QTest::newRow("patch that fails, server gone at the log")
-            << Flow{.change =
-                        [](Offer &offer) {
-                            QJsonObject entry = offer.record["patches"][0].toObject();
-                            entry["hash"] = MD5FromData("useless");
-                            entry.remove("sha256");
-                            entry.remove("size");
-                            offer.record["patches"] = QJsonArray{entry};
-                            offer.answers[Patch] = {{.body = "useless"}};
-                            offer.answers["/wexmoor7/updates/patch/"] = {Gone};
-                        },
-                    .clicks = {install},
-                    .events = {"check 1", "choice 2", "download 1 Example.app"},
-                    .pages = toTheEnd,
-                    .requests = {patch, archive, check, notes, log},
-                    .staged = unpacked};
-        QTest::newRow("no update") << Flow{.change = [](Offer &offer) { offer.record["build"] = 100; },
-                                           .clicks = {{"noUpdates", "cancel"}},
-                                           .events = {"check 2", "cancel"},
-                                           .pages = {"checking", "noUpdates"},
-                                           .requests = {check}};
-        QTest::newRow("server gone at the check, back for the next")
-            << Flow{.change = [](Offer &offer) { offer.answers["/check"].prepend(Gone); },
-                    .clicks = {{"error", "retry"}, {"history", "skip"}},
-                    .events = {"check 0", "retry", "check 1", "choice 1"},
-                    .pages = {"checking", "error", "checking", "history"},
-                    .requests = {check, check, notes}};
-        QTest::newRow("server gone at the notes") // the page asks for them itself
-            << Flow{.change = [](Offer &offer) { offer.answers["/notes.html"].prepend(Gone); },
-                    .clicks = {{"history", "later"}},
-                    .events = {"check 1", "choice 0"},
-                    .pages = {"checking", "history"},
-                    .requests = {check, ownNotes, notes}};
-        QTest::newRow("notes that do not come until the user has cancelled")
-            << Flow{.change = [](Offer &offer) { offer.answers["/notes.html"] = {Stalled}; },
-                    .clicks = {{"checking", "cancel"}},
-                    .events = {"cancel", "check 1"},
-                    .pages = {"checking", "history"},
-                    .requests = {check, notes}};
-        QTest::newRow("server gone at the download")
-            << Flow{.change = [](Offer &offer) { offer.answers[Patch] = {{.body = "begin", .dropAt = 2}}; },
-                    .clicks = {install, {"error", "cancel"}},
-                    .events = {"check 1", "choice 2", "download 0", "cancel"},
-                    .pages = {"checking", "history", "download", "error"},
-                    .requests = {patch, check, notes}};
-        QTest::newRow("cancelled while checking") // the check itself goes on
-            << Flow{.change = [](Offer &offer) { offer.answers["/check"] = {Stalled}; },
-                    .clicks = {{"checking", "cancel"}},
-                    .events = {"cancel", "check 1"},
-                    .pages = {"checking", "history"},
-                    .requests = {check, notes}};
-        QTest::newRow("cancelled while downloading")
-            << Flow{.change = [](Offer &offer) { offer.answers[Patch] = {Stalled}; },
-                    .clicks = {install, {"download", "cancel"}},
-                    .events = {"check 1", "choice 2", "cancel"},
-                    .pages = {"checking", "history", "download"},
-                    .requests = {patch, check, notes}};
-        QTest::newRow("quiet mode") << Flow{.config = {{"mode", 1}},
-                                            .clicks = {install},
-                                            .events = {"check 1", "choice 2", "download 1 Patched-100.app"},
-                                            .pages = {"history", "download", "updated"},
-                                            .requests = {patch, check, ownNotes},
-                                            .staged = patched};
+        const auto row = [](const QString &name, const Change &change, const QVariantMap &config,
+                            const QStringList &clicks, const QStringList &events, const QString &pages,
+                            const QStringList &asked, const QString &staged = {}) {
+            QTest::newRow(qPrintable(name)) << Flow{change, config, clicks, events, pages, asked, staged};
+        };
+        const Change nothing = [](Offer &) {};
         const QVariantMap pinned{{"signers", QStringList(m_signer.fingerprint)}};
-        QTest::newRow("by patch, pinned")
-            << Flow{.config = pinned,
-                    .clicks = {install},
-                    .events = {"check 1", "choice 2", "download 1 Patched-100.app"},
-                    .pages = toTheEnd,
-                    .requests = {patch, check, notes},
-                    .staged = patched};
-        QTest::newRow("a link to a genuine bundle, pinned")
-            << Flow{.change =
-                        [this](Offer &offer) {
-                            const QByteArray zip = archiveWithLink();
-                            offer.record.remove("patches");
-                            offer.record["hash"] = MD5FromData(zip);
-                            offer.record.remove("sha256");
-                            offer.record.remove("size");
-                            offer.answers[Archive] = {{.body = zip}};
-                        },
-                    .config = pinned,
-                    .clicks = {install},
-                    .events = {"check 1", "choice 2", "download 2"},
-                    .pages = {"checking", "history", "download", "error"},
-                    .requests = {archive, check, notes}};
-        QTest::newRow("an archive without integrity, pinned")
-            << Flow{.change =
-                        [](Offer &offer) {
-                            offer.record.remove("patches");
-                            offer.record["hash"] = "";
-                            offer.record.remove("sha256");
-                            offer.answers[Archive] = {{.body = QByteArray(32768, ' ')}};
-                        },
-                    .config = pinned,
-                    .clicks = {install},
-                    .events = {"check 1", "choice 2", "download 0"},
-                    .pages = {"checking", "history", "download", "error"},
-                    .requests = {archive, check, notes}};
-        for (const char *key : {"hidechecking", "sheet"})
-            QTest::addRow("shown by the host, %s", key) << Flow{.config = {{key, false}},
-                                                                .clicks = {{"history", "skip"}},
-                                                                .events = {"check 1", "choice 1"},
-                                                                .pages = {"checking", "history"},
-                                                                .requests = {check, notes}};
+        const QStringList patched{"check 1", "choice 2", "download 1 Patched-100.app"};
+        const QString patchedFiles = "Example-100-to-101.zelpatch Old-100.app Patched-100.app";
+
+        row("by patch, pinned", nothing, pinned, {"History: Install", "Updated: Done"},
+            patched + QStringList("cancel"), "Checking History Download Updated", {patch, check, notes},
+            patchedFiles);
+        const auto uselessPatch = [](Offer &offer) {
+            offer.changePatch({{"hash", MD5FromData("useless")}, {"sha256", {}}, {"size", {}}});
+            offer.answers[Patch] = {{.body = "useless"}};
+            offer.answers["/wexmoor7/updates/patch/"] = {Gone};
+        };
+        row("patch that fails, server gone at the log", uselessPatch, {}, {"History: Install"},
+            {"check 1", "choice 2", "download 1 Example.app"}, "Checking History Download Updated",
+            {patch, archive, check, notes, log}, "Example-101.zip Example.app");
+        row("no update", [](Offer &offer) { offer.record["build"] = 100; }, {}, {"NoUpdates: Done"},
+            {"check 2", "cancel"}, "Checking NoUpdates", {check});
+        row("server gone at the check, back for the next", goneAt("/check"), {},
+            {"Error: Retry", "History: Skip"}, {"check 0", "retry", "check 1", "choice 1"},
+            "Checking Error Checking History", {check, check, notes});
+        // The page asks for them itself.
+        row("server gone at the notes", goneAt("/notes.html"), {}, {"History: Cancel"},
+            {"check 1", "choice 0"}, "Checking History", {check, ownNotes, notes});
+        row("server gone at the download", answering(Patch, {{.body = "begin", .dropAt = 2}}), {},
+            {"History: Install", "Error: Cancel"}, {"check 1", "choice 2", "download 0", "cancel"},
+            "Checking History Download Error", {patch, check, notes});
+        for (const QString path : {"/check", "/notes.html"}) // the request itself goes on
+            row("cancelled at " + path, answering(path, {Stalled}), {}, {"Checking: Cancel"},
+                {"cancel", "check 1"}, "Checking History", {check, notes});
+        row("cancelled while downloading", answering(Patch, {Stalled}), {},
+            {"History: Install", "Download: Cancel"}, {"check 1", "choice 2", "cancel"},
+            "Checking History Download", {patch, check, notes});
+        row("quiet mode", nothing, {{"mode", 1}}, {"History: Install"}, patched, "History Download Updated",
+            {patch, check, ownNotes}, patchedFiles);
+        const auto archiveWithoutIntegrity = [](Offer &offer) {
+            for (const char *key : {"patches", "sha256", "size"})
+                offer.record.remove(key);
+            offer.record["hash"] = "";
+            offer.answers[Archive] = {{.body = QByteArray(32768, ' ')}};
+        };
+        row("an archive without integrity, pinned", archiveWithoutIntegrity, pinned, {"History: Install"},
+            {"check 1", "choice 2", "download 0"}, "Checking History Download Error",
+            {archive, check, notes});
+        for (const QString key : {"hidechecking", "sheet"})
+            row("shown by the host, " + key, nothing, {{key, false}}, {"History: Skip"},
+                {"check 1", "choice 1"}, "Checking History", {check, notes});
     }
 
     void updates()
     {
         QFETCH(Flow, flow);
-        begin(flow);
+        begin(flow.config, flow.change);
         m_updater->setUpdate({{"update", "of before"}});
         check();
         QVERIFY(m_updater->update().isEmpty());
@@ -215,55 +166,45 @@ private slots:
         QCOMPARE(window.isVisible(), flow.config.isEmpty() || flow.config.contains("signers"));
         if (window.isVisible())
             QCOMPARE(window.frame().center(), window.screen()->availableGeometry().center());
-        for (const Click &click : flow.clicks)
-            QVERIFY2(clicked(click), qPrintable(click.page + u' ' + click.button));
+        for (const QString &click : flow.clicks)
+            QVERIFY2(clicked(click), qPrintable(click));
         m_server->release();
         QTRY_COMPARE_WITH_TIMEOUT(m_events, flow.events, 30'000);
-        QCOMPARE(m_pages.join(u' '), flow.pages.join(u' '));
+        QCOMPARE(m_pages.join(u' '), flow.pages);
         QTRY_COMPARE(requests().join(u'\n'), flow.requests.join(u'\n'));
         for (const TestServer::Request &request : m_server->requests())
             QVERIFY2(!request.body.contains(QFile::encodeName(m_home.path()))
                          && !request.body.contains(QFile::encodeName(m_tree.path())),
                      request.body.constData());
-        flow.staged.sort();
-        QTRY_COMPARE(staged().join(u' '), flow.staged.join(u' '));
-    }
-
-    void progressIsShown_data()
-    {
-        QTest::addColumn<TestServer::Framing>("framing");
-        QTest::addColumn<QString>("text");
-
-        QTest::newRow("size is announced") << TestServer::Framing::Length << "42% completed";
-        QTest::newRow("size is unknown") << TestServer::Framing::Close << "0% completed";
+        QTRY_COMPARE(staged().join(u' '), flow.staged);
     }
 
     void progressIsShown()
     {
-        QFETCH(TestServer::Framing, framing);
-        QFETCH(QString, text);
-        begin({.change = [=](Offer &offer) {
-            QJsonObject entry = offer.record["patches"][0].toObject();
-            entry.remove("size"); // which would stand in for what the server does not tell
-            offer.record["patches"] = QJsonArray{entry};
-            offer.answers[Patch] = {{.body = QByteArray(100, 'x'), .framing = framing, .stallAt = 42}};
-        }});
-        check();
-        QVERIFY(clicked({"history", "download"}));
-        QTRY_COMPARE_WITH_TIMEOUT(m_updater->downloadPage()->text()->text(), text, 30'000);
-        QVERIFY(!m_updater->downloadPage()->progress()->isIndeterminate());
-        QVERIFY(clicked({"download", "cancel"}));
+        for (const auto &[framing, text] : {std::pair(TestServer::Framing::Length, "42% completed"),
+                                            {TestServer::Framing::Close, "0% completed"}}) {
+            const Answer half{.body = QByteArray(100, 'x'), .framing = framing, .stallAt = 42};
+            begin({}, [&](Offer &offer) {
+                offer.changePatch({{"size", {}}}); // which would stand in for what the server does not tell
+                offer.answers[Patch] = {half};
+            });
+            check();
+            QVERIFY(clicked("History: Install"));
+            QTRY_COMPARE_WITH_TIMEOUT(m_updater->downloadPage()->text()->text(), text, 30'000);
+            QVERIFY(!m_updater->downloadPage()->progress()->isIndeterminate());
+            QVERIFY(clicked("Download: Cancel"));
+        }
     }
 
     void sheetStaysWithItsHost()
     {
-        begin({.config = {{"sheet", true}}});
+        begin({{"sheet", true}});
         QWidget host;
         host.setGeometry(50, 60, 700, 600);
         host.show();
         m_updater->window()->beginSheet(&host);
         check();
-        QVERIFY(clicked({"history", "skip"}));
+        QVERIFY(clicked("History: Skip"));
         QCOMPARE(m_updater->window()->frame(), QRect(0, 0, 500, 470));
         QCOMPARE(m_updater->window()->windowHandle()->transientParent(), host.windowHandle());
         m_updater->window()->endSheet();
@@ -271,7 +212,7 @@ private slots:
 
     void twoChecksAtOnce()
     {
-        begin({});
+        begin();
         check();
         check();
         QTRY_COMPARE_WITH_TIMEOUT(m_events, (QStringList{"check 1", "check 1"}), 30'000);
@@ -279,10 +220,10 @@ private slots:
 
     void secondUpdateRightAfterTheFirst()
     {
-        begin({});
+        begin();
         for (const int round : {1, 2}) {
             check();
-            QVERIFY(clicked({"history", "download"}));
+            QVERIFY(clicked("History: Install"));
             QTRY_COMPARE_WITH_TIMEOUT(m_events.count("download 1 Patched-100.app"), round, 30'000);
         }
         QCOMPARE(QDir(zel::stagingRoot()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 2);
@@ -292,7 +233,7 @@ private slots:
 
     void visibleWindowStaysWhereItIs()
     {
-        begin({});
+        begin();
         m_updater->window()->setFrame({7, 9, 350, 400}, false);
         m_updater->window()->show();
         check();
@@ -305,12 +246,12 @@ private slots:
     {
         ZELUpdaterView view;
         QLabel label;
-        begin({});
+        begin();
         m_updater->setDownloadView(&view);
         m_updater->setProgressText(&label);
         view.show();
         check();
-        QVERIFY(clicked({"history", "download"}));
+        QVERIFY(clicked("History: Install"));
         QTRY_VERIFY_WITH_TIMEOUT(m_events.contains("download 1 Patched-100.app"), 30'000);
         QTRY_VERIFY(view.isHidden());
         QCOMPARE(label.text(), "Preparing update");
@@ -343,21 +284,6 @@ private:
         tool({"release", m_tree.path(bundle), m_tree.path("releases"), "--notes", m_tree.path("notes.html")});
     }
 
-    /// The new build, sealed as it is, below a folder, and a link to it in the bundle's place.
-    QByteArray archiveWithLink() const
-    {
-        std::vector<ZipItem> items{ZipMaker::link("Example.app", "d/e/real")};
-        const QDir bundle(m_tree.path("101/Example.app"));
-        QDirIterator files(bundle.path(), QDir::Files, QDirIterator::Subdirectories);
-        while (files.hasNext()) {
-            const QString path = files.next();
-            items.push_back({.name = "d/e/real/" + bundle.relativeFilePath(path).toUtf8(),
-                             .data = TemporaryTree::contents(path),
-                             .mode = uint32_t(S_IFREG | TemporaryTree::mode(path))});
-        }
-        return ZipMaker::make(items);
-    }
-
     void tool(const QStringList &arguments)
     {
         QProcess process;
@@ -367,34 +293,31 @@ private:
     }
 
     /// A fresh server that offers the newest build, and an updater as after its start.
-    void begin(const Flow &flow)
+    void begin(
+        const QVariantMap &config = {}, const Change &change = [](Offer &) {})
     {
         m_server = std::make_unique<TestServer>();
-        Offer offer;
-        offer.record =
-            QJsonDocument::fromJson(m_tree.read("releases/releases.json")).array().last().toObject();
-        QJsonObject entry = offer.record["patches"][0].toObject();
-        entry["file"] = m_server->url(Patch).toString();
-        offer.record["patches"] = QJsonArray{entry};
+        const QJsonDocument feed = QJsonDocument::fromJson(m_tree.read("releases/releases.json"));
+        Offer offer{feed.array().last().toObject()};
+        offer.changePatch({{"file", m_server->url(Patch).toString()}});
         offer.record["file"] = m_server->url(Archive).toString();
         offer.record["history"] = m_server->url("/notes.html").toString();
         for (const QString path : {Patch, Archive})
             offer.answers[path] = {{.body = m_tree.read("releases" + path)}};
         offer.answers["/notes.html"] = {{.body = "<p>notes</p>", .headers = {{"Content-Type", "text/html"}}}};
         offer.answers["/check"] = {{}};
-        if (flow.change)
-            flow.change(offer);
+        change(offer);
         for (Answer &answer : offer.answers["/check"])
             answer.body = QJsonDocument(QJsonArray{offer.record}).toJson();
         for (auto i = offer.answers.cbegin(); i != offer.answers.cend(); ++i)
             m_server->answer(i.key(), i.value());
 
-        QVariantMap config{{"url", m_server->url("/check").toString()},
-                           {"build", 100},
-                           {"version", "1.0"},
-                           {"path", m_tree.path("100/Example.app")}};
-        config.insert(flow.config);
-        m_updater->setConfig(config);
+        QVariantMap all{{"url", m_server->url("/check").toString()},
+                        {"build", 100},
+                        {"version", "1.0"},
+                        {"path", m_tree.path("100/Example.app")}};
+        all.insert(config);
+        m_updater->setConfig(all);
         m_updater->cleanup();
         m_updater->window()->hide();
         m_events.clear();
@@ -416,12 +339,6 @@ private:
         });
     }
 
-    void retry()
-    {
-        m_events += "retry";
-        check();
-    }
-
     void chosen(qint64 choice)
     {
         m_events += QString("choice %1").arg(choice);
@@ -436,39 +353,29 @@ private:
         });
     }
 
-    bool clicked(const Click &click)
+    /// Clicks on a button of a page, named as in "Error: Retry", once that page is shown.
+    bool clicked(const QString &click)
     {
-        const QMap<QString, ZELUpdaterButton *> buttons{
-            {"checking cancel", m_updater->checkingPage()->cancelButton()},
-            {"download cancel", m_updater->downloadPage()->cancelButton()},
-            {"noUpdates cancel", m_updater->noUpdatesPage()->cancelButton()},
-            {"updated cancel", m_updater->updatedPage()->cancelButton()},
-            {"error cancel", m_updater->errorPage()->cancelButton()},
-            {"error retry", m_updater->errorPage()->retryButton()},
-            {"history download", m_updater->historyPage()->downloadButton()},
-            {"history skip", m_updater->historyPage()->skipButton()},
-            {"history later", m_updater->historyPage()->laterButton()},
-        };
-        ZELUpdaterButton *button = buttons[click.page + ' ' + click.button];
-        const auto isShown = [&] { return pageName(m_updater->currentPage()) == click.page; };
-        if (!QTest::qWaitFor(isShown, 30'000))
-            return false;
+        const QString page = click.section(": ", 0, 0);
         // A request that is to be cancelled must have been sent.
-        if (!m_server->waitForRequests(click.page == "download" ? 3 : 1))
+        if (!QTest::qWaitFor([&] { return pageName(m_updater->currentPage()) == page; }, 30'000)
+            || !m_server->waitForRequests(page == "Download" ? 3 : 1))
             return false;
         m_updater->window()->show();
-        QTest::mouseClick(button, Qt::LeftButton);
-        return true;
+        for (ZELUpdaterButton *button : m_updater->currentPage()->findChildren<ZELUpdaterButton *>()) {
+            if (button->label() != click.section(": ", 1))
+                continue;
+            QTest::mouseClick(button, Qt::LeftButton);
+            return true;
+        }
+        return false;
     }
 
-    QString pageName(QObject *page) const
+    /// "Checking" for a ZELUpdaterCheckingPage; nothing for what is no page.
+    static QString pageName(const QObject *object)
     {
-        const QMap<QObject *, QString> names{
-            {m_updater->checkingPage(), "checking"},   {m_updater->historyPage(), "history"},
-            {m_updater->downloadPage(), "download"},   {m_updater->errorPage(), "error"},
-            {m_updater->noUpdatesPage(), "noUpdates"}, {m_updater->updatedPage(), "updated"},
-        };
-        return names[page];
+        const QString type = object ? object->metaObject()->className() : "";
+        return type.endsWith("Page") ? type.sliced(10).chopped(4) : QString();
     }
 
     QStringList requests() const
@@ -480,21 +387,14 @@ private:
         return result;
     }
 
+    // What is built lies in a folder of its own.
     static QStringList staged()
     {
         QStringList result;
-        for (const QFileInfo &folder :
-             QDir(zel::stagingRoot()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot))
-            result += QDir(folder.filePath()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
-        // What is built lies in a folder of its own.
-        for (const QFileInfo &folder :
-             QDir(zel::stagingRoot()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-            for (const QFileInfo &built :
-                 QDir(folder.filePath()).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-                result.removeOne(built.fileName());
-                result += QDir(built.filePath()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
-            }
-        }
+        const auto all = QDir::AllEntries | QDir::NoDotAndDotDot;
+        for (const QFileInfo &folder : QDir(zel::stagingRoot()).entryInfoList(all))
+            for (const QFileInfo &item : QDir(folder.filePath()).entryInfoList(all))
+                result += item.isDir() ? QDir(item.filePath()).entryList(all) : QStringList(item.fileName());
         result.sort();
         return result;
     }
