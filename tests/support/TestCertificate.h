@@ -9,7 +9,8 @@ struct TestCertificate {
     QString fingerprint; ///< SHA-256 of the certificate, as upper-case pairs with colons between
 };
 
-/// Makes a key, as the words after `openssl req -newkey` say, with a self-signed certificate for `name` and for
-/// a server on loopback, as `name.key` and `name.crt` in the folder. A test that cannot have them ends here.
+/// Makes a key, as the words after `openssl req -newkey` say, with a self-signed certificate for `name` and
+/// for a server on loopback, as `name.key` and `name.crt` in the folder. A test that cannot have them ends
+/// here.
 TestCertificate makeTestCertificate(const QString &folder, const QString &name,
                                     const QStringList &key = {"ec", "-pkeyopt", "ec_paramgen_curve:P-256"});
