@@ -42,34 +42,34 @@ int renamed(int fromFolder, const char *from, int toFolder, const char *to, unsi
 
 } // namespace
 
-// These take the place of the system's in this program, for the C++ library as well.
+// These take the place of the system's in this program. They are exported for the C++ library's calls.
 
-extern "C" int rename(const char *from, const char *to) noexcept
+extern "C" Q_DECL_EXPORT int rename(const char *from, const char *to) noexcept
 {
     return renamed(AT_FDCWD, from, AT_FDCWD, to, 0);
 }
 
-extern "C" int renameat2(int fromFolder, const char *from, int toFolder, const char *to,
-                         unsigned flags) noexcept
+extern "C" Q_DECL_EXPORT int renameat2(int fromFolder, const char *from, int toFolder, const char *to,
+                                       unsigned flags) noexcept
 {
     if (fault.canExchange)
         return renamed(fromFolder, from, toFolder, to, flags);
-    errno = EINVAL;
+    errno = fault.error == ENOSYS ? ENOSYS : EINVAL; // as systems say it in different words
     return -1;
 }
 
-extern "C" int syncfs(int) noexcept
+extern "C" Q_DECL_EXPORT int syncfs(int) noexcept
 {
     return fails() ? -1 : 0;
 }
 
-extern "C" dirent *readdir(DIR *folder)
+extern "C" Q_DECL_EXPORT dirent *readdir(DIR *folder)
 {
     static const auto real = reinterpret_cast<dirent *(*)(DIR *)>(dlsym(RTLD_NEXT, "readdir"));
     return fails() ? nullptr : real(folder);
 }
 
-extern "C" int mkdir(const char *path, mode_t mode) noexcept
+extern "C" Q_DECL_EXPORT int mkdir(const char *path, mode_t mode) noexcept
 {
     return fails() ? -1 : int(::syscall(SYS_mkdirat, AT_FDCWD, path, mode));
 }
