@@ -23,6 +23,8 @@ HostConfig HostConfig::fromMap(const QVariantMap &map)
             .build = valueUnder(key::Build, map),
             .version = valueUnder(key::Version, map),
             .signers = valueUnder(key::Signers, map),
+            .threshold = valueUnder(key::Threshold, map),
+            .issued = valueUnder(key::Issued, map),
             .acceptsBeta = map.contains(key::Beta),
             .isInteractive = integerValue(map[key::Mode]) == 0,
             .hostShowsWindow = map.contains(key::Sheet) || map.contains(key::HideChecking)};

@@ -16,11 +16,16 @@ struct HostConfig {
     std::optional<QVariant> build = {}; ///< nothing where it is missing
     std::optional<QVariant> version = {}; ///< likewise
     std::optional<QVariant> signers = {}; ///< likewise; `pinnedSigners` reads it
+    std::optional<QVariant> threshold = {}; ///< likewise
+    std::optional<QVariant> issued = {}; ///< likewise; the latest "issued" that the host has seen
     bool acceptsBeta = false; ///< by the key's presence, whatever its value
     bool isInteractive = true; ///< "mode" is 0 or missing: a check shows its pages
     bool hostShowsWindow = false; ///< by the presence of "sheet" or "hidechecking"
 
     static HostConfig fromMap(const QVariantMap &map);
+
+    /// Whether new builds must be somebody's: `pinnedSigners` tells whose.
+    bool isPinned() const { return signers || threshold; }
 
     /// The installed build by `integerValue`; 0 where it is missing.
     qint64 buildNumber() const;

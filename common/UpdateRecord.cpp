@@ -33,7 +33,7 @@ std::optional<QString> textUnder(const QString &name, const QVariantMap &map)
 }
 
 // A whole number as JSON has it. Deliberate: a text is no size, although it is a build.
-std::optional<qint64> sizeUnder(const QString &name, const QVariantMap &map)
+std::optional<qint64> countUnder(const QString &name, const QVariantMap &map)
 {
     const auto value = map.constFind(name);
     if (value == map.constEnd())
@@ -55,7 +55,7 @@ OfferedFile fileFrom(const QVariantMap &map)
             map[key::File].toString(),
             isText(hash) ? std::optional(hash.toString()) : std::nullopt,
             textUnder(key::SHA256, map),
-            sizeUnder(key::Size, map),
+            countUnder(key::Size, map),
             map};
 }
 
@@ -106,7 +106,28 @@ UpdateRecord UpdateRecord::fromMap(const QVariantMap &map)
     record.isBeta = map.contains(key::Beta);
     record.isPatchOnly = map.contains(key::PatchOnly);
     record.patches = patchesFrom(map[key::Patches].toList());
+    record.identifier = textUnder(key::Identifier, map).value_or(QString());
+    record.historySHA256 = textUnder(key::HistorySHA256, map).value_or(QString());
+    record.issued = qMax(countUnder(key::Issued, map).value_or(0), qint64(0));
+    record.expires = qMax(countUnder(key::Expires, map).value_or(0), qint64(0));
     return record;
+}
+
+UpdateRecord UpdateRecord::resolvedAgainst(const QUrl &base) const
+{
+    const auto resolved = [&base](QVariantMap entry) {
+        for (const QLatin1String name : {key::File, key::History}) {
+            if (entry.contains(name))
+                entry[name] = base.resolved(QUrl(entry[name].toString())).toString(QUrl::FullyEncoded);
+        }
+        return entry;
+    };
+    QVariantMap map = resolved(received);
+    QVariantList entries;
+    for (const PatchEntry &patch : patches)
+        entries.append(resolved(patch.received));
+    map[key::Patches] = entries;
+    return fromMap(map);
 }
 
 QJsonObject UpdateRecord::toJson() const
@@ -125,6 +146,13 @@ QJsonObject UpdateRecord::toJson() const
         record[key::PatchOnly] = true;
     if (!history.isEmpty())
         record[key::History] = history;
+    if (!historySHA256.isEmpty())
+        record[key::HistorySHA256] = historySHA256;
+    if (issued > 0) {
+        record[key::Identifier] = identifier;
+        record[key::Issued] = issued;
+        record[key::Expires] = expires;
+    }
     return record;
 }
 
@@ -135,6 +163,8 @@ CheckResult CheckResult::fromMap(const QVariantMap &map)
         result.update = UpdateRecord::fromMap(map[key::Update].toMap());
     if (map.contains(key::Patch))
         result.patch = PatchEntry::fromMap(map[key::Patch].toMap());
+    if (map.contains(key::Issued))
+        result.issued = countUnder(key::Issued, map);
     return result;
 }
 
@@ -145,6 +175,8 @@ QVariantMap CheckResult::toMap() const
         map[key::Update] = update->received;
     if (patch)
         map[key::Patch] = patch->received;
+    if (issued)
+        map[key::Issued] = *issued;
     return map;
 }
 

@@ -18,11 +18,15 @@ namespace key {
 inline constexpr QLatin1String Arch("arch");
 inline constexpr QLatin1String Beta("beta");
 inline constexpr QLatin1String Build("build");
+inline constexpr QLatin1String Expires("expires");
 inline constexpr QLatin1String File("file");
 inline constexpr QLatin1String Hash("hash");
 inline constexpr QLatin1String HideChecking("hidechecking");
 inline constexpr QLatin1String History("history");
+inline constexpr QLatin1String HistorySHA256("historysha256");
 inline constexpr QLatin1String Html("html");
+inline constexpr QLatin1String Identifier("identifier");
+inline constexpr QLatin1String Issued("issued");
 inline constexpr QLatin1String Log("log");
 inline constexpr QLatin1String Major("major");
 inline constexpr QLatin1String Minor("minor");
@@ -37,8 +41,10 @@ inline constexpr QLatin1String Platform("platform");
 inline constexpr QLatin1String Server("server");
 inline constexpr QLatin1String SHA256("sha256");
 inline constexpr QLatin1String Sheet("sheet");
+inline constexpr QLatin1String Signed("signed");
 inline constexpr QLatin1String Signers("signers");
 inline constexpr QLatin1String Size("size");
+inline constexpr QLatin1String Threshold("threshold");
 inline constexpr QLatin1String Update("update");
 inline constexpr QLatin1String Url("url");
 inline constexpr QLatin1String Version("version");
@@ -81,7 +87,17 @@ struct UpdateRecord : OfferedFile {
     bool isPatchOnly = false; ///< offered only where one of the patches starts from what is installed
     QList<PatchEntry> patches = {}; ///< in the record's order, without what is no object
 
+    // Of signed records. What is missing, or of another type, is null or 0, and accepted nowhere.
+    QString identifier = {}; ///< of the application
+    QString historySHA256 = {}; ///< of the release notes
+    qint64 issued = 0; ///< when it was signed: seconds since 1970, UTC
+    qint64 expires = 0; ///< from when on it is worth nothing; likewise
+
     static UpdateRecord fromMap(const QVariantMap &map);
+
+    /// The record with addresses that stand by themselves, resolved against the one that it came from, in
+    /// `received` too.
+    UpdateRecord resolvedAgainst(const QUrl &base) const;
 
     /// Of a record that is made here, for a feed: what was `received` is not looked at.
     QJsonObject toJson() const;
@@ -91,6 +107,8 @@ struct UpdateRecord : OfferedFile {
 struct CheckResult {
     std::optional<UpdateRecord> update = {};
     std::optional<PatchEntry> patch = {};
+    std::optional<qint64> issued =
+        {}; ///< of the newest record that was verified, whether it is offered or not
 
     /// A value that is no map is read as an empty one: an offer, but of nothing that could be had.
     static CheckResult fromMap(const QVariantMap &map);

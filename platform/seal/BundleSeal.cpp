@@ -183,7 +183,7 @@ ZELError verifyAll(const QString &bundle, const SignerPins &pins)
     return verifyNested(folder, found, budget);
 }
 
-ZELError makeSeal(const BundleFolder &folder, const Signer &signer, Seal &seal)
+ZELError makeSeal(const BundleFolder &folder, const QList<Signer> &signers, Seal &seal)
 {
     SealedItems items;
     SealBudget budget;
@@ -200,7 +200,7 @@ ZELError makeSeal(const BundleFolder &folder, const Signer &signer, Seal &seal)
     seal.resources = toPropertyList(items);
     if (seal.resources.size() > MaxResourcesSize)
         return ZELError::withMessage(QStringLiteral("it has too many items"));
-    return signer.sign(seal.resources, seal.signature);
+    return signWith(signers, seal.resources, SignatureKind::Detached, seal.signature);
 }
 
 // A link here would lead the new seal out of the bundle.
@@ -253,13 +253,17 @@ ZELError because(const QString &what, const QString &bundle, const ZELError &rea
 
 ZELError sealBundle(const QString &bundle, const QString &keyFile, const QString &certificateFile)
 {
-    const QString attempt = QStringLiteral("cannot seal");
     Signer signer;
+    const ZELError error = signer.load(keyFile, certificateFile);
+    return error ? because(QStringLiteral("cannot seal"), bundle, error) : sealBundle(bundle, {signer});
+}
+
+ZELError sealBundle(const QString &bundle, const QList<Signer> &signers)
+{
+    const QString attempt = QStringLiteral("cannot seal");
     BundleFolder folder;
     SealFolder sealFolder;
     Seal seal;
-    if (const ZELError error = signer.load(keyFile, certificateFile))
-        return because(attempt, bundle, error);
     if (const ZELError error = folder.open(bundle))
         return because(attempt, bundle, error);
     const QString sealPath = bundle + u'/' + QFile::decodeName(SealedBundle(folder).sealPath());
@@ -267,7 +271,7 @@ ZELError sealBundle(const QString &bundle, const QString &keyFile, const QString
     if (!error)
         error = sealFolder.open(sealPath);
     if (!error)
-        error = makeSeal(folder, signer, seal);
+        error = makeSeal(folder, signers, seal);
     if (!error)
         error = replaceSeal(bundle, sealFolder, seal);
     if (error)

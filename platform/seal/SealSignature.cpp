@@ -1,21 +1,26 @@
-// Detached signatures, made and verified by OpenSSL, which is asked for the mathematics alone. What makes a
-// signature acceptable is decided here, before anything expensive is computed: a stranger's signature could
-// name thousands of digests or signers, keys of any length, or digests that are broken, and the library would
-// work through them all. Hence the order in `verifySignature`: the shape of the structure, then the keys,
-// then the signatures themselves, and the pins last, over certificates whose signatures have verified.
-// Certificates are containers of keys and names here and no more: nobody's authority, purpose or date is
-// asked, since a seal must stay valid for as long as the bundle is used. Trust comes from where the update
-// was announced, or from pinned fingerprints (SealSigners.h).
+// Signatures, made and verified by OpenSSL, which is asked for the mathematics alone. What makes a signature
+// acceptable is decided here, before anything expensive is computed: a stranger's signature could name
+// thousands of digests or signers, keys of any length, or digests that are broken, and the library would work
+// through them all. Hence the order in `verify`: the shape of the structure, then the keys, then the
+// signatures themselves, and the pins last, over certificates whose signatures have verified. Without pins
+// certificates are containers of keys and names and no more; with them SignerCertificate.h says what counts.
+//
+// Signers are counted by their keys. Two certificates of one key are one signer, or a publisher who pins an
+// old certificate beside its renewal would let one stolen key reach a threshold of two.
 #include "SealSignature.h"
+
+#include "SignerCertificate.h"
 
 #include <QFile>
 
-#include <openssl/bn.h>
+#include <ctime>
 #include <openssl/cms.h>
-#include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <set>
+
+namespace zel {
 
 namespace {
 
@@ -24,14 +29,15 @@ constexpr int MaxSigners = 8; // and digests; a seal has one
 
 struct Free {
     void operator()(BIO *memory) const { BIO_free(memory); }
-    void operator()(BIGNUM *number) const { BN_free(number); }
     void operator()(CMS_ContentInfo *cms) const { CMS_ContentInfo_free(cms); }
     void operator()(X509_ALGOR *algorithm) const { X509_ALGOR_free(algorithm); }
+    void operator()(ASN1_TIME *time) const { ASN1_TIME_free(time); }
     void operator()(STACK_OF(X509) * certificates) const { sk_X509_free(certificates); } // not what is in it
 };
 using Bio = std::unique_ptr<BIO, Free>;
 using Cms = std::unique_ptr<CMS_ContentInfo, Free>;
 using Algorithm = std::unique_ptr<X509_ALGOR, Free>;
+using Time = std::unique_ptr<ASN1_TIME, Free>;
 using Certificates = std::unique_ptr<STACK_OF(X509), Free>;
 
 Bio readerOf(const QByteArray &bytes)
@@ -61,31 +67,6 @@ ZELError readPem(const QString &path, QByteArray &pem)
 int noPassphrase(char *, int, int, void *)
 {
     return -1;
-}
-
-bool hasShortExponent(const EVP_PKEY *key)
-{
-    constexpr int longest = 32; // bits; nearly all have 17
-    BIGNUM *exponent = nullptr;
-    EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &exponent);
-    const std::unique_ptr<BIGNUM, Free> owner(exponent);
-    return exponent && BN_num_bits(exponent) <= longest;
-}
-
-// One rule for those who seal and for those who verify. Keys that sign a digest of their own choice (Ed25519)
-// do not fit signatures over SHA-2; DSA is of the past. What lies beyond the upper bounds takes ten times as
-// long to verify as what is in use: a second signature of a hostile bundle after the other.
-bool canSeal(const EVP_PKEY *key)
-{
-    const int bits = key ? EVP_PKEY_get_bits(key) : 0;
-    switch (key ? EVP_PKEY_get_base_id(key) : EVP_PKEY_NONE) {
-    case EVP_PKEY_EC:
-        return bits >= 224 && bits <= 521;
-    case EVP_PKEY_RSA:
-        return bits >= 2048 && bits <= 8192 && hasShortExponent(key);
-    default:
-        return false;
-    }
 }
 
 bool isStrong(const X509_ALGOR *digest)
@@ -120,6 +101,7 @@ public:
         return there;
     }
     bool atEnd() const { return m_at == m_end; }
+    QByteArray bytes() const { return {reinterpret_cast<const char *>(m_at), qsizetype(m_end - m_at)}; }
     X509_ALGOR *algorithm() { return d2i_X509_ALGOR(nullptr, &m_at, long(m_end - m_at)); }
 
 private:
@@ -141,14 +123,20 @@ private:
     const unsigned char *m_end;
 };
 
+// Into the parts that all signatures begin with, up to the digests.
+bool enterSignedData(DerReader &reader)
+{
+    return reader.enter(V_ASN1_SEQUENCE) && reader.skip(V_ASN1_OBJECT) && reader.enter(0)
+        && reader.enter(V_ASN1_SEQUENCE) && reader.skip(V_ASN1_INTEGER);
+}
+
 // Whether the digests that a signature announces for all its signers are few and strong. The library shows
 // them to nobody, runs the content through each of them, were they thousands, and loses memory over one that
 // it does not know.
 bool announcesStrongDigests(const QByteArray &signature)
 {
     DerReader reader(signature);
-    const bool found = reader.enter(V_ASN1_SEQUENCE) && reader.skip(V_ASN1_OBJECT) && reader.enter(0)
-        && reader.enter(V_ASN1_SEQUENCE) && reader.skip(V_ASN1_INTEGER) && reader.enter(V_ASN1_SET);
+    const bool found = enterSignedData(reader) && reader.enter(V_ASN1_SET);
     int count = 0;
     for (; found && !reader.atEnd(); ++count) {
         const Algorithm digest(reader.algorithm());
@@ -159,10 +147,11 @@ bool announcesStrongDigests(const QByteArray &signature)
 }
 
 // What the library would let pass.
-ZELError checkShape(CMS_ContentInfo *cms, const QByteArray &signature, int mostSigners)
+ZELError checkShape(CMS_ContentInfo *cms, const QByteArray &signature, bool isDetached, int mostSigners)
 {
-    if (!CMS_is_detached(cms))
-        return failure(QStringLiteral("the signature is not detached"));
+    if (bool(CMS_is_detached(cms)) != isDetached)
+        return failure(isDetached ? QStringLiteral("the signature is not detached")
+                                  : QStringLiteral("the signature holds nothing"));
     STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
     const int count = sk_CMS_SignerInfo_num(signers);
     if (count < 1 || count > mostSigners)
@@ -185,50 +174,98 @@ ZELError checkKeys(CMS_ContentInfo *cms)
     for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
         EVP_PKEY *key = nullptr;
         CMS_SignerInfo_get0_algs(sk_CMS_SignerInfo_value(signers, i), &key, nullptr, nullptr, nullptr);
-        if (key && !canSeal(key))
+        if (key && !canSign(key))
             return failure(
                 QStringLiteral("the signer's key is too weak, too long, or of another kind than RSA and EC"));
     }
     return {};
 }
 
-QString subjectOf(const X509 *certificate)
+// The time that a signer gives, if any.
+const ASN1_TIME *signingTime(CMS_SignerInfo *signer)
 {
-    const std::unique_ptr<BIO, decltype(&BIO_free)> text(BIO_new(BIO_s_mem()), BIO_free);
-    X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0,
-                       XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB);
+    X509_ATTRIBUTE *attribute =
+        CMS_signed_get_attr(signer, CMS_signed_get_attr_by_NID(signer, NID_pkcs9_signingTime, -1));
+    const ASN1_TYPE *value = X509_ATTRIBUTE_get0_type(attribute, 0);
+    const bool isTime = value && (value->type == V_ASN1_UTCTIME || value->type == V_ASN1_GENERALIZEDTIME);
+    return isTime ? value->value.utctime : nullptr;
+}
+
+QStringList normalPins(const QStringList &fingerprints)
+{
+    QStringList pins;
+    for (const QString &fingerprint : fingerprints) {
+        if (const std::optional<QString> pin = normalFingerprint(fingerprint))
+            pins.append(*pin);
+    }
+    return pins;
+}
+
+// Of a signature that verifies; signers whose own times count, unless one is given.
+ZELError checkPins(CMS_ContentInfo *cms, const AcceptedSigners &accepted, const ASN1_TIME *issued)
+{
+    const QStringList pins = normalPins(accepted.fingerprints);
+    std::set<QByteArray> keys;
+    ZELError unsuitable;
+    STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
+    for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
+        CMS_SignerInfo *signer = sk_CMS_SignerInfo_value(signers, i);
+        X509 *certificate = nullptr;
+        CMS_SignerInfo_get0_algs(signer, nullptr, &certificate, nullptr, nullptr);
+        if (!certificate || !pins.contains(fingerprintOf(certificate)))
+            continue;
+        if (const ZELError error = checkSigner(certificate, issued ? issued : signingTime(signer)))
+            unsuitable = error;
+        else
+            keys.insert(keyDigestOf(certificate));
+    }
+    ERR_clear_error();
+    if (accepted.threshold >= 1 && qint64(keys.size()) >= accepted.threshold)
+        return {};
+    if (unsuitable)
+        return unsuitable;
+    if (keys.empty())
+        return ZELError::withMessage(QStringLiteral("the signer is not one of those that are pinned"));
+    return ZELError::withMessage(QStringLiteral("%1 of the pinned signers signed, needed are %2")
+                                     .arg(keys.size())
+                                     .arg(qMax(accepted.threshold, qint64(2))));
+}
+
+// Whether every signer's signature verifies: over `content`, or over what is inside where there is none.
+// `cms` receives the structure, with each signer's certificate found.
+ZELError verify(const QByteArray &signature, const QByteArray *content, int *signersLeft, Cms &cms)
+{
+    const auto *at = reinterpret_cast<const unsigned char *>(signature.constData());
+    const auto *end = at + signature.size();
+    cms.reset(d2i_CMS_ContentInfo(nullptr, &at, long(signature.size())));
+    if (!cms || at != end)
+        return failure(QStringLiteral("the signature file is malformed"));
+    const int mostSigners = signersLeft ? qMin(MaxSigners, *signersLeft) : MaxSigners;
+    if (const ZELError error = checkShape(cms.get(), signature, content, mostSigners))
+        return error;
+    if (signersLeft)
+        *signersLeft -= sk_CMS_SignerInfo_num(CMS_get0_SignerInfos(cms.get()));
+    if (const ZELError error = checkKeys(cms.get()))
+        return error;
+    constexpr unsigned int flags = CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY;
+    const Bio reader = content ? readerOf(*content) : Bio();
+    if (content) {
+        return CMS_verify(cms.get(), nullptr, nullptr, reader.get(), nullptr, flags | CMS_DETACHED) == 1
+            ? ZELError()
+            : failure(QStringLiteral("the signature does not verify"));
+    }
+    const Bio verified(BIO_new(BIO_s_mem()));
     char *bytes = nullptr;
-    const long size = BIO_get_mem_data(text.get(), &bytes);
-    return QString::fromUtf8(bytes, size);
-}
-
-QString fingerprintOf(const X509 *certificate)
-{
-    QByteArray digest(EVP_MAX_MD_SIZE, Qt::Uninitialized);
-    unsigned int size = 0;
-    X509_digest(certificate, EVP_sha256(), reinterpret_cast<unsigned char *>(digest.data()), &size);
-    return QString::fromLatin1(digest.left(size).toHex());
-}
-
-// The pins may be in any form that `normalFingerprint` reads.
-bool hasPinnedSigner(CMS_ContentInfo *signature, const QStringList &pins)
-{
-    QStringList accepted;
-    for (const QString &pin : pins) {
-        if (const std::optional<QString> readable = zel::normalFingerprint(pin))
-            accepted.append(*readable);
-    }
-    const Certificates signers(CMS_get0_signers(signature));
-    for (int i = 0; i < sk_X509_num(signers.get()); ++i) {
-        if (accepted.contains(fingerprintOf(sk_X509_value(signers.get(), i))))
-            return true;
-    }
-    return false;
+    if (CMS_verify(cms.get(), nullptr, nullptr, nullptr, verified.get(), flags) != 1)
+        return failure(QStringLiteral("the signature does not verify"));
+    // Two readers of one structure must not see two contents.
+    const long size = BIO_get_mem_data(verified.get(), &bytes);
+    return contentOf(signature) == QByteArrayView(bytes, size)
+        ? ZELError()
+        : failure(QStringLiteral("the signature file is malformed"));
 }
 
 } // namespace
-
-namespace zel {
 
 ZELError Signer::load(const QString &keyFile, const QString &certificateFile)
 {
@@ -245,23 +282,29 @@ ZELError Signer::load(const QString &keyFile, const QString &certificateFile)
                      X509_free};
     if (!m_certificate)
         return failure(certificateFile + QLatin1String(" holds no certificate in PEM"));
-    if (!canSeal(m_key.get()))
+    if (!canSign(m_key.get()))
         return ZELError::withMessage(
             keyFile
             + QLatin1String(" holds a key of a kind that cannot seal: it takes an RSA key of "
                             "2048 to 8192 bits, or an EC key (P-256, P-384, P-521)"));
     if (X509_check_private_key(m_certificate.get(), m_key.get()) != 1)
         return failure(certificateFile + QLatin1String(" is not the certificate of the key in ") + keyFile);
-    return {};
+    const Time now(ASN1_TIME_set(nullptr, std::time(nullptr)));
+    const ZELError error = checkSigner(m_certificate.get(), now.get());
+    return error ? ZELError::withMessage(certificateFile + QLatin1String(": ") + error.message) : ZELError();
 }
 
-ZELError Signer::sign(const QByteArray &content, QByteArray &signature) const
+ZELError signWith(const QList<Signer> &signers, const QByteArray &content, SignatureKind kind,
+                  QByteArray &signature)
 {
-    constexpr unsigned int flags = CMS_DETACHED | CMS_BINARY | CMS_PARTIAL | CMS_NOSMIMECAP;
+    const unsigned int flags = CMS_BINARY | CMS_PARTIAL | CMS_NOSMIMECAP
+        | (kind == SignatureKind::Detached ? unsigned(CMS_DETACHED) : 0);
     const Bio reader = readerOf(content);
     const Cms cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags));
-    if (!cms || !CMS_add1_signer(cms.get(), m_certificate.get(), m_key.get(), EVP_sha256(), flags)
-        || CMS_final(cms.get(), reader.get(), nullptr, flags) != 1)
+    bool added = cms && !signers.isEmpty() && signers.size() <= MaxSigners;
+    for (const Signer &signer : signers)
+        added = added && CMS_add1_signer(cms.get(), signer.certificate(), signer.key(), EVP_sha256(), flags);
+    if (!added || CMS_final(cms.get(), reader.get(), nullptr, flags) != 1)
         return failure(QStringLiteral("cannot sign"));
     unsigned char *der = nullptr;
     const int size = i2d_CMS_ContentInfo(cms.get(), &der);
@@ -275,25 +318,29 @@ ZELError Signer::sign(const QByteArray &content, QByteArray &signature) const
 ZELError verifySignature(const QByteArray &content, const QByteArray &signature, const SignerPins &pins,
                          int *signersLeft)
 {
-    const auto *at = reinterpret_cast<const unsigned char *>(signature.constData());
-    const auto *end = at + signature.size();
-    const Cms cms(d2i_CMS_ContentInfo(nullptr, &at, long(signature.size())));
-    if (!cms || at != end)
-        return failure(QStringLiteral("the signature file is malformed"));
-    if (const ZELError error =
-            checkShape(cms.get(), signature, signersLeft ? qMin(MaxSigners, *signersLeft) : MaxSigners))
-        return error;
-    if (signersLeft)
-        *signersLeft -= sk_CMS_SignerInfo_num(CMS_get0_SignerInfos(cms.get()));
-    if (const ZELError error = checkKeys(cms.get()))
-        return error;
-    constexpr unsigned int flags = CMS_DETACHED | CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY;
-    const Bio reader = readerOf(content);
-    if (CMS_verify(cms.get(), nullptr, nullptr, reader.get(), nullptr, flags) != 1)
-        return failure(QStringLiteral("the signature does not verify"));
-    if (pins && !hasPinnedSigner(cms.get(), *pins))
-        return failure(QStringLiteral("the signer is not one of those that are pinned"));
-    return {};
+    Cms cms;
+    ZELError error = verify(signature, &content, signersLeft, cms);
+    if (!error && pins)
+        error = checkPins(cms.get(), *pins, nullptr);
+    return error;
+}
+
+ZELError verifyMessage(const QByteArray &message, const AcceptedSigners &accepted, qint64 issued)
+{
+    Cms cms;
+    const Time when(ASN1_TIME_set(nullptr, time_t(issued)));
+    ZELError error = verify(message, nullptr, nullptr, cms);
+    if (!error)
+        error = checkPins(cms.get(), accepted, when.get());
+    return error;
+}
+
+QByteArray contentOf(const QByteArray &message)
+{
+    DerReader reader(message);
+    const bool found = enterSignedData(reader) && reader.skip(V_ASN1_SET) && reader.enter(V_ASN1_SEQUENCE)
+        && reader.skip(V_ASN1_OBJECT) && reader.enter(0) && reader.enter(V_ASN1_OCTET_STRING);
+    return found ? reader.bytes() : QByteArray();
 }
 
 QList<SealSigner> namedSigners(const QByteArray &signature)

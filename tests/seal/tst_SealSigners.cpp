@@ -1,4 +1,4 @@
-#include "seal/SealSigners.h"
+#include "seal/ConfiguredSigners.h"
 #include "support/Case.h"
 #include "support/LogCapture.h"
 
@@ -55,11 +55,30 @@ private slots:
             const LogCapture capture;
             const SignerPins read = pinnedSigners(HostConfig::fromMap({{"signers", value}}));
             QVERIFY(read);
-            QCOMPARE(*read, pins);
+            QCOMPARE(read->fingerprints, pins);
             const QString logged = capture.lines("zel.updater").join(u'\n');
             QVERIFY2(logged.contains(named), qPrintable(logged));
             QCOMPARE(logged.isEmpty(), named.isEmpty() && !pins.isEmpty());
             QVERIFY(!pinnedSigners(HostConfig::fromMap({{"signer", value}})));
+        }
+    }
+
+    // How many must sign; what is no count accepts nobody, and pins by being there.
+    void thresholds()
+    {
+        for (const auto &[value, count] : {std::pair(QVariant(2), 2),
+                                           {QVariant("3"), 3},
+                                           {QVariant(1.0), 1},
+                                           {QVariant(0), 0},
+                                           {QVariant(-1), 0},
+                                           {QVariant(1.5), 0},
+                                           {QVariant(true), 0},
+                                           {QVariant("all"), 0},
+                                           {QVariant(), 0},
+                                           {QVariant(1e18), 0}}) {
+            const SignerPins read = pinnedSigners(HostConfig::fromMap({{"threshold", value}}));
+            QVERIFY(read && read->fingerprints.isEmpty());
+            QCOMPARE(read->threshold, count);
         }
     }
 };
