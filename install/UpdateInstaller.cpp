@@ -112,7 +112,7 @@ void UpdateInstaller::downloadUpdate(ZELDownloadCompletion completion)
             completion(status, path);
     };
     const auto job = UpdateJob::create(
-        {CheckResult::fromMap(offer), settings.installedBundle, settings.stagingRoot, settings.signers},
+        {CheckResult::fromMap(offer), settings.installedBundle, settings.stagingRoot, settings.policy},
         std::move(hooks), ended);
     *handle = job;
     setTask(job);
@@ -138,18 +138,29 @@ void UpdateInstaller::dropPatch(const QVariantMap &offer)
         m_update = withoutPatch(m_update);
 }
 
-BuildInputs UpdateInstaller::buildInputs() const
+// What a step works from, and which of it can be relied on.
+ZELError UpdateInstaller::prepare(BuildInputs &inputs, CheckResult &offer) const
 {
     const Settings settings = this->settings();
-    const CheckResult offer = CheckResult::fromMap(update());
-    return {.installedBundle = settings.installedBundle,
-            .signers = settings.signers,
-            .announcedBuild = offer.update ? offer.update->build : 0};
+    const ZELError error = trustedOffer(CheckResult::fromMap(update()), settings.policy, offer);
+    inputs = {.installedBundle = settings.installedBundle,
+              .signers = settings.policy ? SignerPins(settings.policy->signers) : std::nullopt,
+              .announcedBuild = offer.update ? offer.update->build : 0};
+    return error;
 }
 
 void UpdateInstaller::handleUpdate(const QString &payload, ZELInstallCompletion completion)
 {
-    const UnpackedBundle bundle = unpackUpdate(payload, temporaryDirectory(), buildInputs());
+    BuildInputs inputs;
+    CheckResult offer;
+    UnpackedBundle bundle;
+    ZELError error = prepare(inputs, offer);
+    if (!error && inputs.signers)
+        error = checkPayload(payload, *offer.update, true);
+    if (error)
+        systemLog(error.message);
+    else
+        bundle = unpackUpdate(payload, temporaryDirectory(), inputs);
     if (!bundle.unpacked)
         sweepStaging(settings().stagingRoot);
     onMainQueue([bundle, completion = std::move(completion)] {
@@ -162,12 +173,22 @@ void UpdateInstaller::handlePatch(const QString &payload, ZELInstallCompletion c
     DDLogInfo(QStringLiteral("verifying patch"));
     if (m_hooks.preparing)
         m_hooks.preparing();
-    const CheckResult offer = CheckResult::fromMap(update());
-    const qint64 build = offer.patch ? offer.patch->build : 0;
-    onGlobalQueue([self = shared_from_this(), inputs = buildInputs(), staging = temporaryDirectory(), build,
-                   payload, completion = std::move(completion)]() mutable {
+    BuildInputs inputs;
+    CheckResult offer;
+    ZELError error = prepare(inputs, offer);
+    if (!error && inputs.signers && !offer.patch)
+        error = ZELError::withMessage(QStringLiteral("the record has no such patch"));
+    const PatchEntry entry = offer.patch.value_or(PatchEntry());
+    onGlobalQueue([self = shared_from_this(), inputs, staging = temporaryDirectory(), entry, error, payload,
+                   completion = std::move(completion)]() mutable {
         QVariantList log;
-        const QString bundle = patchInstalled(payload, build, staging, inputs, log);
+        QString bundle;
+        if (!error && inputs.signers)
+            error = checkPayload(payload, entry, true);
+        if (error)
+            systemLog(error.message);
+        else
+            bundle = patchInstalled(payload, entry.build, staging, inputs, log);
         onMainQueue([self, bundle, log, completion = std::move(completion)] {
             if (bundle.isNull() && self->m_hooks.handleLog)
                 self->m_hooks.handleLog(log);

@@ -5,6 +5,7 @@
 #include "BundleBuild.h"
 #include "common/ZELCompletions.h"
 #include "net/URLSession.h"
+#include "SignedRecord.h"
 
 #include <algorithm>
 #include <functional>
@@ -43,7 +44,7 @@ public:
     struct Settings {
         QString installedBundle; ///< the bundle that patches start from; only read
         QString stagingRoot; ///< staging folders are made below it
-        SignerPins signers = {}; ///< those that may have sealed a new bundle, as for `verifySeal`
+        std::optional<RecordPolicy> policy = {}; ///< where signers are pinned
     };
 
     static std::shared_ptr<UpdateInstaller> create(Hooks hooks);
@@ -93,7 +94,7 @@ private:
     }
 
     Settings settings() const;
-    BuildInputs buildInputs() const;
+    ZELError prepare(BuildInputs &inputs, CheckResult &offer) const;
     void dropPatch(const QVariantMap &offer);
     void progressed(const std::weak_ptr<URLSessionTask> &task);
 

@@ -1,6 +1,6 @@
 // An update as a list of steps, read from top to bottom on one thread:
 //
-//     run              sweep what killed processes left, then one of the two ways
+//     run              sweep what killed processes left, see whose record it is, then one of the two ways
 // updateByPatch download, verify, apply to a copy and judge the result; if the patch is of no use, fall back
 //     updateByArchive  download, verify, unpack and judge
 //     finish           once, with one hop to the main queue
@@ -125,12 +125,16 @@ void UpdateJob::resume()
 void UpdateJob::run()
 {
     sweepStaging(m_inputs.stagingRoot); // folders that no living process holds
-    finish(m_inputs.offer.patch ? updateByPatch() : updateByArchive());
+    if (const ZELError error = trustedOffer(m_inputs.offer, m_inputs.policy, m_offer)) {
+        systemLog(error.message);
+        return finish({ZELDownloadFailed});
+    }
+    finish(m_offer.patch ? updateByPatch() : updateByArchive());
 }
 
 UpdateJob::Ending UpdateJob::updateByPatch()
 {
-    const PatchEntry &entry = *m_inputs.offer.patch;
+    const PatchEntry &entry = *m_offer.patch;
     DDLogInfo(QStringLiteral("Downloading patch"));
     const Download file = download(entry);
     if (file.arrival != Download::Sound)
@@ -185,7 +189,7 @@ UpdateJob::Download UpdateJob::download(const OfferedFile &offered)
     result.arrival = error.code == URLErrorCode::TooLong ? Download::Wrong : Download::Failed;
     if (!error) {
         tell(m_hooks.staged, result.folder->path());
-        error = checkPayload(result.payload, offered, m_inputs.signers.has_value());
+        error = checkPayload(result.payload, offered, m_inputs.policy.has_value());
         result.arrival = error ? Download::Wrong : Download::Sound;
     }
     if (!error)
@@ -281,7 +285,7 @@ bool UpdateJob::leave(const Ending &ending)
 BuildInputs UpdateJob::buildInputs() const
 {
     return {.installedBundle = m_inputs.installedBundle,
-            .signers = m_inputs.signers,
+            .signers = m_inputs.policy ? SignerPins(m_inputs.policy->signers) : std::nullopt,
             .announcedBuild = record().build,
             .archiveTool = m_inputs.archiveTool,
             .stop = m_stop.get_token()};

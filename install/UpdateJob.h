@@ -5,6 +5,7 @@
 #include "BundleBuild.h"
 #include "common/ZELCompletions.h"
 #include "net/URLSession.h"
+#include "SignedRecord.h"
 #include "StagingFolder.h"
 
 #include <atomic>
@@ -29,7 +30,7 @@ public:
         CheckResult offer; ///< what is downloaded
         QString installedBundle; ///< the bundle that patches start from; only read
         QString stagingRoot; ///< staging folders are made below it
-        SignerPins signers = {}; ///< as for `verifySeal`
+        std::optional<RecordPolicy> policy = {}; ///< where signers are pinned
         QString archiveTool = zel::archiveTool(); ///< what unpacks archives
     };
 
@@ -77,11 +78,12 @@ private:
     void finish(Ending ending);
     bool leave(const Ending &ending);
     BuildInputs buildInputs() const;
-    UpdateRecord record() const { return m_inputs.offer.update.value_or(UpdateRecord()); }
+    UpdateRecord record() const { return m_offer.update.value_or(UpdateRecord()); }
     bool isCancelled() const { return m_stop.stop_requested(); }
 
     const Inputs m_inputs;
     const Hooks m_hooks;
+    CheckResult m_offer; // what of the inputs' one can be relied on; of the job's thread
     ZELDownloadCompletion m_completion; // until the job finishes
     std::stop_source m_stop;
     mutable std::mutex m_mutex; // guards what follows

@@ -15,7 +15,6 @@
 #include "net/URLSession.h"
 #include "platform/Queues.h"
 #include "platform/SystemFacts.h"
-#include "seal/SealSigners.h"
 #include "ui/NotesView.h"
 #include "ui/Texts.h"
 #include "ZELUpdaterViews.h"
@@ -167,7 +166,7 @@ void ZELUpdater::prepareInstaller()
     const zel::HostConfig config = zel::HostConfig::fromMap(m_config);
     m_installer->setSettings({.installedBundle = config.path,
                               .stagingRoot = zel::stagingRoot(),
-                              .signers = zel::pinnedSigners(config)});
+                              .policy = zel::recordPolicy(config)});
 }
 
 void ZELUpdater::showPreparing()

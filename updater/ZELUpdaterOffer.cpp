@@ -94,8 +94,7 @@ void ZELUpdater::loadNotes(const QVariantMap &result, ZELCheckCompletion complet
 void ZELUpdater::downloadHistory(const QVariantMap &result,
                                  std::function<void(const QByteArray &)> completion)
 {
-    zel::downloadHistory(zel::HostConfig::fromMap(m_config), zel::CheckResult::fromMap(result).historyUrl(),
-                         completion);
+    zel::downloadHistory(zel::HostConfig::fromMap(m_config), zel::CheckResult::fromMap(result), completion);
 }
 
 void ZELUpdater::showUpdate(std::function<void(qint64)> choice)
@@ -114,11 +113,18 @@ void ZELUpdater::showUpdate(std::function<void(qint64)> choice)
     m_historyPage->skipButton()->setOnClick([=] { report(ZELChoiceSkip); });
 
     const QVariantMap result = update();
+    const zel::HostConfig config = zel::HostConfig::fromMap(m_config);
     const bool loaded = zel::hasNotes(result);
-    if (!loaded)
-        m_historyPage->loadURL(
-            zel::CheckResult::fromMap(result).historyUrl(),
-            zel::historyPageBody(zel::HostConfig::fromMap(m_config), zel::MachineFacts::current()));
+    if (!loaded && config.isPinned()) {
+        // The page would show whatever comes; here it is compared with what was signed.
+        downloadHistory(result, [this](const QByteArray &notes) {
+            if (m_historyPage)
+                m_historyPage->loadHTML(notes);
+        });
+    } else if (!loaded) {
+        m_historyPage->loadURL(zel::CheckResult::fromMap(result).historyUrl(),
+                               zel::historyPageBody(config, zel::MachineFacts::current()));
+    }
     m_historyPage->updateButtons(result);
     zel::onMainQueueAfter(loaded ? 0ms : NotesDelay, [this] { showHistoryPage(); });
 }

@@ -93,7 +93,7 @@ public:
     }
 
     /// Moves the bytes and settles how the task ends. The network is done with when this returns.
-    ZELError transfer(const URLRequest &request, BodySink &sink, QUrl *responseUrl = nullptr)
+    ZELError transfer(const URLRequest &request, BodySink &sink, QUrl &responseUrl)
     {
         if (m_hasNoThread)
             return noThread();
@@ -101,8 +101,7 @@ public:
                              [this](qint64 received, qint64 expected) { setCounts(received, expected); });
         begin(transfer);
         const ZELError error = transfer.run();
-        if (responseUrl)
-            *responseUrl = transfer.responseUrl();
+        responseUrl = transfer.responseUrl();
         return settle() ? transfer.cancelled() : error;
     }
 
@@ -179,9 +178,10 @@ std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompleti
 {
     return std::make_shared<Task>([request, completion = std::move(completion)](Task &task) {
         BodyInMemory sink(request.bodyLimit.value_or(LongestBodyInMemory));
-        const ZELError error = task.transfer(request, sink);
+        QUrl responseUrl;
+        const ZELError error = task.transfer(request, sink, responseUrl);
         if (completion)
-            completion(error ? QByteArray() : sink.body(), error);
+            completion(error ? QByteArray() : sink.body(), responseUrl, error);
     });
 }
 
@@ -191,7 +191,7 @@ std::shared_ptr<URLSessionTask> downloadTask(const URLRequest &request, const QS
     return std::make_shared<Task>([request, temporaryFolder, completion = std::move(completion)](Task &task) {
         BodyInFile sink(temporaryFolder, request.bodyLimit.value_or(std::numeric_limits<qint64>::max()));
         QUrl responseUrl;
-        const ZELError error = task.transfer(request, sink, &responseUrl);
+        const ZELError error = task.transfer(request, sink, responseUrl);
         if (completion)
             completion(error ? QString() : sink.location(), responseUrl, error);
     });

@@ -20,12 +20,12 @@ using URLSessionTask = ZELURLSessionTask;
 
 /// Called exactly once, on the session's thread, which it may block for as long as it likes: the network is
 /// done with by then. `body` is null when there is an error and never null when there is none, an empty body
-/// included.
-using DataCompletion = std::function<void(const QByteArray &body, const ZELError &error)>;
+/// included. `responseUrl` is the address that answered, after redirections.
+using DataCompletion =
+    std::function<void(const QByteArray &body, const QUrl &responseUrl, const ZELError &error)>;
 
 /// As `DataCompletion`. `location` is the downloaded file, mode 0600, null when there is an error; it is
-/// removed when the completion returns unless it was moved away. `responseUrl` is the address that answered,
-/// after redirections.
+/// removed when the completion returns unless it was moved away.
 using DownloadCompletion =
     std::function<void(const QString &location, const QUrl &responseUrl, const ZELError &error)>;
 

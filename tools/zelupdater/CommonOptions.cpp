@@ -55,26 +55,27 @@ void showPatchProgress(const QString &step, qint64 done, qint64 total)
     Arguments::showProgress(share + step);
 }
 
-QCommandLineOption signerOption()
+QCommandLineOption signerOption(const QString &also)
 {
-    return {
-        QStringLiteral("signer"),
-        QStringLiteral("Accept only this signer: the SHA-256 fingerprint of a certificate. May be repeated."),
-        QStringLiteral("FINGERPRINT")};
+    return {QStringLiteral("signer"),
+            QStringLiteral(
+                "Accept only this signer: the SHA-256 fingerprint of a certificate%1. May be repeated.")
+                .arg(also.isEmpty() ? QString() : QStringLiteral(", or '%1'").arg(also)),
+            QStringLiteral("FINGERPRINT")};
 }
 
 // Pins that cannot be read accept nobody, which is right for a host; of a person it is a slip, to be told at
 // once.
-std::optional<QStringList> acceptedSigners(const Arguments &arguments)
+std::optional<QStringList> acceptedSigners(const Arguments &arguments, const QString &also)
 {
     const QStringList signers = arguments.values(QStringLiteral("signer"));
     for (const QString &signer : signers) {
-        if (!normalFingerprint(signer)) {
-            arguments.misused(
-                QStringLiteral("--signer takes a SHA-256 fingerprint of 64 hexadecimal digits, not '%1'")
-                    .arg(signer));
-            return std::nullopt;
-        }
+        if (normalFingerprint(signer) || (!also.isEmpty() && signer == also))
+            continue;
+        arguments.misused(
+            QStringLiteral("--signer takes a SHA-256 fingerprint of 64 hexadecimal digits, not '%1'")
+                .arg(signer));
+        return std::nullopt;
     }
     return signers;
 }

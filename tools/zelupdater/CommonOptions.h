@@ -23,8 +23,9 @@ std::optional<qint64> memoryBudget(const Arguments &arguments);
 /// Shows on a terminal what the patch maker is at.
 void showPatchProgress(const QString &step, qint64 done, qint64 total);
 
-/// --signer, for the commands that check seals, and its values; wrong usage is reported and gives nothing.
-QCommandLineOption signerOption();
-std::optional<QStringList> acceptedSigners(const Arguments &arguments);
+/// --signer, for the commands that accept seals and records, and its values: fingerprints, or the word `also`
+/// where there is one. Wrong usage is reported and gives nothing.
+QCommandLineOption signerOption(const QString &also = {});
+std::optional<QStringList> acceptedSigners(const Arguments &arguments, const QString &also = {});
 
 } // namespace zel::tool

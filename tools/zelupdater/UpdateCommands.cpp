@@ -16,7 +16,6 @@
 #include "platform/BundleInfo.h"
 #include "platform/Queues.h"
 #include "publish/Interrupt.h"
-#include "seal/SealSigners.h"
 #include "ToolLog.h"
 
 #include <QCoreApplication>
@@ -29,6 +28,8 @@
 namespace zel::tool {
 
 namespace {
+
+const QLatin1String InstalledSigners("installed");
 
 QJsonObject outcome(qint64 status, const QString &text, const QString &path)
 {
@@ -125,7 +126,7 @@ UpdateRun::UpdateRun(const HostConfig &config, const Arguments &arguments)
     if (arguments.isSet(QStringLiteral("staging")))
         m_unfinished.emplace(root);
     m_installer = UpdateInstaller::create(hooks);
-    m_installer->setSettings({m_config.path, root, pinnedSigners(m_config)});
+    m_installer->setSettings({m_config.path, root, recordPolicy(m_config)});
 }
 
 int UpdateRun::exec()
@@ -203,6 +204,33 @@ void UpdateRun::end(int exitStatus)
         QCoreApplication::exit(exitStatus);
 }
 
+// What the host would pin; false after wrong usage, which is then reported.
+bool addTrust(const Arguments &arguments, HostConfig &config)
+{
+    const std::optional<QStringList> signers = acceptedSigners(arguments, InstalledSigners);
+    if (!signers)
+        return false;
+    if (!signers->isEmpty())
+        config.signers = *signers;
+    constexpr qint64 any = std::numeric_limits<qint64>::max();
+    const std::pair<QString, std::optional<QVariant> *> numbers[] = {
+        {QStringLiteral("threshold"), &config.threshold}, {QStringLiteral("issued"), &config.issued}};
+    for (const auto &[name, value] : numbers) {
+        if (!arguments.isSet(name))
+            continue;
+        const auto number = arguments.number(name, 1, any);
+        if (!number)
+            return false;
+        *value = *number;
+    }
+    if (!config.isPinned() && config.issued) {
+        arguments.misused(
+            QStringLiteral("--issued needs --signer: only signed records tell when they were issued"));
+        return false;
+    }
+    return true;
+}
+
 // The configuration that the options describe; nothing after wrong usage, which is then reported.
 std::optional<HostConfig> configOf(const Arguments &arguments)
 {
@@ -220,7 +248,7 @@ std::optional<HostConfig> configOf(const Arguments &arguments)
     if (arguments.isSet(QStringLiteral("path")))
         config.path = QFileInfo(arguments.value(QStringLiteral("path"))).absoluteFilePath();
     config.acceptsBeta = arguments.isSet(QStringLiteral("beta"));
-    return config;
+    return addTrust(arguments, config) ? std::optional(config) : std::nullopt;
 }
 
 int runCheck(const Arguments &arguments)
@@ -261,11 +289,6 @@ int runUpdate(const Arguments &arguments)
         return arguments.failed(problem);
     if (!config->build)
         config->build = bundleBuild(config->path).value_or(0);
-    const std::optional<QStringList> signers = acceptedSigners(arguments);
-    if (!signers)
-        return WrongUsage;
-    if (!signers->isEmpty())
-        config->signers = *signers;
     const QFileInfo staging(arguments.value(QStringLiteral("staging")));
     if (arguments.isSet(QStringLiteral("staging")) && staging.exists() && !staging.isDir())
         return arguments.failed(staging.filePath()
@@ -283,19 +306,25 @@ std::vector<ToolCommand> updateCommands()
     const QCommandLineOption build(word("build"), word("The installed build."), word("N"));
     const QCommandLineOption path(word("path"), word("The installed bundle."), word("BUNDLE"));
     const QCommandLineOption beta(word("beta"), word("Accept beta builds."));
+    const QCommandLineOption threshold(
+        word("threshold"), word("How many of the signers must have signed; 1 unless given."), word("N"));
+    const QCommandLineOption issued(word("issued"),
+                                    word("Refuse records that were issued before (seconds since 1970, as "
+                                         "'check --json' tells them)."),
+                                    word("SECONDS"));
     const QCommandLineOption staging(word("staging"), word("Build the new bundle below this folder."),
                                      word("DIR"));
     return {
         {word("check"),
          {},
          word("Ask an update server what is new."),
-         {url, build, path, beta},
+         {url, build, path, beta, signerOption(InstalledSigners), threshold, issued},
          {word("url"), word("build")},
          runCheck},
         {word("update"),
          {},
          word("Check, download, and build the new bundle beside the installed one."),
-         {url, build, path, beta, staging, signerOption()},
+         {url, build, path, beta, staging, signerOption(InstalledSigners), threshold, issued},
          {word("url"), word("path")},
          runUpdate},
     };

@@ -12,6 +12,7 @@
 #include "platform/BundleInfo.h"
 #include "platform/Queues.h"
 
+#include <QCryptographicHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -78,15 +79,28 @@ URLRequest postRequest(const QUrl &url, const QByteArray &body)
     return request;
 }
 
-Decision decide(const QByteArray &reply, const HostConfig &config, const MachineFacts &facts)
+Decision decide(const QByteArray &reply, const HostConfig &config, const MachineFacts &facts,
+                const std::optional<RecordPolicy> &policy, const QUrl &base)
 {
     try {
         return decideUpdate(reply, config, config.path.isEmpty() ? std::nullopt : bundleBuild(config.path),
-                            facts);
+                            facts, policy, base);
     } catch (const std::bad_alloc &) {
         systemLog(QStringLiteral("no memory for the reply of the check"));
         return {};
     }
+}
+
+// Notes that are known by a hash are those or none.
+QByteArray onlyIfWanted(const QByteArray &notes, const std::optional<QString> &sha256)
+{
+    if (notes.isNull() || !sha256)
+        return notes;
+    const QByteArray found = QCryptographicHash::hash(notes, QCryptographicHash::Sha256).toHex();
+    if (QString::fromLatin1(found) == sha256->toLower())
+        return notes;
+    systemLog(QStringLiteral("the release notes are others than were signed"));
+    return {};
 }
 
 QUrl patchLogUrl(const HostConfig &config)
@@ -108,11 +122,13 @@ void checkForUpdates(const HostConfig &config, ZELCheckCompletion completion)
 {
     const MachineFacts facts = MachineFacts::current();
     dataTask(postRequest(QUrl(config.url), checkRequestBody(config, facts)),
-             [config = config.forDecision(), facts,
-              completion = std::move(completion)](const QByteArray &reply, const ZELError &error) mutable {
+             [config = config.forDecision(), facts, policy = recordPolicy(config),
+              completion = std::move(completion)](const QByteArray &reply, const QUrl &answered,
+                                                  const ZELError &error) mutable {
                  if (error)
                      systemLog(error.message);
-                 onMainQueue([decision = decide(reply, config, facts), completion = std::move(completion)] {
+                 onMainQueue([decision = decide(reply, config, facts, policy, answered),
+                              completion = std::move(completion)] {
                      if (completion)
                          completion(decision.status, decision.result.toMap(), QVariant());
                  });
@@ -120,14 +136,23 @@ void checkForUpdates(const HostConfig &config, ZELCheckCompletion completion)
         ->resume();
 }
 
-void downloadHistory(const HostConfig &config, const QUrl &url,
+void downloadHistory(const HostConfig &config, const CheckResult &result,
                      std::function<void(const QByteArray &notes)> completion)
 {
+    CheckResult trusted;
+    std::optional<QString> wanted;
+    const std::optional<RecordPolicy> policy = recordPolicy(config);
+    if (const ZELError error = trustedOffer(result, policy, trusted))
+        systemLog(QLatin1String("there are no release notes: ") + error.message);
+    if (policy)
+        wanted = trusted.update ? trusted.update->historySHA256 : QString();
+    const QUrl url = wanted && wanted->isEmpty() ? QUrl() : result.historyUrl();
     URLRequest request = postRequest(url, checkRequestBody(config, MachineFacts::current()));
     request.languages = userLanguages();
     dataTask(request,
-             [completion = std::move(completion)](const QByteArray &notes, const ZELError &) mutable {
-                 onMainQueue([notes, completion = std::move(completion)] {
+             [wanted, completion = std::move(completion)](const QByteArray &notes, const QUrl &,
+                                                          const ZELError &) mutable {
+                 onMainQueue([notes = onlyIfWanted(notes, wanted), completion = std::move(completion)] {
                      if (completion)
                          completion(notes);
                  });
@@ -138,18 +163,18 @@ void downloadHistory(const HostConfig &config, const QUrl &url,
 void uploadPatchLog(const HostConfig &config, const QVariantList &log, std::function<void()> ended)
 {
     // Of a large log the body takes a while to make.
-    onGlobalQueue(
-        [url = patchLogUrl(config), sent = config.forLog(), log, ended = std::move(ended)]() mutable {
-            const QByteArray body = logUploadBody(sent, log, MachineFacts::current());
-            dataTask(postRequest(url, body),
-                     [ended = std::move(ended)](const QByteArray &, const ZELError &error) mutable {
-                         if (error)
-                             systemLog(error.message);
-                         if (ended)
-                             onMainQueue(std::move(ended));
-                     })
-                ->resume();
-        });
+    onGlobalQueue([url = patchLogUrl(config), sent = config.forLog(), log,
+                   ended = std::move(ended)]() mutable {
+        const QByteArray body = logUploadBody(sent, log, MachineFacts::current());
+        dataTask(postRequest(url, body),
+                 [ended = std::move(ended)](const QByteArray &, const QUrl &, const ZELError &error) mutable {
+                     if (error)
+                         systemLog(error.message);
+                     if (ended)
+                         onMainQueue(std::move(ended));
+                 })
+            ->resume();
+    });
 }
 
 QByteArray checkRequestBody(const HostConfig &config, const MachineFacts &facts)

@@ -15,10 +15,11 @@ namespace zel {
 /// know of each other; any number may run. Safe from any thread; needs the application object's event loop.
 void checkForUpdates(const HostConfig &config, ZELCheckCompletion completion);
 
-/// Posts the machine's facts to `url`, the address of release notes, asking for the user's languages, and
-/// calls `completion` on the main queue with the body that came, the release notes; null when none did, or
-/// none within the limits of a check. The HTTP status is not looked at.
-void downloadHistory(const HostConfig &config, const QUrl &url,
+/// Posts the machine's facts to the address of the result's release notes, asking for the user's languages,
+/// and calls `completion` on the main queue with the body that came, the release notes; null when none did,
+/// or none within the limits of a check. The HTTP status is not looked at. Where signers are pinned the notes
+/// are those whose hash the signed record bears, or none.
+void downloadHistory(const HostConfig &config, const CheckResult &result,
                      std::function<void(const QByteArray &notes)> completion);
 
 /// Uploads the log of a failed patch, in the background; nobody learns how that went, but `ended` is called

@@ -14,6 +14,9 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
+#include <vector>
+
 namespace zel {
 
 namespace {
@@ -88,6 +91,109 @@ std::optional<PatchEntry> patchFrom(std::optional<qint64> installedBuild, const 
     return std::nullopt;
 }
 
+Decision offer(const UpdateRecord &record, std::optional<qint64> installedBuild)
+{
+    const std::optional<PatchEntry> patch = patchFrom(installedBuild, record);
+    if (!patch && record.isPatchOnly)
+        return {ZELStatusNoUpdates};
+    return {ZELStatusUpdateAvailable, {record, patch}};
+}
+
+/// The choice of a host that pins signers. Each record is read and judged by what it says; of those that would be
+/// taken, the best ones first, signatures are verified until one is good. A few for all: who has many that are
+/// not good has no good one to offer, and could have sent none as well.
+class SignedChoice
+{
+public:
+    SignedChoice(const QJsonArray &records, const RecordPolicy &policy, const HostConfig &config,
+                 const MachineFacts &facts)
+        : m_records(records)
+        , m_policy(policy)
+    {
+        for (qsizetype i = 0; i < records.size(); ++i)
+            judge(i, config, facts);
+    }
+
+    Decision decide(std::optional<qint64> installedBuild, const QUrl &base)
+    {
+        sort(m_suitable, &Candidate::build);
+        sort(m_fresh, &Candidate::issued);
+        Decision decision{ZELStatusNoUpdates};
+        std::optional<UpdateRecord> record = firstVerified(m_suitable);
+        if (record)
+            decision = offer(record->resolvedAgainst(base), installedBuild);
+        else
+            record = firstVerified(m_fresh); // that there is nothing newer must come from the publisher, too
+        if (!record) {
+            systemLog(QLatin1String("no record of the reply is accepted: ") + m_reason);
+            return {ZELStatusUnknownError};
+        }
+        decision.result.issued = record->issued;
+        return decision;
+    }
+
+private:
+    struct Candidate {
+        qsizetype index;
+        qint64 build;
+        qint64 issued;
+    };
+
+    static void sort(std::vector<Candidate> &candidates, qint64 Candidate::*by)
+    {
+        std::stable_sort(candidates.begin(), candidates.end(),
+                         [by](const Candidate &a, const Candidate &b) { return a.*by > b.*by; });
+    }
+
+    std::optional<SignedRecord> read(qsizetype index) const
+    {
+        return SignedRecord::read(m_records[index].toObject()[key::Signed].toString());
+    }
+
+    void judge(qsizetype index, const HostConfig &config, const MachineFacts &facts)
+    {
+        const std::optional<SignedRecord> signedRecord = read(index);
+        if (!signedRecord)
+            return refuse(QStringLiteral("a record without a signature"));
+        const UpdateRecord &record = signedRecord->record;
+        if (const ZELError error = judgeRecord(record, m_policy))
+            return refuse(QStringLiteral("build %1: %2").arg(record.build).arg(error.message));
+        const Candidate candidate{index, record.build, record.issued};
+        m_fresh.push_back(candidate);
+        if (suits(record, config, facts))
+            m_suitable.push_back(candidate);
+    }
+
+    std::optional<UpdateRecord> firstVerified(const std::vector<Candidate> &candidates)
+    {
+        for (const Candidate &candidate : candidates) {
+            if (m_verifications++ >= MostVerifications)
+                return std::nullopt;
+            const std::optional<SignedRecord> record = read(candidate.index);
+            const ZELError error = verifyRecord(*record, m_policy);
+            if (!error)
+                return record->record;
+            refuse(QStringLiteral("build %1: %2").arg(record->record.build).arg(error.message));
+        }
+        return std::nullopt;
+    }
+
+    void refuse(const QString &reason)
+    {
+        DDLogInfo(QLatin1String("refused ") + reason);
+        m_reason = reason;
+    }
+
+    static constexpr int MostVerifications = 16;
+
+    const QJsonArray &m_records;
+    const RecordPolicy &m_policy;
+    std::vector<Candidate> m_suitable;
+    std::vector<Candidate> m_fresh; // suitable or not
+    int m_verifications = 0;
+    QString m_reason = QStringLiteral("it is empty");
+};
+
 } // namespace
 
 MachineFacts MachineFacts::current()
@@ -101,18 +207,15 @@ bool isArchSupported(const QString &arch, const MachineFacts &facts)
 }
 
 Decision decideUpdate(const QByteArray &body, const HostConfig &config, std::optional<qint64> installedBuild,
-                      const MachineFacts &facts)
+                      const MachineFacts &facts, const std::optional<RecordPolicy> &policy, const QUrl &base)
 {
     const std::optional<QJsonArray> records = recordsIn(body);
     if (!records)
         return {ZELStatusUnknownError};
+    if (policy)
+        return SignedChoice(*records, *policy, config, facts).decide(installedBuild, base);
     const std::optional<UpdateRecord> best = bestRecord(*records, config, facts);
-    if (!best)
-        return {ZELStatusNoUpdates};
-    const std::optional<PatchEntry> patch = patchFrom(installedBuild, *best);
-    if (!patch && best->isPatchOnly)
-        return {ZELStatusNoUpdates};
-    return {ZELStatusUpdateAvailable, {best, patch}};
+    return best ? offer(*best, installedBuild) : Decision{ZELStatusNoUpdates};
 }
 
 } // namespace zel

@@ -5,9 +5,11 @@
 #include "common/HostConfig.h"
 #include "common/UpdateRecord.h"
 #include "common/ZELUpdaterTypes.h"
+#include "install/SignedRecord.h"
 #include "platform/SystemFacts.h"
 
 #include <QByteArray>
+#include <QUrl>
 
 namespace zel {
 
@@ -38,9 +40,15 @@ struct Decision {
 /// the build of the bundle that would be patched (nothing when there is no bundle). A record with "patchonly"
 /// and no such patch is dropped, and no other takes its place.
 ///
+/// With a policy only records count that are signed as it demands, and of those what is inside the signature;
+/// their addresses are relative to `base`, the address that answered. Then the result tells when the newest
+/// was issued; and a reply of which no record can be relied on gives `ZELStatusUnknownError`, an empty one
+/// included: whoever holds back all news must not look like "no updates".
+///
 /// A body that is no JSON array gives `ZELStatusUnknownError`, and so does one of more than 10,000 records
 /// or, in all of them, 200,000 values; an array without a suitable record gives `ZELStatusNoUpdates`.
 Decision decideUpdate(const QByteArray &body, const HostConfig &config, std::optional<qint64> installedBuild,
-                      const MachineFacts &facts);
+                      const MachineFacts &facts, const std::optional<RecordPolicy> &policy = std::nullopt,
+                      const QUrl &base = {});
 
 } // namespace zel
