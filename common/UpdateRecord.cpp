@@ -108,6 +108,8 @@ UpdateRecord UpdateRecord::fromMap(const QVariantMap &map)
     record.patches = patchesFrom(map[key::Patches].toList());
     record.identifier = textUnder(key::Identifier, map).value_or(QString());
     record.historySHA256 = textUnder(key::HistorySHA256, map).value_or(QString());
+    for (const QVariant &build : map[key::Builds].toList())
+        record.builds.append(integerValue(build));
     record.issued = qMax(countUnder(key::Issued, map).value_or(0), qint64(0));
     record.expires = qMax(countUnder(key::Expires, map).value_or(0), qint64(0));
     return record;
@@ -148,11 +150,8 @@ QJsonObject UpdateRecord::toJson() const
         record[key::History] = history;
     if (!historySHA256.isEmpty())
         record[key::HistorySHA256] = historySHA256;
-    if (issued > 0) {
+    if (!identifier.isEmpty())
         record[key::Identifier] = identifier;
-        record[key::Issued] = issued;
-        record[key::Expires] = expires;
-    }
     return record;
 }
 

@@ -18,6 +18,7 @@ namespace key {
 inline constexpr QLatin1String Arch("arch");
 inline constexpr QLatin1String Beta("beta");
 inline constexpr QLatin1String Build("build");
+inline constexpr QLatin1String Builds("builds");
 inline constexpr QLatin1String Expires("expires");
 inline constexpr QLatin1String File("file");
 inline constexpr QLatin1String Hash("hash");
@@ -89,6 +90,7 @@ struct UpdateRecord : OfferedFile {
 
     // Of signed records. What is missing, or of another type, is null or 0, and accepted nowhere.
     QString identifier = {}; ///< of the application
+    QList<qint64> builds = {}; ///< all that were signed together with this one, itself among them
     QString historySHA256 = {}; ///< of the release notes
     qint64 issued = 0; ///< when it was signed: seconds since 1970, UTC
     qint64 expires = 0; ///< from when on it is worth nothing; likewise

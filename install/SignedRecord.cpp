@@ -88,6 +88,10 @@ ZELError judgeRecord(const UpdateRecord &record, const RecordPolicy &policy)
 {
     if (record.issued <= 0 || record.expires <= record.issued)
         return refused(QStringLiteral("it does not say from when until when it is good"));
+    if (record.expires - record.issued > LongestValidity)
+        return refused(QStringLiteral("it says that it is good for longer than a year"));
+    if (!record.builds.contains(record.build))
+        return refused(QStringLiteral("it does not say which builds there are"));
     if (record.identifier != policy.identifier)
         return refused(QStringLiteral("it is for another application, \"%1\" and not \"%2\"")
                            .arg(record.identifier.left(100), policy.identifier));

@@ -26,6 +26,10 @@ struct RecordPolicy {
 /// installed bundle's Info.plist and, for "installed", its seal. Safe from any thread.
 std::optional<RecordPolicy> recordPolicy(const HostConfig &config);
 
+/// The longest time that a record may be good for, in seconds: a year. What was signed with a stolen key, at a time
+/// when its certificate was good, ends with it.
+inline constexpr qint64 LongestValidity = qint64(366) * 24 * 60 * 60;
+
 /// A record as its signature holds it, and its signature: nobody has vouched for it. Nothing where there is no
 /// signature, or one that holds no record. `received` bears the signature, too, so that a result which a host
 /// hands back can be verified again.
@@ -38,7 +42,7 @@ struct SignedRecord {
 };
 
 /// Why the record, taken for true, is not for this host at this time: another application's, a replay,
-/// expired, from the future, or without the hashes that its files are known by. Costs nothing; judged first.
+/// expired, from the future, good for too long, or without the hashes that its files are known by. Costs nothing; judged first.
 ZELError judgeRecord(const UpdateRecord &record, const RecordPolicy &policy);
 
 /// Why the record is not the publisher's: the signature does not verify, or not by enough pinned signers.

@@ -100,8 +100,12 @@ Decision offer(const UpdateRecord &record, std::optional<qint64> installedBuild)
 }
 
 /// The choice of a host that pins signers. Each record is read and judged by what it says; of those that would be
-/// taken, the best ones first, signatures are verified until one is good. A few for all: who has many that are
-/// not good has no good one to offer, and could have sent none as well.
+/// taken, the best ones first, signatures are verified until one is good. A few that are not, for all: who has
+/// many of those has no good one to offer, and could have sent none as well.
+///
+/// What a signature cannot tell is that another record is missing, and records are signed anew every other day:
+/// a server could leave out the newest one each time, and all that is left would look fresh. So each record lists
+/// the builds that were signed with it, and those which would have been looked at before it must be there.
 class SignedChoice
 {
 public:
@@ -109,6 +113,7 @@ public:
                  const MachineFacts &facts)
         : m_records(records)
         , m_policy(policy)
+        , m_installed(config.buildNumber())
     {
         for (qsizetype i = 0; i < records.size(); ++i)
             judge(i, config, facts);
@@ -126,6 +131,13 @@ public:
             record = firstVerified(m_fresh); // that there is nothing newer must come from the publisher, too
         if (!record) {
             systemLog(QLatin1String("no record of the reply is accepted: ") + m_reason);
+            return {ZELStatusUnknownError};
+        }
+        const qint64 looked = decision.result.update ? record->build : m_installed;
+        if (const std::optional<qint64> build = withheld(*record, looked)) {
+            systemLog(QStringLiteral("the reply withholds build %1, which was signed together with build %2")
+                          .arg(*build)
+                          .arg(record->build));
             return {ZELStatusUnknownError};
         }
         decision.result.issued = record->issued;
@@ -167,13 +179,29 @@ private:
     std::optional<UpdateRecord> firstVerified(const std::vector<Candidate> &candidates)
     {
         for (const Candidate &candidate : candidates) {
-            if (m_verifications++ >= MostVerifications)
+            if (m_failures == MostFailures)
                 return std::nullopt;
             const std::optional<SignedRecord> record = read(candidate.index);
             const ZELError error = verifyRecord(*record, m_policy);
             if (!error)
                 return record->record;
+            ++m_failures;
             refuse(QStringLiteral("build %1: %2").arg(record->record.build).arg(error.message));
+        }
+        return std::nullopt;
+    }
+
+    // The first build of a record's list, above one, that is not in the reply.
+    std::optional<qint64> withheld(const UpdateRecord &record, qint64 above)
+    {
+        for (const qint64 build : record.builds) {
+            std::vector<Candidate> same;
+            std::copy_if(m_fresh.begin(), m_fresh.end(), std::back_inserter(same),
+                         [&](const Candidate &other) {
+                             return other.build == build && other.issued >= record.issued;
+                         });
+            if (build > above && !firstVerified(same))
+                return build;
         }
         return std::nullopt;
     }
@@ -184,13 +212,14 @@ private:
         m_reason = reason;
     }
 
-    static constexpr int MostVerifications = 16;
+    static constexpr int MostFailures = 16;
 
     const QJsonArray &m_records;
     const RecordPolicy &m_policy;
     std::vector<Candidate> m_suitable;
     std::vector<Candidate> m_fresh; // suitable or not
-    int m_verifications = 0;
+    const qint64 m_installed;
+    int m_failures = 0;
     QString m_reason = QStringLiteral("it is empty");
 };
 

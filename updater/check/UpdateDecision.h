@@ -43,7 +43,8 @@ struct Decision {
 /// With a policy only records count that are signed as it demands, and of those what is inside the signature;
 /// their addresses are relative to `base`, the address that answered. Then the result tells when the newest
 /// was issued; and a reply of which no record can be relied on gives `ZELStatusUnknownError`, an empty one
-/// included: whoever holds back all news must not look like "no updates".
+/// included, and so does one that lacks a newer record which was signed together with the one that is chosen:
+/// whoever holds back news must not look like "no updates".
 ///
 /// A body that is no JSON array gives `ZELStatusUnknownError`, and so does one of more than 10,000 records
 /// or, in all of them, 200,000 values; an array without a suitable record gives `ZELStatusNoUpdates`.
