@@ -12,6 +12,7 @@
 #include "seal/BundleSeal.h"
 #include "seal/SealSigners.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -39,6 +40,9 @@
 //            nothing that the feed names already.
 //   feed     "releases.json" is written last, aside and renamed.
 //
+//   The records are signed with it, all of them: what was signed before is opened at the start, so that a folder
+//   which cannot be signed is heard of at once, and again here, for the feed may have changed.
+//
 // So a kill leaves: before "files" a scratch folder, which the next release sweeps; before "feed" files that
 // no record names, which harm nobody and are replaced when the build is released again. A record without its
 // files, which would break every client, is never there. After an error the files are removed, but only if
@@ -60,17 +64,6 @@ ZELError problem(const QString &message)
 qint64 buildOf(const QJsonValue &record)
 {
     return integerValue(record[key::Build].toVariant());
-}
-
-// Records bear addresses, not names: a blank or a "#" in a name must not end the address.
-QString addressOf(const QString &name)
-{
-    return QString::fromLatin1(QUrl::toPercentEncoding(name));
-}
-
-QString nameOf(const QJsonValue &address)
-{
-    return QUrl::fromPercentEncoding(address.toString().toLatin1());
 }
 
 struct Build {
@@ -111,6 +104,23 @@ struct Build {
     }
 };
 
+// A feed is signed as a whole or not at all.
+ZELError checkSigning(const QString &folder, const QJsonArray &records, const ReleaseFolder::Options &options)
+{
+    const bool signs = !options.signing.signers.isEmpty();
+    if (!signs && isSigned(records))
+        return problem(QStringLiteral("the records in %1 are signed: give --key and --cert").arg(folder));
+    for (const QJsonValue record : records) {
+        if (signs && !record.toObject().contains(key::Signed))
+            return problem(
+                QStringLiteral("build %1 in %2 is not signed: 'zelupdater refresh --sign-unsigned' "
+                               "signs it")
+                    .arg(buildOf(record))
+                    .arg(folder));
+    }
+    return {};
+}
+
 // One addition to a release folder, under the folder's lock.
 class Release
 {
@@ -128,6 +138,8 @@ public:
         m_build = build;
         if (!m_scratch.isValid())
             return problem(QStringLiteral("cannot write to %1: %2").arg(m_folder, m_scratch.errorString()));
+        if (const ZELError error = compareWithSigners())
+            return error;
         if (const ZELError error = compareWithLast(records))
             return error;
         if (const ZELError error = addArchive())
@@ -199,6 +211,18 @@ private:
                 .arg(signers.value(0).subject));
     }
 
+    ZELError compareWithSigners() const
+    {
+        const QString missing = missingAmong(m_build.signers, fingerprintsOf(m_options.signing.signers));
+        if (!signs() || m_options.newSigner || missing.isEmpty())
+            return {};
+        return problem(
+            QStringLiteral("%1 is sealed by %2, who does not sign the record: installations that "
+                           "accept that signer would refuse it; give the key, too, or --new-signer "
+                           "if it is meant")
+                .arg(m_build.bundle, missing));
+    }
+
     ZELError addArchive()
     {
         const QString name = stem() + QLatin1String(".zip");
@@ -258,6 +282,8 @@ private:
 
     void finishRecord()
     {
+        if (signs())
+            m_record.identifier = m_build.identifier;
         if (m_options.patchOnly && m_record.patches.isEmpty())
             m_options.say(QStringLiteral(
                 "the build is offered to nobody: there is no patch, and it was asked for patches only"));
@@ -271,6 +297,9 @@ private:
     {
         const QString name = stem() + QLatin1String(".html");
         m_record.history = addressOf(name);
+        if (signs())
+            m_record.historySHA256 =
+                QString::fromLatin1(QCryptographicHash::hash(html, QCryptographicHash::Sha256).toHex());
         m_made.append(name);
         return writeDurably(m_scratch.filePath(name), html);
     }
@@ -339,9 +368,18 @@ private:
         QJsonArray records;
         if (const ZELError error = ReleaseFolder(m_folder).read(records))
             return error;
+        if (const ZELError error = checkSigning(m_folder, records, m_options))
+            return error;
+        if (const ZELError error = openFeed(records, m_options.signing, m_options.say))
+            return error;
         records.append(m_added.record);
+        if (const ZELError error = signs() ? signFeed(records, m_options.signing) : ZELError())
+            return error;
+        m_added.record = records.last().toObject();
         return writeDurably(feed, QJsonDocument(records).toJson());
     }
+
+    bool signs() const { return !m_options.signing.signers.isEmpty(); }
 
     QString stem() const { return m_build.name + u'-' + QString::number(m_build.number); }
     QString place(const QString &name) const { return m_folder + u'/' + name; }
@@ -374,6 +412,91 @@ ZELError lockFolder(const QString &folder, const std::function<void(const QStrin
             return {};
     }
     return ZELError::fromErrno(QLatin1String("cannot lock ") + folder, errno);
+}
+
+ZELError describeAll(const QString &folder, QJsonArray &records)
+{
+    for (QJsonValueRef listed : records) {
+        QJsonObject record = listed.toObject();
+        if (const ZELError error = describeFiles(folder, record))
+            return error;
+        listed = record;
+    }
+    return {};
+}
+
+// The feed under the lock, and what its signatures hold, if it has any: files that are not theirs any more are
+// no base of patches.
+ZELError readSigned(const QString &folder, const ReleaseFolder::Options &options, QJsonArray &records)
+{
+    records = {};
+    if (const ZELError error = ReleaseFolder(folder).read(records))
+        return error;
+    if (const ZELError error = checkSigning(folder, records, options))
+        return error;
+    if (options.signing.signers.isEmpty())
+        return {};
+    if (const ZELError error = openFeed(records, options.signing, options.say))
+        return error;
+    return describeAll(folder, records);
+}
+
+// What a record that nobody has signed says of its bundle is compared with the bundle.
+ZELError adopt(const QString &folder, const FeedSigning &signing, QJsonObject &record)
+{
+    const ScratchFolder scratch(folder + ScratchName + QLatin1String("XXXXXX"));
+    QString bundle;
+    ZELError error = scratch.isValid() ? ZELError() : problem(scratch.errorString());
+    if (!error) {
+        extractArchive(folder + u'/' + nameOf(record[key::File]), scratch.filePath(QStringLiteral("proof")),
+                       [&](bool, const QString &path, const ZELError &failed) {
+                           bundle = path;
+                           error = failed;
+                       });
+    }
+    if (!error)
+        error = verifySeal(bundle);
+    const QString others = error
+        ? QString()
+        : missingAmong(sealSigners(bundle), fingerprintsOf(signing.signers) + signing.former);
+    if (!error && bundleBuild(bundle) != buildOf(record))
+        error = problem(QStringLiteral("the bundle in it is of another build"));
+    if (!error && !others.isEmpty())
+        error = problem(QStringLiteral("it is sealed by %1, whose key is not given").arg(others));
+    if (error)
+        return problem(QStringLiteral("the archive of build %1 cannot be signed for: %2")
+                           .arg(buildOf(record))
+                           .arg(error.message));
+    const QString identifier =
+        bundleInfo(bundle).value_or(QVariantMap())[QStringLiteral("CFBundleIdentifier")].toString();
+    record[key::Identifier] = identifier;
+    return {};
+}
+
+ZELError adoptUnsigned(const QString &folder, const ReleaseFolder::RefreshOptions &options,
+                       QJsonArray &records)
+{
+    for (QJsonValueRef listed : records) {
+        QJsonObject record = listed.toObject();
+        if (record.contains(key::Signed))
+            continue;
+        if (!options.signUnsigned)
+            return problem(QStringLiteral("build %1 in %2 is not signed; give --sign-unsigned if its record "
+                                          "and files are yours")
+                               .arg(buildOf(record))
+                               .arg(folder));
+        if (const ZELError error = adopt(folder, options.signing, record))
+            return error;
+        listed = record;
+    }
+    return {};
+}
+
+// The feed may be a link; what it leads to is replaced.
+QString feedFile(const QString &folder)
+{
+    const QFileInfo feed(folder + FeedName);
+    return feed.isSymLink() ? feed.canonicalFilePath() : feed.filePath();
 }
 
 // Under the lock nobody works in them.
@@ -423,9 +546,11 @@ ZELError ReleaseFolder::add(const QString &bundle, const Options &options, Added
                            .arg(m_path, bundle));
     if (const ZELError error = read(records))
         return error;
+    if (const ZELError error = checkSigning(m_path, records, options))
+        return error;
     if (const ZELError error = lockFolder(m_path, options.say, lock))
         return error;
-    if (const ZELError error = read(records))
+    if (const ZELError error = readSigned(m_path, options, records))
         return error;
     sweepScratch(m_path);
     for (const QJsonValue known : std::as_const(records)) {
@@ -435,8 +560,35 @@ ZELError ReleaseFolder::add(const QString &bundle, const Options &options, Added
     Release release(m_path, options, added);
     if (const ZELError error = release.make(build, notes, records))
         return error;
-    const QString feed = m_path + FeedName;
-    return release.publish(QFileInfo(feed).isSymLink() ? QFileInfo(feed).canonicalFilePath() : feed);
+    return release.publish(feedFile(m_path));
+}
+
+ZELError ReleaseFolder::refresh(const RefreshOptions &options, QList<qint64> &builds) const
+{
+    QJsonArray records;
+    FileDescriptor lock;
+    if (const ZELError error = read(records))
+        return error;
+    if (records.isEmpty())
+        return problem(m_path + QLatin1String(" holds no releases"));
+    if (const ZELError error = lockFolder(m_path, options.say, lock))
+        return error;
+    records = {};
+    if (const ZELError error = read(records))
+        return error;
+    sweepScratch(m_path);
+    if (const ZELError error = adoptUnsigned(m_path, options, records))
+        return error;
+    if (const ZELError error = openFeed(records, options.signing, options.say))
+        return error;
+    if (const ZELError error = describeAll(m_path, records))
+        return error;
+    for (const QJsonValue record : std::as_const(records))
+        builds.append(buildOf(record));
+    if (const ZELError error = signFeed(records, options.signing))
+        return error;
+    const Uninterrupted publishing;
+    return writeDurably(feedFile(m_path), QJsonDocument(records).toJson());
 }
 
 } // namespace zel

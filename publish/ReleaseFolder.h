@@ -3,6 +3,7 @@
 
 #include "common/ZELError.h"
 #include "PatchMaker.h"
+#include "SignedFeed.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -32,7 +33,9 @@ public:
         bool beta = false;
         bool patchOnly = false; ///< offer the build only to installations that a patch can bring there
         bool noPatches = false; ///< make none
-        bool newSigner = false; ///< the seal may be another signer's than the last release's
+        bool newSigner =
+            false; ///< the seal may be others' than the last release's, or than those who sign the record
+        FeedSigning signing = {}; ///< of the records; its `newSigner` is the one above
         qint64 memory = halfOfMemory(); ///< as in PatchMakerOptions
         std::function<void(const QString &line)> say;
         std::function<void(const QString &step, qint64 done, qint64 total)> progress;
@@ -53,7 +56,23 @@ public:
     /// feed, each on the disk before the next. After an error, or when the process is ended at any point, the
     /// folder offers what it offered before; what a killed process left is removed by the next. One process
     /// at a time adds to a folder; others wait for it.
+    ///
+    /// With signers the record is signed, and all others again, with the same date; a feed that has signed
+    /// records takes no other. Those who sealed the bundle must be among the signers, as a host judges the
+    /// record and the seal by the same pins. SignedFeed.h says what is signed again.
     ZELError add(const QString &bundle, const Options &options, Added &added) const;
+
+    struct RefreshOptions {
+        FeedSigning signing;
+        bool signUnsigned = false; ///< sign records that nobody has signed so far, too
+        std::function<void(const QString &line)> say;
+    };
+
+    /// Signs all records again, as SignedFeed.h says, so that clients take them for another while; the feed is
+    /// replaced at once, under the lock that `add` takes. A record that nobody has signed is signed as it
+    /// stands, if that is asked for: its files must be what it says of them, and its archive hold the bundle of
+    /// its build, sealed by nobody but those who sign. `builds` receives the builds that were signed.
+    ZELError refresh(const RefreshOptions &options, QList<qint64> &builds) const;
 
 private:
     const QString m_path;

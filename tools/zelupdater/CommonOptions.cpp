@@ -80,4 +80,71 @@ std::optional<QStringList> acceptedSigners(const Arguments &arguments, const QSt
     return signers;
 }
 
+QList<QCommandLineOption> keyOptions()
+{
+    return {
+        {QStringLiteral("key"),
+         QStringLiteral("The signer's private key, a PEM file. May be repeated, with --cert: several sign."),
+         QStringLiteral("PEM")},
+        {QStringLiteral("cert"), QStringLiteral("The signer's certificate, a PEM file."),
+         QStringLiteral("PEM")}};
+}
+
+bool readSigners(const Arguments &arguments, QList<Signer> &signers, int &status)
+{
+    const QStringList keys = arguments.values(QStringLiteral("key"));
+    const QStringList certificates = arguments.values(QStringLiteral("cert"));
+    if (keys.size() != certificates.size()) {
+        status = arguments.misused(QStringLiteral("each --key needs its --cert: %1 and %2 are given")
+                                       .arg(keys.size())
+                                       .arg(certificates.size()));
+        return false;
+    }
+    for (qsizetype i = 0; i < keys.size(); ++i) {
+        Signer signer;
+        if (const ZELError error = signer.load(keys[i], certificates[i])) {
+            status = arguments.failed(error.message);
+            return false;
+        }
+        signers.append(signer);
+    }
+    return true;
+}
+
+QList<QCommandLineOption> feedOptions()
+{
+    return {{QStringLiteral("valid"),
+             QStringLiteral("For how many days clients take the records; 30 unless given."),
+             QStringLiteral("DAYS")},
+            {QStringLiteral("signer"),
+             QStringLiteral("Also sign again what this former signer signed: the SHA-256 fingerprint of a "
+                            "certificate. May be repeated."),
+             QStringLiteral("FINGERPRINT")},
+            {QStringLiteral("new-signer"),
+             QStringLiteral("The signers are others than those of the last release.")}};
+}
+
+bool readSigning(const Arguments &arguments, FeedSigning &signing, int &status)
+{
+    const std::optional<QStringList> former = acceptedSigners(arguments);
+    const bool isDated = arguments.isSet(QStringLiteral("valid"));
+    const auto days = isDated ? arguments.number(QStringLiteral("valid"), 1, 365) : 30;
+    if (!former || !days) {
+        status = WrongUsage;
+        return false;
+    }
+    for (const QString &signer : *former)
+        signing.former += *normalFingerprint(signer);
+    signing.newSigner = arguments.isSet(QStringLiteral("new-signer"));
+    signing.validity = *days * 24 * 60 * 60;
+    if (!readSigners(arguments, signing.signers, status))
+        return false;
+    if (signing.signers.isEmpty() && (isDated || !former->isEmpty())) {
+        status = arguments.misused(
+            QStringLiteral("--valid and --signer are for signed records: give --key and --cert"));
+        return false;
+    }
+    return true;
+}
+
 } // namespace zel::tool

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Arguments.h"
+#include "publish/SignedFeed.h"
 
 namespace zel::tool {
 
@@ -27,5 +28,15 @@ void showPatchProgress(const QString &step, qint64 done, qint64 total);
 /// where there is one. Wrong usage is reported and gives nothing.
 QCommandLineOption signerOption(const QString &also = {});
 std::optional<QStringList> acceptedSigners(const Arguments &arguments, const QString &also = {});
+
+/// --key and --cert, for the commands that sign: pairs, in the order in which they are given. False after
+/// what could not be read, or is no pair, which is reported; `status` is the command's then.
+QList<QCommandLineOption> keyOptions();
+bool readSigners(const Arguments &arguments, QList<Signer> &signers, int &status);
+
+/// --valid and the options that tell who signed a feed before, for the commands that sign one, and all that they
+/// say with the above.
+QList<QCommandLineOption> feedOptions();
+bool readSigning(const Arguments &arguments, FeedSigning &signing, int &status);
 
 } // namespace zel::tool

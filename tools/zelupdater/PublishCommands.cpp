@@ -35,9 +35,12 @@ int runSign(const Arguments &arguments)
             bundle
             + QLatin1String(
                 " has no Info.plist that can be read: updaters find the build there, as CFBundleVersion"));
+    QList<Signer> signers;
+    int status = Done;
+    if (!readSigners(arguments, signers, status))
+        return status;
     const Uninterrupted sealing;
-    const ZELError error =
-        sealBundle(bundle, arguments.value(QStringLiteral("key")), arguments.value(QStringLiteral("cert")));
+    const ZELError error = sealBundle(bundle, signers);
     if (error)
         return arguments.failed(error.message);
     return arguments.done(bundle + QLatin1String(" is sealed"), QJsonObject{{QLatin1String("sealed"), true}});
@@ -84,7 +87,10 @@ int runRelease(const Arguments &arguments)
     options.beta = arguments.isSet(QStringLiteral("beta"));
     options.patchOnly = arguments.isSet(QStringLiteral("patch-only"));
     options.noPatches = arguments.isSet(QStringLiteral("no-patches"));
-    options.newSigner = arguments.isSet(QStringLiteral("new-signer"));
+    int status = Done;
+    if (!readSigning(arguments, options.signing, status))
+        return status;
+    options.newSigner = options.signing.newSigner;
     options.say = [&arguments](const QString &line) {
         Arguments::showProgress({});
         arguments.say(line);
@@ -99,6 +105,29 @@ int runRelease(const Arguments &arguments)
                               .arg(added.record[zel::key::Build].toInteger())
                               .arg(arguments.positional(1)),
                           json);
+}
+
+int runRefresh(const Arguments &arguments)
+{
+    ReleaseFolder::RefreshOptions options;
+    int status = Done;
+    if (!readSigning(arguments, options.signing, status))
+        return status;
+    options.signUnsigned = arguments.isSet(QStringLiteral("sign-unsigned"));
+    options.say = [&arguments](const QString &line) { arguments.say(line); };
+    QList<qint64> builds;
+    if (const ZELError error = ReleaseFolder(absolute(arguments.positional(0))).refresh(options, builds))
+        return arguments.failed(error.message);
+    QStringList names;
+    QJsonArray json;
+    for (const qint64 build : std::as_const(builds)) {
+        names += QString::number(build);
+        json.append(build);
+    }
+    return arguments.done(QStringLiteral("signed for %1 days: builds %2")
+                              .arg(options.signing.validity / (24 * 60 * 60))
+                              .arg(names.join(QLatin1String(", "))),
+                          QJsonObject{{zel::key::Builds, json}});
 }
 
 // A name that is not found leaves a number that has nothing to do with it.
@@ -149,23 +178,33 @@ std::vector<ToolCommand> publishCommands()
         {word("sign"),
          {word("BUNDLE")},
          word("Seal a bundle."),
-         {{word("key"), word("The signer's private key, a PEM file."), word("PEM")},
-          {word("cert"), word("The signer's certificate, a PEM file."), word("PEM")}},
+         keyOptions(),
          {word("key"), word("cert")},
          runSign},
         {word("verify"), {word("BUNDLE")}, word("Check a bundle's seal."), {signerOption()}, {}, runVerify},
         {word("release"),
          {word("BUNDLE"), word("DIR")},
          word("Add a sealed bundle to a release folder: archive, patches, record."),
-         {{word("notes"), word("The release notes, an HTML file."), word("FILE")},
-          {word("beta"), word("Offer the build to beta testers only.")},
-          {word("patch-only"), word("Offer the build only to installations that a patch can bring there.")},
-          {word("no-patches"), word("Make no patches: the full archive alone.")},
-          {word("new-signer"), word("The bundle is sealed by another signer than the last release's.")},
-          {word("arch"), word("The processor that the build is for: x86, arm or all."), word("WORD")},
-          memoryOption()},
+         QList<QCommandLineOption>{
+             {word("notes"), word("The release notes, an HTML file."), word("FILE")},
+             {word("beta"), word("Offer the build to beta testers only.")},
+             {word("patch-only"),
+              word("Offer the build only to installations that a patch can bring there.")},
+             {word("no-patches"), word("Make no patches: the full archive alone.")},
+             {word("arch"), word("The processor that the build is for: x86, arm or all."), word("WORD")},
+             memoryOption()}
+             + keyOptions() + feedOptions(),
          {},
          runRelease},
+        {word("refresh"),
+         {word("DIR")},
+         word("Sign the records of a release folder again."),
+         QList<QCommandLineOption>{
+             {word("sign-unsigned"),
+              word("Sign also records that nobody has signed, with what their files are.")}}
+             + keyOptions() + feedOptions(),
+         {word("key"), word("cert")},
+         runRefresh},
         {word("serve"),
          {word("DIR")},
          word("Serve a release folder over HTTP."),
