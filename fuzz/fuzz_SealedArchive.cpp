@@ -5,7 +5,7 @@
 #include "install/ArchiveExtractor.h"
 #include "platform/BundleInfo.h"
 #include "seal/BundleSeal.h"
-#include "support/TestCertificate.h"
+#include "support/Signing.h"
 #include "support/ZipMaker.h"
 #include "Unpacking.h"
 
@@ -67,7 +67,7 @@ struct Fixture {
         Sandbox::write(contents / "MacOS/file", "program");
         fs::create_directory_symlink("MacOS", contents / "link");
         const TestCertificate signer = makeTestCertificate(pathOf(sandbox.path("beside")), "signer");
-        require(!sealBundle(pathOf(bundle()), signer.keyFile, signer.certificateFile));
+        require(!sealWith(pathOf(bundle()), signer));
         items = itemsBelow(sandbox.path("genuine"));
         content = sealedContent(bundle());
         before = sandbox.surroundings();

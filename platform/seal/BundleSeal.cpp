@@ -251,13 +251,6 @@ ZELError because(const QString &what, const QString &bundle, const ZELError &rea
 
 } // namespace
 
-ZELError sealBundle(const QString &bundle, const QString &keyFile, const QString &certificateFile)
-{
-    Signer signer;
-    const ZELError error = signer.load(keyFile, certificateFile);
-    return error ? because(QStringLiteral("cannot seal"), bundle, error) : sealBundle(bundle, {signer});
-}
-
 ZELError sealBundle(const QString &bundle, const QList<Signer> &signers)
 {
     const QString attempt = QStringLiteral("cannot seal");

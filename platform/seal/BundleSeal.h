@@ -12,14 +12,10 @@ namespace zel {
 /// Seals a bundle, in place of the seal that it may have, by one to eight signers. The new seal is verified
 /// before this returns. On an error the bundle is as it was, with the seal that it had; the message says what
 /// stands in the way: an unreadable or special file, a name that cannot be sealed, a link that leads out of
-/// the bundle, a nested bundle whose seal is not valid, a key and certificate that do not belong together, a
-/// folder that cannot be written. The bundle itself must be a real folder, as for `verifySeal`; folders above
+/// the bundle, a nested bundle whose seal is not valid, a folder that cannot be written. The bundle itself must be a real folder, as for `verifySeal`; folders above
 /// it may be links. Each file is read twice, in pieces; memory is some kilobytes per item. Nobody may change
 /// the bundle meanwhile.
 ZELError sealBundle(const QString &bundle, const QList<Signer> &signers);
-
-/// As above, by one signer whose key and certificate are read first.
-ZELError sealBundle(const QString &bundle, const QString &keyFile, const QString &certificateFile);
 
 /// No error when the bundle's seal is valid: its signature verifies, every file and link is as it was sealed,
 /// nothing was added, and the seals of all nested bundles are valid too. Modes, times and empty folders are

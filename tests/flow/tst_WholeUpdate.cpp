@@ -141,15 +141,11 @@ private slots:
             "Checking History Download", {patch, check, notes});
         row("quiet mode", nothing, {{"mode", 1}}, {"History: Install"}, patched, "History Download Updated",
             {patch, check, ownNotes}, patchedFiles);
-        const auto archiveWithoutIntegrity = [](Offer &offer) {
-            for (const char *key : {"patches", "sha256", "size"})
-                offer.record.remove(key);
-            offer.record["hash"] = "";
-            offer.answers[Archive] = {{.body = QByteArray(32768, ' ')}};
-        };
-        row("an archive without integrity, pinned", archiveWithoutIntegrity, pinned, {"History: Install"},
-            {"check 1", "choice 2", "download 0"}, "Checking History Download Error",
-            {archive, check, notes});
+        row("a record without a signature, pinned", [](Offer &offer) { offer.record.remove("signed"); },
+            pinned, {"Error: Cancel"}, {"check 0", "cancel"}, "Checking Error", {check});
+        row("notes that are not the publisher's, pinned", answering("/notes.html", {{.body = "<p>buy</p>"}}),
+            pinned, {"History: Install"}, patched, "Checking History Download Updated",
+            {patch, check, notes, notes}, patchedFiles);
         for (const QString key : {"hidechecking", "sheet"})
             row("shown by the host, " + key, nothing, {{key, false}}, {"History: Skip"},
                 {"check 1", "choice 1"}, "Checking History", {check, notes});
@@ -281,7 +277,8 @@ private:
         m_tree.write(bundle + "/Contents/MacOS/example", "program " + number.repeated(5000), 0755);
         m_tree.write("notes.html", "<p>notes</p>");
         tool({"sign", m_tree.path(bundle), "--key", m_signer.keyFile, "--cert", m_signer.certificateFile});
-        tool({"release", m_tree.path(bundle), m_tree.path("releases"), "--notes", m_tree.path("notes.html")});
+        tool({"release", m_tree.path(bundle), m_tree.path("releases"), "--notes", m_tree.path("notes.html"),
+              "--key", m_signer.keyFile, "--cert", m_signer.certificateFile});
     }
 
     void tool(const QStringList &arguments)

@@ -7,8 +7,8 @@
 #include "seal/BundleSeal.h"
 #include "support/LogCapture.h"
 #include "support/PatchBuilder.h"
+#include "support/Signing.h"
 #include "support/TemporaryTree.h"
-#include "support/TestCertificate.h"
 #include "support/TestServer.h"
 #include "support/ZipMaker.h"
 
@@ -71,7 +71,10 @@ Q_DECLARE_METATYPE(Flow)
 struct Running {
     void start(const QVariantMap &update, const QString &installed, const SignerPins &signers = {})
     {
-        installer->setSettings({installed, root, signers});
+        std::optional<RecordPolicy> policy;
+        if (signers)
+            policy = {*signers, "org.example", 0, QDateTime::currentSecsSinceEpoch()};
+        installer->setSettings({installed, root, policy});
         installer->setUpdate(update);
         installer->downloadUpdate([this](qint64 reported, const QString &path) {
             thread = QThread::currentThread();
@@ -122,7 +125,7 @@ class tst_UpdateInstaller : public QObject
                          + "</string><key>CFBundleIdentifier</key><string>" + identifier
                          + "</string></dict></plist>");
         m_tree.write(name + "/Contents/MacOS/example", "#!/bin/sh\necho build " + build + '\n', 0755);
-        const ZELError error = sealBundle(m_tree.path(name), m_signer.keyFile, m_signer.certificateFile);
+        const ZELError error = sealWith(m_tree.path(name), m_signer);
         if (error)
             qFatal("%s", qPrintable(error.message));
     }
@@ -165,6 +168,8 @@ private slots:
     void initTestCase()
     {
         m_signer = makeTestCertificate(m_tree.path(), "maker");
+        m_other = makeTestCertificate(m_tree.path(), "other");
+        m_recordSigners = signersOf({m_signer, m_other});
         makeBundle("installed/Example.app", "100");
         makeBundle("new/Example.app", "101");
         makeBundle("older/Example.app", "50");
@@ -263,11 +268,7 @@ private slots:
             either("a patch to an older build",
                    fallsBack.patched(patchTo("older/Example.app"))
                        .blames("failed with another bundle than announced"));
-            const Flow whole = byArchive.archived(m_wholeChunks);
-            either("a whole number of chunks and an empty hash", signers ? whole.fails(0) : whole);
-            const QVariantMap known{{"sha256", sha256(m_wholeChunks).toUpper()},
-                                    {"size", m_wholeChunks.size()}};
-            either("a whole number of chunks with SHA-256 and size", whole.with(&Flow::record, known));
+            either("a whole number of chunks and an empty hash", byArchive.archived(m_wholeChunks));
         }
         for (const auto &[name, key, value] :
              {std::tuple("another SHA-256", "sha256", QVariant(sha256("other"))),
@@ -287,10 +288,17 @@ private slots:
         redirected("an archive named like the old bundle", "/Old-100.app", "Old-100.app");
         redirected("the file is named by the address that answers", "/elsewhere/..%2Fnamed.zip?key=1",
                    "named.zip");
-        row("pins that cannot be read accept nobody", badArchive.with(&Flow::signers, QStringList()));
+        for (const char *key : {"sha256", "size", "builds"})
+            row(QString("a signed record without ") + key,
+                byArchive.with(&Flow::signers, pins)
+                    .with(&Flow::record, {{key, {}}})
+                    .fails(0)
+                    .with(&Flow::requests, {}));
+        row("pins that cannot be read accept nobody",
+            byPatch.with(&Flow::signers, QStringList()).fails(0).with(&Flow::requests, {}));
         row("a patch sealed by a pinned signer", byPatch.with(&Flow::signers, pins));
         row("neither is sealed by the pinned signer",
-            fallsBack.with(&Flow::signers, QStringList(QString(64, u'0')))
+            fallsBack.with(&Flow::signers, QStringList(m_other.fingerprint))
                 .fails(2)
                 .blames("failed with code signing error"));
     }
@@ -312,6 +320,8 @@ private slots:
         QVariantMap record{
             {"build", 101}, {"file", run.server.url("/full.zip").toString()}, {"hash", flow.fullHash}};
         record.insert(flow.record);
+        if (flow.signers)
+            sign(record, flow, entry);
         QVariantMap update{{"update", record}};
         if (flow.offersPatch)
             update["patch"] = entry;
@@ -355,7 +365,7 @@ private slots:
         QVERIFY(run.server.waitForRequests(1));
         const QVariantMap second{{"update", "of a second check"}, {"patch", "too"}};
         run.installer->setUpdate(second);
-        run.installer->setSettings({"gone", run.staging.path("second"), QStringList()});
+        run.installer->setSettings({"gone", run.staging.path("second"), RecordPolicy()});
         run.server.release();
         QTRY_VERIFY_WITH_TIMEOUT(!run.bundle.isNull(), 60'000);
         QVERIFY(run.bundle.startsWith(run.root));
@@ -477,6 +487,22 @@ private slots:
 
 private:
     // Without the hash of a patch, there is none.
+    // All signers sign the record; which files it offers the server decides.
+    void sign(QVariantMap &record, const Flow &flow, QVariantMap &entry) const
+    {
+        const auto describe = [](QVariantMap &offered, const QList<Answer> &answers) {
+            const QByteArray body = answers.value(0).body;
+            for (const auto &[key, value] :
+                 {std::pair("sha256", QVariant(sha256(body))), {"size", body.size()}})
+                offered.insert(key, offered.value(key, value));
+        };
+        describe(record, flow.full);
+        describe(entry, flow.patch);
+        record["patches"] = QVariantList{entry};
+        record["identifier"] = "org.example";
+        record = signedRecord(QJsonObject::fromVariantMap(record), m_recordSigners).toVariantMap();
+    }
+
     QVariantMap offer(const TestServer &server, const QString &patchHash = {}) const
     {
         const QVariantMap record{
@@ -516,6 +542,8 @@ private:
     const QRegularExpression m_variable{" = .*|(?<=\\{).*", QRegularExpression::DotMatchesEverythingOption};
     const TemporaryTree m_tree;
     TestCertificate m_signer;
+    TestCertificate m_other;
+    QList<Signer> m_recordSigners;
     QByteArray m_patch;
     QByteArray m_zip;
     QByteArray m_wholeChunks; // a zip archive whose MD5 is the empty text

@@ -1,8 +1,7 @@
 #include "install/ZELUpdaterValidateCodeSigning.h"
 
-#include "seal/BundleSeal.h"
+#include "support/Signing.h"
 #include "support/TemporaryTree.h"
-#include "support/TestCertificate.h"
 
 class tst_ZELUpdaterValidateCodeSigning : public QObject
 {
@@ -16,7 +15,7 @@ private slots:
         const TestCertificate signer = makeTestCertificate(m_tree.path(), "signer");
         for (const QString &name : {QString("Good App.app"), QString("Changed.app")}) {
             m_tree.write(name + "/Contents/MacOS/app", "program");
-            QVERIFY(!zel::sealBundle(m_tree.path(name), signer.keyFile, signer.certificateFile));
+            QVERIFY(!sealWith(m_tree.path(name), signer));
         }
         m_tree.write("Changed.app/Contents/MacOS/app", "other");
     }

@@ -4,8 +4,8 @@
 #include "seal/SealedItems.h"
 #include "seal/SealSignature.h"
 #include "support/Case.h"
+#include "support/Signing.h"
 #include "support/TemporaryTree.h"
-#include "support/TestCertificate.h"
 
 #include <sys/syscall.h>
 
@@ -112,10 +112,7 @@ class tst_BundleSeal : public QObject
     TestCertificate m_signer = makeTestCertificate(m_keys.path(), "signer");
     TestCertificate m_other = makeTestCertificate(m_keys.path(), "other");
 
-    ZELError seal(const QString &bundle) const
-    {
-        return zel::sealBundle(bundle, m_signer.keyFile, m_signer.certificateFile);
-    }
+    ZELError seal(const QString &bundle) const { return sealWith(bundle, m_signer); }
 
     void writeBundle(const TemporaryTree &tree) const
     {
@@ -126,8 +123,7 @@ class tst_BundleSeal : public QObject
         tree.write(nested + "/Lib", "library");
         tree.link(nested + "/../Current", "A");
         tree.link(nested + "/../../Lib", "Versions/Current/Lib");
-        if (const ZELError error =
-                zel::sealBundle(tree.path(nested), m_other.keyFile, m_other.certificateFile))
+        if (const ZELError error = sealWith(tree.path(nested), m_other))
             qFatal("%s", qPrintable(error.message));
     }
 
@@ -142,8 +138,7 @@ class tst_BundleSeal : public QObject
     void writeSeal(const TemporaryTree &tree, const QString &folder, const QByteArray &bytes) const
     {
         QByteArray made;
-        zel::Signer signer;
-        if (signer.load(m_signer.keyFile, m_signer.certificateFile) || signer.sign(bytes, made))
+        if (zel::signWith(signersOf({m_signer}), bytes, zel::SignatureKind::Detached, made))
             qFatal("cannot sign");
         tree.write(folder + "CodeResources", bytes);
         tree.write(folder + "CodeSignature", made);
@@ -332,9 +327,8 @@ private slots:
             change(tree);
             const auto before = identity(tree.path(list));
             const QStringList files = QDir(tree.path(sealFolder)).entryList();
-            const ZELError error =
-                zel::sealBundle(tree.path("App.app"), key.isNull() ? m_signer.keyFile : key,
-                                certificate.isNull() ? m_signer.certificateFile : certificate);
+            const ZELError error = sealWith(tree.path("App.app"), key.isNull() ? m_signer.keyFile : key,
+                                            certificate.isNull() ? m_signer.certificateFile : certificate);
             ::unlink(strangeLink(tree).constData());
             QVERIFY2(error.message.contains(message) && error, qPrintable(error.message));
             QCOMPARE(identity(tree.path(list)), before);

@@ -14,3 +14,6 @@ struct TestCertificate {
 /// here.
 TestCertificate makeTestCertificate(const QString &folder, const QString &name,
                                     const QStringList &key = {"ec", "-pkeyopt", "ec_paramgen_curve:P-256"});
+
+/// Another certificate of the same key, as after a renewal.
+TestCertificate makeSecondCertificate(const TestCertificate &first, const QString &name);
