@@ -2,13 +2,19 @@
 // first byte is taken, the real one with each piece. For a file, the disk's free space counts too: others
 // write to it meanwhile, so it is asked again for each MiB (`allow`), and not for each piece, which would be
 // a system call for every read of the network.
+//
+// A file may be continued by a later answer (`begin`). What is not the file, because of its status or its
+// length, is written aside: a server that is out of order for a minute, or a network that wants a login
+// first, costs nothing of what has come.
 #include "BodySinks.h"
 
+#include "base/FileDescriptor.h"
 #include "base/SystemCalls.h"
 #include "URLRequest.h"
 
 #include <QDir>
-#include <QFileInfo>
+
+#include <utility>
 
 namespace zel {
 
@@ -36,9 +42,10 @@ ZELError BodyInMemory::open()
     return {};
 }
 
-ZELError BodyInMemory::expect(qint64 size)
+ZELError BodyInMemory::begin(const BodyStart &start)
 {
-    return size > m_limit ? tooLong(m_limit) : ZELError();
+    m_body = "";
+    return start.size > m_limit ? tooLong(m_limit) : ZELError();
 }
 
 ZELError BodyInMemory::write(QByteArrayView bytes)
@@ -49,9 +56,10 @@ ZELError BodyInMemory::write(QByteArrayView bytes)
     return {};
 }
 
-BodyInFile::BodyInFile(const QString &folder, qint64 limit)
+BodyInFile::BodyInFile(const QString &folder, qint64 limit, std::shared_ptr<BodyFile> file)
     : m_folder(QDir::cleanPath(folder))
-    , m_file(m_folder + QStringLiteral("/XXXXXX.download"))
+    , m_file(file ? std::move(file) : std::make_shared<TemporaryBodyFile>(m_folder))
+    , m_current(m_file.get())
     , m_limit(limit)
     , m_left(limit)
 {
@@ -59,41 +67,55 @@ BodyInFile::BodyInFile(const QString &folder, qint64 limit)
 
 ZELError BodyInFile::open()
 {
-    QDir().mkpath(QFileInfo(m_folder).path());
-    QDir().mkdir(m_folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    // Asking for the name gives the file one: it may start without.
-    const bool made =
-        m_file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) && !m_file.fileName().isEmpty();
-    return made ? ZELError() : failure(m_file.errorString());
+    return m_file->open();
 }
 
-ZELError BodyInFile::expect(qint64 size)
+ZELError BodyInFile::begin(const BodyStart &start)
 {
-    return size > m_limit ? tooLong(m_limit) : allow(size);
+    m_granted = 0;
+    m_left = m_limit - start.offset;
+    if (start.size > m_limit || m_left < 0)
+        return tooLong(m_limit);
+    m_current = m_file.get();
+    if (!start.isFile) {
+        m_aside = std::make_unique<TemporaryBodyFile>(m_folder);
+        m_current = m_aside.get();
+        if (const ZELError error = m_aside->open())
+            return error;
+    } else if (const ZELError error = this->start(start.offset, start.validator))
+        return error;
+    return start.size < 0 ? ZELError() : allow(start.size - start.offset);
+}
+
+ZELError BodyInFile::start(qint64 offset, const QByteArray &validator)
+{
+    if (offset > 0)
+        m_file->setContinued(true);
+    const bool ready = (offset > 0 || m_file->startAgain(validator))
+        && ::lseek(m_file->descriptor(), offset, SEEK_SET) == offset;
+    return ready ? ZELError() : failure(qt_error_string(errno));
 }
 
 ZELError BodyInFile::write(QByteArrayView bytes)
 {
-    if (bytes.size() > m_left)
+    if (bytes.size() > m_left) {
+        m_current->startAgain({}); // nothing that a longer file begins with is worth keeping
         return tooLong(m_limit);
+    }
     if (bytes.size() > m_granted)
         if (const ZELError error = allow(qMax(bytes.size(), qMin(m_left, GrantSize))))
             return error;
     m_left -= bytes.size();
     m_granted -= bytes.size();
-    while (!bytes.isEmpty()) {
-        const qint64 written = m_file.write(bytes.data(), bytes.size());
-        if (written <= 0)
-            return failure(m_file.errorString());
-        bytes = bytes.sliced(written);
-    }
-    return {};
+    return writeAll(m_current->descriptor(), bytes.data(), size_t(bytes.size()))
+        ? ZELError()
+        : failure(qt_error_string(errno));
 }
 
 // An announced size is granted for a MiB only: others write to the file system meanwhile.
 ZELError BodyInFile::allow(qint64 size)
 {
-    const qint64 writable = writableBytes(m_file.handle()).value_or(size);
+    const qint64 writable = writableBytes(m_current->descriptor()).value_or(size);
     if (size > writable)
         return failure(
             QStringLiteral("no space for %1 bytes, %2 are missing").arg(size).arg(size - writable));

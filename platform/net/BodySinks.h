@@ -1,12 +1,21 @@
 // Where the bytes of a body go: to memory or to a file, each within bounds.
 #pragma once
 
-#include "common/ZELError.h"
+#include "BodyFile.h"
 
 #include <QByteArrayView>
-#include <QTemporaryFile>
+
+#include <memory>
 
 namespace zel {
+
+/// What an answer says of the body that begins.
+struct BodyStart {
+    qint64 offset = 0; ///< of its first byte; beyond 0 only where the sink has asked for the rest
+    qint64 size = -1; ///< of the whole, `offset` included; -1 when the server does not tell
+    QByteArray validator = {}; ///< as `BodyFile::validator`
+    bool isFile = true; ///< the file that was asked for may begin here; else what a server says instead of it
+};
 
 class BodySink
 {
@@ -16,9 +25,12 @@ public:
     /// Called before anything is sent; an error ends the transfer.
     virtual ZELError open() = 0;
 
-    /// Called before the first byte, where the server announced how many there will be: a body that cannot be
-    /// taken whole is not loaded at all. An error ends the transfer.
-    virtual ZELError expect(qint64 size) = 0;
+    /// The file of earlier attempts that the next one continues; null where each begins with nothing.
+    virtual const BodyFile *file() const { return nullptr; }
+
+    /// Called before the first byte of each answer that is taken: a body that cannot be taken whole is not
+    /// loaded at all. Unless it has an offset, what came before is given up. An error ends the transfer.
+    virtual ZELError begin(const BodyStart &start) = 0;
 
     /// Takes the next bytes; an error ends the transfer.
     virtual ZELError write(QByteArrayView bytes) = 0;
@@ -34,7 +46,7 @@ public:
     explicit BodyInMemory(qint64 limit);
 
     ZELError open() override;
-    ZELError expect(qint64 size) override;
+    ZELError begin(const BodyStart &start) override;
     ZELError write(QByteArrayView bytes) override;
     bool takesDecodedContent() const override { return true; }
 
@@ -46,34 +58,32 @@ private:
     QByteArray m_body = "";
 };
 
-/// Writes at most `limit` bytes to a new file in `folder`, which is made with mode 0700 when it is missing,
-/// and leaves the file system its reserve. The file goes with the sink, unless it was moved away.
+/// Writes at most `limit` bytes to a file and leaves the file system its reserve. What is not the file goes
+/// to a new one in `folder`: an error's page never takes the place of a good beginning.
 class BodyInFile : public BodySink
 {
 public:
-    BodyInFile(const QString &folder, qint64 limit);
+    /// `file` may have a beginning already; without one it is a new one in `folder`, too.
+    BodyInFile(const QString &folder, qint64 limit, std::shared_ptr<BodyFile> file = {});
 
     ZELError open() override;
-    ZELError expect(qint64 size) override;
+    const BodyFile *file() const override { return m_file.get(); }
+    ZELError begin(const BodyStart &start) override;
     ZELError write(QByteArrayView bytes) override;
     bool takesDecodedContent() const override { return false; }
 
-    QString location() const { return m_file.fileName(); }
+    /// Of the file with the last body that began.
+    QString location() const { return m_current->location(); }
 
 private:
-    // What the file's name is found by must stay, even when the file has been moved.
-    class File : public QTemporaryFile
-    {
-    public:
-        using QTemporaryFile::open;
-        using QTemporaryFile::QTemporaryFile;
-    };
-
+    ZELError start(qint64 offset, const QByteArray &validator);
     ZELError allow(qint64 size);
     ZELError failure(const QString &reason) const;
 
     const QString m_folder;
-    File m_file;
+    const std::shared_ptr<BodyFile> m_file;
+    std::unique_ptr<BodyFile> m_aside; // with what is not the file
+    BodyFile *m_current;
     const qint64 m_limit;
     qint64 m_left; // of the limit
     qint64 m_granted = 0; // bytes that may be written before the file system is looked at again

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <optional>
+#include <vector>
 
 namespace zel {
 
@@ -30,11 +31,18 @@ struct URLRequest {
         "application/json"; ///< of the body; servers read, and limit, forms in ways of their own
     QByteArray languages = {}; ///< the header "Accept-Language"; left out when empty
     std::chrono::milliseconds timeout{120'000}; ///< longest time without a byte in either direction
-    std::optional<std::chrono::milliseconds> deadline = {}; ///< most time in all, redirections included
-    std::optional<LeastPace> pace = {}; ///< bytes in both directions count
+    /// Most time in all: redirections, further attempts and the pauses between them included.
+    std::optional<std::chrono::milliseconds> deadline = {};
+    std::optional<LeastPace> pace = {}; ///< of each attempt; bytes in both directions count
     /// Most bytes of the body, decoded; one more is a transport error. Without it 4 MiB for a data task,
     /// whose body is kept in memory, and no limit for a download.
     std::optional<qint64> bodyLimit = {};
+    /// Bytes of the file that a download asks for, where that is known: other lengths are other files, and
+    /// one that is there whole is not asked for.
+    std::optional<qint64> size = {};
+    /// What a download waits before each further attempt, after a fault that passes. Servers may ask for
+    /// more, up to a minute. Empty: one attempt.
+    std::vector<std::chrono::milliseconds> pauses = {};
 };
 
 } // namespace zel

@@ -186,15 +186,17 @@ std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompleti
 }
 
 std::shared_ptr<URLSessionTask> downloadTask(const URLRequest &request, const QString &temporaryFolder,
-                                             DownloadCompletion completion)
+                                             DownloadCompletion completion, std::shared_ptr<BodyFile> file)
 {
-    return std::make_shared<Task>([request, temporaryFolder, completion = std::move(completion)](Task &task) {
-        BodyInFile sink(temporaryFolder, request.bodyLimit.value_or(std::numeric_limits<qint64>::max()));
-        QUrl responseUrl;
-        const ZELError error = task.transfer(request, sink, responseUrl);
-        if (completion)
-            completion(error ? QString() : sink.location(), responseUrl, error);
-    });
+    return std::make_shared<Task>(
+        [request, temporaryFolder, completion = std::move(completion), file = std::move(file)](Task &task) {
+            BodyInFile sink(temporaryFolder, request.bodyLimit.value_or(std::numeric_limits<qint64>::max()),
+                            file);
+            QUrl responseUrl;
+            const ZELError error = task.transfer(request, sink, responseUrl);
+            if (completion)
+                completion(error ? QString() : sink.location(), responseUrl, error);
+        });
 }
 
 } // namespace zel

@@ -2,6 +2,7 @@
 // afterwards (no cache, no cookies), and a thread of its own that is the session's queue.
 #pragma once
 
+#include "BodyFile.h"
 #include "common/ZELError.h"
 #include "URLRequest.h"
 #include "ZELURLSessionTask.h"
@@ -40,8 +41,9 @@ using DownloadCompletion =
 /// Needs no running event loop. When the application object is destroyed, or the process exits without that,
 /// running tasks are cancelled and their completions waited for: a completion must never wait for the main
 /// thread. Where no thread is to be had that is a transport error, too, whose completion comes on the main
-/// queue if the task was resumed there, else before `resume` returns. The application's proxy (QNetworkProxy)
-/// is used, and the machine's certificates or those of the file that the variable SSL_CERT_FILE names.
+/// queue if the task was resumed there, else before `resume` returns. Proxies are used as `proxyFor` says, of
+/// which one that asks for a password is a transport error, and the machine's certificates or those of the
+/// file that the variable SSL_CERT_FILE names.
 std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompletion completion);
 
 /// A request whose body goes to a new file in `temporaryFolder` as it arrives, with any content coding left
@@ -49,7 +51,16 @@ std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompleti
 /// missing. A file that cannot be made or written is a transport error, and so is a body that would take the
 /// last of a disk: the announced size is judged before anything is loaded, and the free space while it is
 /// written.
+///
+/// A download that breaks off is tried again after each of `request.pauses`: without a name's address or a
+/// connection, after silence, an answer that ends early, or a status of 429, 500, 502, 503 or 504, of which
+/// the last one's body is a body. Each attempt asks for what is missing of the file, where the server has told
+/// how to (a strong entity tag, or a time of modification that is one), and for all of it where it cannot give
+/// that. `file`, where there is one, is what it goes to and may have a beginning already; a body that cannot
+/// be that file, by its status or by the length in `request.size`, comes in another one. Counts are of the
+/// whole file.
 std::shared_ptr<URLSessionTask> downloadTask(const URLRequest &request, const QString &temporaryFolder,
-                                             DownloadCompletion completion);
+                                             DownloadCompletion completion,
+                                             std::shared_ptr<BodyFile> file = {});
 
 } // namespace zel

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "BodySinks.h"
+#include "Proxies.h"
 #include "URLRequest.h"
 
 #include <atomic>
@@ -30,6 +31,12 @@ public:
     /// How long nothing needs to be judged as long as no byte moves.
     std::chrono::milliseconds left(Time now) const;
 
+    /// Whether the deadline is later than `time`.
+    bool allows(Time time) const { return !m_deadline || time < *m_deadline; }
+
+    /// Judges silence and pace anew from `now` on, for a further attempt.
+    void restart(Time now);
+
 private:
     const std::chrono::milliseconds m_timeout;
     const std::optional<Time> m_deadline;
@@ -41,6 +48,9 @@ private:
     bool m_slow = false;
 };
 
+/// A GET into a sink with a file is tried again where the request has pauses for it, and asks for what is
+/// missing of the file. Everything else is sent once.
+///
 /// Made, run and destroyed on one thread; `cancel` alone may be called from any.
 class URLTransfer
 {
@@ -64,7 +74,7 @@ public:
     ZELError cancelled() const;
 
     /// The address that answered last.
-    QUrl responseUrl() const { return m_request.url; }
+    QUrl responseUrl() const { return m_url; }
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -76,21 +86,37 @@ private:
     using Multi = std::unique_ptr<CURLM, Closer<curl_multi_cleanup>>;
     using List = std::unique_ptr<curl_slist, Closer<curl_slist_free_all>>;
 
+    // What is to be made of an answer whose head is known.
+    enum class Answer { Body, Redirection, NoRest, PassingFault, NoProxy };
+
+    ZELError attempt();
+    ZELError pause(std::chrono::milliseconds length);
     ZELError exchange();
     ZELError perform();
     ZELError redirect();
     void configure();
     void configureProxy();
+    void configureRest();
     ZELError outcome();
+    ZELError begin();
+    Answer answer() const;
     bool isRedirected() const;
+    bool isRestOf(const BodyFile &file) const;
+    bool isRefusedByProxy() const;
+    bool mayTryAgain() const;
+    long status() const;
+    QByteArray header(const char *name) const;
     qint64 announcedSize() const;
     ZELError judge();
     bool receiveHead(QByteArrayView line);
     bool receiveBody(QByteArrayView bytes);
     template <auto receive> static size_t take(char *bytes, size_t, size_t count, void *self) noexcept;
     ZELError failure(const QString &reason, qint64 code = 0) const;
+    ZELError passingFailure(const QString &reason, qint64 code = 0);
 
-    URLRequest m_request; // as it stands after the redirections so far
+    const URLRequest m_request;
+    QUrl m_url; // these two as they stand after the redirections so far
+    QByteArray m_method;
     BodySink &m_sink;
     const Progress m_progress;
     const Multi m_multi; // outlives the exchange in it
@@ -98,11 +124,18 @@ private:
     Easy m_easy;
     std::atomic<bool> m_cancelled = false;
     TransferClock m_clock;
+    size_t m_attempts = 0; // that have ended
+    bool m_asksForRest = false; // in this attempt
+    qint64 m_offset = 0; // from which on this exchange asks; 0: for all
+    bool m_passes = false; // the fault that ended this exchange
     qint64 m_movedBefore = 0; // bytes both ways in the exchanges before this one
     qint64 m_moved = 0; // in this one
     qint64 m_headBytes = 0; // of this exchange: interim answers, header and trailer
     int m_codings = 0;
-    qint64 m_received = 0;
+    bool m_begun = false; // the sink has begun with this answer's body
+    qint64 m_received = 0; // of the body, what was there before included
+    qint64 m_expected = -1;
+    Proxy m_proxy;
     ZELError m_refusal; // why bytes that came were not taken
     bool m_memoryIsOut = false;
 };
