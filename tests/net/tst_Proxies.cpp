@@ -1,0 +1,118 @@
+#include "net/Proxies.h"
+#include "net/URLSession.h"
+#include "support/TestServer.h"
+
+#include <QNetworkProxy>
+#include <QtTest>
+
+#include <future>
+
+using namespace zel;
+
+namespace {
+
+const QByteArrayList Variables{"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY",   "all_proxy",
+                               "ALL_PROXY",  "no_proxy",   "NO_PROXY",    "REQUEST_METHOD"};
+
+ZELError failureOf(const QString &address)
+{
+    std::promise<ZELError> ended;
+    dataTask({.url = QUrl(address)}, [&](const QByteArray &, const ZELError &error) {
+        ended.set_value(error);
+    })->resume();
+    return ended.get_future().get();
+}
+
+} // namespace
+
+class tst_Proxies : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        for (const QByteArray &name : Variables)
+            qunsetenv(name);
+        QNetworkProxyFactory::setUseSystemConfiguration(true);
+    }
+    void cleanupTestCase() { init(); }
+
+    void environment_data()
+    {
+        QTest::addColumn<QByteArrayList>("environment");
+        QTest::addColumn<QByteArray>("plain");
+        QTest::addColumn<QByteArray>("secure");
+        const auto row = [](const char *name, const QByteArrayList &environment, const char *plain,
+                            const char *secure) {
+            QTest::newRow(name) << environment << QByteArray(plain) << QByteArray(secure);
+        };
+        row("each its own", {"http_proxy=p:1", "HTTPS_PROXY=s:2"}, "p:1", "s:2");
+        row("not the other's", {"http_proxy=p:1"}, "p:1", "");
+        row("all", {"ALL_PROXY=socks5h://a:3", "https_proxy=s:2"}, "socks5h://a:3", "s:2");
+        row("small letters first", {"http_proxy=p:1", "HTTP_PROXY=q:1"}, "p:1", "");
+        row("empty", {"https_proxy=", "HTTPS_PROXY=s:2"}, "", "s:2");
+        row("capitals", {"HTTP_PROXY=q:1"}, "q:1", "");
+        row("a visitor's header", {"HTTP_PROXY=q:1", "REQUEST_METHOD=GET"}, "", "");
+    }
+
+    void environment()
+    {
+        QFETCH(QByteArrayList, environment);
+        QFETCH(QByteArray, plain);
+        QFETCH(QByteArray, secure);
+        for (const QByteArray &variable : environment)
+            qputenv(variable.left(variable.indexOf('=')), variable.mid(variable.indexOf('=') + 1));
+        QCOMPARE(proxyFor(QUrl("http://updates.example/file")).address, plain);
+        QCOMPARE(proxyFor(QUrl("https://updates.example/file")).address, secure);
+        for (const char *here :
+             {"http://localhost:1/", "http://127.1.2.3/", "https://[::1]/", "http://a.localhost/"})
+            QCOMPARE(proxyFor(QUrl(here)).address, QByteArray());
+
+        // What the application says counts alone, also that there is none.
+        QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
+        QCOMPARE(proxyFor(QUrl("http://updates.example/file")).address, QByteArray());
+    }
+
+    void exceptions()
+    {
+        TestServer proxy;
+        proxy.answer("http://updates.invalid/file", {{.body = "by proxy"}});
+        qputenv("http_proxy", proxy.url("").authority().toUtf8());
+        QVERIFY(!failureOf("http://updates.invalid/file"));
+        qputenv("no_proxy", "other.example, .invalid");
+        QVERIFY(failureOf("http://updates.invalid/file"));
+        // Not from what the application has set.
+        QNetworkProxy::setApplicationProxy(
+            {QNetworkProxy::HttpProxy, "127.0.0.1", quint16(proxy.url("").port())});
+        QVERIFY(!failureOf("http://updates.invalid/file"));
+    }
+
+    void password_data()
+    {
+        QTest::addColumn<QString>("address");
+        QTest::newRow("plain") << "http://updates.example/file";
+        QTest::newRow("secure") << "https://updates.example/file";
+    }
+
+    void password()
+    {
+        QFETCH(QString, address);
+        TestServer proxy;
+        for (const char *path : {"http://updates.example/file", "updates.example:443"})
+            proxy.answer(path,
+                         {{.status = 407,
+                           .body = "who?",
+                           .headers = {{"Proxy-Authenticate", "Basic realm=\"office\""}}}});
+        const QString name = proxy.url("").authority();
+        for (const QString &user : {QString(), QString("me:secret@")}) {
+            qputenv("all_proxy", ("http://" + user + name).toUtf8());
+            const QString message = failureOf(address).message;
+            QVERIFY2(message.endsWith("the proxy " + name + " asks for a password"), qPrintable(message));
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_Proxies)
+
+#include "tst_Proxies.moc"
