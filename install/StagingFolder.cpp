@@ -8,6 +8,7 @@
 #include "StagingFolder.h"
 
 #include "platform/FileTree.h"
+#include "PrivateFolder.h"
 
 #include <QDir>
 #include <QFile>
@@ -15,7 +16,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 namespace zel {
@@ -23,38 +23,7 @@ namespace zel {
 namespace {
 
 constexpr int FolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
-enum class Lock { Ours, Others, Unsupported };
-
-Lock lock(const FileDescriptor &folder)
-{
-    if (::flock(folder.get(), LOCK_EX | LOCK_NB) == 0)
-        return Lock::Ours;
-    return errno == EWOULDBLOCK ? Lock::Others : Lock::Unsupported;
-}
-
-ZELError openRoot(const QString &path, FileDescriptor &root)
-{
-    // A trailing slash would have a link followed.
-    root = FileDescriptor(::open(QFile::encodeName(QDir::cleanPath(path)).constData(), FolderFlags));
-    struct stat status;
-    if (!root || ::fstat(root.get(), &status) != 0)
-        return ZELError::fromErrno(QLatin1String("cannot use the staging folder ") + path, errno);
-    if (status.st_uid != ::geteuid())
-        return ZELError::withMessage(QLatin1String("the staging folder belongs to another user: ") + path);
-    if (status.st_mode & (S_IWGRP | S_IWOTH))
-        return ZELError::withMessage(QLatin1String("other users can write to the staging folder ") + path);
-    return {};
-}
-
-// A sweep may have removed the folder between its making and its locking.
-bool isStillThere(const FileDescriptor &root, const QByteArray &name, const FileDescriptor &folder)
-{
-    struct stat named;
-    struct stat open;
-    return ::fstatat(root.get(), name.constData(), &named, AT_SYMLINK_NOFOLLOW) == 0
-        && ::fstat(folder.get(), &open) == 0 && named.st_dev == open.st_dev && named.st_ino == open.st_ino;
-}
+constexpr QLatin1String Purpose("staging folder");
 
 bool isHeld(const FileDescriptor &root, const QByteArray &name, FileDescriptor &folder)
 {
@@ -66,10 +35,7 @@ bool isHeld(const FileDescriptor &root, const QByteArray &name, FileDescriptor &
 
 QString stagingRoot()
 {
-    const QString home = qEnvironmentVariable("HOME");
-    return QDir::isAbsolutePath(home)
-        ? QDir::cleanPath(home) + QLatin1String("/Library/Application Support/Wexmoor 7/Patch")
-        : QString();
+    return folderOfUpdater(QStringLiteral("Patch"));
 }
 
 QString newUUID()
@@ -87,7 +53,7 @@ ZELError StagingFolder::make(const QString &root, std::shared_ptr<StagingFolder>
         FileDescriptor parent;
         if (const ZELError error = makePrivateFolder(root))
             return error;
-        if (const ZELError error = openRoot(root, parent)) {
+        if (const ZELError error = openPrivateFolder(root, Purpose, parent)) {
             if (!QFileInfo::exists(root))
                 continue;
             return error;
@@ -114,7 +80,7 @@ void StagingFolder::remove()
 void sweepStaging(const QString &root)
 {
     FileDescriptor parent;
-    if (root.isEmpty() || openRoot(root, parent))
+    if (root.isEmpty() || openPrivateFolder(root, Purpose, parent))
         return;
     const QDir folder(QDir::cleanPath(root));
     const auto everything = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;

@@ -111,9 +111,12 @@ void UpdateInstaller::downloadUpdate(ZELDownloadCompletion completion)
         if (completion)
             completion(status, path);
     };
-    const auto job = UpdateJob::create(
-        {CheckResult::fromMap(offer), settings.installedBundle, settings.stagingRoot, settings.policy},
-        std::move(hooks), ended);
+    const auto job = UpdateJob::create({.offer = CheckResult::fromMap(offer),
+                                        .installedBundle = settings.installedBundle,
+                                        .stagingRoot = settings.stagingRoot,
+                                        .policy = settings.policy,
+                                        .downloadRoot = settings.downloadRoot},
+                                       std::move(hooks), ended);
     *handle = job;
     setTask(job);
     job->resume();

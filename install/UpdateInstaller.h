@@ -45,6 +45,7 @@ public:
         QString installedBundle; ///< the bundle that patches start from; only read
         QString stagingRoot; ///< staging folders are made below it
         std::optional<RecordPolicy> policy = {}; ///< where signers are pinned
+        QString downloadRoot = {}; ///< where downloads that break off are kept; null: nowhere
     };
 
     static std::shared_ptr<UpdateInstaller> create(Hooks hooks);

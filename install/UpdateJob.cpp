@@ -18,6 +18,7 @@
 
 #include "common/DDLog.h"
 #include "common/ZELUpdaterTypes.h"
+#include "PartialDownload.h"
 #include "platform/Queues.h"
 
 #include <QFile>
@@ -50,10 +51,14 @@ void tell(const std::function<void(Arguments...)> &hook, std::type_identity_t<Ar
 }
 
 // Not looked at here: a file that did not get there is found when its hash is taken.
-QString keepDownload(const QString &location, const QString &folder, const QUrl &answered)
+QString keepDownload(const QString &location, const QString &folder, const QUrl &answered,
+                     PartialDownload *part)
 {
     const QString payload = folder + payloadName(answered);
-    QFile::rename(location, payload);
+    if (part && location == part->location())
+        part->moveTo(payload);
+    else
+        QFile::rename(location, payload);
     DDLogInfo(QLatin1String("Download location = ") + location);
     DDLogInfo(QLatin1String("temp = ") + folder);
     DDLogInfo(QLatin1String("payload = ") + payload);
@@ -68,6 +73,7 @@ struct UpdateJob::Download {
     Arrival arrival;
     std::shared_ptr<StagingFolder> folder = {}; // of a sound one
     QString payload = {};
+    bool isContinued = false; // it was put together from several answers
 };
 
 struct UpdateJob::Ending {
@@ -125,6 +131,7 @@ void UpdateJob::resume()
 void UpdateJob::run()
 {
     sweepStaging(m_inputs.stagingRoot); // folders that no living process holds
+    sweepDownloads(m_inputs.downloadRoot);
     if (const ZELError error = trustedOffer(m_inputs.offer, m_inputs.policy, m_offer)) {
         systemLog(error.message);
         return finish({ZELDownloadFailed});
@@ -177,13 +184,24 @@ UpdateJob::Ending UpdateJob::updateByArchive()
     return {ZELDownloadExtractionFailed};
 }
 
+// Bytes of several answers may be of several files, or were damaged while they lay there, which says nothing
+// of the file at the server: it gets one chance to come whole.
 UpdateJob::Download UpdateJob::download(const OfferedFile &offered)
+{
+    const Download result = downloadOnce(offered);
+    if (result.arrival != Download::Wrong || !result.isContinued || isCancelled())
+        return result;
+    DDLogInfo(QStringLiteral("The download was put together wrongly: downloading it again"));
+    return downloadOnce(offered);
+}
+
+UpdateJob::Download UpdateJob::downloadOnce(const OfferedFile &offered)
 {
     DDLogInfo(jsonText(offered.received));
     Download result{Download::Failed};
     ZELError error = StagingFolder::make(m_inputs.stagingRoot, result.folder);
     if (!error)
-        error = transfer(offered, result.folder->path(), result.payload);
+        error = transfer(offered, result.folder->path(), result);
     // A transfer that fails ends the update, but wrong bytes fall back: asking a server again that cannot be
     // reached helps nobody. More than was announced is no better than other bytes than were announced.
     result.arrival = error.code == URLErrorCode::TooLong ? Download::Wrong : Download::Failed;
@@ -206,7 +224,7 @@ UpdateJob::Download UpdateJob::download(const OfferedFile &offered)
 
 // Waits for the transfer's end. A cancelled one ends at once, unless there was no thread for it: its
 // completion comes from the main queue then, which may be waiting for this very job to end.
-ZELError UpdateJob::transfer(const OfferedFile &offered, const QString &folder, QString &payload)
+ZELError UpdateJob::transfer(const OfferedFile &offered, const QString &folder, Download &result)
 {
     constexpr std::chrono::seconds timeToCancel(5);
     struct Outcome {
@@ -214,22 +232,32 @@ ZELError UpdateJob::transfer(const OfferedFile &offered, const QString &folder, 
         std::condition_variable_any changed;
         std::optional<ZELError> error;
         QString payload;
+        bool isContinued = false;
     };
     const auto outcome = std::make_shared<Outcome>();
     URLRequest request;
     request.url = QUrl(offered.file);
     request.pace = SlowestDownload;
     if (offered.size && *offered.size >= 0)
-        request.bodyLimit = *offered.size;
-    const auto task =
-        downloadTask(request, folder,
-                     [outcome, folder](const QString &location, const QUrl &answered, const ZELError &error) {
-                         const std::lock_guard lock(outcome->mutex);
-                         if (!error)
-                             outcome->payload = keepDownload(location, folder, answered);
-                         outcome->error = error;
-                         outcome->changed.notify_all();
-                     });
+        request.bodyLimit = request.size = *offered.size;
+    request.pauses = m_inputs.pauses;
+    const auto part = PartialDownload::take(m_inputs.downloadRoot, offered.sha256.value_or(QString()),
+                                            request.size.value_or(-1));
+    std::shared_ptr<BodyFile> file = part;
+    if (!file)
+        file = std::make_shared<TemporaryBodyFile>(folder);
+    const auto completion = [outcome, folder, part, file](const QString &location, const QUrl &answered,
+                                                          const ZELError &error) {
+        const std::lock_guard lock(outcome->mutex);
+        outcome->isContinued = !error && location == file->location() && file->isContinued();
+        if (!error)
+            outcome->payload = keepDownload(location, folder, answered, part.get());
+        if (part)
+            part->letGo(); // before anybody can ask for it again
+        outcome->error = error;
+        outcome->changed.notify_all();
+    };
+    const auto task = downloadTask(request, folder, completion, file);
     setTransfer(task, offered);
     task->resume();
     task->observeCountOfBytesReceived([weak = weak_from_this()] {
@@ -241,7 +269,8 @@ ZELError UpdateJob::transfer(const OfferedFile &offered, const QString &folder, 
     if (!outcome->changed.wait(lock, m_stop.get_token(), ended)
         && !outcome->changed.wait_for(lock, timeToCancel, ended))
         return ZELError::withMessage(QStringLiteral("the download was cancelled"));
-    payload = outcome->payload;
+    result.payload = outcome->payload;
+    result.isContinued = outcome->isContinued;
     return *outcome->error;
 }
 

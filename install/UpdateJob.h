@@ -9,8 +9,10 @@
 #include "StagingFolder.h"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <mutex>
+#include <vector>
 
 namespace zel {
 
@@ -32,6 +34,10 @@ public:
         QString stagingRoot; ///< staging folders are made below it
         std::optional<RecordPolicy> policy = {}; ///< where signers are pinned
         QString archiveTool = zel::archiveTool(); ///< what unpacks archives
+        QString downloadRoot = {}; ///< where downloads that break off are kept; null: nowhere
+        /// Before each further attempt at a download.
+        std::vector<std::chrono::milliseconds> pauses = {std::chrono::seconds(1), std::chrono::seconds(3),
+                                                         std::chrono::seconds(9), std::chrono::seconds(27)};
     };
 
     /// What the job tells on its way; each may be left out.
@@ -72,7 +78,8 @@ private:
     Ending updateByArchive();
     Ending fallBack();
     Download download(const OfferedFile &offered);
-    ZELError transfer(const OfferedFile &offered, const QString &folder, QString &payload);
+    Download downloadOnce(const OfferedFile &offered);
+    ZELError transfer(const OfferedFile &offered, const QString &folder, Download &result);
     void setTransfer(const std::shared_ptr<URLSessionTask> &task, const OfferedFile &offered);
     void notify();
     void finish(Ending ending);

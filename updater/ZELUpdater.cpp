@@ -10,6 +10,7 @@
 
 #include "check/UpdateCheck.h"
 #include "install/ArchiveExtractor.h"
+#include "install/PartialDownload.h"
 #include "install/StagingFolder.h"
 #include "install/UpdateInstaller.h"
 #include "net/URLSession.h"
@@ -166,7 +167,8 @@ void ZELUpdater::prepareInstaller()
     const zel::HostConfig config = zel::HostConfig::fromMap(m_config);
     m_installer->setSettings({.installedBundle = config.path,
                               .stagingRoot = zel::stagingRoot(),
-                              .policy = zel::recordPolicy(config)});
+                              .policy = zel::recordPolicy(config),
+                              .downloadRoot = zel::downloadRoot()});
 }
 
 void ZELUpdater::showPreparing()

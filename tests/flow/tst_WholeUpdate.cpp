@@ -130,7 +130,7 @@ private slots:
         // The page asks for them itself.
         row("server gone at the notes", goneAt("/notes.html"), {}, {"History: Cancel"},
             {"check 1", "choice 0"}, "Checking History", {check, ownNotes, notes});
-        row("server gone at the download", answering(Patch, {{.body = "begin", .dropAt = 2}}), {},
+        row("a download that fails", answering(Patch, {Answer::redirect("file:///x")}), {},
             {"History: Install", "Error: Cancel"}, {"check 1", "choice 2", "download 0", "cancel"},
             "Checking History Download Error", {patch, check, notes});
         for (const QString path : {"/check", "/notes.html"}) // the request itself goes on

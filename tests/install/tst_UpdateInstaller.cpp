@@ -236,7 +236,7 @@ private slots:
                 .logs(patchRun + QStringList("Unable to copy old app") + failsThen)
                 .blames("Unable to copy old appliocation to temp folder"));
         row("a patch whose transfer fails does not fall back",
-            byPatch.with(&Flow::patch, {{.body = m_patch, .dropAt = 10}})
+            byPatch.with(&Flow::patch, {{.body = m_patch, .headers = {{"Transfer-Encoding", "gzip"}}}})
                 .with(&Flow::onMainQueue, false)
                 .fails(0)
                 .logs(patchStart + QStringList("Error downloading file")));
@@ -458,7 +458,7 @@ private slots:
     void completionMayBeLeftOut()
     {
         Running run;
-        run.server.answer("/dropped", {{.body = m_zip, .dropAt = 5}});
+        run.server.answer("/dropped", {{.body = m_zip, .headers = {{"Transfer-Encoding", "gzip"}}}});
         run.installer->setSettings({{}, run.root, {}});
         for (const auto &[path, end] :
              {std::pair("/dropped", "Error downloading file"), {"/wrong", "MD5 Error"}}) {

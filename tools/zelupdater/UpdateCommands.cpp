@@ -11,6 +11,7 @@
 #include "common/UpdateRecord.h"
 #include "common/WireValues.h"
 #include "CommonOptions.h"
+#include "install/PartialDownload.h"
 #include "install/StagingFolder.h"
 #include "install/UpdateInstaller.h"
 #include "platform/BundleInfo.h"
@@ -44,6 +45,13 @@ QString stagingRootIn(const QString &folder)
     return folder.isEmpty()
         ? stagingRoot()
         : QFileInfo(folder).absoluteFilePath() + QLatin1String("/update-") + newUUID().left(8);
+}
+
+// Of this folder, too, nothing goes but what bears the name of a download.
+QString downloadRootIn(const QString &folder)
+{
+    return folder.isEmpty() ? downloadRoot()
+                            : QFileInfo(folder).absoluteFilePath() + QLatin1String("/partial-downloads");
 }
 
 // As short as it can be in the folder where the user is; scripts get the whole path.
@@ -126,7 +134,8 @@ UpdateRun::UpdateRun(const HostConfig &config, const Arguments &arguments)
     if (arguments.isSet(QStringLiteral("staging")))
         m_unfinished.emplace(root);
     m_installer = UpdateInstaller::create(hooks);
-    m_installer->setSettings({m_config.path, root, recordPolicy(m_config)});
+    m_installer->setSettings({m_config.path, root, recordPolicy(m_config),
+                              downloadRootIn(arguments.value(QStringLiteral("staging")))});
 }
 
 int UpdateRun::exec()

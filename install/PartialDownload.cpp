@@ -1,0 +1,240 @@
+// Two files for each: HASH.part, which is locked by the process that writes it, and HASH.validator, which
+// says what version of the file at the server the bytes are of. Bytes are worth nothing without that, so it
+// goes first and comes last: it is removed before the part is emptied, and written before the first byte
+// comes. A process may be killed between any two of these.
+//
+// Neither file is trusted for its name. Another program of the user's may have put a link there, or a pipe
+// that nobody writes to; and the bytes may be anything, which only the hash finds out in the end. The
+// validator goes into a header, so it is read within bounds and must be one.
+#include "PartialDownload.h"
+
+#include "net/PartialContent.h"
+#include "platform/FileContents.h"
+#include "platform/FileTree.h"
+#include "PrivateFolder.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <map>
+#include <sys/stat.h>
+#include <utility>
+#include <vector>
+
+namespace zel {
+
+namespace {
+
+constexpr int FileFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+constexpr QLatin1String Purpose("folder of downloads");
+const char *const PartSuffix = ".part";
+const char *const ValidatorSuffix = ".validator";
+
+constexpr size_t MostKept = 4;
+constexpr time_t LongestKept = 14 * 24 * 60 * 60;
+
+bool isHash(QByteArrayView text)
+{
+    return text.size() == 64 && std::all_of(text.begin(), text.end(), [](char c) {
+               return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+           });
+}
+
+// A second name would have a file elsewhere written to.
+bool isOwn(const FileDescriptor &file)
+{
+    struct stat status;
+    return file && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1
+        && status.st_uid == ::geteuid() && !(status.st_mode & (S_IWGRP | S_IWOTH));
+}
+
+qint64 lengthOf(const FileDescriptor &file)
+{
+    struct stat status;
+    return ::fstat(file.get(), &status) == 0 ? qint64(status.st_size) : 0;
+}
+
+struct Kept {
+    QByteArray hash;
+    time_t written;
+};
+
+// Newest first; at the end, as if they were as old as can be, what is no file and validators of none.
+std::vector<Kept> partsIn(FolderListing &listing)
+{
+    std::map<QByteArray, time_t> parts;
+    while (const char *entry = listing.next()) {
+        const QByteArray name(entry);
+        const QByteArray hash = name.left(name.indexOf('.'));
+        if (!isHash(hash) || (name != hash + PartSuffix && name != hash + ValidatorSuffix))
+            continue;
+        struct stat status;
+        const QByteArray part = hash + PartSuffix;
+        const bool isFile = ::fstatat(listing.folder(), part.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0
+            && S_ISREG(status.st_mode);
+        parts[hash] = isFile ? status.st_mtime : 0;
+    }
+    std::vector<Kept> sorted;
+    for (const auto &[hash, written] : parts)
+        sorted.push_back({hash, written});
+    std::sort(sorted.begin(), sorted.end(),
+              [](const Kept &a, const Kept &b) { return a.written > b.written; });
+    return sorted;
+}
+
+void removeKept(const FileDescriptor &folder, const QByteArray &hash)
+{
+    const QByteArray part = hash + PartSuffix;
+    const FileDescriptor file(::openat(folder.get(), part.constData(), O_RDONLY | FileFlags));
+    if (file && lock(file) == Lock::Others)
+        return;
+    removeItem(folder.get(), (hash + ValidatorSuffix).constData());
+    removeItem(folder.get(), part.constData());
+}
+
+// What is no file of ours but has the name of one cannot be written, and makes room.
+FileDescriptor openPart(const FileDescriptor &folder, const QByteArray &name)
+{
+    FileDescriptor file(::openat(folder.get(), name.constData(), O_RDWR | O_CREAT | FileFlags, 0600));
+    if (isOwn(file))
+        return file;
+    if (file || errno == ELOOP || errno == EISDIR || errno == ENXIO)
+        removeItem(folder.get(), name.constData());
+    return FileDescriptor();
+}
+
+} // namespace
+
+QString downloadRoot()
+{
+    return folderOfUpdater(QStringLiteral("Download"));
+}
+
+std::shared_ptr<PartialDownload> PartialDownload::take(const QString &root, const QString &sha256,
+                                                       qint64 size)
+{
+    const QByteArray hash = sha256.toLower().toLatin1();
+    if (root.isEmpty() || !isHash(hash))
+        return nullptr;
+    // Again, when another process removed the folder because it was empty, or has just finished the file.
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        FileDescriptor folder;
+        if (makePrivateFolder(root))
+            return nullptr;
+        if (openPrivateFolder(root, Purpose, folder)) {
+            if (!QFileInfo::exists(root))
+                continue;
+            return nullptr;
+        }
+        FileDescriptor file = openPart(folder, hash + PartSuffix);
+        if (!file)
+            continue;
+        if (lock(file) != Lock::Ours)
+            return nullptr;
+        if (!isStillThere(folder, hash + PartSuffix, file))
+            continue;
+        const std::shared_ptr<PartialDownload> part(
+            new PartialDownload(QDir::cleanPath(root), hash, std::move(folder), std::move(file)));
+        part->readValidator(size);
+        return part;
+    }
+    return nullptr;
+}
+
+void PartialDownload::readValidator(qint64 size)
+{
+    const QByteArray name = m_name + ValidatorSuffix;
+    const FileDescriptor file(::openat(m_folder.get(), name.constData(), O_RDONLY | FileFlags));
+    char text[1024];
+    const ssize_t length = isOwn(file) ? readSome(file.get(), text, sizeof text) : 0;
+    const QByteArray validator(text, std::max<ssize_t>(length, 0));
+    if (isValidator(validator) && (size < 0 || lengthOf(m_file) <= size))
+        m_validator = validator;
+    setContinued(kept() > 0);
+}
+
+void PartialDownload::letGo()
+{
+    if (!m_file)
+        return;
+    if (kept() == 0)
+        remove();
+    m_file = FileDescriptor();
+    ::rmdir(QFile::encodeName(m_root).constData()); // unless something is kept there
+}
+
+QString PartialDownload::location() const
+{
+    return m_root + u'/' + QString::fromLatin1(m_name) + QLatin1String(PartSuffix);
+}
+
+bool PartialDownload::startAgain(const QByteArray &validator)
+{
+    const QByteArray name = m_name + ValidatorSuffix;
+    setContinued(false);
+    m_validator.clear();
+    if (!removeItem(m_folder.get(), name.constData()) && errno != ENOENT)
+        return false;
+    if (::ftruncate(m_file.get(), 0) != 0)
+        return false;
+    if (validator.isEmpty())
+        return true;
+    FileDescriptor file(
+        ::openat(m_folder.get(), name.constData(), O_WRONLY | O_CREAT | O_EXCL | FileFlags, 0600));
+    // Without it the next process begins again.
+    if (file && writeAll(file.get(), validator.constData(), size_t(validator.size())) && file.close())
+        m_validator = validator;
+    return true;
+}
+
+bool PartialDownload::moveTo(const QString &path)
+{
+    const QByteArray part = m_name + PartSuffix;
+    const QByteArray target = QFile::encodeName(path);
+    if (::renameat(m_folder.get(), part.constData(), AT_FDCWD, target.constData()) != 0) {
+        if (errno != EXDEV)
+            return false;
+        FileDescriptor copy(
+            ::open(target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!copy || ::lseek(m_file.get(), 0, SEEK_SET) != 0 || !copyData(m_file.get(), copy.get())
+            || !copy.close())
+            return false;
+    }
+    remove();
+    letGo();
+    return true;
+}
+
+// The validator first: the part alone is worth nothing, but the other way round the next one would find bytes
+// of another version under it.
+void PartialDownload::remove()
+{
+    removeItem(m_folder.get(), (m_name + ValidatorSuffix).constData());
+    const QByteArray part = m_name + PartSuffix;
+    if (isStillThere(m_folder, part, m_file))
+        removeItem(m_folder.get(), part.constData());
+    m_validator.clear();
+}
+
+void sweepDownloads(const QString &root)
+{
+    FileDescriptor folder;
+    if (root.isEmpty() || openPrivateFolder(root, Purpose, folder))
+        return;
+    FolderListing listing(folder.get(), ".");
+    if (!listing)
+        return;
+    const std::vector<Kept> parts = partsIn(listing);
+    const time_t now = ::time(nullptr);
+    for (size_t i = 0; i < parts.size(); ++i)
+        if (i >= MostKept || std::llabs(now - parts[i].written) > LongestKept)
+            removeKept(folder, parts[i].hash);
+    ::rmdir(QFile::encodeName(QDir::cleanPath(root)).constData()); // unless something is left
+}
+
+} // namespace zel
