@@ -11,6 +11,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLocale>
 #include <QTemporaryFile>
 #include <QUrl>
 
@@ -21,6 +22,7 @@
 #include <list>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 // Two parts: an HTTP server that holds out against its peers, and what it answers from a release folder. The
 // library gives each connection a thread for as long as its peer likes, so that a few idle peers keep
@@ -160,7 +162,8 @@ class HttpServer : public httplib::Server
 public:
     using BodyLimit = std::function<size_t(const httplib::Request &request)>;
 
-    explicit HttpServer(BodyLimit bodyLimit);
+    /// `settle` is called for each request whose head is there, and may change it.
+    HttpServer(BodyLimit bodyLimit, std::function<void(httplib::Request &request)> settle);
 
 private:
     bool process_and_close_socket(socket_t socket) override;
@@ -168,14 +171,16 @@ private:
     void leave(Peer *peer);
 
     const BodyLimit m_bodyLimit;
+    const std::function<void(httplib::Request &request)> m_settle;
     std::mutex m_mutex;
     size_t m_connected = 0;
     size_t m_dropped = 0;
     std::list<Peer *> m_asking; // in the order in which they came
 };
 
-HttpServer::HttpServer(BodyLimit bodyLimit)
+HttpServer::HttpServer(BodyLimit bodyLimit, std::function<void(httplib::Request &request)> settle)
     : m_bodyLimit(std::move(bodyLimit))
+    , m_settle(std::move(settle))
 {
     class Threads : public httplib::ThreadPool
     {
@@ -236,8 +241,10 @@ bool HttpServer::process_and_close_socket(socket_t socket)
     enter(&peer);
     try {
         bool closed = false;
-        process_request(peer, true, closed,
-                        [&](httplib::Request &request) { peer.allow(2 * m_bodyLimit(request)); });
+        process_request(peer, true, closed, [&](httplib::Request &request) {
+            peer.allow(2 * m_bodyLimit(request));
+            m_settle(request);
+        });
         peer.finish();
     } catch (const std::exception &) {
         // Memory is exhausted; the peer sees its connection end.
@@ -290,6 +297,29 @@ int readBody(const httplib::Request &request, const httplib::ContentReader &body
     return whole || status != 200 ? status : 400;
 }
 
+// What tells one version of a file from the others. Files are replaced by new ones, whose numbers differ even
+// where their times do not.
+struct FileVersion {
+    explicit FileVersion(const QFile &open)
+    {
+        struct stat status = {};
+        ::fstat(open.handle(), &status);
+        const timespec written = timesOf(status)[1];
+        const QDateTime time = QDateTime::fromSecsSinceEpoch(written.tv_sec, Qt::UTC);
+        tag = QStringLiteral("\"%1-%2-%3.%4\"")
+                  .arg(qulonglong(status.st_ino), 0, 16)
+                  .arg(qlonglong(status.st_size), 0, 16)
+                  .arg(qlonglong(written.tv_sec), 0, 16)
+                  .arg(qlonglong(written.tv_nsec), 0, 16)
+                  .toStdString();
+        modified =
+            QLocale::c().toString(time, QStringLiteral("ddd, dd MMM yyyy hh:mm:ss 'GMT'")).toStdString();
+    }
+
+    std::string tag;
+    std::string modified;
+};
+
 void answerJson(httplib::Response &response, const QByteArray &json)
 {
     response.set_content(json.constData(), size_t(json.size()), "application/json");
@@ -320,7 +350,8 @@ QJsonObject withAbsoluteAddresses(QJsonObject entry, const QUrl &base)
 UpdateServer::UpdateServer(const QString &folder, std::function<void(const QString &)> said)
     : m_folder(folder)
     , m_said(std::move(said))
-    , m_server(std::make_unique<HttpServer>(bodyLimit))
+    , m_server(std::make_unique<HttpServer>(bodyLimit,
+                                            [this](httplib::Request &request) { settleRange(request); }))
 {
     m_server->Get(AnyPath, [this](const auto &request, auto &response) { serveFile(request, response); });
     m_server->Post(AnyPath, [this](const auto &request, auto &response, const auto &body) {
@@ -372,6 +403,15 @@ void UpdateServer::serveFile(const httplib::Request &request, httplib::Response 
         response.set_content("Not found\n", "text/plain");
         return;
     }
+    const FileVersion version(*file);
+    response.set_header("Accept-Ranges", "bytes");
+    response.set_header("ETag", version.tag);
+    response.set_header("Last-Modified", version.modified);
+    if (!request.ranges.empty() && request.ranges[0].first >= file->size()) {
+        response.status = 416;
+        response.set_header("Content-Range", "bytes */" + std::to_string(file->size()));
+        return;
+    }
     response.set_content_provider(size_t(file->size()), contentType(file->fileName()),
                                   [file](size_t offset, size_t length, httplib::DataSink &sink) {
                                       constexpr size_t step = 1 << 18;
@@ -381,6 +421,29 @@ void UpdateServer::serveFile(const httplib::Request &request, httplib::Response 
                                       return !piece.isEmpty()
                                           && sink.write(piece.constData(), size_t(piece.size()));
                                   });
+}
+
+// The library answers ranges, but as they are asked for: beyond the end, too, and whatever version the asker
+// has the beginning of. Ranges that mean nothing here are left out: then all of the file is the answer.
+void UpdateServer::settleRange(httplib::Request &request) const
+{
+    if (request.ranges.empty())
+        return;
+    const auto ranges = std::exchange(request.ranges, {});
+    QFile file(servedFile(request.path));
+    if (request.method == "POST" || ranges.size() != 1 || !file.open(QIODevice::ReadOnly))
+        return;
+    const FileVersion version(file);
+    const std::string condition = request.get_header_value("If-Range");
+    if (!condition.empty() && condition != version.tag)
+        return;
+    auto [first, last] = ranges[0];
+    const auto size = ssize_t(file.size());
+    if (first < 0) { // the last bytes
+        first = std::max<ssize_t>(size - last, last > 0 ? 0 : size);
+        last = -1;
+    }
+    request.ranges = {{first, last < 0 ? size - 1 : std::min(last, size - 1)}};
 }
 
 void UpdateServer::post(const httplib::Request &request, httplib::Response &response,

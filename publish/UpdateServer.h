@@ -20,8 +20,8 @@ namespace zel {
 class HttpServer;
 
 /// Answers over HTTP:
-///  - GET of a file in the folder, with byte ranges; POST of one too, because that is how release notes are
-///    asked for;
+///  - GET of a file in the folder, with entity tags, and single ranges of bytes for those who go on with a
+///    download; POST of one too, because that is how release notes are asked for;
 ///  - POST to "/wexmoor7/updates/patch/": a patch log of at most 32 MiB, stored as a file in the folder's
 ///    "logs", which is never served, as long as the disk has room;
 ///  - any other POST: a check, of at most 64 KiB, answered with the feed, its addresses made absolute.
@@ -43,6 +43,7 @@ public:
 
 private:
     void serveFile(const httplib::Request &request, httplib::Response &response) const;
+    void settleRange(httplib::Request &request) const;
     void post(const httplib::Request &request, httplib::Response &response,
               const httplib::ContentReader &body) const;
     void storeLog(const httplib::Request &request, httplib::Response &response,
