@@ -87,6 +87,12 @@ void TestServer::answer(const QString &path, const QList<Answer> &answers)
     m_answers[path.toUtf8()] = answers;
 }
 
+void TestServer::answer(const QString &path, std::function<Answer(const Request &request)> make)
+{
+    const std::lock_guard lock(m_mutex);
+    m_makers[path.toUtf8()] = std::move(make);
+}
+
 void TestServer::release()
 {
     const std::lock_guard lock(m_mutex);
@@ -176,6 +182,8 @@ TestServer::Answer TestServer::take(const Request &request)
     const std::lock_guard lock(m_mutex);
     m_requests.append(request);
     m_changed.notify_all();
+    if (const auto maker = m_makers.find(request.path); maker != m_makers.end())
+        return maker->second(request);
     QList<Answer> &answers = m_answers[request.path.split('?').first()];
     if (answers.isEmpty())
         return {.status = 404, .body = "nothing here"};

@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -67,6 +68,9 @@ public:
     /// without answers is a 404 with a body.
     void answer(const QString &path, const QList<Answer> &answers);
 
+    /// Makes the answers of a path from what is asked, on the threads that serve.
+    void answer(const QString &path, std::function<Answer(const Request &request)> make);
+
     /// Lets every stalled answer go on, those that come later too.
     void release();
 
@@ -91,6 +95,7 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::map<QByteArray, QList<Answer>> m_answers;
+    std::map<QByteArray, std::function<Answer(const Request &)>> m_makers;
     QList<Request> m_requests;
     QList<int> m_open; // descriptors of the connections
     std::vector<std::thread> m_connections;
