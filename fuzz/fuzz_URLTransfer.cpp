@@ -1,5 +1,6 @@
 // Any bytes as what a server answers. "%%" parts the answers to one request after the other, as redirections
-// make them; what stands behind "@@" in an answer is sent again and again.
+// make them and further attempts; what stands behind "@@" in an answer is sent again and again. Each input
+// answers a check, and then a download that has the beginning of its file.
 #include "base/FileDescriptor.h"
 #include "net/URLSession.h"
 #include "Sandbox.h"
@@ -10,6 +11,7 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <string>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <thread>
 #include <vector>
@@ -122,25 +124,52 @@ private:
     std::vector<zel::FileDescriptor> m_connections;
 };
 
-} // namespace
+const std::string Kept = "0123456789";
 
-extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
+class Beginning : public zel::BodyFile
 {
-    HostileServer::instance().begin(std::string(zel::textOf(data, size)));
-    const auto before = countThreads();
+public:
+    Beginning()
+        : m_file(::memfd_create("beginning", MFD_CLOEXEC))
+    {
+        zel::require(zel::writeAll(m_file.get(), Kept.data(), Kept.size()));
+    }
+    ZELError open() override { return {}; }
+    int descriptor() const override { return m_file.get(); }
+    QString location() const override { return QStringLiteral("the beginning"); }
+    QByteArray validator() const override { return m_validator; }
+    bool startAgain(const QByteArray &validator) override
+    {
+        setContinued(false);
+        m_validator = validator;
+        return ::ftruncate(m_file.get(), 0) == 0;
+    }
+
+private:
+    const zel::FileDescriptor m_file;
+    QByteArray m_validator = "\"v\"";
+};
+
+zel::URLRequest requestFor(const char *method)
+{
     zel::URLRequest request;
     request.url = QUrl(QStringLiteral("http://updates.example/check"));
-    request.method = "POST";
+    request.method = method;
     request.body = "{}";
     request.timeout = std::chrono::seconds(2);
     request.deadline = std::chrono::seconds(4);
     request.bodyLimit = LongestBody;
+    return request;
+}
 
+// Starts the task that `make` makes of what its completion calls, and waits for its end.
+template <typename Make> void load(Make make)
+{
+    const auto before = countThreads();
     std::promise<void> ended;
     int completions = 0;
-    auto task = zel::dataTask(request, [&](const QByteArray &body, const ZELError &error) {
+    auto task = make([&] {
         zel::require(++completions == 1);
-        zel::require(body.isNull() == bool(error) && body.size() <= LongestBody);
         ended.set_value();
     });
     task->resume();
@@ -149,5 +178,49 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     // What a session's thread still holds in its last instructions would be taken for a leak.
     while (countThreads() > before)
         std::this_thread::yield();
+}
+
+void check()
+{
+    load([](const auto &ended) {
+        return zel::dataTask(requestFor("POST"), [ended](const QByteArray &body, const ZELError &error) {
+            zel::require(body.isNull() == bool(error) && body.size() <= LongestBody);
+            ended();
+        });
+    });
+}
+
+void download()
+{
+    const zel::Sandbox sandbox;
+    const auto file = std::make_shared<Beginning>();
+    zel::URLRequest request = requestFor("GET");
+    request.pauses = {std::chrono::milliseconds(0), std::chrono::milliseconds(0)};
+    request.deadline = std::chrono::seconds(1); // what a server asks for as a pause counts, too
+    load([&](const auto &ended) {
+        return zel::downloadTask(
+            request, QString::fromStdString(sandbox.inside().string()),
+            [ended](const QString &location, const QUrl &, const ZELError &error) {
+                zel::require(location.isNull() == bool(error));
+                ended();
+            },
+            file);
+    });
+    // What was there is the beginning still, or it is gone.
+    std::string content(size_t(LongestBody) + 1, ' ');
+    const ssize_t size = ::pread(file->descriptor(), content.data(), content.size(), 0);
+    zel::require(size >= 0 && size <= LongestBody);
+    zel::require(file->validator() != "\"v\"" || !file->isContinued() || content.starts_with(Kept));
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size)
+{
+    const std::string script(zel::textOf(data, size));
+    HostileServer::instance().begin(script);
+    check();
+    HostileServer::instance().begin(script);
+    download();
     return 0;
 }

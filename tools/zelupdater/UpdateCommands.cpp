@@ -321,8 +321,10 @@ std::vector<ToolCommand> updateCommands()
                                     word("Refuse records that were issued before (seconds since 1970, as "
                                          "'check --json' tells them)."),
                                     word("SECONDS"));
-    const QCommandLineOption staging(word("staging"), word("Build the new bundle below this folder."),
-                                     word("DIR"));
+    const QCommandLineOption staging(
+        word("staging"),
+        word("Build the new bundle below this folder, and keep downloads there that break off."),
+        word("DIR"));
     return {
         {word("check"),
          {},
