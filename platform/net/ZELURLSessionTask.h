@@ -23,7 +23,8 @@ public:
     /// was entered, the completion is told so, or, of an update, never called. Does nothing after that.
     virtual void cancel() = 0;
 
-    /// Bytes of the body that have come in so far.
+    /// Bytes of the body that have come in so far, those of an earlier attempt that it goes on from included.
+    /// Falls only where the body has to come again from the beginning.
     virtual qint64 countOfBytesReceived() const = 0;
 
     /// Bytes of the whole body as the server announced them; -1 as long as that is not known.
