@@ -183,10 +183,11 @@ template <typename Make> void load(Make make)
 void check()
 {
     load([](const auto &ended) {
-        return zel::dataTask(requestFor("POST"), [ended](const QByteArray &body, const ZELError &error) {
-            zel::require(body.isNull() == bool(error) && body.size() <= LongestBody);
-            ended();
-        });
+        return zel::dataTask(requestFor("POST"),
+                             [ended](const QByteArray &body, const QUrl &, const ZELError &error) {
+                                 zel::require(body.isNull() == bool(error) && body.size() <= LongestBody);
+                                 ended();
+                             });
     });
 }
 

@@ -27,6 +27,11 @@ QJsonObject object(const QByteArray &json)
     return QJsonDocument::fromJson(json).object();
 }
 
+CheckResult notesAt(const QUrl &url)
+{
+    return CheckResult::fromMap({{"update", QVariantMap{{"history", url.toString()}}}});
+}
+
 } // namespace
 
 class tst_UpdateCheck : public QObject
@@ -101,7 +106,7 @@ private slots:
         constexpr int Rounds = 40;
         for (int i = 0; i < Rounds; ++i) {
             checkForUpdates(config, [held = captive()](qint64, const QVariantMap &, const QVariant &) {});
-            downloadHistory(config, url, [held = captive()](const QByteArray &) {});
+            downloadHistory(config, notesAt(url), [held = captive()](const QByteArray &) {});
             uploadPatchLog(config, {}, [held = captive()] {});
             const auto copied = keptForMainQueue(std::function<void(int)>([held = captive()](int) {}));
             std::thread([copied] { copied(1); }).detach();
@@ -129,7 +134,7 @@ private slots:
         TestServer server;
         server.answer("/notes", {{.body = "notas"}});
         QByteArray notes;
-        downloadHistory({}, server.url("/notes"), [&](const QByteArray &body) { notes = body; });
+        downloadHistory({}, notesAt(server.url("/notes")), [&](const QByteArray &body) { notes = body; });
         QTRY_COMPARE(notes, "notas");
         QVERIFY(server.requests().first().headers["accept-language"].endsWith("pt-BR,pt"));
     }

@@ -17,7 +17,7 @@ const QByteArrayList Variables{"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS
 ZELError failureOf(const QString &address)
 {
     std::promise<ZELError> ended;
-    dataTask({.url = QUrl(address)}, [&](const QByteArray &, const ZELError &error) {
+    dataTask({.url = QUrl(address)}, [&](const QByteArray &, const QUrl &, const ZELError &error) {
         ended.set_value(error);
     })->resume();
     return ended.get_future().get();

@@ -207,7 +207,9 @@ private slots:
             std::promise<void> ended;
             request.method = method;
             const qsizetype before = server.requests().size();
-            dataTask(request, [&](const QByteArray &, const ZELError &) { ended.set_value(); })->resume();
+            dataTask(request, [&](const QByteArray &, const QUrl &, const ZELError &) {
+                ended.set_value();
+            })->resume();
             ended.get_future().wait();
             QCOMPARE(server.requests().size(), before + 1);
         }

@@ -23,11 +23,13 @@ void leaveWithRunningTasks(int argc, char *argv[])
         printf("%s\n", qPrintable(message));
     });
     const auto report = [](const ZELError &error) { DDLogInfo(QString::number(error.code)); };
-    const auto data = dataTask(request, [=](const QByteArray &, const ZELError &error) {
+    const auto data = dataTask(request, [=](const QByteArray &, const QUrl &, const ZELError &error) {
         report(error);
         if (way == "exit in a completion")
             exit(0);
-        dataTask(request, [=](const QByteArray &, const ZELError &next) { report(next); })->resume();
+        dataTask(request, [=](const QByteArray &, const QUrl &, const ZELError &next) {
+            report(next);
+        })->resume();
     });
     const auto download =
         downloadTask(request, QString::fromUtf8(argv[4]),

@@ -38,9 +38,10 @@ public:
         : m_hook(std::move(hook))
     {
         if (kind == Kind::Data)
-            task = zel::dataTask(request, [this](const QByteArray &body, const ZELError &error) {
-                finish({!body.isNull(), body, {}, error}, {});
-            });
+            task =
+                zel::dataTask(request, [this](const QByteArray &body, const QUrl &, const ZELError &error) {
+                    finish({!body.isNull(), body, {}, error}, {});
+                });
         else
             task = zel::downloadTask(
                 request, folder, [this](const QString &location, const QUrl &url, const ZELError &error) {
