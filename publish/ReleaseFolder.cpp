@@ -485,6 +485,8 @@ ZELError adoptUnsigned(const QString &folder, const ReleaseFolder::RefreshOption
                                           "and files are yours")
                                .arg(buildOf(record))
                                .arg(folder));
+        if (const ZELError error = describeFiles(folder, record))
+            return error;
         if (const ZELError error = adopt(folder, options.signing, record))
             return error;
         listed = record;
