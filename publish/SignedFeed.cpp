@@ -213,8 +213,13 @@ ZELError signFeed(QJsonArray &records, const FeedSigning &signing)
 {
     const qint64 now = QDateTime::currentSecsSinceEpoch();
     QJsonArray builds;
-    for (const QJsonValue record : std::as_const(records))
-        builds.append(integerValue(record[key::Build].toVariant()));
+    for (const QJsonValue record : std::as_const(records)) {
+        const qint64 build = integerValue(record[key::Build].toVariant());
+        // Of two, a server could withhold one, and the list would not show it.
+        if (builds.contains(build))
+            return problem(record.toObject(), QStringLiteral("it has two records"));
+        builds.append(build);
+    }
     for (QJsonValueRef listed : records) {
         QJsonObject record = listed.toObject();
         record[key::Builds] = builds;

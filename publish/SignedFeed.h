@@ -41,7 +41,7 @@ ZELError openFeed(QJsonArray &records, const FeedSigning &signing,
 /// not say: "size", "hash" and "sha256" of the archive and of each patch, "historysha256" of the notes.
 ZELError describeFiles(const QString &folder, QJsonObject &record);
 
-/// Signs records as they stand, with one date, and puts the signature beside what it holds.
+/// Signs records as they stand, one for each build, with one date, and puts the signature beside what it holds.
 ZELError signFeed(QJsonArray &records, const FeedSigning &signing);
 
 /// Records bear addresses, not names: a blank or a "#" in a name must not end the address.

@@ -75,6 +75,7 @@ class WholeUpdateTest : public QObject
     Q_OBJECT
 
     static constexpr char Patch[] = "/Example-100-to-101.zelpatch";
+    static constexpr char Notes[] = "/Example-101.html";
     static constexpr char Archive[] = "/Example-101.zip";
 
 private slots:
@@ -97,8 +98,8 @@ private slots:
 
         const QString facts =
             ZELUpdater::modelIdentifier().isNull() ? "arch build os" : "arch build model os";
-        const QString check = "POST /check " + facts, notes = "POST /notes.html " + facts,
-                      ownNotes = "POST /notes.html arch build", patch = QString("GET ") + Patch,
+        const QString check = "POST /check " + facts, notes = QString("POST ") + Notes + ' ' + facts,
+                      ownNotes = QString("POST ") + Notes + " arch build", patch = QString("GET ") + Patch,
                       archive = QString("GET ") + Archive,
                       log = "POST /wexmoor7/updates/patch/ arch build log os version";
         const auto row = [](const QString &name, const Change &change, const QVariantMap &config,
@@ -128,12 +129,12 @@ private slots:
             {"Error: Retry", "History: Skip"}, {"check 0", "retry", "check 1", "choice 1"},
             "Checking Error Checking History", {check, check, notes});
         // The page asks for them itself.
-        row("server gone at the notes", goneAt("/notes.html"), {}, {"History: Cancel"},
-            {"check 1", "choice 0"}, "Checking History", {check, ownNotes, notes});
+        row("server gone at the notes", goneAt(Notes), {}, {"History: Cancel"}, {"check 1", "choice 0"},
+            "Checking History", {check, ownNotes, notes});
         row("a download that fails", answering(Patch, {Answer::redirect("file:///x")}), {},
             {"History: Install", "Error: Cancel"}, {"check 1", "choice 2", "download 0", "cancel"},
             "Checking History Download Error", {patch, check, notes});
-        for (const QString path : {"/check", "/notes.html"}) // the request itself goes on
+        for (const QString path : {"/check", "/Example-101.html"}) // the request itself goes on
             row("cancelled at " + path, answering(path, {Stalled}), {}, {"Checking: Cancel"},
                 {"cancel", "check 1"}, "Checking History", {check, notes});
         row("cancelled while downloading", answering(Patch, {Stalled}), {},
@@ -143,9 +144,9 @@ private slots:
             {patch, check, ownNotes}, patchedFiles);
         row("a record without a signature, pinned", [](Offer &offer) { offer.record.remove("signed"); },
             pinned, {"Error: Cancel"}, {"check 0", "cancel"}, "Checking Error", {check});
-        row("notes that are not the publisher's, pinned", answering("/notes.html", {{.body = "<p>buy</p>"}}),
-            pinned, {"History: Install"}, patched, "Checking History Download Updated",
-            {patch, check, notes, notes}, patchedFiles);
+        row("notes that are not the publisher's, pinned", answering(Notes, {{.body = "<p>buy</p>"}}), pinned,
+            {"History: Install"}, patched, "Checking History Download Updated", {patch, check, notes, notes},
+            patchedFiles);
         for (const QString key : {"hidechecking", "sheet"})
             row("shown by the host, " + key, nothing, {{key, false}}, {"History: Skip"},
                 {"check 1", "choice 1"}, "Checking History", {check, notes});
@@ -167,6 +168,7 @@ private slots:
         m_server->release();
         QTRY_COMPARE_WITH_TIMEOUT(m_events, flow.events, 30'000);
         QCOMPARE(m_pages.join(u' '), flow.pages);
+        flow.requests.sort();
         QTRY_COMPARE(requests().join(u'\n'), flow.requests.join(u'\n'));
         for (const TestServer::Request &request : m_server->requests())
             QVERIFY2(!request.body.contains(QFile::encodeName(m_home.path()))
@@ -298,10 +300,10 @@ private:
         Offer offer{feed.array().last().toObject()};
         offer.changePatch({{"file", m_server->url(Patch).toString()}});
         offer.record["file"] = m_server->url(Archive).toString();
-        offer.record["history"] = m_server->url("/notes.html").toString();
+        offer.record["history"] = m_server->url(Notes).toString();
         for (const QString path : {Patch, Archive})
             offer.answers[path] = {{.body = m_tree.read("releases" + path)}};
-        offer.answers["/notes.html"] = {{.body = "<p>notes</p>", .headers = {{"Content-Type", "text/html"}}}};
+        offer.answers[Notes] = {{.body = "<p>notes</p>", .headers = {{"Content-Type", "text/html"}}}};
         offer.answers["/check"] = {{}};
         change(offer);
         for (Answer &answer : offer.answers["/check"])

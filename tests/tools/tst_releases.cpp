@@ -187,6 +187,10 @@ private slots:
         QVERIFY(refusal("file", "../notes.html").contains("there is no file"));
         QVERIFY(refusal("hash", "0").contains("is not the file"));
         QVERIFY(refusal("history", "http://elsewhere/").contains("there is no file"));
+        const QJsonArray once = records;
+        records.append(records[0]);
+        QVERIFY(refusal("arch", "arm").contains("it has two records"));
+        records = once;
         QCOMPARE(refusal("identifier", "org.evil"), "");
         verifySigned({m_a.fingerprint});
         QCOMPARE(feed().size(), 3);
