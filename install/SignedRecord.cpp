@@ -1,9 +1,9 @@
-// A check meets many records and may spend next to nothing on each, so what a record says is judged first, and a
-// signature is verified only of one that would be taken. That order is safe: what is not verified decides nothing
-// but what is looked at next.
+// A check meets many records and may spend next to nothing on each, so what a record says is judged first,
+// and a signature is verified only of one that would be taken. That order is safe: what is not verified
+// decides nothing but what is looked at next.
 //
-// A record is read from its signature twice, at the check and again when the update begins: between the two, the
-// result is in the host's hands, may be kept there for days, and expire.
+// A record is read from its signature twice, at the check and again when the update begins: between the two,
+// the result is in the host's hands, may be kept there for days, and expire.
 #include "SignedRecord.h"
 
 #include "common/DDLog.h"

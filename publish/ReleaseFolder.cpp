@@ -40,8 +40,8 @@
 //            nothing that the feed names already.
 //   feed     "releases.json" is written last, aside and renamed.
 //
-//   The records are signed with it, all of them: what was signed before is opened at the start, so that a folder
-//   which cannot be signed is heard of at once, and again here, for the feed may have changed.
+//   The records are signed with it, all of them: what was signed before is opened at the start, so that a
+//   folder which cannot be signed is heard of at once, and again here, for the feed may have changed.
 //
 // So a kill leaves: before "files" a scratch folder, which the next release sweeps; before "feed" files that
 // no record names, which harm nobody and are replaced when the build is released again. A record without its
@@ -425,8 +425,8 @@ ZELError describeAll(const QString &folder, QJsonArray &records)
     return {};
 }
 
-// The feed under the lock, and what its signatures hold, if it has any: files that are not theirs any more are
-// no base of patches.
+// The feed under the lock, and what its signatures hold, if it has any: files that are not theirs any more
+// are no base of patches.
 ZELError readSigned(const QString &folder, const ReleaseFolder::Options &options, QJsonArray &records)
 {
     records = {};

@@ -68,10 +68,10 @@ public:
         std::function<void(const QString &line)> say;
     };
 
-    /// Signs all records again, as SignedFeed.h says, so that clients take them for another while; the feed is
-    /// replaced at once, under the lock that `add` takes. A record that nobody has signed is signed as it
-    /// stands, if that is asked for: its files must be what it says of them, and its archive hold the bundle of
-    /// its build, sealed by nobody but those who sign. `builds` receives the builds that were signed.
+    /// Signs all records again, as SignedFeed.h says, so that clients take them for another while; the feed
+    /// is replaced at once, under the lock that `add` takes. A record that nobody has signed is signed as it
+    /// stands, if that is asked for: its files must be what it says of them, and its archive hold the bundle
+    /// of its build, sealed by nobody but those who sign. `builds` receives the builds that were signed.
     ZELError refresh(const RefreshOptions &options, QList<qint64> &builds) const;
 
 private:

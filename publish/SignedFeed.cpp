@@ -2,16 +2,18 @@
 // brought back from there, and whoever owns that could write a record of his own between two others, and wait
 // for the publisher to sign it. So what is signed again comes from inside the old signature alone:
 //
-// - All who sign now must have signed it before. Were one enough, the thief of one of two keys would plant what
-//   he signed with it, and be given the other signature.
+// - All who sign now must have signed it before. Were one enough, the thief of one of two keys would plant
+//   what he signed with it, and be given the other signature.
 // - All records must be of one signing. An older one that somebody put back, of a build that was withdrawn,
 //   would get a new date.
+// - All that were signed together must be there. Who took the newest one out would have the publisher vouch
+//   that there is none.
 // - The files must be those that the signature knows. Clients would refuse others, and the publisher hears of
 //   it first.
 //
 // What nobody has signed is signed only where that is asked for (ReleaseFolder::refresh), by what the files
-// are. What no signature can tell is a record that was taken out: keep the folder with the key, and give the
-// server a copy.
+// are. What no signature can tell is that all of an older folder was put back: keep the folder with the key,
+// and give the server a copy.
 #include "SignedFeed.h"
 
 #include "common/UpdateRecord.h"
@@ -25,6 +27,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSet>
 #include <QUrl>
 
 #include <algorithm>
@@ -76,6 +79,27 @@ bool isAsStated(const QJsonObject &entry, const QJsonObject &found)
         return !entry.contains(name) || entry[name] == found[name];
     };
     return agrees(key::Size) && agrees(key::Hash) && agrees(key::SHA256);
+}
+
+// Records of the last signing that are neither there nor withdrawn.
+ZELError checkWhole(const QJsonArray &records, const QList<qint64> &withdrawn)
+{
+    QSet<qint64> gone;
+    for (const QJsonValue record : records) {
+        for (const QJsonValue build : record[key::Builds].toArray())
+            gone.insert(integerValue(build.toVariant()));
+    }
+    for (const QJsonValue record : records)
+        gone.remove(integerValue(record[key::Build].toVariant()));
+    for (const qint64 build : withdrawn)
+        gone.remove(build);
+    return gone.isEmpty()
+        ? ZELError()
+        : ZELError::withMessage(
+            QStringLiteral("build %1 was signed together with the others, and is gone from "
+                           "releases.json; bring its record back, or give --withdrawn %1 if "
+                           "it is not to be offered any more")
+                .arg(*gone.begin()));
 }
 
 // The name of a file right in the folder; null for any other address.
@@ -191,7 +215,7 @@ ZELError openFeed(QJsonArray &records, const FeedSigning &signing,
                                                     "this computer's clock: clients would refuse an "
                                                     "earlier date")
                                          .arg(dateText(issued)));
-    return {};
+    return checkWhole(records, signing.withdrawn);
 }
 
 ZELError describeFiles(const QString &folder, QJsonObject &record)

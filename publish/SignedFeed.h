@@ -1,5 +1,6 @@
-// The signatures of a feed. Its records are signed all at once, with one date: clients refuse a record that is
-// older than the latest they have seen, and each record lists the builds of all, so that none can be withheld.
+// The signatures of a feed. Its records are signed all at once, with one date: clients refuse a record that
+// is older than the latest they have seen, and each record lists the builds of all, so that none can be
+// withheld.
 #pragma once
 
 #include "common/ZELError.h"
@@ -17,6 +18,8 @@ namespace zel {
 struct FeedSigning {
     QList<Signer> signers = {}; ///< one to eight; none: the feed stays unsigned
     QStringList former = {}; ///< fingerprints of those who signed it before, and need not sign it any more
+    QList<qint64> withdrawn =
+        {}; ///< builds that were signed before, and were taken out of the feed on purpose
     bool newSigner = false; ///< some of `signers` did not sign it before
     qint64 validity = qint64(30) * 24 * 60 * 60; ///< in seconds, at most `LongestValidity`
 };
@@ -32,8 +35,9 @@ bool isSigned(const QJsonArray &feed);
 
 /// Takes from each signed record what its signature holds, which then can be signed again; what stands beside
 /// the signature counts for nothing, and is said where it differs. All of `signing.signers` must have signed
-/// it, and nobody else but `signing.former`; those who may be new need not have, but one must. Records without
-/// a signature are left as they are. An error tells what stands in the way, and what to do.
+/// it, and nobody else but `signing.former`; those who may be new need not have, but one must. Those that
+/// were signed together must all be there, but for the withdrawn ones. Records without a signature are left
+/// as they are. An error tells what stands in the way, and what to do.
 ZELError openFeed(QJsonArray &records, const FeedSigning &signing,
                   const std::function<void(const QString &line)> &say);
 
@@ -41,7 +45,8 @@ ZELError openFeed(QJsonArray &records, const FeedSigning &signing,
 /// not say: "size", "hash" and "sha256" of the archive and of each patch, "historysha256" of the notes.
 ZELError describeFiles(const QString &folder, QJsonObject &record);
 
-/// Signs records as they stand, one for each build, with one date, and puts the signature beside what it holds.
+/// Signs records as they stand, one for each build, with one date, and puts the signature beside what it
+/// holds.
 ZELError signFeed(QJsonArray &records, const FeedSigning &signing);
 
 /// Records bear addresses, not names: a blank or a "#" in a name must not end the address.

@@ -130,6 +130,7 @@ Stock::Stock()
     addUpdate("update-archive", "archive-only");
     addUpdate("update-wrong-result", "wrong-result");
     addRelease();
+    addRefresh();
     addMakePatch();
     for (const char *state : {"unsealed", "altered", "sealed"})
         addSign(state);
@@ -287,6 +288,35 @@ void Stock::addRelease()
                                const QString wrong = sound(place);
                                return wrong.isEmpty() ? releasedAtLast(place, next) : wrong;
                            }});
+}
+
+/// Whatever happens, all records are signed or none, and clients find what they name.
+void Stock::addRefresh()
+{
+    const auto isWhole = [before = served(tree("releases"))](const Workplace &place) {
+        Tree found = served(place.tree("releases"));
+        const QJsonArray feed =
+            QJsonDocument::fromJson(contents(place.path("releases/releases.json"))).array();
+        const auto isSigned = [](const QJsonValue &record) { return record.toObject().contains("signed"); };
+        const auto count = std::count_if(feed.begin(), feed.end(), isSigned);
+        if (feed.size() != 2 || count == 1)
+            return QString("the feed is half signed, or none");
+        if (count == 2)
+            found["releases.json"] = before.at("releases.json");
+        return differing("the release folder", before, found);
+    };
+    const auto isSigned = [isWhole](const Workplace &place, const ToolRun &) {
+        const bool there = contents(place.path("releases/releases.json")).contains("signed");
+        return there ? isWhole(place) : QString("nothing is signed");
+    };
+    m_scenarios.push_back({.name = "refresh",
+                           .command = {tool, "refresh", "--json", "{}/releases", "--sign-unsigned", "--key",
+                                       path("key"), "--cert", path("cert")},
+                           .given = {{"releases", "releases"}},
+                           .afterSuccess = isSigned,
+                           .afterFailure = isWhole,
+                           .afterKill = isWhole,
+                           .afterNext = isSigned});
 }
 
 void Stock::addMakePatch()

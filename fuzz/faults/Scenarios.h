@@ -74,6 +74,7 @@ private:
     QString serve(const QString &releases);
     void addUpdate(const QString &name, const QString &releases);
     void addRelease();
+    void addRefresh();
     void addMakePatch();
     void addSign(const QString &state);
     void addSwap(const QString &name, const QString &newFolder, bool leftovers, bool exchange);

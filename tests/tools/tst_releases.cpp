@@ -112,6 +112,7 @@ private slots:
             {{good[0], own}, "build 105 in"},
             {{good[0], signedRecord(planted, signersOf({m_stranger}))},
              "build 105: it is signed by CN = stranger"},
+            {{good[0]}, "build 101 was signed together with the others, and is gone"},
             {{good[0], changed(own, "signed", "MII")},
              "build 105: what stands under \"signed\" is no signature"},
             {{good[0], older}, "build 105: it was signed at"},
@@ -142,6 +143,11 @@ private slots:
         QCOMPARE(run("refresh|{}/r|" + m_keyA), "");
         verifySigned({m_a.fingerprint});
         QCOMPARE(feed()[0]["file"], "A-100.zip");
+        const QJsonArray both = feed();
+        setFeed({both[1]});
+        QCOMPARE(run("refresh|{}/r|--withdrawn|100|" + m_keyA), "");
+        verifySigned({m_a.fingerprint});
+        setFeed(both);
     }
 
     // From one key to two, and to the other alone: but what one of two has signed is not signed by both.

@@ -120,6 +120,9 @@ QList<QCommandLineOption> feedOptions()
              QStringLiteral("Also sign again what this former signer signed: the SHA-256 fingerprint of a "
                             "certificate. May be repeated."),
              QStringLiteral("FINGERPRINT")},
+            {QStringLiteral("withdrawn"),
+             QStringLiteral("This build's record was taken out of the feed on purpose. May be repeated."),
+             QStringLiteral("BUILD")},
             {QStringLiteral("new-signer"),
              QStringLiteral("The signers are others than those of the last release.")}};
 }
@@ -132,6 +135,13 @@ bool readSigning(const Arguments &arguments, FeedSigning &signing, int &status)
     if (!former || !days) {
         status = WrongUsage;
         return false;
+    }
+    for (const QString &build : arguments.values(QStringLiteral("withdrawn"))) {
+        signing.withdrawn += build.toLongLong();
+        if (signing.withdrawn.last() <= 0) {
+            status = arguments.misused(QStringLiteral("--withdrawn takes a build, not '%1'").arg(build));
+            return false;
+        }
     }
     for (const QString &signer : *former)
         signing.former += *normalFingerprint(signer);
