@@ -1,4 +1,4 @@
-// Any bytes as an update server's reply.
+// Any bytes as an update server's reply, and as the signature of a record.
 #include "check/UpdateDecision.h"
 #include "Sandbox.h"
 
@@ -9,6 +9,11 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     const zel::HostConfig config{.build = installed};
     const QByteArray body(reinterpret_cast<const char *>(data), qsizetype(size));
     const zel::Decision decision = zel::decideUpdate(body, config, installed, facts);
+    const zel::RecordPolicy pinned{QStringList(QString(64, u'0')), QString(), 0, 1};
+    zel::require(zel::decideUpdate(body, config, installed, facts, pinned, QUrl()).status
+                 == ZELStatusUnknownError);
+    const auto record = zel::SignedRecord::read(QString::fromLatin1(body.toBase64()));
+    zel::require(!record || zel::verifyRecord(*record, pinned));
     zel::require((decision.status == ZELStatusUpdateAvailable) == !decision.result.isEmpty());
     if (decision.result.isEmpty())
         return 0;

@@ -24,10 +24,23 @@ using namespace std::chrono_literals;
 namespace {
 
 const QString SkippedBuild = QStringLiteral("skippedBuild");
+const QString LatestIssued = QStringLiteral("latestIssued");
 
 QVariant offeredBuild(const QVariantMap &result)
 {
     return result[QStringLiteral("update")].toMap()[QStringLiteral("build")];
+}
+
+/// Whatever comes of the check: from now on older records are refused.
+void keepIssued(const QVariantMap &result)
+{
+    const QVariant issued = result[QStringLiteral("issued")];
+    if (issued.toLongLong() <= QSettings().value(LatestIssued).toLongLong())
+        return;
+    QSettings().setValue(LatestIssued, issued);
+    QVariantMap config = ZELUpdater::shared()->config();
+    config[QStringLiteral("issued")] = issued;
+    ZELUpdater::shared()->setConfig(config);
 }
 
 } // namespace
@@ -44,7 +57,9 @@ HostWindow::HostWindow(const QString &bundle, const QString &url)
     updater->setConfig({{QStringLiteral("url"), url},
                         {QStringLiteral("build"), HOST_BUILD},
                         {QStringLiteral("version"), QStringLiteral("1.%1").arg(HOST_BUILD - 100)},
-                        {QStringLiteral("path"), bundle}});
+                        {QStringLiteral("path"), bundle},
+                        {QStringLiteral("signers"), QStringLiteral("installed")},
+                        {QStringLiteral("issued"), QSettings().value(LatestIssued)}});
     updater->setIcon(QImage(bundle + QStringLiteral("/Contents/Resources/icon.png")));
     updater->setOnCancel([this] { dismissed(); });
     updater->setOnRetry([this] { checkForUpdates(); });
@@ -63,6 +78,7 @@ void HostWindow::checkForUpdates()
     }
     updater->checkForUpdates(
         [this, updater, attempt = ++m_attempt](qint64 status, const QVariantMap &result, const QVariant &) {
+            keepIssued(result);
             if (attempt != m_attempt)
                 return;
             if (status == ZELStatusUpdateAvailable)
@@ -81,6 +97,7 @@ void HostWindow::checkInBackground()
     ZELUpdater::checkForUpdates(
         ZELUpdater::shared()->config(),
         [this, attempt = ++m_attempt](qint64 status, const QVariantMap &result, const QVariant &) {
+            keepIssued(result);
             const QVariant skipped = QSettings().value(SkippedBuild);
             if (attempt == m_attempt && status == ZELStatusUpdateAvailable
                 && offeredBuild(result).toLongLong() != skipped.toLongLong())
