@@ -198,6 +198,32 @@ private slots:
         }
     }
 
+    // Some bytes do not count, as the certificate's signature of itself; but then the record is what it was.
+    void damagedSignatures()
+    {
+        const QByteArray whole = QByteArray::fromBase64(good()["signed"].toString().toLatin1());
+        const auto offered = [&](const QByteArray &message) {
+            const Decision decision =
+                decide({with(record(101), "signed", QString(message.toBase64()))}, policy());
+            QVariantMap map = decision.result.toMap()["update"].toMap();
+            map.remove("signed");
+            return map;
+        };
+        const QVariantMap genuine = offered(whole);
+        QCOMPARE(genuine["build"], 101);
+        int refused = 0;
+        for (qsizetype i = 0; i < whole.size(); ++i) {
+            QByteArray damaged = whole;
+            damaged[i] = char(damaged[i] ^ 0x55);
+            const QVariantMap found = offered(damaged);
+            refused += found.isEmpty();
+            QVERIFY(found.isEmpty() || found == genuine);
+            QVERIFY(offered(whole.left(i)).isEmpty());
+        }
+        QVERIFY(refused > whole.size() / 2);
+        QVERIFY(offered(whole + '\0').isEmpty());
+    }
+
     // A result that the host has kept, and gives back when much has changed.
     void keptResults()
     {
