@@ -12,9 +12,9 @@ namespace zel {
 /// Seals a bundle, in place of the seal that it may have, by one to eight signers. The new seal is verified
 /// before this returns. On an error the bundle is as it was, with the seal that it had; the message says what
 /// stands in the way: an unreadable or special file, a name that cannot be sealed, a link that leads out of
-/// the bundle, a nested bundle whose seal is not valid, a folder that cannot be written. The bundle itself must be a real folder, as for `verifySeal`; folders above
-/// it may be links. Each file is read twice, in pieces; memory is some kilobytes per item. Nobody may change
-/// the bundle meanwhile.
+/// the bundle, a nested bundle whose seal is not valid, a folder that cannot be written. The bundle itself
+/// must be a real folder, as for `verifySeal`; folders above it may be links. Each file is read twice, in
+/// pieces; memory is some kilobytes per item. Nobody may change the bundle meanwhile.
 ZELError sealBundle(const QString &bundle, const QList<Signer> &signers);
 
 /// No error when the bundle's seal is valid: its signature verifies, every file and link is as it was sealed,

@@ -1,5 +1,5 @@
-// The rows of SECURITY.md's table: whoever owns the network and every server, against `zelupdater update` with
-// pinned signers, and against an application without a window for the release notes.
+// The rows of SECURITY.md's table: whoever owns the network and every server, against `zelupdater update`
+// with pinned signers, and against an application without a window for the release notes.
 #include "check/UpdateCheck.h"
 #include "support/DeltaSupport.h"
 #include "support/LogCapture.h"
