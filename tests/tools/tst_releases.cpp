@@ -171,6 +171,18 @@ private slots:
         verifySigned({m_b.fingerprint});
     }
 
+    // Hosts with a threshold judge the record and the seal by the same pins.
+    void severalSignersSealAndSign()
+    {
+        makeBundle("200");
+        QCOMPARE(run("sign|{}/200/A.app|" + m_keyA + m_keyB), "");
+        for (const TestCertificate &signer : {m_a, m_b})
+            QCOMPARE(run("verify|{}/200/A.app|--signer|" + signer.fingerprint), "");
+        QVERIFY(run("sign|{}/200/A.app|--key|x|" + m_keyA).startsWith("2 "));
+        QVERIFY(run("release|{}/200/A.app|{}/two|" + m_keyA).contains("sealed by CN = b"));
+        QCOMPARE(run("release|{}/200/A.app|{}/two|" + m_keyA + m_keyB), "");
+    }
+
     void unsignedRecordsAreTakenByTheirFiles()
     {
         QJsonArray records;
