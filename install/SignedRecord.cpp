@@ -7,6 +7,7 @@
 #include "SignedRecord.h"
 
 #include "common/DDLog.h"
+#include "common/WireValues.h"
 #include "platform/BoundedJson.h"
 #include "platform/BundleInfo.h"
 #include "seal/ConfiguredSigners.h"
@@ -45,8 +46,9 @@ qint64 secondsSeen(const std::optional<QVariant> &issued)
         return 0;
     bool understood = false;
     const double seconds = issued->toDouble(&understood);
-    if (understood && issued->typeId() != QMetaType::Bool && seconds >= 0)
-        return issued->toLongLong();
+    constexpr double latest = 1e15; // in thirty million years
+    if (understood && issued->typeId() != QMetaType::Bool && seconds >= 0 && seconds <= latest)
+        return qint64(seconds);
     DDLogInfo(QStringLiteral("\"issued\" is no number of seconds: no record is accepted"));
     return std::numeric_limits<qint64>::max();
 }
@@ -65,8 +67,13 @@ std::optional<RecordPolicy> recordPolicy(const HostConfig &config)
         return std::nullopt;
     const QVariantMap info =
         config.path.isEmpty() ? QVariantMap() : bundleInfo(config.path).value_or(QVariantMap());
-    return RecordPolicy{*pins, info[QStringLiteral("CFBundleIdentifier")].toString(),
-                        secondsSeen(config.issued), QDateTime::currentSecsSinceEpoch()};
+    const QVariant build = info[QStringLiteral("CFBundleVersion")];
+    return RecordPolicy{.signers = *pins,
+                        .identifier = info[QStringLiteral("CFBundleIdentifier")].toString(),
+                        .seen = secondsSeen(config.issued),
+                        .now = QDateTime::currentSecsSinceEpoch(),
+                        .installedBuild =
+                            build.isValid() ? std::optional(integerValue(build)) : std::nullopt};
 }
 
 std::optional<SignedRecord> SignedRecord::read(const QString &text)
@@ -92,6 +99,10 @@ ZELError judgeRecord(const UpdateRecord &record, const RecordPolicy &policy)
         return refused(QStringLiteral("it says that it is good for longer than a year"));
     if (!record.builds.contains(record.build))
         return refused(QStringLiteral("it does not say which builds there are"));
+    if (record.identifier != policy.identifier && policy.identifier.isEmpty())
+        return refused(
+            QStringLiteral("it is for \"%1\", and the installed bundle, under \"path\", states no identifier")
+                .arg(record.identifier.left(100)));
     if (record.identifier != policy.identifier)
         return refused(QStringLiteral("it is for another application, \"%1\" and not \"%2\"")
                            .arg(record.identifier.left(100), policy.identifier));
@@ -132,6 +143,9 @@ ZELError trustedOffer(const CheckResult &result, const std::optional<RecordPolic
     ZELError error = judgeRecord(record->record, *policy);
     if (!error)
         error = verifyRecord(*record, *policy);
+    // A result may have been kept while another update came.
+    if (!error && policy->installedBuild && record->record.build <= *policy->installedBuild)
+        error = refused(QStringLiteral("build %1 is installed").arg(*policy->installedBuild));
     if (error)
         return refused(QStringLiteral("the record of build %1 is refused: %2")
                            .arg(record->record.build)

@@ -20,6 +20,7 @@ struct RecordPolicy {
         {}; ///< of the installed application, as its Info.plist states it; null: it states none
     qint64 seen = 0; ///< the latest "issued" that the host has met: an older record is a replay
     qint64 now = 0; ///< seconds since 1970, UTC
+    std::optional<qint64> installedBuild = {}; ///< as the installed bundle states it
 };
 
 /// The policy that a configuration stands for at this moment; nothing where no signers are pinned. Reads the

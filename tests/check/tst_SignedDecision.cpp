@@ -224,6 +224,25 @@ private slots:
         QVERIFY(offered(whole + '\0').isEmpty());
     }
 
+    void latestSeen()
+    {
+        const qint64 never = std::numeric_limits<qint64>::max();
+        for (const auto &[issued, seen] :
+             std::initializer_list<std::pair<QVariant, qint64>>{{{}, 0},
+                                                                {1763806800, 1763806800},
+                                                                {"1763806800", 1763806800},
+                                                                {"1e9", 1'000'000'000},
+                                                                {"yesterday", never},
+                                                                {"", never},
+                                                                {-1, never},
+                                                                {1e300, never},
+                                                                {true, never},
+                                                                {QVariantList{1}, never}}) {
+            const Case name(issued.toString());
+            QCOMPARE(recordPolicy(HostConfig::fromMap({{"signers", "x"}, {"issued", issued}}))->seen, seen);
+        }
+    }
+
     // A result that the host has kept, and gives back when much has changed.
     void keptResults()
     {
@@ -256,6 +275,9 @@ private slots:
         later.signers = QStringList(m_second.fingerprint);
         later.seen = 0;
         QVERIFY(refusal(kept, later).contains("not one of those"));
+        later = policy();
+        later.installedBuild = 101; // by another way, meanwhile
+        QVERIFY(refusal(kept, later).contains("build 101 is installed"));
         // What stands beside the signature is not looked at, but for addresses.
         QCOMPARE(refusal(changed("update", {{"build", 999}, {"sha256", "x"}}), policy()), "");
         QCOMPARE(trusted.update->build, 101);
