@@ -168,11 +168,14 @@ private slots:
         keep(tree, "held");
         const auto held = PartialDownload::take(tree.path("root"), Hash, 10);
         tree.write("root/theirs.part", "x");
-        const auto file = [&](char digit, int days) {
-            const QString path = tree.write("root/" + QString(64, digit) + ".part", "x");
+        const auto setAge = [](const QString &path, int days) {
             const timespec time{::time(nullptr) - days * 24 * 60 * 60, 0};
             const timespec times[]{time, time};
             ::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0);
+        };
+        setAge(partIn(tree), 20);
+        const auto file = [&](char digit, int days) {
+            setAge(tree.write("root/" + QString(64, digit) + ".part", "x"), days);
             tree.write("root/" + QString(64, digit) + ".validator", Validator);
         };
         for (int i = 1; i < 6; ++i)
@@ -185,11 +188,11 @@ private slots:
                 names += name.left(2) + QFileInfo(name).suffix().left(1);
             return names.join(' ');
         };
-        QCOMPARE(left(), "11p 11v 22p 22v 33p 33v " + Hash.left(2) + "p " + Hash.left(2) + "v thp");
+        QCOMPARE(left(), "11p 11v 22p 22v 33p 33v 44p 44v " + Hash.left(2) + "p " + Hash.left(2) + "v thp");
         file('1', 15);
         file('2', -15); // a clock that was wrong
         sweepDownloads(tree.path("root"));
-        QCOMPARE(left(), "33p 33v " + Hash.left(2) + "p " + Hash.left(2) + "v thp");
+        QCOMPARE(left(), "33p 33v 44p 44v " + Hash.left(2) + "p " + Hash.left(2) + "v thp");
     }
 
     void updates_data()
@@ -212,8 +215,14 @@ private slots:
         row("broken off", {}, {whole(Text, 4)}, failed, "0 04 04", "0123");
         row("broken off, as before", "012345", {{.dropAt = TestServer::BeforeHead}}, failed, "06 06 06",
             "012345");
-        row("busy", "012345", {{.status = 503, .body = "busy"}}, failed, "06 06 06", "012345");
-        row("another page", "012345", {{.body = "Please log in"}}, failed, "06", "012345");
+        row("busy", "012345", {{.status = 503, .body = "busy", .framing = TestServer::Framing::Chunked}},
+            failed, "06 06 06", "012345");
+        row("another page", "012345", {{.body = "Log in"}}, failed, "06", "012345");
+        row("another page, longer", "012345", {{.body = "Please log in"}}, failed, "06", "012345");
+        row("wrong pieces", {}, {whole(Text, 6), rest("abcd"), whole()}, came, "0 06 0");
+        Answer longer = whole(Text + '!');
+        longer.framing = TestServer::Framing::Chunked;
+        row("longer than it may be", {}, {longer}, failed, "0");
     }
 
     void updates()
