@@ -222,6 +222,7 @@ private slots:
         row("wrong pieces", {}, {whole(Text, 6), rest("abcd"), whole()}, came, "0 06 0");
         Answer longer = whole(Text + '!');
         longer.framing = TestServer::Framing::Chunked;
+        longer.drip = std::chrono::milliseconds(1); // byte by byte
         row("longer than it may be", {}, {longer}, failed, "0");
     }
 
