@@ -211,7 +211,9 @@ private slots:
         // What is kept in memory is asked for once, and so is what is sent.
         const qsizetype before = server.requests().size();
         std::promise<void> ended;
-        dataTask(request, [&](const QByteArray &, const QUrl &, const ZELError &) { ended.set_value(); })->resume();
+        dataTask(request, [&](const QByteArray &, const QUrl &, const ZELError &) {
+            ended.set_value();
+        })->resume();
         ended.get_future().wait();
         request.method = "POST";
         Download(request).load();
