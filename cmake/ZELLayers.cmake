@@ -1,7 +1,8 @@
 # Helpers that keep the rooms apart. A room is a folder with a static library of its own. Other rooms include its headers
-# by its name ("net/URLSession.h"), and only those that link it can: for each room the build folder has one folder with
-# nothing but a link to it, which comes with the library. So an include that runs upward does not compile, and a call
-# that runs upward does not link.
+# by its name ("net/URLSession.h"), and only those that link it can: for each room the build folder has one folder of
+# its name with links to its headers, which comes with the library; rooms inside the room's folder are not among them.
+# So an include by name that runs upward is not found, and a call that runs upward does not link. What is left is a path
+# from the source's own place: nothing keeps "../ui/Texts.h" away, or, in platform's own sources, "net/URLSession.h".
 
 add_library(zel_options INTERFACE)
 target_compile_options(zel_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
@@ -30,7 +31,16 @@ function(zel_add_room name)
     set(includes ${CMAKE_BINARY_DIR}/rooms/${name})
     file(MAKE_DIRECTORY ${includes}/ZELUpdater)
     get_filename_component(folder ${CMAKE_CURRENT_SOURCE_DIR} NAME)
-    file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${includes}/${folder} SYMBOLIC)
+    if(IS_SYMLINK ${includes}/${folder}) # of a build folder from when it led to all that the room's folder holds
+        file(REMOVE ${includes}/${folder})
+    endif()
+    file(MAKE_DIRECTORY ${includes}/${folder})
+    foreach(file ${files})
+        get_filename_component(file_name ${file} NAME)
+        if(file MATCHES "\\.h$")
+            file(CREATE_LINK ${file} ${includes}/${folder}/${file_name} SYMBOLIC)
+        endif()
+    endforeach()
     foreach(header ${ARG_PUBLIC_HEADERS})
         file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${includes}/ZELUpdater/${header} SYMBOLIC)
     endforeach()
