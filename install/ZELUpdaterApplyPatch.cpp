@@ -92,11 +92,11 @@ bool copyFailed(const ZELError &error, const QString &newPath, QVariantList &log
 class PatchReading
 {
 public:
-    /// Its thread inherits what signals the caller's thread keeps off. Without a policy: where there is no
-    /// thread to be had, `error` reads on the caller's.
     PatchReading(const QString &path, const PatchFile::Reading &reading)
-        : m_error(std::async([this, path, reading] { return PatchFile::read(path, reading, m_patch); }))
     {
+        const BlockedSignals blocked(BlockedSignals::asynchronous()); // on the thread, which inherits it
+        // Without a policy: where there is no thread to be had, `error` reads on the caller's.
+        m_error = std::async([this, path, reading] { return PatchFile::read(path, reading, m_patch); });
     }
 
     PatchReading(const PatchReading &) = delete;
