@@ -6,9 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <limits>
-#include <memory>
 #include <span>
-#include <utility>
 
 namespace zel {
 
@@ -40,23 +38,5 @@ void runJobs(std::span<const qint64> costs, const std::function<void(size_t)> &j
 
 /// Whether the caller is on the thread of the main queue.
 bool isMainQueue();
-
-/// `completion` as one that may be copied, called and dropped on any thread, while all that it holds is
-/// destroyed on the main thread as `onMainQueue` promises: for what a host hands in. An empty one stays
-/// empty.
-template <typename... Arguments>
-std::function<void(Arguments...)> keptForMainQueue(std::function<void(Arguments...)> completion)
-{
-    using Completion = std::function<void(Arguments...)>;
-    if (!completion)
-        return {};
-    const auto destroy = [](Completion *unused) {
-        std::shared_ptr<Completion> owner(unused);
-        if (!isMainQueue())
-            onMainQueue([last = std::move(owner)] {});
-    };
-    return [kept = std::shared_ptr<Completion>(new Completion(std::move(completion)), destroy)](
-               Arguments... arguments) { (*kept)(std::forward<Arguments>(arguments)...); };
-}
 
 } // namespace zel
