@@ -1,9 +1,9 @@
 // An update as a list of steps, read from top to bottom on one thread:
 //
 //     run              sweep what killed processes left, see whose record it is, then one of the two ways
-// updateByPatch download, verify, apply to a copy and judge the result; if the patch is of no use, fall back
+//     updateByPatch    download, verify, apply to a copy and judge the result; a patch of no use falls back
 //     updateByArchive  download, verify, unpack and judge
-//     finish           once, with one hop to the main queue
+//     finish           once, on the main queue; a transfer that failed is reported here, on this thread
 //
 // Callbacks that start the next step from the thread that happened to end the last one were rejected:
 // cancelling would have to meet each of them, and the way of a failure could not be read. A thread of its own

@@ -143,7 +143,7 @@ public:
 
     /// Extracts a full archive into `temporaryDirectory`, on the calling thread: `ZELDownloadSucceeded` and
     /// the bundle's path, null when there is none; or `ZELDownloadExtractionFailed`, after removing all
-    /// staging folders.
+    /// staging folders that are not in use.
     void handleUpdate(const QString &payload, ZELInstallCompletion completion);
 
     /// Applies a bundle patch to a copy of the installed bundle, in `temporaryDirectory`, on another thread,
@@ -154,7 +154,8 @@ public:
     /// Drops the patch from `update` and downloads the full archive.
     void downloadFullUpdate(ZELDownloadCompletion completion);
 
-    /// Removes all staging folders, and with them the bundles that were built there. Errors are ignored.
+    /// Removes the staging folders with the bundles that were built for this process, and all others that
+    /// nobody uses; an update in flight keeps its own. Errors are ignored.
     void cleanup();
 
     // The window
@@ -231,7 +232,8 @@ public:
     QString temporaryDirectory() const;
     void setTemporaryDirectory(const QString &directory);
 
-    // Reserved slots: the updater sets none of them, but acts on those that a host has set.
+    // Reserved slots: the updater sets none of them. What it does with those that a host has set is said
+    // where it does anything.
 
     ZELUpdaterButton *actionButton() const { return m_actionButton; }
     void setActionButton(ZELUpdaterButton *button) { m_actionButton = button; }
