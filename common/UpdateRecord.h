@@ -109,8 +109,9 @@ struct UpdateRecord : OfferedFile {
 struct CheckResult {
     std::optional<UpdateRecord> update = {};
     std::optional<PatchEntry> patch = {};
-    std::optional<qint64> issued =
-        {}; ///< of the newest record that was verified, whether it is offered or not
+
+    /// Of the newest record that was verified, whether it is offered or not.
+    std::optional<qint64> issued = {};
 
     /// A value that is no map is read as an empty one: an offer, but of nothing that could be had.
     static CheckResult fromMap(const QVariantMap &map);

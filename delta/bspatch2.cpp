@@ -213,8 +213,8 @@ private:
 
 void reportCorrupt()
 {
-    warnx(
-        "Corrupt patch\n"); // deliberate: readers of this output know the message by the blank line after it
+    // Deliberate: readers of this output know the message by the blank line after it.
+    warnx("Corrupt patch\n");
 }
 
 std::optional<DeltaHeader> readHeader(std::span<const std::byte> patch)

@@ -117,8 +117,8 @@ bool seekBundle(FolderListing folder, QByteArrayList &way)
         if (!inner)
             continue;
         way.append(name);
-        const bool isBundle =
-            way.last().size() > 4 && way.last().endsWith(".app"); // one that only begins so is none
+        // A name that is nothing but the ending is no bundle's.
+        const bool isBundle = way.last().size() > 4 && way.last().endsWith(".app");
         if (isBundle || (way.size() <= MaxFolderDepth && seekBundle(std::move(inner), way)))
             return true;
         way.removeLast();

@@ -53,8 +53,8 @@ std::optional<QByteArray> targetOf(int folder, const QByteArray &name)
 struct BundleWalk::Steps {
     PathNames ahead;
     FinalLink finalLink;
-    QByteArrayList
-        rest; // the names behind the folders: the item's own, and before it those of folders that are missing
+    // The names behind the folders: the item's own, and before it those of folders that are missing.
+    QByteArrayList rest;
     int error = 0;
 };
 

@@ -44,10 +44,14 @@ struct PatchFile {
     struct Reading {
         qint64 payloadLimit(qint64 compressed) const;
 
-        std::optional<qint64>
-            oldBundle; ///< bytes of the bundle that the patch starts from, where it is known
-        qint64 memory = quarterOfMemory(); ///< a payload of more bytes goes to an unnamed file
-        QString folder = {}; ///< where that is made; the temporary folder unless named
+        /// Bytes of the bundle that the patch starts from, where it is known.
+        std::optional<qint64> oldBundle;
+
+        /// A payload of more bytes goes to an unnamed file.
+        qint64 memory = quarterOfMemory();
+
+        /// Where that is made; the temporary folder unless named.
+        QString folder = {};
     };
 
     std::vector<PatchCommand> commands; ///< none when the manifest is not JSON or holds no "commands"

@@ -16,8 +16,10 @@ namespace zel {
 /// What a host that pins signers demands of records.
 struct RecordPolicy {
     AcceptedSigners signers;
-    QString identifier =
-        {}; ///< of the installed application, as its Info.plist states it; null: it states none
+
+    /// Of the installed application, as its Info.plist states it; null: it states none.
+    QString identifier = {};
+
     qint64 seen = 0; ///< the latest "issued" that the host has met: an older record is a replay
     qint64 now = 0; ///< seconds since 1970, UTC
     std::optional<qint64> installedBuild = {}; ///< as the installed bundle states it

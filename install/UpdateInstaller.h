@@ -34,11 +34,14 @@ class UpdateInstaller : public std::enable_shared_from_this<UpdateInstaller>
 public:
     /// What the flow needs from above. Each may be left out.
     struct Hooks {
-        std::function<void(const QVariantList &log)>
-            handleLog; ///< main queue: the log of a patch that failed
-        std::function<void()> preparing; ///< a patch is about to be applied; on the thread that does
-        std::function<void(qint64 received, qint64 expected)>
-            progress; ///< main queue; expected is -1 if unknown
+        /// Main queue: the log of a patch that failed.
+        std::function<void(const QVariantList &log)> handleLog;
+
+        /// A patch is about to be applied; on the thread that does.
+        std::function<void()> preparing;
+
+        /// Main queue; expected is -1 if unknown.
+        std::function<void(qint64 received, qint64 expected)> progress;
     };
 
     struct Settings {
@@ -105,8 +108,8 @@ private:
     QVariantMap m_update;
     std::shared_ptr<URLSessionTask> m_task;
     QString m_temporaryDirectory;
-    std::vector<std::shared_ptr<StagingFolder>>
-        m_ready; // held until `cleanup`: the host may be using the bundles
+    // Held until `cleanup`: the host may be using the bundles.
+    std::vector<std::shared_ptr<StagingFolder>> m_ready;
 };
 
 } // namespace zel

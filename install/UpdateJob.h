@@ -42,15 +42,23 @@ public:
 
     /// What the job tells on its way; each may be left out.
     struct Hooks {
-        std::function<void(const QVariantList &log)>
-            handleLog; ///< main queue: the log of a patch that failed
-        std::function<void()> preparing; ///< job's thread: a patch is about to be applied
-        std::function<void(const QString &folder)>
-            staged; ///< job's thread: a download lies in this staging folder
-        std::function<void()> fallsBack; ///< job's thread: the patch is of no use, the full archive is next
-        std::function<void()> progress; ///< any thread: the counts of bytes have changed
-        std::function<void(std::shared_ptr<StagingFolder>)>
-            succeeded; ///< main queue: what holds the new bundle
+        /// Main queue: the log of a patch that failed.
+        std::function<void(const QVariantList &log)> handleLog;
+
+        /// Job's thread: a patch is about to be applied.
+        std::function<void()> preparing;
+
+        /// Job's thread: a download lies in this staging folder.
+        std::function<void(const QString &folder)> staged;
+
+        /// Job's thread: the patch is of no use, the full archive is next.
+        std::function<void()> fallsBack;
+
+        /// Any thread: the counts of bytes have changed.
+        std::function<void()> progress;
+
+        /// Main queue: what holds the new bundle.
+        std::function<void(std::shared_ptr<StagingFolder>)> succeeded;
     };
 
     /// `completion`, which may be empty, is called once, with `ZELDownloadSucceeded` and the new bundle's

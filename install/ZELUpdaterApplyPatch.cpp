@@ -216,8 +216,8 @@ bool zel::applyBundlePatch(const QString &oldPath, const QString &newPath, const
     try {
         try {
             return applyPatch(oldPath, newPath, patchPath, log, stop);
-        } catch (const std::exception
-                     &error) { // memory is exhausted, most likely; by now much of it is free again
+        } catch (const std::exception &error) {
+            // Memory is exhausted, most likely; by now much of it is free again.
             DDLogDebug(QLatin1String("patch failed: ") + QLatin1String(error.what()));
             appendEntry(log, QStringLiteral("Patch failed"));
         }

@@ -22,8 +22,8 @@
 
 namespace {
 
-constexpr quint64 MaxContainers =
-    4096; // bounds the nesting as well; a large application's Info.plist holds hundreds
+// Bounds the nesting as well; a large application's Info.plist holds hundreds.
+constexpr quint64 MaxContainers = 4096;
 constexpr quint64 MaxKeys = 10'000; // each may be compared with all that came before
 constexpr quint64 MaxMoved = quint64(4) << 30; // bytes
 constexpr quint64 MaxObjects = 1 << 20;

@@ -27,8 +27,8 @@ struct URLRequest {
     QUrl url; ///< http or https with a host; anything else is a transport error
     QByteArray method = "GET"; ///< "GET" or "POST"
     QByteArray body = {}; ///< of a POST
-    QByteArray contentType =
-        "application/json"; ///< of the body; servers read, and limit, forms in ways of their own
+    /// Of the body; servers read, and limit, forms in ways of their own.
+    QByteArray contentType = "application/json";
     QByteArray languages = {}; ///< the header "Accept-Language"; left out when empty
     std::chrono::milliseconds timeout{120'000}; ///< longest time without a byte in either direction
     /// Most time in all: redirections, further attempts and the pauses between them included.

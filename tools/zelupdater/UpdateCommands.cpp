@@ -107,8 +107,8 @@ private:
 
     const HostConfig m_config;
     const Arguments &m_arguments;
-    std::optional<Leftover>
-        m_unfinished; // a staging folder of the run's own, until the bundle in it is ready
+    // A staging folder of the run's own, until the bundle in it is ready.
+    std::optional<Leftover> m_unfinished;
     std::shared_ptr<UpdateInstaller> m_installer;
     bool m_startedWithPatch = false;
     bool m_toldFullArchive = false;
