@@ -22,7 +22,7 @@ double runTimed(const Work &work)
     return work(timed) ? seconds : -1;
 }
 
-/// A child's time comes through a pipe, its memory from the system.
+// A child's time comes through a pipe, its memory from the system.
 std::optional<Measurement> runOnce(const Work &work)
 {
     int ends[2];
@@ -45,7 +45,7 @@ std::optional<Measurement> runOnce(const Work &work)
     return Measurement{seconds, double(usage.ru_maxrss) / 1024, 0};
 }
 
-/// All runs of one side so far; none once one has failed.
+// All runs of one side so far; none once one has failed.
 class Timings
 {
 public:

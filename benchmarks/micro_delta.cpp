@@ -37,7 +37,7 @@ void countEqual(benchmark::State &state)
 }
 BENCHMARK(countEqual)->Arg(64)->Arg(4096);
 
-/// Searches in flight at once, per search.
+// Searches in flight at once, per search.
 void searchTogether(benchmark::State &state)
 {
     const auto text = randomText(std::size_t(1) << 24);

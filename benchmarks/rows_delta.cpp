@@ -48,7 +48,7 @@ std::int64_t sortTheirs(const unsigned char *T, std::int64_t *SA, std::int64_t n
     return divsufsort64(T, SA, n);
 }
 
-/// All of making a delta but its files: suffix array and scan.
+// All of making a delta but its files: suffix array and scan.
 Work sortAndScan(const std::filesystem::path &oldPath, const std::filesystem::path &newPath)
 {
     return [=](const auto &timed) {
@@ -69,7 +69,7 @@ Work sortAndScan(const std::filesystem::path &oldPath, const std::filesystem::pa
     };
 }
 
-/// Files that a plain scan takes quadratic time for.
+// Files that a plain scan takes quadratic time for.
 void addWorstCases(std::vector<Row> &rows, const std::filesystem::path &data)
 {
     const std::pair<std::string, double> cases[] = {{"zeros-4M", 5}, {"zeros-100M", 20}, {"period-50M", 20}};

@@ -5,8 +5,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// A small patch that is made to take much. What the shell prints becomes its manifest's commands and its
-/// payload.
+// A small patch that is made to take much. What the shell prints becomes its manifest's commands and its
+// payload.
 struct HostilePatch {
     const char *what;
     const char *commands;
@@ -41,7 +41,7 @@ constexpr HostilePatch Patches[] = {
      R"(size='\xC8\xFF\xFF\x03\0\0\0\0'; printf "BSDIFN40\x18\0\0\0\0\0\0\0$size$size$size"; head -c 67108824 /dev/zero)"},
 };
 
-/// In the folder where it runs: the old bundle and the patch file.
+// In the folder where it runs: the old bundle and the patch file.
 std::string making(const HostilePatch &patch)
 {
     return std::string("mkdir -p old.app; head -c 16M /dev/zero >old.app/program\n")
@@ -50,8 +50,8 @@ std::string making(const HostilePatch &patch)
         + "; } | xz -1 >payload\n{ printf '%-32s' $(stat -c %s manifest); cat manifest payload; } >patch";
 }
 
-/// A bundle that is made to take much when its seal is verified. What the shell prints becomes the list of
-/// its files.
+// A bundle that is made to take much when its seal is verified. What the shell prints becomes the list of
+// its files.
 struct HostileSeal {
     const char *what;
     const char *files;
@@ -71,7 +71,7 @@ constexpr HostileSeal Seals[] = {
                 printf "<key>$i/_CodeSignature/${file#*:}</key><data>$(digestOf ${file%:*})</data>"; done; done)"},
 };
 
-/// In the folder where it runs: `hostile.app`, sealed by a key that is made on the spot.
+// In the folder where it runs: `hostile.app`, sealed by a key that is made on the spot.
 std::string making(const HostileSeal &seal)
 {
     return std::string(R"(set -e; digestOf() { openssl sha256 -binary "$1" | base64; }

@@ -12,7 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Two releases of a program or of a whole tree, and where what is made of them goes.
+// Two releases of a program or of a whole tree, and where what is made of them goes.
 struct Pair {
     std::string name;
     fs::path data;
@@ -21,7 +21,7 @@ struct Pair {
     fs::path newItem() const { return data / (name + ".new"); }
     fs::path made(const char *what) const { return data / (name + what); }
 
-    /// The release as a bundle: itself, or a folder with the program in it.
+    // The release as a bundle: itself, or a folder with the program in it.
     fs::path bundle(const char *side) const
     {
         const fs::path item = data / (name + '.' + side);
@@ -45,7 +45,7 @@ double megabytes(double bytes)
     return bytes / (1 << 20);
 }
 
-/// Has a file made by a command unless it is there.
+// Has a file made by a command unless it is there.
 bool ensure(const fs::path &file, const std::string &commands)
 {
     return fs::exists(file) || shell(commands);
@@ -176,7 +176,7 @@ void addDeltaApplication(std::vector<Row> &rows, const Pair &pair)
                     .peers = {{.name = "xdelta3 -d", .work = xdeltaApply, .timeGoal = 0.6}}});
 }
 
-/// The payload of the patch and the list of the files that it changes, for the peer of apply-patch.
+// The payload of the patch and the list of the files that it changes, for the peer of apply-patch.
 bool ensureParts(const Pair &pair)
 {
     const std::string patch = shellWord(pair.made(".patch"));

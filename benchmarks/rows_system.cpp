@@ -15,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// A server in a process of its own that answers each check with no update.
+// A server in a process of its own that answers each check with no update.
 class CheckServer
 {
 public:
@@ -78,7 +78,7 @@ void sumOurs(const QByteArray &buffer)
         ::abort();
 }
 
-/// What `openssl speed -evp md5` does, in its pieces of 16 KiB.
+// What `openssl speed -evp md5` does, in its pieces of 16 KiB.
 void sumTheirs(const QByteArray &buffer)
 {
     constexpr qsizetype piece = 16384;

@@ -46,8 +46,8 @@ struct ControlTriple {
     Index seek;
 };
 
-/// A read position in the delta. DeltaBlocks have no end of their own: reading runs on to the end of the
-/// delta.
+// A read position in the delta. DeltaBlocks have no end of their own: reading runs on to the end of the
+// delta.
 class Cursor
 {
 public:
@@ -67,7 +67,7 @@ public:
         return true;
     }
 
-    /// Up to `count` bytes where they lie.
+    // Up to `count` bytes where they lie.
     std::span<const unsigned char> read(std::size_t count)
     {
         count = std::min(count, m_rest.size());
@@ -89,8 +89,8 @@ struct DeltaBlocks {
     {
     }
 
-    /// The sums are unsigned and cannot wrap: no length is negative, and the second is added only to an
-    /// offset within the delta.
+    // The sums are unsigned and cannot wrap: no length is negative, and the second is added only to an
+    // offset within the delta.
     bool seek(const DeltaHeader &header)
     {
         const std::uint64_t diffStart = DeltaHeaderSize + static_cast<std::uint64_t>(header.controlLength);
@@ -103,7 +103,7 @@ struct DeltaBlocks {
     Cursor extra;
 };
 
-/// The new file's bytes while they are built from the old ones and the blocks.
+// The new file's bytes while they are built from the old ones and the blocks.
 class Application
 {
 public:
@@ -115,7 +115,7 @@ public:
     {
     }
 
-    /// False when the delta is corrupt.
+    // False when the delta is corrupt.
     bool run()
     {
         while (m_newPosition < m_newSize) {
@@ -138,9 +138,9 @@ private:
             && !__builtin_add_overflow(m_oldPosition, triple.seek, &m_oldPosition);
     }
 
-    /// Returns whether any new control byte was read. At the end of the data a value keeps the bytes of the
-    /// one before it: deliberate, so that a delta whose control data ends early gives the same file
-    /// everywhere.
+    // Returns whether any new control byte was read. At the end of the data a value keeps the bytes of the
+    // one before it: deliberate, so that a delta whose control data ends early gives the same file
+    // everywhere.
     bool readTriple(ControlTriple &triple)
     {
         std::size_t count = 0;
@@ -153,7 +153,7 @@ private:
         return count > 0;
     }
 
-    /// The next `length` bytes of a block; nothing when there are not as many, or no room for them.
+    // The next `length` bytes of a block; nothing when there are not as many, or no room for them.
     std::optional<std::span<const unsigned char>> take(Cursor &block, Index length) const
     {
         if (length < 0 || length > m_newSize - m_newPosition)
@@ -162,7 +162,7 @@ private:
         return bytes.size() == static_cast<std::size_t>(length) ? std::optional(bytes) : std::nullopt;
     }
 
-    /// Diff bytes added to the old ones; outside the old file the diff bytes stand.
+    // Diff bytes added to the old ones; outside the old file the diff bytes stand.
     bool add(Index length)
     {
         const auto diff = take(m_blocks.diff, length);
@@ -184,7 +184,7 @@ private:
         return true;
     }
 
-    /// The three do not overlap, which lets the compiler add many bytes at once.
+    // The three do not overlap, which lets the compiler add many bytes at once.
     static void addBytes(const unsigned char *__restrict diff, const unsigned char *__restrict old,
                          unsigned char *__restrict to, Index count)
     {

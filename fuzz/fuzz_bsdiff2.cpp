@@ -9,8 +9,8 @@
 
 namespace {
 
-/// Reads the numbers that the text is put together from, a byte each, so that a seed can be written by hand;
-/// the end counts as zeros.
+// Reads the numbers that the text is put together from, a byte each, so that a seed can be written by hand;
+// the end counts as zeros.
 class Numbers
 {
 public:

@@ -49,7 +49,7 @@ void appendItem(QVariantList &log, const char *description, const QString &path)
                 {{QStringLiteral("path"), path}, {QStringLiteral("exists"), QFileInfo::exists(path)}});
 }
 
-/// The path of the new bundle itself: what stands there is replaced, never what it points at.
+// The path of the new bundle itself: what stands there is replaced, never what it points at.
 struct Place {
     explicit Place(QString newPath)
     {
@@ -88,7 +88,7 @@ bool copyFailed(const ZELError &error, const QString &newPath, QVariantList &log
     return false;
 }
 
-/// A patch file that is read and decompressed on a thread of its own, where there can be one.
+// A patch file that is read and decompressed on a thread of its own, where there can be one.
 class PatchReading
 {
 public:
@@ -102,7 +102,7 @@ public:
     PatchReading(const PatchReading &) = delete;
     PatchReading &operator=(const PatchReading &) = delete;
 
-    /// Waits; to be called once.
+    // Waits; to be called once.
     ZELError error() { return m_error.get(); }
     const PatchFile &patch() const { return m_patch; }
 

@@ -115,7 +115,7 @@ qreal exactCapHeight(const QFont &font)
     return outline.boundingRect().height();
 }
 
-/// The label's font, smaller where that brings the label into `width`.
+// The label's font, smaller where that brings the label into `width`.
 QFont labelFont(const QString &label, qreal width, QPaintDevice *device)
 {
     constexpr int size = 14;

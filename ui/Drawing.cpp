@@ -29,7 +29,7 @@ QStringList familiesOf(const QFont &font, const QString &text)
     return families;
 }
 
-/// The weights from `weight` on, the nearest to it first, and the normal one at the end.
+// The weights from `weight` on, the nearest to it first, and the normal one at the end.
 QList<QFont::Weight> weightsFrom(QFont::Weight weight)
 {
     if (weight < QFont::Normal)

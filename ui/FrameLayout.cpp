@@ -27,7 +27,7 @@ struct Span {
     qint64 length;
 };
 
-/// The fields of a frame in one direction.
+// The fields of a frame in one direction.
 struct Axis {
     qint64 near;
     qint64 far;
@@ -40,7 +40,7 @@ bool isSet(qint64 value)
     return value != ZELLayoutNotSet;
 }
 
-/// Keeps every later sum far from overflow.
+// Keeps every later sum far from overflow.
 qint64 bounded(qint64 value)
 {
     return std::clamp<qint64>(value, -QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
@@ -60,7 +60,7 @@ template <typename Content> Span spanOf(const Axis &axis, qint64 extent, const C
     return {axis.centred ? (extent - length) / 2 : 0, length};
 }
 
-/// A row fills the container where its frame leaves the width open.
+// A row fills the container where its frame leaves the width open.
 Axis regionOf(Axis axis)
 {
     if (!isSet(axis.length)) {
@@ -70,7 +70,7 @@ Axis regionOf(Axis axis)
     return axis;
 }
 
-/// Each column ends where the exact division, rounded down, ends, so that the remainder never adds up.
+// Each column ends where the exact division, rounded down, ends, so that the remainder never adds up.
 Span columnOf(const Span &region, const PlacementRule &rule)
 {
     const qint64 spacing = bounded(rule.spacing);
@@ -94,7 +94,7 @@ int contentHeight(const QWidget *view, int width)
 
 } // namespace
 
-/// Works out where the views of one container go, each at most once.
+// Works out where the views of one container go, each at most once.
 class FrameLayout::Solver
 {
 public:

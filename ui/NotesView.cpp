@@ -23,13 +23,13 @@ void shareOpenGLContexts()
 }
 Q_CONSTRUCTOR_FUNCTION(shareOpenGLContexts)
 
-/// The folder of the library or program that this code is in.
+// The folder of the library or program that this code is in.
 QString ownFolder()
 {
     return QFileInfo(QFile::decodeName(ownBinary().c_str())).absolutePath();
 }
 
-/// The module's file: beside the library, or where programs of the build folder find it.
+// The module's file: beside the library, or where programs of the build folder find it.
 QString moduleFile()
 {
     for (const char *folder : {"ZELUpdater", "../lib/ZELUpdater"}) {

@@ -27,7 +27,7 @@ QString linesOf(const QString &text)
     return QString(text).replace(u'\n', QChar::LineSeparator);
 }
 
-/// Breaks the layout's text into lines; returns their height.
+// Breaks the layout's text into lines; returns their height.
 qreal breakLines(QTextLayout &layout, qreal width, bool wraps)
 {
     QTextOption option(Qt::AlignHCenter);
@@ -54,7 +54,7 @@ bool isWider(const QTextLayout &layout, qreal width)
     return false;
 }
 
-/// Draws the lines that find room, the last of them with all that is left, shortened.
+// Draws the lines that find room, the last of them with all that is left, shortened.
 void drawShortened(QPainter &painter, const QTextLayout &layout, const QRectF &room)
 {
     int shown = 1;
@@ -70,9 +70,9 @@ void drawShortened(QPainter &painter, const QTextLayout &layout, const QRectF &r
                      QFontMetricsF(layout.font()).elidedText(rest, Qt::ElideRight, room.width()));
 }
 
-/// A centred text that stays within its rectangle: one that is too long for it is written smaller and, where
-/// that does not suffice, shortened; the tool tip has it whole then. A word that is wider than the label is
-/// broken. White where high contrast is asked for.
+// A centred text that stays within its rectangle: one that is too long for it is written smaller and, where
+// that does not suffice, shortened; the tool tip has it whole then. A word that is wider than the label is
+// broken. White where high contrast is asked for.
 class TextLabel : public QLabel
 {
 public:
@@ -117,7 +117,7 @@ int TextLabel::heightForWidth(int width) const
     return qCeil(breakLines(layout, width, true));
 }
 
-/// Lays the text out, as large as the rectangle allows; whether all of it is in there.
+// Lays the text out, as large as the rectangle allows; whether all of it is in there.
 bool TextLabel::layOut(QTextLayout &layout) const
 {
     QFont fitting = font();

@@ -32,7 +32,7 @@ namespace {
 constexpr char OwnTable[] = "ZELUpdater";
 constexpr char OwnBundle[] = ":/ZELUpdater/texts";
 
-/// The languages that a bundle has `table` in, as their files name them.
+// The languages that a bundle has `table` in, as their files name them.
 QStringList languagesOf(const QString &table, const QString &bundle)
 {
     const QString prefix = table + '_';
@@ -44,7 +44,7 @@ QStringList languagesOf(const QString &table, const QString &bundle)
     return languages;
 }
 
-/// How well a table suits a reader: 0 when it is in another language.
+// How well a table suits a reader: 0 when it is in another language.
 int suitability(const QLocale &table, const QLocale &reader)
 {
     if (table.language() != reader.language())
@@ -52,7 +52,7 @@ int suitability(const QLocale &table, const QLocale &reader)
     return 1 + 2 * int(table.script() == reader.script()) + int(table.territory() == reader.territory());
 }
 
-/// The language of `available` nearest to the first of `wanted` that has any; null when none has.
+// The language of `available` nearest to the first of `wanted` that has any; null when none has.
 QString nearestLanguage(const QStringList &wanted, const QStringList &available)
 {
     for (const QString &reader : wanted) {
@@ -71,7 +71,7 @@ QString nearestLanguage(const QStringList &wanted, const QStringList &available)
     return {};
 }
 
-/// One table in the language in use, with English behind it.
+// One table in the language in use, with English behind it.
 class TextTable
 {
 public:
@@ -106,7 +106,7 @@ private:
     std::vector<std::unique_ptr<QTranslator>> m_translators;
 };
 
-/// The tables that were asked for, and the language that they are in.
+// The tables that were asked for, and the language that they are in.
 class TextTables
 {
 public:

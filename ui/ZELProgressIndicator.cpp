@@ -57,7 +57,7 @@ void drawFill(QPainter &painter, const QRectF &track, qreal left, qreal right)
     painter.fillPath(fill, gradient);
 }
 
-/// Draws a slim track in the middle of `bounds`, filled over `fraction` (0 to 1) of its length from the left.
+// Draws a slim track in the middle of `bounds`, filled over `fraction` (0 to 1) of its length from the left.
 void drawBar(QPainter &painter, const QRectF &bounds, double fraction)
 {
     painter.setRenderHint(QPainter::Antialiasing);
@@ -68,7 +68,7 @@ void drawBar(QPainter &painter, const QRectF &bounds, double fraction)
                  track.left() + std::max(track.width() * fraction, track.height()));
 }
 
-/// As `drawBar`, with a segment that passes from the left to the right once a period; `time` in seconds.
+// As `drawBar`, with a segment that passes from the left to the right once a period; `time` in seconds.
 void drawMovingBar(QPainter &painter, const QRectF &bounds, double time)
 {
     painter.setRenderHint(QPainter::Antialiasing);
@@ -81,7 +81,7 @@ void drawMovingBar(QPainter &painter, const QRectF &bounds, double time)
     drawFill(painter, track, left, left + length);
 }
 
-/// Draws twelve fading spokes in the middle of `bounds` that turn clockwise once a second; `time` in seconds.
+// Draws twelve fading spokes in the middle of `bounds` that turn clockwise once a second; `time` in seconds.
 void drawSpokes(QPainter &painter, const QRectF &bounds, double time)
 {
     const qreal radius = std::min(bounds.width(), bounds.height()) / 2;
@@ -120,7 +120,7 @@ QAccessibleInterface *makeAccessibleIndicator(const QString &, QObject *object)
 
 } // namespace
 
-/// A name of the widget's own, so that its header names no type that hosts do not get.
+// A name of the widget's own, so that its header names no type that hosts do not get.
 class ZELProgressIndicator::Timer : public zel::AnimationTimer
 {
 public:

@@ -27,7 +27,7 @@ bool isInWindow(const QWidget &page)
     return !page.isWindow() || page.isVisible();
 }
 
-/// A button named by its label that can be pressed and be given the focus while it is enabled.
+// A button named by its label that can be pressed and be given the focus while it is enabled.
 class AccessibleButton : public QAccessibleWidget
 {
 public:

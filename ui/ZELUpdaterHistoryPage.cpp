@@ -43,15 +43,15 @@ QString shownVersion(const QVariantMap &record)
     return QString::fromStdString(zel::safeText(text.toStdString(), LongestVersion));
 }
 
-/// Makes the upper edge of a widget, and of all that is in it, one to drag the window by. A click there is
-/// the widget's: only a press that moves on becomes the window's, and the widget then sees it end where
-/// nothing can be hit.
+// Makes the upper edge of a widget, and of all that is in it, one to drag the window by. A click there is
+// the widget's: only a press that moves on becomes the window's, and the widget then sees it end where
+// nothing can be hit.
 class WindowGrip : public QObject
 {
 public:
-    static constexpr int Height = 32; ///< logical pixels from the upper edge
+    static constexpr int Height = 32; // logical pixels from the upper edge
 
-    /// Owned by `widget`.
+    // Owned by `widget`.
     explicit WindowGrip(QWidget *widget);
 
     bool eventFilter(QObject *watched, QEvent *event) override;

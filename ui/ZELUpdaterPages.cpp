@@ -24,7 +24,7 @@ constexpr qint64 None = ZELLayoutNotSet;
 constexpr int BarDistance = 12; // from the message
 constexpr int BarHeight = 18;
 
-/// The application's icon at the top.
+// The application's icon at the top.
 ZELImageView *makeIcon(QWidget *page)
 {
     auto *icon = new ZELImageView(page);
@@ -33,8 +33,8 @@ ZELImageView *makeIcon(QWidget *page)
     return icon;
 }
 
-/// A hidden spinning indicator in the middle of the room from `reference` down to `bottom` points above the
-/// page's bottom edge.
+// A hidden spinning indicator in the middle of the room from `reference` down to `bottom` points above the
+// page's bottom edge.
 ZELProgressIndicator *makeActivity(QWidget *page, QWidget *reference, int bottom)
 {
     auto *container = new QWidget(page);
@@ -57,7 +57,7 @@ ZELProgressIndicator *makeBar(QWidget *page, QWidget *text)
     return bar;
 }
 
-/// The only button at the page's bottom.
+// The only button at the page's bottom.
 ZELUpdaterButton *makeSingleButton(QWidget *page, const char *key, int style)
 {
     ZELUpdaterButton *button = zel::makeButton(page, key, style);
@@ -75,7 +75,7 @@ QString messageOf(const ZELUpdaterPage &page)
     return texts.join(u' ');
 }
 
-/// A group named by the page's title and described by its message.
+// A group named by the page's title and described by its message.
 class AccessiblePage : public QAccessibleWidget
 {
 public:

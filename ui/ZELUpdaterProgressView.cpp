@@ -107,7 +107,7 @@ void ZELShapeLayer::draw(QPainter &painter, double time) const
     painter.strokePath(path, isWhole ? pen : penForPart(pen, length, start, end));
 }
 
-/// A name of the widget's own, so that its header names no type that hosts do not get.
+// A name of the widget's own, so that its header names no type that hosts do not get.
 class ZELUpdaterProgressView::Timer : public zel::AnimationTimer
 {
 public:

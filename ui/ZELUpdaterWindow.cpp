@@ -29,7 +29,7 @@ constexpr Qt::WindowFlags Attached = Qt::Sheet | Qt::FramelessWindowHint;
 const QColor Background = QColor::fromRgbF(0.16F, 0.16F, 0.16F);
 const QColor EdgeColor = QColor::fromRgbF(0.38F, 0.38F, 0.38F);
 
-/// A line along the window's edge, above its pages, that parts it from another dark window behind it.
+// A line along the window's edge, above its pages, that parts it from another dark window behind it.
 class Edge : public QWidget
 {
 public:

@@ -23,7 +23,7 @@ namespace {
 
 using KeyHandler = std::function<bool(ZELUpdaterButton *, QKeyEvent *)>;
 
-/// Clicks the button on one of `keys`.
+// Clicks the button on one of `keys`.
 KeyHandler clickOn(const QList<int> &keys)
 {
     return [keys](ZELUpdaterButton *button, QKeyEvent *event) {

@@ -31,8 +31,8 @@ QString spoken(const QVariant &text)
     return QString::fromStdString(zel::safeText(text.toString().toStdString(), longest));
 }
 
-/// "Version 1.1 is available, you have 1.0."; the builds tell a rebuild of the same version apart. Null where
-/// one of the versions is not known.
+// "Version 1.1 is available, you have 1.0."; the builds tell a rebuild of the same version apart. Null where
+// one of the versions is not known.
 QString spokenOffer(const QVariantMap &config, const QVariantMap &record)
 {
     QString offered = spoken(record[zel::key::Version]);

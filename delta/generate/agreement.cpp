@@ -25,8 +25,8 @@ std::size_t slotOf(Index offset)
     return static_cast<std::size_t>((static_cast<std::uint64_t>(offset) * 0x9E3779B97F4A7C15U) >> HashShift);
 }
 
-/// The shortest period of a text, if it is at most half as long; 0 when there is none or when the search
-/// takes too long. A period p that is broken after p + t bytes rules out all others up to t.
+// The shortest period of a text, if it is at most half as long; 0 when there is none or when the search
+// takes too long. A period p that is broken after p + t bytes rules out all others up to t.
 Index shortPeriod(const unsigned char *text, Index length)
 {
     Index work = 4 * length;
@@ -75,7 +75,7 @@ inline bool Repeats::inPhase(Index a, const Run &oldRun, Index s, const Run &new
     return m_period == 1 || (a + oldRun.phase - s - newRun.phase) % m_period == 0;
 }
 
-/// As `length`, but 0 where the runs say nothing, as when both end at once: then all depends on what follows.
+// As `length`, but 0 where the runs say nothing, as when both end at once: then all depends on what follows.
 inline Index Repeats::lengthInRuns(Index a, Index s)
 {
     const Run *const newRun = m_newRuns.at(s);
@@ -124,8 +124,8 @@ Index Repeats::longLength(Index a, Index s, Index from)
     return equal;
 }
 
-/// What is equal to a whole period of a known run in the other file belongs to a run of the same pattern;
-/// only without such a run a period is looked for.
+// What is equal to a whole period of a known run in the other file belongs to a run of the same pattern;
+// only without such a run a period is looked for.
 void Repeats::learn(Index a, Index s, Index equal, Index compared)
 {
     const Run *newRun = m_newRuns.over(s, m_period);
@@ -154,7 +154,7 @@ bool Repeats::learnPeriod(Index s, Index length)
     return true;
 }
 
-/// The longest run with the period that begins at `at`, which is the pattern's.
+// The longest run with the period that begins at `at`, which is the pattern's.
 Run Repeats::runAround(std::span<const unsigned char> text, Index at, Index phase) const
 {
     const unsigned char *const bytes = text.data();
@@ -166,8 +166,8 @@ Run Repeats::runAround(std::span<const unsigned char> text, Index at, Index phas
     return {begin, end, phase};
 }
 
-/// Goes on in pieces. A piece that is equal throughout is taken as a whole, and so is a block with too few
-/// equal bytes to make a better length.
+// Goes on in pieces. A piece that is equal throughout is taken as a whole, and so is a block with too few
+// equal bytes to make a better length.
 template <Extension::Direction direction>
 Index Extension::extend(Index oldStart, Index newStart, Index limit) const
 {

@@ -42,7 +42,7 @@ struct DeltaBlock {
     Index length = 0;
 };
 
-/// What the scan works on and what it fills; the blocks have room for the whole new file.
+// What the scan works on and what it fills; the blocks have room for the whole new file.
 struct Work {
     Contents old;
     Entries I;
@@ -50,7 +50,7 @@ struct Work {
     DeltaBlock db;
     DeltaBlock eb;
     DeltaProgress progress = {};
-    Index total = 0; ///< bytes of both files, as known from the start
+    Index total = 0; // bytes of both files, as known from the start
 
     void report(Index done) const
     {
@@ -59,7 +59,7 @@ struct Work {
     }
 };
 
-/// Refuses before anything is allocated what could not be read or sorted.
+// Refuses before anything is allocated what could not be read or sorted.
 bool isAcceptable(const char *role, const char *path, Index &total)
 {
     struct stat status;
@@ -132,14 +132,14 @@ void appendExtra(DeltaBlock &eb, const Work &work, const ScanStep &step)
     eb.length += step.insert;
 }
 
-/// Writes a delta to a stream: the header with its lengths open, the control block while the scan runs, the
-/// other blocks.
+// Writes a delta to a stream: the header with its lengths open, the control block while the scan runs, the
+// other blocks.
 class DeltaWriter
 {
 public:
     using Header = std::array<unsigned char, DeltaHeaderSize>;
 
-    /// `patchPath` is null when the stream is no file; both outlive the writer.
+    // `patchPath` is null when the stream is no file; both outlive the writer.
     DeltaWriter(std::FILE *sink, const char *patchPath, Index newSize)
         : m_sink(sink)
         , m_patchPath(patchPath)
@@ -174,7 +174,7 @@ public:
         return true;
     }
 
-    /// Releases each block once it is written.
+    // Releases each block once it is written.
     bool writeBlocks(DeltaBlock &db, DeltaBlock &eb)
     {
         Index controlEnd;
@@ -202,8 +202,8 @@ private:
         std::ranges::copy(encodeDeltaInteger(value), m_header.begin() + static_cast<std::ptrdiff_t>(offset));
     }
 
-    /// Only the first value's failure goes without the system's reason: deliberate, readers of the output
-    /// tell it by that.
+    // Only the first value's failure goes without the system's reason: deliberate, readers of the output
+    // tell it by that.
     bool writeTriple(const ScanStep &step) const
     {
         if (!writeValue(step.add)) {
@@ -255,8 +255,8 @@ private:
     Header m_header = {};
 };
 
-/// Writes everything but the final header. The suffixes and the old file are released as soon as the scan is
-/// done.
+// Writes everything but the final header. The suffixes and the old file are released as soon as the scan is
+// done.
 bool writeDelta(DeltaWriter &writer, Work &work)
 {
     if (!writer.writeHeader() || !writer.writeSteps(work))

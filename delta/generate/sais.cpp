@@ -21,15 +21,15 @@ namespace {
 
 using namespace induction;
 
-/// How one level works; the counts C and the bounds B have k entries each.
+// How one level works; the counts C and the bounds B have k entries each.
 enum Flag : unsigned {
     NoFlag = 0,
     AllocatedC = 1,
     AllocatedB = 2,
-    AllocatedShared = 4, ///< C and B are one allocated array
-    Recount = 8, ///< B's storage is C's, or something else that takes the counts away
-    AllocatedD = 16, ///< second LMS sort
-    FreeSpaceD = 32, ///< second LMS sort, with its work array in the free space
+    AllocatedShared = 4, // C and B are one allocated array
+    Recount = 8, // B's storage is C's, or something else that takes the counts away
+    AllocatedD = 16, // second LMS sort
+    FreeSpaceD = 32, // second LMS sort, with its work array in the free space
 };
 
 constexpr Index MostSymbolsCountedApart = 256;
@@ -42,7 +42,7 @@ template <typename Symbol>
 Index sortLevel(const Symbol *T, Entry *SA, Index fs, Index n, Index k, bool isbwt,
                 const Progress &progress = {});
 
-/// The steps of `sais_main` on one kind of text.
+// The steps of `sais_main` on one kind of text.
 template <typename Chr> class Level
 {
 public:
@@ -79,7 +79,7 @@ public:
     }
 
 private:
-    /// The shares are those that program files take, roughly.
+    // The shares are those that program files take, roughly.
     void reach(int percent) const
     {
         if (reached)
@@ -138,8 +138,8 @@ private:
         return flags == NoFlag && 2 * k <= fs - 2 * k ? FreeSpaceD : NoFlag;
     }
 
-    /// Puts the LMS suffixes at the ends of their buckets, as the positions before them. The first of them is
-    /// only counted: it ends no LMS substring, and what it would induce could run into the start of the text.
+    // Puts the LMS suffixes at the ends of their buckets, as the positions before them. The first of them is
+    // only counted: it ends no LMS substring, and what it would induce could run into the start of the text.
     void seed()
     {
         Index j = 0;
@@ -186,8 +186,8 @@ private:
         }
     }
 
-    /// Sorts the LMS suffixes through the text of their names, which lies at the far end of the space behind
-    /// them.
+    // Sorts the LMS suffixes through the text of their names, which lies at the far end of the space behind
+    // them.
     bool recurse()
     {
         if (flags & AllocatedShared)
@@ -218,8 +218,8 @@ private:
         return allocate(AllocatedB | AllocatedShared);
     }
 
-    /// Moves the sorted LMS suffixes from the front of SA to the ends of their buckets, none of which lies
-    /// before them.
+    // Moves the sorted LMS suffixes from the front of SA to the ends of their buckets, none of which lies
+    // before them.
     void bucketLMS()
     {
         if (flags & Recount)
@@ -244,17 +244,17 @@ private:
     Entry *B = nullptr;
     Array<Entry> ownC;
     Array<Entry> ownB;
-    Index m = 0; ///< number of LMS suffixes
-    Index name = 0; ///< number of different LMS substrings
+    Index m = 0; // number of LMS suffixes
+    Index name = 0; // number of different LMS substrings
 };
 
-/// Deliberate, `sais_int` and `sais_int_bwt` promise it: integer texts are read as bytes, too.
+// Deliberate, `sais_int` and `sais_int_bwt` promise it: integer texts are read as bytes, too.
 template <typename Symbol> const unsigned char *asBytes(const Symbol *T)
 {
     return reinterpret_cast<const unsigned char *>(T);
 }
 
-/// Undoes the shift that the end mark makes: its row is left out of U, but T[n - 1] comes first.
+// Undoes the shift that the end mark makes: its row is left out of U, but T[n - 1] comes first.
 template <typename Symbol>
 Index finishTransform(const Symbol *T, Symbol *U, const Entry *A, Index n, Index primary)
 {
@@ -268,13 +268,13 @@ Index finishTransform(const Symbol *T, Symbol *U, const Entry *A, Index n, Index
     return primary + 1;
 }
 
-/// The front half of the caller's entries, as narrow ones; the back half is free space of another n.
+// The front half of the caller's entries, as narrow ones; the back half is free space of another n.
 Entry *narrowEntries(Index *SA)
 {
     return reinterpret_cast<Entry *>(SA);
 }
 
-/// Goes from the end, so that no narrow entry is overwritten before it is read.
+// Goes from the end, so that no narrow entry is overwritten before it is read.
 void widen(Index *SA, Index n)
 {
     const auto *const narrow = reinterpret_cast<const unsigned char *>(SA);

@@ -52,8 +52,8 @@ void Scan::report(Index scan)
     m_progress(scan);
 }
 
-/// Splits the bytes between the last match and the new one: those that go on from the last, those that lead
-/// up to the new one, and those between.
+// Splits the bytes between the last match and the new one: those that go on from the last, those that lead
+// up to the new one, and those between.
 ScanStep Scan::takeStep()
 {
     const Index scan = m_walk.scan();

@@ -16,7 +16,7 @@ using Index = std::int64_t;
 
 constexpr unsigned MostThreads = 8;
 
-/// The matches of places in a row, found together. There are more of them the longer nothing good was found.
+// The matches of places in a row, found together. There are more of them the longer nothing good was found.
 class Lookahead
 {
 public:
@@ -95,7 +95,7 @@ bool SearchAhead::allocateChunks(std::size_t chunks)
     return true;
 }
 
-/// A system out of threads leaves more to the owner's one.
+// A system out of threads leaves more to the owner's one.
 void SearchAhead::startThreads(unsigned count)
 {
     try {
@@ -112,7 +112,7 @@ void SearchAhead::work()
         advance(lock);
 }
 
-/// Walks through the next chunk; where there is none to take, waits for a change.
+// Walks through the next chunk; where there is none to take, waits for a change.
 void SearchAhead::advance(std::unique_lock<std::mutex> &lock)
 {
     Chunk *const chunk = take();
@@ -127,7 +127,7 @@ void SearchAhead::advance(std::unique_lock<std::mutex> &lock)
     m_changed.notify_all();
 }
 
-/// The next chunk to walk through, if there is room for its matches; the mutex is held.
+// The next chunk to walk through, if there is room for its matches; the mutex is held.
 SearchAhead::Chunk *SearchAhead::take()
 {
     const auto room = static_cast<Index>(m_chunks.size());
@@ -163,7 +163,7 @@ void SearchAhead::walkThrough(Chunk &chunk) const
     }
 }
 
-/// Makes the chunk the current one as soon as it is done.
+// Makes the chunk the current one as soon as it is done.
 void SearchAhead::enter(Index number)
 {
     std::unique_lock lock(m_mutex);

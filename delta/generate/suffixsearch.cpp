@@ -38,7 +38,7 @@ PrefixTable::PrefixTable(std::span<const unsigned char> oldBytes, const Index *I
     findTails(I);
 }
 
-/// The prefix as a number. One that the text's end cuts off is filled up with zeros, which keeps the order.
+// The prefix as a number. One that the text's end cuts off is filled up with zeros, which keeps the order.
 std::size_t PrefixTable::keyAt(const unsigned char *bytes, Index available) const
 {
     std::size_t key = 0;
@@ -60,7 +60,7 @@ void PrefixTable::countPrefixes()
         start += std::exchange(m_starts[i], start);
 }
 
-/// A suffix shorter than a prefix is among the first with its key.
+// A suffix shorter than a prefix is among the first with its key.
 void PrefixTable::findTails(const Index *I)
 {
     const auto size = static_cast<Index>(m_old.size());
@@ -99,8 +99,8 @@ Interval PrefixTable::narrow(const unsigned char *newBytes, Index nlen) const
     return at;
 }
 
-/// Every suffix between two others begins with all that both of these share with the new bytes, so it need
-/// not be compared again. A bound that was not looked at is taken to share nothing.
+// Every suffix between two others begins with all that both of these share with the new bytes, so it need
+// not be compared again. A bound that was not looked at is taken to share nothing.
 class SuffixSearch::Bisection
 {
 public:
@@ -134,8 +134,8 @@ private:
 struct SuffixSearch::Lane {
     Bisection bisection;
     Index scan = 0;
-    Index limit = 0; ///< of the bytes to compare
-    bool cut = false; ///< the limit is the reach, not the new file's end
+    Index limit = 0; // of the bytes to compare
+    bool cut = false; // the limit is the reach, not the new file's end
     bool givenUp = false;
     Index a = 0;
     Index b = 0;
@@ -186,7 +186,7 @@ void SuffixSearch::searchTogether(Index scan, Index reach, std::span<Match> matc
     finishTogether(lanes, matches);
 }
 
-/// Each round takes every open search one step further.
+// Each round takes every open search one step further.
 void SuffixSearch::bisectTogether(std::span<Lane> lanes) const
 {
     std::array<Lane *, MostAtOnce> room;

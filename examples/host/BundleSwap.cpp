@@ -11,7 +11,7 @@ namespace {
 
 constexpr char PreviousSuffix[] = ".previous";
 
-/// A hidden name beside the bundle.
+// A hidden name beside the bundle.
 fs::path sibling(const fs::path &bundle, const char *suffix)
 {
     fs::path name(".");
@@ -20,7 +20,7 @@ fs::path sibling(const fs::path &bundle, const char *suffix)
     return bundle.parent_path() / name;
 }
 
-/// Where the new bundle is made ready. It may be half of one, and can always be removed.
+// Where the new bundle is made ready. It may be half of one, and can always be removed.
 fs::path stagedBundle(const fs::path &installed)
 {
     return sibling(installed, ".new");
@@ -33,7 +33,7 @@ std::error_code lastError(bool done)
 
 std::error_code copyItem(const fs::directory_entry &from, const fs::path &to);
 
-/// Not fs::copy, which throws when a folder's next entry cannot be read.
+// Not fs::copy, which throws when a folder's next entry cannot be read.
 std::error_code copyFolder(const fs::path &from, const fs::path &to)
 {
     std::error_code error;
@@ -70,7 +70,7 @@ std::error_code copyItem(const fs::directory_entry &from, const fs::path &to)
     return error;
 }
 
-/// Waits until all that was written is on the disk: the exchange must not get there before the bundle.
+// Waits until all that was written is on the disk: the exchange must not get there before the bundle.
 std::error_code flush(const fs::path &bundle)
 {
     const int folder = open(bundle.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -86,7 +86,7 @@ std::error_code exchange(const fs::path &one, const fs::path &other)
     return lastError(renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0);
 }
 
-/// Gives the one that was exchanged its name; where that cannot be, the exchange is undone.
+// Gives the one that was exchanged its name; where that cannot be, the exchange is undone.
 std::error_code nameThePrevious(const fs::path &staged, const fs::path &installed, const fs::path &previous)
 {
     std::error_code error;
@@ -96,7 +96,7 @@ std::error_code nameThePrevious(const fs::path &staged, const fs::path &installe
     return error;
 }
 
-/// Undoes a swap that was killed between two renames. Whether there was one.
+// Undoes a swap that was killed between two renames. Whether there was one.
 bool recover(const fs::path &installed)
 {
     std::error_code error;
@@ -106,8 +106,8 @@ bool recover(const fs::path &installed)
     return !error;
 }
 
-/// For file systems that cannot exchange: for a moment there is no bundle at the installed path, and the old
-/// one comes back when the new one cannot be put there.
+// For file systems that cannot exchange: for a moment there is no bundle at the installed path, and the old
+// one comes back when the new one cannot be put there.
 std::error_code replaceInTwoSteps(const fs::path &staged, const fs::path &installed, const fs::path &previous)
 {
     std::error_code error;
@@ -120,7 +120,7 @@ std::error_code replaceInTwoSteps(const fs::path &staged, const fs::path &instal
     return error;
 }
 
-/// Only the exchange itself may say that there is none: a copy fails with the same errors.
+// Only the exchange itself may say that there is none: a copy fails with the same errors.
 std::error_code replace(const fs::path &staged, const fs::path &installed)
 {
     const fs::path previous = previousBundle(installed);
@@ -143,8 +143,8 @@ std::error_code checkFolder(const fs::path &path)
     return error;
 }
 
-/// Removes what earlier swaps left. The old bundle among it is no longer needed: there is one at the
-/// installed path.
+// Removes what earlier swaps left. The old bundle among it is no longer needed: there is one at the
+// installed path.
 std::error_code clear(const fs::path &installed)
 {
     std::error_code error;

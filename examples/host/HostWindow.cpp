@@ -31,7 +31,7 @@ QVariant offeredBuild(const QVariantMap &result)
     return result[QStringLiteral("update")].toMap()[QStringLiteral("build")];
 }
 
-/// Whatever comes of the check: from now on older records are refused.
+// Whatever comes of the check: from now on older records are refused.
 void keepIssued(const QVariantMap &result)
 {
     const QVariant issued = result[QStringLiteral("issued")];
@@ -163,8 +163,8 @@ void HostWindow::downloaded(qint64 status, const QString &newBundle)
     installed();
 }
 
-/// From here on checks start from the new build: it is not offered again when the user goes on working with
-/// the old one.
+// From here on checks start from the new build: it is not offered again when the user goes on working with
+// the old one.
 void HostWindow::installed()
 {
     ZELUpdater *updater = ZELUpdater::shared();
@@ -185,8 +185,8 @@ void HostWindow::dismissed()
         relaunch();
 }
 
-/// Ends this build. The new one waits for the end of a pipe that this process holds open, so that two never
-/// run at once, also when closing takes long or the user is asked to save.
+// Ends this build. The new one waits for the end of a pipe that this process holds open, so that two never
+// run at once, also when closing takes long or the user is asked to save.
 void HostWindow::relaunch()
 {
     const QString program = m_bundle + QStringLiteral("/Contents/MacOS/host");

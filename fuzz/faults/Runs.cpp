@@ -10,7 +10,7 @@ namespace {
 
 constexpr int hangs = 120'000; // milliseconds
 
-/// Nothing of the user's settings, and no locale to be loaded.
+// Nothing of the user's settings, and no locale to be loaded.
 QProcessEnvironment environmentIn(const QString &scratch)
 {
     QDir().mkpath(scratch);

@@ -16,7 +16,7 @@ namespace {
 
 const QString tool = ZELUPDATER;
 
-/// Ends the program when the stock cannot be made: nothing is wrong with the code under test then.
+// Ends the program when the stock cannot be made: nothing is wrong with the code under test then.
 QByteArray mustRun(const QStringList &command)
 {
     QProcess process;
@@ -50,13 +50,13 @@ QString differing(const char *what, const Tree &expected, const Tree &found)
                               : QString("%1 is not what it should be: %2").arg(what, difference.c_str());
 }
 
-/// Which of the two a tree is: nothing is wrong with either.
+// Which of the two a tree is: nothing is wrong with either.
 QString oneOf(const char *what, const Tree &one, const Tree &other, const Tree &found)
 {
     return found == one || found == other ? QString() : differing(what, one, found);
 }
 
-/// The one JSON object on standard output; empty when there is none or half of one.
+// The one JSON object on standard output; empty when there is none or half of one.
 QJsonObject told(const QByteArray &out)
 {
     return QJsonDocument::fromJson(out).object();
@@ -68,7 +68,7 @@ bool tellsSuccess(const QJsonObject &value)
         && !(value.contains("path") && value["path"].isNull());
 }
 
-/// A failure may be told by the exit status alone: it may be the output that failed.
+// A failure may be told by the exit status alone: it may be the output that failed.
 QString contradiction(const ToolRun &run)
 {
     if (run.status != 0 && run.status != 1)
@@ -78,7 +78,7 @@ QString contradiction(const ToolRun &run)
     return {};
 }
 
-/// Patches do not bring modes along.
+// Patches do not bring modes along.
 Tree withoutModes(Tree tree)
 {
     for (auto &[name, item] : tree) {
@@ -93,8 +93,8 @@ bool isSeal(const std::string &name)
     return name.ends_with("/CodeResources") || name.ends_with("/CodeSignature");
 }
 
-/// A bundle's tree but for what a seal is made of; its files' names alone stay of that when they are asked
-/// for.
+// A bundle's tree but for what a seal is made of; its files' names alone stay of that when they are asked
+// for.
 Tree withoutSeal(Tree tree, bool keepNames)
 {
     for (auto item = tree.begin(); item != tree.end();) {
@@ -108,7 +108,7 @@ Tree withoutSeal(Tree tree, bool keepNames)
     return tree;
 }
 
-/// A release folder but for what is hidden: a lock, and scratch that could not be removed.
+// A release folder but for what is hidden: a lock, and scratch that could not be removed.
 Tree served(Tree tree)
 {
     std::erase_if(tree, [](const auto &item) { return item.first.starts_with('.'); });
@@ -247,7 +247,7 @@ void Stock::addUpdate(const QString &name, const QString &releases)
                            .afterNext = rightResult});
 }
 
-/// Whatever happens, the feed is the one before or the one after, and all that it names is there.
+// Whatever happens, the feed is the one before or the one after, and all that it names is there.
 void Stock::addRelease()
 {
     const auto sound = [before = served(tree("before")),
@@ -290,7 +290,7 @@ void Stock::addRelease()
                            }});
 }
 
-/// Whatever happens, all records are signed or none, and clients find what they name.
+// Whatever happens, all records are signed or none, and clients find what they name.
 void Stock::addRefresh()
 {
     const auto isWhole = [before = served(tree("releases"))](const Workplace &place) {

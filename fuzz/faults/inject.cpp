@@ -47,17 +47,17 @@ struct Fault {
     }
 };
 
-/// What has to be put right when the thread comes out of the call at hand.
+// What has to be put right when the thread comes out of the call at hand.
 struct Pending {
     int error = 0;
-    std::optional<unsigned long long> length; ///< the argument as the program had it
+    std::optional<unsigned long long> length; // the argument as the program had it
     const CallFaults *call = nullptr;
 };
 
 struct Thread {
     std::string program;
-    unsigned long entry = 0; ///< of a program that the dynamic linker still prepares
-    long replaced = 0; ///< the instructions there, under the breakpoint
+    unsigned long entry = 0; // of a program that the dynamic linker still prepares
+    long replaced = 0; // the instructions there, under the breakpoint
     Pending pending;
 };
 
@@ -80,7 +80,7 @@ void setRegisters(pid_t thread, Registers &registers)
     ::ptrace(PTRACE_SETREGS, thread, nullptr, &registers);
 }
 
-/// Where a link that the system keeps for a thread leads.
+// Where a link that the system keeps for a thread leads.
 std::string linkOf(pid_t thread, const std::string &name)
 {
     std::array<char, PATH_MAX> target{};
@@ -95,14 +95,14 @@ std::string programOf(pid_t thread)
     return path.substr(path.rfind('/') + 1);
 }
 
-/// Whether a call only wakes a thread or is woken: memory, which no fault of the machine reaches.
+// Whether a call only wakes a thread or is woken: memory, which no fault of the machine reaches.
 bool isWakeUp(pid_t thread, const CallFaults &call, unsigned long long descriptor)
 {
     return (call.call == "read" || call.call == "write")
         && linkOf(thread, "fd/" + std::to_string(descriptor)).starts_with("anon_inode:");
 }
 
-/// The address of the program's own first instruction.
+// The address of the program's own first instruction.
 unsigned long entryOf(pid_t process)
 {
     std::ifstream vector("/proc/" + std::to_string(process) + "/auxv", std::ios::binary);
@@ -134,7 +134,7 @@ public:
     {
     }
 
-    /// Until the command and all that it started have ended.
+    // Until the command and all that it started have ended.
     void follow(pid_t command)
     {
         m_command = command;
@@ -209,7 +209,7 @@ private:
         m_threads.erase(id);
     }
 
-    /// Lets the dynamic linker work in peace, up to a breakpoint at the program's entry.
+    // Lets the dynamic linker work in peace, up to a breakpoint at the program's entry.
     void loaded(pid_t id, Thread &thread)
     {
         thread = {.program = programOf(id), .entry = entryOf(id), .replaced = 0, .pending = {}};
@@ -298,9 +298,9 @@ private:
     pid_t m_command = 0;
     int m_status = 0;
     std::map<pid_t, Thread> m_threads;
-    std::map<std::pair<std::string, std::string>, long> m_counts; ///< by program and call
-    std::map<std::string, bool> m_killed; ///< programs that a fault killed
-    std::map<std::string, int> m_signals; ///< that ended others
+    std::map<std::pair<std::string, std::string>, long> m_counts; // by program and call
+    std::map<std::string, bool> m_killed; // programs that a fault killed
+    std::map<std::string, int> m_signals; // that ended others
 };
 
 Fault parseFault(const std::string &text)
@@ -330,7 +330,7 @@ Fault parseFault(const std::string &text)
     return fault;
 }
 
-/// Starts the command once it is traced.
+// Starts the command once it is traced.
 pid_t start(char *command[])
 {
     int gate[2];

@@ -24,14 +24,14 @@ struct FaultTrial {
     bool hit = false;
 };
 
-/// The trials of one outcome of one call.
+// The trials of one outcome of one call.
 struct Group {
     QString call;
     QString outcome;
     std::vector<FaultTrial> trials;
 };
 
-/// What runs full stays so: these are also tried from a call on.
+// What runs full stays so: these are also tried from a call on.
 bool lasts(std::string_view outcome)
 {
     return outcome == "ENOSPC" || outcome == "EMFILE";
@@ -66,7 +66,7 @@ public:
     {
     }
 
-    /// Counts the calls of a run of each scenario without a fault; false when that already goes wrong.
+    // Counts the calls of a run of each scenario without a fault; false when that already goes wrong.
     bool count()
     {
         for (const Scenario &scenario : m_stock.scenarios()) {
@@ -83,8 +83,8 @@ public:
         return true;
     }
 
-    /// All places where the call is made; without a call, one place for each outcome, spread evenly over the
-    /// runs.
+    // All places where the call is made; without a call, one place for each outcome, spread evenly over the
+    // runs.
     std::vector<Group> groups(const QString &wantedCall) const
     {
         std::vector<Group> groups;
@@ -124,7 +124,7 @@ private:
         }
     }
 
-    /// Numbers from 0 to 1 of which the first few are already far apart, the same in each run of the program.
+    // Numbers from 0 to 1 of which the first few are already far apart, the same in each run of the program.
     double spread() const
     {
         constexpr double golden = 0.6180339887498949;
@@ -136,7 +136,7 @@ private:
     mutable int m_spreads = 0;
 };
 
-/// On all processors; an injected call waits for the disk more than it computes.
+// On all processors; an injected call waits for the disk more than it computes.
 void perform(const Stock &stock, Group &group)
 {
     std::atomic<std::size_t> next = 0;
@@ -156,7 +156,7 @@ void perform(const Stock &stock, Group &group)
         thread.join();
 }
 
-/// A line for the group, and two for each trial that went wrong.
+// A line for the group, and two for each trial that went wrong.
 int show(const Group &group)
 {
     int hit = 0, wrong = 0;

@@ -29,7 +29,7 @@ constexpr qint64 LongestBodyInMemory = 4 * 1024 * 1024;
 class Task : public URLSessionTask, public std::enable_shared_from_this<Task>
 {
 public:
-    /// What the session does: the transfer, then the completion.
+    // What the session does: the transfer, then the completion.
     using Work = std::function<void(Task &)>;
 
     explicit Task(Work work)
@@ -92,7 +92,7 @@ public:
             (*first)();
     }
 
-    /// Moves the bytes and settles how the task ends. The network is done with when this returns.
+    // Moves the bytes and settles how the task ends. The network is done with when this returns.
     ZELError transfer(const URLRequest &request, BodySink &sink, QUrl &responseUrl)
     {
         if (m_hasNoThread)
@@ -135,7 +135,7 @@ private:
             transfer.cancel();
     }
 
-    /// Whether the task was cancelled; from now on it cannot be.
+    // Whether the task was cancelled; from now on it cannot be.
     bool settle()
     {
         std::shared_ptr<const std::function<void()>> observer;

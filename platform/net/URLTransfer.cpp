@@ -38,7 +38,7 @@ constexpr qint64 LongestHead = 256 * 1024;
 // What a server may ask for as a pause.
 constexpr std::chrono::seconds LongestPause(60);
 
-/// The values of a header line's list; nothing when the line is another header's.
+// The values of a header line's list; nothing when the line is another header's.
 QByteArrayList listIn(QByteArrayView line, QByteArrayView name)
 {
     if (line.size() <= name.size() || line[name.size()] != ':'

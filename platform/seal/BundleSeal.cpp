@@ -25,17 +25,17 @@ namespace zel {
 
 namespace {
 
-/// The folder of a seal, open: what is written there cannot be led elsewhere by a link.
+// The folder of a seal, open: what is written there cannot be led elsewhere by a link.
 class SealFolder
 {
 public:
-    /// Makes the folder where it is missing, and removes what an earlier run that was killed left in it.
+    // Makes the folder where it is missing, and removes what an earlier run that was killed left in it.
     ZELError open(const QString &path);
 
     int descriptor() const { return m_folder.get(); }
     const QString &path() const { return m_path; }
 
-    /// Brings the names in the folder, and its own, to the disk.
+    // Brings the names in the folder, and its own, to the disk.
     ZELError settle() const;
 
 private:
@@ -43,14 +43,14 @@ private:
     FileDescriptor m_folder;
 };
 
-/// One file of a seal while it is replaced: its new content is written aside, to the disk, moved into place,
-/// and taken back if need be. What was written aside and not moved goes with the object, or with the next
-/// `SealFolder::open`.
+// One file of a seal while it is replaced: its new content is written aside, to the disk, moved into place,
+// and taken back if need be. What was written aside and not moved goes with the object, or with the next
+// `SealFolder::open`.
 class SealFile
 {
 public:
-    /// Remembers what is in the file, in memory, unless that is larger than `rememberedSize` bytes. The
-    /// folder must outlive the object.
+    // Remembers what is in the file, in memory, unless that is larger than `rememberedSize` bytes. The
+    // folder must outlive the object.
     SealFile(const SealFolder &folder, const QByteArray &name, qint64 rememberedSize);
     ~SealFile();
     SealFile(const SealFile &) = delete;
@@ -60,8 +60,8 @@ public:
 
     ZELError moveIntoPlace();
 
-    /// Undoes `moveIntoPlace`, as well as the disk lets it: the file is what it was before, or gone where
-    /// none was.
+    // Undoes `moveIntoPlace`, as well as the disk lets it: the file is what it was before, or gone where
+    // none was.
     void putBack();
 
 private:

@@ -21,7 +21,7 @@ namespace {
 
 constexpr qsizetype DigestSize = 32; // of SHA-256
 
-/// Reads the value under "signers", whatever it is.
+// Reads the value under "signers", whatever it is.
 class PinReader
 {
 public:

@@ -81,7 +81,7 @@ bool isStrong(const X509_ALGOR *digest)
     }
 }
 
-/// Goes into the elements of a DER structure, one in the other.
+// Goes into the elements of a DER structure, one in the other.
 class DerReader
 {
 public:

@@ -37,7 +37,7 @@ bool canBeListed(const QByteArray &name)
 
 using Items = QMap<QByteArray, QByteArray>;
 
-/// Goes through the items below a folder, in the order of their paths, which are relative to it.
+// Goes through the items below a folder, in the order of their paths, which are relative to it.
 class ItemsBelow
 {
 public:

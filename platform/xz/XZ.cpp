@@ -42,7 +42,7 @@ constexpr uint64_t DecoderMemory = uint64_t(512) << 20;
 constexpr lzma_vli BlockLimit = 1 << 16;
 constexpr qsizetype FooterSize = LZMA_STREAM_HEADER_SIZE;
 
-/// The decoder's dictionary is as large as its block.
+// The decoder's dictionary is as large as its block.
 void *allocateWithLargePages(void *, size_t count, size_t size)
 {
     void *const block = std::malloc(count * size); // liblzma asks for one item at a time
@@ -57,8 +57,8 @@ void release(void *, void *block)
 
 constexpr lzma_allocator Allocator = {allocateWithLargePages, release, nullptr};
 
-/// The index of data that is exactly one stream, header and footer included; null for other data. A lie in it
-/// is found when the blocks are decoded: both must agree.
+// The index of data that is exactly one stream, header and footer included; null for other data. A lie in it
+// is found when the blocks are decoded: both must agree.
 XZIndex readIndex(QByteArrayView data, lzma_stream_flags &flags)
 {
     lzma_stream_flags footer;
@@ -77,7 +77,7 @@ XZIndex readIndex(QByteArrayView data, lzma_stream_flags &flags)
     return at == end && lzma_index_file_size(index) == lzma_vli(data.size()) ? std::move(owner) : nullptr;
 }
 
-/// One block of a stream, as its index and its own header describe it.
+// One block of a stream, as its index and its own header describe it.
 class StoredBlock
 {
 public:
@@ -153,8 +153,8 @@ std::optional<StoredBlocks> readBlocks(QByteArrayView stream, const lzma_index &
     return blocks;
 }
 
-/// The library's own threaded decoder is left aside: it handed freed memory to its threads when input was
-/// damaged in the versions that systems still carry.
+// The library's own threaded decoder is left aside: it handed freed memory to its threads when input was
+// damaged in the versions that systems still carry.
 bool decodeBlocks(StoredBlocks &blocks, QByteArrayView stream, uint8_t *result)
 {
     std::vector<qint64> costs;

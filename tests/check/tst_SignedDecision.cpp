@@ -14,7 +14,7 @@ namespace {
 const MachineFacts Machine{"x86", {6, 1, 38}, "Machine"};
 constexpr qint64 Day = 24 * 60 * 60;
 
-/// Keys of a record that replace those of a good one.
+// Keys of a record that replace those of a good one.
 QJsonObject record(qint64 build, const QJsonObject &changes = {})
 {
     QJsonObject result{{"build", build}, {"file", "A.zip"},

@@ -49,7 +49,7 @@ void judgePair(const Path &folder, const std::string &old, const std::string &fr
         fail(name + ": the new file was not rebuilt");
 }
 
-/// A size beyond 32 bits must not become a small one, which the bytes would run over.
+// A size beyond 32 bits must not become a small one, which the bytes would run over.
 void judgeHugeClaim(const Path &folder)
 {
     const std::string inserted(std::size_t(16) << 20, 'x');

@@ -33,7 +33,7 @@ QByteArray header(qint64 controlLength, qint64 diffLength, qint64 newSize)
     return "BSDIFN40" + deltaIntegers({controlLength, diffLength, newSize});
 }
 
-/// Every part of a delta at work: "abcdef" becomes "bcXYefZa".
+// Every part of a delta at work: "abcdef" becomes "bcXYefZa".
 QByteArray sampleDelta()
 {
     return handMadeDelta(8, {2, 2, 2, 2, 1, -6, 1, 0, 0}, QByteArray("\1\1\0\0\0", 5), "XYZ");
@@ -167,7 +167,7 @@ private slots:
         }
     }
 
-    /// Whatever the bytes are, a delta is applied or refused.
+    // Whatever the bytes are, a delta is applied or refused.
     void damagedDeltas()
     {
         const TemporaryTree tree;

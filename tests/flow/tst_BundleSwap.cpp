@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// What goes wrong: the `number`th of the calls below, from 1, fails with `error` or kills the process.
+// What goes wrong: the `number`th of the calls below, from 1, fails with `error` or kills the process.
 struct Fault {
     int number = 0;
     int error = 0; // 0: kill
@@ -24,7 +24,7 @@ struct Fault {
 };
 Fault fault;
 
-/// Whether this call is the one that fails.
+// Whether this call is the one that fails.
 bool fails()
 {
     if (++fault.calls != fault.number)
@@ -74,12 +74,12 @@ extern "C" Q_DECL_EXPORT int mkdir(const char *path, mode_t mode) noexcept
     return fails() ? -1 : int(::syscall(SYS_mkdirat, AT_FDCWD, path, mode));
 }
 
-/// The example host's exchange of bundles: code that others copy.
+// The example host's exchange of bundles: code that others copy.
 class BundleSwapTest : public QObject
 {
     Q_OBJECT
 
-    /// An installed bundle, and a new one that is to take its place.
+    // An installed bundle, and a new one that is to take its place.
     struct Scene {
         explicit Scene(const QString &staging)
             : folder(staging + "/swap-XXXXXX")
@@ -121,7 +121,7 @@ private slots:
 
     void failureLosesNothing_data() { addPlaces(); }
 
-    /// Each call fails once, with each error that stands for something else elsewhere.
+    // Each call fails once, with each error that stands for something else elsewhere.
     void failureLosesNothing()
     {
         QFETCH(QString, staging);

@@ -14,7 +14,7 @@ using Answer = TestServer::Answer;
 
 namespace {
 
-/// What the attacker does, and what the user must see of it.
+// What the attacker does, and what the user must see of it.
 struct Threat {
     QByteArray feed; // of the check's reply
     QMap<QString, Answer> answers = {}; // instead of the publisher's files

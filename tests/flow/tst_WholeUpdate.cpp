@@ -23,7 +23,7 @@ namespace {
 const Answer Gone{.dropAt = TestServer::BeforeHead};
 const Answer Stalled{.stallAt = TestServer::BeforeHead};
 
-/// What the server answers, path by path, and what it offers.
+// What the server answers, path by path, and what it offers.
 struct Offer {
     QJsonObject record;
     QMap<QString, QList<Answer>> answers = {};
@@ -40,13 +40,13 @@ struct Offer {
 
 using Change = std::function<void(Offer &)>;
 
-/// The server answers at a path in another way.
+// The server answers at a path in another way.
 Change answering(const QString &path, const QList<Answer> &answers)
 {
     return [=](Offer &offer) { offer.answers[path] = answers; };
 }
 
-/// The server is gone at the first request.
+// The server is gone at the first request.
 Change goneAt(const QString &path)
 {
     return [=](Offer &offer) { offer.answers[path].prepend(Gone); };
@@ -69,7 +69,7 @@ QString keysOf(const QByteArray &body)
 
 } // namespace
 
-/// Updates between two builds that the publisher's tool released, driven by clicks in the updater's window.
+// Updates between two builds that the publisher's tool released, driven by clicks in the updater's window.
 class WholeUpdateTest : public QObject
 {
     Q_OBJECT
@@ -291,7 +291,7 @@ private:
             qFatal("%s", process.readAllStandardError().constData());
     }
 
-    /// A fresh server that offers the newest build, and an updater as after its start.
+    // A fresh server that offers the newest build, and an updater as after its start.
     void begin(
         const QVariantMap &config = {}, const Change &change = [](Offer &) {})
     {
@@ -352,7 +352,7 @@ private:
         });
     }
 
-    /// Clicks on a button of a page, named as in "Error: Retry", once that page is shown.
+    // Clicks on a button of a page, named as in "Error: Retry", once that page is shown.
     bool clicked(const QString &click)
     {
         const QString page = click.section(": ", 0, 0);
@@ -370,7 +370,7 @@ private:
         return false;
     }
 
-    /// "Checking" for a ZELUpdaterCheckingPage; nothing for what is no page.
+    // "Checking" for a ZELUpdaterCheckingPage; nothing for what is no page.
     static QString pageName(const QObject *object)
     {
         const QString type = object ? object->metaObject()->className() : "";

@@ -42,7 +42,7 @@ class tst_bsdiff2 : public QObject
 {
     Q_OBJECT
 private slots:
-    /// Both generators give the bytes of the plain scan, and these rebuild the new file, compacted or not.
+    // Both generators give the bytes of the plain scan, and these rebuild the new file, compacted or not.
     void deltas()
     {
         const QByteArray random = randomBytes(20'000, 256, 1);
@@ -116,7 +116,7 @@ private slots:
         }
     }
 
-    /// With the short cuts as they are and taken early. More pairs: ZEL_PAIRS=1000000.
+    // With the short cuts as they are and taken early. More pairs: ZEL_PAIRS=1000000.
     void repetitivePairs()
     {
         bool isNumber = false;

@@ -25,8 +25,8 @@ std::vector<unsigned char> bytesOf(const QByteArray &text)
     return {text.begin(), text.end()};
 }
 
-/// Neighbours are in order when their first symbols are, or these are equal and the suffixes behind them in
-/// order.
+// Neighbours are in order when their first symbols are, or these are equal and the suffixes behind them in
+// order.
 template <typename Text, typename Entry> bool isSuffixArray(const Text &text, const Entry *SA)
 {
     const auto n = std::int64_t(text.size());
@@ -65,7 +65,7 @@ Names alternatingText(int n, int symbols)
     return text;
 }
 
-/// The last column of the sorted rotations of the text with its end mark, which is then left out.
+// The last column of the sorted rotations of the text with its end mark, which is then left out.
 QByteArray transformed(const QByteArray &text, const Entries &suffixes, std::int64_t *row)
 {
     QByteArray transform(text.last(1));
@@ -95,7 +95,7 @@ class tst_sais : public QObject
     }
 
 private slots:
-    /// Every text over a small alphabet up to a length, which has each shape of runs and repeats.
+    // Every text over a small alphabet up to a length, which has each shape of runs and repeats.
     void everySmallText()
     {
         for (const auto &[alphabet, longest] : {std::pair(2, 14), {3, 8}}) {
@@ -154,8 +154,8 @@ private slots:
         }
     }
 
-    /// Each place that the counts and bounds can live in, with either sort of the LMS substrings, on integer
-    /// symbols.
+    // Each place that the counts and bounds can live in, with either sort of the LMS substrings, on integer
+    // symbols.
     void layouts()
     {
         const std::tuple<const char *, int, int, int> cases[] = {
@@ -195,7 +195,7 @@ private slots:
         }
     }
 
-    /// The integer entries sort the first bytes of their text.
+    // The integer entries sort the first bytes of their text.
     void integerEntries()
     {
         const Entries text{3, 1, 4, 1, 5, 9, 2, 6, 5, 3, 5, 8};
@@ -237,7 +237,7 @@ private slots:
         QCOMPARE(zel::sais_main(text, room, 0, 4, std::int64_t(1) << 60, false), -2); // memory is exhausted
     }
 
-    /// Assertions are active in every build and name their expression, routine and unit.
+    // Assertions are active in every build and name their expression, routine and unit.
     void brokenPreconditionAborts()
     {
         CapturedStream output(stderr);

@@ -11,7 +11,7 @@ class tst_suffixsearch : public QObject
 {
     Q_OBJECT
 private slots:
-    /// The bisection ends where it ends without a table, whatever suffix happens to be a prefix of the bytes.
+    // The bisection ends where it ends without a table, whatever suffix happens to be a prefix of the bytes.
     void samePath()
     {
         QList<std::tuple<const char *, QByteArray, int>> cases{

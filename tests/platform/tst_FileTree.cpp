@@ -12,8 +12,8 @@ using namespace zel;
 
 namespace {
 
-/// While it stands, the superuser is an ordinary user to whom the tree belongs: modes mean nothing to the
-/// superuser.
+// While it stands, the superuser is an ordinary user to whom the tree belongs: modes mean nothing to the
+// superuser.
 class OrdinaryUser
 {
 public:

@@ -10,7 +10,7 @@ namespace {
 constexpr qsizetype KiB = 1024;
 constexpr qsizetype MiB = KiB * 1024;
 
-/// Slices one after the other, and their commands.
+// Slices one after the other, and their commands.
 struct Payload {
     std::vector<PatchCommand> commands;
     QByteArray bytes;

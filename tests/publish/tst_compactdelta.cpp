@@ -6,7 +6,7 @@
 
 namespace {
 
-/// One triple's; the first starts at the start of both files.
+// One triple's; the first starts at the start of both files.
 struct Copy {
     qint64 start; // in the new file
     qint64 oldStart;

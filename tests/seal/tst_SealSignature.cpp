@@ -18,7 +18,7 @@ QByteArray announcingUnknownDigest(QByteArray cms)
     return cms;
 }
 
-/// A signature over "content" of whatever shape.
+// A signature over "content" of whatever shape.
 QByteArray cms(const QList<TestCertificate> &signers, const QStringList &words = {})
 {
     QStringList all{"cms", "-sign", "-binary", "-outform", "DER"};

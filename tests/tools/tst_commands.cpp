@@ -19,7 +19,7 @@ struct Outcome {
     QByteArray out;
     QByteArray err;
 
-    /// The one JSON value on standard output; an array of it, so that any value fits.
+    // The one JSON value on standard output; an array of it, so that any value fits.
     QJsonValue json() const
     {
         const QJsonArray values = QJsonDocument::fromJson('[' + out + ']').array();

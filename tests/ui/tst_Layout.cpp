@@ -11,7 +11,7 @@ constexpr qint64 None = ZELLayoutNotSet;
 constexpr qint64 Huge = ZELLayoutNotSet - 1;
 constexpr qint64 Least = std::numeric_limits<qint64>::min();
 
-/// A view whose content has a size of its own.
+// A view whose content has a size of its own.
 class Box : public QWidget
 {
 public:
@@ -26,7 +26,7 @@ private:
     QSize m_content;
 };
 
-/// Lets what was asked for happen now, as the event loop would.
+// Lets what was asked for happen now, as the event loop would.
 void settle()
 {
     QCoreApplication::sendPostedEvents();

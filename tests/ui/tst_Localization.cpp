@@ -11,14 +11,14 @@ using zel::localized;
 
 namespace {
 
-/// Each without the "Updater." that it begins with.
+// Each without the "Updater." that it begins with.
 const QStringList keys =
     QString("Checking for Updates|Cancel|Downloading|Connecting|%@ completed|Preparing update|Error|"
             "An error occurred while updating.|Retry|Up To Date|No updates are available.|Done|Completed|"
             "Updates were successfully installed.|Install|Skip|Version %1 is available, you have %2.")
         .split('|');
 
-/// The tables that were compiled in, each from a file of ui/translations.
+// The tables that were compiled in, each from a file of ui/translations.
 QStringList languages()
 {
     QStringList languages = QDir(":/ZELUpdater/texts").entryList({"ZELUpdater_*.qm"});

@@ -10,7 +10,7 @@ namespace {
 
 const QString Marker = "http://example.invalid/marker";
 
-/// Stands for the open network while it exists: a proxy that answers for every name.
+// Stands for the open network while it exists: a proxy that answers for every name.
 class OpenNetwork
 {
 public:
@@ -27,7 +27,7 @@ public:
 
 } // namespace
 
-/// What pages may reach, and what becomes of their links.
+// What pages may reach, and what becomes of their links.
 class tst_NotesReach : public NotesTest
 {
     Q_OBJECT
@@ -196,7 +196,7 @@ private slots:
             "<img src='http://[::ffff:127.0.0.1]:PORT/'>");
     }
 
-    /// Each page is looked at, then the link on it is clicked: the one thing that may come of it.
+    // Each page is looked at, then the link on it is clicked: the one thing that may come of it.
     void pageReachesNothing()
     {
         auto [html] = Table<QByteArray>::current();

@@ -16,7 +16,7 @@
 
 namespace {
 
-/// Every kind of page, in a container as the window is one.
+// Every kind of page, in a container as the window is one.
 struct Pages {
     ZELUpdaterCheckingPage checking;
     ZELUpdaterDownloadPage download;
@@ -35,7 +35,7 @@ struct Pages {
     }
 };
 
-/// The families that a text is written in.
+// The families that a text is written in.
 QStringList familiesThatWrite(const QString &text, const QFont &font)
 {
     QTextLayout layout(text, font);
@@ -49,7 +49,7 @@ QStringList familiesThatWrite(const QString &text, const QFont &font)
     return families;
 }
 
-/// The lines of a text in a picture: the bands of rows with anything in them.
+// The lines of a text in a picture: the bands of rows with anything in them.
 int inkedBands(const QImage &image)
 {
     int bands = 0;

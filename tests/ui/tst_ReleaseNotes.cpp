@@ -8,7 +8,7 @@
 
 #include <unistd.h>
 
-/// Shows real pages of a real server in the real web engine.
+// Shows real pages of a real server in the real web engine.
 class tst_ReleaseNotes : public NotesTest
 {
     Q_OBJECT
@@ -241,7 +241,7 @@ private:
     QWidget *summaryWidget() { return m_page->findChild<QLabel *>()->parentWidget(); }
     bool summaryIsShown() { return summaryWidget()->isVisible(); }
 
-    /// The texts that stand for the notes.
+    // The texts that stand for the notes.
     QStringList summary()
     {
         QStringList texts;

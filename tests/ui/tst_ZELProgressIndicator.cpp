@@ -12,7 +12,7 @@ namespace {
 
 using Style = ZELProgressIndicator::Style;
 
-/// An indicator on a dark window, with a clock that only the test moves. A bar is 200 wide and shows 0 to 1.
+// An indicator on a dark window, with a clock that only the test moves. A bar is 200 wide and shows 0 to 1.
 struct IndicatorScene {
     explicit IndicatorScene(Style style)
         : indicator(style, &window)

@@ -17,7 +17,7 @@ constexpr QPoint Inside(20, 10);
 constexpr QPoint Outside(20, 60);
 constexpr auto Press = QTest::MousePress, Move = QTest::MouseMove, Release = QTest::MouseRelease;
 
-/// A page that paints itself, as the page of a host may.
+// A page that paints itself, as the page of a host may.
 class StripedPage : public QWidget
 {
 public:
@@ -32,7 +32,7 @@ protected:
     }
 };
 
-/// A window with a button at (32, 40), 286 x 32, on a page.
+// A window with a button at (32, 40), 286 x 32, on a page.
 struct ButtonScene {
     explicit ButtonScene(bool isStriped = false)
     {
@@ -61,7 +61,7 @@ struct ButtonScene {
     int clicks = 0;
 };
 
-/// The same in a window that is shown and has the keyboard.
+// The same in a window that is shown and has the keyboard.
 struct ShownScene : ButtonScene {
     explicit ShownScene(bool isStriped = false)
         : ButtonScene(isStriped)
@@ -424,7 +424,7 @@ private slots:
     }
 
 private:
-    /// The rectangle, in the button's coordinates, of all pixels much lighter than the grey body.
+    // The rectangle, in the button's coordinates, of all pixels much lighter than the grey body.
     static QRectF labelBounds(ButtonScene &scene, const QString &label, qreal ratio)
     {
         scene.button->setLabel(label);

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// A view of 200 x 200 on a dark window, with a clock that only the test moves.
+// A view of 200 x 200 on a dark window, with a clock that only the test moves.
 struct RingScene {
     RingScene()
     {
@@ -16,7 +16,7 @@ struct RingScene {
         timer->setClock([this] { return now; });
     }
 
-    /// Lets time pass, with a tick at its end.
+    // Lets time pass, with a tick at its end.
     void pass(double seconds)
     {
         now += seconds;
@@ -32,8 +32,8 @@ struct RingScene {
     zel::AnimationTimer *timer = view.findChild<zel::AnimationTimer *>();
 };
 
-/// Whether the ring is blue from `start` to `end`, fractions of a turn clockwise from twelve o'clock, and
-/// there alone.
+// Whether the ring is blue from `start` to `end`, fractions of a turn clockwise from twelve o'clock, and
+// there alone.
 bool isBlueBetween(const QImage &image, double start, double end)
 {
     return std::ranges::all_of(

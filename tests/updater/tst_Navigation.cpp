@@ -43,7 +43,7 @@ void addPages()
         row(page.title, page);
 }
 
-/// A download that stands where it is.
+// A download that stands where it is.
 struct HalfwayTask : ZELURLSessionTask {
     void resume() override { }
     void cancel() override { }
@@ -57,7 +57,7 @@ struct HalfwayTask : ZELURLSessionTask {
 
 } // namespace
 
-/// The pages of the one updater in its window.
+// The pages of the one updater in its window.
 class tst_Navigation : public QObject
 {
     Q_OBJECT

@@ -20,7 +20,7 @@ namespace zel {
 
 namespace {
 
-/// The arguments that the engine reads: its own variable or, without it, the host's after a marker.
+// The arguments that the engine reads: its own variable or, without it, the host's after a marker.
 QStringList engineArguments()
 {
     const QString flags = qEnvironmentVariable("QTWEBENGINE_CHROMIUM_FLAGS");
@@ -46,8 +46,8 @@ bool writeText(const char *file, const char *text)
 
 enum Trial { Works = 0, NoMaps = 1, Forbidden = 2 };
 
-/// What the sandbox does first, in a process that is in a new user namespace already. Only system calls: the
-/// host's other threads may have held any lock when it was made.
+// What the sandbox does first, in a process that is in a new user namespace already. Only system calls: the
+// host's other threads may have held any lock when it was made.
 Trial tryNamespace(const char *userMap)
 {
     if (!writeText("/proc/self/setgroups", "deny") || !writeText("/proc/self/uid_map", userMap))
@@ -55,7 +55,7 @@ Trial tryNamespace(const char *userMap)
     return chroot("/proc/self/fdinfo") == 0 ? Works : Forbidden;
 }
 
-/// Without namespaces the engine does without; those that it gets must let it do what they are for.
+// Without namespaces the engine does without; those that it gets must let it do what they are for.
 bool areNamespacesUsable()
 {
     char userMap[32];

@@ -34,7 +34,7 @@ constexpr qint64 RoomOfADocument = 64LL << 20;
 constexpr int MostHops = 10;
 constexpr auto PartDeadline = 2min;
 
-/// Keeps nothing: what a part sets is no other part's.
+// Keeps nothing: what a part sets is no other part's.
 class NoCookies : public QNetworkCookieJar
 {
 public:
@@ -49,8 +49,8 @@ bool isProxied(const QUrl &url)
     return !proxies.isEmpty() && proxies.constFirst().type() != QNetworkProxy::NoProxy;
 }
 
-/// One part, from the engine's question to its answer. It belongs to the job, which the engine deletes when
-/// it wants the part no more.
+// One part, from the engine's question to its answer. It belongs to the job, which the engine deletes when
+// it wants the part no more.
 class PartFetch : public QObject
 {
 public:

@@ -99,14 +99,14 @@ Decision offer(const UpdateRecord &record, std::optional<qint64> installedBuild)
     return {ZELStatusUpdateAvailable, {record, patch}};
 }
 
-/// The choice of a host that pins signers. Each record is read and judged by what it says; of those that
-/// would be taken, the best ones first, signatures are verified until one is good. A few that are not, for
-/// all: who has many of those has no good one to offer, and could have sent none as well.
-///
-/// What a signature cannot tell is that another record is missing, and records are signed anew every other
-/// day: a server could leave out the newest one each time, and all that is left would look fresh. So each
-/// record lists the builds that were signed with it, and those which would have been looked at before it must
-/// be there.
+// The choice of a host that pins signers. Each record is read and judged by what it says; of those that
+// would be taken, the best ones first, signatures are verified until one is good. A few that are not, for
+// all: who has many of those has no good one to offer, and could have sent none as well.
+//
+// What a signature cannot tell is that another record is missing, and records are signed anew every other
+// day: a server could leave out the newest one each time, and all that is left would look fresh. So each
+// record lists the builds that were signed with it, and those which would have been looked at before it must
+// be there.
 class SignedChoice
 {
 public:
