@@ -26,7 +26,8 @@ constexpr HostilePatch Patches[] = {
     {"a path of 32,000 names", R"(deep=$(printf 'a/%.0s' {1..32000})
         printf '{"actions":["delete"],"path":"%s"}' "$deep")"},
     {"paths through a long link", R"(target=$(printf 'a/../%.0s' {1..800})
-        printf '{"actions":["adddirectory"],"path":"a"},{"actions":["create-symlink"],"path":"l","symlink":"%sa"},' "$target"
+        printf '{"actions":["adddirectory"],"path":"a"},'
+        printf '{"actions":["create-symlink"],"path":"l","symlink":"%sa"},' "$target"
         seq 199990 | sed 's/.*/{"actions":["delete"],"path":"l\/x"},/'; printf 0)"},
     {"one slice many times",
      R"(seq 199999 | sed 's/.*/{"actions":["add"],"path":"f&","position":0,"length":100000},/'
@@ -38,7 +39,8 @@ constexpr HostilePatch Patches[] = {
     {"4 GiB of zeros", "printf 0", "head -c 4G /dev/zero"},
     {"64 MiB of zeros as a delta",
      R"(printf '{"actions":["patch"],"path":"program","position":0,"length":67108864}')",
-     R"(size='\xC8\xFF\xFF\x03\0\0\0\0'; printf "BSDIFN40\x18\0\0\0\0\0\0\0$size$size$size"; head -c 67108824 /dev/zero)"},
+     R"(size='\xC8\xFF\xFF\x03\0\0\0\0'; printf "BSDIFN40\x18\0\0\0\0\0\0\0$size$size$size"
+        head -c 67108824 /dev/zero)"},
 };
 
 // In the folder where it runs: the old bundle and the patch file.
@@ -68,16 +70,19 @@ constexpr HostileSeal Seals[] = {
             cp list hostile.app/$i/_CodeSignature/CodeResources
             cp signature hostile.app/$i/_CodeSignature/CodeSignature
             for file in list:CodeResources signature:CodeSignature; do
-                printf "<key>$i/_CodeSignature/${file#*:}</key><data>$(digestOf ${file%:*})</data>"; done; done)"},
+                printf "<key>$i/_CodeSignature/${file#*:}</key><data>$(digestOf ${file%:*})</data>"
+            done; done)"},
 };
 
 // In the folder where it runs: `hostile.app`, sealed by a key that is made on the spot.
 std::string making(const HostileSeal &seal)
 {
     return std::string(R"(set -e; digestOf() { openssl sha256 -binary "$1" | base64; }
-        openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-384 -nodes -keyout key -out crt -subj /CN=a 2>&1
+        openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-384 -nodes \
+            -keyout key -out crt -subj /CN=a 2>&1
         sign() { openssl cms -sign -binary -outform DER -md sha256 -signer crt -inkey key -in "$1"; }
-        begin() { printf '<?xml version="1.0"?><plist><dict><key>version</key><integer>1</integer><key>files</key><dict>'; }
+        begin() { printf '<?xml version="1.0"?><plist><dict>'
+            printf '<key>version</key><integer>1</integer><key>files</key><dict>'; }
         end() { printf '</dict><key>links</key><dict/></dict></plist>'; }
         mkdir -p hostile.app/_CodeSignature; digest=$(digestOf crt)
         { begin; )")

@@ -1,8 +1,9 @@
-# Helpers that keep the rooms apart. A room is a folder with a static library of its own. Other rooms include its headers
-# by its name ("net/URLSession.h"), and only those that link it can: for each room the build folder has one folder of
-# its name with links to its headers, which comes with the library; rooms inside the room's folder are not among them.
-# So an include by name that runs upward is not found, and a call that runs upward does not link. What is left is a path
-# from the source's own place: nothing keeps "../ui/Texts.h" away, or, in platform's own sources, "net/URLSession.h".
+# Helpers that keep the rooms apart. A room is a folder with a static library of its own. Other rooms include its
+# headers by its name ("net/URLSession.h"), and only those that link it can: for each room the build folder has one
+# folder of its name with links to its headers, which comes with the library; rooms inside the room's folder are not
+# among them. So an include by name that runs upward is not found, and a call that runs upward does not link. What is
+# left is a path from the source's own place: nothing keeps "../ui/Texts.h" away, or, in platform's own sources,
+# "net/URLSession.h".
 
 add_library(zel_options INTERFACE)
 target_compile_options(zel_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
@@ -82,7 +83,10 @@ function(zel_add_tests room)
             RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
         target_link_libraries(tst_${room}_${unit} PRIVATE zel_options ${ARG_LINK} zel_support Qt6::Test)
         add_test(NAME ${room}.${unit} COMMAND tst_${room}_${unit})
-        set_tests_properties(${room}.${unit} PROPERTIES TIMEOUT 300
-            ENVIRONMENT "ASAN_OPTIONS=allocator_may_return_null=1;TSAN_OPTIONS=die_after_fork=0:suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp;LSAN_OPTIONS=print_suppressions=0:suppressions=${CMAKE_SOURCE_DIR}/tests/lsan.supp;QT_QPA_PLATFORM=offscreen;QTWEBENGINE_DISABLE_SANDBOX=1")
+        set(environment ASAN_OPTIONS=allocator_may_return_null=1
+            TSAN_OPTIONS=die_after_fork=0:suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp
+            LSAN_OPTIONS=print_suppressions=0:suppressions=${CMAKE_SOURCE_DIR}/tests/lsan.supp
+            QT_QPA_PLATFORM=offscreen QTWEBENGINE_DISABLE_SANDBOX=1)
+        set_tests_properties(${room}.${unit} PROPERTIES TIMEOUT 300 ENVIRONMENT "${environment}")
     endforeach()
 endfunction()

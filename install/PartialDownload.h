@@ -22,8 +22,8 @@ class PartialDownload : public BodyFile
 public:
     /// Takes what there is of the file with a SHA-256 of 64 hexadecimal digits and of `size` bytes (-1: not
     /// known), else begins with nothing. Null where nothing can be kept: without such a hash, while another
-    /// process loads the same file, and where `root` is null, a link, another user's or writable by others, or
-    /// cannot lock files.
+    /// process loads the same file, and where `root` is null, a link, another user's or writable by others,
+    /// or cannot lock files.
     static std::shared_ptr<PartialDownload> take(const QString &root, const QString &sha256, qint64 size);
 
     ~PartialDownload() override { letGo(); }

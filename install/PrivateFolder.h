@@ -9,8 +9,8 @@
 
 namespace zel {
 
-/// Opens a folder in which no other user can have put anything. One that is a link, belongs to another user or
-/// is writable by others is an error, which calls it by `purpose`: "staging folder".
+/// Opens a folder in which no other user can have put anything. One that is a link, belongs to another user
+/// or is writable by others is an error, which calls it by `purpose`: "staging folder".
 ZELError openPrivateFolder(const QString &path, const QString &purpose, FileDescriptor &folder);
 
 enum class Lock { Ours, Others, Unsupported };

@@ -54,11 +54,11 @@ std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompleti
 ///
 /// A download that breaks off is tried again after each of `request.pauses`: without a name's address or a
 /// connection, after silence, an answer that ends early, or a status of 429, 500, 502, 503 or 504, of which
-/// the last one's body is a body. Each attempt asks for what is missing of the file, where the server has told
-/// how to (a strong entity tag, or a time of modification that is one), and for all of it where it cannot give
-/// that. `file`, where there is one, is what it goes to and may have a beginning already; a body that cannot
-/// be that file, by its status or by the length in `request.size`, comes in another one. Counts are of the
-/// whole file.
+/// the last one's body is a body. Each attempt asks for what is missing of the file, where the server has
+/// told how to (a strong entity tag, or a time of modification that is one), and for all of it where it
+/// cannot give that. `file`, where there is one, is what it goes to and may have a beginning already; a body
+/// that cannot be that file, by its status or by the length in `request.size`, comes in another one. Counts
+/// are of the whole file.
 std::shared_ptr<URLSessionTask> downloadTask(const URLRequest &request, const QString &temporaryFolder,
                                              DownloadCompletion completion,
                                              std::shared_ptr<BodyFile> file = {});

@@ -3,11 +3,11 @@
 // beyond detection.
 //
 // What libcurl would do by itself is kept from it where the updater must decide. Redirections are followed
-// here, one exchange after the other (`attempt`, `redirect`), so that every address is judged before anything is
-// sent to it: a redirection to `file:` or any other scheme ends in `exchange` as "not an HTTP address", one
-// from https down to http in `redirect`. Times are judged by `TransferClock`, not by libcurl's options, which
-// know no pace over both directions and start anew with each exchange. The multi interface is used for one
-// transfer alone, since only its wait can be woken by `cancel` from another thread.
+// here, one exchange after the other (`attempt`, `redirect`), so that every address is judged before anything
+// is sent to it: a redirection to `file:` or any other scheme ends in `exchange` as "not an HTTP address",
+// one from https down to http in `redirect`. Times are judged by `TransferClock`, not by libcurl's options,
+// which know no pace over both directions and start anew with each exchange. The multi interface is used for
+// one transfer alone, since only its wait can be woken by `cancel` from another thread.
 //
 // A download that breaks off is tried again (`run`), and each further attempt asks for the rest of the file
 // with "Range" and "If-Range". The bytes that come are appended only when the answer says that they are

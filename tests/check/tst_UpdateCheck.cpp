@@ -110,7 +110,7 @@ private slots:
             uploadPatchLog(config, {}, [held = captive()] {});
         }
         QTRY_COMPARE_WITH_TIMEOUT(here + elsewhere, 3 * rounds, 60000);
-        // The thread sanitizer cannot see the event queue's lock, and takes minutes to find out about each post.
+        // The thread sanitizer cannot see the event queue's lock, and takes minutes to look into all posts.
 #ifndef __SANITIZE_THREAD__
         // Each runs at once, some before the call that posts it has returned.
         constexpr int posts = 100'000;

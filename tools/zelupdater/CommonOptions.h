@@ -34,8 +34,8 @@ std::optional<QStringList> acceptedSigners(const Arguments &arguments, const QSt
 QList<QCommandLineOption> keyOptions();
 bool readSigners(const Arguments &arguments, QList<Signer> &signers, int &status);
 
-/// --valid and the options that tell who signed a feed before, for the commands that sign one, and all that they
-/// say with the above.
+/// --valid and the options that tell who signed a feed before, for the commands that sign one, and all that
+/// they say with the above.
 QList<QCommandLineOption> feedOptions();
 bool readSigning(const Arguments &arguments, FeedSigning &signing, int &status);
 
