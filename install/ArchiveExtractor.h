@@ -19,8 +19,8 @@ struct ExtractOptions {
     std::stop_token stop = {}; ///< a request ends the tool at once, and the extraction with it
 };
 
-/// The first real folder below a folder, 128 folders deep at most and in the file system's order, whose
-/// extension is "app"; null when there is none. Files and links of such a name are passed over.
+/// The first real folder below a folder, `MaxFolderDepth` folders deep at most and in the file system's
+/// order, whose extension is "app"; null when there is none. Files and links of such a name are passed over.
 QString findBundle(const QString &directory);
 
 /// Extracts the zip archive `file` into the folder `directory`, which is made when it is missing, and finds

@@ -31,8 +31,8 @@ struct WalkedItem {
 
 /// Walks along paths from a bundle's root, folder by folder, by descriptors: no link leads it elsewhere, were
 /// it made while the walk goes on. Links are followed name by name, within the bounds of `PathNames`. The
-/// folders of the last walk stay open, 128 at most, because the next path mostly leads through them: a bundle
-/// must not be changed between walks but by the one who walks.
+/// folders of the last walk stay open, `MaxFolderDepth` at most, because the next path mostly leads through
+/// them: a bundle must not be changed between walks but by the one who walks.
 class BundleWalk
 {
 public:
@@ -41,8 +41,9 @@ public:
 
     /// Where a path leads; nothing when it is not one inside the bundle: empty, of PATH_MAX bytes or more,
     /// absolute, with "..", with a NUL, naming the root itself, passing through a link that is absolute,
-    /// climbs out of the bundle, goes in circles or through too many names, or nested deeper than 128
-    /// folders. What does not exist is no reason to refuse. Nothing is changed. Linear in time.
+    /// climbs out of the bundle, goes in circles or through too many names, or nested deeper than
+    /// `MaxFolderDepth` folders. What does not exist is no reason to refuse. Nothing is changed. Linear in
+    /// time.
     std::optional<WalkedItem> find(const QString &path, FinalLink finalLink);
 
     /// Makes the folders that are missing on the way to an item found last. False, with errno, when one

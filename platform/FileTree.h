@@ -56,8 +56,8 @@ private:
 /// Copies a file or a whole folder to `to`, which must not exist (its parent must). Modes, times, symbolic
 /// links and extended attributes are kept, data is shared with the source where the file system can clone.
 /// When `from` itself is a link, what it points at is copied. Anything but files, folders and links is an
-/// error, as are folders nested deeper than 128. What was copied before an error stays for the caller to
-/// remove.
+/// error, as are folders nested deeper than `MaxFolderDepth`. What was copied before an error stays for the
+/// caller to remove.
 ZELError copyTree(const QString &from, const QString &to);
 
 /// Removes a file, a link (never what it points at, whatever ends the path) or a folder with all it holds, at

@@ -6,7 +6,7 @@
 
 class QWidget;
 
-/// A layout frame of six values.
+/// A layout frame, its values in the order of its fields.
 ZEL_EXPORT ZELLayoutFrame ZELMakeLayoutFrame(qint64 left, qint64 right, qint64 top, qint64 bottom,
                                              qint64 width, qint64 height);
 

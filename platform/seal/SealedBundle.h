@@ -16,8 +16,8 @@ public:
     ZELError open(const QString &bundle);
 
     /// Adds every file, with its digest, and every link below the folder to `items`. Unreadable items,
-    /// anything but files, links and folders, more than 500 000 items and folders nested deeper than 128 are
-    /// errors. Memory: a few hundred bytes per item; files are read in pieces.
+    /// anything but files, links and folders, more than `MaxItems` of all and folders nested deeper than
+    /// `MaxFolderDepth` are errors. Memory: a few hundred bytes per item; files are read in pieces.
     ZELError scan(SealedItems &items) const;
 
     /// Whether there is a folder (a link is none) at a path below the bundle.

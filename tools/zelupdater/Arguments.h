@@ -13,7 +13,6 @@ namespace zel::tool {
 
 class Arguments;
 
-/// Exit statuses.
 enum ExitStatus { Done = 0, JobFailed = 1, WrongUsage = 2 };
 
 struct ToolCommand {
