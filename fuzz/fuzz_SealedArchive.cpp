@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string bundleName = "Example.app";
+const std::string BundleName = "Example.app";
 
 QByteArray bytesOf(const std::string &text)
 {
@@ -72,7 +72,7 @@ struct Fixture {
         content = sealedContent(bundle());
         before = sandbox.surroundings();
     }
-    fs::path bundle() const { return sandbox.path("genuine") / bundleName; }
+    fs::path bundle() const { return sandbox.path("genuine") / BundleName; }
 
     Sandbox sandbox;
     std::vector<ZipItem> items;
@@ -135,7 +135,7 @@ private:
     {
         for (ZipItem &item : m_items)
             item.name.prepend(folder);
-        m_items.push_back(ZipMaker::link(QByteArray::fromStdString(bundleName), name()));
+        m_items.push_back(ZipMaker::link(QByteArray::fromStdString(BundleName), name()));
     }
 
     QByteArray name()

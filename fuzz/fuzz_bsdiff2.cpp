@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
 
     zel::PlainScan plain(oldBytes, newBytes);
     const auto steps = plain.steps();
-    zel::require(zel::realSteps(oldBytes, plain.suffixes(), newBytes, zel::eagerShortCuts) == steps);
+    zel::require(zel::realSteps(oldBytes, plain.suffixes(), newBytes, zel::EagerShortCuts) == steps);
     const auto delta = bsdiff2(oldPath, newPath);
     zel::require(delta
                  && std::ranges::equal(bytesOf(*delta), bytesOf(zel::deltaOf(steps, oldBytes, newBytes))));

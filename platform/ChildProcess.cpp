@@ -30,7 +30,7 @@ namespace zel {
 
 namespace {
 
-constexpr int reportDescriptor = STDERR_FILENO + 1;
+constexpr int ReportDescriptor = STDERR_FILENO + 1;
 constexpr std::chrono::seconds timeToDie(5);
 
 // Both ends are closed in every program that another thread of the host starts meanwhile, and ours never
@@ -63,8 +63,8 @@ public:
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, reports, reportDescriptor);
-        posix_spawn_file_actions_addclosefrom_np(&actions, reportDescriptor + 1);
+        posix_spawn_file_actions_adddup2(&actions, reports, ReportDescriptor);
+        posix_spawn_file_actions_addclosefrom_np(&actions, ReportDescriptor + 1);
         environment.push_back(m_reportSetting.data()); // comes first and so counts
         for (char **setting = environ; *setting; ++setting)
             environment.push_back(*setting);
@@ -83,7 +83,7 @@ public:
     std::vector<char *> environment;
 
 private:
-    std::string m_reportSetting = std::string(ReportVariable) + '=' + std::to_string(reportDescriptor);
+    std::string m_reportSetting = std::string(ReportVariable) + '=' + std::to_string(ReportDescriptor);
 };
 
 // How long is left, as `poll` wants it: rounded up, never negative and so never endless.
@@ -162,7 +162,7 @@ int ChildProcess::wait()
 {
     if (!awaitEnd(m_patience)) {
         giveUp();
-        awaitEnd(timeToDie);
+        awaitEnd(TimeToDie);
     }
     return status();
 }

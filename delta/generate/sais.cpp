@@ -86,7 +86,7 @@ private:
             reached(percent);
     }
 
-    static constexpr const char *function = "sais_main"; // what assertions of these steps name
+    static constexpr const char *Routine = "sais_main"; // what assertions of these steps name
 
     bool placeBuckets()
     {
@@ -149,7 +149,7 @@ private:
             j = position - 1;
         });
         if (m == 1) {
-            ZEL_ASSERT_IN(function, (j + 1) < n);
+            ZEL_ASSERT_IN(Routine, (j + 1) < n);
             SA[0] = j + 1;
             name = 1;
         }
@@ -180,7 +180,7 @@ private:
         for (Index i = 0; i < k; ++i) {
             end += C[i];
             if (B[i] != end) {
-                ZEL_ASSERT_IN(function, SA[B[i]] != 0);
+                ZEL_ASSERT_IN(Routine, SA[B[i]] != 0);
                 SA[B[i]] += n;
             }
         }
@@ -201,7 +201,7 @@ private:
             else
                 flags |= Recount;
         }
-        ZEL_ASSERT_IN(function, (n >> 1) <= (newfs + m));
+        ZEL_ASSERT_IN(Routine, (n >> 1) <= (newfs + m));
         Entry *const RA = SA + m + newfs;
         for (Index i = m + (n >> 1) - 1, j = m - 1; i >= m; --i) {
             if (SA[i] != 0)

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr int hangs = 120'000; // milliseconds
+constexpr int TimeToHang = 120'000; // milliseconds
 
 // Nothing of the user's settings, and no locale to be loaded.
 QProcessEnvironment environmentIn(const QString &scratch)
@@ -29,7 +29,7 @@ ToolRun run(const QStringList &command, const QString &scratch)
     process.setProcessEnvironment(environmentIn(scratch));
     process.start(command.first(), command.mid(1));
     ToolRun made;
-    made.inTime = process.waitForFinished(hangs);
+    made.inTime = process.waitForFinished(TimeToHang);
     if (!made.inTime) {
         process.kill();
         process.waitForFinished();

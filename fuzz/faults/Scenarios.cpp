@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const QString tool = ZELUPDATER;
+const QString Tool = ZELUPDATER;
 
 // Ends the program when the stock cannot be made: nothing is wrong with the code under test then.
 QByteArray mustRun(const QStringList &command)
@@ -166,7 +166,7 @@ void Stock::makeBundle(const QString &name, int build) const
     write(contentsFolder + "Info.plist",
           "<plist version=\"1.0\"><dict><key>CFBundleVersion</key><string>" + number
               + "</string><key>CFBundleShortVersionString</key><string>1.0</string></dict></plist>");
-    QByteArray program = contents(tool).first(80'000);
+    QByteArray program = contents(Tool).first(80'000);
     for (qsizetype at = build; at < program.size(); at += 997)
         program[at] = char(build);
     write(contentsFolder + "MacOS/example", program, 0755);
@@ -185,7 +185,7 @@ void Stock::makeBundles() const
     mustRun({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
              "-subj", "/CN=maker", "-keyout", path("key"), "-out", path("cert")});
     const auto sign = [this](const QString &bundle) {
-        mustRun({tool, "sign", path(bundle), "--key", path("key"), "--cert", path("cert")});
+        mustRun({Tool, "sign", path(bundle), "--key", path("key"), "--cert", path("cert")});
     };
     for (const int build : {100, 101}) {
         makeBundle(QString("%1/Example.app").arg(build), build);
@@ -200,27 +200,27 @@ void Stock::makeBundles() const
 
 void Stock::makeReleases() const
 {
-    mustRun({tool, "release", path("100/Example.app"), path("before")});
+    mustRun({Tool, "release", path("100/Example.app"), path("before")});
     copyTree(path("before").toStdString(), path("releases").toStdString());
-    mustRun({tool, "release", path("101/Example.app"), path("releases")});
-    mustRun({tool, "release", path("101/Example.app"), path("archive-only")});
+    mustRun({Tool, "release", path("101/Example.app"), path("releases")});
+    mustRun({Tool, "release", path("101/Example.app"), path("archive-only")});
 
     copyTree(path("releases").toStdString(), path("wrong-result").toStdString());
     copyTree(path("101").toStdString(), path("other").toStdString());
     write(path("other/Example.app/Contents/Resources/manual.txt"), "altered after sealing");
     const QString patch = path("wrong-result/Example-100-to-101.zelpatch");
-    const auto hash = [&patch] { return mustRun({tool, "md5", patch}).trimmed(); };
+    const auto hash = [&patch] { return mustRun({Tool, "md5", patch}).trimmed(); };
     const QByteArray before = hash();
-    mustRun({tool, "make-patch", path("100/Example.app"), path("other/Example.app"), patch});
+    mustRun({Tool, "make-patch", path("100/Example.app"), path("other/Example.app"), patch});
     const QString feed = path("wrong-result/releases.json");
     write(feed, contents(feed).replace(before, hash()));
-    mustRun({tool, "make-patch", path("100/Example.app"), path("101/Example.app"), path("patch")});
+    mustRun({Tool, "make-patch", path("100/Example.app"), path("101/Example.app"), path("patch")});
 }
 
 QString Stock::serve(const QString &releases)
 {
     auto server = std::make_unique<QProcess>();
-    server->start(tool, {"serve", path(releases), "--port", "0", "--json"});
+    server->start(Tool, {"serve", path(releases), "--port", "0", "--json"});
     while (!server->canReadLine() && server->waitForReadyRead(-1)) { }
     const QString url = told(server->readLine())["url"].toString();
     if (url.isEmpty())
@@ -237,7 +237,7 @@ void Stock::addUpdate(const QString &name, const QString &releases)
         return differing("the new bundle", wanted, withoutModes(treeOf(built.toStdString())));
     };
     m_scenarios.push_back({.name = name,
-                           .command = {tool, "update", "--json", "--url", serve(releases), "--path",
+                           .command = {Tool, "update", "--json", "--url", serve(releases), "--path",
                                        "{}/100/Example.app", "--staging", "{}/staging"},
                            .given = {{"100", "100"}},
                            .untouched = {"100"},
@@ -278,7 +278,7 @@ void Stock::addRelease()
         return QString();
     };
     m_scenarios.push_back({.name = "release",
-                           .command = {tool, "release", "--json", "{}/101/Example.app", "{}/releases"},
+                           .command = {Tool, "release", "--json", "{}/101/Example.app", "{}/releases"},
                            .given = {{"101", "101"}, {"releases", "before"}},
                            .untouched = {"101"},
                            .afterSuccess = released,
@@ -310,7 +310,7 @@ void Stock::addRefresh()
         return there ? isWhole(place) : QString("nothing is signed");
     };
     m_scenarios.push_back({.name = "refresh",
-                           .command = {tool, "refresh", "--json", "{}/releases", "--sign-unsigned", "--key",
+                           .command = {Tool, "refresh", "--json", "{}/releases", "--sign-unsigned", "--key",
                                        path("key"), "--cert", path("cert")},
                            .given = {{"releases", "releases"}},
                            .afterSuccess = isSigned,
@@ -326,7 +326,7 @@ void Stock::addMakePatch()
     };
     m_scenarios.push_back(
         {.name = "make-patch",
-         .command = {tool, "make-patch", "--json", "{}/100/Example.app", "{}/101/Example.app", "{}/patch"},
+         .command = {Tool, "make-patch", "--json", "{}/100/Example.app", "{}/101/Example.app", "{}/patch"},
          .given = {{"100", "100"}, {"101", "101"}},
          .untouched = {"100", "101"},
          .afterSuccess = rightPatch,
@@ -354,13 +354,13 @@ void Stock::addSign(const QString &state)
         if (!wrong.isEmpty())
             return wrong;
         if (run.status == 0
-            && runPlainly({tool, "verify", place.path("Example.app")}, place.path("scratch")).status != 0)
+            && runPlainly({Tool, "verify", place.path("Example.app")}, place.path("scratch")).status != 0)
             return QString("the seal is not valid");
         return run.status == 0 ? QString() : "the next sign fails: " + QString(run.err);
     };
     m_scenarios.push_back(
         {.name = "sign-" + state,
-         .command = {tool, "sign", "--json", "{}/Example.app", "--key", path("key"), "--cert", path("cert")},
+         .command = {Tool, "sign", "--json", "{}/Example.app", "--key", path("key"), "--cert", path("cert")},
          .given = {{"Example.app", state}},
          .afterSuccess = isSealed,
          .afterFailure = unharmed,

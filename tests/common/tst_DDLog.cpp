@@ -60,17 +60,17 @@ private slots:
 
     void bounds()
     {
-        constexpr int Count = 30'000;
+        constexpr int count = 30'000;
         for (const auto &[length, kept] : {std::pair(1, 20'000), {16'384, 128}}) { // messages, characters
             Handler handler;
             const QString message(length, u'x');
-            for (int i = 0; i < Count; ++i)
+            for (int i = 0; i < count; ++i)
                 DDLogInfo(message);
             handler.gate.set_value();
             DDLog::flushLog();
             // The thread may have taken one from the queue before that was full.
             QVERIFY(qAbs(handler.messages.size() - kept - 1) <= 1);
-            const qsizetype leftOut = Count - handler.messages.size() + 1;
+            const qsizetype leftOut = count - handler.messages.size() + 1;
             QCOMPARE(handler.messages.last(), QStringLiteral("%1 messages were left out").arg(leftOut));
             QCOMPARE(handler.messages.first(), message);
             QVERIFY(handler.thread != std::this_thread::get_id());

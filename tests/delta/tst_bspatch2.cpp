@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr qint64 most = std::numeric_limits<qint64>::max();
+constexpr qint64 Most = std::numeric_limits<qint64>::max();
 
 struct Outcome {
     int result;
@@ -54,9 +54,9 @@ private slots:
             {"from before the old file to behind it", "ab",
              handMadeDelta(6, {0, 0, -2, 6, 0, 0}, QByteArray("xy\0\0zw", 6), ""), "xyabzw"},
             {"as far before the old file as can be", "ab",
-             handMadeDelta(1, {0, 0, -most, 0, 0, -1, 1, 0, 0}, "x", ""), "x"},
+             handMadeDelta(1, {0, 0, -Most, 0, 0, -1, 1, 0, 0}, "x", ""), "x"},
             {"as far behind the old file as can be", "ab",
-             handMadeDelta(1, {0, 0, most - 1, 1, 0, 0}, "x", ""), "x"},
+             handMadeDelta(1, {0, 0, Most - 1, 1, 0, 0}, "x", ""), "x"},
             {"new size 0 reads no triple", "ab", header(0, 0, 0) + "rubbish", ""},
             {"nothing behind the header", "ab", header(0, 0, 0), ""},
             {"negative zeros", "ab", "BSDIFN40" + QByteArray("\0\0\0\0\0\0\0\x80", 8).repeated(3), ""},
@@ -89,22 +89,22 @@ private slots:
             {"negative new size", header(0, 0, -1), corrupt},
             {"diff block beyond the end", header(1, 0, 0), "fseeko(patch, 33): Invalid argument"},
             {"extra block beyond the end", header(1, 2, 0) + "x", "fseeko(patch, 35): Invalid argument"},
-            {"control length beyond 64 bits", header(most, most, 0), wrapped},
-            {"diff length beyond 64 bits", header(0, most, 0), wrapped},
-            {"new size without memory", header(0, 0, most),
+            {"control length beyond 64 bits", header(Most, Most, 0), wrapped},
+            {"diff length beyond 64 bits", header(0, Most, 0), wrapped},
+            {"new size without memory", header(0, 0, Most),
              "Failed to allocate memory for new: Cannot allocate memory"},
             {"huge new size, nothing to fill it", header(0, 0, qint64(1) << 30), corrupt},
             {"add past the new size", handMadeDelta(2, {3, 0, 0}, "xyz", ""), corrupt},
             {"insert past the new size", handMadeDelta(2, {1, 2, 0}, "x", "yz"), corrupt},
-            {"add past 64 bits", handMadeDelta(2, {1, 0, 0, most, 0, 0}, "xy", ""), corrupt},
-            {"insert past 64 bits", handMadeDelta(2, {1, most, 0}, "x", "y"), corrupt},
+            {"add past 64 bits", handMadeDelta(2, {1, 0, 0, Most, 0, 0}, "xy", ""), corrupt},
+            {"insert past 64 bits", handMadeDelta(2, {1, Most, 0}, "x", "y"), corrupt},
             {"negative add", handMadeDelta(2, {-1, 0, 0}, "xy", "zw"), corrupt},
             {"negative insert", handMadeDelta(2, {1, -1, 0}, "xy", "zw"), corrupt},
             {"diff bytes run out", handMadeDelta(3, {3, 0, 0}, "xy", ""), corrupt},
             {"extra bytes run out", handMadeDelta(3, {0, 3, 0}, "", "xy"), corrupt},
-            {"old position above 64 bits", handMadeDelta(2, {0, 0, most, 1, 0, 0, 1, 0, 0}, "xy", ""),
+            {"old position above 64 bits", handMadeDelta(2, {0, 0, Most, 1, 0, 0, 1, 0, 0}, "xy", ""),
              corrupt},
-            {"old position below 64 bits", handMadeDelta(2, {0, 0, -most, 0, 0, -most, 2, 0, 0}, "xy", ""),
+            {"old position below 64 bits", handMadeDelta(2, {0, 0, -Most, 0, 0, -Most, 2, 0, 0}, "xy", ""),
              corrupt},
             {"no control data", header(0, 0, 1), corrupt},
             {"control data ends with zero", handMadeDelta(2, {1, 0, 0}, "xy", ""), corrupt},
@@ -129,7 +129,7 @@ private slots:
              "fseeko(patch, 33): Invalid argument"},
             {"old file even for new size 0", "missing", "new", header(0, 0, 0),
              "old file: missing: No such file or directory"},
-            {"old file before the memory", "missing", "new", header(0, 0, most),
+            {"old file before the memory", "missing", "new", header(0, 0, Most),
              "old file: missing: No such file or directory"},
             {"new folder missing", "old", "no/new", sampleDelta(),
              "failed to write new file: no/new: No such file or directory"},

@@ -128,7 +128,7 @@ private slots:
             const std::string fresh = zel::repetitiveText(pick, old);
             zel::PlainScan plain(old, fresh);
             const auto expected = plain.steps();
-            for (const zel::ShortCuts &shortCuts : {zel::ShortCuts(), zel::eagerShortCuts}) {
+            for (const zel::ShortCuts &shortCuts : {zel::ShortCuts(), zel::EagerShortCuts}) {
                 const Case current("pair " + QString::number(seed));
                 QVERIFY(zel::realSteps(old, plain.suffixes(), fresh, shortCuts) == expected);
             }

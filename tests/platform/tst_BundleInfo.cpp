@@ -38,12 +38,12 @@ QByteArray reference(qsizetype object)
     return {reinterpret_cast<const char *>(&number), sizeof number};
 }
 
-const QByteArray pairMarker = "\xd1"; // a dictionary of one pair
+const QByteArray PairMarker = "\xd1"; // a dictionary of one pair
 
 // A dictionary whose one value is the object with the number 2.
 QByteArrayList topWith(const QByteArrayList &objects)
 {
-    return QByteArrayList{pairMarker + reference(1) + reference(2), "Qk"}
+    return QByteArrayList{PairMarker + reference(1) + reference(2), "Qk"}
     + objects; // Q: a string of one byte
 }
 
@@ -115,7 +115,7 @@ private slots:
             {"binary, one long string very often", repeatingBinary()},
             {"binary, reference to no object", binary(topWith({}))},
             {"binary, NUL in a key",
-             binary({pairMarker + reference(1) + reference(1), QByteArray("\x62\0a\0\0", 5)})},
+             binary({PairMarker + reference(1) + reference(1), QByteArray("\x62\0a\0\0", 5)})},
         };
         for (const auto &[name, bytes] : cases) {
             const Case current(name);

@@ -20,7 +20,7 @@ public:
     explicit OrdinaryUser(const TemporaryTree &tree)
     {
         if (::geteuid() == 0
-            && (::chown(tree.path().toUtf8().constData(), nobody, nobody) != 0 || ::seteuid(nobody) != 0))
+            && (::chown(tree.path().toUtf8().constData(), Nobody, Nobody) != 0 || ::seteuid(Nobody) != 0))
             qFatal("cannot become an ordinary user");
     }
     ~OrdinaryUser()
@@ -30,7 +30,7 @@ public:
     }
 
 private:
-    static constexpr uid_t nobody = 65534;
+    static constexpr uid_t Nobody = 65534;
 };
 
 struct stat statusOf(const QString &path)

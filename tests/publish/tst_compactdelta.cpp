@@ -57,31 +57,31 @@ private slots:
                                  const QList<Copy> &chosen) {
             return compacted(old, fresh, deltaOf(old, fresh, given)) == deltaOf(old, fresh, chosen);
         };
-        const Copy Start{0, 0, 0};
-        const Copy All{0, 0, 6000};
+        const Copy start{0, 0, 0};
+        const Copy all{0, 0, 6000};
         // Four for a new byte, ten for a changed one, a hundred for a copy: too short, and long enough.
-        QVERIFY(chooses(other.first(500) + old.mid(900, 24) + other.mid(500, 500), {Start, {500, 900, 24}},
-                        {Start}));
-        QVERIFY(chooses(other.first(500) + old.mid(900, 27) + other.mid(500, 500), {Start, {500, 900, 27}},
-                        {Start, {500, 900, 27}}));
+        QVERIFY(chooses(other.first(500) + old.mid(900, 24) + other.mid(500, 500), {start, {500, 900, 24}},
+                        {start}));
+        QVERIFY(chooses(other.first(500) + old.mid(900, 27) + other.mid(500, 500), {start, {500, 900, 27}},
+                        {start, {500, 900, 27}}));
         // Strays within a copy.
         QVERIFY(chooses(old.first(1000) + "strays" + old.mid(1006),
-                        {{0, 0, 1000}, {1000, 3000, 3}, {1003, 50, 3}, {1006, 1006, 4994}}, {All}));
+                        {{0, 0, 1000}, {1000, 3000, 3}, {1003, 50, 3}, {1006, 1006, 4994}}, {all}));
         // Begun late and ended early, begun early and ended late.
-        QVERIFY(chooses(old.mid(2000, 3000), {Start, {700, 2700, 1000}}, {Start, {0, 2000, 3000}}));
+        QVERIFY(chooses(old.mid(2000, 3000), {start, {700, 2700, 1000}}, {start, {0, 2000, 3000}}));
         QVERIFY(chooses(other.first(300) + old.mid(2000, 2000) + other.mid(300, 300),
-                        {Start, {100, 1800, 2400}}, {Start, {300, 2000, 2000}}));
+                        {start, {100, 1800, 2400}}, {start, {300, 2000, 2000}}));
         // The one before went on for too long.
         QVERIFY(chooses(old.first(1000) + old.mid(4000, 1000), {{0, 0, 1500}, {1500, 4500, 500}},
                         {{0, 0, 1000}, {1000, 4000, 1000}}));
         // Changed, for a while and for too long.
-        QVERIFY(chooses(changed(old, 3000, 16), {All}, {All}));
-        QVERIFY(chooses(changed(old, 3000, 19), {All}, {{0, 0, 3000}, {3019, 3019, 2981}}));
+        QVERIFY(chooses(changed(old, 3000, 16), {all}, {all}));
+        QVERIFY(chooses(changed(old, 3000, 19), {all}, {{0, 0, 3000}, {3019, 3019, 2981}}));
         // Zeros around the old file, and both of its ends.
         const QByteArray zeros(40, '\0');
-        const QList<Copy> within{Start, {40, 0, 6000}};
+        const QList<Copy> within{start, {40, 0, 6000}};
         QVERIFY(chooses(zeros + old + zeros, within, within));
-        const QList<Copy> ends{Start, {0, 5900, 100}, {100, 0, 100}};
+        const QList<Copy> ends{start, {0, 5900, 100}, {100, 0, 100}};
         QVERIFY(chooses(old.last(100) + old.first(100), ends, ends));
     }
 

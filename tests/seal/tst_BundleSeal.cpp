@@ -26,12 +26,12 @@ extern "C" int renameat(int fromFolder, const char *from, int toFolder, const ch
 
 namespace {
 
-const QString app = "App.app/";
-const QString contents = "App.app/Contents/";
-const QString sealFolder = "App.app/Contents/_CodeSignature/";
-const QString list = sealFolder + "CodeResources";
-const QString signature = sealFolder + "CodeSignature";
-const QString nested = contents + "Frameworks/Lib.framework/Versions/A";
+const QString App = "App.app/";
+const QString Contents = "App.app/Contents/";
+const QString SealFolder = "App.app/Contents/_CodeSignature/";
+const QString List = SealFolder + "CodeResources";
+const QString Signature = SealFolder + "CodeSignature";
+const QString Nested = Contents + "Frameworks/Lib.framework/Versions/A";
 
 using Change = std::function<void(const TemporaryTree &)>;
 
@@ -116,14 +116,14 @@ class tst_BundleSeal : public QObject
 
     void writeBundle(const TemporaryTree &tree) const
     {
-        tree.write(contents + "Info.plist", "<plist/>");
-        tree.write(contents + "MacOS/app", QByteArray(1'000'000, 'a'), 0755);
-        tree.write(contents + "Resources/empty", "");
-        tree.link(contents + "Resources/program", "../MacOS/app");
-        tree.write(nested + "/Lib", "library");
-        tree.link(nested + "/../Current", "A");
-        tree.link(nested + "/../../Lib", "Versions/Current/Lib");
-        if (const ZELError error = sealWith(tree.path(nested), m_other))
+        tree.write(Contents + "Info.plist", "<plist/>");
+        tree.write(Contents + "MacOS/app", QByteArray(1'000'000, 'a'), 0755);
+        tree.write(Contents + "Resources/empty", "");
+        tree.link(Contents + "Resources/program", "../MacOS/app");
+        tree.write(Nested + "/Lib", "library");
+        tree.link(Nested + "/../Current", "A");
+        tree.link(Nested + "/../../Lib", "Versions/Current/Lib");
+        if (const ZELError error = sealWith(tree.path(Nested), m_other))
             qFatal("%s", qPrintable(error.message));
     }
 
@@ -157,16 +157,16 @@ private slots:
                                 "Contents/Resources/CodeResources",
                                 "_CodeSignature/CodeResources"};
         for (const QString &name : names) {
-            tree.write(app + name, "content");
-            tree.link(app + "links/" + name + " link", "x/" + name);
+            tree.write(App + name, "content");
+            tree.link(App + "links/" + name + " link", "x/" + name);
         }
         QCOMPARE(seal(tree.path("App.app")).message, QString());
         QCOMPARE(zel::verifySeal(tree.path("App.app")).message, QString());
         for (const QString &name : names) {
             const Case context(name);
-            tree.write(app + name, "changed");
+            tree.write(App + name, "changed");
             QVERIFY(zel::verifySeal(tree.path("App.app")).message.endsWith(" was changed"));
-            tree.write(app + name, "content");
+            tree.write(App + name, "content");
         }
     }
 
@@ -203,32 +203,32 @@ private slots:
 
     void tampering()
     {
-        const QString link = contents + "Resources/program";
+        const QString link = Contents + "Resources/program";
         // What is said in part; nothing where the seal stays valid.
         const std::vector<std::pair<QString, Change>> rows{
             {"", [](auto &) {}},
-            {"", [](auto &t) { ::chmod(qPrintable(t.path(contents + "Info.plist")), 0755); }},
-            {"", [](auto &t) { t.directory(contents + "PlugIns"); }},
-            {"MacOS/app was changed", written(contents + "MacOS/app", QByteArray(999'999, 'a') + 'b')},
-            {" new is not sealed", written(app + "new", "")},
-            {"_CodeSignature/new is not sealed", written(sealFolder + "new", "")},
+            {"", [](auto &t) { ::chmod(qPrintable(t.path(Contents + "Info.plist")), 0755); }},
+            {"", [](auto &t) { t.directory(Contents + "PlugIns"); }},
+            {"MacOS/app was changed", written(Contents + "MacOS/app", QByteArray(999'999, 'a') + 'b')},
+            {" new is not sealed", written(App + "new", "")},
+            {"_CodeSignature/new is not sealed", written(SealFolder + "new", "")},
             {"is not sealed", makeStrangeLink},
-            {QString::fromUtf8("a\ufffdb is not sealed"), written(app + "a\nb", "")},
-            {"Contents/Resources/empty is missing", removed(contents + "Resources/empty")},
-            {"pipe is neither a file", madePipe(app + "pipe")},
+            {QString::fromUtf8("a\ufffdb is not sealed"), written(App + "a\nb", "")},
+            {"Contents/Resources/empty is missing", removed(Contents + "Resources/empty")},
+            {"pipe is neither a file", madePipe(App + "pipe")},
             {"Contents/Resources/program points elsewhere", linked(link, "../MacOS/other")},
             {"Contents/Resources/program is missing", removed(link)},
             {"Contents/Resources/program is not sealed", written(link, QByteArray(1'000'000, 'a'))},
-            {"Contents/Info.plist is missing", madeLink(contents + "Info.plist")},
-            {"Contents/MacOS/app is missing", madeLink(contents + "MacOS")},
-            {"cannot read", madeLink(app + "Contents")},
-            {"cannot read", removed(list)},
-            {"does not verify", [](auto &t) { t.write(list, t.read(list) + ' '); }},
-            {"too large", [](auto &t) { QFile::resize(t.path(list), 1ll << 40); }},
-            {"malformed", [](auto &t) { t.write(signature, t.read(signature) + '\0'); }},
-            {"CodeSignature is no file", madePipe(signature)},
-            {"cannot read", madeLink(signature)},
-            {"cannot read", madeLink(contents + "_CodeSignature")},
+            {"Contents/Info.plist is missing", madeLink(Contents + "Info.plist")},
+            {"Contents/MacOS/app is missing", madeLink(Contents + "MacOS")},
+            {"cannot read", madeLink(App + "Contents")},
+            {"cannot read", removed(List)},
+            {"does not verify", [](auto &t) { t.write(List, t.read(List) + ' '); }},
+            {"too large", [](auto &t) { QFile::resize(t.path(List), 1ll << 40); }},
+            {"malformed", [](auto &t) { t.write(Signature, t.read(Signature) + '\0'); }},
+            {"CodeSignature is no file", madePipe(Signature)},
+            {"cannot read", madeLink(Signature)},
+            {"cannot read", madeLink(Contents + "_CodeSignature")},
         };
         for (const auto &[message, change] : rows) {
             const Case context(message);
@@ -248,17 +248,17 @@ private slots:
     void brokenNestedBundles()
     {
         for (const Change &change :
-             {written(nested + "/new", ""), removed(nested + "/_CodeSignature/CodeSignature"),
-              madeLink(nested + "/_CodeSignature", nested + "/moved"),
-              written(app + "Inner.app/Contents/_CodeSignature/CodeSignature", "x")}) {
+             {written(Nested + "/new", ""), removed(Nested + "/_CodeSignature/CodeSignature"),
+              madeLink(Nested + "/_CodeSignature", Nested + "/moved"),
+              written(App + "Inner.app/Contents/_CodeSignature/CodeSignature", "x")}) {
             const TemporaryTree tree;
             writeSealedBundle(tree);
             change(tree);
-            const auto before = identity(tree.path(list));
+            const auto before = identity(tree.path(List));
             QVERIFY(seal(tree.path("App.app")).message.contains("the nested bundle"));
-            QCOMPARE(identity(tree.path(list)), before);
+            QCOMPARE(identity(tree.path(List)), before);
 
-            writeSeal(tree, sealFolder, listOfWhatIsIn(tree));
+            writeSeal(tree, SealFolder, listOfWhatIsIn(tree));
             const QString message = zel::verifySeal(tree.path("App.app")).message;
             QVERIFY2(message.contains("the nested bundle"), qPrintable(message));
         }
@@ -275,7 +275,7 @@ private slots:
         zel::SealBudget budget;
         QVERIFY(!zel::verifyNested(folder, items, budget));
 
-        const auto sizeIn = [&](const char *name) { return tree.read(nested + name).size(); };
+        const auto sizeIn = [&](const char *name) { return tree.read(Nested + name).size(); };
         const qint64 lists = sizeIn("/_CodeSignature/CodeResources");
         const qint64 signatures = sizeIn("/_CodeSignature/CodeSignature");
         for (const auto &[spent, message] : {std::pair(zel::SealBudget{.listBytes = lists - 1}, "too large"),
@@ -308,16 +308,16 @@ private slots:
             {"without a passphrase", nothing, encrypted},
             {"cannot seal: it takes", nothing, weak.keyFile, weak.certificateFile},
             {"holds no certificate", nothing, m_signer.keyFile, m_signer.keyFile},
-            {"has a name that cannot be sealed", written(app + "a\x01", "")},
-            {"has a target that cannot be sealed", linked(app + "a", "b\x1b")},
+            {"has a name that cannot be sealed", written(App + "a\x01", "")},
+            {"has a target that cannot be sealed", linked(App + "a", "b\x1b")},
             {"has a name that cannot be sealed", makeStrangeLink},
-            {"leads out", linked(app + "a", "/etc/passwd")},
-            {"too deeply", [](auto &t) { t.directory(app + QString("d/").repeated(200)); }},
-            {"CodeResources is a link", madeLink(list, contents + "moved")},
+            {"leads out", linked(App + "a", "/etc/passwd")},
+            {"too deeply", [](auto &t) { t.directory(App + QString("d/").repeated(200)); }},
+            {"CodeResources is a link", madeLink(List, Contents + "moved")},
             {"CodeSignature",
              [](auto &t) {
-                 remove(t.path(signature));
-                 t.directory(signature);
+                 remove(t.path(Signature));
+                 t.directory(Signature);
              }},
         };
         for (const auto &[message, change, key, certificate] : rows) {
@@ -325,14 +325,14 @@ private slots:
             const TemporaryTree tree;
             writeSealedBundle(tree);
             change(tree);
-            const auto before = identity(tree.path(list));
-            const QStringList files = QDir(tree.path(sealFolder)).entryList();
+            const auto before = identity(tree.path(List));
+            const QStringList files = QDir(tree.path(SealFolder)).entryList();
             const ZELError error = sealWith(tree.path("App.app"), key.isNull() ? m_signer.keyFile : key,
                                             certificate.isNull() ? m_signer.certificateFile : certificate);
             ::unlink(strangeLink(tree).constData());
             QVERIFY2(error.message.contains(message) && error, qPrintable(error.message));
-            QCOMPARE(identity(tree.path(list)), before);
-            QCOMPARE(QDir(tree.path(sealFolder)).entryList(), files);
+            QCOMPARE(identity(tree.path(List)), before);
+            QCOMPARE(QDir(tree.path(SealFolder)).entryList(), files);
         }
     }
 
@@ -348,7 +348,7 @@ private slots:
               {zel::toPropertyList({{{"../outside", digest}}, {}}), "../outside is missing"},
               {zel::toPropertyList({{{QByteArray(1 << 20, 'b'), digest}}, {}}), "is missing"},
               {QByteArray("bplist00"), "CodeResources is malformed"}}) {
-            writeSeal(tree, app + "_CodeSignature/", bytes);
+            writeSeal(tree, App + "_CodeSignature/", bytes);
             const ZELError error = zel::verifySeal(tree.path("App.app"));
             QVERIFY2(error.message.contains(message), qPrintable(error.message));
             QVERIFY(error.message.size() < 10'000); // it goes into logs
@@ -363,17 +363,17 @@ private slots:
         for (const bool wasSealed : {false, true}) {
             if (wasSealed)
                 QVERIFY(!seal(tree.path("App.app")));
-            const QByteArray before = QFileInfo::exists(tree.path(list)) ? tree.read(list) : QByteArray();
+            const QByteArray before = QFileInfo::exists(tree.path(List)) ? tree.read(List) : QByteArray();
             nameThatStays = "CodeSignature";
-            tree.write(contents + "More", wasSealed ? "more" : "");
+            tree.write(Contents + "More", wasSealed ? "more" : "");
             const ZELError failed = seal(tree.path("App.app"));
             nameThatStays = nullptr;
             QVERIFY(failed.message.contains("cannot write"));
-            QCOMPARE(QFileInfo::exists(tree.path(sealFolder)), wasSealed);
+            QCOMPARE(QFileInfo::exists(tree.path(SealFolder)), wasSealed);
             if (wasSealed)
-                QCOMPARE(tree.read(list), before);
+                QCOMPARE(tree.read(List), before);
         }
-        QVERIFY(!QFileInfo::exists(tree.path(sealFolder + ".CodeSignature.new")));
+        QVERIFY(!QFileInfo::exists(tree.path(SealFolder + ".CodeSignature.new")));
     }
 
     // A run that is killed between writing aside and moving leaves files that must not be sealed in.
@@ -381,12 +381,12 @@ private slots:
     {
         TemporaryTree tree;
         writeSealedBundle(tree);
-        tree.write(sealFolder + ".CodeResources.new", "half");
-        tree.write(sealFolder + ".CodeSignature.new", "");
+        tree.write(SealFolder + ".CodeResources.new", "half");
+        tree.write(SealFolder + ".CodeSignature.new", "");
         QVERIFY(zel::verifySeal(tree.path("App.app")));
         QVERIFY(!seal(tree.path("App.app")));
         QVERIFY(!zel::verifySeal(tree.path("App.app")));
-        QVERIFY(!QFileInfo::exists(tree.path(sealFolder + ".CodeResources.new")));
+        QVERIFY(!QFileInfo::exists(tree.path(SealFolder + ".CodeResources.new")));
     }
 
 private:

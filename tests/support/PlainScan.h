@@ -181,7 +181,7 @@ inline std::vector<ScanStep> realSteps(std::string_view oldBytes, const std::vec
 }
 
 /// Short cuts that are taken at once, so that small files lead through all of them.
-inline constexpr ShortCuts eagerShortCuts{
+inline constexpr ShortCuts EagerShortCuts{
     .longMatch = 4, .worthLearning = 8, .chunkSize = 256, .reach = 32, .prefixWidth = 2};
 
 } // namespace zel

@@ -205,7 +205,7 @@ void TestServer::send(QTcpSocket &socket, const Answer &answer)
     write(socket, "\r\n");
     if (answer.endless == Endless::Body)
         repeat(socket, framed(answer.body, answer.framing));
-    const qsizetype Piece = answer.drip.count() > 0 ? 1 : 64 * 1024;
+    const qsizetype piece = answer.drip.count() > 0 ? 1 : 64 * 1024;
     for (qsizetype at = 0; flush(socket) && at <= answer.body.size();) {
         if (at == answer.stallAt)
             waitForRelease(socket);
@@ -213,7 +213,7 @@ void TestServer::send(QTcpSocket &socket, const Answer &answer)
             return;
         if (at == answer.body.size())
             break;
-        qsizetype end = qMin(at + Piece, answer.body.size());
+        qsizetype end = qMin(at + piece, answer.body.size());
         for (const qsizetype stop : {answer.stallAt, answer.dropAt})
             if (stop > at)
                 end = qMin(end, stop);

@@ -12,7 +12,7 @@ using zel::localized;
 namespace {
 
 // Each without the "Updater." that it begins with.
-const QStringList keys =
+const QStringList Keys =
     QString("Checking for Updates|Cancel|Downloading|Connecting|%@ completed|Preparing update|Error|"
             "An error occurred while updating.|Retry|Up To Date|No updates are available.|Done|Completed|"
             "Updates were successfully installed.|Install|Skip|Version %1 is available, you have %2.")
@@ -44,7 +44,7 @@ private slots:
             QTranslator table;
             if (!table.load(":/ZELUpdater/texts/ZELUpdater_" + language + ".qm"))
                 faults << language + ": no table";
-            for (const QString &key : keys) {
+            for (const QString &key : Keys) {
                 const QString text = table.translate("ZELUpdater", qPrintable("Updater." + key));
                 if (text.isEmpty())
                     faults << language + ": no text for \"" + key + '"';
