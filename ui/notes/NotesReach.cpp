@@ -6,6 +6,11 @@
 //
 // Known limits: between the look-up here and the one of the connection a name may change its address, and the
 // document itself is fetched by the engine, which looks its name up alone.
+//
+// Qt's network access fetches the parts, although it may take a connection that is dropped for a body's end,
+// which is why downloads do without it (URLTransfer.cpp). Here what is cut short is half a picture, and
+// nothing is built of it; and parts are asked for and answered on the main thread, dozens at a time, where
+// each transfer of the library's own would take a thread.
 #include "NotesReach.h"
 
 #include "common/WireValues.h"
