@@ -47,7 +47,7 @@ QString dateText(qint64 seconds)
     return QDateTime::fromSecsSinceEpoch(seconds, Qt::UTC).toString(Qt::ISODate);
 }
 
-/// What is inside of a signature that may be made again.
+// What is inside of a signature that may be made again.
 ZELError open(const QJsonObject &listed, const FeedSigning &signing, QJsonObject &content)
 {
     const auto found = SignedRecord::read(listed[key::Signed].toString());

@@ -25,16 +25,16 @@ constexpr qsizetype DictionaryLimit = qsizetype(64) << 20;
 constexpr qsizetype SampleSize = qsizetype(512) << 10;
 constexpr lzma_check Check = LZMA_CHECK_CRC64;
 
-/// How many bits of what went before the encoder looks at for a literal, and how many of the position for a
-/// literal and for everything.
+// How many bits of what went before the encoder looks at for a literal, and how many of the position for a
+// literal and for everything.
 struct LiteralModel {
     uint32_t lc;
     uint32_t lp;
     uint32_t pb;
 };
 
-/// The models that were smallest on programs, on text and on deltas of both. Which of several is best for
-/// other bytes depends on them.
+// The models that were smallest on programs, on text and on deltas of both. Which of several is best for
+// other bytes depends on them.
 std::span<const LiteralModel> modelsOf(XZContent content)
 {
     static constexpr LiteralModel bytes[] = {{3, 0, 2}, {4, 0, 0}, {4, 0, 3}};
@@ -51,7 +51,7 @@ std::span<const LiteralModel> modelsOf(XZContent content)
     return bytes;
 }
 
-/// The options of one block. The filter points into the object itself.
+// The options of one block. The filter points into the object itself.
 class EncoderFilters
 {
 public:
@@ -126,7 +126,7 @@ std::optional<Encoded> encodeBlock(const XZBlock &block, const LiteralModel &mod
     return Encoded{std::move(*out), lzma_block_unpadded_size(&header), header.uncompressed_size};
 }
 
-/// The model that makes the middle of the block smallest.
+// The model that makes the middle of the block smallest.
 std::optional<LiteralModel> bestModel(const XZBlock &block)
 {
     const std::span<const LiteralModel> models = modelsOf(block.content);
@@ -148,7 +148,7 @@ std::optional<LiteralModel> bestModel(const XZBlock &block)
     return best;
 }
 
-/// Header, blocks, index and footer in a row; nothing when one of the blocks is missing or memory runs out.
+// Header, blocks, index and footer in a row; nothing when one of the blocks is missing or memory runs out.
 std::optional<QByteArray> assemble(const std::vector<std::optional<Encoded>> &blocks)
 {
     const auto end = [](lzma_index *built) { lzma_index_end(built, nullptr); };

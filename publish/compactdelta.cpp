@@ -42,14 +42,14 @@ Index length(FileBytes text)
 }
 
 struct DeltaCopy {
-    Index start; ///< in the new file
+    Index start; // in the new file
     Index end;
-    Index alignment; ///< from the new byte's position to the old one's
+    Index alignment; // from the new byte's position to the old one's
 
     Index length() const { return end - start; }
 };
 
-/// Nothing when one lies outside the files.
+// Nothing when one lies outside the files.
 std::optional<std::vector<DeltaCopy>> readCopies(FileBytes delta, Index oldSize, Index newSize)
 {
     if (delta.size() < DeltaHeaderSize)
@@ -80,8 +80,8 @@ std::optional<std::vector<DeltaCopy>> readCopies(FileBytes delta, Index oldSize,
     return copies;
 }
 
-/// Walks through the new file and keeps, for each copy at hand and for none, the cheapest way to the current
-/// byte.
+// Walks through the new file and keeps, for each copy at hand and for none, the cheapest way to the current
+// byte.
 class CopyChoice
 {
 public:
@@ -105,27 +105,27 @@ public:
     }
 
 private:
-    /// A copy's beginning, and where the copy before it ended.
+    // A copy's beginning, and where the copy before it ended.
     struct Beginning {
         Index start = 0;
         Index alignment = 0;
-        int before = -1; ///< in m_beginnings
+        int before = -1; // in m_beginnings
         Index beforeEnd = 0;
     };
 
-    /// A way to the current byte: what it costs, its last copy and where that ended, here or before.
+    // A way to the current byte: what it costs, its last copy and where that ended, here or before.
     struct Way {
         Index cost;
-        int last; ///< in m_beginnings
+        int last; // in m_beginnings
         Index copyEnd;
     };
 
-    /// The cheapest way to the current byte that ends in a copy of one alignment.
+    // The cheapest way to the current byte that ends in a copy of one alignment.
     struct Path {
         Beginning beginning;
         Index cost = 0;
-        Index wantedUntil = 0; ///< where the candidate ends
-        int kept = -1; ///< the beginning in m_beginnings, once there is a way that has it
+        Index wantedUntil = 0; // where the candidate ends
+        int kept = -1; // the beginning in m_beginnings, once there is a way that has it
     };
 
     Way cheapest()
@@ -170,7 +170,7 @@ private:
         }
     }
 
-    /// A copy that costs as much as one begun here is begun here, or given up when its place is past.
+    // A copy that costs as much as one begun here is begun here, or given up when its place is past.
     void renew(const Way &best)
     {
         const Index limit = best.cost + TripleCost;
@@ -182,8 +182,8 @@ private:
         }
     }
 
-    /// Passes over what the only copy at hand agrees with, all at once: none that opens there could cost
-    /// less.
+    // Passes over what the only copy at hand agrees with, all at once: none that opens there could cost
+    // less.
     bool skipEqual(const Way &best)
     {
         if (m_paths.size() != 1 || best.copyEnd != m_at)
@@ -234,7 +234,7 @@ private:
     Way m_none = {0, 0, 0};
 };
 
-/// Puts together what the copies leave of the new file and how they differ from the old one.
+// Puts together what the copies leave of the new file and how they differ from the old one.
 std::vector<std::byte> writeDelta(FileBytes oldBytes, FileBytes newBytes,
                                   const std::vector<DeltaCopy> &copies)
 {
