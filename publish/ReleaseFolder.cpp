@@ -29,19 +29,16 @@
 // That decides the order:
 //
 //   lock     One process at a time (".lock"; the system lets go of it however its holder ends). The feed is
-//   read again
-//            under the lock, and what killed processes left is swept: nobody else can be working there.
+//            read again under the lock, and what killed processes left is swept: nobody else can be working
+//            there.
 //   scratch  Archive, patches and notes are made in ".release-XXXXXX", private and never served. The archive
-//   is proved
-//            by unpacking it, each patch by applying it, and each file is on the disk before its hash is
-//            told.
+//            is proved by unpacking it, each patch by applying it, and each file is on the disk before its
+//            hash is told.
 //   files    They are moved into place, and the folder is brought to the disk. Names hold the build, so that
-//   they meet
-//            nothing that the feed names already.
-//   feed     "releases.json" is written last, aside and renamed.
-//
-//   The records are signed with it, all of them: what was signed before is opened at the start, so that a
-//   folder which cannot be signed is heard of at once, and again here, for the feed may have changed.
+//            they meet nothing that the feed names already.
+//   feed     "releases.json" is written last, aside and renamed. The records are signed with it, all of them:
+//            what was signed before is opened at the start, so that a folder which cannot be signed is heard
+//            of at once, and again here, for the feed may have changed.
 //
 // So a kill leaves: before "files" a scratch folder, which the next release sweeps; before "feed" files that
 // no record names, which harm nobody and are replaced when the build is released again. A record without its
