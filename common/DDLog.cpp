@@ -36,7 +36,7 @@ constexpr qsizetype LongestMessage = 16 * 1024;
 constexpr size_t MostEntries = 20'000;
 constexpr qsizetype MostCharacters = 2 * 1024 * 1024;
 
-struct Entry {
+struct LogEntry {
     DDLogFlag flag;
     const char *file;
     const char *function;
@@ -44,7 +44,7 @@ struct Entry {
     QString message;
 };
 
-void write(const Entry &entry)
+void write(const LogEntry &entry)
 {
     const QMessageLogger logger(entry.file, entry.line, entry.function);
     if (entry.flag == DDLogFlag::Info)
@@ -148,7 +148,7 @@ private:
     {
         m_isWriting = true;
         while (!m_entries.empty()) {
-            const Entry entry = std::move(m_entries.front());
+            const LogEntry entry = std::move(m_entries.front());
             m_entries.pop_front();
             m_characters -= entry.message.size();
             callHandler(lock, [&] { write(entry); });
@@ -191,7 +191,7 @@ private:
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::deque<Entry> m_entries;
+    std::deque<LogEntry> m_entries;
     qsizetype m_characters = 0; // in the entries
     qint64 m_leftOut = 0; // since the queue was full
     int m_calls = 0; // of the host's message handler, that have not returned

@@ -37,7 +37,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::seconds;
 
-constexpr size_t MostThreads = 128;
+constexpr size_t MostConnections = 128;
 constexpr size_t HeadLimit = 64 * 1024;
 constexpr auto TimeToAsk = seconds(10);
 constexpr auto TimeToTake = seconds(30);
@@ -162,7 +162,7 @@ class HttpServer : public httplib::Server
 public:
     using BodyLimit = std::function<size_t(const httplib::Request &request)>;
 
-    /// `settle` is called for each request whose head is there, and may change it.
+    // `settle` is called for each request whose head is there, and may change it.
     HttpServer(BodyLimit bodyLimit, std::function<void(httplib::Request &request)> settle);
 
 private:
@@ -186,7 +186,7 @@ HttpServer::HttpServer(BodyLimit bodyLimit, std::function<void(httplib::Request 
     {
     public:
         explicit Threads(HttpServer &server)
-            : ThreadPool(MostThreads)
+            : ThreadPool(MostConnections)
             , m_server(server)
         {
         }
@@ -216,7 +216,7 @@ void HttpServer::enter(Peer *peer)
     else
         ++m_connected;
     // The dropped ones are connected until their threads have seen it.
-    while (m_connected - m_dropped > MostThreads && !m_asking.empty()) {
+    while (m_connected - m_dropped > MostConnections && !m_asking.empty()) {
         m_asking.front()->drop();
         m_asking.pop_front();
         ++m_dropped;
