@@ -19,8 +19,7 @@ namespace zel {
 
 namespace {
 
-constexpr qint64 ChunkSize = 32768;
-constexpr qint64 ReadSize = 8 * ChunkSize;
+constexpr qint64 ReadSize = 8 * MD5Digest::ChunkSize;
 
 } // namespace
 

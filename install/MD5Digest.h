@@ -13,6 +13,9 @@ namespace zel {
 class MD5Digest
 {
 public:
+    /// Data of 0 or a whole multiple of so many bytes has the empty text for a digest.
+    static constexpr qint64 ChunkSize = 32768;
+
     MD5Digest();
     ~MD5Digest();
     void add(QByteArrayView data);

@@ -2,6 +2,7 @@
 // it.
 #pragma once
 
+#include "base/SystemCalls.h"
 #include "common/ZELError.h"
 #include "platform/LargeBuffer.h"
 
@@ -48,7 +49,7 @@ struct PatchFile {
         std::optional<qint64> oldBundle;
 
         /// A payload of more bytes goes to an unnamed file.
-        qint64 memory = quarterOfMemory();
+        qint64 memory = machineMemory() / 4;
 
         /// Where that is made; the temporary folder unless named.
         QString folder = {};

@@ -12,8 +12,7 @@ namespace zel {
 ZELError openPrivateFolder(const QString &path, const QString &purpose, FileDescriptor &folder)
 {
     // A trailing slash would have a link followed.
-    folder = FileDescriptor(::open(QFile::encodeName(QDir::cleanPath(path)).constData(),
-                                   O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    folder = FileDescriptor(::open(QFile::encodeName(QDir::cleanPath(path)).constData(), RealFolderFlags));
     struct stat status;
     if (!folder || ::fstat(folder.get(), &status) != 0)
         return ZELError::fromErrno(QStringLiteral("cannot use the %1 %2").arg(purpose, path), errno);

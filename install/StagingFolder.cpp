@@ -22,12 +22,11 @@ namespace zel {
 
 namespace {
 
-constexpr int FolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr QLatin1String Purpose("staging folder");
 
 bool isHeld(const FileDescriptor &root, const QByteArray &name, FileDescriptor &folder)
 {
-    folder = FileDescriptor(::openat(root.get(), name.constData(), FolderFlags));
+    folder = FileDescriptor(::openat(root.get(), name.constData(), RealFolderFlags));
     return folder && lock(folder) != Lock::Ours;
 }
 
@@ -62,7 +61,7 @@ ZELError StagingFolder::make(const QString &root, std::shared_ptr<StagingFolder>
         const QByteArray encoded = name.toLatin1();
         if (::mkdirat(parent.get(), encoded.constData(), 0700) != 0 && errno != ENOENT)
             return ZELError::fromErrno(QLatin1String("cannot make a staging folder in ") + root, errno);
-        FileDescriptor made(::openat(parent.get(), encoded.constData(), FolderFlags));
+        FileDescriptor made(::openat(parent.get(), encoded.constData(), RealFolderFlags));
         if (made && lock(made) != Lock::Others && isStillThere(parent, encoded, made)) {
             const QString path = QDir::cleanPath(root) + u'/' + name + u'/';
             folder = std::shared_ptr<StagingFolder>(new StagingFolder(path, std::move(made)));

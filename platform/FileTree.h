@@ -8,12 +8,9 @@
 #include <QString>
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <memory>
 
 namespace zel {
-
-constexpr int RealFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 /// How deeply folders may be nested in a bundle. Walks hold a descriptor open for each level.
 constexpr int MaxFolderDepth = 128;

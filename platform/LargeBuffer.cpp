@@ -33,11 +33,6 @@ ZELError makeFile(const QString &folder, qint64 size, FileDescriptor &file)
 
 } // namespace
 
-qint64 quarterOfMemory()
-{
-    return qint64(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE) / 4;
-}
-
 LargeBuffer::LargeBuffer(LargeBuffer &&other) noexcept
     : m_data(std::exchange(other.m_data, nullptr))
     , m_size(std::exchange(other.m_size, 0))

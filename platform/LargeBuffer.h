@@ -8,9 +8,6 @@
 
 namespace zel {
 
-/// A quarter of the machine's memory, in bytes.
-qint64 quarterOfMemory();
-
 /// One block, given back to the system as a whole. Moved, never copied.
 class LargeBuffer
 {

@@ -21,7 +21,6 @@
 #include <limits>
 #include <mutex>
 #include <new>
-#include <unistd.h>
 #include <utility>
 
 // The path of a patch, from two bundles to a file:
@@ -66,14 +65,14 @@ public:
 
     qint64 newSize() const { return QFileInfo(m_new).size(); }
 
-    /// The memory that `make` takes, in bytes.
+    // The memory that `make` takes, in bytes.
     qint64 cost() const
     {
         return m_transport == Transport::Whole ? newSize()
                                                : 9 * QFileInfo(m_old).size() + 3 * newSize() + TableSize;
     }
 
-    /// `progress` hears how many of the new file's bytes are worked off.
+    // `progress` hears how many of the new file's bytes are worked off.
     ZELError make(FileSlice &slice, const std::function<void(qint64)> &progress) const
     {
         try {
@@ -239,7 +238,7 @@ public:
         return {};
     }
 
-    /// To be called once: releases the payload.
+    // To be called once: releases the payload.
     ZELError encode(QByteArray &bytes)
     {
         const QByteArray payload = std::exchange(m_payload, {});
@@ -354,11 +353,6 @@ QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QSt
     PatchFile file;
     const ZELError error = PatchFile::read(patchPath, {.oldBundle = treeSize(oldPath)}, file);
     return error ? error.message : QStringLiteral("memory is exhausted");
-}
-
-qint64 halfOfMemory()
-{
-    return qint64(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE) / 2;
 }
 
 ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,

@@ -1,6 +1,7 @@
 // Making a bundle patch out of two bundles.
 #pragma once
 
+#include "base/SystemCalls.h"
 #include "common/ZELError.h"
 
 #include <QString>
@@ -11,13 +12,10 @@
 
 namespace zel {
 
-/// Half of the machine's memory, in bytes.
-qint64 halfOfMemory();
-
 struct PatchMakerOptions {
     bool allowLostModes = false; ///< make the patch although executables lose their executable bit by it
     /// Bytes that deltas and encoders made at the same time may take together.
-    qint64 memory = halfOfMemory();
+    qint64 memory = machineMemory() / 2;
     /// Bytes; may be left out. Called on any thread, one call at a time.
     std::function<void(const QString &step, qint64 done, qint64 total)> progress;
 };

@@ -1,6 +1,7 @@
 #include "PatchWriter.h"
 
 #include "delta/deltaformat.h"
+#include "install/MD5Digest.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -32,9 +33,9 @@ constexpr qsizetype MiB = qsizetype(1) << 20;
 constexpr qsizetype SmallPart = 96 << 10; // below this a block of its own saves less than it costs
 constexpr qsizetype LargestBlock = 32 * MiB;
 
-/// How many blocks a part becomes. A block does not see what the one before it held; differences hardly miss
-/// it, and compressing them takes longest, so that all processors had better take part, and end together:
-/// large ones are halved, small ones cut into four.
+// How many blocks a part becomes. A block does not see what the one before it held; differences hardly miss
+// it, and compressing them takes longest, so that all processors had better take part, and end together:
+// large ones are halved, small ones cut into four.
 qsizetype pieces(const XZBlock &part)
 {
     const qsizetype size = part.data.size();
@@ -44,7 +45,7 @@ qsizetype pieces(const XZBlock &part)
     return std::max<qsizetype>(count, size <= 16 * MiB ? 4 : 2);
 }
 
-/// The parts of a delta, or of anything else the whole.
+// The parts of a delta, or of anything else the whole.
 std::vector<XZBlock> partsOf(const PatchCommand &command, QByteArrayView slice)
 {
     if (command.action != PatchAction::Patch || slice.size() < qsizetype(DeltaHeaderSize))
@@ -122,15 +123,15 @@ QByteArray manifestOf(const std::vector<PatchCommand> &commands)
     return QJsonDocument(QJsonObject{{QLatin1String("commands"), list}}).toJson(QJsonDocument::Compact);
 }
 
-// A file whose size is a multiple of 32768 has no hash to check it by (MD5FromData.h), so a patch never has
-// such a size: white space that means nothing is added to its manifest. It is uneven, since one blank after
-// the other would add nothing to what is compressed.
+// A file whose size is a multiple of `MD5Digest::ChunkSize` has no hash to check it by (MD5FromData.h), so a
+// patch never has such a size: white space that means nothing is added to its manifest. It is uneven, since
+// one blank after the other would add nothing to what is compressed.
 std::optional<QByteArray> compressManifest(QByteArray json, qsizetype payloadSize)
 {
-    constexpr qsizetype hashedChunk = 32768;
     quint32 state = 1;
     std::optional<QByteArray> compressed = compressXZ(json);
-    while (compressed && (PatchFile::HeaderSize + compressed->size() + payloadSize) % hashedChunk == 0) {
+    while (compressed
+           && (PatchFile::HeaderSize + compressed->size() + payloadSize) % MD5Digest::ChunkSize == 0) {
         state = state * 1664525 + 1013904223;
         json += " \t\r\n"[state >> 30];
         compressed = compressXZ(json);

@@ -57,7 +57,7 @@ ZELError writeAnew(const QString &path, const QByteArray &bytes)
 }
 
 using Archive = std::unique_ptr<struct archive, decltype(&archive_write_free)>;
-using Entry = std::unique_ptr<struct archive_entry, decltype(&archive_entry_free)>;
+using ArchiveEntry = std::unique_ptr<struct archive_entry, decltype(&archive_entry_free)>;
 
 ZELError archiveError(const QString &what, struct archive *archive)
 {
@@ -106,7 +106,7 @@ ZELError writeItem(struct archive *archive, const QString &path, const QString &
     struct stat status;
     if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
         return ZELError::fromErrno(QLatin1String("cannot read ") + path, errno);
-    const Entry entry(archive_entry_new(), archive_entry_free);
+    const ArchiveEntry entry(archive_entry_new(), archive_entry_free);
     archive_entry_set_pathname_utf8(entry.get(), name.toUtf8().constData());
     archive_entry_set_mode(entry.get(), modeOf(item));
     archive_entry_set_mtime(entry.get(), status.st_mtime, 0);
@@ -133,13 +133,13 @@ ZELError writeTree(struct archive *archive, const QString &bundle, const BundleT
     return {};
 }
 
-// A file of n * 32768 bytes has no hash to check it by (MD5FromData.h), so an archive never has such a size:
-// it ends in a comment of one byte then, whose length stands in the last two bytes of an archive without one.
+// A file of n * `MD5Digest::ChunkSize` bytes has no hash to check it by (MD5FromData.h), so an archive never
+// has such a size: it ends in a comment of one byte then, whose length stands in the last two bytes of an
+// archive without one.
 ZELError avoidSizeWithoutHash(const QString &path)
 {
-    constexpr qint64 hashedChunk = 32768;
     QFile file(path);
-    if (file.size() % hashedChunk != 0)
+    if (file.size() % MD5Digest::ChunkSize != 0)
         return {};
     const QByteArrayView commentOfOne("\1\0 ", 3);
     const bool written = file.open(QIODevice::ReadWrite | QIODevice::ExistingOnly)

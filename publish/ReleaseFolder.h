@@ -33,10 +33,12 @@ public:
         bool beta = false;
         bool patchOnly = false; ///< offer the build only to installations that a patch can bring there
         bool noPatches = false; ///< make none
-        bool newSigner =
-            false; ///< the seal may be others' than the last release's, or than those who sign the record
+
+        /// The seal may be others' than the last release's, or than those who sign the record.
+        bool newSigner = false;
+
         FeedSigning signing = {}; ///< of the records; its `newSigner` is the one above
-        qint64 memory = halfOfMemory(); ///< as in PatchMakerOptions
+        qint64 memory = PatchMakerOptions().memory; ///< as there
         std::function<void(const QString &line)> say;
         std::function<void(const QString &step, qint64 done, qint64 total)> progress;
     };

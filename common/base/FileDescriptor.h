@@ -3,10 +3,14 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <fcntl.h>
 #include <unistd.h>
 #include <utility>
 
 namespace zel {
+
+/// How a folder is opened that must be one itself: with a link in the last place that fails.
+constexpr int RealFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 /// Closes its descriptor when it goes out of scope; -1 stands for none. Moved, never copied.
 class FileDescriptor

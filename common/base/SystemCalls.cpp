@@ -92,6 +92,11 @@ void widenPipe([[maybe_unused]] int pipe)
 #endif
 }
 
+std::int64_t machineMemory()
+{
+    return std::int64_t(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE);
+}
+
 std::array<timespec, 2> timesOf(const struct stat &status)
 {
 #ifdef __APPLE__

@@ -37,6 +37,9 @@ bool makePipe(FileDescriptor &reading, FileDescriptor &writing);
 /// reader.
 void widenPipe(int pipe);
 
+/// The machine's memory in bytes, whatever part of it a container may take.
+std::int64_t machineMemory();
+
 /// When a file was last read and written, as `futimens` takes them.
 std::array<timespec, 2> timesOf(const struct stat &status);
 

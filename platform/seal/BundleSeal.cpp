@@ -89,7 +89,7 @@ ZELError SealFolder::open(const QString &path)
     };
     if (::mkdir(name.constData(), 0777) != 0 && errno != EEXIST)
         return cannot("make");
-    m_folder = FileDescriptor(::open(name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    m_folder = FileDescriptor(::open(name.constData(), RealFolderFlags));
     if (!m_folder)
         return cannot("open");
     for (const char *file : {"CodeResources", "CodeSignature"}) {

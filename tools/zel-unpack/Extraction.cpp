@@ -26,15 +26,14 @@ constexpr mode_t FolderMode = 0755;
 
 FileDescriptor enterOne(int above, const char *name)
 {
-    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    const int found = ::openat(above, name, flags);
+    const int found = ::openat(above, name, RealFolderFlags);
     if (found >= 0 || errno != ENOENT)
         return FileDescriptor(found);
     // Another thread may have made it meanwhile.
     const bool made = ::mkdirat(above, name, FolderMode) == 0;
     if (!made && errno != EEXIST)
         return FileDescriptor();
-    FileDescriptor folder(::openat(above, name, flags));
+    FileDescriptor folder(::openat(above, name, RealFolderFlags));
     if (made && folder && ::fchmod(folder.get(), FolderMode) != 0) // whatever the umask
         return FileDescriptor();
     return folder;

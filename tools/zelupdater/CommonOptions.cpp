@@ -44,7 +44,7 @@ QCommandLineOption memoryOption()
 std::optional<qint64> memoryBudget(const Arguments &arguments)
 {
     if (!arguments.isSet(QStringLiteral("memory")))
-        return halfOfMemory();
+        return PatchMakerOptions().memory;
     const auto mebibytes = arguments.number(QStringLiteral("memory"), 1, qint64(1) << 30);
     return mebibytes ? std::optional(*mebibytes << 20) : std::nullopt;
 }
