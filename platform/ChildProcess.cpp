@@ -31,7 +31,7 @@ namespace zel {
 namespace {
 
 constexpr int ReportDescriptor = STDERR_FILENO + 1;
-constexpr std::chrono::seconds timeToDie(5);
+constexpr std::chrono::seconds TimeToDie(5);
 
 // Both ends are closed in every program that another thread of the host starts meanwhile, and ours never
 // blocks.
