@@ -149,6 +149,10 @@ void addDeltaApplication(std::vector<Row> &rows, const Pair &pair)
                     .peers = {{.name = "cat old delta, cp new",
                                .work = commandWithout(pair.made(".copy"), {"bash", "-c", copy}),
                                .timeGoal = 2}}});
+}
+
+void addDecodedApplication(std::vector<Row> &rows, const Pair &pair)
+{
     const auto decodeAndApply = [pair](const auto &timed) {
         if (!ensurePatch(pair))
             return false;
@@ -219,8 +223,10 @@ void addPatchRows(std::vector<Row> &rows, const fs::path &data)
     addProgram(rows, biome, 0.60);
     addTree(rows, notifier, 0.007);
     addTree(rows, flipper, 0.44);
-    for (const Pair &pair : {esbuild, biome})
+    for (const Pair &pair : {esbuild, biome}) {
         addDeltaApplication(rows, pair);
+        addDecodedApplication(rows, pair);
+    }
     for (const Pair &pair : {esbuild, biome, flipper})
         addApplication(rows, pair);
 }

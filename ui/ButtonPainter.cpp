@@ -22,7 +22,7 @@ namespace {
 constexpr qreal BodyRadius = 4;
 constexpr qreal RimRadius = 5;
 
-struct Colors {
+struct Colours {
     QColor gradientStart;
     QColor gradientEnd;
     QColor highlight;
@@ -38,17 +38,17 @@ QColor rgb(float red, float green, float blue)
     return QColor::fromRgbF(red, green, blue);
 }
 
-Colors highContrastColorsOf(ButtonLook look)
+Colours highContrastColoursOf(ButtonLook look)
 {
     const float body =
         (look.isPrimary ? 1.0f : 0.0f) + (look.isPressed ? (look.isPrimary ? -0.3f : 0.3f) : 0);
     return {white(body), white(body), white(1), white(look.isPrimary ? 0 : 1)};
 }
 
-Colors colorsOf(ButtonLook look)
+Colours coloursOf(ButtonLook look)
 {
     if (look.isHighContrast)
-        return highContrastColorsOf(look);
+        return highContrastColoursOf(look);
     if (look.isPrimary && look.isPressed)
         return {rgb(0.028f, 0.375f, 0.722f), rgb(0, 0.467f, 0.8f), {}, white(1, 0.7f)};
     if (look.isPrimary)
@@ -75,19 +75,19 @@ void drawShadow(QPainter &painter, const QRectF &body)
         fillRounded(painter, shadow.adjusted(-spread, -spread, spread, spread), BodyRadius + spread, layer);
 }
 
-QLinearGradient bodyGradient(const QRectF &body, const Colors &colors)
+QLinearGradient bodyGradient(const QRectF &body, const Colours &colours)
 {
     QLinearGradient gradient(body.bottomLeft(), body.topLeft());
-    gradient.setColorAt(0.25, colors.gradientStart);
-    gradient.setColorAt(1, colors.gradientEnd);
+    gradient.setColorAt(0.25, colours.gradientStart);
+    gradient.setColorAt(1, colours.gradientEnd);
     return gradient;
 }
 
-void drawHighlight(QPainter &painter, const QRectF &body, const QColor &color)
+void drawHighlight(QPainter &painter, const QRectF &body, const QColor &colour)
 {
     QPainterPath path;
     path.addRoundedRect(body, BodyRadius, BodyRadius);
-    painter.fillPath(path.subtracted(path.translated(0, alignedLine(painter))), color);
+    painter.fillPath(path.subtracted(path.translated(0, alignedLine(painter))), colour);
 }
 
 // Two points wide and as far away from the body, so that it can be told from a body as light as itself.
@@ -155,7 +155,7 @@ void drawLabel(QPainter &painter, const QRectF &bounds, ButtonLook look, const Q
     painter.setFont(font);
     if (look.isPrimary && !look.isHighContrast)
         drawHalo(painter, origin, text);
-    painter.setPen(colorsOf(look).label);
+    painter.setPen(coloursOf(look).label);
     painter.drawText(origin, text);
 }
 
@@ -178,15 +178,15 @@ void drawButtonBody(QPainter &painter, const QRectF &bounds, ButtonLook look, co
     constexpr qreal disabledOpacity = 0.4;
     painter.setRenderHint(QPainter::Antialiasing);
     painter.setOpacity(look.isEnabled ? 1 : disabledOpacity);
-    const Colors colors = colorsOf(look);
+    const Colours colours = coloursOf(look);
     const QRectF body = alignedToPixels(bounds, painter);
-    fillRounded(painter, body, BodyRadius, bodyGradient(body, colors));
+    fillRounded(painter, body, BodyRadius, bodyGradient(body, colours));
     if (look.isHighContrast)
         drawEdge(painter, body, look);
     else if (look.isHovered && !look.isPressed)
         fillRounded(painter, body, BodyRadius, white(1, 0.07f));
     if (!look.isPressed && look.isEnabled && !look.isHighContrast)
-        drawHighlight(painter, body, colors.highlight);
+        drawHighlight(painter, body, colours.highlight);
     drawLabel(painter, bounds, look, label);
 }
 

@@ -42,9 +42,10 @@ double linear(float value)
     return value <= 0.04045F ? value / 12.92 : std::pow((value + 0.055) / 1.055, 2.4);
 }
 
-double luminance(const QColor &color)
+double luminance(const QColor &colour)
 {
-    return 0.2126 * linear(color.redF()) + 0.7152 * linear(color.greenF()) + 0.0722 * linear(color.blueF());
+    return 0.2126 * linear(colour.redF()) + 0.7152 * linear(colour.greenF())
+        + 0.0722 * linear(colour.blueF());
 }
 
 } // namespace

@@ -76,7 +76,7 @@ void drawShortened(QPainter &painter, const QTextLayout &layout, const QRectF &r
 class TextLabel : public QLabel
 {
 public:
-    TextLabel(const QString &text, const QFont &font, const QColor &color, QWidget *parent);
+    TextLabel(const QString &text, const QFont &font, const QColor &colour, QWidget *parent);
 
     QSize sizeHint() const override;
     int heightForWidth(int width) const override;
@@ -87,19 +87,19 @@ protected:
 
 private:
     bool layOut(QTextLayout &layout) const;
-    void takeColor();
+    void takeColour();
 
-    const QColor m_color;
+    const QColor m_colour;
 };
 
-TextLabel::TextLabel(const QString &text, const QFont &font, const QColor &color, QWidget *parent)
+TextLabel::TextLabel(const QString &text, const QFont &font, const QColor &colour, QWidget *parent)
     : QLabel(text, parent)
-    , m_color(color)
+    , m_colour(colour)
 {
     setFont(font);
     setTextFormat(Qt::PlainText);
     setAlignment(Qt::AlignHCenter | Qt::AlignTop);
-    takeColor();
+    takeColour();
 }
 
 // The fonts that stand in for scripts are often higher than the font itself.
@@ -136,7 +136,7 @@ bool TextLabel::event(QEvent *event)
 {
     // The application's change reaches a widget within a window as one of its own.
     if (event->type() == QEvent::PaletteChange)
-        takeColor();
+        takeColour();
     if (event->type() != QEvent::ToolTip)
         return QLabel::event(event);
     QTextLayout layout;
@@ -158,11 +158,11 @@ void TextLabel::paintEvent(QPaintEvent *)
         drawShortened(painter, layout, rect());
 }
 
-void TextLabel::takeColor()
+void TextLabel::takeColour()
 {
-    QPalette colors = palette();
-    colors.setColor(QPalette::WindowText, isHighContrast() ? QColor(Qt::white) : m_color);
-    setPalette(colors);
+    QPalette colours = palette();
+    colours.setColor(QPalette::WindowText, isHighContrast() ? QColor(Qt::white) : m_colour);
+    setPalette(colours);
 }
 
 } // namespace

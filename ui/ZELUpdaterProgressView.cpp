@@ -271,8 +271,8 @@ void ZELUpdaterProgressView::paintEvent(QPaintEvent *)
 void ZELUpdaterProgressView::layOutRing()
 {
     const double radius = std::min(width(), height()) * 0.5 - 6.0;
-    const QPointF center(width() * 0.5, height() * 0.5);
-    const QRectF square(center - QPointF(radius, radius), QSizeF(2 * radius, 2 * radius));
+    const QPointF centre(width() * 0.5, height() * 0.5);
+    const QRectF square(centre - QPointF(radius, radius), QSizeF(2 * radius, 2 * radius));
     m_backgroundLayer.path = _createCirclePathRefForRect(square);
     m_progressLayer.path = m_backgroundLayer.path;
 }

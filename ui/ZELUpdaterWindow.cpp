@@ -27,7 +27,7 @@ constexpr Qt::WindowFlags FreeStanding = Qt::Window | Qt::FramelessWindowHint;
 // X11 ties a window to another one only when it is of such a kind.
 constexpr Qt::WindowFlags Attached = Qt::Sheet | Qt::FramelessWindowHint;
 const QColor Background = QColor::fromRgbF(0.16F, 0.16F, 0.16F);
-const QColor EdgeColor = QColor::fromRgbF(0.38F, 0.38F, 0.38F);
+const QColor EdgeColour = QColor::fromRgbF(0.38F, 0.38F, 0.38F);
 
 // A line along the window's edge, above its pages, that parts it from another dark window behind it.
 class Edge : public QWidget
@@ -47,7 +47,7 @@ protected:
 
     void paintEvent(QPaintEvent *event) override
     {
-        QPainter(this).fillRect(event->rect(), zel::isHighContrast() ? QColor(Qt::white) : EdgeColor);
+        QPainter(this).fillRect(event->rect(), zel::isHighContrast() ? QColor(Qt::white) : EdgeColour);
     }
 };
 
@@ -67,7 +67,7 @@ ZELUpdaterWindow::ZELUpdaterWindow()
 {
     QAccessible::installFactory(makeAccessibleWindow); // once, however often it is called
     setAttribute(Qt::WA_QuitOnClose, false);
-    takeColors();
+    takeColours();
     m_contentView->setAutoFillBackground(true);
     setFrame({QPoint(), InitialSize}, true);
 }
@@ -173,11 +173,11 @@ bool ZELUpdaterWindow::event(QEvent *event)
     if (event->type() == QEvent::WinIdChange)
         followHost();
     if (event->type() == QEvent::ApplicationPaletteChange)
-        takeColors();
+        takeColours();
     return QWidget::event(event);
 }
 
-void ZELUpdaterWindow::takeColors()
+void ZELUpdaterWindow::takeColours()
 {
     QPalette dark = palette();
     dark.setColor(QPalette::Window, zel::isHighContrast() ? QColor(Qt::black) : Background);

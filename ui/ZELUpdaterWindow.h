@@ -77,7 +77,7 @@ protected:
 private:
     QPoint sheetPlace() const;
     void followHost();
-    void takeColors();
+    void takeColours();
 
     QWidget *m_contentView;
     QWidget *m_edge;

@@ -10,7 +10,7 @@
 
 #include <cmath>
 
-inline const QColor WindowColor = QColor::fromRgbF(0.16f, 0.16f, 0.16f);
+inline const QColor WindowColour = QColor::fromRgbF(0.16f, 0.16f, 0.16f);
 
 /// A window of the updater's colour.
 class DarkWindow : public QWidget
@@ -19,7 +19,7 @@ public:
     explicit DarkWindow(QSize size)
     {
         QPalette palette;
-        palette.setColor(QPalette::Window, WindowColor);
+        palette.setColor(QPalette::Window, WindowColour);
         setPalette(palette);
         setAutoFillBackground(true);
         resize(size);
@@ -44,19 +44,19 @@ inline QImage onScreen(QWidget &window)
     return window.screen()->grabWindow(window.winId()).toImage().convertToFormat(QImage::Format_RGB32);
 }
 
-inline QColor colorAt(const QImage &image, QPointF point)
+inline QColor colourAt(const QImage &image, QPointF point)
 {
     const QPointF pixel = point * image.devicePixelRatio();
     return image.pixelColor(int(std::floor(pixel.x())), int(std::floor(pixel.y())));
 }
 
-/// `color` as it looks on `background`.
-inline QColor over(const QColor &background, const QColor &color)
+/// `colour` as it looks on `background`.
+inline QColor over(const QColor &background, const QColor &colour)
 {
-    const float alpha = color.alphaF();
+    const float alpha = colour.alphaF();
     const auto mix = [alpha](float below, float above) { return below * (1 - alpha) + above * alpha; };
-    return QColor::fromRgbF(mix(background.redF(), color.redF()), mix(background.greenF(), color.greenF()),
-                            mix(background.blueF(), color.blueF()));
+    return QColor::fromRgbF(mix(background.redF(), colour.redF()), mix(background.greenF(), colour.greenF()),
+                            mix(background.blueF(), colour.blueF()));
 }
 
 inline bool isNear(const QColor &actual, const QColor &expected, int tolerance = 3)
@@ -79,7 +79,7 @@ inline int lightest(const QImage &image)
     return light;
 }
 
-inline bool isBlue(const QColor &color)
+inline bool isBlue(const QColor &colour)
 {
-    return color.blue() > color.red() + 60;
+    return colour.blue() > colour.red() + 60;
 }

@@ -195,10 +195,10 @@ private slots:
 
     void styleIsDarkUnlessThePageHasOne()
     {
-        const auto [html, textColor, linkColor] = Table<QByteArray, QString, QString>::current();
+        const auto [html, textColour, linkColour] = Table<QByteArray, QString, QString>::current();
         QVERIFY(loaded(html + "<p>text <a href='http://example.invalid'>link</a></p>"));
-        QCOMPARE(text("getComputedStyle(document.body).color"), textColor);
-        QCOMPARE(text("getComputedStyle(document.querySelector('a')).color"), linkColor);
+        QCOMPARE(text("getComputedStyle(document.body).color"), textColour);
+        QCOMPARE(text("getComputedStyle(document.querySelector('a')).color"), linkColour);
     }
 
     void upperEdgeMovesTheWindow_data()

@@ -22,7 +22,7 @@ struct IndicatorScene {
         timer->setClock([this] { return now; });
     }
 
-    bool isFilled(double x, qreal ratio = 1) { return isBlue(colorAt(rendered(window, ratio), {x, 9})); }
+    bool isFilled(double x, qreal ratio = 1) { return isBlue(colourAt(rendered(window, ratio), {x, 9})); }
 
     double now = 1000;
     DarkWindow window{QSize(200, 18)};
@@ -97,7 +97,7 @@ private slots:
             const QImage image = rendered(scene.window, 2);
             const auto light = [&](int at) { // at twelve, three, six and nine o'clock
                 const QPointF places[] = {{9, 3}, {15, 9}, {9, 15}, {3, 9}};
-                return colorAt(image, places[at % 4]).red();
+                return colourAt(image, places[at % 4]).red();
             };
             QVERIFY(light(place) > light(place + 3)); // a tail that grows fainter behind it
             QVERIFY(light(place + 3) > light(place + 2));

@@ -252,16 +252,16 @@ private slots:
             scene.button->update();
             scene.window->setFocus();
             const auto ring = [&] {
-                return colorAt(onScreen(*scene.window), scene.button->pos() + QPointF(60, -3));
+                return colourAt(onScreen(*scene.window), scene.button->pos() + QPointF(60, -3));
             };
-            QVERIFY(isNear(ring(), WindowColor));
+            QVERIFY(isNear(ring(), WindowColour));
             scene.key(Qt::Key_Tab);
-            QVERIFY(zel::contrast(ring(), WindowColor) >= 4.5);
-            const QColor gap = colorAt(onScreen(*scene.window), scene.button->pos() + QPointF(60, -1.5));
+            QVERIFY(zel::contrast(ring(), WindowColour) >= 4.5);
+            const QColor gap = colourAt(onScreen(*scene.window), scene.button->pos() + QPointF(60, -1.5));
             QVERIFY(zel::contrast(ring(), gap) >= 4.5);
             scene.mouse(Press);
             scene.mouse(Release);
-            QVERIFY(isNear(ring(), WindowColor));
+            QVERIFY(isNear(ring(), WindowColour));
         }
     }
 
@@ -305,18 +305,18 @@ private slots:
         ButtonScene scene;
         for (const qreal ratio : {1.0, 1.5, 2.0}) {
             const auto at = [&](qreal y) {
-                return colorAt(rendered(*scene.window, ratio), scene.button->pos() + QPointF(60, y)).red();
+                return colourAt(rendered(*scene.window, ratio), scene.button->pos() + QPointF(60, y)).red();
             };
-            const int rim = over(WindowColor, QColor::fromRgbF(0, 0, 0, 0.16f)).red();
+            const int rim = over(WindowColour, QColor::fromRgbF(0, 0, 0, 0.16f)).red();
             scene.button->setIsActive(false);
             QVERIFY(at(0.25) > at(2.25) + 5); // a line of light
             QVERIFY(at(32.2) < rim - 3); // a shadow that fades
             QVERIFY(at(32.2) < at(33.2));
-            QCOMPARE(at(35.2), WindowColor.red());
+            QCOMPARE(at(35.2), WindowColour.red());
             scene.button->setIsActive(true);
             QVERIFY(at(0.25) < at(2.25) + 3);
             QVERIFY(std::abs(at(32.4) - rim) <= 3);
-            QCOMPARE(at(33.4), WindowColor.red());
+            QCOMPARE(at(33.4), WindowColour.red());
         }
     }
 
@@ -338,7 +338,7 @@ private slots:
         scene.button->setLabel("l");
         for (const qreal ratio : {1.0, 2.0}) {
             const QImage image = rendered(*scene.window, ratio);
-            const auto at = [&](qreal x) { return colorAt(image, scene.button->pos() + QPointF(x, 14)); };
+            const auto at = [&](qreal x) { return colourAt(image, scene.button->pos() + QPointF(x, 14)); };
             qreal left = 100;
             while (at(left).red() < 200 && left < 200)
                 left += 0.25;
@@ -393,7 +393,7 @@ private slots:
         const auto [change] = Table<Action>::current();
         ShownScene scene(true);
         const QImage before = onScreen(*scene.window);
-        QVERIFY(colorAt(before, {100, 39.5}) != colorAt(before, {10, 39.5}));
+        QVERIFY(colourAt(before, {100, 39.5}) != colourAt(before, {10, 39.5}));
 
         change(scene);
         const QImage after = onScreen(*scene.window);

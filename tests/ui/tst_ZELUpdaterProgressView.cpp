@@ -40,7 +40,7 @@ bool isBlueBetween(const QImage &image, double start, double end)
         std::array{0.01, 0.24, 0.26, 0.49, 0.51, 0.74, 0.76, 0.99}, [&](double fraction) {
             const double angle = fraction * 2 * M_PI;
             const QPointF place(100.5 + 94 * std::sin(angle), 99.5 - 94 * std::cos(angle));
-            return isBlue(colorAt(image, place)) == (fraction > start && fraction < end);
+            return isBlue(colourAt(image, place)) == (fraction > start && fraction < end);
         });
 }
 
