@@ -14,6 +14,7 @@
 #include "seal/SealSignature.h"
 
 #include <QDateTime>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -85,9 +86,14 @@ std::optional<SignedRecord> SignedRecord::read(const QString &text)
     QJsonDocument json;
     if (parseJson(contentOf(result.message), MostValues, json) || !json.isObject())
         return std::nullopt;
-    QVariantMap map = json.object().toVariantMap();
+    QJsonObject object = json.object();
+    const QJsonArray builds = object.take(key::Builds).toArray();
+    QVariantMap map = object.toVariantMap();
     map[key::Signed] = text;
     result.record = UpdateRecord::fromMap(map);
+    // Hosts have no use for them, and a hundred records have ten thousand.
+    for (const QJsonValue build : builds)
+        result.record.builds.append(build.toInteger());
     return result;
 }
 

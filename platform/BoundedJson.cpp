@@ -5,6 +5,7 @@
 #include "BoundedJson.h"
 
 #include <cstdlib>
+#include <cstring>
 
 namespace zel {
 
@@ -13,19 +14,35 @@ namespace {
 // What a value takes at most while it is parsed, measured with lists and objects of one value each.
 constexpr qint64 BytesPerValue = 256;
 
+// The end of the text that begins at a quotation mark: behind the mark that is not escaped.
+const char *endOfText(const char *at, const char *end)
+{
+    while (at != end) {
+        const auto *mark = static_cast<const char *>(std::memchr(at + 1, '"', size_t(end - at - 1)));
+        if (!mark)
+            return end;
+        const char *escapes = mark;
+        while (escapes > at + 1 && escapes[-1] == '\\')
+            --escapes;
+        if ((mark - escapes) % 2 == 0)
+            return mark + 1;
+        at = mark;
+    }
+    return end;
+}
+
 // No fewer than the parser makes of a text, be it JSON or not: each value begins behind one of these marks.
 qint64 valuesIn(QByteArrayView json)
 {
     qint64 count = 1;
-    bool inText = false;
-    for (qsizetype i = 0; i < json.size(); ++i) {
-        const char c = json[i];
-        if (c == '"')
-            inText = !inText;
-        else if (inText)
-            i += c == '\\';
-        else
-            count += c == ',' || c == '[' || c == '{';
+    const char *const end = json.end();
+    for (const char *at = json.begin(); at != end;) {
+        if (*at == '"') {
+            at = endOfText(at, end);
+        } else {
+            count += *at == ',' || *at == '[' || *at == '{';
+            ++at;
+        }
     }
     return count;
 }

@@ -146,6 +146,10 @@ private slots:
         one("a newer one withheld", {{"builds", QJsonArray{101, 102}}}, "withholds build 102");
         row("nothing newer, and a newer one withheld", {good(100, {{"builds", QJsonArray{100, 102}}})},
             "withholds build 102");
+        const QJsonObject hidden = with(good(102, {{"builds", QJsonArray{100, 102}}}), "build", 50);
+        row("a newer one under a lower number", {hidden}, "beside its signature stands another");
+        row("a newer one under a lower number, beside the installed one",
+            {hidden, good(100, {{"builds", QJsonArray{100, 102}}})}, "withholds build 102");
         row("another in place of a withheld one", {bad, good(101, {{"builds", QJsonArray{101, 102}}})},
             "withholds build 102");
     }

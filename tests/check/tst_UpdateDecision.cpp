@@ -53,6 +53,8 @@ private slots:
         row("too many records", records(10'001), "error");
         row("most values", oneRecord("\"list\":[" + zeros(199'990) + ']'), "a");
         row("too many values", oneRecord("\"list\":[" + zeros(200'000) + ']'), "error");
+        row("too many behind a text that ends in a backslash",
+            oneRecord(R"("text":"\\","list":[)" + zeros(200'000) + ']'), "error");
         row("texts are no values", oneRecord("\"text\":\"" + QByteArray(300'000, ',') + "\\\"\""), "a");
         row("records that are none", R"([1,"a",null,[{"build":101}]])", "none");
         row("builds as text", R"([{"build":" 101beta","name":"a"}])", "a", R"({"build":"100"})");

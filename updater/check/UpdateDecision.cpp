@@ -8,6 +8,7 @@
 #include "UpdateDecision.h"
 
 #include "common/DDLog.h"
+#include "common/WireValues.h"
 #include "platform/BoundedJson.h"
 
 #include <QJsonArray>
@@ -107,6 +108,10 @@ Decision offer(const UpdateRecord &record, std::optional<qint64> installedBuild)
 // day: a server could leave out the newest one each time, and all that is left would look fresh. So each
 // record lists the builds that were signed with it, and those which would have been looked at before it must
 // be there.
+//
+// Most records of a feed are of builds that are no news. Those whose build, as it stands beside the signature,
+// is not above the installed one are not even read, unless there is nothing newer and one of them has to show
+// that the feed is fresh. Whoever writes a low number beside a new record withholds it by that, which is seen.
 class SignedChoice
 {
 public:
@@ -116,8 +121,14 @@ public:
         , m_policy(policy)
         , m_installed(config.buildNumber())
     {
-        for (qsizetype i = 0; i < records.size(); ++i)
-            judge(i, config, facts);
+        for (qsizetype i = 0; i < records.size(); ++i) {
+            const QJsonObject record = records[i].toObject();
+            const qint64 build = integerValue(record[key::Build].toVariant());
+            if (record.contains(key::Signed) && build <= m_installed)
+                m_older.push_back({i, build, 0});
+            else
+                judge(i, config, facts);
+        }
     }
 
     Decision decide(std::optional<qint64> installedBuild, const QUrl &base)
@@ -130,6 +141,8 @@ public:
             decision = offer(record->resolvedAgainst(base), installedBuild);
         else
             record = firstVerified(m_fresh); // that there is nothing newer must come from the publisher, too
+        if (!record)
+            record = firstOlder();
         if (!record) {
             systemLog(QLatin1String("no record of the reply is accepted: ") + m_reason);
             return {ZELStatusUnknownError};
@@ -163,18 +176,43 @@ private:
         return SignedRecord::read(m_records[index].toObject()[key::Signed].toString());
     }
 
-    void judge(qsizetype index, const HostConfig &config, const MachineFacts &facts)
+    // The record, if it would do once it is verified.
+    std::optional<UpdateRecord> judged(qsizetype index)
     {
         const std::optional<SignedRecord> signedRecord = read(index);
-        if (!signedRecord)
-            return refuse(QStringLiteral("a record without a signature"));
+        if (!signedRecord) {
+            refuse(QStringLiteral("a record without a signature"));
+            return std::nullopt;
+        }
         const UpdateRecord &record = signedRecord->record;
-        if (const ZELError error = judgeRecord(record, m_policy))
-            return refuse(QStringLiteral("build %1: %2").arg(record.build).arg(error.message));
-        const Candidate candidate{index, record.build, record.issued};
+        const ZELError error = judgeRecord(record, m_policy);
+        if (error)
+            refuse(QStringLiteral("build %1: %2").arg(record.build).arg(error.message));
+        return error ? std::nullopt : std::optional(record);
+    }
+
+    void judge(qsizetype index, const HostConfig &config, const MachineFacts &facts)
+    {
+        const std::optional<UpdateRecord> record = judged(index);
+        if (!record)
+            return;
+        const Candidate candidate{index, record->build, record->issued};
         m_fresh.push_back(candidate);
-        if (suits(record, config, facts))
+        if (suits(*record, config, facts))
             m_suitable.push_back(candidate);
+    }
+
+    std::optional<UpdateRecord> firstOlder()
+    {
+        sort(m_older, &Candidate::build);
+        for (const Candidate &candidate : m_older) {
+            const std::optional<UpdateRecord> record = judged(candidate.index);
+            if (record && record->build > m_installed)
+                refuse(QStringLiteral("build %1: beside its signature stands another").arg(record->build));
+            else if (record && firstVerified({candidate}))
+                return record;
+        }
+        return std::nullopt;
     }
 
     std::optional<UpdateRecord> firstVerified(const std::vector<Candidate> &candidates)
@@ -196,12 +234,14 @@ private:
     std::optional<qint64> withheld(const UpdateRecord &record, qint64 above)
     {
         for (const qint64 build : record.builds) {
+            if (build <= above)
+                continue;
             std::vector<Candidate> same;
             std::copy_if(m_fresh.begin(), m_fresh.end(), std::back_inserter(same),
                          [&](const Candidate &other) {
                              return other.build == build && other.issued >= record.issued;
                          });
-            if (build > above && !firstVerified(same))
+            if (!firstVerified(same))
                 return build;
         }
         return std::nullopt;
@@ -219,6 +259,7 @@ private:
     const RecordPolicy &m_policy;
     std::vector<Candidate> m_suitable;
     std::vector<Candidate> m_fresh; // suitable or not
+    std::vector<Candidate> m_older; // by what stands beside their signatures
     const qint64 m_installed;
     int m_failures = 0;
     QString m_reason = QStringLiteral("it is empty");
