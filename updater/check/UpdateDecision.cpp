@@ -16,6 +16,7 @@
 #include <QJsonObject>
 
 #include <algorithm>
+#include <limits>
 #include <vector>
 
 namespace zel {
@@ -181,13 +182,13 @@ private:
     {
         const std::optional<SignedRecord> signedRecord = read(index);
         if (!signedRecord) {
-            refuse(QStringLiteral("a record without a signature"));
+            refuse(0, QStringLiteral("a record without a signature"));
             return std::nullopt;
         }
         const UpdateRecord &record = signedRecord->record;
         const ZELError error = judgeRecord(record, m_policy);
         if (error)
-            refuse(QStringLiteral("build %1: %2").arg(record.build).arg(error.message));
+            refuse(record.build, QStringLiteral("build %1: %2").arg(record.build).arg(error.message));
         return error ? std::nullopt : std::optional(record);
     }
 
@@ -208,7 +209,8 @@ private:
         for (const Candidate &candidate : m_older) {
             const std::optional<UpdateRecord> record = judged(candidate.index);
             if (record && record->build > m_installed)
-                refuse(QStringLiteral("build %1: beside its signature stands another").arg(record->build));
+                refuse(record->build,
+                       QStringLiteral("build %1: beside its signature stands another").arg(record->build));
             else if (record && firstVerified({candidate}))
                 return record;
         }
@@ -225,7 +227,8 @@ private:
             if (!error)
                 return record->record;
             ++m_failures;
-            refuse(QStringLiteral("build %1: %2").arg(record->record.build).arg(error.message));
+            refuse(record->record.build,
+                   QStringLiteral("build %1: %2").arg(record->record.build).arg(error.message));
         }
         return std::nullopt;
     }
@@ -247,9 +250,13 @@ private:
         return std::nullopt;
     }
 
-    void refuse(const QString &reason)
+    // Of all reasons that of the highest build is told.
+    void refuse(qint64 build, const QString &reason)
     {
         DDLogInfo(QLatin1String("refused ") + reason);
+        if (build < m_refused)
+            return;
+        m_refused = build;
         m_reason = reason;
     }
 
@@ -262,6 +269,7 @@ private:
     std::vector<Candidate> m_older; // by what stands beside their signatures
     const qint64 m_installed;
     int m_failures = 0;
+    qint64 m_refused = std::numeric_limits<qint64>::min(); // the highest build
     QString m_reason = QStringLiteral("it is empty");
 };
 
