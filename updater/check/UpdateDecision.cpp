@@ -110,9 +110,10 @@ Decision offer(const UpdateRecord &record, std::optional<qint64> installedBuild)
 // record lists the builds that were signed with it, and those which would have been looked at before it must
 // be there.
 //
-// Most records of a feed are of builds that are no news. Those whose build, as it stands beside the signature,
-// is not above the installed one are not even read, unless there is nothing newer and one of them has to show
-// that the feed is fresh. Whoever writes a low number beside a new record withholds it by that, which is seen.
+// Most records of a feed are of builds that are no news. Those whose build, as it stands beside the
+// signature, is not above the installed one are not even read, unless there is nothing newer and one of them
+// has to show that the feed is fresh. Whoever writes a low number beside a new record withholds it by that,
+// which is seen.
 class SignedChoice
 {
 public:
