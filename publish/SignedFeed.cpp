@@ -89,8 +89,13 @@ ZELError checkWhole(const QJsonArray &records, const QList<qint64> &withdrawn)
         for (const QJsonValue build : record[key::Builds].toArray())
             gone.insert(integerValue(build.toVariant()));
     }
-    for (const QJsonValue record : records)
-        gone.remove(integerValue(record[key::Build].toVariant()));
+    for (const QJsonValue record : records) {
+        const qint64 build = integerValue(record[key::Build].toVariant());
+        if (withdrawn.contains(build))
+            return problem(record.toObject(),
+                           QStringLiteral("it is to be withdrawn, and is in releases.json; take it out"));
+        gone.remove(build);
+    }
     for (const qint64 build : withdrawn)
         gone.remove(build);
     return gone.isEmpty()
@@ -210,7 +215,8 @@ ZELError openFeed(QJsonArray &records, const FeedSigning &signing,
                     .arg(content[key::Build].toInteger()));
         listed = content;
     }
-    if (issued > QDateTime::currentSecsSinceEpoch())
+    constexpr qint64 signedAtOnce = 60; // seconds: each signing is dated later than the one before
+    if (issued > QDateTime::currentSecsSinceEpoch() + signedAtOnce)
         return ZELError::withMessage(QStringLiteral("the feed was signed at %1, which is still to come for "
                                                     "this computer's clock: clients would refuse an "
                                                     "earlier date")
@@ -235,9 +241,11 @@ ZELError describeFiles(const QString &folder, QJsonObject &record)
 
 ZELError signFeed(QJsonArray &records, const FeedSigning &signing)
 {
-    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    qint64 now = QDateTime::currentSecsSinceEpoch();
     QJsonArray builds;
     for (const QJsonValue record : std::as_const(records)) {
+        now =
+            qMax(now, record[key::Issued].toInteger() + 1); // of one date, the older feed would be no replay
         const qint64 build = integerValue(record[key::Build].toVariant());
         // Of two, a server could withhold one, and the list would not show it.
         if (builds.contains(build))

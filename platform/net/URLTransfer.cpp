@@ -106,12 +106,12 @@ ZELError URLTransfer::run()
         return cancelled();
     if (const ZELError error = m_sink.open())
         return error;
-    const BodyFile *file = m_sink.file();
-    if (file && file->kept() > 0 && file->kept() == m_request.size) { // its contents are not judged here
-        m_progress(file->kept(), file->kept());
-        return {};
-    }
     for (;;) {
+        const BodyFile *file = m_sink.file();
+        if (file && file->kept() > 0 && file->kept() == m_request.size) { // its contents are not judged here
+            m_progress(file->kept(), file->kept());
+            return {};
+        }
         const ZELError error = attempt();
         if (!error || !m_passes || !mayTryAgain())
             return error;
@@ -404,7 +404,10 @@ URLTransfer::Answer URLTransfer::answer() const
     if (isRedirected())
         return Answer::Redirection;
     const long status = this->status();
-    if (m_offset > 0 && !m_begun && (status == 416 || (status == 206 && !isRestOf(*m_sink.file()))))
+    // Some servers, and what filters between, refuse whoever asks for a range.
+    const bool refusesRest = (status >= 400 && !isPassingStatus(status))
+        || (status == 206 && m_offset > 0 && !isRestOf(*m_sink.file()));
+    if (m_offset > 0 && !m_begun && refusesRest)
         return Answer::NoRest;
     return isPassingStatus(status) && mayTryAgain() ? Answer::PassingFault : Answer::Body;
 }

@@ -330,6 +330,8 @@ ZELError verifyMessage(const QByteArray &message, const AcceptedSigners &accepte
     Cms cms;
     const Time when(ASN1_TIME_set(nullptr, time_t(issued)));
     ZELError error = verify(message, nullptr, nullptr, cms);
+    if (!error && !when)
+        error = failure(QStringLiteral("its time is no time"));
     if (!error)
         error = checkPins(cms.get(), accepted, when.get());
     return error;
@@ -340,6 +342,7 @@ QByteArray contentOf(const QByteArray &message)
     DerReader reader(message);
     const bool found = enterSignedData(reader) && reader.skip(V_ASN1_SET) && reader.enter(V_ASN1_SEQUENCE)
         && reader.skip(V_ASN1_OBJECT) && reader.enter(0) && reader.enter(V_ASN1_OCTET_STRING);
+    ERR_clear_error();
     return found ? reader.bytes() : QByteArray();
 }
 

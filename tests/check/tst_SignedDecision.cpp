@@ -187,6 +187,7 @@ private slots:
         for (const auto &[name, reply, threshold, installed] :
              {std::tuple("good", QJsonArray{good()}, 1, 100),
               {"other things beside the signature", {lied}, 1, 100},
+              {"nothing beside the signature", {QJsonObject{{"signed", good()["signed"]}}}, 1, 100},
               {"two signers", {by({m_maker, m_second}, record(101))}, 2, 100},
               {"a stranger signs, too", {by({m_maker, m_thief}, record(101))}, 1, 100},
               {"some bad ones first", few, 1, 100},

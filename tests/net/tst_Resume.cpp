@@ -116,7 +116,7 @@ private slots:
             "abcdefghij", ask + "|3-\"v2\"");
         row("busy in between", {{.status = 503, .body = "busy"}, rest(range)}, Text, ask + '|' + ask);
         row("busy to the end", {{.status = 503, .body = "busy"}}, "busy", ask + '|' + ask + '|' + ask);
-        row("gone", {{.status = 404, .body = "gone"}}, "gone", ask);
+        row("gone", {{.status = 404, .body = "gone"}}, "gone", ask + '|');
         row("never a byte more",
             {{.status = 206, .headers = {{"Content-Range", range}}, .framing = Framing::Chunked}}, {},
             ask + '|' + ask + '|' + ask);
@@ -136,6 +136,7 @@ private slots:
         };
         refused("another place", chunked(rest("bytes 5-9/10", "56789")));
         refused("another place, further", chunked(rest("bytes 7-9/10", "789")));
+        refused("no ranges for anybody", {.status = 403, .body = "no"});
         refused("another file", rest("bytes 6-10/11", "6789a"));
         refused("less than the rest", chunked(rest("bytes 6-7/10", "67")));
         refused("another length than said", rest(range, "678"));

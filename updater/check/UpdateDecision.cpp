@@ -126,7 +126,7 @@ public:
         for (qsizetype i = 0; i < records.size(); ++i) {
             const QJsonObject record = records[i].toObject();
             const qint64 build = integerValue(record[key::Build].toVariant());
-            if (record.contains(key::Signed) && build <= m_installed)
+            if (record.contains(key::Signed) && record.contains(key::Build) && build <= m_installed)
                 m_older.push_back({i, build, 0});
             else
                 judge(i, config, facts);
