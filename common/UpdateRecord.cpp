@@ -108,8 +108,6 @@ UpdateRecord UpdateRecord::fromMap(const QVariantMap &map)
     record.patches = patchesFrom(map[key::Patches].toList());
     record.identifier = textUnder(key::Identifier, map).value_or(QString());
     record.historySHA256 = textUnder(key::HistorySHA256, map).value_or(QString());
-    for (const QVariant &build : map[key::Builds].toList())
-        record.builds.append(integerValue(build));
     record.issued = qMax(countUnder(key::Issued, map).value_or(0), qint64(0));
     record.expires = qMax(countUnder(key::Expires, map).value_or(0), qint64(0));
     return record;

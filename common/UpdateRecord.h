@@ -90,7 +90,7 @@ struct UpdateRecord : OfferedFile {
 
     // Of signed records. What is missing, or of another type, is null or 0, and accepted nowhere.
     QString identifier = {}; ///< of the application
-    QList<qint64> builds = {}; ///< all that were signed together with this one, itself among them
+    QList<qint64> builds = {}; ///< all that were signed with it; only `SignedRecord` reads them
     QString historySHA256 = {}; ///< of the release notes
     qint64 issued = 0; ///< when it was signed: seconds since 1970, UTC
     qint64 expires = 0; ///< from when on it is worth nothing; likewise
@@ -110,7 +110,7 @@ struct CheckResult {
     std::optional<UpdateRecord> update = {};
     std::optional<PatchEntry> patch = {};
 
-    /// Of the newest record that was verified, whether it is offered or not.
+    /// When the record was signed that decided the check, whether it is offered or not.
     std::optional<qint64> issued = {};
 
     /// A value that is no map is read as an empty one: an offer, but of nothing that could be had.

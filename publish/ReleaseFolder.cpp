@@ -110,8 +110,8 @@ ZELError checkSigning(const QString &folder, const QJsonArray &records, const Re
     for (const QJsonValue record : records) {
         if (signs && !record.toObject().contains(key::Signed))
             return problem(
-                QStringLiteral("build %1 in %2 is not signed: 'zelupdater refresh --sign-unsigned' "
-                               "signs it")
+                QStringLiteral("build %1 in %2 is not signed: take its record out, or, if it is yours, have "
+                               "'zelupdater refresh --sign-unsigned' sign it")
                     .arg(buildOf(record))
                     .arg(folder));
     }
