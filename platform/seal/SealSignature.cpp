@@ -1,24 +1,27 @@
 // Signatures, made and verified by OpenSSL, which is asked for the mathematics alone. What makes a signature
 // acceptable is decided here, before anything expensive is computed: a stranger's signature could name
-// thousands of digests or signers, keys of any length, or digests that are broken, and the library would work
-// through them all. Hence the order in `verify`: the shape of the structure, then the keys, then the
-// signatures themselves, and the pins last, over certificates whose signatures have verified. Without pins
-// certificates are containers of keys and names and no more; with them SignerCertificate.h says what counts.
+// thousands of digests, certificates or signers, keys of any length, or digests that are broken, and the
+// library would work through them all. Hence the order in `verify`: the outline of the structure, of which
+// nothing is decoded until it is found to be small; then the keys, then the signatures themselves, and the
+// pins last, over certificates whose signatures have verified. Without pins certificates are containers of
+// keys and names and no more; with them SignerCertificate.h says what counts.
 //
 // Signers are counted by their keys. Two certificates of one key are one signer, or a publisher who pins an
 // old certificate beside its renewal would let one stolen key reach a threshold of two.
 #include "SealSignature.h"
 
+#include "SignatureOutline.h"
 #include "SignerCertificate.h"
 
 #include <QFile>
 
+#include <algorithm>
 #include <ctime>
 #include <openssl/cms.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
-#include <set>
+#include <vector>
 
 namespace zel {
 
@@ -26,17 +29,16 @@ namespace {
 
 constexpr qint64 MaxPemSize = 1 << 20;
 constexpr int MaxSigners = 8; // and digests; a seal has one
+constexpr int MaxCertificates = 16; // those of the signers, and what some tools put beside them
 
 struct Free {
     void operator()(BIO *memory) const { BIO_free(memory); }
     void operator()(CMS_ContentInfo *cms) const { CMS_ContentInfo_free(cms); }
-    void operator()(X509_ALGOR *algorithm) const { X509_ALGOR_free(algorithm); }
     void operator()(ASN1_TIME *time) const { ASN1_TIME_free(time); }
     void operator()(STACK_OF(X509) * certificates) const { sk_X509_free(certificates); } // not what is in it
 };
 using Bio = std::unique_ptr<BIO, Free>;
 using Cms = std::unique_ptr<CMS_ContentInfo, Free>;
-using Algorithm = std::unique_ptr<X509_ALGOR, Free>;
 using Time = std::unique_ptr<ASN1_TIME, Free>;
 using Certificates = std::unique_ptr<STACK_OF(X509), Free>;
 
@@ -45,11 +47,15 @@ Bio readerOf(const QByteArray &bytes)
     return Bio(BIO_new_mem_buf(bytes.constData(), int(bytes.size())));
 }
 
-// Takes the library's queued errors along, so that none is left for the host to stumble over.
+// None of the library's queued errors is left for the host to stumble over, whatever the outcome.
+struct ErrorsTaken {
+    ~ErrorsTaken() { ERR_clear_error(); }
+};
+
 ZELError failure(const QString &what)
 {
+    const ErrorsTaken taken;
     const char *reason = ERR_reason_error_string(ERR_peek_last_error());
-    ERR_clear_error();
     return ZELError::withMessage(reason ? what + QLatin1String(" (") + QLatin1String(reason) + u')' : what);
 }
 
@@ -81,89 +87,53 @@ bool isStrong(const X509_ALGOR *digest)
     }
 }
 
-// Goes into the elements of a DER structure, one in the other.
-class DerReader
+// What the library would let pass, and work through.
+ZELError checkOutline(const SignatureOutline &outline, bool isDetached, int mostSigners)
 {
-public:
-    explicit DerReader(const QByteArray &der)
-        : m_at(reinterpret_cast<const unsigned char *>(der.constData()))
-        , m_end(m_at + der.size())
-    {
-    }
-
-    bool enter(int wantedTag) { return read(wantedTag); }
-    bool skip(int wantedTag)
-    {
-        const unsigned char *const end = m_end;
-        const bool there = read(wantedTag);
-        m_at = m_end;
-        m_end = end;
-        return there;
-    }
-    bool atEnd() const { return m_at == m_end; }
-    QByteArray bytes() const { return {reinterpret_cast<const char *>(m_at), qsizetype(m_end - m_at)}; }
-    X509_ALGOR *algorithm() { return d2i_X509_ALGOR(nullptr, &m_at, long(m_end - m_at)); }
-
-private:
-    // Now at the content of the next element, and nowhere when that is not the wanted one or of no stated
-    // length.
-    bool read(int wantedTag)
-    {
-        constexpr int unsoundOrIndefinite = 0x80 | 1;
-        long length = 0;
-        int tag = 0;
-        int kind = 0;
-        const int form = ASN1_get_object(&m_at, &length, &tag, &kind, long(m_end - m_at));
-        const bool wanted = (form & unsoundOrIndefinite) == 0 && tag == wantedTag;
-        m_end = wanted ? m_at + length : m_at;
-        return wanted;
-    }
-
-    const unsigned char *m_at;
-    const unsigned char *m_end;
-};
-
-// Into the parts that all signatures begin with, up to the digests.
-bool enterSignedData(DerReader &reader)
-{
-    return reader.enter(V_ASN1_SEQUENCE) && reader.skip(V_ASN1_OBJECT) && reader.enter(0)
-        && reader.enter(V_ASN1_SEQUENCE) && reader.skip(V_ASN1_INTEGER);
+    const auto refusal = [](const char *why) {
+        return ZELError::withMessage(QLatin1String("the signature ") + QLatin1String(why));
+    };
+    if (!outline.isWhole)
+        return refusal("file is malformed");
+    if (outline.content.isNull() != isDetached)
+        return refusal(isDetached ? "is not detached" : "holds nothing");
+    if (!outline.isOfData)
+        return refusal("is over something else than data");
+    if (outline.signers < 1)
+        return refusal("has no signer");
+    if (outline.signers > mostSigners)
+        return refusal("has too many signers");
+    if (outline.certificates > MaxCertificates)
+        return refusal("has too many certificates");
+    const bool isStrong =
+        outline.otherDigests == 0 && outline.strongDigests >= 1 && outline.strongDigests <= MaxSigners;
+    return isStrong ? ZELError() : refusal("is over a digest that is not SHA-2");
 }
 
-// Whether the digests that a signature announces for all its signers are few and strong. The library shows
-// them to nobody, runs the content through each of them, were they thousands, and loses memory over one that
-// it does not know.
-bool announcesStrongDigests(const QByteArray &signature)
+Cms decoded(const QByteArray &signature)
 {
-    DerReader reader(signature);
-    const bool found = enterSignedData(reader) && reader.enter(V_ASN1_SET);
-    int count = 0;
-    for (; found && !reader.atEnd(); ++count) {
-        const Algorithm digest(reader.algorithm());
-        if (!isStrong(digest.get()) || count == MaxSigners)
-            return false;
-    }
-    return count > 0;
+    const auto *at = reinterpret_cast<const unsigned char *>(signature.constData());
+    return Cms(d2i_CMS_ContentInfo(nullptr, &at, long(signature.size())));
 }
 
-// What the library would let pass.
-ZELError checkShape(CMS_ContentInfo *cms, const QByteArray &signature, bool isDetached, int mostSigners)
+// What each signer says of itself: nobody else sees to it. A signer that signs no attributes has signed the
+// content alone.
+ZELError checkSigners(CMS_ContentInfo *cms)
 {
-    if (bool(CMS_is_detached(cms)) != isDetached)
-        return failure(isDetached ? QStringLiteral("the signature is not detached")
-                                  : QStringLiteral("the signature holds nothing"));
     STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
-    const int count = sk_CMS_SignerInfo_num(signers);
-    if (count < 1 || count > mostSigners)
-        return failure(count < 1 ? QStringLiteral("the signature has no signer")
-                                 : QStringLiteral("the signature has too many signers"));
-    bool strong = announcesStrongDigests(signature);
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
+        CMS_SignerInfo *signer = sk_CMS_SignerInfo_value(signers, i);
         X509_ALGOR *digest = nullptr;
-        CMS_SignerInfo_get0_algs(sk_CMS_SignerInfo_value(signers, i), nullptr, nullptr, &digest, nullptr);
-        strong = strong && isStrong(digest);
+        CMS_SignerInfo_get0_algs(signer, nullptr, nullptr, &digest, nullptr);
+        if (!isStrong(digest))
+            return failure(QStringLiteral("the signature is over a digest that is not SHA-2"));
+        constexpr int alone = -3; // there is one attribute of the kind, with one value
+        const auto *type = static_cast<const ASN1_OBJECT *>(
+            CMS_signed_get0_data_by_OBJ(signer, OBJ_nid2obj(NID_pkcs9_contentType), alone, V_ASN1_OBJECT));
+        if (CMS_signed_get_attr_count(signer) >= 0 && (!type || OBJ_obj2nid(type) != NID_pkcs7_data))
+            return failure(QStringLiteral("the signature is over something else than data"));
     }
-    return strong ? ZELError() : failure(QStringLiteral("the signature is over a digest that is not SHA-2"));
+    return {};
 }
 
 // Before anything is computed with them.
@@ -205,7 +175,7 @@ QStringList normalPins(const QStringList &fingerprints)
 ZELError checkPins(CMS_ContentInfo *cms, const AcceptedSigners &accepted, const ASN1_TIME *issued)
 {
     const QStringList pins = normalPins(accepted.fingerprints);
-    std::set<QByteArray> keys;
+    std::vector<const X509 *> accountable; // one for each key
     ZELError unsuitable;
     STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
     for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
@@ -214,20 +184,20 @@ ZELError checkPins(CMS_ContentInfo *cms, const AcceptedSigners &accepted, const 
         CMS_SignerInfo_get0_algs(signer, nullptr, &certificate, nullptr, nullptr);
         if (!certificate || !pins.contains(fingerprintOf(certificate)))
             continue;
+        const auto hasItsKey = [certificate](const X509 *other) { return haveOneKey(certificate, other); };
         if (const ZELError error = checkSigner(certificate, issued ? issued : signingTime(signer)))
             unsuitable = error;
-        else
-            keys.insert(keyDigestOf(certificate));
+        else if (std::none_of(accountable.begin(), accountable.end(), hasItsKey))
+            accountable.push_back(certificate);
     }
-    ERR_clear_error();
-    if (accepted.threshold >= 1 && qint64(keys.size()) >= accepted.threshold)
+    if (accepted.threshold >= 1 && qint64(accountable.size()) >= accepted.threshold)
         return {};
     if (unsuitable)
         return unsuitable;
-    if (keys.empty())
+    if (accountable.empty())
         return ZELError::withMessage(QStringLiteral("the signer is not one of those that are pinned"));
     return ZELError::withMessage(QStringLiteral("%1 of the pinned signers signed, needed are %2")
-                                     .arg(keys.size())
+                                     .arg(accountable.size())
                                      .arg(qMax(accepted.threshold, qint64(2))));
 }
 
@@ -235,16 +205,19 @@ ZELError checkPins(CMS_ContentInfo *cms, const AcceptedSigners &accepted, const 
 // `cms` receives the structure, with each signer's certificate found.
 ZELError verify(const QByteArray &signature, const QByteArray *content, int *signersLeft, Cms &cms)
 {
-    const auto *at = reinterpret_cast<const unsigned char *>(signature.constData());
-    const auto *end = at + signature.size();
-    cms.reset(d2i_CMS_ContentInfo(nullptr, &at, long(signature.size())));
-    if (!cms || at != end)
-        return failure(QStringLiteral("the signature file is malformed"));
+    if (signature.size() > MaxSignatureSize)
+        return failure(QStringLiteral("the signature is too large"));
+    const SignatureOutline outline = SignatureOutline::of(signature);
     const int mostSigners = signersLeft ? qMin(MaxSigners, *signersLeft) : MaxSigners;
-    if (const ZELError error = checkShape(cms.get(), signature, content, mostSigners))
+    if (const ZELError error = checkOutline(outline, content, mostSigners))
         return error;
     if (signersLeft)
-        *signersLeft -= sk_CMS_SignerInfo_num(CMS_get0_SignerInfos(cms.get()));
+        *signersLeft -= outline.signers;
+    cms = decoded(signature);
+    if (!cms)
+        return failure(QStringLiteral("the signature file is malformed"));
+    if (const ZELError error = checkSigners(cms.get()))
+        return error;
     if (const ZELError error = checkKeys(cms.get()))
         return error;
     constexpr unsigned int flags = CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY;
@@ -260,7 +233,7 @@ ZELError verify(const QByteArray &signature, const QByteArray *content, int *sig
         return failure(QStringLiteral("the signature does not verify"));
     // Two readers of one structure must not see two contents.
     const long size = BIO_get_mem_data(verified.get(), &bytes);
-    return contentOf(signature) == QByteArrayView(bytes, size)
+    return outline.content == QByteArrayView(bytes, size)
         ? ZELError()
         : failure(QStringLiteral("the signature file is malformed"));
 }
@@ -318,6 +291,7 @@ ZELError signWith(const QList<Signer> &signers, const QByteArray &content, Signa
 ZELError verifySignature(const QByteArray &content, const QByteArray &signature, const SignerPins &pins,
                          int *signersLeft)
 {
+    const ErrorsTaken taken;
     Cms cms;
     ZELError error = verify(signature, &content, signersLeft, cms);
     if (!error && pins)
@@ -327,6 +301,7 @@ ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
 
 ZELError verifyMessage(const QByteArray &message, const AcceptedSigners &accepted, qint64 issued)
 {
+    const ErrorsTaken taken;
     Cms cms;
     const Time when(ASN1_TIME_set(nullptr, time_t(issued)));
     ZELError error = verify(message, nullptr, nullptr, cms);
@@ -339,19 +314,19 @@ ZELError verifyMessage(const QByteArray &message, const AcceptedSigners &accepte
 
 QByteArray contentOf(const QByteArray &message)
 {
-    DerReader reader(message);
-    const bool found = enterSignedData(reader) && reader.skip(V_ASN1_SET) && reader.enter(V_ASN1_SEQUENCE)
-        && reader.skip(V_ASN1_OBJECT) && reader.enter(0) && reader.enter(V_ASN1_OCTET_STRING);
-    ERR_clear_error();
-    return found ? reader.bytes() : QByteArray();
+    const ErrorsTaken taken;
+    const SignatureOutline outline = SignatureOutline::of(message);
+    return outline.isWhole ? outline.content.toByteArray() : QByteArray();
 }
 
 QList<SealSigner> namedSigners(const QByteArray &signature)
 {
-    const auto *at = reinterpret_cast<const unsigned char *>(signature.constData());
-    const Cms cms(d2i_CMS_ContentInfo(nullptr, &at, long(signature.size())));
+    const ErrorsTaken taken;
+    const SignatureOutline outline = SignatureOutline::of(signature);
     QList<SealSigner> signers;
-    if (cms) {
+    const bool isSmall =
+        signature.size() <= MaxSignatureSize && !checkOutline(outline, outline.content.isNull(), MaxSigners);
+    if (const Cms cms = isSmall ? decoded(signature) : Cms()) {
         // Certificates are matched to signers when a signature is verified, which this is not.
         CMS_set1_signers_certs(cms.get(), nullptr, 0);
         const Certificates found(CMS_get0_signers(cms.get()));
@@ -360,7 +335,6 @@ QList<SealSigner> namedSigners(const QByteArray &signature)
             signers.append({subjectOf(certificate), fingerprintOf(certificate)});
         }
     }
-    ERR_clear_error();
     return signers;
 }
 

@@ -37,6 +37,9 @@ private:
     std::shared_ptr<X509> m_certificate;
 };
 
+/// Larger ones are refused unread, in bytes: a seal by eight signers takes an eighth of it.
+constexpr qint64 MaxSignatureSize = 256 << 10;
+
 /// Whether a signature holds what was signed.
 enum class SignatureKind { Detached, Attached };
 
@@ -45,13 +48,13 @@ enum class SignatureKind { Detached, Attached };
 ZELError signWith(const QList<Signer> &signers, const QByteArray &content, SignatureKind kind,
                   QByteArray &signature);
 
-/// No error when `signature` is a detached CMS signature in DER over `content` that has one to eight signers,
-/// each with its certificate inside, with SHA-2 as digest and with a key of RSA (2048 to 8192 bits, exponent
-/// of 32 bits or less) or of an elliptic curve (224 to 521 bits), all of which verify. The certificates'
-/// chain is not looked at. Where signers are pinned, as many as their threshold says must be among them, by
-/// certificates that were a signer's at the time that each signature gives (SignerCertificate.h).
-/// `signersLeft` counts down the signers that may still be looked at, for all signatures that are verified
-/// with it. Safe from any thread.
+/// No error when `signature` is a detached CMS signature in DER over `content`, as data, that has one to
+/// eight signers, each with its certificate inside, among no more than 16, with SHA-2 as digest and with a
+/// key of RSA (2048 to 8192 bits, exponent of 32 bits or less) or of an elliptic curve (224 to 521 bits), all
+/// of which verify. The certificates' chain is not looked at. Where signers are pinned, as many as their
+/// threshold says must be among them, by certificates that were a signer's at the time that each signature
+/// gives (SignerCertificate.h). `signersLeft` counts down the signers that may still be looked at, for all
+/// signatures that are verified with it. Safe from any thread.
 ZELError verifySignature(const QByteArray &content, const QByteArray &signature,
                          const SignerPins &pins = std::nullopt, int *signersLeft = nullptr);
 

@@ -31,7 +31,6 @@ private:
 };
 
 constexpr qint64 MaxResourcesSize = 64 << 20; // bytes; what some 400 000 items take
-constexpr qint64 MaxSignatureSize = 1 << 20;
 
 constexpr int MaxNestedBundles = 1024;
 

@@ -61,12 +61,9 @@ QString fingerprintOf(const X509 *certificate)
     return QString::fromLatin1(digest.left(size).toHex());
 }
 
-QByteArray keyDigestOf(const X509 *certificate)
+bool haveOneKey(const X509 *first, const X509 *second)
 {
-    QByteArray digest(EVP_MAX_MD_SIZE, Qt::Uninitialized);
-    unsigned int size = 0;
-    X509_pubkey_digest(certificate, EVP_sha256(), reinterpret_cast<unsigned char *>(digest.data()), &size);
-    return digest.left(size);
+    return EVP_PKEY_eq(X509_get0_pubkey(first), X509_get0_pubkey(second)) == 1;
 }
 
 // One rule for those who sign and for those who verify. Keys that sign a digest of their own choice (Ed25519)

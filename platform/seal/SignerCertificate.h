@@ -5,8 +5,7 @@
 // pass:
 //
 // - what it is for: a certificate for web servers is no signer, for its key lies on the very machine that
-// pins
-//   are to make unnecessary to trust;
+//   pins are to make unnecessary to trust;
 // - its dates, as of the time of the signature: a publisher who let a certificate end, and has taken its key
 //   out of the safe, means it. A thief can give a wrong time in a seal, but a record's expires by itself.
 #pragma once
@@ -25,8 +24,8 @@ QString subjectOf(const X509 *certificate);
 /// SHA-256 of the certificate, lower-case hexadecimal: what pins are made of.
 QString fingerprintOf(const X509 *certificate);
 
-/// SHA-256 of the public key: two certificates of one key have the same.
-QByteArray keyDigestOf(const X509 *certificate);
+/// Whether two certificates are of one key, however each writes it: a point of a curve has several encodings.
+bool haveOneKey(const X509 *first, const X509 *second);
 
 /// Whether a key may sign: RSA with 2048 to 8192 bits and a short exponent, or an elliptic curve with 224 to
 /// 521 bits.

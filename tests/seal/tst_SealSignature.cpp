@@ -3,19 +3,41 @@
 #include "support/Signing.h"
 #include "support/TemporaryTree.h"
 
+#include <openssl/err.h>
 #include <QProcess>
 
 namespace {
 
-// The first digest in the structure is the one that it announces for its signers.
-QByteArray announcingUnknownDigest(QByteArray cms)
+// Replaces an object identifier's last number where it stands first.
+QByteArray changed(QByteArray cms, const char *identifier, char last)
 {
-    const QByteArray sha256 = QByteArray::fromHex("0609608648016503040201");
-    const qsizetype at = cms.indexOf(sha256);
+    const QByteArray name = QByteArray::fromHex(identifier);
+    const qsizetype at = cms.indexOf(name);
     if (at < 0)
-        qFatal("no digest is announced");
-    cms[at + sha256.size() - 1] = 0x7f;
+        qFatal("there is no %s", identifier);
+    cms[at + name.size() - 1] = last;
     return cms;
+}
+
+// An element of DER with up to 64 KiB.
+QByteArray element(uchar tag, const QByteArray &content)
+{
+    const auto size = ushort(content.size());
+    const QByteArray tagged(1, char(tag));
+    return (size < 128 ? tagged : tagged + '\x82' + char(size >> 8)) + char(size) + content;
+}
+
+// A signature by nobody, with what is said to be certificates and signers.
+QByteArray byNobody(const QByteArray &certificates, const QByteArray &signers)
+{
+    const QByteArray sha256 = QByteArray::fromHex("300b0609608648016503040201");
+    return element(0x30,
+                   QByteArray::fromHex("06092a864886f70d010702")
+                       + element(0xa0,
+                                 element(0x30,
+                                         QByteArray::fromHex("020101") + element(0x31, sha256)
+                                             + QByteArray::fromHex("300b06092a864886f70d010701")
+                                             + certificates + element(0x31, signers))));
 }
 
 // A signature over "content" of whatever shape.
@@ -54,8 +76,9 @@ private slots:
     {
         QByteArray twoWithOneBroken = cms({m_signer, m_other});
         twoWithOneBroken.back() ^= 1; // the signature value of one ends the structure
-        const QByteArray nobody = QByteArray::fromHex("302306092a864886f70d010702a0163014020101"
-                                                      "3100300b06092a864886f70d0107013100");
+        const QByteArray empty = QByteArray::fromHex("3000");
+        const char *const data = "06092a864886f70d010701", *const digested = "06092a864886f70d010705";
+        const QByteArray ofDigested = cms({m_signer}, {"-econtent_type", "1.2.840.113549.1.7.5"});
         // What is said in part; nothing where the signature is valid.
         std::vector<std::tuple<const char *, QByteArray, QString>> rows{
             {"own", m_own, ""},
@@ -63,10 +86,22 @@ private slots:
             {"without signed attributes", cms({m_signer}, {"-noattr"}), ""},
             {"two signers, one broken", twoWithOneBroken, "does not verify"},
             {"content inside", cms({m_signer}, {"-nodetach"}), "not detached"},
-            {"no signer", nobody, "no signer"},
+            {"no signer", byNobody({}, {}), "no signer"},
+            // None of them can be decoded, and none is.
+            {"a flood of certificates", byNobody(element(0xa0, empty.repeated(17)), empty),
+             "too many certificates"},
+            {"few certificates", byNobody(element(0xa0, empty.repeated(16)), empty), "malformed"},
+            {"a flood of signers", byNobody({}, empty.repeated(9)), "too many signers"},
+            {"revocation lists", byNobody(element(0xa1, empty), empty), "malformed"},
+            {"large", byNobody({}, {}) + QByteArray(256 << 10, 0), "too large"},
+            {"something after it", m_own + '\0', "malformed"},
+            {"of another type", ofDigested, "something else than data"},
+            {"of another type, said to be data", changed(ofDigested, digested, 1),
+             "something else than data"},
+            {"of data, said to be of another type", changed(m_own, data, 5), "something else than data"},
             {"nine signers", cms(QList<TestCertificate>(9, m_signer), {"-nocerts"}), "too many signers"},
             {"no certificate", cms({m_signer}, {"-nocerts"}), "does not verify"},
-            {"unknown digest", announcingUnknownDigest(m_own), "not SHA-2"},
+            {"unknown digest", changed(m_own, "0609608648016503040201", 0x7f), "not SHA-2"},
             {"SHA-1", cms({m_signer}, {"-md", "sha1"}), "not SHA-2"},
         };
         const auto madeKey = [&](const QStringList &key, const QString &message) {
@@ -84,6 +119,7 @@ private slots:
             const ZELError error = zel::verifySignature("content", bytes);
             QCOMPARE(bool(error), !message.isEmpty());
             QVERIFY2(error.message.contains(message), qPrintable(error.message));
+            QCOMPARE(ERR_peek_error(), 0UL); // of the host's own errors none is to be taken for one of these
         }
     }
 

@@ -30,6 +30,10 @@ TestCertificate makeTestCertificate(const QString &folder, const QString &name, 
 
 TestCertificate makeSecondCertificate(const TestCertificate &first, const QString &name)
 {
+    const QString compressed = first.keyFile + u'.' + name;
+    if (QProcess::execute("openssl",
+                          {"ec", "-in", first.keyFile, "-conv_form", "compressed", "-out", compressed}))
+        qFatal("cannot write %s", qPrintable(compressed));
     return makeCertificate({first.keyFile, first.certificateFile + u'.' + name, {}}, name,
-                           {"-new", "-key", first.keyFile});
+                           {"-new", "-key", compressed});
 }

@@ -15,5 +15,5 @@ struct TestCertificate {
 TestCertificate makeTestCertificate(const QString &folder, const QString &name,
                                     const QStringList &key = {"ec", "-pkeyopt", "ec_paramgen_curve:P-256"});
 
-/// Another certificate of the same key, as after a renewal.
+/// Another certificate of the same P-256 key, as after a renewal; it writes the key in another way.
 TestCertificate makeSecondCertificate(const TestCertificate &first, const QString &name);
