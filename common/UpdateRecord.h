@@ -51,6 +51,13 @@ inline constexpr QLatin1String Url("url");
 inline constexpr QLatin1String Version("version");
 } // namespace key
 
+/// What a client reads of a check's reply at most; of a longer one it reads nothing.
+struct FeedLimits {
+    static constexpr qint64 Bytes = 4 << 20;
+    static constexpr qint64 Records = 10'000;
+    static constexpr qint64 Values = 200'000; ///< records as long as the protocol makes them have fewer
+};
+
 /// A file that the server offers, and what it is known by. Of a value of a type that makes no sense there is
 /// as much left as makes every comparison with it fail.
 struct OfferedFile {

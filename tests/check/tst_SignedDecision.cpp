@@ -150,6 +150,10 @@ private slots:
         row("a newer one under a lower number", {hidden}, "beside its signature stands another");
         row("a newer one under a lower number, beside the installed one",
             {hidden, good(100, {{"builds", QJsonArray{100, 102}}})}, "withholds build 102");
+        row("a newer one under the number of an older one",
+            {good(102, {{"builds", QJsonArray{102, 103}}}),
+             with(good(103, {{"builds", QJsonArray{102, 103}}}), "build", 101)},
+            "withholds build 103");
         row("another in place of a withheld one", {bad, good(101, {{"builds", QJsonArray{101, 102}}})},
             "withholds build 102");
     }
@@ -191,6 +195,7 @@ private slots:
               {"two signers", {by({m_maker, m_second}, record(101))}, 2, 100},
               {"a stranger signs, too", {by({m_maker, m_thief}, record(101))}, 1, 100},
               {"some bad ones first", few, 1, 100},
+              {"some bad ones, and nothing newer", few, 1, 101},
               {"a beta build that is not wanted", {beta, good(101, {{"builds", two}})}, 1, 100},
               {"nothing newer", {good()}, 1, 101}}) {
             const Case context(name);

@@ -25,7 +25,6 @@ namespace zel {
 namespace {
 
 // Of a check and of the release notes: decoded, and with all redirections.
-constexpr qint64 LongestReply = 4 * 1024 * 1024;
 constexpr std::chrono::minutes LongestTime(2);
 
 constexpr std::array StatusTexts = {
@@ -74,7 +73,7 @@ URLRequest postRequest(const QUrl &url, const QByteArray &body)
     request.url = url;
     request.method = "POST";
     request.body = body;
-    request.bodyLimit = LongestReply;
+    request.bodyLimit = FeedLimits::Bytes;
     request.deadline = LongestTime;
     return request;
 }

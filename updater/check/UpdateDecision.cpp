@@ -17,26 +17,23 @@
 
 #include <algorithm>
 #include <limits>
+#include <queue>
+#include <set>
 #include <vector>
 
 namespace zel {
 
 namespace {
 
-constexpr qsizetype MostRecords = 10'000;
-
-// Records as long as the protocol makes them have fewer in 4 MiB.
-constexpr qsizetype MostValues = 200'000;
-
 // The records of a reply; nothing when it is none.
 std::optional<QJsonArray> recordsIn(const QByteArray &body)
 {
     QJsonDocument reply;
-    if (const ZELError error = parseJson(body, MostValues, reply)) {
+    if (const ZELError error = parseJson(body, FeedLimits::Values, reply)) {
         systemLog(QLatin1String("the reply of the check is not read: ") + error.message);
         return std::nullopt;
     }
-    if (!reply.isArray() || reply.array().size() > MostRecords)
+    if (!reply.isArray() || reply.array().size() > FeedLimits::Records)
         return std::nullopt;
     return reply.array();
 }
@@ -110,10 +107,11 @@ Decision offer(const UpdateRecord &record, std::optional<qint64> installedBuild)
 // record lists the builds that were signed with it, and those which would have been looked at before it must
 // be there.
 //
-// Most records of a feed are of builds that are no news. Those whose build, as it stands beside the
-// signature, is not above the installed one are not even read, unless there is nothing newer and one of them
-// has to show that the feed is fresh. Whoever writes a low number beside a new record withholds it by that,
-// which is seen.
+// Reading a hundred records takes longer than verifying one, and most of them change nothing. So they are
+// read in the order of the builds that stand beside their signatures, which are claims: none is read that
+// claims less than what is taken, nor, unless there is nothing newer and one of them has to show that the
+// feed is fresh, one that claims to be no news. Whoever claims too much for a record gains nothing, for it is
+// compared by its own build once it is read. Whoever claims too little withholds it by that, which is seen.
 class SignedChoice
 {
 public:
@@ -121,28 +119,28 @@ public:
                  const MachineFacts &facts)
         : m_records(records)
         , m_policy(policy)
+        , m_config(config)
+        , m_facts(facts)
         , m_installed(config.buildNumber())
     {
         for (qsizetype i = 0; i < records.size(); ++i) {
             const QJsonObject record = records[i].toObject();
-            const qint64 build = integerValue(record[key::Build].toVariant());
-            if (record.contains(key::Signed) && record.contains(key::Build) && build <= m_installed)
-                m_older.push_back({i, build, 0});
-            else
-                judge(i, config, facts);
+            const bool claims = record.contains(key::Signed) && record.contains(key::Build);
+            const qint64 build = claims ? integerValue(record[key::Build].toVariant()) : Unclaimed;
+            (build > m_installed ? m_newer : m_older).push_back({i, build, 0});
         }
+        sort(m_newer, &Candidate::build);
+        sort(m_older, &Candidate::build);
     }
 
     Decision decide(std::optional<qint64> installedBuild, const QUrl &base)
     {
-        sort(m_suitable, &Candidate::build);
-        sort(m_fresh, &Candidate::issued);
         Decision decision{ZELStatusNoUpdates};
-        std::optional<UpdateRecord> record = firstVerified(m_suitable);
+        std::optional<UpdateRecord> record = newest();
         if (record)
             decision = offer(record->resolvedAgainst(base), installedBuild);
         else
-            record = firstVerified(m_fresh); // that there is nothing newer must come from the publisher, too
+            record = latest(); // that there is nothing newer must come from the publisher, too
         if (!record)
             record = firstOlder();
         if (!record) {
@@ -163,8 +161,15 @@ public:
 private:
     struct Candidate {
         qsizetype index;
-        qint64 build;
+        qint64 build; // claimed, until the record is read
         qint64 issued;
+    };
+
+    struct Suits {
+        bool operator()(const Candidate &a, const Candidate &b) const
+        {
+            return a.build != b.build ? a.build < b.build : a.index > b.index;
+        }
     };
 
     static void sort(std::vector<Candidate> &candidates, qint64 Candidate::*by)
@@ -193,26 +198,44 @@ private:
         return error ? std::nullopt : std::optional(record);
     }
 
-    void judge(qsizetype index, const HostConfig &config, const MachineFacts &facts)
+    // The highest build that suits and whose signature is good. Of those that are left unread by then none
+    // claims as much.
+    std::optional<UpdateRecord> newest()
     {
-        const std::optional<UpdateRecord> record = judged(index);
-        if (!record)
-            return;
-        const Candidate candidate{index, record->build, record->issued};
-        m_fresh.push_back(candidate);
-        if (suits(*record, config, facts))
-            m_suitable.push_back(candidate);
+        std::priority_queue<Candidate, std::vector<Candidate>, Suits> suitable;
+        for (auto next = m_newer.cbegin();;) {
+            if (next != m_newer.cend() && (suitable.empty() || next->build >= suitable.top().build)) {
+                const std::optional<UpdateRecord> record = judged(next->index);
+                if (record) {
+                    m_fresh.push_back({next->index, record->build, record->issued});
+                    if (suits(*record, m_config, m_facts))
+                        suitable.push(m_fresh.back());
+                }
+                ++next;
+            } else if (suitable.empty()) {
+                return std::nullopt;
+            } else if (std::optional<UpdateRecord> record = verified(suitable.top())) {
+                return record;
+            } else {
+                suitable.pop();
+            }
+        }
+    }
+
+    std::optional<UpdateRecord> latest()
+    {
+        sort(m_fresh, &Candidate::issued);
+        return firstVerified(m_fresh);
     }
 
     std::optional<UpdateRecord> firstOlder()
     {
-        sort(m_older, &Candidate::build);
         for (const Candidate &candidate : m_older) {
             const std::optional<UpdateRecord> record = judged(candidate.index);
             if (record && record->build > m_installed)
                 refuse(record->build,
                        QStringLiteral("build %1: beside its signature stands another").arg(record->build));
-            else if (record && firstVerified({candidate}))
+            else if (record && verified(candidate))
                 return record;
         }
         return std::nullopt;
@@ -221,16 +244,23 @@ private:
     std::optional<UpdateRecord> firstVerified(const std::vector<Candidate> &candidates)
     {
         for (const Candidate &candidate : candidates) {
-            if (m_failures == MostFailures)
-                return std::nullopt;
-            const std::optional<SignedRecord> record = read(candidate.index);
-            const ZELError error = verifyRecord(*record, m_policy);
-            if (!error)
-                return record->record;
-            ++m_failures;
-            refuse(record->record.build,
-                   QStringLiteral("build %1: %2").arg(record->record.build).arg(error.message));
+            if (std::optional<UpdateRecord> record = verified(candidate))
+                return record;
         }
+        return std::nullopt;
+    }
+
+    std::optional<UpdateRecord> verified(const Candidate &candidate)
+    {
+        if (m_failed.size() == MostFailures || m_failed.contains(candidate.index))
+            return std::nullopt;
+        const std::optional<SignedRecord> record = read(candidate.index);
+        const ZELError error = verifyRecord(*record, m_policy);
+        if (!error)
+            return record->record;
+        m_failed.insert(candidate.index);
+        refuse(record->record.build,
+               QStringLiteral("build %1: %2").arg(record->record.build).arg(error.message));
         return std::nullopt;
     }
 
@@ -261,15 +291,18 @@ private:
         m_reason = reason;
     }
 
-    static constexpr int MostFailures = 16;
+    static constexpr size_t MostFailures = 16;
+    static constexpr qint64 Unclaimed = std::numeric_limits<qint64>::max();
 
     const QJsonArray &m_records;
     const RecordPolicy &m_policy;
-    std::vector<Candidate> m_suitable;
-    std::vector<Candidate> m_fresh; // suitable or not
-    std::vector<Candidate> m_older; // by what stands beside their signatures
+    const HostConfig &m_config;
+    const MachineFacts &m_facts;
     const qint64 m_installed;
-    int m_failures = 0;
+    std::vector<Candidate> m_newer; // than the installed one, by their claims, the highest first
+    std::vector<Candidate> m_older; // likewise
+    std::vector<Candidate> m_fresh; // those that were read and judged, suitable or not
+    std::set<qsizetype> m_failed; // to verify
     qint64 m_refused = std::numeric_limits<qint64>::min(); // the highest build
     QString m_reason = QStringLiteral("it is empty");
 };
