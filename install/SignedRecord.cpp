@@ -24,15 +24,9 @@ namespace zel {
 
 namespace {
 
-constexpr qsizetype LongestMessage = 1 << 20; // bytes; a record with a hundred patches has a twentieth
+constexpr qsizetype LongestText = (MaxSignatureSize + 2) / 3 * 4; // a hundred patches take a tenth
 constexpr qint64 MostValues = 20'000;
 constexpr qint64 ClockTolerance = 24 * 60 * 60; // seconds: clocks in another time zone by mistake
-
-QString dateText(qint64 seconds)
-{
-    const QString text = QDateTime::fromSecsSinceEpoch(seconds, Qt::UTC).toString(Qt::ISODate);
-    return text.isEmpty() ? QString::number(seconds) : text;
-}
 
 bool isKnown(const OfferedFile &file)
 {
@@ -77,9 +71,20 @@ std::optional<RecordPolicy> recordPolicy(const HostConfig &config)
                             build.isValid() ? std::optional(integerValue(build)) : std::nullopt};
 }
 
+SignerPins pinsOf(const std::optional<RecordPolicy> &policy)
+{
+    return policy ? SignerPins(policy->signers) : std::nullopt;
+}
+
+QString dateText(qint64 seconds)
+{
+    const QString text = QDateTime::fromSecsSinceEpoch(seconds, Qt::UTC).toString(Qt::ISODate);
+    return text.isEmpty() ? QString::number(seconds) : text;
+}
+
 std::optional<SignedRecord> SignedRecord::read(const QString &text)
 {
-    if (text.isEmpty() || text.size() > LongestMessage)
+    if (text.isEmpty() || text.size() > LongestText)
         return std::nullopt;
     SignedRecord result;
     result.message = QByteArray::fromBase64(text.toLatin1());

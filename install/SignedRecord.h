@@ -29,6 +29,12 @@ struct RecordPolicy {
 /// installed bundle's Info.plist and, for "installed", its seal. Safe from any thread.
 std::optional<RecordPolicy> recordPolicy(const HostConfig &config);
 
+/// Those whose seals such a host accepts; nothing where there is no policy: anyone's.
+SignerPins pinsOf(const std::optional<RecordPolicy> &policy);
+
+/// A date of a record, in seconds since 1970, for people: ISO 8601, UTC.
+QString dateText(qint64 seconds);
+
 /// The longest time that a record may be good for, in seconds: a year. What was signed with a stolen key, at
 /// a time when its certificate was good, ends with it.
 inline constexpr qint64 LongestValidity = qint64(366) * 24 * 60 * 60;

@@ -147,7 +147,7 @@ ZELError UpdateInstaller::prepare(BuildInputs &inputs, CheckResult &offer) const
     const Settings settings = this->settings();
     const ZELError error = trustedOffer(CheckResult::fromMap(update()), settings.policy, offer);
     inputs = {.installedBundle = settings.installedBundle,
-              .signers = settings.policy ? SignerPins(settings.policy->signers) : std::nullopt,
+              .signers = pinsOf(settings.policy),
               .announcedBuild = offer.update ? offer.update->build : 0};
     return error;
 }

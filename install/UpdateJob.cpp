@@ -314,7 +314,7 @@ bool UpdateJob::leave(const Ending &ending)
 BuildInputs UpdateJob::buildInputs() const
 {
     return {.installedBundle = m_inputs.installedBundle,
-            .signers = m_inputs.policy ? SignerPins(m_inputs.policy->signers) : std::nullopt,
+            .signers = pinsOf(m_inputs.policy),
             .announcedBuild = record().build,
             .archiveTool = m_inputs.archiveTool,
             .stop = m_stop.get_token()};

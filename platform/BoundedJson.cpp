@@ -31,6 +31,16 @@ const char *endOfText(const char *at, const char *end)
     return end;
 }
 
+bool isMemoryFor(qint64 bytes)
+{
+    void *const block = std::malloc(size_t(bytes));
+    const bool there = block != nullptr;
+    std::free(block);
+    return there;
+}
+
+} // namespace
+
 // No fewer than the parser makes of a text, be it JSON or not: each value begins behind one of these marks.
 qint64 valuesIn(QByteArrayView json)
 {
@@ -46,16 +56,6 @@ qint64 valuesIn(QByteArrayView json)
     }
     return count;
 }
-
-bool isMemoryFor(qint64 bytes)
-{
-    void *const block = std::malloc(size_t(bytes));
-    const bool there = block != nullptr;
-    std::free(block);
-    return there;
-}
-
-} // namespace
 
 ZELError parseJson(const QByteArray &json, qint64 mostValues, QJsonDocument &document)
 {

@@ -325,10 +325,20 @@ QString faultOf(const QVariantList &log)
     return {};
 }
 
-ZELError prove(const QString &oldPath, const QString &newPath, const QString &patchPath,
-               const QString &folder)
+} // namespace
+
+QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QString &patchPath)
 {
-    const QString built = folder + QLatin1String("/built");
+    if (const QString fault = faultOf(log); !fault.isEmpty())
+        return fault;
+    PatchFile file;
+    const ZELError error = PatchFile::read(patchPath, {.oldBundle = treeSize(oldPath)}, file);
+    return error ? error.message : QStringLiteral("memory is exhausted");
+}
+
+ZELError provePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
+                    const QString &built)
+{
     QVariantList log;
     if (!ZELUpdaterApplyPatch(oldPath, built, patchPath, log)) {
         const QString why = whyNotApplied(log, oldPath, patchPath);
@@ -342,17 +352,6 @@ ZELError prove(const QString &oldPath, const QString &newPath, const QString &pa
         return ZELError::withMessage(QLatin1String("the patch does not give the new bundle: ")
                                      + differences.front() + QLatin1String(" differs"));
     return {};
-}
-
-} // namespace
-
-QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QString &patchPath)
-{
-    if (const QString fault = faultOf(log); !fault.isEmpty())
-        return fault;
-    PatchFile file;
-    const ZELError error = PatchFile::read(patchPath, {.oldBundle = treeSize(oldPath)}, file);
-    return error ? error.message : QStringLiteral("memory is exhausted");
 }
 
 ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
@@ -381,7 +380,7 @@ ZELError makePatch(const QString &oldPath, const QString &newPath, const QString
         return error;
     if (options.progress)
         options.progress(QStringLiteral("proving"), 0, 0);
-    if (const ZELError error = prove(oldPath, newPath, aside, folder.path()))
+    if (const ZELError error = provePatch(oldPath, newPath, aside, folder.filePath(QStringLiteral("built"))))
         return error;
     if (const ZELError error = replaceFile(aside, patchPath))
         return error;

@@ -33,6 +33,11 @@ struct PatchSummary {
 /// Why `ZELUpdaterApplyPatch` did not apply a patch, given the log of it, in words for a person.
 QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QString &patchPath);
 
+/// Why a patch does not turn the bundle `oldPath` into the bundle `newPath`; no error when it does, byte by
+/// byte. The patch may be hostile. It is applied at `built`, where what stands is replaced, and which stays.
+ZELError provePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
+                    const QString &built);
+
 /// Writes the patch file that turns the bundle `oldPath` into the bundle `newPath`, and proves it: the patch
 /// is applied to a copy and the outcome compared item by item, byte by byte, before the file gets its name.
 /// On an error nothing is left at `patchPath` that was not there before. Works on all processors. Peak

@@ -32,7 +32,7 @@ FileDescriptor openFile(const QString &path, int flags)
     return FileDescriptor(::open(QFile::encodeName(path).constData(), flags | O_CLOEXEC));
 }
 
-// Reads an open file from its begin; nothing is added after an error.
+// Reads an open file from its begin until `take` has enough; nothing is added after an error.
 template <typename Take> ZELError readOpenFile(const FileDescriptor &file, const QString &path, Take take)
 {
     QByteArray buffer(1 << 18, Qt::Uninitialized);
@@ -40,8 +40,32 @@ template <typename Take> ZELError readOpenFile(const FileDescriptor &file, const
         const ssize_t count = readSome(file.get(), buffer.data(), size_t(buffer.size()));
         if (count <= 0)
             return count == 0 ? ZELError() : cannot("read", path);
-        take(QByteArrayView(buffer).first(count));
+        if (!take(QByteArrayView(buffer).first(count)))
+            return {};
     }
+}
+
+// Links in the last place are not followed; a pipe is opened without a writer, and refused then.
+ZELError openPublished(const QString &path, FileDescriptor &file)
+{
+    struct stat status;
+    file = openFile(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    if (!file && errno == ELOOP)
+        return ZELError::withMessage(path + QLatin1String(" is a link: put the file itself there"));
+    if (!file || ::fstat(file.get(), &status) != 0)
+        return cannot("read", path);
+    return S_ISREG(status.st_mode) ? ZELError() : ZELError::withMessage(path + QLatin1String(" is no file"));
+}
+
+ZELError readBounded(const FileDescriptor &file, const QString &path, qint64 most, QByteArray &bytes)
+{
+    const ZELError error = readOpenFile(file, path, [&](QByteArrayView piece) {
+        bytes += piece;
+        return bytes.size() <= most;
+    });
+    return bytes.size() <= most
+        ? error
+        : ZELError::withMessage(path + QLatin1String(" is larger than ") + sizeText(most));
 }
 
 // On the disk, in place of what was there.
@@ -152,12 +176,27 @@ ZELError avoidSizeWithoutHash(const QString &path)
 
 } // namespace
 
-ZELError readPublished(const QString &path, QByteArray &bytes)
+ZELError readPublished(const QString &path, qint64 most, QByteArray &bytes)
+{
+    FileDescriptor file;
+    const ZELError error = openPublished(path, file);
+    return error ? error : readBounded(file, path, most, bytes);
+}
+
+ZELError readInput(const QString &path, qint64 most, QByteArray &bytes)
 {
     const FileDescriptor file = openFile(path, O_RDONLY);
-    if (!file)
-        return cannot("read", path);
-    return readOpenFile(file, path, [&bytes](QByteArrayView piece) { bytes += piece; });
+    return file ? readBounded(file, path, most, bytes) : cannot("read", path);
+}
+
+ZELError copyPublished(const QString &path, const QString &copy)
+{
+    FileDescriptor from;
+    if (const ZELError error = openPublished(path, from))
+        return error;
+    const FileDescriptor to(
+        ::open(QFile::encodeName(copy).constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    return to && copyData(from.get(), to.get()) ? ZELError() : cannot("copy", path);
 }
 
 ZELError writeDurably(const QString &path, const QByteArray &bytes)
@@ -177,9 +216,9 @@ ZELError writeDurably(const QString &path, const QByteArray &bytes)
 
 ZELError settleFile(const QString &path, OfferedFile &facts)
 {
-    const FileDescriptor file = openFile(path, O_RDONLY);
-    if (!file)
-        return cannot("read", path);
+    FileDescriptor file;
+    if (const ZELError error = openPublished(path, file))
+        return error;
     if (::fsync(file.get()) != 0)
         return cannot("write", path);
     qint64 size = 0;
@@ -189,6 +228,7 @@ ZELError settleFile(const QString &path, OfferedFile &facts)
         size += piece.size();
         md5.add(piece);
         sha256.addData(piece);
+        return true;
     });
     if (error)
         return error;

@@ -9,15 +9,23 @@
 
 namespace zel {
 
-/// The whole content of a file; an error with the system's reason where it cannot be read.
-ZELError readPublished(const QString &path, QByteArray &bytes);
+/// The whole content of a file in a release folder. Whoever else writes there may have put anything in its
+/// place: a link, a pipe, a device or more than `most` bytes are errors, and nothing is waited for.
+ZELError readPublished(const QString &path, qint64 most, QByteArray &bytes);
+
+/// The whole content of a file that the user names, be it a pipe; more than `most` bytes are an error.
+ZELError readInput(const QString &path, qint64 most, QByteArray &bytes);
+
+/// Copies a file of a release folder, by the same rules, to where nobody can exchange it any more: to a path
+/// at which nothing is yet.
+ZELError copyPublished(const QString &path, const QString &copy);
 
 /// Replaces a file at once, or leaves what is there. After a power cut, too, it is the old one or the new
 /// one, whole. `path` is not a link.
 ZELError writeDurably(const QString &path, const QByteArray &bytes);
 
-/// Brings a file to the disk and tells what it is, as "size", "hash" (MD5) and "sha256": the keys of a
-/// record. An error when one of them cannot be told.
+/// Brings a file, none that `readPublished` would refuse, to the disk and tells what it is, as "size", "hash"
+/// (MD5) and "sha256": the keys of a record. An error when one of them cannot be told.
 ZELError settleFile(const QString &path, OfferedFile &facts);
 
 /// Brings the names in a folder to the disk.

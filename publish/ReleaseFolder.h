@@ -13,8 +13,8 @@
 
 namespace zel {
 
-/// The feed of a release folder: "releases.json", an array of update records whose addresses ("file",
-/// "history") are relative to the folder. The server makes them absolute.
+/// The feed of a release folder (FeedFile.h): update records whose addresses ("file", "history") are relative
+/// to the folder. The server makes them absolute.
 class ReleaseFolder
 {
 public:
@@ -22,10 +22,6 @@ public:
         : m_path(path)
     {
     }
-
-    /// Reads the feed; a folder without one has no records yet. An error when it cannot be looked at or read,
-    /// when it is a link that leads nowhere, or is not an array.
-    ZELError read(QJsonArray &records) const;
 
     struct Options {
         QString notes; ///< an HTML file; empty for none
@@ -36,6 +32,8 @@ public:
 
         /// The seal may be others' than the last release's, or than those who sign the record.
         bool newSigner = false;
+
+        bool startAnew = false; ///< sign a first record although files of earlier releases lie there
 
         FeedSigning signing = {}; ///< of the records; its `newSigner` is the one above
         qint64 memory = PatchMakerOptions().memory; ///< as there
@@ -60,21 +58,27 @@ public:
     /// at a time adds to a folder; others wait for it.
     ///
     /// With signers the record is signed, and all others again, with the same date; a feed that has signed
-    /// records takes no other. Those who sealed the bundle must be among the signers, as a host judges the
-    /// record and the seal by the same pins. SignedFeed.h says what is signed again.
+    /// records takes no other. One without records, where archives or patches of other builds lie, was
+    /// emptied by somebody: an error, unless it is to start anew. Those who sealed the bundle must be among
+    /// the signers, as a host judges the record and the seal by the same pins. SignedFeed.h says what is
+    /// signed again.
     ZELError add(const QString &bundle, const Options &options, Added &added) const;
 
     struct RefreshOptions {
         FeedSigning signing;
-        bool signUnsigned = false; ///< sign records that nobody has signed so far, too
+        QList<qint64> signUnsigned = {}; ///< all builds of a feed that nobody has signed so far
         std::function<void(const QString &line)> say;
     };
 
+    struct Refreshed {
+        QList<qint64> builds; ///< that were signed
+        QJsonArray leftOut; ///< patches that were not: objects of "build", "from" and "reason"
+    };
+
     /// Signs all records again, as SignedFeed.h says, so that clients take them for another while; the feed
-    /// is replaced at once, under the lock that `add` takes. A record that nobody has signed is signed as it
-    /// stands, if that is asked for: its files must be what it says of them, and its archive hold the bundle
-    /// of its build, sealed by nobody but those who sign. `builds` receives the builds that were signed.
-    ZELError refresh(const RefreshOptions &options, QList<qint64> &builds) const;
+    /// is replaced at once, under the lock that `add` takes. A feed that nobody has signed is signed if all
+    /// of its builds are named, by what its files are proved to be (FeedAdoption.h).
+    ZELError refresh(const RefreshOptions &options, Refreshed &refreshed) const;
 
 private:
     const QString m_path;

@@ -5,30 +5,25 @@
 // - All who sign now must have signed it before. Were one enough, the thief of one of two keys would plant
 //   what he signed with it, and be given the other signature.
 // - All records must be of one signing. An older one that somebody put back, of a build that was withdrawn,
-//   would get a new date.
+//   would get a new date; one of another feed that the same keys sign, a new audience.
 // - All that were signed together must be there. Who took the newest one out would have the publisher vouch
 //   that there is none.
 // - The files must be those that the signature knows. Clients would refuse others, and the publisher hears of
 //   it first.
 //
-// What nobody has signed is signed only where that is asked for (ReleaseFolder::refresh), by what the files
-// are. What no signature can tell is that all of an older folder was put back: keep the folder with the key,
-// and give the server a copy.
+// What nobody has signed is another matter (FeedAdoption.cpp). What no signature can tell is that all of an
+// older folder was put back: keep the folder with the key, and give the server a copy.
 #include "SignedFeed.h"
 
 #include "common/UpdateRecord.h"
-#include "common/WireValues.h"
+#include "FeedRecord.h"
 #include "install/SignedRecord.h"
-#include "ReleaseFiles.h"
 #include "seal/SignerCertificate.h"
 
-#include <QCryptographicHash>
 #include <QDateTime>
-#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSet>
-#include <QUrl>
 
 #include <algorithm>
 
@@ -36,49 +31,45 @@ namespace zel {
 
 namespace {
 
-ZELError problem(const QJsonObject &record, const QString &message)
-{
-    return ZELError::withMessage(
-        QStringLiteral("build %1: %2").arg(integerValue(record[key::Build].toVariant())).arg(message));
-}
-
-QString dateText(qint64 seconds)
-{
-    return QDateTime::fromSecsSinceEpoch(seconds, Qt::UTC).toString(Qt::ISODate);
-}
-
 // What is inside of a signature that may be made again.
 ZELError open(const QJsonObject &listed, const FeedSigning &signing, QJsonObject &content)
 {
     const auto found = SignedRecord::read(listed[key::Signed].toString());
     if (!found)
-        return problem(listed,
-                       QStringLiteral("what stands under \"signed\" is no signature; take the record "
-                                      "out of releases.json"));
+        return recordError(listed,
+                           QStringLiteral("what stands under \"signed\" is no signature; take the record "
+                                          "out of releases.json"));
     const QStringList known = fingerprintsOf(signing.signers) + signing.former;
     if (const QString others = missingAmong(namedSigners(found->message), known); !others.isEmpty())
-        return problem(listed,
-                       QStringLiteral("it is signed by %1: give the key, too, or the fingerprint with "
-                                      "--signer, if that signer is trusted and signs no more")
-                           .arg(others));
+        return recordError(listed,
+                           QStringLiteral("it is signed by %1: give the key, too, or the fingerprint with "
+                                          "--signer, if that signer is trusted and signs no more")
+                               .arg(others));
     const AcceptedSigners accepted(known, 1);
     const AcceptedSigners all(fingerprintsOf(signing.signers), signing.signers.size());
     if (const ZELError error =
             verifyMessage(found->message, signing.newSigner ? accepted : all, found->record.issued))
-        return problem(listed,
-                       QStringLiteral("not all who are to sign it have signed it before (%1); give "
-                                      "--new-signer if that is meant")
-                           .arg(error.message));
+        return recordError(listed,
+                           QStringLiteral("not all who are to sign it have signed it before (%1); give "
+                                          "--new-signer if that is meant")
+                               .arg(error.message));
     content = QJsonDocument::fromJson(contentOf(found->message)).object();
     return {};
 }
 
-bool isAsStated(const QJsonObject &entry, const QJsonObject &found)
+// Two that were signed together, or somebody has put them together: records of another time, or of another
+// feed that the same keys have signed.
+ZELError compareSignings(const QJsonObject &first, const QJsonObject &second)
 {
-    const auto agrees = [&](const QLatin1String name) {
-        return !entry.contains(name) || entry[name] == found[name];
-    };
-    return agrees(key::Size) && agrees(key::Hash) && agrees(key::SHA256);
+    const QString then = dateText(first[key::Issued].toInteger());
+    const QString now = dateText(second[key::Issued].toInteger());
+    if (then == now && first[key::Builds] == second[key::Builds])
+        return {};
+    return recordError(second,
+                       (then == now ? QStringLiteral("it was signed in another feed")
+                                    : QStringLiteral("it was signed at %1, and others at %2").arg(now, then))
+                           + QLatin1String(": somebody has put records together that were not signed "
+                                           "together; take it out of releases.json, or bring back the feed"));
 }
 
 // Records of the last signing that are neither there nor withdrawn.
@@ -87,13 +78,13 @@ ZELError checkWhole(const QJsonArray &records, const QList<qint64> &withdrawn)
     QSet<qint64> gone;
     for (const QJsonValue record : records) {
         for (const QJsonValue build : record[key::Builds].toArray())
-            gone.insert(integerValue(build.toVariant()));
+            gone.insert(build.toInteger());
     }
     for (const QJsonValue record : records) {
-        const qint64 build = integerValue(record[key::Build].toVariant());
+        const qint64 build = buildOf(record);
         if (withdrawn.contains(build))
-            return problem(record.toObject(),
-                           QStringLiteral("it is to be withdrawn, and is in releases.json; take it out"));
+            return recordError(record.toObject(),
+                               QStringLiteral("it is to be withdrawn, and is in releases.json; take it out"));
         gone.remove(build);
     }
     for (const qint64 build : withdrawn)
@@ -105,63 +96,6 @@ ZELError checkWhole(const QJsonArray &records, const QList<qint64> &withdrawn)
                            "releases.json; bring its record back, or give --withdrawn %1 if "
                            "it is not to be offered any more")
                 .arg(*gone.begin()));
-}
-
-// The name of a file right in the folder; null for any other address.
-QString nameIn(const QString &folder, const QJsonValue &address)
-{
-    const QString name = nameOf(address);
-    const bool isName = !name.isEmpty() && !name.contains(u'/') && !name.startsWith(u'.');
-    return isName && QFileInfo(folder + u'/' + name).isFile() ? name : QString();
-}
-
-ZELError isMissing(const QJsonObject &record, const QString &folder, const QJsonValue &address)
-{
-    return problem(record,
-                   QStringLiteral("there is no file \"%1\" in %2; bring it back, or take the build's record "
-                                  "out of releases.json")
-                       .arg(nameOf(address), folder));
-}
-
-ZELError isAnother(const QJsonObject &record, const QString &name)
-{
-    return problem(record,
-                   name
-                       + QLatin1String(" is not the file that the record describes; bring that back, or "
-                                       "take the record out of releases.json"));
-}
-
-ZELError describeFile(const QString &folder, const QJsonObject &record, QJsonObject &entry)
-{
-    const QString name = nameIn(folder, entry[key::File]);
-    if (name.isNull())
-        return isMissing(record, folder, entry[key::File]);
-    OfferedFile facts;
-    facts.file = entry[key::File].toString();
-    if (const ZELError error = settleFile(folder + u'/' + name, facts))
-        return problem(record, error.message);
-    QJsonObject found = entry;
-    facts.announceIn(found);
-    if (!isAsStated(entry, found))
-        return isAnother(record, name);
-    entry = found;
-    return {};
-}
-
-ZELError describeNotes(const QString &folder, QJsonObject &record)
-{
-    const QString name = nameIn(folder, record[key::History]);
-    QByteArray notes;
-    if (name.isNull())
-        return isMissing(record, folder, record[key::History]);
-    if (const ZELError error = readPublished(folder + u'/' + name, notes))
-        return problem(record, error.message);
-    const QString found =
-        QString::fromLatin1(QCryptographicHash::hash(notes, QCryptographicHash::Sha256).toHex());
-    if (record.contains(key::HistorySHA256) && record[key::HistorySHA256] != found)
-        return isAnother(record, name);
-    record[key::HistorySHA256] = found;
-    return {};
 }
 
 } // namespace
@@ -193,7 +127,7 @@ bool isSigned(const QJsonArray &feed)
 ZELError openFeed(QJsonArray &records, const FeedSigning &signing,
                   const std::function<void(const QString &line)> &say)
 {
-    qint64 issued = 0;
+    QJsonObject first;
     for (QJsonValueRef listed : records) {
         QJsonObject beside = listed.toObject();
         QJsonObject content;
@@ -201,14 +135,10 @@ ZELError openFeed(QJsonArray &records, const FeedSigning &signing,
             continue;
         if (const ZELError error = open(beside, signing, content))
             return error;
-        const qint64 date = content[key::Issued].toInteger();
-        if (issued != 0 && date != issued)
-            return problem(content,
-                           QStringLiteral("it was signed at %1, and others at %2: somebody has put records "
-                                          "together that were not signed together; take it out of "
-                                          "releases.json, or bring back the feed")
-                               .arg(dateText(date), dateText(issued)));
-        issued = date;
+        if (first.isEmpty())
+            first = content;
+        if (const ZELError error = compareSignings(first, content))
+            return error;
         beside.remove(key::Signed);
         if (beside != content)
             say(QStringLiteral("build %1: what stands beside the signature was changed, and is dropped")
@@ -216,27 +146,13 @@ ZELError openFeed(QJsonArray &records, const FeedSigning &signing,
         listed = content;
     }
     constexpr qint64 signedAtOnce = 60; // seconds: each signing is dated later than the one before
+    const qint64 issued = first[key::Issued].toInteger();
     if (issued > QDateTime::currentSecsSinceEpoch() + signedAtOnce)
         return ZELError::withMessage(QStringLiteral("the feed was signed at %1, which is still to come for "
                                                     "this computer's clock: clients would refuse an "
                                                     "earlier date")
                                          .arg(dateText(issued)));
     return checkWhole(records, signing.withdrawn);
-}
-
-ZELError describeFiles(const QString &folder, QJsonObject &record)
-{
-    if (const ZELError error = describeFile(folder, record, record))
-        return error;
-    QJsonArray patches = record[key::Patches].toArray();
-    for (QJsonValueRef patch : patches) {
-        QJsonObject entry = patch.toObject();
-        if (const ZELError error = describeFile(folder, record, entry))
-            return error;
-        patch = entry;
-    }
-    record[key::Patches] = patches;
-    return record.contains(key::History) ? describeNotes(folder, record) : ZELError();
 }
 
 ZELError signFeed(QJsonArray &records, const FeedSigning &signing)
@@ -246,11 +162,17 @@ ZELError signFeed(QJsonArray &records, const FeedSigning &signing)
     for (const QJsonValue record : std::as_const(records)) {
         now =
             qMax(now, record[key::Issued].toInteger() + 1); // of one date, the older feed would be no replay
-        const qint64 build = integerValue(record[key::Build].toVariant());
+        const qint64 build = buildOf(record);
         // Of two, a server could withhold one, and the list would not show it.
         if (builds.contains(build))
-            return problem(record.toObject(), QStringLiteral("it has two records"));
+            return recordError(record.toObject(), QStringLiteral("it has two records"));
         builds.append(build);
+        const QString identifier = record[key::Identifier].toString();
+        if (identifier != records[0][key::Identifier].toString())
+            return recordError(record.toObject(),
+                               QStringLiteral("it is for another application ('%1') than others ('%2'): each "
+                                              "has a folder of its own")
+                                   .arg(identifier, records[0][key::Identifier].toString()));
     }
     for (QJsonValueRef listed : records) {
         QJsonObject record = listed.toObject();
@@ -261,21 +183,14 @@ ZELError signFeed(QJsonArray &records, const FeedSigning &signing)
         if (const ZELError error =
                 signWith(signing.signers, QJsonDocument(record).toJson(QJsonDocument::Compact),
                          SignatureKind::Attached, message))
-            return problem(record, error.message);
+            return recordError(record, error.message);
         record[key::Signed] = QString::fromLatin1(message.toBase64());
+        if (!SignedRecord::read(record[key::Signed].toString()))
+            return recordError(record,
+                               QStringLiteral("it is too large for clients: it has too many patches"));
         listed = record;
     }
     return {};
-}
-
-QString addressOf(const QString &name)
-{
-    return QString::fromLatin1(QUrl::toPercentEncoding(name));
-}
-
-QString nameOf(const QJsonValue &address)
-{
-    return QUrl::fromPercentEncoding(address.toString().toLatin1());
 }
 
 } // namespace zel

@@ -41,16 +41,8 @@ bool isSigned(const QJsonArray &feed);
 ZELError openFeed(QJsonArray &records, const FeedSigning &signing,
                   const std::function<void(const QString &line)> &say);
 
-/// Compares the files of a record in a feed's folder with what the record says of them, and adds what it does
-/// not say: "size", "hash" and "sha256" of the archive and of each patch, "historysha256" of the notes.
-ZELError describeFiles(const QString &folder, QJsonObject &record);
-
 /// Signs records as they stand, one for each build, with one date, and puts the signature beside what it
 /// holds.
 ZELError signFeed(QJsonArray &records, const FeedSigning &signing);
-
-/// Records bear addresses, not names: a blank or a "#" in a name must not end the address.
-QString addressOf(const QString &name);
-QString nameOf(const QJsonValue &address);
 
 } // namespace zel

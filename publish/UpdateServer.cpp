@@ -1,5 +1,7 @@
 #include "UpdateServer.h"
 
+#include "FeedFile.h"
+
 #include "base/FileDescriptor.h"
 #include "base/SystemCalls.h"
 #include "common/UpdateRecord.h"
@@ -493,7 +495,7 @@ void UpdateServer::storeLog(const httplib::Request &request, httplib::Response &
 void UpdateServer::answerCheck(const httplib::Request &request, httplib::Response &response) const
 {
     QJsonArray records;
-    if (const ZELError error = ReleaseFolder(m_folder).read(records)) {
+    if (const ZELError error = readFeed(m_folder, records)) {
         m_said(error.message);
         response.status = 500;
         return;

@@ -1,8 +1,6 @@
 // An update server for a release folder: for trying updates, and for small teams behind a proxy of theirs.
 #pragma once
 
-#include "ReleaseFolder.h"
-
 #include <QString>
 
 #include <functional>

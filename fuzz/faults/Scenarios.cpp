@@ -310,8 +310,8 @@ void Stock::addRefresh()
         return there ? isWhole(place) : QString("nothing is signed");
     };
     m_scenarios.push_back({.name = "refresh",
-                           .command = {Tool, "refresh", "--json", "{}/releases", "--sign-unsigned", "--key",
-                                       path("key"), "--cert", path("cert")},
+                           .command = {Tool, "refresh", "--json", "{}/releases", "--sign-unsigned", "100,101",
+                                       "--key", path("key"), "--cert", path("cert")},
                            .given = {{"releases", "releases"}},
                            .afterSuccess = isSigned,
                            .afterFailure = isWhole,

@@ -5,6 +5,8 @@
 
 #include <QProcess>
 
+#include <sys/stat.h>
+
 using namespace zel;
 
 class tst_releases : public QObject
@@ -15,6 +17,7 @@ class tst_releases : public QObject
     const TestCertificate m_a = makeTestCertificate(m_tree.path(), "a");
     const TestCertificate m_b = makeTestCertificate(m_tree.path(), "b");
     const TestCertificate m_stranger = makeTestCertificate(m_tree.path(), "stranger");
+    mutable QString m_said; // by the last command
     const QString m_keyA = "--key|{}/a.key|--cert|{}/a.crt|", m_keyB = "--key|{}/b.key|--cert|{}/b.crt|";
 
     // The words stand between bars; {} is the folder of the test. Returns what is complained of.
@@ -25,6 +28,7 @@ class tst_releases : public QObject
         if (!process.waitForFinished(120'000))
             qFatal("zelupdater does not end");
         const QString complaint = QString::fromUtf8(process.readAllStandardError());
+        m_said = QString::fromUtf8(process.readAllStandardOutput());
         return process.exitCode() == 0 ? QString() : QString::number(process.exitCode()) + ' ' + complaint;
     }
 
@@ -42,6 +46,12 @@ class tst_releases : public QObject
         m_tree.write(build + "/A.app/Contents/MacOS/a",
                      QByteArray("program ").repeated(5000) + build.toLatin1(), 0755);
         QCOMPARE(run("sign|{}/" + build + "/A.app|" + m_keyA), "");
+    }
+
+    static QJsonObject changed(QJsonObject record, const QString &key, const QJsonValue &value)
+    {
+        record[key] = value;
+        return record;
     }
 
     // Whether all records bear the same date and list, and are signed by these, over what stands beside.
@@ -74,11 +84,13 @@ private slots:
     {
         QCOMPARE(run("release|{}/100/A.app|{}/r|--notes|{}/notes.html"), "");
         const QByteArray before = m_tree.read("r/releases.json");
-        QVERIFY(run("release|{}/101/A.app|{}/r|" + m_keyA).contains("is not signed: take its record out"));
-        QVERIFY(run("refresh|{}/r|" + m_keyA).contains("--sign-unsigned"));
-        QVERIFY(run("refresh|{}/r|--sign-unsigned|" + m_keyB).contains("sealed by CN = a"));
+        QVERIFY(run("release|{}/101/A.app|{}/r|" + m_keyA).contains("refresh --sign-unsigned 100"));
+        QVERIFY(run("refresh|{}/r|" + m_keyA).contains("build 100 in"));
+        QVERIFY(run("refresh|{}/r|--sign-unsigned|100|" + m_keyB).contains("sealed by CN = a"));
+        QVERIFY(run("refresh|{}/r|--sign-unsigned|100,7|" + m_keyA).contains("build 7 is to be signed"));
+        QVERIFY(run("refresh|{}/r|--sign-unsigned|all|" + m_keyA).startsWith("2 "));
         QCOMPARE(m_tree.read("r/releases.json"), before);
-        QCOMPARE(run("refresh|{}/r|--sign-unsigned|" + m_keyA), "");
+        QCOMPARE(run("refresh|{}/r|--sign-unsigned|100|" + m_keyA), "");
         verifySigned({m_a.fingerprint});
         QVERIFY(feed()[0]["historysha256"].toString().size() == 64);
         QCOMPARE(feed()[0]["expires"].toInteger() - feed()[0]["issued"].toInteger(), 30 * 24 * 60 * 60);
@@ -97,10 +109,6 @@ private slots:
     void nothingIsLaundered()
     {
         const QJsonArray good = feed();
-        const auto changed = [](QJsonObject record, const QString &key, const QJsonValue &value) {
-            record[key] = value;
-            return record;
-        };
         QJsonObject own = good[1].toObject();
         own.remove("signed");
         own.remove("issued");
@@ -108,8 +116,14 @@ private slots:
         const QJsonObject older =
             signedRecord(changed(own, "issued", good[0]["issued"].toInteger() + 1), signersOf({m_a}));
         const QJsonObject planted = changed(own, "issued", good[0]["issued"]);
+        const QJsonObject other = changed(planted, "builds", QJsonArray{105});
         const auto rows = std::initializer_list<std::pair<QJsonArray, const char *>>{
-            {{good[0], own}, "build 105 in"},
+            {{good[0], own}, "is not signed, and others are"},
+            {{own}, "build 105 in"},
+            {{good[0], good[1], signedRecord(other, signersOf({m_a}))},
+             "build 105: it was signed in another feed"},
+            {{good[0], good[1], signedRecord(changed(planted, "identifier", "org.b"), signersOf({m_a}))},
+             "build 105: it is for another application ('org.b')"},
             {{good[0], signedRecord(planted, signersOf({m_stranger}))},
              "build 105: it is signed by CN = stranger"},
             {{good[0]}, "build 101 was signed together with the others, and is gone"},
@@ -148,6 +162,78 @@ private slots:
         QCOMPARE(run("refresh|{}/r|--withdrawn|100|" + m_keyA), "");
         verifySigned({m_a.fingerprint});
         setFeed(both);
+    }
+
+    void anEmptiedFeedIsNoFirstRelease()
+    {
+        const QByteArray good = m_tree.read("r/releases.json");
+        setFeed({});
+        QVERIFY(run("refresh|{}/r|" + m_keyA).contains("holds no releases"));
+        QVERIFY(run("release|{}/102/A.app|{}/r|" + m_keyA).contains("bring that back"));
+        QFile::remove(m_tree.path("r/releases.json"));
+        QVERIFY(run("release|{}/102/A.app|{}/r|" + m_keyA).contains("give --start-anew"));
+        QCOMPARE(run("release|{}/102/A.app|{}/r|--start-anew|" + m_keyA), "");
+        verifySigned({m_a.fingerprint});
+        m_tree.write("r/releases.json", good);
+        m_tree.write("cut/A-100.zip", "left by a first release that was cut off");
+        QCOMPARE(run("release|{}/100/A.app|{}/cut|" + m_keyA), "");
+    }
+
+    // Somebody else writes to the folder, too.
+    void oddFiles()
+    {
+        const auto refused = [&](const QString &name, const char *why) {
+            const QString complaint = run("refresh|{}/r|" + m_keyA);
+            QVERIFY2(complaint.contains(name + why), qPrintable(name + why + complaint));
+        };
+        for (const char *name :
+             {"r/releases.json", "r/A-100.zip", "r/A-100-to-101.zelpatch", "r/A-101.html"}) {
+            const QByteArray bytes = m_tree.read(name);
+            const QString path = m_tree.path(name);
+            QFile::remove(path);
+            m_tree.link(name, "/dev/zero");
+            refused(name, " is a link");
+            QFile::remove(path);
+            QCOMPARE(::mkfifo(qPrintable(path), 0600), 0);
+            refused(name, " is no file");
+            QFile::remove(path);
+            m_tree.write(name, bytes);
+        }
+        for (const auto &[name, size] : {std::pair("r/releases.json", 16), std::pair("r/A-101.html", 4)}) {
+            const QByteArray bytes = m_tree.read(name);
+            QVERIFY(QFile::resize(m_tree.path(name), (size << 20) + 1));
+            refused(name, " is larger than");
+            m_tree.write(name, bytes);
+        }
+        QVERIFY(run("release|{}/102/A.app|{}/r|--notes|/dev/zero|" + m_keyA).contains("is larger than"));
+        const QByteArray good = m_tree.read("r/releases.json");
+        m_tree.write("r/releases.json", "[1]");
+        refused("r/releases.json", " is not a feed");
+        m_tree.write("r/releases.json", good);
+        QCOMPARE(::chmod(qPrintable(m_tree.path("r")), 0777), 0);
+        QCOMPARE(run("refresh|{}/r|" + m_keyA), "");
+        QVERIFY(m_said.contains("anybody may write to"));
+        QCOMPARE(::chmod(qPrintable(m_tree.path("r")), 0755), 0);
+    }
+
+    void feedsStayReadable()
+    {
+        QCOMPARE(run("release|{}/100/A.app|{}/big"), "");
+        QCOMPARE(m_tree.read("big/releases.json").count('\n'), 3); // a record in each line
+        const auto withText = [&](qsizetype bytes) {
+            QJsonArray records = QJsonDocument::fromJson(m_tree.read("big/releases.json")).array();
+            records[0] = changed(records[0].toObject(), "version", QString(bytes, u'x'));
+            return m_tree.write("big/releases.json", QJsonDocument(records).toJson());
+        };
+        withText(3'700'000);
+        QVERIFY(run("release|{}/101/A.app|{}/big").contains("take the records of the oldest builds out"));
+        QVERIFY(!QFileInfo::exists(m_tree.path("big/A-101.zip")));
+        withText(3'000'000);
+        QCOMPARE(run("release|{}/101/A.app|{}/big"), "");
+        QVERIFY(m_said.contains("soon too large"));
+        withText(300'000);
+        QVERIFY(
+            run("refresh|{}/big|--sign-unsigned|100,101|" + m_keyA).contains("build 100: it is too large"));
     }
 
     // From one key to two, and to the other alone: but what one of two has signed is not signed by both.
@@ -190,6 +276,10 @@ private slots:
             QJsonObject record = value.toObject();
             for (const char *key : {"signed", "hash", "sha256", "size", "historysha256", "identifier"})
                 record.remove(key);
+            QJsonArray patches;
+            for (const QJsonValue patch : record["patches"].toArray())
+                patches.append(QJsonObject{{"build", patch["build"]}, {"file", patch["file"]}});
+            record["patches"] = patches;
             records.append(record);
         }
         const auto refusal = [&](const QString &key, const QJsonValue &value) {
@@ -198,9 +288,9 @@ private slots:
             record[key] = value;
             changed[0] = record;
             setFeed(changed);
-            return run("refresh|{}/r|--sign-unsigned|" + m_keyA);
+            return run("refresh|{}/r|--sign-unsigned|100,101,102|" + m_keyA);
         };
-        QVERIFY(refusal("build", 106).contains("of another build"));
+        QVERIFY(refusal("build", 106).contains("build 100 is to be signed, and is not in"));
         QVERIFY(refusal("file", "A-101.zip").contains("of another build"));
         QVERIFY(refusal("file", "../notes.html").contains("there is no file"));
         QVERIFY(refusal("hash", "0").contains("is not the file"));
@@ -209,9 +299,26 @@ private slots:
         records.append(records[0]);
         QVERIFY(refusal("arch", "arm").contains("it has two records"));
         records = once;
-        QCOMPARE(refusal("identifier", "org.evil"), "");
+        QCOMPARE(refusal("issued", 9e12), "");
         verifySigned({m_a.fingerprint});
         QCOMPARE(feed().size(), 3);
+        QVERIFY(feed()[0]["issued"].toInteger() <= QDateTime::currentSecsSinceEpoch() + 60);
+        const QJsonValue kept = feed()[2]["patches"];
+        QCOMPARE(kept.toArray().size(), 2);
+
+        // Patches that lead elsewhere, or nowhere, are not signed for.
+        const QJsonObject elsewhere{{"build", 100}, {"file", "A-100-to-101.zelpatch"}};
+        const QJsonObject nowhere{{"build", 101}, {"file", "A-100.zip"}};
+        const QJsonObject fromUnknown{{"build", 99}, {"file", "A-100-to-102.zelpatch"}};
+        records[2] =
+            changed(records[2].toObject(), "patches", QJsonArray{elsewhere, kept[0], nowhere, fromUnknown});
+        QCOMPARE(refusal("identifier", "org.evil"), "");
+        verifySigned({m_a.fingerprint});
+        QCOMPARE(feed()[2]["patches"], QJsonArray{kept[0]});
+        for (const char *said : {"from build 100 is left out: the patch does not give the new bundle",
+                                 "from build 101 is left out: the patch does not apply",
+                                 "from build 99 is left out: that is not in the feed"})
+            QVERIFY2(m_said.contains(said), qPrintable(m_said));
     }
 };
 

@@ -111,6 +111,20 @@ bool readSigners(const Arguments &arguments, QList<Signer> &signers, int &status
     return true;
 }
 
+bool readBuilds(const Arguments &arguments, const QString &option, QList<qint64> &builds)
+{
+    for (const QString &list : arguments.values(option)) {
+        for (const QString &build : list.split(u',')) {
+            builds += build.toLongLong();
+            if (builds.last() > 0)
+                continue;
+            arguments.misused(QStringLiteral("--%1 takes builds, such as 24,25, not '%2'").arg(option, list));
+            return false;
+        }
+    }
+    return true;
+}
+
 QList<QCommandLineOption> feedOptions()
 {
     return {{QStringLiteral("valid"),
@@ -121,8 +135,8 @@ QList<QCommandLineOption> feedOptions()
                             "certificate. May be repeated."),
              QStringLiteral("FINGERPRINT")},
             {QStringLiteral("withdrawn"),
-             QStringLiteral("This build's record was taken out of the feed on purpose. May be repeated."),
-             QStringLiteral("BUILD")},
+             QStringLiteral("These builds' records were taken out of the feed on purpose."),
+             QStringLiteral("BUILD,...")},
             {QStringLiteral("new-signer"),
              QStringLiteral("The signers are others than those of the last release.")}};
 }
@@ -132,16 +146,9 @@ bool readSigning(const Arguments &arguments, FeedSigning &signing, int &status)
     const std::optional<QStringList> former = acceptedSigners(arguments);
     const bool isDated = arguments.isSet(QStringLiteral("valid"));
     const auto days = isDated ? arguments.number(QStringLiteral("valid"), 1, 365) : 30;
-    if (!former || !days) {
+    if (!former || !days || !readBuilds(arguments, QStringLiteral("withdrawn"), signing.withdrawn)) {
         status = WrongUsage;
         return false;
-    }
-    for (const QString &build : arguments.values(QStringLiteral("withdrawn"))) {
-        signing.withdrawn += build.toLongLong();
-        if (signing.withdrawn.last() <= 0) {
-            status = arguments.misused(QStringLiteral("--withdrawn takes a build, not '%1'").arg(build));
-            return false;
-        }
     }
     for (const QString &signer : *former)
         signing.former += *normalFingerprint(signer);

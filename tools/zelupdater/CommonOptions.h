@@ -34,6 +34,9 @@ std::optional<QStringList> acceptedSigners(const Arguments &arguments, const QSt
 QList<QCommandLineOption> keyOptions();
 bool readSigners(const Arguments &arguments, QList<Signer> &signers, int &status);
 
+/// The builds that an option names, by commas or repeated. False after wrong usage, which is reported.
+bool readBuilds(const Arguments &arguments, const QString &option, QList<qint64> &builds);
+
 /// --valid and the options that tell who signed a feed before, for the commands that sign one, and all that
 /// they say with the above.
 QList<QCommandLineOption> feedOptions();

@@ -91,6 +91,7 @@ int runRelease(const Arguments &arguments)
     if (!readSigning(arguments, options.signing, status))
         return status;
     options.newSigner = options.signing.newSigner;
+    options.startAnew = arguments.isSet(QStringLiteral("start-anew"));
     options.say = [&arguments](const QString &line) {
         Arguments::showProgress({});
         arguments.say(line);
@@ -113,21 +114,23 @@ int runRefresh(const Arguments &arguments)
     int status = Done;
     if (!readSigning(arguments, options.signing, status))
         return status;
-    options.signUnsigned = arguments.isSet(QStringLiteral("sign-unsigned"));
+    if (!readBuilds(arguments, QStringLiteral("sign-unsigned"), options.signUnsigned))
+        return WrongUsage;
     options.say = [&arguments](const QString &line) { arguments.say(line); };
-    QList<qint64> builds;
-    if (const ZELError error = ReleaseFolder(absolute(arguments.positional(0))).refresh(options, builds))
+    ReleaseFolder::Refreshed refreshed;
+    if (const ZELError error = ReleaseFolder(absolute(arguments.positional(0))).refresh(options, refreshed))
         return arguments.failed(error.message);
     QStringList names;
     QJsonArray json;
-    for (const qint64 build : std::as_const(builds)) {
+    for (const qint64 build : std::as_const(refreshed.builds)) {
         names += QString::number(build);
         json.append(build);
     }
-    return arguments.done(QStringLiteral("signed for %1 days: builds %2")
-                              .arg(options.signing.validity / (24 * 60 * 60))
-                              .arg(names.join(QLatin1String(", "))),
-                          QJsonObject{{zel::key::Builds, json}});
+    return arguments.done(
+        QStringLiteral("signed for %1 days: builds %2")
+            .arg(options.signing.validity / (24 * 60 * 60))
+            .arg(names.join(QLatin1String(", "))),
+        QJsonObject{{zel::key::Builds, json}, {QLatin1String("leftOut"), refreshed.leftOut}});
 }
 
 // A name that is not found leaves a number that has nothing to do with it.
@@ -192,6 +195,8 @@ std::vector<ToolCommand> publishCommands()
               word("Offer the build only to installations that a patch can bring there.")},
              {word("no-patches"), word("Make no patches: the full archive alone.")},
              {word("arch"), word("The processor that the build is for: x86, arm or all."), word("WORD")},
+             {word("start-anew"),
+              word("Sign the first record of a folder in which files of earlier releases lie.")},
              memoryOption()}
              + keyOptions() + feedOptions(),
          {},
@@ -201,7 +206,10 @@ std::vector<ToolCommand> publishCommands()
          word("Sign the records of a release folder again."),
          QList<QCommandLineOption>{
              {word("sign-unsigned"),
-              word("Sign also records that nobody has signed, with what their files are.")}}
+              word(
+                  "Sign a feed that nobody has signed: all its builds, if their records, notes and files are "
+                  "yours."),
+              word("BUILD,...")}}
              + keyOptions() + feedOptions(),
          {word("key"), word("cert")},
          runRefresh},
