@@ -150,6 +150,10 @@ private slots:
         row("a newer one under a lower number", {hidden}, "beside its signature stands another");
         row("a newer one under a lower number, beside the installed one",
             {hidden, good(100, {{"builds", QJsonArray{100, 102}}})}, "withholds build 102");
+        row("an older one under the number of a withheld one",
+            {good(101, {{"builds", QJsonArray{101, 102}}}),
+             with(good(100, {{"builds", QJsonArray{101, 102, 100}}}), "build", 102)},
+            "withholds build 102");
         row("a newer one under the number of an older one",
             {good(102, {{"builds", QJsonArray{102, 103}}}),
              with(good(103, {{"builds", QJsonArray{102, 103}}}), "build", 101)},
@@ -194,6 +198,11 @@ private slots:
               {"nothing beside the signature", {QJsonObject{{"signed", good()["signed"]}}}, 1, 100},
               {"two signers", {by({m_maker, m_second}, record(101))}, 2, 100},
               {"a stranger signs, too", {by({m_maker, m_thief}, record(101))}, 1, 100},
+              {"an older one that claims to be the newest",
+               {with(good(101, {{"file", "old"}, {"builds", two}}), "build", 999),
+                good(102, {{"builds", two}})},
+               1,
+               100},
               {"some bad ones first", few, 1, 100},
               {"some bad ones, and nothing newer", few, 1, 101},
               {"a beta build that is not wanted", {beta, good(101, {{"builds", two}})}, 1, 100},
@@ -206,6 +215,9 @@ private slots:
             QCOMPARE(decision.result.toMap()["update"].toMap()["file"].toString(),
                      newer ? "http://host/dir/A.zip" : "");
         }
+        const LogCapture log;
+        decide(few, policy(), 101); // which asks twice whether they are good
+        QCOMPARE(log.lines("zel.updater").filter("refused build 102").size(), 15);
     }
 
     // Some bytes do not count, as the certificate's signature of itself; but then the record is what it was.

@@ -119,7 +119,6 @@ private slots:
             const ZELError error = zel::verifySignature("content", bytes);
             QCOMPARE(bool(error), !message.isEmpty());
             QVERIFY2(error.message.contains(message), qPrintable(error.message));
-            QCOMPARE(ERR_peek_error(), 0UL); // of the host's own errors none is to be taken for one of these
         }
     }
 
@@ -127,6 +126,7 @@ private slots:
     {
         for (qsizetype i = 0; i < m_own.size(); ++i) {
             QVERIFY(zel::verifySignature("content", m_own.left(i)));
+            QCOMPARE(ERR_peek_error(), 0UL); // or the host took it for one of its own
             QByteArray damaged = m_own;
             damaged[i] = char(damaged[i] ^ 0x55);
             zel::verifySignature("content", damaged); // some bytes do not count, as the certificate's dates

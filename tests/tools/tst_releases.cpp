@@ -219,7 +219,6 @@ private slots:
     void feedsStayReadable()
     {
         QCOMPARE(run("release|{}/100/A.app|{}/big"), "");
-        QCOMPARE(m_tree.read("big/releases.json").count('\n'), 3); // a record in each line
         const auto withText = [&](qsizetype bytes) {
             QJsonArray records = QJsonDocument::fromJson(m_tree.read("big/releases.json")).array();
             records[0] = changed(records[0].toObject(), "version", QString(bytes, u'x'));
@@ -231,6 +230,7 @@ private slots:
         withText(3'000'000);
         QCOMPARE(run("release|{}/101/A.app|{}/big"), "");
         QVERIFY(m_said.contains("soon too large"));
+        QCOMPARE(m_tree.read("big/releases.json").count('\n'), 4); // each record has its line
         withText(300'000);
         QVERIFY(
             run("refresh|{}/big|--sign-unsigned|100,101|" + m_keyA).contains("build 100: it is too large"));
