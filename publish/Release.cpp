@@ -157,8 +157,7 @@ ZELError Release::compareWithLast(const QJsonArray &records)
         return error;
     const QString identifier =
         bundleInfo(bundle).value_or(QVariantMap())[QStringLiteral("CFBundleIdentifier")].toString();
-    // Signed records of one that had none are for nobody else.
-    if (identifier != m_build.identifier && (signs() || !identifier.isEmpty()))
+    if (!identifier.isEmpty() && identifier != m_build.identifier)
         return problem(
             QStringLiteral("%1 is another application ('%2') than the releases in %3 ('%4'): each has a "
                            "folder of its own")
