@@ -2,11 +2,10 @@
 
 #include "check/UpdateDecision.h"
 #include "install/MD5FromData.h"
-#include "seal/SealSignature.h"
+#include "publish/SignedFeed.h"
 
 #include <algorithm>
 #include <csignal>
-#include <ctime>
 #include <httplib.h>
 #include <memory>
 #include <openssl/evp.h>
@@ -148,92 +147,71 @@ constexpr int Decisions = 100; // of one takes too little to be measured
 
 QJsonObject recordOf(int build)
 {
-    QJsonObject record{{"build", build},           {"file", "Example.zip"},
-                       {"hash", QString(32, 'a')}, {"sha256", QString(64, 'a')},
-                       {"size", 1000000},          {"version", "1.0"}};
+    QJsonObject file{{"build", build},
+                     {"file", "Example.zip"},
+                     {"hash", QString(32, 'a')},
+                     {"sha256", QString(64, 'a')},
+                     {"size", 1000000}};
     QJsonArray patches;
     for (int from = std::max(build - 10, 1); from < build; ++from) {
-        QJsonObject patch = record;
+        QJsonObject patch = file;
         patch["build"] = from;
-        patch.remove("version");
         patches.append(patch);
     }
-    record["patches"] = patches;
-    return record;
+    file["version"] = "1.0";
+    file["identifier"] = "org.example";
+    file["patches"] = patches;
+    return file;
 }
 
-// Signed where there is a signer.
-QByteArray feedOf(const QList<zel::Signer> &signers)
+bool makeSigner(const fs::path &data, zel::Signer &signer)
 {
-    QJsonArray feed;
-    QJsonArray builds;
-    const auto now = qint64(std::time(nullptr));
-    for (int build = 1; build <= Records; ++build)
-        builds.append(build);
-    for (int build = 1; build <= Records; ++build) {
-        QJsonObject record = recordOf(build);
-        QByteArray message;
-        if (!signers.isEmpty()) {
-            record["identifier"] = "org.example";
-            record["builds"] = builds;
-            record["issued"] = now;
-            record["expires"] = now + 3600;
-            if (zel::signWith(signers, QJsonDocument(record).toJson(QJsonDocument::Compact),
-                              zel::SignatureKind::Attached, message))
-                ::abort();
-            record["signed"] = QString::fromLatin1(message.toBase64());
-        }
-        feed.append(record);
-    }
-    return QJsonDocument(feed).toJson(QJsonDocument::Compact);
+    const fs::path key = data / "check.key";
+    const fs::path certificate = data / "check.crt";
+    return shell("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 -subj /CN=a"
+                 " -keyout "
+                 + shellWord(key) + " -out " + shellWord(certificate) + " 2>&1")
+        && !signer.load(QString::fromStdString(key), QString::fromStdString(certificate));
 }
 
-// The installed build is older than all, or newer.
+// By an installation whose build is older than all of the feed, or not.
 Work decide(const fs::path &data, bool isSigned, int installed)
 {
     return [=](const auto &timed) {
-        QList<zel::Signer> signers;
+        zel::FeedSigning signing{.signers = {zel::Signer()}};
         std::optional<zel::RecordPolicy> policy;
+        QJsonArray feed;
+        for (int build = 1; build <= Records; ++build)
+            feed.append(recordOf(build));
         if (isSigned) {
-            const fs::path key = data / "check.key";
-            const fs::path certificate = data / "check.crt";
-            zel::Signer signer;
-            if (!shell("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 -subj "
-                       "/CN=a "
-                       "-keyout "
-                       + shellWord(key) + " -out " + shellWord(certificate) + " 2>&1")
-                || signer.load(QString::fromStdString(key), QString::fromStdString(certificate)))
+            if (!makeSigner(data, signing.signers[0]) || zel::signFeed(feed, signing))
                 return false;
-            signers = {signer};
-            QByteArray message;
-            if (zel::signWith(signers, "{}", zel::SignatureKind::Attached, message))
-                return false;
-            policy =
-                zel::RecordPolicy{.signers = QStringList{zel::namedSigners(message).value(0).fingerprint},
-                                  .identifier = "org.example",
-                                  .now = qint64(std::time(nullptr))};
+            policy = zel::RecordPolicy{.signers = zel::fingerprintsOf(signing.signers),
+                                       .identifier = "org.example",
+                                       .now = feed.at(0)["issued"].toInteger()};
         }
-        const QByteArray feed = feedOf(signers);
+        const QByteArray body = QJsonDocument(feed).toJson(QJsonDocument::Compact);
         const zel::MachineFacts facts{"x86", {6, 1, 0}, {}};
         const auto expected = installed < Records ? ZELStatusUpdateAvailable : ZELStatusNoUpdates;
-        bool done = true;
+        int done = 0;
         timed([&] {
             for (int i = 0; i < Decisions; ++i)
-                done =
-                    zel::decideUpdate(feed, {.build = installed}, installed, facts, policy).status == expected
-                    && done;
+                done += zel::decideUpdate(body, {.build = installed}, installed, facts, policy).status
+                    == expected;
         });
-        return done;
+        return done == Decisions;
     };
 }
 
 void addDecisions(std::vector<Row> &rows, const fs::path &data)
 {
     for (const auto &[what, installed] : {std::pair("all newer", 0), std::pair("none newer", Records)})
-        rows.push_back({.unit = "check of 100 signed records",
-                        .data = std::string(what) + ", 100 times",
-                        .work = decide(data, true, installed),
-                        .peers = {{.name = "the same unsigned", .work = decide(data, false, installed)}}});
+        rows.push_back(
+            {.unit = "check of 100 signed records",
+             .data = std::string(what) + ", 100 times",
+             .work = decide(data, true, installed),
+             .peers = {
+                 {.name = "the same unsigned", .work = decide(data, false, installed), .timeGoal = 2}}});
 }
 
 } // namespace

@@ -160,6 +160,7 @@ ZELError ReleaseFolder::add(const QString &bundle, const Options &options, Added
         return error;
     if (const ZELError error = lockFolder(m_path, options.say, lock))
         return error;
+    sweepScratch(m_path);
     if (const ZELError error = openToAdd(m_path, options, records))
         return error;
     if (!options.signing.signers.isEmpty()) {
@@ -172,7 +173,6 @@ ZELError ReleaseFolder::add(const QString &bundle, const Options &options, Added
         if (buildOf(known) == build.number)
             return problem(QStringLiteral("build %1 is already in %2").arg(build.number).arg(m_path));
     }
-    sweepScratch(m_path);
     const ScratchFolder scratch(m_path + ScratchPattern);
     if (const ZELError error = checkScratch(m_path, scratch))
         return error;
