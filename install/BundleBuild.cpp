@@ -18,11 +18,10 @@
 #include "platform/BundleInfo.h"
 #include "platform/FileTree.h"
 #include "seal/BundleSeal.h"
+#include "SHA256.h"
 #include "StagingFolder.h"
 
-#include <QCryptographicHash>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 
 namespace zel {
@@ -34,15 +33,6 @@ ZELError makeBuildFolder(const QString &staging, QString &folder)
 {
     folder = QDir(staging).filePath(newUUID());
     return makePrivateFolder(folder);
-}
-
-std::optional<QString> sha256Of(const QString &path)
-{
-    QFile file(path);
-    QCryptographicHash digest(QCryptographicHash::Sha256);
-    if (!file.open(QIODevice::ReadOnly) || !digest.addData(&file))
-        return std::nullopt;
-    return QString::fromLatin1(digest.result().toHex());
 }
 
 // What the installed bundle states of itself, the new one must state as it was announced. A seal alone would
@@ -100,7 +90,7 @@ ZELError checkPayload(const QString &file, const OfferedFile &offered, bool pinn
         return ZELError::withMessage(QStringLiteral("the download has another MD5 than was announced"));
     if (!offered.sha256)
         return {};
-    const std::optional<QString> sha256 = sha256Of(file);
+    const std::optional<QString> sha256 = sha256OfFile(file);
     if (!sha256 || *sha256 != offered.sha256->toLower())
         return ZELError::withMessage(QStringLiteral("the download has another SHA-256 than was announced"));
     return {};

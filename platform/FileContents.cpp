@@ -117,19 +117,40 @@ std::optional<QByteArray> readFile(const QString &path)
     return bytes;
 }
 
+// The name is not made of the file's own, which may be as long as names can be.
+FileAside::FileAside(int folder, const QByteArray &name)
+    : m_folder(folder)
+    , m_name(name)
+    , m_aside(name.left(name.lastIndexOf('/') + 1) + '.' + QUuid::createUuid().toByteArray(QUuid::Id128))
+    , m_file(::openat(folder, m_aside.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666))
+{
+    if (!m_file)
+        m_aside = {}; // it may be another's
+}
+
+FileAside::~FileAside()
+{
+    if (!m_aside.isNull())
+        ::unlinkat(m_folder, m_aside.constData(), 0);
+}
+
+bool FileAside::moveIntoPlace()
+{
+    if (!m_file.close() || !zel::moveIntoPlace(m_folder, m_aside, m_name))
+        return false;
+    m_aside = {};
+    return true;
+}
+
 bool writeFileAtomically(int folder, const QByteArray &name, QByteArrayView bytes)
 {
-    // Not made of the file's own name, which may be as long as names can be.
-    const QByteArray above = name.left(name.lastIndexOf('/') + 1);
-    const QByteArray aside = above + '.' + QUuid::createUuid().toByteArray(QUuid::Id128);
-    FileDescriptor file(::openat(folder, aside.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    if (!file)
-        return false;
-    if (writeAll(file.get(), bytes.data(), size_t(bytes.size())) && file.close()
-        && moveIntoPlace(folder, aside, name))
-        return true;
-    const int number = errno;
-    ::unlinkat(folder, aside.constData(), 0);
+    int number = 0;
+    {
+        FileAside file(folder, name);
+        if (file && writeAll(file.descriptor(), bytes.data(), size_t(bytes.size())) && file.moveIntoPlace())
+            return true;
+        number = errno;
+    }
     errno = number;
     return false;
 }

@@ -2,6 +2,7 @@
 // room for it.
 #pragma once
 
+#include "base/FileDescriptor.h"
 #include "common/ZELError.h"
 
 #include <QByteArray>
@@ -26,6 +27,33 @@ ZELError writeFileAtomically(const QString &path, QByteArrayView bytes);
 
 /// The same in an open folder. False, with errno, on failure.
 bool writeFileAtomically(int folder, const QByteArray &name, QByteArrayView bytes);
+
+/// A new file in an open folder under a name that nobody else has, for what is not finished yet. Removed when
+/// it goes out of scope, unless it was moved into its place.
+class FileAside
+{
+public:
+    /// Beside an item of the folder: `name` may have folders in it. The file has the default mode.
+    FileAside(int folder, const QByteArray &name);
+    FileAside(const FileAside &) = delete;
+    FileAside &operator=(const FileAside &) = delete;
+    ~FileAside();
+
+    /// False, with errno, when it could not be made.
+    explicit operator bool() const { return bool(m_file); }
+
+    int descriptor() const { return m_file.get(); }
+    const QByteArray &name() const { return m_aside; }
+
+    /// Gives the file the name that it was made for, like `replaceFile`. False, with errno, on failure.
+    bool moveIntoPlace();
+
+private:
+    const int m_folder;
+    const QByteArray m_name;
+    QByteArray m_aside; // null once it is in its place
+    FileDescriptor m_file;
+};
 
 /// Copies all data of one open file to another, empty one: cloned where the file system can, else copied
 /// inside the kernel, else through memory. False, with errno, on failure.
