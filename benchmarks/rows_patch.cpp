@@ -161,7 +161,7 @@ void addDecodedApplication(std::vector<Row> &rows, const Pair &pair)
         timed([&] {
             zel::PatchFile patch;
             if (!zel::PatchFile::read(QString::fromStdString(pair.made(".patch")), {}, patch)
-                && patch.commands.size() == 1)
+                && patch.manifest.commands.size() == 1)
                 result =
                     bspatch2(pair.oldItem(), pair.made(".built"), std::as_bytes(std::span(patch.payload)));
         });

@@ -5,6 +5,7 @@
 #include "install/MD5FromData.h"
 #include "install/PatchFile.h"
 #include "install/PatchRunner.h"
+#include "install/SHA256.h"
 #include "install/ZELUpdaterApplyPatch.h"
 #include "PatchBytes.h"
 #include "publish/PatchWriter.h"
@@ -41,14 +42,28 @@ struct Fixture {
     qsizetype deltaSize;
 };
 
-PatchCommand commandFrom(FuzzedDataProvider &input, const Fixture &fixture)
+void addNewKeys(FuzzedDataProvider &input, const Fixture &fixture, PatchCommand &command)
+{
+    const bool copies = command.action == PatchAction::Copy;
+    command.hash.reset();
+    command.from = QString::fromStdString(hostilePath(input, fixture.sandbox));
+    command.mode = input.ConsumeIntegral<int>() & 07777;
+    if (copies || command.action == PatchAction::Patch) {
+        command.sha256 = sha256Of(copies ? "old file" : "new file");
+        command.size = input.ConsumeBool() ? 8 : input.ConsumeIntegralInRange<qint64>(0, 1 << 30);
+    }
+}
+
+PatchCommand commandFrom(FuzzedDataProvider &input, const Fixture &fixture, bool isNew)
 {
     PatchCommand command;
-    command.action = PatchAction(input.ConsumeIntegralInRange(0, int(PatchAction::Patch)));
+    command.action = PatchAction(input.ConsumeIntegralInRange(0, int(PatchAction::Mode)));
     command.path = QString::fromStdString(hostilePath(input, fixture.sandbox));
     command.symlink = QString::fromStdString(hostilePath(input, fixture.sandbox));
     command.length = fixture.deltaSize;
     command.hash = MD5FromData("new file");
+    if (isNew)
+        addNewKeys(input, fixture, command);
     const int kind = input.ConsumeIntegralInRange(0, 7);
     if (kind == 0) {
         command.length = fixture.payload.size();
@@ -75,9 +90,13 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     const Sandbox &sandbox = fixture.sandbox;
     FuzzedDataProvider input(data, size);
     QJsonArray commands;
+    const bool isNew = input.ConsumeBool();
+    if (isNew)
+        commands.append(QJsonObject{{QLatin1String("path"), QString()}});
     while (input.remaining_bytes() > 0 && commands.size() < 12)
-        commands.append(manifestEntry(commandFrom(input, fixture)));
-    const QJsonDocument manifest(QJsonObject{{QLatin1String("commands"), commands}});
+        commands.append(manifestEntry(commandFrom(input, fixture, isNew)));
+    const QJsonDocument manifest(
+        QJsonObject{{QLatin1String("format"), isNew ? 2 : 1}, {QLatin1String("commands"), commands}});
     const QByteArray patch = patchBytes(manifest.toJson(), fixture.payload);
     std::filesystem::remove_all(sandbox.inside());
     std::filesystem::create_directory(sandbox.inside());
@@ -87,7 +106,9 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     QVariantList log;
     ZELUpdaterApplyPatch(path("old.app"), path("inside/new.app"), path("patch"), log);
     require(sandbox.surroundings() == before);
-    require(sizeOf(sandbox.inside())
-            <= sizeOf(sandbox.path("old.app")) + 2 * fixture.payload.size() + SmallChange);
+    const qint64 oldSize = sizeOf(sandbox.path("old.app"));
+    require(sizeOf(sandbox.inside()) <= oldSize
+                + (isNew ? PatchFile::changeLimit(oldSize, patch.size())
+                         : 2 * fixture.payload.size() + SmallChange));
     return 0;
 }

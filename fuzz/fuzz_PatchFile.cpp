@@ -14,10 +14,17 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     const QByteArray file = patchBytes(bytes.left(end), bytes.mid(end + 1));
     Sandbox::write(path, file.toStdString());
     PatchFile patch;
-    require(!PatchFile::read(QString::fromStdString(path), {}, patch) && patch.payload == bytes.mid(end + 1));
-    for (const PatchCommand &command : patch.commands) {
+    if (PatchFile::read(QString::fromStdString(path), {}, patch))
+        return 0;
+    require(patch.payload == bytes.mid(end + 1));
+    require(patch.manifest.format == 1 || patch.manifest.format == 2);
+    for (const PatchCommand &command : patch.manifest.commands) {
         if (const auto slice = patch.slice(command))
             require(slice->begin() >= patch.payload.begin() && slice->end() <= patch.payload.end());
+        require(!command.mode || (*command.mode >= 0 && *command.mode <= 0777));
+        const bool fromOld = command.action == PatchAction::Copy
+            || (command.action == PatchAction::Patch && patch.manifest.format == 2);
+        require(!fromOld || (command.sha256 && command.size.value_or(-1) >= 0));
     }
     return 0;
 }

@@ -1,37 +1,17 @@
 #include "PatchFile.h"
 
 #include "common/WireValues.h"
-#include "platform/BoundedJson.h"
 #include "platform/FileContents.h"
 #include "xz/XZ.h"
 
 #include <QDir>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QStringDecoder>
 
 #include <algorithm>
-#include <array>
 
 namespace zel {
 
 namespace {
-
-constexpr std::array Words = {
-    QLatin1String(),         QLatin1String("delete-symlink"), QLatin1String("create-symlink"),
-    QLatin1String("delete"), QLatin1String("adddirectory"),   QLatin1String("add"),
-    QLatin1String("patch"),
-};
-
-PatchAction actionOf(const QJsonArray &words)
-{
-    for (size_t action = 1; action < Words.size(); ++action) {
-        if (words.contains(QJsonValue(Words[action])))
-            return PatchAction(action);
-    }
-    return PatchAction::None;
-}
 
 // A header that is not text states no length, which is a length of 0.
 qint64 manifestLength(QByteArrayView header)
@@ -39,29 +19,6 @@ qint64 manifestLength(QByteArrayView header)
     QStringDecoder decoder(QStringDecoder::Utf8);
     const QString text = decoder(header);
     return decoder.hasError() ? 0 : integerValue(text);
-}
-
-ZELError judgeCount(qint64 count)
-{
-    return count <= PatchFile::CommandLimit
-        ? ZELError()
-        : ZELError::withMessage(QStringLiteral("it has more than the %1 commands that a patch may have")
-                                    .arg(PatchFile::CommandLimit));
-}
-
-ZELError readCommands(const QByteArray &manifest, std::vector<PatchCommand> &commands)
-{
-    QJsonDocument document;
-    if (const ZELError error =
-            parseJson(manifest, 8 * PatchFile::CommandLimit, document)) // a command has eight at most
-        return error;
-    const QJsonArray values = document.object()[QLatin1String("commands")].toArray();
-    if (const ZELError error = judgeCount(values.size()))
-        return error;
-    commands.reserve(size_t(values.size()));
-    for (const QJsonValue value : values)
-        commands.push_back(PatchCommand::fromJson(value));
-    return PatchFile::judgeCommands(commands);
 }
 
 ZELError readPayload(QByteArrayView compressed, const PatchFile::Reading &reading, LargeBuffer &payload)
@@ -83,34 +40,19 @@ ZELError readPayload(QByteArrayView compressed, const PatchFile::Reading &readin
 
 } // namespace
 
-QLatin1String wordOf(PatchAction action)
-{
-    return Words[size_t(action)];
-}
-
-PatchCommand PatchCommand::fromJson(const QJsonValue &value)
-{
-    const QJsonObject object = value.toObject();
-    PatchCommand command;
-    command.action = actionOf(object[QLatin1String("actions")].toArray());
-    command.path = object[QLatin1String("path")].toString();
-    command.symlink = object[QLatin1String("symlink")].toString();
-    command.position = integerValue(object[QLatin1String("position")].toVariant());
-    command.length = integerValue(object[QLatin1String("length")].toVariant());
-    if (const QJsonValue hash = object[QLatin1String("hash")]; hash.isString())
-        command.hash = hash.toString();
-    return command;
-}
-
 // A delta has a byte for each that it gives, so that of large files that hardly change there is a large
-// payload of hardly anything. Beyond them the worst of what is worth compressing is known.
-qint64 PatchFile::Reading::payloadLimit(qint64 compressed) const
+// payload of hardly anything. Beyond them the worst of what is worth compressing is known. The terms are
+// bounded, so that the sum is.
+qint64 PatchFile::changeLimit(qint64 oldBundle, qint64 compressed)
 {
     constexpr qint64 base = qint64(32) << 20;
-    if (!oldBundle)
-        return PayloadLimit;
-    return std::min(PayloadLimit,
-                    base + 2 * std::min(*oldBundle, PayloadLimit) + 64 * std::min(compressed, PayloadLimit));
+    constexpr qint64 most = qint64(1) << 50;
+    return base + 2 * std::min(oldBundle, most) + 64 * std::min(compressed, most);
+}
+
+qint64 PatchFile::Reading::payloadLimit(qint64 compressed) const
+{
+    return oldBundle ? std::min(PayloadLimit, changeLimit(*oldBundle, compressed)) : PayloadLimit;
 }
 
 ZELError PatchFile::read(const QString &path, const Reading &reading, PatchFile &result)
@@ -128,11 +70,11 @@ try {
         return failed(QStringLiteral("its manifest does not end within the file"));
     const QByteArrayView body = QByteArrayView(*file).sliced(HeaderSize);
     result.payloadSize = body.size() - result.manifestSize;
-    const std::optional<QByteArray> manifest = decompressXZ(body.first(result.manifestSize), ManifestLimit);
+    const std::optional<QByteArray> manifest =
+        decompressXZ(body.first(result.manifestSize), PatchManifest::SizeLimit);
     if (!manifest)
         return failed(QStringLiteral("its manifest does not decompress, or to more than 16 MiB"));
-    result.commands.clear();
-    if (const ZELError error = readCommands(*manifest, result.commands))
+    if (const ZELError error = PatchManifest::read(*manifest, result.manifest))
         return failed(error.message);
     if (const ZELError error = readPayload(body.sliced(result.manifestSize), reading, result.m_buffer))
         return failed(error.message);
@@ -140,19 +82,6 @@ try {
     return {};
 } catch (const std::bad_alloc &) {
     return ZELError::withMessage(QLatin1String("memory is exhausted by the patch ") + path);
-}
-
-ZELError PatchFile::judgeCommands(const std::vector<PatchCommand> &commands)
-{
-    if (const ZELError error = judgeCount(qint64(commands.size())))
-        return error;
-    qint64 names = 0;
-    for (const PatchCommand &command : commands)
-        names += command.path.count(u'/') + 1;
-    return names <= NameLimit
-        ? ZELError()
-        : ZELError::withMessage(
-            QStringLiteral("its paths have more than the %1 names that a patch may have").arg(NameLimit));
 }
 
 std::optional<QByteArrayView> PatchFile::slice(const PatchCommand &command) const

@@ -6,8 +6,14 @@
 //   there.
 // - How much: `judgeWrites` adds up what the commands will write, from their slices alone, and compares it
 //   with the payload and with the disk. A small file that fills a disk is found before its first byte.
-// - How often: each old byte is read once at most (`m_readable`), and all walks share one bound of names, so
-//   that 200,000 commands on one large file take no longer than an honest patch does.
+// - How often: each old byte is read once at most, in format 2 about as often as bytes may be written
+//   (`m_readable`), and all walks share one bound of names, so that 200,000 commands on one large file take
+//   no longer than an honest patch does.
+//
+// The formats differ in how files come to be. Format 1 writes a delta's result into the copied file, which
+// keeps its mode. Format 2 builds each file aside from the old bundle alone (`build`), judges it, sets its
+// mode and then moves it into place: the order of the commands does not matter, and a file that has its name
+// is the right one.
 //
 // Links that cannot be made or removed, and items that cannot be deleted, are no failures: what matters of
 // them shows in the seal of the result.
@@ -18,8 +24,8 @@
 #include "delta/deltaformat.h"
 #include "MD5Digest.h"
 #include "PatchLog.h"
-#include "platform/FileContents.h"
 #include "platform/FileTree.h"
+#include "SHA256.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -28,6 +34,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -89,7 +96,25 @@ qint64 outcome(const PatchCommand &command, QByteArrayView slice)
 
 bool makesFolders(PatchAction action)
 {
-    return action == PatchAction::AddDirectory || action == PatchAction::Add;
+    return action == PatchAction::AddDirectory || buildsFile(action);
+}
+
+// What a command takes of the payload and gives, in bytes; nothing for one without a slice, which fails by
+// itself.
+struct Work {
+    qint64 slice = 0;
+    qint64 outcome = 0;
+};
+
+Work workOf(const PatchFile &patch, const PatchCommand &command)
+{
+    if (!buildsFile(command.action))
+        return {};
+    const auto slice = command.action == PatchAction::Copy ? QByteArrayView() : patch.slice(command);
+    if (!slice)
+        return {};
+    const bool stated = patch.manifest.format > 1 && command.action != PatchAction::Add;
+    return {slice->size(), stated ? command.size.value_or(0) : outcome(command, *slice)};
 }
 
 // How many names of a path are not those that the path before begins with, too: no fewer than it adds
@@ -102,28 +127,28 @@ qint64 newNames(QStringView path, QStringView before)
 
 } // namespace
 
-ZELError judgeWrites(const PatchFile &patch, const QString &folder)
+ZELError judgeWrites(const PatchFile &patch, const QString &folder, qint64 oldSize)
 {
-    const qint64 limit = 2 * qint64(patch.payload.size()) + SmallChange;
+    const bool first = patch.manifest.format == 1;
+    const qint64 limit = first ? 2 * qint64(patch.payload.size()) + SmallChange : patch.changeLimit(oldSize);
     qint64 used = 0;
     qint64 space = 0;
     QStringView before;
-    for (const PatchCommand &command : patch.commands) {
+    for (const PatchCommand &command : patch.manifest.commands) {
         if (makesFolders(command.action)) {
             space += DiskBlock * newNames(command.path, before);
             before = command.path;
         }
-        const bool sliced = command.action == PatchAction::Add || command.action == PatchAction::Patch;
-        const auto slice = sliced ? patch.slice(command) : std::nullopt;
-        if (!slice) // the command fails by itself
-            continue;
-        const qint64 size = outcome(command, *slice);
-        used += std::max<qint64>(size, slice->size());
-        space += (size + DiskBlock - 1) / DiskBlock * DiskBlock;
+        const Work work = workOf(patch, command);
+        used += std::max(work.outcome, work.slice);
+        space += (work.outcome + DiskBlock - 1) / DiskBlock * DiskBlock;
         if (used > limit)
             return ZELError::withMessage(
-                QStringLiteral("its commands use more than twice its payload of %1 bytes")
-                    .arg(patch.payload.size()));
+                first
+                    ? QStringLiteral("its commands use more than twice its payload of %1 bytes")
+                          .arg(patch.payload.size())
+                    : QStringLiteral("its commands build more than the %1 bytes that a patch of its size may")
+                          .arg(limit));
     }
     return requireSpace(folder, space);
 }
@@ -132,7 +157,8 @@ bool PatchRunner::perform(const PatchCommand &command)
 {
     if (command.action == PatchAction::None)
         return true;
-    const auto last = command.action == PatchAction::Patch ? FinalLink::Follow : FinalLink::Keep;
+    const bool intoFile = command.action == PatchAction::Patch && m_patch.manifest.format == 1;
+    const auto last = intoFile ? FinalLink::Follow : FinalLink::Keep;
     if (std::optional<WalkedItem> target = m_new.find(command.path, last))
         return perform(command, *target);
     DDLogDebug(QLatin1String("Path is not inside the bundle: ") + command.path.left(PATH_MAX));
@@ -143,6 +169,8 @@ bool PatchRunner::perform(const PatchCommand &command)
 
 bool PatchRunner::perform(const PatchCommand &command, WalkedItem &target)
 {
+    if (buildsFile(command.action) && m_patch.manifest.format > 1)
+        return build(command, target);
     switch (command.action) {
     case PatchAction::DeleteSymlink:
         deleteSymlink(command, target);
@@ -163,6 +191,9 @@ bool PatchRunner::perform(const PatchCommand &command, WalkedItem &target)
         return add(command, target);
     case PatchAction::Patch:
         return patch(command, pathOf(m_newPath, target));
+    case PatchAction::Mode:
+        return setMode(command, target);
+    case PatchAction::Copy:
     case PatchAction::None:
         break;
     }
@@ -232,6 +263,76 @@ bool PatchRunner::applyDelta(const PatchCommand &command, const QString &origina
     return bspatch2(QFile::encodeName(original).toStdString(), QFile::encodeName(target).toStdString(),
                     std::as_bytes(std::span(slice->data(), size_t(slice->size()))))
         == 0;
+}
+
+bool PatchRunner::build(const PatchCommand &command, WalkedItem &target)
+{
+    if (!m_new.makeFolders(target))
+        return failed("Error creating file", command);
+    FileAside file(target.folder, target.name);
+    if (!file)
+        return failed("Error creating file", command);
+    const QString path = QFileInfo(pathOf(m_newPath, target)).path() + u'/' + QFile::decodeName(file.name());
+    if (!fill(command, file, path))
+        return failed(command.action == PatchAction::Patch ? "Error patching file" : "Error creating file",
+                      command);
+    if ((command.sha256 && sha256OfFile(file.descriptor()) != command.sha256)
+        || (command.hash && MD5FromFile(path) != command.hash))
+        return failed("Hash error", command);
+    if (command.mode && ::fchmod(file.descriptor(), mode_t(*command.mode)) != 0)
+        return failed("Error setting mode", command);
+    return file.moveIntoPlace() || failed("Error creating file", command);
+}
+
+bool PatchRunner::fill(const PatchCommand &command, const FileAside &file, const QString &path)
+{
+    const auto slice = command.action == PatchAction::Copy ? QByteArrayView() : m_patch.slice(command);
+    if (!slice)
+        return false;
+    if (command.action == PatchAction::Add)
+        return writeAll(file.descriptor(), slice->data(), size_t(slice->size()));
+    const std::optional<WalkedItem> source = m_old.find(command.from, FinalLink::Follow);
+    const auto old = source ? openOld(command, *source) : std::nullopt;
+    if (!old)
+        return false;
+    if (command.action == PatchAction::Copy)
+        return copyData(old->get(), file.descriptor());
+    return outcome(command, *slice) == command.size
+        && bspatch2(QFile::encodeName(pathOf(m_oldPath, *source)).toStdString(),
+                    QFile::encodeName(path).toStdString(),
+                    std::as_bytes(std::span(slice->data(), size_t(slice->size()))))
+        == 0;
+}
+
+// A file of the old bundle, as far as there may be read on. A copy has its size, too.
+std::optional<FileDescriptor> PatchRunner::openOld(const PatchCommand &command, const WalkedItem &item)
+{
+    FileDescriptor file(
+        ::openat(item.folder, item.name.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status;
+    if (!item.missing.isEmpty() || !file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return std::nullopt;
+    m_readable -= status.st_size;
+    const bool suits = command.action == PatchAction::Copy ? status.st_size == command.size
+                                                           : status.st_size <= PatchManifest::DeltaFileLimit;
+    return suits && m_readable >= 0 ? std::optional(std::move(file)) : std::nullopt;
+}
+
+bool PatchRunner::setMode(const PatchCommand &command, const WalkedItem &target)
+{
+    struct stat status;
+    const char *const name = target.name.constData();
+    const bool set = target.missing.isEmpty() && command.mode
+        && ::fstatat(target.folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode)
+        && ::fchmodat(target.folder, name, mode_t(*command.mode), AT_SYMLINK_NOFOLLOW) == 0;
+    return set || failed("Error setting mode", command);
+}
+
+bool PatchRunner::failed(const char *description, const PatchCommand &command)
+{
+    DDLogDebug(QLatin1String(description) + QLatin1String(": ") + command.path);
+    appendEntry(m_log, QLatin1String(description), {{QStringLiteral("file"), command.path}});
+    return false;
 }
 
 void PatchRunner::appendContents(const char *description, const PatchCommand &command,

@@ -7,7 +7,8 @@
 //    and copying need different parts of the machine. How large the payload may be is computed in
 //    `PatchFile::Reading::payloadLimit`; one of more than `Reading::memory`, a quarter of the machine's, goes
 //    to a file without a name (`LargeBuffer`).
-// 3. Modes are set before the commands: what "add" writes keeps its default mode, as publishers expect.
+// 3. Modes are set before the commands: what "add" of format 1 writes keeps its default mode, as publishers
+//    expect.
 // 4. `judgeWrites` looks at all commands before `PatchRunner` performs the first.
 //
 // The log's entries and their order are read by those who make patches, and stay as they are.
@@ -34,6 +35,7 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <future>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -120,31 +122,15 @@ void makeMarkerFolder()
 bool performCommands(const QString &oldPath, const Place &place, qint64 oldSize, const PatchFile &patch,
                      QVariantList &log, const std::stop_token &stop)
 {
-    if (const ZELError error = judgeWrites(patch, place.folder)) {
+    if (const ZELError error = judgeWrites(patch, place.folder, oldSize)) {
         DDLogDebug(error.message);
         appendEntry(log, QLatin1String("Error: ") + error.message);
         return false;
     }
     PatchRunner runner(oldPath, place.path, oldSize, patch, log);
-    return std::ranges::all_of(patch.commands, [&](const PatchCommand &command) {
+    return std::ranges::all_of(patch.manifest.commands, [&](const PatchCommand &command) {
         return !stop.stop_requested() && runner.perform(command);
     });
-}
-
-bool applyPatchFile(const QString &oldPath, const Place &place, qint64 oldSize, PatchReading &reading,
-                    QVariantList &log, const std::stop_token &stop)
-{
-    if (const ZELError error = reading.error()) {
-        DDLogDebug(error.message);
-        return false;
-    }
-    makeMarkerFolder();
-    if (!performCommands(oldPath, place, oldSize, reading.patch(), log, stop))
-        return false;
-    const ZELError error = ensureProgramIsExecutable(place.path);
-    if (error)
-        DDLogDebug(error.message);
-    return !error;
 }
 
 // Sets the mode of a folder and of all below it to 755, by running "/bin/chmod -R 755" on it directly: the
@@ -163,6 +149,42 @@ void makeExecutableTree(const QString &path)
     uninterrupted([child] { return ::waitpid(child, nullptr, 0); });
 }
 
+// Files keep the modes that they were copied with, folders are open to be changed.
+void openFolders(const QString &path)
+{
+    namespace fs = std::filesystem;
+    constexpr auto mode = fs::perms(0755);
+    const fs::path root = QFile::encodeName(path).toStdString();
+    std::error_code error; // whether it worked shows in what follows
+    fs::permissions(root, mode, error);
+    for (fs::recursive_directory_iterator items(root, error), end; !error && items != end;
+         items.increment(error)) {
+        if (items->symlink_status(error).type() == fs::file_type::directory)
+            fs::permissions(items->path(), mode, fs::perm_options::replace, error);
+    }
+}
+
+bool applyPatchFile(const QString &oldPath, const Place &place, qint64 oldSize, PatchReading &reading,
+                    QVariantList &log, const std::stop_token &stop)
+{
+    if (const ZELError error = reading.error()) {
+        DDLogDebug(error.message);
+        return false;
+    }
+    // Before the commands: what "add" writes keeps its default mode.
+    if (reading.patch().manifest.format == 1)
+        makeExecutableTree(place.path);
+    else
+        openFolders(place.path);
+    makeMarkerFolder();
+    if (!performCommands(oldPath, place, oldSize, reading.patch(), log, stop))
+        return false;
+    const ZELError error = ensureProgramIsExecutable(place.path);
+    if (error)
+        DDLogDebug(error.message);
+    return !error;
+}
+
 bool buildBundle(const QString &oldPath, const QString &newPath, const QString &patchPath, QVariantList &log,
                  const std::stop_token &stop)
 {
@@ -177,8 +199,6 @@ bool buildBundle(const QString &oldPath, const QString &newPath, const QString &
         return copyFailed(error, newPath, log);
     appendItem(log, "New file", newPath);
     appendEntry(log, QStringLiteral("chmod'ing new file"));
-    // Before the commands: what "add" writes keeps its default mode.
-    makeExecutableTree(place.path);
     const bool applied = applyPatchFile(oldPath, place, oldSize, reading, log, stop);
     DDLogDebug(applied ? QStringLiteral("patch succeeded") : QStringLiteral("patch failed"));
     appendEntry(log, applied ? QStringLiteral("Patch succeeded") : QStringLiteral("Patch failed"));

@@ -23,7 +23,7 @@
 //  - Small things are the exception. A block's header and a model that starts anew cost more than they save
 //    there, so that everything small in a row makes one block, whatever it holds.
 //
-// The limits are the reader's (PatchFile::judgeCommands): what it would refuse is not written.
+// The limits are the reader's (PatchManifest::judge): what it would refuse is not written.
 
 namespace zel {
 
@@ -165,18 +165,26 @@ QJsonValue manifestEntry(const PatchCommand &command)
     }
     if (command.hash)
         object[QLatin1String("hash")] = *command.hash;
+    if (!command.from.isEmpty() && command.from != command.path)
+        object[QLatin1String("from")] = command.from;
+    if (command.mode)
+        object[QLatin1String("mode")] = *command.mode;
+    if (command.sha256)
+        object[QLatin1String("sha256")] = *command.sha256;
+    if (command.size)
+        object[QLatin1String("size")] = *command.size;
     return object;
 }
 
 ZELError encodePatchFile(const std::vector<PatchCommand> &commands, QByteArrayView payload, qint64 memory,
                          QByteArray &result)
 {
-    if (const ZELError error = PatchFile::judgeCommands(commands))
+    if (const ZELError error = PatchManifest::judge(commands))
         return error;
     try {
         const QByteArray manifest = manifestOf(commands);
         constexpr qsizetype blanks = 1024; // which may be added yet
-        if (manifest.size() > PatchFile::ManifestLimit - blanks)
+        if (manifest.size() > PatchManifest::SizeLimit - blanks)
             return ZELError::withMessage(QStringLiteral("its list of commands takes more than 16 MiB"));
         const std::optional<QByteArray> second = compressXZBlocks(payloadBlocks(commands, payload), memory);
         const auto first = second ? compressManifest(manifest, second->size()) : std::nullopt;

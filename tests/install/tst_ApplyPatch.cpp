@@ -7,6 +7,7 @@
 #include "support/ResourceLimit.h"
 #include "support/TemporaryTree.h"
 
+#include <QCryptographicHash>
 #include <QRegularExpression>
 #include <sys/stat.h>
 
@@ -359,6 +360,143 @@ private slots:
         for (const auto &[item, mode] : modes) {
             const Case current(item);
             QCOMPARE(QString::number(TemporaryTree::mode(tree.path(item)), 8), QString::number(mode, 8));
+        }
+    }
+
+    // Format 2. The old bundle has a file of each kind; lines of the new one's listing must be there, or,
+    // with "-" before them, must not. Where the patch fails, the entry before the end is the last one.
+    void builtFromTheOldBundle()
+    {
+        const auto sha256 = [](const QByteArray &of) {
+            return sha256Key(QCryptographicHash::hash(of, QCryptographicHash::Sha256).toHex());
+        };
+        const auto size = [](qint64 bytes) { return ",\"size\":" + QByteArray::number(bytes); };
+        const auto from = [](const char *path) { return ",\"from\":\"" + QByteArray(path) + '"'; };
+        const QByteArray delta = handMadeDelta(7, {3, 4, 0}, QByteArray(3, '\0'), " new");
+        const QByteArray payload = delta + "payload";
+        const QByteArray whole = slice(delta.size(), 7);
+        const QByteArray made = slice(0, delta.size()) + size(7) + sha256("old new");
+        const QByteArray same = size(8) + sha256("old file");
+        const QString none = "Error creating file: x";
+        const QString outside = "Error: path is not inside the bundle: ";
+        const std::tuple<const char *, QByteArray, QString, QString> cases[] = {
+            {"nothing", "", "f = old file", ""},
+            {"the guard alone is passed over", command("delete", ""), "f = old file", outside},
+            {"copy", command("copy", "new/x", from("f") + same), "f = old file\nnew/x = old file", ""},
+            {"copy of what is gone", command("delete", "f") + ',' + command("copy", "x", from("f") + same),
+             "-f = old file\nx = old file", ""},
+            {"copy of what was replaced",
+             command("add", "f", whole) + ',' + command("copy", "x", from("f") + same),
+             "f = payload\nx = old file", ""},
+            {"swapped",
+             command("copy", "g", from("f") + same) + ','
+                 + command("copy", "f", from("g") + size(5) + sha256("other")),
+             "f = other\ng = old file", ""},
+            {"a delta of another file", command("patch", "x", made + from("f")), "f = old file\nx = old new",
+             ""},
+            {"a delta of its own file", command("patch", "f", made), "f = old new", ""},
+            {"a link is replaced", command("patch", "l", made + from("f")), "f = old file\nl = old new", ""},
+            {"through links that stay inside", command("copy", "d/x", from("d/up/l") + same),
+             "d/x = old file", ""},
+            {"one slice for two",
+             command("add", "x", whole + sha256("payload")) + ',' + command("add", "y", whole),
+             "x = payload\ny = payload", ""},
+            {"copy of nothing", command("copy", "x", from("none") + same), "", none},
+            {"copy of a folder", command("copy", "x", from("d") + same), "", none},
+            {"copy of a path that leaves", command("copy", "x", from("../outside") + same), "", none},
+            {"copy through a link that leaves", command("copy", "x", from("out") + same), "", none},
+            {"copy of an absolute path", command("copy", "x", from("/etc/passwd") + same), "", none},
+            {"copy of another size", command("copy", "x", from("f") + size(7) + sha256("old fil")), "", none},
+            {"copy of other bytes", command("copy", "f", from("f") + size(8) + sha256("old fily")),
+             "f = old file", "Hash error: f"},
+            {"copy over a folder", command("copy", "d", from("f") + same), "", "Error creating file: d"},
+            {"add of other bytes", command("add", "f", whole + sha256("payloaf")), "f = old file",
+             "Hash error: f"},
+            {"a delta that gives another size",
+             command("patch", "f", slice(0, delta.size()) + size(8) + sha256("old new")), "f = old file",
+             "Error patching file: f"},
+            {"a delta of a path that leaves", command("patch", "x", made + from("out")), "",
+             "Error patching file: x"},
+            {"a delta with another hash", command("patch", "f", made + R"(,"hash":"")"), "f = old file",
+             "Hash error: f"},
+            {"mode of a link", command("mode", "l", R"(,"mode":384)"), "", "Error setting mode: l"},
+            {"mode of a folder", command("mode", "d", R"(,"mode":384)"), "", "Error setting mode: d"},
+            {"mode of nothing", command("mode", "n/x", R"(,"mode":384)"), "", "Error setting mode: n/x"},
+        };
+        for (const auto &[name, commands, lines, entry] : cases) {
+            const Case current(name);
+            const TemporaryTree tree;
+            tree.write("old.app/f", "old file");
+            tree.write("old.app/g", "other");
+            tree.link("old.app/l", "f");
+            tree.link("old.app/d/up", "..");
+            tree.link("old.app/out", "../outside");
+            tree.write("outside", "old file");
+            QCOMPARE(applyIn(tree, patchOfFormat2(commands, payload)), entry.isEmpty());
+            QCOMPARE(descriptions(m_log).value(Opening.size()), entry.isEmpty() ? "Patch succeeded" : entry);
+            const QStringList after = TemporaryTree::listing(tree.path("new.app"));
+            for (const QString &line : lines.split('\n', Qt::SkipEmptyParts))
+                QVERIFY2(after.contains(line.mid(line.startsWith('-'))) != line.startsWith('-'),
+                         qPrintable(line));
+            QVERIFY(after.filter(QRegularExpression("(^|/)\\.")).isEmpty()); // nothing is left aside
+            QCOMPARE(tree.read("outside"), "old file");
+            QVERIFY(!applyIn(tree, patchOfCommands(command("delete", "") + ',' + command("delete", "f"))));
+            QCOMPARE(tree.read("new.app/f"), "old file"); // as who knows format 1 alone
+        }
+    }
+
+    void modesOfFormat2()
+    {
+        const mode_t before = ::umask(027);
+        const TemporaryTree tree;
+        for (const auto &[name, mode] :
+             {std::pair("kept", 0640), {"locked", 0444}, {"special", 06711}, {"set", 0600}})
+            tree.write("old.app/d/" + QString(name), "x", mode_t(mode));
+        ::chmod(tree.path("old.app/d").toUtf8().constData(), 0500);
+        const bool applied =
+            applyIn(tree,
+                    patchOfFormat2(command("add", "d/added", slice(0, 1) + R"(,"mode":3565)") + ','
+                                   + command("add", "d/plain", slice(0, 1)) + ','
+                                   + command("mode", "d/set", R"(,"mode":457)") + ','
+                                   + command("add", "d/locked", slice(0, 1) + R"(,"mode":292)")));
+        ::umask(before);
+        ::chmod(tree.path("old.app/d").toUtf8().constData(), 0700);
+        QVERIFY(applied);
+        const std::pair<const char *, int> modes[] = {
+            {"d", 0755},        {"d/kept", 0640},  {"d/special", 0711}, {"d/set", 0711},
+            {"d/locked", 0444}, {"d/added", 0755}, {"d/plain", 0640},
+        };
+        for (const auto &[item, mode] : modes) {
+            const Case current(item);
+            QCOMPARE(QString::number(TemporaryTree::mode(tree.path("new.app/" + QString(item))), 8),
+                     QString::number(mode, 8));
+        }
+    }
+
+    // What is built, and what is read, is 32 MiB and twice the old bundle of 1 MiB at most, and some more for
+    // the patch's own size.
+    void buildsOfFormat2AreBounded()
+    {
+        const QByteArray file(1 << 20, 'x');
+        const QByteArray sha256 = QCryptographicHash::hash(file, QCryptographicHash::Sha256).toHex();
+        const QByteArray copy = command("copy", "x", R"(,"size":1048576,"from":"f")" + sha256Key(sha256));
+        const QByteArray none = command(
+            "patch", "x",
+            R"(,"size":0,"from":"f")"
+                + sha256Key(QCryptographicHash::hash("", QCryptographicHash::Sha256).toHex()) + slice(0, 32));
+        const QByteArray add = command("add", "x", slice(0, 1 << 20));
+        const std::tuple<QByteArray, int, bool> cases[] = {
+            {copy, 34, true}, {copy, 36, false}, {add, 34, true},
+            {add, 36, false}, {none, 34, true},  {none, 36, false},
+        };
+        for (const auto &[commands, times, succeeds] : cases) {
+            const Case current(QString("%1 times %2").arg(times).arg(commands.constData()));
+            const TemporaryTree tree;
+            tree.write("old.app/f", file);
+            const QByteArray all = QByteArray(commands + ',').repeated(times - 1) + commands;
+            const QByteArray payload = DeltaToNothing + QByteArray((1 << 20) - 32, 'x');
+            QCOMPARE(applyIn(tree, patchOfFormat2(all, payload)), succeeds);
+            QVERIFY(succeeds || descriptions(m_log).at(m_log.size() - 2).startsWith("Error"));
         }
     }
 

@@ -36,8 +36,8 @@ private slots:
             {"most commands", patchOfCommands(QByteArray("{},").repeated(199'999) + "{}"), ""},
             {"one command more", patchOfCommands(QByteArray("{},").repeated(200'000) + "{}"),
              "200000 commands"},
-            {"values of nothing", patchOfCommands(QByteArray("0,").repeated(2'000'000) + '0'), "values"},
-            {"values within each other", patchOfCommands(QByteArray("[[[],{}]],").repeated(400'000) + '0'),
+            {"values of nothing", patchOfCommands(QByteArray("0,").repeated(2'400'000) + '0'), "values"},
+            {"values within each other", patchOfCommands(QByteArray("[[[],{}]],").repeated(600'000) + '0'),
              "values"},
             {"a text that looks like values", patchOfCommands('"' + values + '"'), ""},
             {"a large manifest", patchOfCommands(QByteArray(16 << 20, ' ')), packing},
@@ -46,6 +46,16 @@ private slots:
              "500000 names"},
             {"payload is followed by more", patchFile(size, manifest, payload + "more"), packing},
             {"older container", patchFile(size, manifest, older), packing},
+            {"format 1 by name", patchOf(R"({"format":1,"requires":["modes","moved-files"]})"), ""},
+            {"format to come", patchOf(R"({"format":3})"), "of format 3, and 2 is"},
+            {"format as text", patchOf(R"({"format":"2"})"), "\"format\""},
+            {"format between", patchOf(R"({"format":1.5})"), "\"format\""},
+            {"unknown requirement", patchOf(R"({"requires":["modes","wings"]})"), "requires \"wings\""},
+            {"requirement of no type", patchOf(R"({"requires":[7]})"), "requires \"\""},
+            {"requirements as text", patchOf(R"({"requires":"modes"})"), "\"requires\""},
+            {"no guard", patchOf(R"({"format":2,"commands":[)" + command("delete", "f") + "]}"),
+             "first command"},
+            {"nothing at all", patchOf(R"({"format":2})"), "first command"},
         };
         for (const auto &[name, bytes, why] : cases) {
             const Case current(name);
@@ -53,6 +63,54 @@ private slots:
             PatchFile file;
             const ZELError error = PatchFile::read(tree.write("patch", bytes), {.oldBundle = 1}, file);
             QVERIFY2(why.isEmpty() ? !error : error.message.contains(why), qPrintable(error.message));
+        }
+    }
+
+    // What is not understood must not pass for what is not there. Format 1 knows none of these keys.
+    void valuesOfFormat2()
+    {
+        const QByteArray sha256 = sha256Key(QByteArray(64, '0'));
+        const QByteArray sound = R"(,"size":1,"from":"g")" + sha256;
+        // The command, its keys, and the one that is refused; null where none is.
+        const std::tuple<QByteArray, QByteArray, const char *> cases[] = {
+            {"copy", sound, nullptr},
+            {"copy", R"(,"size":4294967296,"from":"g")" + sha256, nullptr},
+            {"patch", R"(,"size":2147483647)" + sha256, nullptr},
+            {"add", R"(,"mode":0)", nullptr},
+            {"copy", R"(,"size":1)" + sha256, "from"},
+            {"copy", R"(,"size":1,"from":"")" + sha256, "from"},
+            {"patch", R"(,"size":1,"from":7)" + sha256, "from"},
+            {"patch", R"(,"size":1)", "sha256"},
+            {"copy", R"(,"size":1,"from":"g")", "sha256"},
+            {"add", R"(,"sha256":5)", "sha256"},
+            {"add", R"(,"sha256":"")", "sha256"},
+            {"add", R"(,"sha256":null)", "sha256"},
+            {"add", sha256Key(QByteArray(64, 'A')), "sha256"},
+            {"add", sha256Key(QByteArray(63, 'a')), "sha256"},
+            {"patch", R"(,"hash":false)" + sound, "hash"},
+            {"patch", R"(,"from":"g")" + sha256, "size"},
+            {"patch", R"(,"size":2147483648)" + sha256, "size"},
+            {"copy", R"(,"size":4294967297,"from":"g")" + sha256, "size"},
+            {"copy", R"(,"size":-1,"from":"g")" + sha256, "size"},
+            {"copy", R"(,"size":"1","from":"g")" + sha256, "size"},
+            {"copy", R"(,"size":1e300,"from":"g")" + sha256, "size"},
+            {"mode", "", "mode"},
+            {"mode", R"(,"mode":"420")", "mode"},
+            {"add", R"(,"mode":1.5)", "mode"},
+            {"add", R"(,"mode":-1)", "mode"},
+            {"add", R"(,"mode":null)", "mode"},
+        };
+        for (const auto &[action, keys, wrong] : cases) {
+            const Case current(action + keys);
+            const TemporaryTree tree;
+            PatchFile file;
+            const QByteArray commands = command(action, "f", keys);
+            ZELError error = PatchFile::read(tree.write("patch", patchOfFormat2(commands)), {}, file);
+            QCOMPARE(bool(error), wrong != nullptr);
+            QVERIFY2(error.message.contains(QString("the \"%1\" of").arg(wrong)) == bool(error),
+                     qPrintable(error.message));
+            error = PatchFile::read(tree.write("patch", patchOfCommands(commands)), {}, file);
+            QVERIFY2(!error, qPrintable(error.message));
         }
     }
 

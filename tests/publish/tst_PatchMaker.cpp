@@ -98,7 +98,7 @@ private slots:
             PatchFile file;
             QVERIFY(!PatchFile::read(tree.path("patch"), {}, file));
             QStringList made;
-            for (const PatchCommand &command : file.commands)
+            for (const PatchCommand &command : file.manifest.commands)
                 made.append(wordOf(command.action) + u' ' + command.path);
             QCOMPARE(made.join(", "), commands);
 

@@ -86,7 +86,7 @@ private slots:
     void limitsOfCommands()
     {
         const std::tuple<const char *, qint64, QString, QString> cases[] = {
-            {"commands", PatchFile::CommandLimit + 1, "a", "200000 commands"},
+            {"commands", PatchManifest::CommandLimit + 1, "a", "200000 commands"},
             {"names", qint64(1001), QString("a/").repeated(499) + "a", "500000 names"},
             {"manifest", qint64(4096), QString(4096, 'a'), "16 MiB"},
         };

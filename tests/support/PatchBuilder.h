@@ -37,8 +37,20 @@ inline QByteArray slice(qint64 position, qint64 length)
     return ",\"position\":" + QByteArray::number(position) + ",\"length\":" + QByteArray::number(length);
 }
 
+inline QByteArray sha256Key(const QByteArray &digits)
+{
+    return ",\"sha256\":\"" + digits + '"';
+}
+
 /// A patch file of commands, written as the content of the "commands" array.
 inline QByteArray patchOfCommands(const QByteArray &commands, const QByteArray &payload = "payload")
 {
     return patchOf("{\"commands\":[" + commands + "]}", payload);
+}
+
+/// As above, in format 2, with the command that older readers fail at.
+inline QByteArray patchOfFormat2(const QByteArray &commands, const QByteArray &payload = "payload")
+{
+    const QByteArray guard = command("delete", "") + (commands.isEmpty() ? "" : ",");
+    return patchOf("{\"format\":2,\"commands\":[" + guard + commands + "]}", payload);
 }

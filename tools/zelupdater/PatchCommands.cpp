@@ -191,7 +191,7 @@ int runInspectPatch(const Arguments &arguments)
     arguments.say(header);
     QJsonArray commands;
     std::map<PatchAction, std::pair<int, qint64>> totals;
-    for (const PatchCommand &command : patch.commands) {
+    for (const PatchCommand &command : patch.manifest.commands) {
         arguments.say(rowOf(command));
         commands.append(manifestEntry(command));
         auto &[count, bytes] = totals[command.action];
