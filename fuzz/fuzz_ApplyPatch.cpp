@@ -60,16 +60,17 @@ PatchCommand commandFrom(FuzzedDataProvider &input, const Fixture &fixture, bool
     command.action = PatchAction(input.ConsumeIntegralInRange(0, int(PatchAction::Mode)));
     command.path = QString::fromStdString(hostilePath(input, fixture.sandbox));
     command.symlink = QString::fromStdString(hostilePath(input, fixture.sandbox));
-    command.length = fixture.deltaSize;
+    command.slices = {{0, fixture.deltaSize}};
     command.hash = MD5FromData("new file");
     if (isNew)
         addNewKeys(input, fixture, command);
     const int kind = input.ConsumeIntegralInRange(0, 7);
     if (kind == 0) {
-        command.length = fixture.payload.size();
+        command.slices = {{0, fixture.payload.size()}};
     } else if (kind <= 2) {
-        command.position = input.ConsumeIntegral<qint64>();
-        command.length = input.ConsumeIntegral<qint64>();
+        command.slices = {{input.ConsumeIntegral<qint64>(), input.ConsumeIntegral<qint64>()}};
+        if (isNew && kind == 2)
+            command.slices.push_back({0, input.ConsumeIntegral<qint64>()});
     }
     return command;
 }

@@ -19,8 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     require(patch.payload == bytes.mid(end + 1));
     require(patch.manifest.format == 1 || patch.manifest.format == 2);
     for (const PatchCommand &command : patch.manifest.commands) {
-        if (const auto slice = patch.slice(command))
-            require(slice->begin() >= patch.payload.begin() && slice->end() <= patch.payload.end());
+        const auto content = patch.contentOf(command);
+        require(patch.sizeOfContent(command).value_or(-1) == (content ? content->size() : -1));
         require(!command.mode || (*command.mode >= 0 && *command.mode <= 0777));
         const bool fromOld = command.action == PatchAction::Copy
             || (command.action == PatchAction::Patch && patch.manifest.format == 2);

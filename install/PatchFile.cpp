@@ -84,12 +84,30 @@ try {
     return ZELError::withMessage(QLatin1String("memory is exhausted by the patch ") + path);
 }
 
-std::optional<QByteArrayView> PatchFile::slice(const PatchCommand &command) const
+std::optional<qint64> PatchFile::sizeOfContent(const PatchCommand &command) const
 {
-    if (command.position < 0 || command.length < 0 || command.position > payload.size()
-        || command.length > payload.size() - command.position)
+    qint64 size = 0;
+    for (const auto &[position, length] : command.slices) {
+        if (position < 0 || length < 0 || position > payload.size() || length > payload.size() - position)
+            return std::nullopt;
+        size += length;
+    }
+    return command.slices.empty() ? std::nullopt : std::optional(size);
+}
+
+std::optional<QByteArray> PatchFile::contentOf(const PatchCommand &command) const
+{
+    const std::optional<qint64> size = sizeOfContent(command);
+    if (!size)
         return std::nullopt;
-    return payload.sliced(command.position, command.length);
+    const auto &[position, length] = command.slices.front();
+    if (command.slices.size() == 1)
+        return QByteArray::fromRawData(payload.data() + position, length);
+    QByteArray content;
+    content.reserve(*size);
+    for (const PatchSlice &slice : command.slices)
+        content += payload.sliced(slice.position, slice.length);
+    return content;
 }
 
 } // namespace zel

@@ -44,8 +44,12 @@ struct PatchFile {
     /// Works on all processors.
     static ZELError read(const QString &path, const Reading &reading, PatchFile &result);
 
-    /// The part of the payload that a command names; nothing when it lies outside.
-    std::optional<QByteArrayView> slice(const PatchCommand &command) const;
+    /// The bytes that a command's slices hold together; nothing when it has none, or one lies outside the
+    /// payload. Several are put together in memory, one is where it lies.
+    std::optional<QByteArray> contentOf(const PatchCommand &command) const;
+
+    /// How many those are, without putting them together.
+    std::optional<qint64> sizeOfContent(const PatchCommand &command) const;
 
     /// How many bytes may come of the patch file when it starts from a bundle of `oldBundle` bytes: what
     /// neither resembles the old bundle nor comes out of much input is made up.

@@ -30,7 +30,7 @@ constexpr std::array Words = {
 constexpr size_t WordsOfFormat1 = size_t(PatchAction::Patch) + 1;
 constexpr qint64 NewestFormat = 2;
 constexpr std::array KnownRequirements = {QLatin1String("moved-files"), QLatin1String("modes")};
-constexpr qint64 MostValues = 12; // of a command
+constexpr qint64 MostValues = 8 * PatchManifest::CommandLimit; // a command of format 1 has eight at most
 
 ZELError problem(const QString &message)
 {
@@ -84,14 +84,31 @@ ZELError judgeCount(qint64 count)
                       .arg(PatchManifest::CommandLimit));
 }
 
+// What is a number may be a list of them from format 2 on. None where the two do not fit together.
+std::vector<PatchSlice> slicesFrom(const QJsonObject &object)
+{
+    const QJsonValue position = object[QLatin1String("position")];
+    const QJsonValue length = object[QLatin1String("length")];
+    if (!position.isArray() && !length.isArray())
+        return {{integerValue(position.toVariant()), integerValue(length.toVariant())}};
+    const QJsonArray positions = position.toArray();
+    const QJsonArray lengths = length.toArray();
+    std::vector<PatchSlice> slices;
+    if (positions.size() != lengths.size() || positions.size() > PatchManifest::SliceLimit)
+        return slices;
+    for (qsizetype i = 0; i < positions.size(); ++i)
+        slices.push_back({positions[i].toInteger(-1), lengths[i].toInteger(-1)});
+    return slices;
+}
+
 PatchCommand commandFrom(const QJsonObject &object, int format)
 {
     PatchCommand command;
     command.action = actionOf(object[QLatin1String("actions")].toArray(), format);
     command.path = object[QLatin1String("path")].toString();
     command.symlink = object[QLatin1String("symlink")].toString();
-    command.position = integerValue(object[QLatin1String("position")].toVariant());
-    command.length = integerValue(object[QLatin1String("length")].toVariant());
+    if (command.action == PatchAction::Add || command.action == PatchAction::Patch)
+        command.slices = slicesFrom(object);
     if (const QJsonValue hash = object[QLatin1String("hash")]; hash.isString())
         command.hash = hash.toString();
     return command;
@@ -118,6 +135,9 @@ public:
         const bool fromOld = command.action == PatchAction::Patch || command.action == PatchAction::Copy;
         if (m_object.contains(QLatin1String("hash")) && !command.hash)
             return "hash";
+        if (command.slices.empty()
+            && (command.action == PatchAction::Add || command.action == PatchAction::Patch))
+            return "position";
         if (!readFrom(command))
             return "from";
         if (!readMode(command))
@@ -211,7 +231,7 @@ ZELError PatchManifest::read(const QByteArray &json, PatchManifest &result)
 {
     result = {};
     QJsonDocument document;
-    if (const ZELError error = parseJson(json, MostValues * CommandLimit, document))
+    if (const ZELError error = parseJson(json, MostValues, document))
         return error;
     const QJsonObject manifest = document.object();
     if (const ZELError error = readFormat(manifest, result.format))

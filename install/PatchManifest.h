@@ -22,14 +22,21 @@ QLatin1String wordOf(PatchAction action);
 /// Whether an action builds a file, replacing what is there.
 bool buildsFile(PatchAction action);
 
+/// A part of the payload.
+struct PatchSlice {
+    qint64 position = 0;
+    qint64 length = 0;
+
+    bool operator==(const PatchSlice &) const = default;
+};
+
 /// One command of a manifest. A command performs one action: of the words in its "actions", the first in the
 /// order of the enumeration above; with none of them it does nothing. Format 1 knows no word behind "patch".
 struct PatchCommand {
     PatchAction action = PatchAction::None;
     QString path;
     QString symlink;
-    qint64 position = 0;
-    qint64 length = 0;
+    std::vector<PatchSlice> slices; ///< what lies in them makes the bytes, in this order; one in format 1
     std::optional<QString> hash; ///< missing is not the same as empty: a missing hash matches nothing
 
     // From format 2 on.
@@ -43,6 +50,7 @@ struct PatchManifest {
     static constexpr qint64 SizeLimit = qint64(16) << 20; ///< bytes of the JSON text
     static constexpr qint64 CommandLimit = 200'000;
     static constexpr qint64 NameLimit = 500'000; ///< names in all paths of the commands
+    static constexpr qsizetype SliceLimit = 4; ///< slices of a command
     static constexpr qint64 FileLimit = qint64(4) << 30; ///< bytes of a file that is built
     static constexpr qint64 DeltaFileLimit =
         (qint64(2) << 30) - 1; ///< of one that comes of a delta, or its base

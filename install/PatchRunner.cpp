@@ -82,16 +82,13 @@ std::optional<QByteArray> smallFile(const QString &path)
 
 constexpr qint64 DiskBlock = 4096;
 
-// The size of the file that a slice gives.
-qint64 outcome(const PatchCommand &command, QByteArrayView slice)
+// The size of the file that a delta gives, as it claims; 0 of what is no delta.
+qint64 outcomeOf(QByteArrayView delta)
 {
-    if (command.action != PatchAction::Patch)
-        return slice.size();
-    if (slice.size() < qsizetype(DeltaHeaderSize))
+    if (delta.size() < qsizetype(DeltaHeaderSize))
         return 0;
-    const std::span header(reinterpret_cast<const unsigned char *>(slice.data()), DeltaHeaderSize);
-    // What claims more is corrupt, which is found before anything is written.
-    return std::clamp<qint64>(deltaIntegerAt(header, NewSizeOffset), 0, 2 * slice.size());
+    const std::span header(reinterpret_cast<const unsigned char *>(delta.data()), DeltaHeaderSize);
+    return std::max<qint64>(deltaIntegerAt(header, NewSizeOffset), 0);
 }
 
 bool makesFolders(PatchAction action)
@@ -99,22 +96,23 @@ bool makesFolders(PatchAction action)
     return action == PatchAction::AddDirectory || buildsFile(action);
 }
 
-// What a command takes of the payload and gives, in bytes; nothing for one without a slice, which fails by
-// itself.
+// What a command takes of the payload and gives, in bytes; nothing for one that has to fail by itself.
 struct Work {
-    qint64 slice = 0;
+    qint64 content = 0;
     qint64 outcome = 0;
 };
 
 Work workOf(const PatchFile &patch, const PatchCommand &command)
 {
-    if (!buildsFile(command.action))
-        return {};
-    const auto slice = command.action == PatchAction::Copy ? QByteArrayView() : patch.slice(command);
-    if (!slice)
-        return {};
-    const bool stated = patch.manifest.format > 1 && command.action != PatchAction::Add;
-    return {slice->size(), stated ? command.size.value_or(0) : outcome(command, *slice)};
+    if (command.action == PatchAction::Copy)
+        return {0, command.size.value_or(0)};
+    const std::optional<qint64> content = patch.sizeOfContent(command);
+    if (!content || command.action == PatchAction::Add)
+        return {content.value_or(0), content.value_or(0)};
+    if (command.size)
+        return {*content, *command.size};
+    // What claims more is corrupt, which is found before anything is written.
+    return {*content, std::min(outcomeOf(*patch.contentOf(command)), 2 * *content)};
 }
 
 // How many names of a path are not those that the path before begins with, too: no fewer than it adds
@@ -140,7 +138,7 @@ ZELError judgeWrites(const PatchFile &patch, const QString &folder, qint64 oldSi
             before = command.path;
         }
         const Work work = workOf(patch, command);
-        used += std::max(work.outcome, work.slice);
+        used += std::max(work.outcome, work.content);
         space += (work.outcome + DiskBlock - 1) / DiskBlock * DiskBlock;
         if (used > limit)
             return ZELError::withMessage(
@@ -226,8 +224,8 @@ void PatchRunner::symlinkFailed(int number, const char *description, const Patch
 
 bool PatchRunner::add(const PatchCommand &command, WalkedItem &target)
 {
-    const auto slice = m_patch.slice(command);
-    if (slice && m_new.makeFolders(target) && writeFileAtomically(target.folder, target.name, *slice))
+    const auto content = m_patch.contentOf(command);
+    if (content && m_new.makeFolders(target) && writeFileAtomically(target.folder, target.name, *content))
         return true;
     DDLogDebug(QLatin1String("Error adding file at path ") + command.path);
     appendEntry(m_log, QStringLiteral("Error creating file"), {{QStringLiteral("file"), command.path}});
@@ -253,15 +251,15 @@ bool PatchRunner::patch(const PatchCommand &command, const QString &target)
 
 bool PatchRunner::applyDelta(const PatchCommand &command, const QString &original, const QString &target)
 {
-    const auto slice = m_patch.slice(command);
-    if (!slice || original.isNull())
+    const auto delta = m_patch.contentOf(command);
+    if (!delta || original.isNull())
         return false;
     // Each file is patched once at most, so that all old bytes are read once at most.
     m_readable -= QFileInfo(original).size();
     if (m_readable < 0)
         return false;
     return bspatch2(QFile::encodeName(original).toStdString(), QFile::encodeName(target).toStdString(),
-                    std::as_bytes(std::span(slice->data(), size_t(slice->size()))))
+                    std::as_bytes(std::span(delta->data(), size_t(delta->size()))))
         == 0;
 }
 
@@ -286,21 +284,22 @@ bool PatchRunner::build(const PatchCommand &command, WalkedItem &target)
 
 bool PatchRunner::fill(const PatchCommand &command, const FileAside &file, const QString &path)
 {
-    const auto slice = command.action == PatchAction::Copy ? QByteArrayView() : m_patch.slice(command);
-    if (!slice)
+    const bool copies = command.action == PatchAction::Copy;
+    const auto content = copies ? QByteArray() : m_patch.contentOf(command);
+    if (!content)
         return false;
     if (command.action == PatchAction::Add)
-        return writeAll(file.descriptor(), slice->data(), size_t(slice->size()));
+        return writeAll(file.descriptor(), content->data(), size_t(content->size()));
     const std::optional<WalkedItem> source = m_old.find(command.from, FinalLink::Follow);
     const auto old = source ? openOld(command, *source) : std::nullopt;
     if (!old)
         return false;
-    if (command.action == PatchAction::Copy)
+    if (copies)
         return copyData(old->get(), file.descriptor());
-    return outcome(command, *slice) == command.size
+    return outcomeOf(*content) == command.size
         && bspatch2(QFile::encodeName(pathOf(m_oldPath, *source)).toStdString(),
                     QFile::encodeName(path).toStdString(),
-                    std::as_bytes(std::span(slice->data(), size_t(slice->size()))))
+                    std::as_bytes(std::span(content->data(), size_t(content->size()))))
         == 0;
 }
 

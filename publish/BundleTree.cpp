@@ -1,5 +1,7 @@
 #include "BundleTree.h"
 
+#include "platform/BundleInfo.h"
+
 #include <QFile>
 
 #include <filesystem>
@@ -36,8 +38,7 @@ ZELError readItem(const fs::directory_entry &entry, TreeItem &item)
     } else if (fs::is_regular_file(status)) {
         item.kind = TreeItem::File;
         item.size = qint64(entry.file_size(error));
-        constexpr fs::perms execute = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
-        item.executable = (status.permissions() & execute) != fs::perms::none;
+        item.mode = int(status.permissions()) & 0777;
     } else if (!error) {
         return ZELError::withMessage(path + QLatin1String(" is neither a file, a folder nor a link"));
     }
@@ -104,10 +105,10 @@ void planFile(PatchPlan &plan, const QString &path, const TreeItem &item, const 
     const bool wasFile = before && before->kind == TreeItem::File;
     if (wasFile && !changed.contains(path))
         return;
-    if (!wasFile && item.executable && path != program)
+    if (!wasFile && item.isExecutable() && path != program)
         plan.lostModes.push_back(path);
-    const Transport ofChanged = item.executable ? Transport::Delta : Transport::Smaller;
-    plan.files.push_back({path, wasFile ? ofChanged : Transport::Whole});
+    const Transport ofChanged = item.isExecutable() ? Transport::Delta : Transport::Smaller;
+    plan.files.push_back({path, wasFile ? ofChanged : Transport::Whole, wasFile ? path : QString()});
 }
 
 } // namespace
@@ -127,7 +128,8 @@ ZELError readBundleTree(const QString &bundle, BundleTree &tree)
                  : ZELError();
 }
 
-ZELError compareBundles(const QString &first, const QString &second, std::vector<QString> &differences)
+ZELError compareBundles(const QString &first, const QString &second, Modes modes,
+                        std::vector<QString> &differences)
 {
     BundleTree a;
     BundleTree b;
@@ -135,9 +137,13 @@ ZELError compareBundles(const QString &first, const QString &second, std::vector
         return error;
     if (const ZELError error = readBundleTree(second, b))
         return error;
+    // Whoever applies a patch sees to it that the program can be run.
+    if (const auto program = b.find(programPath(second)); program != b.end())
+        program->second.mode |= 0500 | ((program->second.mode & 0444) >> 2);
     for (const auto &[path, item] : a) {
         const auto other = b.find(path);
-        if (other == b.end() || !sameItem(first + u'/' + path, item, second + u'/' + path, other->second))
+        if (other == b.end() || !sameItem(first + u'/' + path, item, second + u'/' + path, other->second)
+            || (modes == Modes::Compared && item.mode != other->second.mode))
             differences.push_back(path);
     }
     for (const auto &[path, item] : b) {

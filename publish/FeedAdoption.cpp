@@ -95,7 +95,8 @@ private:
             return error;
         if (const ZELError error = m_bundles.unpack(earlier, oldBundle))
             return error;
-        whyNot = provePatch(oldBundle, bundle, copy, m_scratch + QLatin1String("/built")).message;
+        whyNot =
+            provePatch(oldBundle, bundle, copy, m_scratch + QLatin1String("/built"), Modes::Ignored).message;
         QFile::remove(copy);
         return {};
     }

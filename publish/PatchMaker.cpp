@@ -7,6 +7,8 @@
 #include "install/PatchFile.h"
 #include "install/ZELUpdaterApplyPatch.h"
 #include "Interrupt.h"
+#include "MovedFiles.h"
+#include "PatchPayload.h"
 #include "PatchWriter.h"
 #include "platform/BundleInfo.h"
 #include "platform/Containment.h"
@@ -57,7 +59,7 @@ class SliceMaker
 {
 public:
     SliceMaker(const QString &oldBundle, const QString &newBundle, const PlannedFile &file)
-        : m_old(oldBundle + u'/' + file.path)
+        : m_old(oldBundle + u'/' + file.from)
         , m_new(newBundle + u'/' + file.path)
         , m_transport(file.transport)
     {
@@ -68,8 +70,8 @@ public:
     // The memory that `make` takes, in bytes.
     qint64 cost() const
     {
-        return m_transport == Transport::Whole ? newSize()
-                                               : 9 * QFileInfo(m_old).size() + 3 * newSize() + TableSize;
+        const bool isDelta = m_transport == Transport::Delta || m_transport == Transport::Smaller;
+        return isDelta ? 9 * QFileInfo(m_old).size() + 3 * newSize() + TableSize : newSize();
     }
 
     // `progress` hears how many of the new file's bytes are worked off.
@@ -85,6 +87,10 @@ public:
 private:
     ZELError makeAny(FileSlice &slice, const std::function<void(qint64)> &progress) const
     {
+        if (m_transport == Transport::Copy) {
+            slice.action = PatchAction::Copy;
+            return {};
+        }
         if (m_transport == Transport::Whole)
             return makeWhole(slice);
         const bool possible = QFileInfo(m_old).size() < DeltaLimit && newSize() < DeltaLimit;
@@ -205,6 +211,8 @@ public:
         if (const ZELError error = readBundleTree(m_new, after))
             return error;
         m_plan = planPatch(before, after, changedFiles(before, after), programPath(m_new));
+        if (m_options.format > 1)
+            return planMovedFiles(m_old, before, m_new, after, m_plan);
         for (const QString &path : m_plan.lostModes)
             m_summary.lostModes.append(path);
         if (m_options.allowLostModes || m_plan.lostModes.empty())
@@ -225,15 +233,18 @@ public:
         if (const ZELError error =
                 makeFileSlices(m_old, m_new, m_plan.files, m_options.memory, progress, slices))
             return error;
-        if (const ZELError error = reservePayload(slices))
+        if (const ZELError error = judgePayload(slices))
             return error;
-        for (size_t i = 0; i < slices.size(); ++i) {
-            append(m_plan.files[i].path, slices[i]);
-            slices[i] = {};
+        try {
+            m_options.format > 1 ? arrange(slices) : append(slices);
+        } catch (const std::bad_alloc &) {
+            return ZELError::withMessage(QStringLiteral("memory is exhausted by the patch's payload"));
         }
+        m_commands.insert(m_commands.end(), m_plan.modes.begin(), m_plan.modes.end());
         m_commands.insert(m_commands.end(), m_plan.links.begin(), m_plan.links.end());
         m_summary.removed = int(m_plan.removals.size());
         m_summary.folders = int(m_plan.folders.size());
+        m_summary.modes = int(m_plan.modes.size());
         m_summary.links = int(m_plan.links.size());
         return {};
     }
@@ -241,8 +252,11 @@ public:
     // To be called once: releases the payload.
     ZELError encode(QByteArray &bytes)
     {
-        const QByteArray payload = std::exchange(m_payload, {});
-        const ZELError error = encodePatchFile(m_commands, payload, m_options.memory, bytes);
+        const PatchPayload payload = std::exchange(m_payload, {});
+        PatchManifest manifest;
+        manifest.format = m_options.format;
+        manifest.commands = m_commands;
+        const ZELError error = encodePatchFile(manifest, payload.blocks, m_options.memory, bytes);
         return error ? ZELError::withMessage(QLatin1String("no patch can be made: ") + error.message
                                              + QLatin1String("; publish the full archive only"))
                      : ZELError();
@@ -266,33 +280,68 @@ private:
         return changed;
     }
 
-    ZELError reservePayload(const std::vector<FileSlice> &slices)
+    static ZELError judgePayload(const std::vector<FileSlice> &slices)
     {
         qint64 size = 0;
         for (const FileSlice &slice : slices)
             size += slice.bytes.size();
-        if (size > PatchFile::PayloadLimit)
-            return ZELError::withMessage(QStringLiteral("the changed files take more than the 4 GiB that a "
-                                                        "patch may hold; publish the full archive only"));
-        try {
-            m_payload.reserve(size);
-        } catch (const std::bad_alloc &) {
-            return ZELError::withMessage(QStringLiteral("memory is exhausted by the patch's payload"));
-        }
-        return {};
+        return size <= PatchFile::PayloadLimit
+            ? ZELError()
+            : ZELError::withMessage(QStringLiteral("the changed files take more than the 4 GiB that a "
+                                                   "patch may hold; publish the full archive only"));
     }
 
-    void append(const QString &path, const FileSlice &slice)
+    PatchCommand &addCommand(const PlannedFile &file, const FileSlice &slice)
     {
         PatchCommand command;
         command.action = slice.action;
-        command.path = path;
-        command.position = m_payload.size();
-        command.length = slice.bytes.size();
-        command.hash = slice.hash;
+        command.path = file.path;
         m_commands.push_back(command);
-        m_payload += slice.bytes;
-        ++(slice.action == PatchAction::Add ? m_summary.added : m_summary.patched);
+        ++(slice.action == PatchAction::Add         ? m_summary.added
+               : slice.action == PatchAction::Patch ? m_summary.patched
+                                                    : m_summary.copied);
+        return m_commands.back();
+    }
+
+    // Slices one after the other.
+    void append(std::vector<FileSlice> &slices)
+    {
+        qsizetype size = 0;
+        for (const FileSlice &slice : slices)
+            size += slice.bytes.size();
+        m_payload.bytes.reserve(size);
+        for (size_t i = 0; i < slices.size(); ++i) {
+            PatchCommand &command = addCommand(m_plan.files[i], slices[i]);
+            command.slices = {{m_payload.bytes.size(), slices[i].bytes.size()}};
+            command.hash = slices[i].hash;
+            m_payload.bytes += slices[i].bytes;
+            slices[i] = {};
+        }
+        m_payload.blocks = payloadBlocks(m_commands, m_payload.bytes);
+    }
+
+    // Slices wherever they compress best.
+    void arrange(std::vector<FileSlice> &slices)
+    {
+        std::vector<PayloadItem> items;
+        for (size_t i = 0; i < slices.size(); ++i)
+            items.push_back({m_plan.files[i].path, std::exchange(slices[i].bytes, {}),
+                             slices[i].action == PatchAction::Patch});
+        m_payload = layOut(items);
+        for (size_t i = 0; i < slices.size(); ++i) {
+            const PlannedFile &file = m_plan.files[i];
+            PatchCommand &command = addCommand(file, slices[i]);
+            command.mode = file.mode;
+            command.sha256 = file.sha256;
+            if (slices[i].action == PatchAction::Add) {
+                command.slices = m_payload.slices[i];
+                continue;
+            }
+            if (slices[i].action == PatchAction::Patch)
+                command.slices = m_payload.slices[i];
+            command.from = file.from;
+            command.size = QFileInfo(m_new + u'/' + file.path).size();
+        }
     }
 
     void report(const QString &step, qint64 done) const
@@ -307,7 +356,7 @@ private:
     PatchSummary &m_summary;
     PatchPlan m_plan;
     std::vector<PatchCommand> m_commands;
-    QByteArray m_payload;
+    PatchPayload m_payload;
     qint64 m_total = 0;
 };
 
@@ -337,7 +386,7 @@ QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QSt
 }
 
 ZELError provePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
-                    const QString &built)
+                    const QString &built, Modes modes)
 {
     QVariantList log;
     if (!ZELUpdaterApplyPatch(oldPath, built, patchPath, log)) {
@@ -346,7 +395,7 @@ ZELError provePatch(const QString &oldPath, const QString &newPath, const QStrin
                                      + QLatin1String(": ") + why);
     }
     std::vector<QString> differences;
-    if (const ZELError error = compareBundles(built, newPath, differences))
+    if (const ZELError error = compareBundles(built, newPath, modes, differences))
         return error;
     if (!differences.empty())
         return ZELError::withMessage(QLatin1String("the patch does not give the new bundle: ")
@@ -380,7 +429,9 @@ ZELError makePatch(const QString &oldPath, const QString &newPath, const QString
         return error;
     if (options.progress)
         options.progress(QStringLiteral("proving"), 0, 0);
-    if (const ZELError error = provePatch(oldPath, newPath, aside, folder.filePath(QStringLiteral("built"))))
+    const Modes modes = options.format > 1 ? Modes::Compared : Modes::Ignored;
+    const QString built = folder.filePath(QStringLiteral("built"));
+    if (const ZELError error = provePatch(oldPath, newPath, aside, built, modes))
         return error;
     if (const ZELError error = replaceFile(aside, patchPath))
         return error;

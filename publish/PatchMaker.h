@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/SystemCalls.h"
+#include "BundleTree.h"
 #include "common/ZELError.h"
 
 #include <QString>
@@ -13,11 +14,14 @@
 namespace zel {
 
 struct PatchMakerOptions {
-    bool allowLostModes = false; ///< make the patch although executables lose their executable bit by it
+    /// 1, for readers of every version, or 2, for those that know it: smaller, and with the files' modes.
+    int format = 2;
+    /// Of format 1: make the patch although executables lose their executable bit by it.
+    bool allowLostModes = false;
     /// Bytes that deltas and encoders made at the same time may take together.
     qint64 memory = machineMemory() / 2;
     /// Bytes; may be left out. Called on any thread, one call at a time.
-    std::function<void(const QString &step, qint64 done, qint64 total)> progress;
+    std::function<void(const QString &step, qint64 done, qint64 total)> progress = {};
 };
 
 struct PatchSummary {
@@ -27,6 +31,8 @@ struct PatchSummary {
     int links = 0;
     int added = 0; ///< files that travel whole
     int patched = 0; ///< files that travel as deltas
+    int copied = 0; ///< files that are in the old bundle under another name
+    int modes = 0; ///< files of which the mode alone changes
     QStringList lostModes; ///< executables that arrive without their executable bit
 };
 
@@ -36,10 +42,11 @@ QString whyNotApplied(const QVariantList &log, const QString &oldPath, const QSt
 /// Why a patch does not turn the bundle `oldPath` into the bundle `newPath`; no error when it does, byte by
 /// byte. The patch may be hostile. It is applied at `built`, where what stands is replaced, and which stays.
 ZELError provePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
-                    const QString &built);
+                    const QString &built, Modes modes);
 
 /// Writes the patch file that turns the bundle `oldPath` into the bundle `newPath`, and proves it: the patch
-/// is applied to a copy and the outcome compared item by item, byte by byte, before the file gets its name.
+/// is applied to a copy and the outcome compared item by item, byte by byte, in format 2 with the modes, before
+/// the file gets its name.
 /// On an error nothing is left at `patchPath` that was not there before. Works on all processors. Peak
 /// memory: the payload, and besides `options.memory` or, if that is more, what the largest changed file takes
 /// by itself (nine bytes per old byte, three per new byte and 90 MiB) or the encoder of one block (370 MiB).

@@ -115,12 +115,58 @@ bool usesPayload(PatchAction action)
     return action == PatchAction::Add || action == PatchAction::Patch;
 }
 
-QByteArray manifestOf(const std::vector<PatchCommand> &commands)
+QByteArrayView sliceOf(const PatchCommand &command, QByteArrayView payload)
 {
+    return payload.sliced(command.slices.at(0).position, command.slices.at(0).length);
+}
+
+// One number, or the list of several.
+QJsonValue inEach(const PatchCommand &command, qint64 PatchSlice::*number)
+{
+    if (command.slices.size() == 1)
+        return command.slices.front().*number;
+    QJsonArray numbers;
+    for (const PatchSlice &slice : command.slices)
+        numbers.append(slice.*number);
+    return numbers;
+}
+
+// What a reader of the format must know besides to perform the commands.
+QJsonArray requirementsOf(const std::vector<PatchCommand> &commands)
+{
+    QJsonArray words;
+    const auto moved = [](const PatchCommand &command) {
+        return command.action == PatchAction::Copy
+            || (command.action == PatchAction::Patch && command.from != command.path);
+    };
+    if (std::ranges::any_of(commands, [](const PatchCommand &command) { return command.mode.has_value(); }))
+        words.append(QLatin1String("modes"));
+    if (std::ranges::any_of(commands, moved))
+        words.append(QLatin1String("moved-files"));
+    return words;
+}
+
+// A reader that knows format 1 alone must fail at the first command, before it performs one.
+QJsonValue guard()
+{
+    PatchCommand command;
+    command.action = PatchAction::Delete;
+    return manifestEntry(command);
+}
+
+QByteArray textOf(const PatchManifest &manifest)
+{
+    QJsonObject object;
     QJsonArray list;
-    for (const PatchCommand &command : commands)
+    if (manifest.format > 1) {
+        object[QLatin1String("format")] = manifest.format;
+        object[QLatin1String("requires")] = requirementsOf(manifest.commands);
+        list.append(guard());
+    }
+    for (const PatchCommand &command : manifest.commands)
         list.append(manifestEntry(command));
-    return QJsonDocument(QJsonObject{{QLatin1String("commands"), list}}).toJson(QJsonDocument::Compact);
+    object[QLatin1String("commands")] = list;
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
 }
 
 // A file whose size is a multiple of `MD5Digest::ChunkSize` has no hash to check it by (MD5FromData.h), so a
@@ -147,7 +193,7 @@ std::vector<XZBlock> payloadBlocks(const std::vector<PatchCommand> &commands, QB
     for (const PatchCommand &command : commands) {
         if (!usesPayload(command.action))
             continue;
-        for (const XZBlock &part : partsOf(command, payload.sliced(command.position, command.length)))
+        for (const XZBlock &part : partsOf(command, sliceOf(command, payload)))
             division.add(part);
     }
     return division.blocks();
@@ -160,8 +206,8 @@ QJsonValue manifestEntry(const PatchCommand &command)
     if (command.action == PatchAction::CreateSymlink)
         object[QLatin1String("symlink")] = command.symlink;
     if (usesPayload(command.action)) {
-        object[QLatin1String("position")] = command.position;
-        object[QLatin1String("length")] = command.length;
+        object[QLatin1String("position")] = inEach(command, &PatchSlice::position);
+        object[QLatin1String("length")] = inEach(command, &PatchSlice::length);
     }
     if (command.hash)
         object[QLatin1String("hash")] = *command.hash;
@@ -176,18 +222,18 @@ QJsonValue manifestEntry(const PatchCommand &command)
     return object;
 }
 
-ZELError encodePatchFile(const std::vector<PatchCommand> &commands, QByteArrayView payload, qint64 memory,
+ZELError encodePatchFile(const PatchManifest &manifest, std::span<const XZBlock> blocks, qint64 memory,
                          QByteArray &result)
 {
-    if (const ZELError error = PatchManifest::judge(commands))
+    if (const ZELError error = PatchManifest::judge(manifest.commands))
         return error;
     try {
-        const QByteArray manifest = manifestOf(commands);
+        const QByteArray text = textOf(manifest);
         constexpr qsizetype blanks = 1024; // which may be added yet
-        if (manifest.size() > PatchManifest::SizeLimit - blanks)
+        if (text.size() > PatchManifest::SizeLimit - blanks)
             return ZELError::withMessage(QStringLiteral("its list of commands takes more than 16 MiB"));
-        const std::optional<QByteArray> second = compressXZBlocks(payloadBlocks(commands, payload), memory);
-        const auto first = second ? compressManifest(manifest, second->size()) : std::nullopt;
+        const std::optional<QByteArray> second = compressXZBlocks(blocks, memory);
+        const auto first = second ? compressManifest(text, second->size()) : std::nullopt;
         if (first) {
             result = QByteArray::number(first->size()).leftJustified(PatchFile::HeaderSize, '\0') + *first
                 + *second;

@@ -121,7 +121,7 @@ mode_t modeOf(const TreeItem &item)
     case TreeItem::Link:
         return S_IFLNK | 0777;
     default:
-        return S_IFREG | (item.executable ? 0755 : 0644);
+        return S_IFREG | (item.isExecutable() ? 0755 : 0644);
     }
 }
 

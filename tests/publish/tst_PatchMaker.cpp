@@ -38,7 +38,7 @@ struct Bundles {
         makeTree(tree, "new.app", after);
     }
 
-    ZELError make(const PatchMakerOptions &options = {}, const QString &patch = "patch")
+    ZELError make(const PatchMakerOptions &options = {.format = 1}, const QString &patch = "patch")
     {
         summary = {};
         return makePatch(tree.path("old.app"), tree.path("new.app"), tree.path(patch), options, summary);
@@ -102,7 +102,7 @@ private slots:
                 made.append(wordOf(command.action) + u' ' + command.path);
             QCOMPARE(made.join(", "), commands);
 
-            PatchMakerOptions sparing;
+            PatchMakerOptions sparing{.format = 1};
             sparing.memory = 1;
             QVERIFY(!bundles.make(sparing, "same patch"));
             QCOMPARE(tree.read("same patch"), tree.read("patch"));
@@ -116,6 +116,75 @@ private slots:
                     QCOMPARE(TemporaryTree::mode(built + u'/' + item.mid(1).section(u'=', 0, 0)), 0755);
             }
             QCOMPARE(QDir(tree.path()).entryList(QDir::Hidden | QDir::Dirs | QDir::NoDotAndDotDot).size(), 3);
+        }
+    }
+
+    // Format 2: names mean nothing, and modes arrive.
+    void movedFiles()
+    {
+        const auto text = [](int seed) {
+            QString lines;
+            for (const char value : randomBytes(600, 200, unsigned(seed)))
+                lines += QString("word%1 ").arg(int(uchar(value)));
+            return lines;
+        };
+        const QString a = text(1);
+        const QString b = text(2);
+        const QString fresh = text(3);
+        const QString half = a.left(a.size() / 2);
+        // The bundles, the commands from one to the other, and how many bytes their payload has at most.
+        const std::tuple<const char *, QString, QString, QString, qsizetype> cases[] = {
+            {"nothing", "a=1, *b=2", "a=1, *b=2", "", 0},
+            {"renamed", "a=" + a, "d/b=" + a, "delete a, adddirectory d, copy d/b<a", 0},
+            {"renamed and changed", "x-1.js=" + a + ", y-1.js=" + b, "x-2.js=" + b + "!, y-2.js=" + a + "!",
+             "delete x-1.js, delete y-1.js, patch x-2.js<y-1.js, patch y-2.js<x-1.js", 12'000},
+            {"doubled", "a=" + a, "a=" + a + ", b=" + a, "copy b<a", 0},
+            {"swapped", "a=" + a + ", b=" + b, "a=" + b + ", b=" + a, "copy a<b, copy b<a", 0},
+            {"small", "a1=some file of a few words, and hardly any more of them than these, b=x",
+             "a2=some file of a few words, and hardly any more of them than these, b=x",
+             "delete a1, copy a2<a1", 0},
+            {"its own place is preferred", "a=" + a + ", b=" + a + "?", "a=" + a + "!, b=" + a + "?",
+             "patch a", 12'000},
+            {"unless another is clearly better", "a=" + a + ", b=" + b, "a=" + b + "!, b=" + b, "patch a<b",
+             12'000},
+            {"one slice for equal files", "", "a=" + fresh + ", b=" + fresh + ", c=" + fresh,
+             "add a, add b, add c", fresh.size()},
+            {"one delta for equal files", "a=" + a, "b=" + a + "!, c=" + a + '!',
+             "delete a, patch b<a, patch c<a", 6'000},
+            {"nothing like it", "a=" + a, "a=" + a + ", b=" + fresh, "add b", fresh.size()},
+            {"half of it", "a=" + a, "b=" + half + fresh, "delete a, patch b<a", 12'000},
+            {"an executable may be whole", "*a=something wholly different", "*a=zzz", "add a", 3},
+            {"new executables", "link->x", "*link=1, *tool=1", "delete-symlink link, add link, add tool", 1},
+            {"modes alone", "a=1, *b=2, c=3", "*a=1, b=2, c=3", "mode a, mode b", 0},
+            {"empty files", "a=1, e=", "a=1, e=, f=, g=", "copy f<e, copy g<e", 0},
+        };
+        for (const auto &[name, before, after, commands, most] : cases) {
+            const Case current(name);
+            Bundles bundles(before, after);
+            const TemporaryTree &tree = bundles.tree;
+            const ZELError error = bundles.make({});
+            QVERIFY2(!error, qPrintable(error.message));
+            PatchFile file;
+            QVERIFY(!PatchFile::read(tree.path("patch"), {}, file));
+            QCOMPARE(file.manifest.format, 2);
+            QStringList made;
+            for (const PatchCommand &command : file.manifest.commands) {
+                made.append(wordOf(command.action) + u' ' + command.path);
+                const bool fromOld =
+                    command.action == PatchAction::Copy || command.action == PatchAction::Patch;
+                if (fromOld && command.from != command.path)
+                    made.last() += u'<' + command.from;
+                QCOMPARE(command.sha256.has_value(), buildsFile(command.action));
+            }
+            QCOMPARE(made.join(", "), commands);
+            QVERIFY2(file.payload.size() <= most, qPrintable(QString::number(file.payload.size())));
+            QCOMPARE(file.manifest.requirements.contains("moved-files"), commands.contains('<'));
+            QCOMPARE(file.manifest.requirements.contains("modes"),
+                     std::ranges::any_of(file.manifest.commands,
+                                         [](const PatchCommand &each) { return each.mode.has_value(); }));
+
+            QVERIFY(!bundles.make({.memory = 1}, "same patch"));
+            QCOMPARE(tree.read("same patch"), tree.read("patch"));
         }
     }
 
@@ -137,7 +206,7 @@ private slots:
         for (const unsigned seed : {1, 2})
             bundles.tree.write(seed == 1 ? "old.app/a" : "new.app/a", randomBytes(1 << 18, 256, seed));
         QList<qint64> shares;
-        PatchMakerOptions options;
+        PatchMakerOptions options{.format = 1};
         options.progress = [&](const QString &step, qint64 done, qint64 total) {
             if (step == "a")
                 shares.append(100 * done / total);
@@ -174,7 +243,7 @@ private slots:
         QVERIFY(error.message.contains("link, tool"));
         QVERIFY(error.message.contains("--allow-lost-modes"));
         QVERIFY(!QFileInfo::exists(bundles.tree.path("patch")));
-        PatchMakerOptions options;
+        PatchMakerOptions options{.format = 1};
         options.allowLostModes = true;
         QVERIFY(!bundles.make(options));
         QCOMPARE(bundles.summary.lostModes, (QStringList{"link", "tool"}));
@@ -224,7 +293,7 @@ private slots:
         for (const auto &[bundle, item, reason] : cases) {
             const Case current(item);
             Bundles bundles("*a=1", "*a=2, k->b");
-            PatchMakerOptions options;
+            PatchMakerOptions options{.format = 1};
             options.progress = [&, bundle = bundle, item = item](const QString &step, qint64, qint64) {
                 if (step != "compressing")
                     return;

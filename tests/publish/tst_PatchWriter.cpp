@@ -19,8 +19,7 @@ struct Payload {
     {
         PatchCommand command;
         command.action = action;
-        command.position = bytes.size();
-        command.length = content.size();
+        command.slices = {{bytes.size(), content.size()}};
         commands.push_back(command);
         bytes += content;
         return *this;
@@ -94,9 +93,10 @@ private slots:
             const Case current(name);
             PatchCommand command;
             command.path = path;
+            PatchManifest manifest;
+            manifest.commands.assign(size_t(count), command);
             QByteArray bytes;
-            const ZELError error = encodePatchFile(std::vector(size_t(count), command), {},
-                                                   std::numeric_limits<qint64>::max(), bytes);
+            const ZELError error = encodePatchFile(manifest, {}, std::numeric_limits<qint64>::max(), bytes);
             QVERIFY2(error.message.contains(reason), qPrintable(error.message));
         }
     }

@@ -69,7 +69,11 @@ int runMakePatch(const Arguments &arguments)
     const std::optional<qint64> memory = memoryBudget(arguments);
     if (!memory)
         return WrongUsage;
+    const auto format = arguments.number(QStringLiteral("format"), 1, 2);
+    if (!format)
+        return WrongUsage;
     PatchMakerOptions options;
+    options.format = int(*format);
     options.memory = *memory;
     options.allowLostModes = arguments.isSet(QStringLiteral("allow-lost-modes"));
     options.progress = showPatchProgress;
@@ -161,8 +165,12 @@ QString nameOf(PatchAction action)
 QString rowOf(const PatchCommand &command)
 {
     const bool sliced = isSliced(command.action);
-    const QString length = sliced ? QString::number(command.length) : QString();
-    const QString position = sliced ? QString::number(command.position) : QString();
+    qint64 size = 0;
+    for (const PatchSlice &slice : command.slices)
+        size += slice.length;
+    const QString length = sliced ? QString::number(size) : QString();
+    const QString position =
+        command.slices.empty() ? QString() : QString::number(command.slices.front().position);
     const QString target =
         command.action == PatchAction::CreateSymlink ? QLatin1String(" -> ") + command.symlink : QString();
     return QStringLiteral("%1 %2 %3  %4")
@@ -196,8 +204,7 @@ int runInspectPatch(const Arguments &arguments)
         commands.append(manifestEntry(command));
         auto &[count, bytes] = totals[command.action];
         ++count;
-        if (const auto slice = patch.slice(command)) // no sum for what is not there
-            bytes += slice->size();
+        bytes += patch.sizeOfContent(command).value_or(0); // no sum for what is not there
     }
     arguments.say(QString());
     for (const auto &[action, total] : totals)
@@ -221,7 +228,12 @@ std::vector<ToolCommand> patchCommands()
         {word("make-patch"),
          {word("OLD"), word("NEW"), word("PATCH")},
          word("Make the bundle patch that turns one bundle into another, and prove it."),
-         {{word("allow-lost-modes"), word("Make it although new executables lose their executable bit.")},
+         {{word("format"),
+           word("The format: 2 is smaller and keeps modes, 1 is read by every version. 2 unless given; "
+                "'release' makes both."),
+           word("N"), word("2")},
+          {word("allow-lost-modes"),
+           word("Make it in format 1 although new executables lose their executable bit.")},
           memoryOption()},
          {},
          runMakePatch},
