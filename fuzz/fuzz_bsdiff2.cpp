@@ -2,7 +2,7 @@
 // with the short cuts as they are or taken early, and makes the one of the other, compacted or not.
 #include "delta/bspatch2.h"
 #include "generate/bsdiff2.h"
-#include "publish/compactdelta.h"
+#include "generate/compactdelta.h"
 #include "Sandbox.h"
 #include "support/PlainScan.h"
 #include "support/RepetitiveText.h"

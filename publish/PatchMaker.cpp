@@ -1,7 +1,7 @@
 #include "PatchMaker.h"
 
 #include "BundleTree.h"
-#include "compactdelta.h"
+#include "generate/compactdelta.h"
 #include "generate/makedelta.h"
 #include "install/MD5FromData.h"
 #include "install/PatchFile.h"

@@ -2,7 +2,7 @@
 #include "generate/bsdiff2.h"
 
 #include "base/FileDescriptor.h"
-#include "publish/compactdelta.h"
+#include "generate/compactdelta.h"
 #include "support/CapturedOutput.h"
 #include "support/Case.h"
 #include "support/DeltaSupport.h"

@@ -1,4 +1,4 @@
-#include "publish/compactdelta.h"
+#include "generate/compactdelta.h"
 
 #include "support/DeltaSupport.h"
 

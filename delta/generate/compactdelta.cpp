@@ -41,14 +41,6 @@ Index length(FileBytes text)
     return static_cast<Index>(text.size());
 }
 
-struct DeltaCopy {
-    Index start; // in the new file
-    Index end;
-    Index alignment; // from the new byte's position to the old one's
-
-    Index length() const { return end - start; }
-};
-
 // Nothing when one lies outside the files.
 std::optional<std::vector<DeltaCopy>> readCopies(FileBytes delta, Index oldSize, Index newSize)
 {
@@ -275,7 +267,13 @@ std::optional<std::vector<std::byte>> compactDelta(FileBytes oldBytes, FileBytes
     const auto copies = readCopies(delta, length(oldBytes), length(newBytes));
     if (!copies)
         return std::nullopt;
-    return writeDelta(oldBytes, newBytes, CopyChoice(oldBytes, newBytes, *copies).choose());
+    return writeDelta(oldBytes, newBytes, chooseCopies(oldBytes, newBytes, *copies));
+}
+
+std::vector<DeltaCopy> chooseCopies(FileBytes oldBytes, FileBytes newBytes,
+                                    const std::vector<DeltaCopy> &candidates)
+{
+    return CopyChoice(oldBytes, newBytes, candidates).choose();
 }
 
 } // namespace zel
