@@ -153,7 +153,8 @@ std::vector<MovedImage> pairImages(const std::vector<ProgramImage> &before,
     std::vector<bool> isTaken(before.size());
     for (const ProgramImage &now : after) {
         const auto old = std::ranges::find_if(before, [&](const ProgramImage &each) {
-            return each.code == now.code && each.format == now.format && !isTaken[size_t(&each - before.data())];
+            return each.code == now.code && each.format == now.format
+                && !isTaken[size_t(&each - before.data())];
         });
         if (old == before.end() || images.size() == MostImages)
             continue;
@@ -251,9 +252,8 @@ public:
         for (Candidate &each : m_ranges)
             each.range->kind = each.best;
         std::erase_if(m_delta.images, [](const MovedImage &image) {
-            return std::ranges::all_of(image.ranges, [](const MovedRange &range) {
-                return range.kind == RangeKind::Plain;
-            });
+            return std::ranges::all_of(
+                image.ranges, [](const MovedRange &range) { return range.kind == RangeKind::Plain; });
         });
     }
 

@@ -57,7 +57,8 @@ std::uint64_t targetOf(std::uint32_t word, const DistanceField &field, std::uint
 {
     std::uint64_t distance;
     if (field.isSplit)
-        distance = std::uint64_t(word >> field.shift & ((1u << (field.bits - 2)) - 1)) << 2 | (word >> 29 & 3);
+        distance =
+            std::uint64_t(word >> field.shift & ((1u << (field.bits - 2)) - 1)) << 2 | (word >> 29 & 3);
     else
         distance = word >> field.shift & ((1u << field.bits) - 1);
     const std::uint64_t sign = std::uint64_t(1) << (field.bits - 1);
@@ -71,9 +72,8 @@ std::uint32_t withTarget(std::uint32_t word, const DistanceField &field, std::ui
     const auto bytes = static_cast<std::int64_t>(origin(field, target) - origin(field, address));
     const auto distance = static_cast<std::uint32_t>(bytes >> unitBits(field));
     const std::uint32_t mask = maskOf(field);
-    const std::uint32_t placed = field.isSplit
-        ? (distance >> 2) << field.shift | (distance & 3) << 29
-        : distance << field.shift;
+    const std::uint32_t placed =
+        field.isSplit ? (distance >> 2) << field.shift | (distance & 3) << 29 : distance << field.shift;
     return (word & ~mask) | (placed & mask);
 }
 

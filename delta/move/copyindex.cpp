@@ -73,7 +73,8 @@ std::optional<std::int64_t> CopyIndex::shiftAt(std::uint64_t place) const
     if (m_stretches.empty() || block >= m_first.size())
         return std::nullopt;
     const auto from = m_stretches.begin() + m_first[block];
-    const auto to = block + 1 < m_first.size() ? m_stretches.begin() + m_first[block + 1] + 1 : m_stretches.end();
+    const auto to =
+        block + 1 < m_first.size() ? m_stretches.begin() + m_first[block + 1] + 1 : m_stretches.end();
     auto next = std::upper_bound(from, to, place,
                                  [](std::uint64_t at, const Stretch &each) { return at < each.start; });
     const auto behind = next;

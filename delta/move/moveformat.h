@@ -96,7 +96,8 @@ struct MoveDelta {
     std::vector<MovedImage> images;
     std::vector<PageHashes> pageHashes;
     std::vector<MovedCopy> copies;
-    std::span<const unsigned char> corrections; ///< pairs of a number of copied bytes that stand and one to add
+    std::span<const unsigned char>
+        corrections; ///< pairs of a number of copied bytes that stand and one to add
     std::span<const unsigned char> inserts;
 };
 

@@ -148,22 +148,26 @@ struct ReferenceModel::Image {
     // A range's end counts as its own where no other begins.
     const MovedRange *atOldAddress(std::uint64_t address) const
     {
-        const auto next = std::ranges::upper_bound(byOldAddress, address, {},
-                                                   [](const MovedRange *range) { return range->old.address; });
+        const auto next = std::ranges::upper_bound(
+            byOldAddress, address, {}, [](const MovedRange *range) { return range->old.address; });
         if (next == byOldAddress.begin())
             return nullptr;
         const MovedRange *const range = *std::prev(next);
         return address - range->old.address <= range->old.size ? range : nullptr;
     }
 
+    // The first range that ends behind the place.
+    const MovedRange *atOrBehindNewOffset(std::uint64_t offset) const
+    {
+        const auto end = [](const MovedRange *range) { return range->now.offset + range->now.size; };
+        const auto range = std::ranges::upper_bound(byNewOffset, offset, {}, end);
+        return range != byNewOffset.end() ? *range : nullptr;
+    }
+
     const MovedRange *atNewOffset(std::uint64_t offset) const
     {
-        const auto next = std::ranges::upper_bound(byNewOffset, offset, {},
-                                                   [](const MovedRange *range) { return range->now.offset; });
-        if (next == byNewOffset.begin())
-            return nullptr;
-        const MovedRange *const range = *std::prev(next);
-        return offset - range->now.offset < range->now.size ? range : nullptr;
+        const MovedRange *const range = atOrBehindNewOffset(offset);
+        return range && range->now.offset <= offset ? range : nullptr;
     }
 };
 
@@ -218,9 +222,8 @@ ReferenceModel::ReferenceModel(std::span<const unsigned char> oldBytes, const st
             own.moved = &range;
             own.image = &image;
             if (range.kind == RangeKind::X86_64)
-                own.starts = std::make_unique<InstructionStarts>(
-                    oldBytes.subspan(static_cast<std::size_t>(range.old.offset),
-                                     static_cast<std::size_t>(range.old.size)));
+                own.starts = std::make_unique<InstructionStarts>(oldBytes.subspan(
+                    static_cast<std::size_t>(range.old.offset), static_cast<std::size_t>(range.old.size)));
             if (range.kind == RangeKind::Words)
                 own.drift = std::make_unique<Drift>();
         }
@@ -243,9 +246,13 @@ void ReferenceModel::rebuild(const MovedCopy &copy, unsigned char *newFile, Sett
         // Where the new place lies in several ranges, each makes a piece.
         while (at < end && (*range)->moved->kind != RangeKind::Plain) {
             const std::uint64_t newPlace = at - copy.oldStart + copy.newStart;
-            const MovedRange *const now = (*range)->image->atNewOffset(newPlace);
+            const MovedRange *const now = (*range)->image->atOrBehindNewOffset(newPlace);
             if (!now)
                 break;
+            if (now->now.offset > newPlace) {
+                at += now->now.offset - newPlace;
+                continue;
+            }
             const std::uint64_t length = std::min(end - at, now->now.offset + now->now.size - newPlace);
             rebuildPiece({.range = **range,
                           .oldBytes = m_old.data() + at,
@@ -438,7 +445,8 @@ void ReferenceModel::learn(Image &image, std::uint64_t target, std::optional<std
     const std::uint64_t oldRelative = target - image.oldLowest;
     const std::uint64_t newRelative = actual - image.newLowest;
     if (actual != predicted && oldRelative <= UINT32_MAX && newRelative <= UINT32_MAX)
-        image.learned->insert(static_cast<std::uint32_t>(oldRelative), static_cast<std::uint32_t>(newRelative));
+        image.learned->insert(static_cast<std::uint32_t>(oldRelative),
+                              static_cast<std::uint32_t>(newRelative));
 }
 
 } // namespace zel
