@@ -67,25 +67,26 @@ std::int64_t CopyIndex::shiftOf(const Stretch &stretch) const
     return std::int64_t(copy.newStart) - std::int64_t(copy.oldStart);
 }
 
-std::optional<std::int64_t> CopyIndex::shiftAt(std::uint64_t place) const
+std::optional<std::int64_t> CopyIndex::shiftAt(std::uint64_t place)
 {
+    if (m_last && m_stretches[*m_last].start <= place && place < m_stretches[*m_last + 1].start)
+        return shiftOf(m_stretches[*m_last]);
     const std::size_t block = static_cast<std::size_t>(place >> BlockBits);
     if (m_stretches.empty() || block >= m_first.size())
         return std::nullopt;
-    const auto from = m_stretches.begin() + m_first[block];
-    const auto to =
-        block + 1 < m_first.size() ? m_stretches.begin() + m_first[block + 1] + 1 : m_stretches.end();
-    auto next = std::upper_bound(from, to, place,
-                                 [](std::uint64_t at, const Stretch &each) { return at < each.start; });
-    const auto behind = next;
-    if (next != m_stretches.begin() && std::prev(next)->copy != Stretch::NoCopy)
+    const auto begin = m_stretches.begin();
+    const auto to = block + 1 < m_first.size() ? begin + m_first[block + 1] + 1 : m_stretches.end();
+    const auto next = std::upper_bound(begin + m_first[block], to, place,
+                                       [](std::uint64_t at, const Stretch &each) { return at < each.start; });
+    if (next != begin && std::prev(next)->copy != Stretch::NoCopy) {
+        m_last = static_cast<std::size_t>(std::prev(next) - begin);
         return shiftOf(*std::prev(next));
-    if (behind != m_stretches.end() && behind->start - place <= Reach)
-        return shiftOf(*behind);
-    if (next == m_stretches.begin())
+    }
+    if (next != m_stretches.end() && next->start - place <= Reach)
+        return shiftOf(*next);
+    if (next == begin)
         return std::nullopt;
-    // A stretch without a copy follows one with a copy.
-    return shiftOf(*std::prev(next, 2));
+    return shiftOf(*std::prev(next, 2)); // a stretch without a copy follows one with a copy
 }
 
 } // namespace zel

@@ -18,8 +18,9 @@ public:
     /// old ones, and while it is made another 12 bytes per copy. Throws std::bad_alloc.
     CopyIndex(const std::vector<MovedCopy> &copies, std::uint64_t oldSize);
 
-    /// From old to new; nothing when there are no copies. `place` may be the file's end.
-    std::optional<std::int64_t> shiftAt(std::uint64_t place) const;
+    /// From old to new; nothing when there are no copies. `place` may be the file's end. Quickest for places
+    /// near the last one that was asked for.
+    std::optional<std::int64_t> shiftAt(std::uint64_t place);
 
 private:
     // A stretch of the old file up to where the next one begins.
@@ -36,6 +37,7 @@ private:
     const std::vector<MovedCopy> &m_copies; // belong to the caller
     std::vector<Stretch> m_stretches;
     std::vector<std::uint32_t> m_first; // of each block of the old file: the stretch that its start lies in
+    std::optional<std::size_t> m_last; // stretch that an answer came from; it has a copy, and one behind it
 };
 
 } // namespace zel

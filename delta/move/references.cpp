@@ -37,31 +37,37 @@ class LearnedTargets
 {
 public:
     LearnedTargets()
-        : m_slots(std::size_t(1) << SlotBits)
+        : m_isUsed(std::size_t(1) << SlotBits)
+        , m_slots(std::size_t(1) << SlotBits)
     {
     }
 
     std::optional<std::uint32_t> find(std::uint32_t target) const
     {
-        const Slot &slot = m_slots[slotOf(target)];
-        return slot.target == target && slot.isUsed() ? std::optional(slot.actual) : std::nullopt;
+        const std::size_t slot = slotOf(target);
+        if (!m_isUsed[slot] || m_slots[slot].target != target || target == 0)
+            return std::nullopt;
+        return m_slots[slot].actual;
     }
 
-    void insert(std::uint32_t target, std::uint32_t actual) { m_slots[slotOf(target)] = {target, actual}; }
+    void insert(std::uint32_t target, std::uint32_t actual)
+    {
+        const std::size_t slot = slotOf(target);
+        m_isUsed[slot] = true;
+        m_slots[slot] = {target, actual};
+    }
 
 private:
-    // Unused as long as it says that place 0, which is nowhere, came to place 0.
     struct Slot {
         std::uint32_t target = 0;
         std::uint32_t actual = 0;
-
-        bool isUsed() const { return target != 0; }
     };
 
     static constexpr unsigned SlotBits = 19;
 
     static std::size_t slotOf(std::uint32_t target) { return target * 0x9E3779B1u >> (32 - SlotBits); }
 
+    std::vector<bool> m_isUsed; // fits into the nearest cache; few are
     std::vector<Slot> m_slots;
 };
 
@@ -101,37 +107,58 @@ private:
     std::vector<std::int32_t> m_shifts;
 };
 
-// Where instructions begin: of each block of a range, by how many bytes behind the block's beginning the first
-// one does.
-class InstructionStarts
+// Walks through a range's instructions, each of which begins where the one before it ends, and so all hang on
+// the first. Of each block of the range it keeps where its first instruction begins, to go on from there;
+// copies come nearly in the old file's order, so that hardly any instruction is decoded twice.
+class InstructionWalk
 {
 public:
-    explicit InstructionStarts(std::span<const unsigned char> code)
-        : m_offsets((code.size() >> BlockBits) + 1, NoStart)
+    explicit InstructionWalk(std::span<const unsigned char> code)
+        : m_code(code)
+        , m_starts((code.size() >> BlockBits) + 1, Unknown)
     {
-        for (std::size_t at = 0; at < code.size(); at += x86::decode(code.subspan(at)).length) {
-            unsigned char &first = m_offsets[at >> BlockBits];
-            if (first == NoStart)
-                first = static_cast<unsigned char>(at % BlockSize);
-        }
     }
 
-    // The last beginning at or before `at` that is known, or the first one.
-    std::size_t knownStart(std::size_t at) const
+    // To the first instruction that begins at `from` or behind it.
+    void seek(std::size_t from)
     {
-        const std::size_t block = at >> BlockBits;
-        const std::size_t start = block << BlockBits | m_offsets[block];
-        if (m_offsets[block] != NoStart && start <= at)
-            return start;
-        return block == 0 ? 0 : (block - 1) << BlockBits | m_offsets[block - 1];
+        if (from < m_at || from - m_at > BlockSize) {
+            std::size_t block = std::min(from, m_known) >> BlockBits;
+            while (block > 0 && (m_starts[block] == Unknown || startOf(block) > from))
+                --block;
+            m_at = m_starts[block] == Unknown ? 0 : startOf(block);
+        }
+        while (m_at < from && m_at < m_code.size())
+            next();
+    }
+
+    std::size_t at() const { return m_at; }
+
+    // The instruction at hand, which is passed.
+    x86::Instruction next()
+    {
+        if (m_at >= m_known) {
+            unsigned char &start = m_starts[m_at >> BlockBits];
+            if (start == Unknown)
+                start = static_cast<unsigned char>(m_at % BlockSize);
+        }
+        const x86::Instruction instruction = x86::decode(m_code.subspan(m_at));
+        m_at += instruction.length;
+        m_known = std::max(m_known, m_at);
+        return instruction;
     }
 
 private:
     static constexpr unsigned BlockBits = 7;
-    static constexpr std::size_t BlockSize = 1 << BlockBits;
-    static constexpr unsigned char NoStart = 0xFF; // only behind the range's end
+    static constexpr std::size_t BlockSize = 1 << BlockBits; // every block has an instruction's beginning
+    static constexpr unsigned char Unknown = 0xFF;
 
-    std::vector<unsigned char> m_offsets;
+    std::size_t startOf(std::size_t block) const { return block << BlockBits | m_starts[block]; }
+
+    std::span<const unsigned char> m_code;
+    std::vector<unsigned char> m_starts;
+    std::size_t m_at = 0; // an instruction's beginning, or the end
+    std::size_t m_known = 0; // all beginnings before it have been seen
 };
 
 } // namespace
@@ -144,16 +171,22 @@ struct ReferenceModel::Image {
     std::vector<const MovedRange *> byOldAddress;
     std::vector<const MovedRange *> byNewOffset; // those in the file
     std::unique_ptr<LearnedTargets> learned;
+    const MovedRange *lastFound = nullptr;
 
     // A range's end counts as its own where no other begins.
-    const MovedRange *atOldAddress(std::uint64_t address) const
+    const MovedRange *atOldAddress(std::uint64_t address)
     {
+        if (lastFound && address - lastFound->old.address < lastFound->old.size)
+            return lastFound;
         const auto next = std::ranges::upper_bound(
             byOldAddress, address, {}, [](const MovedRange *range) { return range->old.address; });
         if (next == byOldAddress.begin())
             return nullptr;
         const MovedRange *const range = *std::prev(next);
-        return address - range->old.address <= range->old.size ? range : nullptr;
+        if (address - range->old.address > range->old.size)
+            return nullptr;
+        lastFound = range;
+        return range;
     }
 
     // The first range that ends behind the place.
@@ -174,7 +207,7 @@ struct ReferenceModel::Image {
 struct ReferenceModel::Range {
     const MovedRange *moved;
     Image *image;
-    std::unique_ptr<InstructionStarts> starts; // of x86-64
+    std::unique_ptr<InstructionWalk> instructions; // of x86-64
     std::unique_ptr<Drift> drift; // of words
 
     std::uint64_t start() const { return moved->old.offset; }
@@ -222,7 +255,7 @@ ReferenceModel::ReferenceModel(std::span<const unsigned char> oldBytes, const st
             own.moved = &range;
             own.image = &image;
             if (range.kind == RangeKind::X86_64)
-                own.starts = std::make_unique<InstructionStarts>(oldBytes.subspan(
+                own.instructions = std::make_unique<InstructionWalk>(oldBytes.subspan(
                     static_cast<std::size_t>(range.old.offset), static_cast<std::size_t>(range.old.size)));
             if (range.kind == RangeKind::Words)
                 own.drift = std::make_unique<Drift>();
@@ -352,28 +385,27 @@ void ReferenceModel::rebuildX86(const Piece &piece)
     const std::span<const unsigned char> code =
         m_old.subspan(static_cast<std::size_t>(old.offset), static_cast<std::size_t>(old.size));
     const std::size_t start = static_cast<std::size_t>(piece.oldAddress - old.address);
-    std::size_t at = piece.range.starts->knownStart(start);
-    while (at < start + piece.length) {
-        const x86::Instruction instruction = x86::decode(code.subspan(at));
+    InstructionWalk &instructions = *piece.range.instructions;
+    instructions.seek(start);
+    while (instructions.at() < start + piece.length) {
+        const std::size_t at = instructions.at();
+        const x86::Instruction instruction = instructions.next();
         const std::size_t field = at + instruction.distance;
-        const std::size_t end = at + instruction.length;
-        const bool isInside = at >= start && field + x86::DistanceSize <= start + piece.length;
-        if (instruction.distance != 0 && isInside) {
-            const std::uint64_t newEnd = piece.newAddress + (end - start);
-            const auto distance = std::int64_t(load<std::int32_t>(code.data() + field));
-            const std::uint64_t target = old.address + end + static_cast<std::uint64_t>(distance);
-            const std::optional<std::uint64_t> predicted = predict(piece.image(), target);
-            unsigned char *const newField = piece.newBytes + (field - start);
-            if (predicted)
-                store(newField, static_cast<std::uint32_t>(*predicted - newEnd));
-            piece.settle(field - start + x86::DistanceSize);
-            const bool isSame =
-                std::equal(code.data() + at, code.data() + field, piece.newBytes + (at - start));
-            if (isSame)
-                learn(piece.image(), target, predicted,
-                      newEnd + static_cast<std::uint64_t>(std::int64_t(load<std::int32_t>(newField))));
+        if (instruction.distance == 0 || field + x86::DistanceSize > start + piece.length)
+            continue;
+        const std::size_t end = instructions.at();
+        const std::uint64_t newEnd = piece.newAddress + (end - start);
+        const auto distance = std::int64_t(load<std::int32_t>(code.data() + field));
+        const std::uint64_t target = old.address + end + static_cast<std::uint64_t>(distance);
+        const std::optional<std::uint64_t> predicted = predict(piece.image(), target);
+        unsigned char *const newField = piece.newBytes + (field - start);
+        if (predicted)
+            store(newField, static_cast<std::uint32_t>(*predicted - newEnd));
+        piece.settle(field - start + x86::DistanceSize);
+        if (std::equal(code.data() + at, code.data() + field, piece.newBytes + (at - start))) {
+            const auto actual = std::int64_t(load<std::int32_t>(newField));
+            learn(piece.image(), target, predicted, newEnd + static_cast<std::uint64_t>(actual));
         }
-        at = end;
     }
 }
 
@@ -413,7 +445,7 @@ void ReferenceModel::rebuildPointers(const Piece &piece)
     }
 }
 
-std::optional<std::uint64_t> ReferenceModel::predict(Image &image, std::uint64_t target) const
+std::optional<std::uint64_t> ReferenceModel::predict(Image &image, std::uint64_t target)
 {
     const std::uint64_t relative = target - image.oldLowest;
     if (relative > UINT32_MAX)

@@ -68,7 +68,7 @@ private:
     void rebuildX86(const Piece &piece);
     void rebuildWords(const Piece &piece);
     void rebuildPointers(const Piece &piece);
-    std::optional<std::uint64_t> predict(Image &image, std::uint64_t target) const;
+    std::optional<std::uint64_t> predict(Image &image, std::uint64_t target);
     void learn(Image &image, std::uint64_t target, std::optional<std::uint64_t> predicted,
                std::uint64_t actual) const;
 
