@@ -21,8 +21,9 @@
 
 #include "common/DDLog.h"
 #include "delta/bspatch2.h"
-#include "delta/deltaformat.h"
+#include "DeltaFile.h"
 #include "MD5Digest.h"
+#include "move/movedelta.h"
 #include "PatchLog.h"
 #include "platform/FileTree.h"
 #include "SHA256.h"
@@ -81,15 +82,6 @@ std::optional<QByteArray> smallFile(const QString &path)
 }
 
 constexpr qint64 DiskBlock = 4096;
-
-// The size of the file that a delta gives, as it claims; 0 of what is no delta.
-qint64 outcomeOf(QByteArrayView delta)
-{
-    if (delta.size() < qsizetype(DeltaHeaderSize))
-        return 0;
-    const std::span header(reinterpret_cast<const unsigned char *>(delta.data()), DeltaHeaderSize);
-    return std::max<qint64>(deltaIntegerAt(header, NewSizeOffset), 0);
-}
 
 bool makesFolders(PatchAction action)
 {
@@ -296,8 +288,11 @@ bool PatchRunner::fill(const PatchCommand &command, const FileAside &file, const
         return false;
     if (copies)
         return copyData(old->get(), file.descriptor());
-    return outcomeOf(*content) == command.size
-        && bspatch2(QFile::encodeName(pathOf(m_oldPath, *source)).toStdString(),
+    if (outcomeOf(*content) != command.size)
+        return false;
+    if (isMoveDelta({reinterpret_cast<const unsigned char *>(content->data()), size_t(content->size())}))
+        return applyMoveDeltaFile(old->get(), *content, file.descriptor());
+    return bspatch2(QFile::encodeName(pathOf(m_oldPath, *source)).toStdString(),
                     QFile::encodeName(path).toStdString(),
                     std::as_bytes(std::span(content->data(), size_t(content->size()))))
         == 0;

@@ -29,15 +29,20 @@ public:
             m_context.reset();
     }
 
-    // A null string where the system has no such digest.
-    QString result()
+    // Null where the system has no such digest.
+    QByteArray bytes()
     {
         std::array<unsigned char, EVP_MAX_MD_SIZE> bytes;
         unsigned int size = 0;
         if (!m_context || !EVP_DigestFinal_ex(m_context.get(), bytes.data(), &size))
             return {};
-        return QString::fromLatin1(
-            QByteArray(reinterpret_cast<const char *>(bytes.data()), qsizetype(size)).toHex());
+        return QByteArray(reinterpret_cast<const char *>(bytes.data()), qsizetype(size));
+    }
+
+    QString result()
+    {
+        const QByteArray digest = bytes();
+        return digest.isNull() ? QString() : QString::fromLatin1(digest.toHex());
     }
 
 private:
@@ -51,6 +56,13 @@ QString sha256Of(QByteArrayView data)
     Digest digest;
     digest.add(data.data(), size_t(data.size()));
     return digest.result();
+}
+
+QByteArray sha256BytesOf(QByteArrayView data)
+{
+    Digest digest;
+    digest.add(data.data(), size_t(data.size()));
+    return digest.bytes();
 }
 
 std::optional<QString> sha256OfFile(int file)

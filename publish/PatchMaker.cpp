@@ -3,6 +3,8 @@
 #include "BundleTree.h"
 #include "generate/compactdelta.h"
 #include "generate/makedelta.h"
+#include "generate/makemovedelta.h"
+#include "install/DeltaFile.h"
 #include "install/MD5FromData.h"
 #include "install/PatchFile.h"
 #include "install/ZELUpdaterApplyPatch.h"
@@ -58,8 +60,9 @@ constexpr qint64 TableSize = qint64(90) << 20; // of the tables that speed up ge
 class SliceMaker
 {
 public:
-    SliceMaker(const QString &oldBundle, const QString &newBundle, const PlannedFile &file)
-        : m_old(oldBundle + u'/' + file.from)
+    SliceMaker(const QString &oldBundle, const QString &newBundle, const PlannedFile &file, int format)
+        : m_format(format)
+        , m_old(oldBundle + u'/' + file.from)
         , m_new(newBundle + u'/' + file.path)
         , m_transport(file.transport)
     {
@@ -71,7 +74,10 @@ public:
     qint64 cost() const
     {
         const bool isDelta = m_transport == Transport::Delta || m_transport == Transport::Smaller;
-        return isDelta ? 9 * QFileInfo(m_old).size() + 3 * newSize() + TableSize : newSize();
+        // Of format 2 the files are in memory all the while, and masked once more.
+        return isDelta ? (m_format > 1 ? 11 : 9) * QFileInfo(m_old).size()
+                + (m_format > 1 ? 5 : 3) * newSize() + TableSize
+                       : newSize();
     }
 
     // `progress` hears how many of the new file's bytes are worked off.
@@ -121,16 +127,18 @@ private:
 
     bool makeDelta(FileSlice &slice, const std::function<void(qint64)> &progress) const
     {
-        auto delta =
-            zel::makeDelta(QFile::encodeName(m_old).toStdString(), QFile::encodeName(m_new).toStdString(),
-                           [&, size = newSize()](qint64 done, qint64 total) {
-                               progress(qint64(double(size) * double(done) / double(total)));
-                           });
+        const auto report = [&, size = newSize()](qint64 done, qint64 total) {
+            progress(qint64(double(size) * double(done) / double(total)));
+        };
         const auto oldBytes = readFile(m_old);
         const auto newBytes = readFile(m_new);
-        if (!delta || !oldBytes || !newBytes)
+        if (!oldBytes || !newBytes)
             return false;
-        delta = compactDelta(bytesOf(*oldBytes), bytesOf(*newBytes), bytesOf(*delta));
+        auto delta = m_format > 1 ? makeMoveDelta(bytesOf(*oldBytes), bytesOf(*newBytes), hashPage, report)
+                                  : zel::makeDelta(QFile::encodeName(m_old).toStdString(),
+                                                   QFile::encodeName(m_new).toStdString(), report);
+        if (delta && m_format == 1)
+            delta = compactDelta(bytesOf(*oldBytes), bytesOf(*newBytes), bytesOf(*delta));
         if (!delta)
             return false;
         slice.action = PatchAction::Patch;
@@ -144,6 +152,7 @@ private:
         return {reinterpret_cast<const unsigned char *>(bytes.data()), size_t(bytes.size())};
     }
 
+    int m_format; // of the patch
     QString m_old;
     QString m_new;
     Transport m_transport;
@@ -154,14 +163,14 @@ private:
 // each file that is begun or goes on, and how many bytes of new files are done by then: one call at a time,
 // on any thread. Gives the slices in the order of `files`. After an error no more files are begun.
 ZELError makeFileSlices(const QString &oldBundle, const QString &newBundle,
-                        const std::vector<PlannedFile> &files, qint64 memory,
+                        const std::vector<PlannedFile> &files, int format, qint64 memory,
                         const std::function<void(const QString &path, qint64 done)> &progress,
                         std::vector<FileSlice> &slices)
 {
     std::vector<SliceMaker> makers;
     std::vector<qint64> costs;
     for (const PlannedFile &file : files) {
-        makers.emplace_back(oldBundle, newBundle, file);
+        makers.emplace_back(oldBundle, newBundle, file, format);
         costs.push_back(makers.back().cost());
     }
     slices.assign(files.size(), {});
@@ -230,8 +239,8 @@ public:
         m_commands.insert(m_commands.end(), m_plan.folders.begin(), m_plan.folders.end());
         std::vector<FileSlice> slices;
         const auto progress = [this](const QString &path, qint64 done) { report(path, done); };
-        if (const ZELError error =
-                makeFileSlices(m_old, m_new, m_plan.files, m_options.memory, progress, slices))
+        if (const ZELError error = makeFileSlices(m_old, m_new, m_plan.files, m_options.format,
+                                                  m_options.memory, progress, slices))
             return error;
         if (const ZELError error = judgePayload(slices))
             return error;

@@ -8,6 +8,7 @@
 #include "PatchPayload.h"
 
 #include "delta/deltaformat.h"
+#include "move/moveformat.h"
 
 #include <QHash>
 
@@ -22,7 +23,8 @@ namespace {
 
 constexpr qsizetype LargestBlock = qsizetype(32) << 20;
 constexpr qsizetype SmallDelta = 64; // a further slice in the manifest would cost more than it saves
-constexpr std::array Kinds = {XZContent::Records, XZContent::Sparse, XZContent::Bytes};
+constexpr std::array Kinds = {XZContent::Records, XZContent::Numbers, XZContent::Sparse, XZContent::Pairs,
+                              XZContent::Bytes};
 
 struct Part {
     QByteArrayView bytes;
@@ -34,9 +36,16 @@ std::vector<Part> partsOf(const PayloadItem &item)
     const QByteArrayView bytes(item.bytes);
     if (!item.isDelta || bytes.size() < qsizetype(DeltaHeaderSize) + SmallDelta)
         return {{bytes, XZContent::Bytes}};
-    const std::span header(reinterpret_cast<const unsigned char *>(bytes.data()), DeltaHeaderSize);
-    const qint64 control = qint64(DeltaHeaderSize) + deltaIntegerAt(header, ControlLengthOffset);
-    const qint64 difference = deltaIntegerAt(header, DiffLengthOffset);
+    const std::span delta(reinterpret_cast<const unsigned char *>(bytes.data()), size_t(bytes.size()));
+    if (const std::optional<MoveStreams> streams = moveStreams(delta)) {
+        const auto corrections = qsizetype(streams->corrections);
+        const auto inserts = qsizetype(streams->inserts);
+        return {{bytes.first(corrections), XZContent::Numbers},
+                {bytes.sliced(corrections, inserts - corrections), XZContent::Pairs},
+                {bytes.sliced(inserts), XZContent::Bytes}};
+    }
+    const qint64 control = qint64(DeltaHeaderSize) + deltaIntegerAt(delta, ControlLengthOffset);
+    const qint64 difference = deltaIntegerAt(delta, DiffLengthOffset);
     return {{bytes.first(control), XZContent::Records},
             {bytes.sliced(control, difference), XZContent::Sparse},
             {bytes.sliced(control + difference), XZContent::Bytes}};

@@ -139,6 +139,9 @@ QJsonArray requirementsOf(const std::vector<PatchCommand> &commands)
         return command.action == PatchAction::Copy
             || (command.action == PatchAction::Patch && command.from != command.path);
     };
+    const auto hasDelta = [](const PatchCommand &command) { return command.action == PatchAction::Patch; };
+    if (std::ranges::any_of(commands, hasDelta))
+        words.append(QLatin1String("move-deltas"));
     if (std::ranges::any_of(commands, [](const PatchCommand &command) { return command.mode.has_value(); }))
         words.append(QLatin1String("modes"));
     if (std::ranges::any_of(commands, moved))

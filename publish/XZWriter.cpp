@@ -40,11 +40,17 @@ std::span<const LiteralModel> modelsOf(XZContent content)
     static constexpr LiteralModel bytes[] = {{3, 0, 2}, {4, 0, 0}, {4, 0, 3}};
     static constexpr LiteralModel records[] = {{1, 3, 3}};
     static constexpr LiteralModel sparse[] = {{4, 0, 0}};
+    static constexpr LiteralModel numbers[] = {{0, 0, 0}};
+    static constexpr LiteralModel pairs[] = {{3, 0, 0}};
     switch (content) {
     case XZContent::Records:
         return records;
     case XZContent::Sparse:
         return sparse;
+    case XZContent::Numbers:
+        return numbers;
+    case XZContent::Pairs:
+        return pairs;
     case XZContent::Bytes:
         break;
     }

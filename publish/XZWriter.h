@@ -13,6 +13,8 @@ enum class XZContent {
     Bytes, ///< text, programs, anything
     Records, ///< rows of eight-byte values
     Sparse, ///< mostly zeros
+    Numbers, ///< columns of numbers of a few bytes each
+    Pairs, ///< of such a number and a byte
 };
 
 struct XZBlock {
