@@ -36,7 +36,14 @@ struct Pair {
 
     std::vector<std::string> makePatch() const
     {
-        return {ZEL_TOOL, "make-patch", "--allow-lost-modes", bundle("old"), bundle("new"), made(".patch")};
+        return {ZEL_TOOL, "make-patch", bundle("old"), bundle("new"), made(".patch")};
+    }
+
+    // For clients that know the first format alone.
+    std::vector<std::string> makeFirstPatch() const
+    {
+        return {ZEL_TOOL,      "make-patch",  "--format",     "1", "--allow-lost-modes",
+                bundle("old"), bundle("new"), made(".patch1")};
     }
 };
 
@@ -51,12 +58,12 @@ bool ensure(const fs::path &file, const std::string &commands)
     return fs::exists(file) || shell(commands);
 }
 
-bool ensurePatch(const Pair &pair)
+bool ensureMade(const fs::path &file, const std::vector<std::string> &words)
 {
-    std::string words;
-    for (const std::string &word : pair.makePatch())
-        words += shellWord(word) + ' ';
-    return ensure(pair.made(".patch"), words);
+    std::string line;
+    for (const std::string &word : words)
+        line += shellWord(word) + ' ';
+    return ensure(file, line);
 }
 
 bool ensureDelta(const Pair &pair)
@@ -90,7 +97,7 @@ void addProgram(std::vector<Row> &rows, const Pair &pair, double sizeGoal)
          .peers = {{.name = "zstd -19 --long=31 --patch-from",
                     .work = zstd("-19", ".zst19"),
                     .output = pair.made(".zst19"),
-                    .timeGoal = 0.6,
+                    .timeGoal = 0.7,
                     .sizeGoal = sizeGoal},
                    {.name = "zstd -3 --long=31 --patch-from",
                     .work = zstd("-3", ".zst3"),
@@ -102,21 +109,41 @@ void addProgram(std::vector<Row> &rows, const Pair &pair, double sizeGoal)
                          "xz -6 -c " + shellWord(pair.newItem()) + " >" + shellWord(pair.made(".xz"))}),
                     .output = pair.made(".xz")}},
          .slow = true,
-         .memoryGoal = megabytes(9 * oldSize + 3 * newSize) + 144});
+         .memoryGoal = megabytes(11 * oldSize + 5 * newSize) + 144});
+}
+
+void addFirstFormat(std::vector<Row> &rows, const Pair &pair)
+{
+    rows.push_back({.unit = "make-patch --format 1",
+                    .data = pair.name,
+                    .work = commandWithout(pair.made(".patch1"), pair.makeFirstPatch()),
+                    .output = pair.made(".patch1"),
+                    .peers = {},
+                    .slow = true});
 }
 
 void addTree(std::vector<Row> &rows, const Pair &pair, double sizeGoal)
 {
-    const std::string pack = "tar --sort=name -C " + shellWord(pair.newItem()) + " -cf - . | xz -9 >"
-        + shellWord(pair.made(".tar.xz"));
+    const auto pack = [](const fs::path &tree) {
+        return "tar --sort=name --mtime=@0 -C " + shellWord(tree) + " -cf - .";
+    };
+    const std::string compress = pack(pair.newItem()) + " | xz -9 >" + shellWord(pair.made(".tar.xz"));
+    const std::string difference = pack(pair.oldItem()) + " >" + shellWord(pair.made(".old.tar")) + "; "
+        + pack(pair.newItem()) + " >" + shellWord(pair.made(".new.tar"))
+        + "; zstd -19 --long=31 -q -f --patch-from=" + shellWord(pair.made(".old.tar")) + ' '
+        + shellWord(pair.made(".new.tar")) + " -o " + shellWord(pair.made(".tar.zst19"));
     rows.push_back({.unit = "make-patch",
                     .data = pair.name,
                     .work = commandWithout(pair.made(".patch"), pair.makePatch()),
                     .output = pair.made(".patch"),
-                    .peers = {{.name = "tar and xz -9 of the new tree",
-                               .work = command({"bash", "-c", pack}),
-                               .output = pair.made(".tar.xz"),
-                               .sizeGoal = sizeGoal}},
+                    .peers = {{.name = "zstd -19 --long=31 --patch-from over tars of both trees",
+                               .work = command({"bash", "-c", difference}),
+                               .output = pair.made(".tar.zst19"),
+                               .timeGoal = 0.7,
+                               .sizeGoal = sizeGoal},
+                              {.name = "tar and xz -9 of the new tree",
+                               .work = command({"bash", "-c", compress}),
+                               .output = pair.made(".tar.xz")}},
                     .slow = true});
 }
 
@@ -154,13 +181,13 @@ void addDeltaApplication(std::vector<Row> &rows, const Pair &pair)
 void addDecodedApplication(std::vector<Row> &rows, const Pair &pair)
 {
     const auto decodeAndApply = [pair](const auto &timed) {
-        if (!ensurePatch(pair))
+        if (!ensureMade(pair.made(".patch1"), pair.makeFirstPatch()))
             return false;
         fs::remove(pair.made(".built"));
         int result = -1;
         timed([&] {
             zel::PatchFile patch;
-            if (!zel::PatchFile::read(QString::fromStdString(pair.made(".patch")), {}, patch)
+            if (!zel::PatchFile::read(QString::fromStdString(pair.made(".patch1")), {}, patch)
                 && patch.manifest.commands.size() == 1)
                 result =
                     bspatch2(pair.oldItem(), pair.made(".built"), std::as_bytes(std::span(patch.payload)));
@@ -184,7 +211,7 @@ void addDecodedApplication(std::vector<Row> &rows, const Pair &pair)
 bool ensureParts(const Pair &pair)
 {
     const std::string patch = shellWord(pair.made(".patch"));
-    return ensurePatch(pair)
+    return ensureMade(pair.made(".patch"), pair.makePatch())
         && ensure(pair.made(".payload.xz"),
                   "tail -c +$((33 + $(head -c 32 " + patch + " | tr -d '\\0'))) " + patch + " >"
                       + shellWord(pair.made(".payload.xz")) + "; cd " + shellWord(pair.bundle("new"))
@@ -193,7 +220,7 @@ bool ensureParts(const Pair &pair)
                       + shellWord(pair.made(".changed")));
 }
 
-void addApplication(std::vector<Row> &rows, const Pair &pair)
+void addApplication(std::vector<Row> &rows, const Pair &pair, double timeGoal)
 {
     const auto prepared = [pair](const Work &work) {
         return [pair, work](const auto &timed) { return ensureParts(pair) && work(timed); };
@@ -208,7 +235,7 @@ void addApplication(std::vector<Row> &rows, const Pair &pair)
                                                      pair.made(".built.app"), pair.made(".patch")})),
                     .peers = {{.name = "cp -a, xz -dc, md5sum",
                                .work = prepared(commandWithout(pair.made(".copied"), {"bash", "-ec", steps})),
-                               .timeGoal = 1.1}}});
+                               .timeGoal = timeGoal}}});
 }
 
 } // namespace
@@ -218,17 +245,24 @@ void addPatchRows(std::vector<Row> &rows, const fs::path &data)
     const Pair notifier{"notifier", data};
     const Pair esbuild{"esbuild", data};
     const Pair biome{"biome", data};
+    const Pair esbuildX64{"esbuild-x64", data};
+    const Pair biomeX64{"biome-x64", data};
     const Pair flipper{"flipper", data};
-    addProgram(rows, esbuild, 0.48);
-    addProgram(rows, biome, 0.60);
-    addTree(rows, notifier, 0.007);
-    addTree(rows, flipper, 0.44);
+    addProgram(rows, esbuild, 0.33);
+    addProgram(rows, biome, 0.42);
+    addProgram(rows, esbuildX64, 0.27);
+    addProgram(rows, biomeX64, 0.62);
+    addFirstFormat(rows, esbuild);
+    addTree(rows, notifier, 1);
+    addTree(rows, flipper, 0.90);
     for (const Pair &pair : {esbuild, biome}) {
         addDeltaApplication(rows, pair);
         addDecodedApplication(rows, pair);
     }
-    for (const Pair &pair : {esbuild, biome, flipper})
-        addApplication(rows, pair);
+    constexpr double withReferences = 1.3;
+    for (const Pair &pair : {esbuild, biome, esbuildX64, biomeX64})
+        addApplication(rows, pair, withReferences);
+    addApplication(rows, flipper, 1.1);
 }
 
 } // namespace bench
