@@ -15,6 +15,7 @@ constexpr std::string_view Opening[] = {"EIO", "EMFILE", "EACCES", "ENOSPC", "ki
 constexpr std::string_view Reading[] = {"EIO", "short"};
 constexpr std::string_view Listing[] = {"EIO"};
 constexpr std::string_view Writing[] = {"ENOSPC", "EIO", "short", "kill"};
+constexpr std::string_view Sizing[] = {"ENOSPC", "EIO", "kill"};
 constexpr std::string_view Flushing[] = {"EIO", "kill"};
 constexpr std::string_view Naming[] = {"EIO", "ENOSPC", "EPERM", "kill"};
 constexpr std::string_view Renaming[] = {"EIO", "EXDEV", "EINVAL", "kill"};
@@ -41,7 +42,7 @@ constexpr CallFaults Calls[] = {
     {"execve", SYS_execve, -1, Running},
     {"faccessat", SYS_faccessat, -1, Looking},
     {"faccessat2", SYS_faccessat2, -1, Looking},
-    {"fallocate", SYS_fallocate, -1, Writing},
+    {"fallocate", SYS_fallocate, -1, Sizing},
     {"fchmod", SYS_fchmod, -1, Naming},
     {"fchmodat", SYS_fchmodat, -1, Naming},
     {"fcntl", SYS_fcntl, -1, Joining},
@@ -50,7 +51,7 @@ constexpr CallFaults Calls[] = {
     {"fstat", SYS_fstat, -1, Listing},
     {"fstatfs", SYS_fstatfs, -1, Listing},
     {"fsync", SYS_fsync, -1, Flushing},
-    {"ftruncate", SYS_ftruncate, -1, Writing},
+    {"ftruncate", SYS_ftruncate, -1, Sizing},
     {"getcwd", SYS_getcwd, -1, Looking},
     {"getdents64", SYS_getdents64, -1, Listing},
     {"getrandom", SYS_getrandom, 1, Drawing},
@@ -93,7 +94,7 @@ constexpr CallFaults Calls[] = {
     {"unlinkat", SYS_unlinkat, -1, Naming},
     {"utimensat", SYS_utimensat, -1, Naming},
     {"write", SYS_write, 2, Writing},
-    {"writev", SYS_writev, -1, Writing},
+    {"writev", SYS_writev, -1, Sizing},
 };
 
 } // namespace

@@ -109,9 +109,11 @@ Tree withoutSeal(Tree tree, bool keepNames)
 }
 
 // A release folder but for what is hidden: a lock, and scratch that could not be removed.
+// Without the logs that a server of the folder was sent in other scenarios.
 Tree served(Tree tree)
 {
-    std::erase_if(tree, [](const auto &item) { return item.first.starts_with('.'); });
+    std::erase_if(
+        tree, [](const auto &item) { return item.first.starts_with('.') || item.first.starts_with("logs"); });
     return tree;
 }
 
