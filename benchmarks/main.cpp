@@ -21,6 +21,7 @@ int main(int argc, char *argv[])
     bench::addDeltaRows(rows, argv[1]);
     bench::addPatchRows(rows, argv[1]);
     bench::addSystemRows(rows, argv[1]);
+    bench::addDownloadRows(rows, argv[1]);
     bench::addHostileRows(rows, argv[1]);
     std::erase_if(rows, [&wanted](const bench::Row &row) {
         return (row.unit + ' ' + row.data).find(wanted) == std::string::npos;

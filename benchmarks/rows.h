@@ -9,6 +9,7 @@ namespace bench {
 void addDeltaRows(std::vector<Row> &rows, const std::filesystem::path &data);
 void addPatchRows(std::vector<Row> &rows, const std::filesystem::path &data);
 void addHostileRows(std::vector<Row> &rows, const std::filesystem::path &data);
+void addDownloadRows(std::vector<Row> &rows, const std::filesystem::path &data);
 void addSystemRows(std::vector<Row> &rows, const std::filesystem::path &data);
 
 } // namespace bench

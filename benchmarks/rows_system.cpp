@@ -3,68 +3,19 @@
 #include "check/UpdateDecision.h"
 #include "install/MD5FromData.h"
 #include "publish/SignedFeed.h"
+#include "ServerProcess.h"
 
 #include <algorithm>
-#include <csignal>
-#include <httplib.h>
 #include <memory>
 #include <openssl/evp.h>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace bench {
 namespace {
 
 namespace fs = std::filesystem;
-
-// A server in a process of its own that answers each check with no update.
-class CheckServer
-{
-public:
-    CheckServer()
-    {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0)
-            return;
-        m_process = ::fork();
-        if (m_process == 0)
-            serve(ends[1]);
-        ::close(ends[1]);
-        if (::read(ends[0], &m_port, sizeof m_port) != sizeof m_port)
-            m_port = 0;
-        ::close(ends[0]);
-    }
-
-    CheckServer(const CheckServer &) = delete;
-    CheckServer &operator=(const CheckServer &) = delete;
-
-    ~CheckServer()
-    {
-        if (m_process > 0 && ::kill(m_process, SIGTERM) == 0)
-            ::waitpid(m_process, nullptr, 0);
-    }
-
-    std::string address() const { return "http://127.0.0.1:" + std::to_string(m_port) + "/check"; }
-
-private:
-    [[noreturn]] static void serve(int port)
-    {
-        httplib::Server server;
-        server.set_tcp_nodelay(true);
-        server.Post("/check", [](const httplib::Request &, httplib::Response &reply) {
-            reply.set_content("[]", "application/json");
-        });
-        const int bound = server.bind_to_any_port("127.0.0.1");
-        const bool told = ::write(port, &bound, sizeof bound) == sizeof bound;
-        ::_exit(told && server.listen_after_bind() ? 0 : 1);
-    }
-
-    pid_t m_process = -1;
-    int m_port = 0;
-};
 
 constexpr qsizetype BufferSize = (qsizetype(256) << 20) + 1; // not whole chunks, which have no digest
 
@@ -124,20 +75,26 @@ void addUnpacking(std::vector<Row> &rows, const fs::path &data)
 
 void addChecks(std::vector<Row> &rows)
 {
-    static const CheckServer server;
+    // Each check is answered with no update.
+    static const ServerProcess server([](httplib::Server &it) {
+        it.Post("/check", [](const httplib::Request &, httplib::Response &reply) {
+            reply.set_content("[]", "application/json");
+        });
+    });
+    const std::string address = server.address("/check");
     const std::string body =
         R"({"arch":"x86","build":100,"model":"model","os":{"major":6,"minor":1,"patch":1}})";
     rows.push_back({.unit = "check",
                     .data = "one request",
-                    .work = command({ZEL_TOOL, "check", "--url", server.address(), "--build", "100"}),
+                    .work = command({ZEL_TOOL, "check", "--url", address, "--build", "100"}),
                     .peers = {{.name = "curl -d",
                                .work = command({"curl", "-s", "-H", "Content-Type: application/json", "-d",
-                                                body, server.address()}),
+                                                body, address}),
                                .timeGoal = 1.2}}});
     rows.push_back(
         {.unit = "background check",
          .data = "one request",
-         .work = command({ZEL_BACKGROUND_CHECK, server.address()}),
+         .work = command({ZEL_BACKGROUND_CHECK, address}),
          .peers = {
              {.name = "a bare Qt Core program", .work = command({ZEL_BARE_PROGRAM}), .aboveGoal = 30}}});
 }
