@@ -23,6 +23,7 @@
 #include <fcntl.h>
 #include <map>
 #include <sys/stat.h>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -30,12 +31,15 @@ namespace zel {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr int FileFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr QLatin1String Purpose("folder of downloads");
 const char *const PartSuffix = ".part";
 const char *const ValidatorSuffix = ".validator";
 
 constexpr size_t MostKept = 4;
+constexpr qint64 MostBytes = qint64(16) << 30; // of all; as long as an archive may be
 constexpr time_t LongestKept = 14 * 24 * 60 * 60;
 
 bool isHash(QByteArrayView text)
@@ -62,12 +66,13 @@ qint64 lengthOf(const FileDescriptor &file)
 struct Kept {
     QByteArray hash;
     time_t written;
+    qint64 size;
 };
 
 // Newest first; at the end, as if they were as old as can be, what is no file and validators of none.
 std::vector<Kept> partsIn(FolderListing &listing)
 {
-    std::map<QByteArray, time_t> parts;
+    std::map<QByteArray, Kept> parts;
     while (const char *entry = listing.next()) {
         const QByteArray name(entry);
         const QByteArray hash = name.left(name.indexOf('.'));
@@ -77,35 +82,54 @@ std::vector<Kept> partsIn(FolderListing &listing)
         const QByteArray part = hash + PartSuffix;
         const bool isFile = ::fstatat(listing.folder(), part.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0
             && S_ISREG(status.st_mode);
-        parts[hash] = isFile ? status.st_mtime : 0;
+        parts[hash] = isFile ? Kept{hash, status.st_mtime, status.st_size} : Kept{hash, 0, 0};
     }
     std::vector<Kept> sorted;
-    for (const auto &[hash, written] : parts)
-        sorted.push_back({hash, written});
+    for (const auto &[hash, part] : parts)
+        sorted.push_back(part);
     std::sort(sorted.begin(), sorted.end(),
               [](const Kept &a, const Kept &b) { return a.written > b.written; });
     return sorted;
 }
 
-void removeKept(const FileDescriptor &folder, const QByteArray &hash)
-{
-    const QByteArray part = hash + PartSuffix;
-    const FileDescriptor file(::openat(folder.get(), part.constData(), O_RDONLY | FileFlags));
-    if (file && lock(file) == Lock::Others)
-        return;
-    removeItem(folder.get(), (hash + ValidatorSuffix).constData());
-    removeItem(folder.get(), part.constData());
-}
-
-// What is no file of ours but has the name of one cannot be written, and makes room.
+// What is no file of ours but has the name of one cannot be written, and makes room. Not so what was ours
+// until another process removed it just now, which may have a new one there.
 FileDescriptor openPart(const FileDescriptor &folder, const QByteArray &name)
 {
     FileDescriptor file(::openat(folder.get(), name.constData(), O_RDWR | O_CREAT | FileFlags, 0600));
     if (isOwn(file))
         return file;
-    if (file || errno == ELOOP || errno == EISDIR || errno == ENXIO)
+    if (file ? isStillThere(folder, name, file) : errno == ELOOP || errno == EISDIR || errno == ENXIO)
         removeItem(folder.get(), name.constData());
     return FileDescriptor();
+}
+
+Lock lockUntil(Clock::time_point end, const std::stop_token &stop, const FileDescriptor &file)
+{
+    constexpr std::chrono::milliseconds pause(10);
+    for (;;) {
+        const Lock result = lock(file);
+        if (result != Lock::Others || stop.stop_requested() || Clock::now() >= end)
+            return result;
+        std::this_thread::sleep_for(pause);
+    }
+}
+
+// The validator first: the part alone is worth nothing, but the other way round the next one would find bytes
+// of another version under it. Both under the lock: whoever has it next begins with files of his own.
+void removeBoth(const FileDescriptor &folder, const QByteArray &hash)
+{
+    removeItem(folder.get(), (hash + ValidatorSuffix).constData());
+    removeItem(folder.get(), (hash + PartSuffix).constData());
+}
+
+// A part that is missing is made, for its lock: another process may be about to begin with that very file,
+// and the validator to be its own.
+void removeKept(const FileDescriptor &folder, const QByteArray &hash)
+{
+    const FileDescriptor file = openPart(folder, hash + PartSuffix);
+    if (file && lock(file) == Lock::Ours && isStillThere(folder, hash + PartSuffix, file))
+        removeBoth(folder, hash);
 }
 
 } // namespace
@@ -116,11 +140,13 @@ QString downloadRoot()
 }
 
 std::shared_ptr<PartialDownload> PartialDownload::take(const QString &root, const QString &sha256,
-                                                       qint64 size)
+                                                       qint64 size, std::chrono::milliseconds patience,
+                                                       const std::stop_token &stop)
 {
     const QByteArray hash = sha256.toLower().toLatin1();
     if (root.isEmpty() || !isHash(hash))
         return nullptr;
+    const Clock::time_point end = Clock::now() + patience;
     // Again, when another process removed the folder because it was empty, or has just finished the file.
     for (int attempt = 0; attempt < 16; ++attempt) {
         FileDescriptor folder;
@@ -134,7 +160,7 @@ std::shared_ptr<PartialDownload> PartialDownload::take(const QString &root, cons
         FileDescriptor file = openPart(folder, hash + PartSuffix);
         if (!file)
             continue;
-        if (lock(file) != Lock::Ours)
+        if (lockUntil(end, stop, file) != Lock::Ours)
             return nullptr;
         if (!isStillThere(folder, hash + PartSuffix, file))
             continue;
@@ -168,6 +194,13 @@ void PartialDownload::letGo()
     ::rmdir(QFile::encodeName(m_root).constData()); // unless something is kept there
 }
 
+void PartialDownload::discard()
+{
+    if (m_file)
+        remove();
+    letGo();
+}
+
 QString PartialDownload::location() const
 {
     return m_root + u'/' + QString::fromLatin1(m_name) + QLatin1String(PartSuffix);
@@ -182,43 +215,53 @@ bool PartialDownload::startAgain(const QByteArray &validator)
         return false;
     if (::ftruncate(m_file.get(), 0) != 0)
         return false;
-    if (validator.isEmpty())
-        return true;
-    FileDescriptor file(
-        ::openat(m_folder.get(), name.constData(), O_WRONLY | O_CREAT | O_EXCL | FileFlags, 0600));
-    // Without it the next process begins again.
-    if (file && writeAll(file.get(), validator.constData(), size_t(validator.size())) && file.close())
-        m_validator = validator;
+    if (!validator.isEmpty())
+        writeValidator(validator);
     return true;
 }
 
+// The validator goes while the name is still locked: under the next part of that name lies one of its own.
 bool PartialDownload::moveTo(const QString &path)
 {
     const QByteArray part = m_name + PartSuffix;
     const QByteArray target = QFile::encodeName(path);
-    if (::renameat(m_folder.get(), part.constData(), AT_FDCWD, target.constData()) != 0) {
-        if (errno != EXDEV)
-            return false;
-        FileDescriptor copy(
-            ::open(target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        if (!copy || ::lseek(m_file.get(), 0, SEEK_SET) != 0 || !copyData(m_file.get(), copy.get())
-            || !copy.close())
-            return false;
+    const QByteArray validator = std::exchange(m_validator, {});
+    removeItem(m_folder.get(), (m_name + ValidatorSuffix).constData());
+    if (::renameat(m_folder.get(), part.constData(), AT_FDCWD, target.constData()) != 0
+        && (errno != EXDEV || !copyTo(target))) {
+        const int error = errno;
+        writeValidator(validator);
+        errno = error;
+        return false;
     }
-    remove();
     letGo();
     return true;
 }
 
-// The validator first: the part alone is worth nothing, but the other way round the next one would find bytes
-// of another version under it.
+bool PartialDownload::copyTo(const QByteArray &target)
+{
+    FileDescriptor copy(
+        ::open(target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    return copy && ::lseek(m_file.get(), 0, SEEK_SET) == 0 && copyData(m_file.get(), copy.get())
+        && copy.close();
+}
+
+// What has the names by now is another's where this one's part was moved away.
 void PartialDownload::remove()
 {
-    removeItem(m_folder.get(), (m_name + ValidatorSuffix).constData());
-    const QByteArray part = m_name + PartSuffix;
-    if (isStillThere(m_folder, part, m_file))
-        removeItem(m_folder.get(), part.constData());
+    if (isStillThere(m_folder, m_name + PartSuffix, m_file))
+        removeBoth(m_folder, m_name);
     m_validator.clear();
+}
+
+// Without it the next process begins again.
+void PartialDownload::writeValidator(const QByteArray &validator)
+{
+    const QByteArray name = m_name + ValidatorSuffix;
+    FileDescriptor file(
+        ::openat(m_folder.get(), name.constData(), O_WRONLY | O_CREAT | O_EXCL | FileFlags, 0600));
+    if (file && writeAll(file.get(), validator.constData(), size_t(validator.size())) && file.close())
+        m_validator = validator;
 }
 
 void sweepDownloads(const QString &root)
@@ -229,11 +272,18 @@ void sweepDownloads(const QString &root)
     FolderListing listing(folder.get(), ".");
     if (!listing)
         return;
-    const std::vector<Kept> parts = partsIn(listing);
     const time_t now = ::time(nullptr);
-    for (size_t i = 0; i < parts.size(); ++i)
-        if (i >= MostKept || std::llabs(now - parts[i].written) > LongestKept)
-            removeKept(folder, parts[i].hash);
+    size_t left = 0;
+    qint64 bytes = 0;
+    for (const Kept &part : partsIn(listing)) {
+        const bool fits = left < MostKept && part.size <= MostBytes - bytes;
+        if (!fits || std::llabs(now - part.written) > LongestKept) {
+            removeKept(folder, part.hash);
+        } else {
+            ++left;
+            bytes += part.size;
+        }
+    }
     ::rmdir(QFile::encodeName(QDir::cleanPath(root)).constData()); // unless something is left
 }
 

@@ -7,7 +7,9 @@
 
 #include <QString>
 
+#include <chrono>
 #include <memory>
+#include <stop_token>
 
 namespace zel {
 
@@ -21,10 +23,13 @@ class PartialDownload : public BodyFile
 {
 public:
     /// Takes what there is of the file with a SHA-256 of 64 hexadecimal digits and of `size` bytes (-1: not
-    /// known), else begins with nothing. Null where nothing can be kept: without such a hash, while another
-    /// process loads the same file, and where `root` is null, a link, another user's or writable by others,
-    /// or cannot lock files.
-    static std::shared_ptr<PartialDownload> take(const QString &root, const QString &sha256, qint64 size);
+    /// known), else begins with nothing. Null where nothing can be kept: without such a hash, while somebody
+    /// else loads the same file, and where `root` is null, a link, another user's or writable by others, or
+    /// cannot lock files. One who holds the file may be about to end: that is waited for, as long as
+    /// `patience` and until `stop` is requested.
+    static std::shared_ptr<PartialDownload> take(const QString &root, const QString &sha256, qint64 size,
+                                                 std::chrono::milliseconds patience = {},
+                                                 const std::stop_token &stop = {});
 
     ~PartialDownload() override { letGo(); }
 
@@ -36,6 +41,9 @@ public:
     QString location() const override;
     QByteArray validator() const override { return m_validator; }
     bool startAgain(const QByteArray &validator) override;
+
+    /// As `letGo`, but nothing of the file is kept.
+    void discard();
 
     /// Moves the file to `path`, or copies it to another file system; nothing is kept of it then. False, with
     /// errno, on failure.
@@ -51,6 +59,8 @@ private:
     }
 
     void readValidator(qint64 size);
+    void writeValidator(const QByteArray &validator);
+    bool copyTo(const QByteArray &target);
     void remove();
 
     const QString m_root;
@@ -60,9 +70,9 @@ private:
     QByteArray m_validator;
 };
 
-/// Removes what is kept below `root` and is too old to be of use, or more than the newest few; never what a
-/// process is loading, nor files of other names. A root that `take` would refuse is not touched. Errors are
-/// ignored.
+/// Removes what is kept below `root` and is too old to be of use, or more than the newest few, or than 16 GiB
+/// of them; never what a process is loading, nor files of other names. A root that `take` would refuse is not
+/// touched. Errors are ignored.
 void sweepDownloads(const QString &root);
 
 } // namespace zel

@@ -37,6 +37,9 @@ namespace {
 // A KiB a second over two minutes.
 constexpr LeastPace SlowestDownload{120 * 1024, std::chrono::minutes(2)};
 
+// For a download of the same file that was cancelled just now.
+constexpr std::chrono::milliseconds TimeToEnd(1500);
+
 QString jsonText(const QVariantMap &entry)
 {
     return QString::fromUtf8(
@@ -74,6 +77,7 @@ struct UpdateJob::Download {
     std::shared_ptr<StagingFolder> folder = {}; // of a sound one
     QString payload = {};
     bool isContinued = false; // it was put together from several answers
+    std::shared_ptr<PartialDownload> part = {}; // held until it is known what has come
 };
 
 struct UpdateJob::Ending {
@@ -210,6 +214,12 @@ UpdateJob::Download UpdateJob::downloadOnce(const OfferedFile &offered)
         error = checkPayload(result.payload, offered, m_inputs.policy.has_value());
         result.arrival = error ? Download::Wrong : Download::Sound;
     }
+    if (const auto part = std::exchange(result.part, {})) {
+        if (result.arrival == Download::Sound)
+            part->discard(); // it has come another way
+        else
+            part->letGo();
+    }
     if (!error)
         return result;
     if (result.folder)
@@ -242,7 +252,7 @@ ZELError UpdateJob::transfer(const OfferedFile &offered, const QString &folder, 
         request.bodyLimit = request.size = *offered.size;
     request.pauses = m_inputs.pauses;
     const auto part = PartialDownload::take(m_inputs.downloadRoot, offered.sha256.value_or(QString()),
-                                            request.size.value_or(-1));
+                                            request.size.value_or(-1), TimeToEnd, m_stop.get_token());
     std::shared_ptr<BodyFile> file = part;
     if (!file)
         file = std::make_shared<TemporaryBodyFile>(folder);
@@ -252,8 +262,6 @@ ZELError UpdateJob::transfer(const OfferedFile &offered, const QString &folder, 
         outcome->isContinued = !error && location == file->location() && file->isContinued();
         if (!error)
             outcome->payload = keepDownload(location, folder, answered, part.get());
-        if (part)
-            part->letGo(); // before anybody can ask for it again
         outcome->error = error;
         outcome->changed.notify_all();
     };
@@ -271,6 +279,7 @@ ZELError UpdateJob::transfer(const OfferedFile &offered, const QString &folder, 
         return ZELError::withMessage(QStringLiteral("the download was cancelled"));
     result.payload = outcome->payload;
     result.isContinued = outcome->isContinued;
+    result.part = part;
     return *outcome->error;
 }
 

@@ -8,6 +8,8 @@
 #include <QCryptographicHash>
 
 #include <fcntl.h>
+#include <sys/syscall.h>
+#include <thread>
 
 using namespace zel;
 using Answer = TestServer::Answer;
@@ -45,7 +47,19 @@ Answer whole(const QByteArray &body = Text, qsizetype dropAt = TestServer::Never
     return {.body = body, .headers = {{"ETag", Validator}}, .dropAt = dropAt};
 }
 
+std::function<void()> beforeLock; // what another process does at that very moment, once
+
 } // namespace
+
+// Under its own name it would hide the structure of that name.
+extern "C" int lockingFile(int file, int operation) noexcept __asm__("flock");
+
+int lockingFile(int file, int operation) noexcept
+{
+    if (const auto meanwhile = std::exchange(beforeLock, nullptr))
+        meanwhile();
+    return int(::syscall(SYS_flock, file, operation));
+}
 
 class tst_PartialDownload : public QObject
 {
@@ -193,6 +207,70 @@ private slots:
         file('2', -15); // a clock that was wrong
         sweepDownloads(tree.path("root"));
         QCOMPARE(left(), "33p 33v 44p 44v " + Hash.left(2) + "p " + Hash.left(2) + "v thp");
+        for (const char digit : {'1', '2', '3'}) { // 6 GiB each, without a block on the disk
+            file(digit, digit - '0');
+            QVERIFY(QFile::resize(tree.path("root/" + QString(64, digit) + ".part"), qint64(6) << 30));
+            setAge(tree.path("root/" + QString(64, digit) + ".part"), digit - '0');
+        }
+        sweepDownloads(tree.path("root"));
+        QCOMPARE(left(), "11p 11v 22p 22v 44p 44v " + Hash.left(2) + "p " + Hash.left(2) + "v thp");
+    }
+
+    void sweptWhileAnotherBegins()
+    {
+        for (const bool isValidatorAlone : {false, true}) {
+            const TemporaryTree tree;
+            keep(tree, "012345");
+            tree.write("root/other", ""); // which keeps the folder
+            const timespec longAgo[2]{};
+            ::utimensat(AT_FDCWD, QFile::encodeName(partIn(tree)).constData(), longAgo, 0);
+            if (isValidatorAlone)
+                QFile::remove(partIn(tree));
+            std::shared_ptr<PartialDownload> begun;
+            beforeLock = [&] {
+                PartialDownload::take(tree.path("root"), Hash, 10)->discard();
+                begun = PartialDownload::take(tree.path("root"), Hash, 10);
+                QVERIFY(begun->startAgain(Validator) && writeAll(begun->descriptor(), "01234", 5));
+            };
+            sweepDownloads(tree.path("root"));
+            QVERIFY(begun);
+            begun.reset();
+            QCOMPARE(PartialDownload::take(tree.path("root"), Hash, 10)->kept(), 5);
+        }
+    }
+
+    // Whoever has the file has its names, too, until he lets it go, whatever others do at that moment.
+    void handedOn()
+    {
+        const TemporaryTree tree;
+        std::atomic<int> running = 2, held = 0, faults = 0;
+        const auto load = [&] {
+            for (int i = 0; held < 600; ++i) {
+                const auto part = PartialDownload::take(tree.path("root"), Hash, 10);
+                if (!part)
+                    continue;
+                ++held;
+                const timespec longAgo[2]{};
+                const bool began = part->startAgain(Validator) && writeAll(part->descriptor(), "01234", 5)
+                    && ::futimens(part->descriptor(), longAgo) == 0;
+                std::this_thread::yield();
+                const QString validator = tree.path("root/" + Hash + ".validator");
+                if (!began || TemporaryTree::contents(part->location()) != "01234"
+                    || TemporaryTree::contents(validator) != Validator)
+                    ++faults;
+                if (i % 3 == 0)
+                    part->moveTo(tree.path("payload"));
+                else if (i % 3 == 1)
+                    part->discard();
+            }
+            --running;
+        };
+        std::thread first(load), second(load);
+        while (running > 0)
+            sweepDownloads(tree.path("root"));
+        first.join();
+        second.join();
+        QCOMPARE(faults, 0);
     }
 
     void updates_data()
@@ -267,6 +345,26 @@ private slots:
         QCOMPARE(TemporaryTree::contents(partIn(tree)), "012345");
         QCOMPARE(update(tree, server), ZELDownloadExtractionFailed);
         QCOMPARE(server.requests().last().headers["range"], "bytes=6-");
+    }
+
+    // As after Cancel, with Download right behind it.
+    void waitsForOneThatEnds()
+    {
+        const TemporaryTree tree;
+        keep(tree, "012345");
+        TestServer server;
+        Answer stalled = rest();
+        stalled.stallAt = TestServer::BeforeHead;
+        server.answer("/file", {stalled});
+        auto ending = PartialDownload::take(tree.path("root"), Hash, Text.size());
+        const auto job = UpdateJob::create(inputs(tree, server), {}, {});
+        job->resume();
+        QTRY_VERIFY(!QDir(tree.path("staging")).isEmpty());
+        ending.reset();
+        QVERIFY(server.waitForRequests(1));
+        QCOMPARE(server.requests().last().headers["range"], "bytes=6-");
+        job->cancel();
+        QTRY_VERIFY(QDir(tree.path("staging")).isEmpty());
     }
 
 private:
