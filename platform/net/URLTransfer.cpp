@@ -244,11 +244,10 @@ void URLTransfer::configure()
 void URLTransfer::configureProxy()
 {
     m_proxy = proxyFor(m_url);
-    // An empty address keeps libcurl from looking for one in the environment by itself.
+    // What is set here keeps libcurl from looking into the environment by itself.
     curl_easy_setopt(m_easy.get(), CURLOPT_PROXY,
                      m_proxy.address.isNull() ? "" : m_proxy.address.constData());
-    if (!m_proxy.hasExceptions)
-        curl_easy_setopt(m_easy.get(), CURLOPT_NOPROXY, "");
+    curl_easy_setopt(m_easy.get(), CURLOPT_NOPROXY, "");
     curl_easy_setopt(m_easy.get(), CURLOPT_PROXYAUTH, CURLAUTH_ANY);
 }
 
