@@ -5,7 +5,13 @@
 //
 // A file may be continued by a later answer (`begin`). What is not the file, because of its status or its
 // length, is written aside: a server that is out of order for a minute, or a network that wants a login
-// first, costs nothing of what has come.
+// first, costs nothing of what has come. So is what may be the file and begins anew, where something is kept
+// that would be given up for nothing: without a length it may as well be a page, and of the version that is
+// kept, or of one that cannot be continued, a beginning is no gain. Once it has come whole, whoever knows the
+// file's hash decides, and drops what was kept.
+//
+// Where the disk is full, that goes as well (`noSpace`): it would lie there for days, and the rest of the
+// file finds no more room beside it than the whole does without it.
 #include "BodySinks.h"
 
 #include "base/FileDescriptor.h"
@@ -72,12 +78,16 @@ ZELError BodyInFile::open()
 
 ZELError BodyInFile::begin(const BodyStart &start)
 {
+    m_current = m_file.get();
+    m_aside.reset();
+    m_isFile = start.isFile;
     m_granted = 0;
     m_left = m_limit - start.offset;
     if (start.size > m_limit || m_left < 0)
         return tooLong(m_limit);
-    m_current = m_file.get();
-    if (!start.isFile) {
+    const bool isBetter = m_file->kept() == 0 || start.offset > 0
+        || (start.size >= 0 && !start.validator.isEmpty() && start.validator != m_file->validator());
+    if (!start.isFile || !isBetter) {
         m_aside = std::make_unique<TemporaryBodyFile>(m_folder);
         m_current = m_aside.get();
         if (const ZELError error = m_aside->open())
@@ -107,9 +117,11 @@ ZELError BodyInFile::write(QByteArrayView bytes)
             return error;
     m_left -= bytes.size();
     m_granted -= bytes.size();
-    return writeAll(m_current->descriptor(), bytes.data(), size_t(bytes.size()))
-        ? ZELError()
-        : failure(qt_error_string(errno));
+    if (writeAll(m_current->descriptor(), bytes.data(), size_t(bytes.size())))
+        return {};
+    const int error = errno;
+    const QString reason = qt_error_string(error);
+    return error == ENOSPC || error == EDQUOT ? noSpace(reason) : failure(reason);
 }
 
 // An announced size is granted for a MiB only: others write to the file system meanwhile.
@@ -117,10 +129,17 @@ ZELError BodyInFile::allow(qint64 size)
 {
     const qint64 writable = writableBytes(m_current->descriptor()).value_or(size);
     if (size > writable)
-        return failure(
+        return noSpace(
             QStringLiteral("no space for %1 bytes, %2 are missing").arg(size).arg(size - writable));
     m_granted = qMin(size, GrantSize);
     return {};
+}
+
+ZELError BodyInFile::noSpace(const QString &reason)
+{
+    if (m_isFile)
+        m_file->startAgain({});
+    return failure(reason);
 }
 
 ZELError BodyInFile::failure(const QString &reason) const

@@ -29,7 +29,8 @@ public:
     virtual const BodyFile *file() const { return nullptr; }
 
     /// Called before the first byte of each answer that is taken: a body that cannot be taken whole is not
-    /// loaded at all. Unless it has an offset, what came before is given up. An error ends the transfer.
+    /// loaded at all. Unless it has an offset, what came before is given up, but of `file` nothing that is
+    /// better than its beginning would be. An error ends the transfer.
     virtual ZELError begin(const BodyStart &start) = 0;
 
     /// Takes the next bytes; an error ends the transfer.
@@ -58,8 +59,9 @@ private:
     QByteArray m_body = "";
 };
 
-/// Writes at most `limit` bytes to a file and leaves the file system its reserve. What is not the file goes
-/// to a new one in `folder`: an error's page never takes the place of a good beginning.
+/// Writes at most `limit` bytes to a file and leaves the file system its reserve. What is not the file, or
+/// cannot be known to be it, goes to a new one in `folder`, so that a page never takes the place of a good
+/// beginning. On a full disk nothing is kept.
 class BodyInFile : public BodySink
 {
 public:
@@ -78,11 +80,13 @@ public:
 private:
     ZELError start(qint64 offset, const QByteArray &validator);
     ZELError allow(qint64 size);
+    ZELError noSpace(const QString &reason);
     ZELError failure(const QString &reason) const;
 
     const QString m_folder;
     const std::shared_ptr<BodyFile> m_file;
-    std::unique_ptr<BodyFile> m_aside; // with what is not the file
+    std::unique_ptr<BodyFile> m_aside; // with what is not the file, or may be none
+    bool m_isFile = true; // what comes may be the file
     BodyFile *m_current;
     const qint64 m_limit;
     qint64 m_left; // of the limit

@@ -23,8 +23,8 @@ QUrl originOf(const QUrl &url);
 /// The proxy for an http or https address: what the application has set (QNetworkProxy), which may be none at
 /// all. Where it has set nothing, what the environment says, for all addresses, as soon as one of its
 /// variables is there; else what the desktop is set to. The machine itself, and what the variable no_proxy
-/// names, go without either. A desktop's script may take its time, so this blocks; safe from any
-/// thread.
+/// names, go without either. A desktop's script may take its time, so this blocks (`ProxyLookup` does not);
+/// safe from any thread.
 Proxy proxyFor(const QUrl &url);
 
 } // namespace zel

@@ -40,8 +40,8 @@ struct URLRequest {
     /// Bytes of the file that a download asks for, where that is known: other lengths are other files, and
     /// one that is there whole is not asked for.
     std::optional<qint64> size = {};
-    /// What a download waits before each further attempt, after a fault that passes. Servers may ask for
-    /// more, up to a minute. Empty: one attempt.
+    /// What a download waits before each further attempt, after a fault that passes (`Attempts`). Servers may
+    /// ask for more, up to a minute. Empty: one attempt.
     std::vector<std::chrono::milliseconds> pauses = {};
 };
 

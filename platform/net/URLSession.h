@@ -42,8 +42,8 @@ using DownloadCompletion =
 /// running tasks are cancelled and their completions waited for: a completion must never wait for the main
 /// thread. Where no thread is to be had that is a transport error, too, whose completion comes on the main
 /// queue if the task was resumed there, else before `resume` returns. Proxies are used as `proxyFor` says, of
-/// which one that asks for a password is a transport error, and the machine's certificates or those of the
-/// file that the variable SSL_CERT_FILE names.
+/// which one that asks for a password, refuses a connection or has no port is a transport error, and the
+/// machine's certificates or those of the file that the variable SSL_CERT_FILE names.
 std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompletion completion);
 
 /// A request whose body goes to a new file in `temporaryFolder` as it arrives, with any content coding left
@@ -53,12 +53,14 @@ std::shared_ptr<URLSessionTask> dataTask(const URLRequest &request, DataCompleti
 /// written.
 ///
 /// A download that breaks off is tried again after each of `request.pauses`: without a name's address or a
-/// connection, after silence, an answer that ends early, or a status of 429, 500, 502, 503 or 504, of which
-/// the last one's body is a body. Each attempt asks for what is missing of the file, where the server has
-/// told how to (a strong entity tag, or a time of modification that is one), and for all of it where it
-/// cannot give that. `file`, where there is one, is what it goes to and may have a beginning already; a body
-/// that cannot be that file, by its status or by the length in `request.size`, comes in another one. Counts
-/// are of the whole file.
+/// connection, after silence (but not after one that nothing has come since), an answer that ends early, or a
+/// status of 429, 500, 502, 503 or 504, the server's or the proxy's. The last attempt's body is a body, with
+/// such a status or too short. Each attempt asks for what is missing of the file, where the server has told
+/// how to (a strong entity tag, or a time of modification that is one), and for all of it where it cannot
+/// give that. `file`, where there is one, is what it goes to and may have a beginning already; a body that
+/// cannot be that file, by its status or by the length in `request.size`, comes in another one, and so does
+/// one for which that beginning is not to be given up yet (`BodyInFile`). Counts are of the file, what there
+/// was of it included.
 std::shared_ptr<URLSessionTask> downloadTask(const URLRequest &request, const QString &temporaryFolder,
                                              DownloadCompletion completion,
                                              std::shared_ptr<BodyFile> file = {});

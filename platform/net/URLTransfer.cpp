@@ -11,8 +11,8 @@
 //
 // A download that breaks off is tried again (`run`), and each further attempt asks for the rest of the file
 // with "Range" and "If-Range". The bytes that come are appended only when the answer says that they are
-// exactly that rest (`isRestOf`); anything else is asked for whole, or written aside. What is put together
-// from several answers is judged by its hash in the end, by whoever knows it.
+// exactly that rest (`AnswerHead::isRest`); anything else is asked for whole, or written aside. What is put
+// together from several answers is judged by its hash in the end, by whoever knows it.
 //
 // Each transport error gets its text in `failure`: the address and the reason, which completions hand on as
 // they are.
@@ -21,8 +21,6 @@
 #include "common/DDLog.h"
 #include "common/WireValues.h"
 #include "PartialContent.h"
-
-#include <QRandomGenerator>
 
 #include <algorithm>
 #include <utility>
@@ -34,52 +32,6 @@ constexpr long PieceSize = 256 * 1024;
 
 // libcurl keeps every header and trailer line of a response, and has no limit for trailers.
 constexpr qint64 LongestHead = 256 * 1024;
-
-// What a server may ask for as a pause.
-constexpr std::chrono::seconds LongestPause(60);
-
-// The values of a header line's list; nothing when the line is another header's.
-QByteArrayList listIn(QByteArrayView line, QByteArrayView name)
-{
-    if (line.size() <= name.size() || line[name.size()] != ':'
-        || line.first(name.size()).compare(name, Qt::CaseInsensitive) != 0)
-        return {};
-    QByteArrayList values;
-    for (const QByteArray &value : line.sliced(name.size() + 1).toByteArray().toLower().split(','))
-        if (const QByteArray trimmed = value.trimmed(); !trimmed.isEmpty() && trimmed != "identity")
-            values.append(trimmed);
-    return values;
-}
-
-bool isPassing(CURLcode code)
-{
-    switch (code) {
-    case CURLE_COULDNT_RESOLVE_PROXY:
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_CONNECT:
-    case CURLE_PARTIAL_FILE:
-    case CURLE_OPERATION_TIMEDOUT:
-    case CURLE_SSL_CONNECT_ERROR: // broken off; certificates have a code of their own
-    case CURLE_GOT_NOTHING:
-    case CURLE_SEND_ERROR:
-    case CURLE_RECV_ERROR:
-        return true;
-    default:
-        return false;
-    }
-}
-
-bool isPassingStatus(long status)
-{
-    return status == 429 || status == 500 || (status >= 502 && status <= 504);
-}
-
-// So that those who lost a server at one moment do not all come back at another.
-std::chrono::milliseconds withJitter(std::chrono::milliseconds pause)
-{
-    return pause
-        + std::chrono::milliseconds(QRandomGenerator::global()->bounded(qint64(pause.count() / 4 + 1)));
-}
 
 } // namespace
 
@@ -97,6 +49,7 @@ URLTransfer::URLTransfer(const URLRequest &request, BodySink &sink, Progress pro
     , m_progress(std::move(progress))
     , m_multi(curl_multi_init())
     , m_clock(request, Clock::now())
+    , m_attempts(request.pauses)
 {
 }
 
@@ -107,23 +60,20 @@ ZELError URLTransfer::run()
     if (const ZELError error = m_sink.open())
         return error;
     for (;;) {
-        const BodyFile *file = m_sink.file();
-        if (file && file->kept() > 0 && file->kept() == m_request.size) { // its contents are not judged here
-            m_progress(file->kept(), file->kept());
+        const qint64 before = kept();
+        if (before > 0)
+            m_progress(before, m_request.size.value_or(-1));
+        if (before > 0 && before == m_request.size) // its contents are not judged here
             return {};
-        }
         const ZELError error = attempt();
-        if (!error || !m_passes || !mayTryAgain())
+        if (!error || !m_fault || !mayTryAgain())
             return error;
-        curl_off_t asked = 0;
-        curl_easy_getinfo(m_easy.get(), CURLINFO_RETRY_AFTER, &asked);
-        const auto length = std::max<std::chrono::milliseconds>(
-            withJitter(m_request.pauses[m_attempts++]),
-            std::min(std::chrono::seconds(std::min<qint64>(asked, LongestPause.count())), LongestPause));
-        if (!m_clock.allows(Clock::now() + length))
+        m_fault->cameFurther = kept() > before;
+        const auto length = m_attempts.next(*m_fault);
+        if (!length || !m_clock.allows(Clock::now() + *length))
             return error;
-        systemLog(error.message + QStringLiteral("; another attempt in %1 s").arg(length.count() / 1000.0));
-        if (const ZELError stopped = pause(length))
+        systemLog(error.message + QStringLiteral("; another attempt in %1 s").arg(length->count() / 1000.0));
+        if (const ZELError stopped = pause(*length))
             return stopped;
         m_clock.restart(Clock::now());
     }
@@ -134,6 +84,8 @@ ZELError URLTransfer::attempt()
     m_url = m_request.url;
     m_method = m_request.method;
     m_asksForRest = true;
+    if (m_lookup && m_lookup->answer())
+        m_lookup.reset(); // there may be another network by now
     for (int redirections = 0; redirections <= MostRedirections; ++redirections) {
         if (const ZELError error = exchange())
             return error;
@@ -156,17 +108,26 @@ ZELError URLTransfer::pause(std::chrono::milliseconds length)
 {
     const Clock::time_point end = Clock::now() + length;
     while (!m_cancelled) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0)
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        if (left.count() <= 0)
             return {};
-        curl_multi_poll(m_multi.get(), nullptr, 0, int(left), nullptr);
+        if (const ZELError error = wait(left))
+            return error;
     }
     return cancelled();
 }
 
+// For the network, `cancel` or the answer about a proxy.
+ZELError URLTransfer::wait(std::chrono::milliseconds most)
+{
+    const int length = int(std::clamp<qint64>(most.count(), 0, 60'000));
+    const CURLMcode code = curl_multi_poll(m_multi.get(), nullptr, 0, length, nullptr);
+    return code == CURLM_OK ? ZELError() : failure(QString::fromUtf8(curl_multi_strerror(code)));
+}
+
 bool URLTransfer::mayTryAgain() const
 {
-    return m_request.method == "GET" && m_sink.file() && m_attempts < m_request.pauses.size();
+    return m_request.method == "GET" && m_sink.file() && !m_attempts.isLast();
 }
 
 void URLTransfer::cancel()
@@ -182,7 +143,7 @@ ZELError URLTransfer::cancelled() const
 
 ZELError URLTransfer::exchange()
 {
-    m_passes = false;
+    m_fault.reset();
     if (!isWebAddress(m_url))
         return failure(QStringLiteral("not an HTTP address"));
     m_easy.reset(curl_easy_init());
@@ -192,13 +153,39 @@ ZELError URLTransfer::exchange()
     m_headBytes = 0;
     m_codings = 0;
     m_begun = false;
+    m_isFile = false;
     m_received = 0;
     m_expected = -1;
+    if (const ZELError error = findProxy())
+        return error;
     configure();
     curl_multi_add_handle(m_multi.get(), m_easy.get());
     const ZELError error = perform();
     curl_multi_remove_handle(m_multi.get(), m_easy.get());
     return error;
+}
+
+// Asked for once in an attempt as long as no other host is asked.
+ZELError URLTransfer::findProxy()
+{
+    if (!m_lookup || !m_lookup->isFor(m_url))
+        m_lookup = std::make_unique<ProxyLookup>(m_url, [this] { curl_multi_wakeup(m_multi.get()); });
+    std::optional<Proxy> found;
+    while (!(found = m_lookup->answer())) {
+        if (m_cancelled)
+            return cancelled();
+        const Clock::time_point now = Clock::now();
+        m_clock.tell(m_movedBefore, now);
+        if (m_clock.complaint(now))
+            return passingFailure(QStringLiteral("the system does not say which proxy to use"),
+                                  URLErrorCode::TimedOut);
+        if (const ZELError error = wait(m_clock.left(now)))
+            return error;
+    }
+    m_proxy = *found;
+    if (!m_proxy.address.isEmpty() && m_proxy.port() == 0)
+        return failure(QStringLiteral("the proxy %1 has no port").arg(m_proxy.name()));
+    return {};
 }
 
 void URLTransfer::configure()
@@ -241,12 +228,11 @@ void URLTransfer::configure()
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
 }
 
+// What is set here keeps libcurl from looking into the environment by itself.
 void URLTransfer::configureProxy()
 {
-    m_proxy = proxyFor(m_url);
-    // What is set here keeps libcurl from looking into the environment by itself.
-    curl_easy_setopt(m_easy.get(), CURLOPT_PROXY,
-                     m_proxy.address.isNull() ? "" : m_proxy.address.constData());
+    const QByteArray &address = m_proxy.address;
+    curl_easy_setopt(m_easy.get(), CURLOPT_PROXY, address.isNull() ? "" : address.constData());
     curl_easy_setopt(m_easy.get(), CURLOPT_NOPROXY, "");
     curl_easy_setopt(m_easy.get(), CURLOPT_PROXYAUTH, CURLAUTH_ANY);
 }
@@ -274,23 +260,14 @@ ZELError URLTransfer::perform()
             return outcome();
         if (const ZELError error = judge())
             return error;
-        const qint64 left = m_clock.left(Clock::now()).count();
-        if (const CURLMcode code =
-                curl_multi_poll(m_multi.get(), nullptr, 0, int(qMin<qint64>(left, 60'000)), nullptr);
-            code != CURLM_OK)
-            return failure(QString::fromUtf8(curl_multi_strerror(code)));
+        if (const ZELError error = wait(m_clock.left(Clock::now())))
+            return error;
     }
 }
 
 ZELError URLTransfer::judge()
 {
-    curl_off_t sent = 0;
-    curl_off_t received = 0;
-    long head = 0;
-    curl_easy_getinfo(m_easy.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
-    curl_easy_getinfo(m_easy.get(), CURLINFO_SIZE_DOWNLOAD_T, &received);
-    curl_easy_getinfo(m_easy.get(), CURLINFO_HEADER_SIZE, &head);
-    m_moved = sent + received + head;
+    m_moved = head().bytesMoved();
     m_clock.tell(m_movedBefore + m_moved, Clock::now());
     const char *complaint = m_clock.complaint(Clock::now());
     return complaint ? passingFailure(QLatin1String(complaint), URLErrorCode::TimedOut) : ZELError();
@@ -305,11 +282,11 @@ ZELError URLTransfer::outcome()
         return failure(QStringLiteral("out of memory"));
     if (m_refusal)
         return m_refusal;
-    if (isRefusedByProxy())
-        return failure(QStringLiteral("the proxy %1 asks for a password").arg(m_proxy.name()));
+    if (const ZELError error = proxyFailure())
+        return error;
     const Answer answer = this->answer();
     if (answer == Answer::PassingFault)
-        return passingFailure(QStringLiteral("HTTP status %1").arg(status()));
+        return passingFailure(QStringLiteral("HTTP status %1").arg(head().status()));
     if (answer != Answer::Body)
         return {}; // its body was not taken
     if (result != CURLE_OK) {
@@ -320,15 +297,40 @@ ZELError URLTransfer::outcome()
     if (!m_begun)
         if (const ZELError error = begin())
             return error;
-    if (m_offset > 0 && m_received < m_expected)
+    if (isTooShort())
         return passingFailure(QStringLiteral("the answer ended early"));
     // Not looked at by any flow, but what somebody looks for when a flow fails.
-    if (status() < 200 || status() >= 300)
-        systemLog(QStringLiteral("%1 answered with HTTP status %2")
-                      .arg(m_url.toString(QUrl::RemoveUserInfo | QUrl::RemoveQuery))
-                      .arg(status()));
-    m_progress(m_received, m_expected);
+    if (const long status = head().status(); status < 200 || status >= 300)
+        systemLog(QStringLiteral("%1 answered with HTTP status %2").arg(shownAddress()).arg(status));
+    report();
     return {};
+}
+
+ZELError URLTransfer::proxyFailure()
+{
+    if (isRefusedByProxy())
+        return failure(QStringLiteral("the proxy %1 asks for a password").arg(m_proxy.name()));
+    const long status = head().tunnelStatus();
+    if (status == 0 || (status >= 200 && status < 300))
+        return {};
+    const QString reason =
+        QStringLiteral("the proxy %1 answered with HTTP status %2").arg(m_proxy.name()).arg(status);
+    return isPassing(status) ? passingFailure(reason) : failure(reason);
+}
+
+// A rest that ends early is of no use. What may be the whole file, and did not say how long it is, is asked
+// for again as long as that is possible; after that whoever gets it sees that it is another file.
+bool URLTransfer::isTooShort() const
+{
+    if (m_offset > 0)
+        return m_received < m_expected;
+    return m_isFile && m_expected < 0 && m_request.size && m_received < *m_request.size && mayTryAgain();
+}
+
+void URLTransfer::report()
+{
+    if (m_isFile || !m_sink.file())
+        m_progress(std::max(m_received, m_keptBeside), m_expected);
 }
 
 // libcurl's C code must not be left by an exception.
@@ -351,10 +353,7 @@ bool URLTransfer::receiveHead(QByteArrayView line)
             failure(QStringLiteral("the header is longer than the limit of %1 bytes").arg(LongestHead));
     // Each coding may blow up the one below it a thousand times, and what that decodes to may still be
     // nothing.
-    if (m_sink.takesDecodedContent())
-        m_codings += int(listIn(line, "Content-Encoding").size());
-    for (const QByteArray &coding : listIn(line, "Transfer-Encoding"))
-        m_codings += coding == "chunked" ? 0 : 2; // never asked for
+    m_codings += codingsIn(line, m_sink.takesDecodedContent());
     if (m_codings > 1)
         m_refusal = failure(QStringLiteral("the answer is coded more than once"));
     return !m_refusal;
@@ -373,111 +372,59 @@ bool URLTransfer::receiveBody(QByteArrayView bytes)
     if (m_refusal)
         return false;
     m_received += bytes.size();
-    m_progress(m_received, m_expected);
+    report();
     return true;
 }
 
 // The answer's body begins, and the sink hears where in the file.
 ZELError URLTransfer::begin()
 {
-    m_begun = true;
-    m_expected = announcedSize();
-    const bool isWhole = status() == 200;
-    if (m_offset > 0 && status() == 206) { // judged by `isRestOf`
+    const AnswerHead head = this->head();
+    BodyStart start{.size = head.announcedSize()};
+    if (m_offset > 0 && head.status() == 206) { // judged by `isRest`
         m_received = m_offset;
-        m_expected = contentRange(header("Content-Range"))->total;
-        return m_sink.begin({m_offset, m_expected, m_sink.file()->validator()});
+        start = {m_offset, contentRange(head.header("Content-Range"))->total, m_sink.file()->validator()};
+    } else {
+        const bool isWhole = head.status() == 200;
+        m_offset = 0;
+        start.isFile = isWhole && (!m_request.size || start.size < 0 || start.size == *m_request.size);
+        if (isWhole && head.header("Content-Encoding").isNull())
+            start.validator =
+                strongValidator(head.header("ETag"), head.header("Last-Modified"), head.header("Date"));
     }
-    m_offset = 0;
-    BodyStart start{.size = m_expected};
-    start.isFile = isWhole && (!m_request.size || m_expected < 0 || m_expected == *m_request.size);
-    if (isWhole && header("Content-Encoding").isNull())
-        start.validator = strongValidator(header("ETag"), header("Last-Modified"), header("Date"));
-    return m_sink.begin(start);
+    m_begun = true;
+    m_isFile = start.isFile;
+    m_expected = start.size;
+    const ZELError error = m_sink.begin(start);
+    m_keptBeside = kept();
+    return error;
 }
 
 URLTransfer::Answer URLTransfer::answer() const
 {
     if (isRefusedByProxy())
         return Answer::NoProxy;
-    if (isRedirected())
+    const AnswerHead head = this->head();
+    if (!head.redirection().isEmpty())
         return Answer::Redirection;
-    const long status = this->status();
-    // Some servers, and what filters between, refuse whoever asks for a range.
-    const bool refusesRest = (status >= 400 && !isPassingStatus(status))
-        || (status == 206 && m_offset > 0 && !isRestOf(*m_sink.file()));
+    const long status = head.status();
+    const bool passes = isPassing(status) && mayTryAgain();
+    // Some servers, and what filters between, refuse whoever asks for a range, or fail at it.
+    const bool refusesRest = (status >= 400 && !passes)
+        || (status == 206 && m_offset > 0
+            && !head.isRest(m_offset, m_request.size, m_sink.file()->validator()));
     if (m_offset > 0 && !m_begun && refusesRest)
         return Answer::NoRest;
-    return isPassingStatus(status) && mayTryAgain() ? Answer::PassingFault : Answer::Body;
-}
-
-// Whether a 206 has the bytes that are missing, and no others: from where the file ends to its end, of a file
-// as long as the one asked for, not coded, and of the version that is there.
-bool URLTransfer::isRestOf(const BodyFile &file) const
-{
-    const auto range = contentRange(header("Content-Range"));
-    const QByteArray tag = header("ETag");
-    return range && range->first == m_offset && range->last == range->total - 1
-        && (!m_request.size || range->total == *m_request.size)
-        && (announcedSize() < 0 || announcedSize() == range->total - m_offset)
-        && header("Content-Encoding").isNull()
-        && (tag.isNull() || !file.validator().startsWith('"') || tag == file.validator());
-}
-
-// Of a connection through a proxy, and, without encryption, of an answer that comes from it.
-bool URLTransfer::isRefusedByProxy() const
-{
-    if (m_proxy.address.isEmpty())
-        return false;
-    long connectStatus = 0;
-    curl_easy_getinfo(m_easy.get(), CURLINFO_HTTP_CONNECTCODE, &connectStatus);
-    long reason = CURLPX_OK;
-    curl_easy_getinfo(m_easy.get(), CURLINFO_PROXY_ERROR, &reason);
-    return connectStatus == 407 || status() == 407 || reason == CURLPX_NO_AUTH
-        || reason == CURLPX_USER_REJECTED;
-}
-
-long URLTransfer::status() const
-{
-    long status = 0;
-    curl_easy_getinfo(m_easy.get(), CURLINFO_RESPONSE_CODE, &status);
-    return status;
-}
-
-// Null: there is none. Empty, which nothing can be read from: there are several.
-QByteArray URLTransfer::header(const char *name) const
-{
-    curl_header *found = nullptr;
-    if (curl_easy_header(m_easy.get(), name, 0, CURLH_HEADER, -1, &found) != CURLHE_OK)
-        return {};
-    return found->amount == 1 ? QByteArray(found->value) : QByteArray("");
-}
-
-qint64 URLTransfer::announcedSize() const
-{
-    curl_off_t size = -1;
-    curl_easy_getinfo(m_easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &size);
-    return size;
-}
-
-bool URLTransfer::isRedirected() const
-{
-    const long status = this->status();
-    curl_header *location = nullptr;
-    return (status == 301 || status == 302 || status == 303 || status == 307 || status == 308)
-        && curl_easy_header(m_easy.get(), "Location", 0, CURLH_HEADER, -1, &location) == CURLHE_OK
-        && *location->value;
+    return passes ? Answer::PassingFault : Answer::Body;
 }
 
 ZELError URLTransfer::redirect()
 {
-    curl_header *location = nullptr;
-    curl_easy_header(m_easy.get(), "Location", 0, CURLH_HEADER, -1, &location);
-    const QUrl relative = QUrl::fromEncoded(location->value);
+    const QUrl relative = QUrl::fromEncoded(head().redirection());
     const QUrl target = relative.isValid() ? m_url.resolved(relative) : relative;
     if (m_url.scheme() == QLatin1String("https") && target.scheme() == QLatin1String("http"))
         return failure(QStringLiteral("redirected to an insecure address"));
-    if (status() != 307 && status() != 308)
+    if (const long status = head().status(); status != 307 && status != 308)
         m_method = "GET";
     m_url = target;
     return {};
@@ -486,7 +433,7 @@ ZELError URLTransfer::redirect()
 ZELError URLTransfer::failure(const QString &reason, qint64 code) const
 {
     ZELError error =
-        ZELError::withMessage(QStringLiteral("cannot load \"%1\": %2").arg(m_url.toDisplayString(), reason));
+        ZELError::withMessage(QStringLiteral("cannot load \"%1\": %2").arg(shownAddress(), reason));
     error.code = code;
     return error;
 }
@@ -494,8 +441,14 @@ ZELError URLTransfer::failure(const QString &reason, qint64 code) const
 // A failure that may be gone when one asks again.
 ZELError URLTransfer::passingFailure(const QString &reason, qint64 code)
 {
-    m_passes = true;
+    m_fault = {.isSilence = code == URLErrorCode::TimedOut, .asked = head().retryAfter()};
     return failure(reason, code);
+}
+
+// Passwords, and what queries have in their place, are nobody's business.
+QString URLTransfer::shownAddress() const
+{
+    return m_url.toString(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::RemoveFragment);
 }
 
 } // namespace zel

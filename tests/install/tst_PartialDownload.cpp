@@ -294,12 +294,19 @@ private slots:
         row("broken off, as before", "012345", {{.dropAt = TestServer::BeforeHead}}, failed, "06 06 06",
             "012345");
         row("busy", "012345", {{.status = 503, .body = "busy", .framing = TestServer::Framing::Chunked}},
-            failed, "06 06 06", "012345");
+            failed, "06 06 06 0", "012345");
         row("another page", "012345", {{.body = "Log in"}}, failed, "06", "012345");
         row("another page, longer", "012345", {{.body = "Please log in"}}, failed, "06", "012345");
+        const auto chunked = [](Answer answer) {
+            answer.framing = TestServer::Framing::Chunked;
+            return answer;
+        };
+        row("page without a length", "012345", {chunked({.body = "Log in"})}, failed, "06 06 06", "012345");
+        row("whole without a length", "012345", {chunked(whole())}, came, "06");
+        row("another without a length", "012345", {chunked(whole("abcdefghij"))}, failed, "06", "012345");
+        row("whole of the same version", "012345", {{.status = 416}, whole()}, came, "06 0");
         row("wrong pieces", {}, {whole(Text, 6), rest("abcd"), whole()}, came, "0 06 0");
-        Answer longer = whole(Text + '!');
-        longer.framing = TestServer::Framing::Chunked;
+        Answer longer = chunked(whole(Text + '!'));
         longer.drip = std::chrono::milliseconds(1); // byte by byte
         row("longer than it may be", {}, {longer}, failed, "0");
     }
@@ -363,6 +370,7 @@ private slots:
         ending.reset();
         QVERIFY(server.waitForRequests(1));
         QCOMPARE(server.requests().last().headers["range"], "bytes=6-");
+        QCOMPARE(job->countOfBytesReceived(), 6); // before anything has come
         job->cancel();
         QTRY_VERIFY(QDir(tree.path("staging")).isEmpty());
     }

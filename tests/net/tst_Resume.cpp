@@ -1,3 +1,4 @@
+#include "net/Attempts.h"
 #include "net/PartialContent.h"
 #include "net/URLSession.h"
 #include "support/LogCapture.h"
@@ -115,24 +116,31 @@ private slots:
              rest("bytes 3-9/10", "defghij")},
             "abcdefghij", ask + "|3-\"v2\"");
         row("busy in between", {{.status = 503, .body = "busy"}, rest(range)}, Text, ask + '|' + ask);
-        row("busy to the end", {{.status = 503, .body = "busy"}}, "busy", ask + '|' + ask + '|' + ask);
+        const QString thrice = ask + '|' + ask + '|' + ask;
+        row("busy to the end", {{.status = 503, .body = "busy"}}, "busy", thrice + '|');
+        row("a fault at each range", {{.status = 500}, {.status = 500}, {.status = 500}, whole(Tag)}, Text,
+            thrice + '|');
         row("gone", {{.status = 404, .body = "gone"}}, "gone", ask + '|');
         row("never a byte more",
             {{.status = 206, .headers = {{"Content-Range", range}}, .framing = Framing::Chunked}}, {},
-            ask + '|' + ask + '|' + ask);
+            thrice);
         row("more than the rest",
             {{.status = 206,
               .body = "6789+",
               .headers = {{"Content-Range", range}},
               .framing = Framing::Chunked}},
             {}, ask);
-        const auto refused = [&](const char *name, const Answer &answer) {
-            row(name, {answer, whole(Tag)}, Text, ask + '|');
-        };
         // Without a length, which would tell, too.
         const auto chunked = [](Answer answer) {
             answer.framing = Framing::Chunked;
             return answer;
+        };
+        row("a page without a length", {chunked({.body = "Log in"}), rest(range)}, Text, ask + '|' + ask);
+        row("all of it without a length", {chunked(whole({}))}, Text, ask);
+        row("all of it, broken off", {whole({}, 3), rest(range)}, Text, ask + '|' + ask);
+        row("the same from its beginning, broken off", {whole(Tag, 3), rest(range)}, Text, ask + '|' + ask);
+        const auto refused = [&](const char *name, const Answer &answer) {
+            row(name, {answer, whole(Tag)}, Text, ask + '|');
         };
         refused("another place", chunked(rest("bytes 5-9/10", "56789")));
         refused("another place, further", chunked(rest("bytes 7-9/10", "789")));
@@ -183,31 +191,31 @@ private slots:
     void faults_data()
     {
         QTest::addColumn<Answer>("answer");
-        QTest::addColumn<bool>("passes");
+        QTest::addColumn<int>("requests");
         for (const int status : {429, 500, 502, 503, 504})
-            QTest::addRow("%d", status) << Answer{.status = status, .body = "x"} << true;
+            QTest::addRow("%d", status) << Answer{.status = status, .body = "x"} << 4;
         for (const int status : {400, 404, 416, 501, 505})
-            QTest::addRow("%d", status) << Answer{.status = status, .body = "x"} << false;
-        QTest::newRow("no answer") << Answer{.dropAt = TestServer::BeforeHead} << true;
-        QTest::newRow("broken off") << Answer{.body = "abc", .framing = Framing::Chunked, .dropAt = 1}
-                                    << true;
-        QTest::newRow("silent") << Answer{.body = "abc", .stallAt = 1} << true;
-        QTest::newRow("too long") << Answer{.body = Text} << false;
-        QTest::newRow("redirected to a file") << Answer::redirect("file:///etc/hostname") << false;
+            QTest::addRow("%d", status) << Answer{.status = status, .body = "x"} << 1;
+        QTest::newRow("no answer") << Answer{.dropAt = TestServer::BeforeHead} << 4;
+        QTest::newRow("broken off") << Answer{.body = "abc", .framing = Framing::Chunked, .dropAt = 1} << 4;
+        QTest::newRow("too short") << Answer{.body = "x", .framing = Framing::Close} << 4;
+        QTest::newRow("silent") << Answer{.body = "abc", .stallAt = 1} << 2;
+        QTest::newRow("too long") << Answer{.body = Text} << 1;
+        QTest::newRow("redirected to a file") << Answer::redirect("file:///etc/hostname") << 1;
     }
 
     void faults()
     {
         QFETCH(Answer, answer);
-        QFETCH(bool, passes);
+        QFETCH(int, requests);
         TestServer server;
         server.answer("/file", {answer});
         URLRequest request = requestFor(server.url("/file"));
         request.timeout = 200ms;
-        request.bodyLimit = 5;
+        request.bodyLimit = request.size = 5;
         const End end = Download(request).load();
         QCOMPARE(bool(end.error), answer.body != "x");
-        QCOMPARE(server.requests().size(), passes ? 4 : 1);
+        QCOMPARE(server.requests().size(), requests);
 
         // What is kept in memory is asked for once, and so is what is sent.
         const qsizetype before = server.requests().size();
@@ -243,13 +251,16 @@ private slots:
         QVERIFY(timer.elapsed() >= 1000);
 
         server.answer("/file", {{.status = 503, .headers = {{"Retry-After", "99999"}}}});
-        URLRequest request = requestFor(server.url("/file"));
+        QUrl address = server.url("/file?secret");
+        address.setUserInfo("secret:secret");
+        URLRequest request = requestFor(address);
         request.pauses = {1h};
         const LogCapture capture;
         Download cancelled(request);
         cancelled.task->resume();
         QTRY_VERIFY(capture.lines("zel.system").join(' ').contains("another attempt in"));
         cancelled.task->cancel();
+        QVERIFY(!capture.lines("zel.system").join(' ').contains("secret"));
         QCOMPARE(cancelled.end().error.code, URLErrorCode::Cancelled);
         QCOMPARE(server.requests().size(), 3);
 
@@ -258,11 +269,45 @@ private slots:
         QVERIFY(Download(request).load().error.message.contains("503"));
     }
 
+    void attempts_data()
+    {
+        QTest::addColumn<QString>("faults"); // quick, silent, further and silent, busy for 20 s, for ever
+        QTest::addColumn<QList<int>>("pauses"); // seconds; -1: none any more
+        QTest::newRow("quick") << "qqqqq" << QList{1, 3, 9, 27, -1};
+        QTest::newRow("silent once") << "sqqqq" << QList{1, 3, 9, 27, -1};
+        QTest::newRow("silent twice") << "sqs" << QList{1, 3, -1};
+        QTest::newRow("silent, with something in between") << "fffff" << QList{1, 3, 9, 27, -1};
+        QTest::newRow("silent after that") << "sfs" << QList{1, 3, -1};
+        QTest::newRow("busy") << "bbbbb" << QList{20, 20, 20, 27, -1};
+        QTest::newRow("busy for ever") << "e" << QList{60};
+    }
+
+    void attempts()
+    {
+        const std::map<QChar, PassingFault> kinds{{'q', {}},
+                                                  {'s', {.isSilence = true}},
+                                                  {'f', {.isSilence = true, .cameFurther = true}},
+                                                  {'b', {.asked = 20s}},
+                                                  {'e', {.asked = std::chrono::seconds::max()}}};
+        QFETCH(QString, faults);
+        QFETCH(QList<int>, pauses);
+        Attempts attempts({1s, 3s, 9s, 27s});
+        for (const QChar fault : faults) {
+            QCOMPARE(attempts.isLast(), pauses.first() == -1 && faults.size() == 5);
+            const auto pause = attempts.next(kinds.at(fault));
+            const std::chrono::milliseconds least = pauses.takeFirst() * 1s;
+            QVERIFY(pause ? *pause >= least && *pause <= least * 5 / 4 : least == -1s);
+        }
+    }
+
     void counts()
     {
+        const Answer page{.body = "Log", .framing = Framing::Chunked};
         TestServer server;
-        server.answer("/file", {whole(Tag, 6), {.status = 503}, rest("bytes 6-9/10")});
-        Download download(requestFor(server.url("/file")));
+        server.answer("/file", {whole(Tag, 6), {.status = 503}, page, rest("bytes 6-9/10")});
+        URLRequest request = requestFor(server.url("/file"));
+        request.size = Text.size();
+        Download download(request);
         QList<qint64> seen;
         download.task->observeCountOfBytesReceived(
             [&] { seen.append(download.task->countOfBytesReceived()); });
@@ -270,6 +315,12 @@ private slots:
         QVERIFY(std::is_sorted(seen.begin(), seen.end()));
         QCOMPARE(seen.last(), 10);
         QCOMPARE(download.task->countOfBytesExpectedToReceive(), 10);
+
+        server.answer("/file", {whole(Tag, 6), {.status = 404, .body = "not here"}});
+        Download gone(request);
+        QCOMPARE(gone.load().body, "not here");
+        QCOMPARE(gone.task->countOfBytesReceived(), 6); // of the file
+        QCOMPARE(gone.task->countOfBytesExpectedToReceive(), 10);
     }
 
     void limits()

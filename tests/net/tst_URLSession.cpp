@@ -312,6 +312,32 @@ private slots:
         }
     }
 
+    // The disk gets back what was kept, but not for a page.
+    void fullDiskAndBeginning()
+    {
+        const Answer beginning{.body = "0123456789", .headers = {{"ETag", "\"1\""}}, .dropAt = 6};
+        const auto claiming = [](int status, const QByteArray &length, const QByteArray &range) {
+            return Answer{.status = status,
+                          .body = "6",
+                          .headers = {{"Content-Range", range}, {"Content-Length", length}},
+                          .framing = Framing::Close,
+                          .stallAt = 1};
+        };
+        for (const auto &[answer, kept] :
+             {std::pair(claiming(206, "99999994", "bytes 6-99999999/100000000"), 0),
+              {claiming(404, "99999999", ""), 6}}) {
+            freeBytes = 40 << 20;
+            FileServer server({beginning, answer});
+            URLRequest request = server.request();
+            request.pauses = {1ms};
+            const auto file = std::make_shared<TemporaryBodyFile>(folder());
+            Load load(Kind::Download, request, folder(), {}, file);
+            load.task->resume();
+            QVERIFY(load.wait().error.message.contains("no space for"));
+            QCOMPARE(file->kept(), kept);
+        }
+    }
+
     void certificates()
     {
         const TestCertificate files = makeTestCertificate(m_tree.path(), "server");

@@ -34,7 +34,8 @@ class Load
 public:
     using Hook = std::function<void(const QString &location)>;
 
-    Load(Kind kind, const zel::URLRequest &request, const QString &folder, Hook hook = {})
+    Load(Kind kind, const zel::URLRequest &request, const QString &folder, Hook hook = {},
+         const std::shared_ptr<zel::BodyFile> &file = {})
         : m_hook(std::move(hook))
     {
         if (kind == Kind::Data)
@@ -44,10 +45,12 @@ public:
                 });
         else
             task = zel::downloadTask(
-                request, folder, [this](const QString &location, const QUrl &url, const ZELError &error) {
+                request, folder,
+                [this](const QString &location, const QUrl &url, const ZELError &error) {
                     const bool arrived = !location.isNull();
                     finish({arrived, arrived ? TemporaryTree::contents(location) : "", url, error}, location);
-                });
+                },
+                file);
     }
 
     ~Load() { wait(); }
