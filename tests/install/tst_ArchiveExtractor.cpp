@@ -244,9 +244,12 @@ private slots:
             };
             struct sigaction before;
             action.sa_flags = flags;
-            action.sa_handler = collects ? [](int) { while (::waitpid(-1, nullptr, WNOHANG) > 0) { } }
-                            : flags  ? SIG_DFL
-                                     : SIG_IGN;
+            const auto collect = [](int) {
+                const int error = errno;
+                while (::waitpid(-1, nullptr, WNOHANG) > 0) { }
+                errno = error;
+            };
+            action.sa_handler = collects ? +collect : flags ? SIG_DFL : SIG_IGN;
             QCOMPARE(::sigaction(SIGCHLD, &action, &before), 0);
             const Result fine = extract(good, tree.directory("good.out"));
             const Result refused = extract(bad, tree.directory("bad.out"));

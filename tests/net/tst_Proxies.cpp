@@ -1,7 +1,5 @@
 #include "net/Proxies.h"
-#include "net/URLSession.h"
-#include "support/TemporaryTree.h"
-#include "support/TestServer.h"
+#include "support/Load.h"
 
 #include <QNetworkProxy>
 #include <QtTest>
@@ -20,11 +18,7 @@ const QByteArrayList Variables{"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS
 ZELError failureOf(const QString &address, const std::vector<std::chrono::milliseconds> &pauses = {})
 {
     const TemporaryTree tree;
-    std::promise<ZELError> ended;
-    downloadTask({.url = QUrl(address), .pauses = pauses}, tree.path(),
-                 [&](const QString &, const QUrl &, const ZELError &error) { ended.set_value(error); })
-        ->resume();
-    return ended.get_future().get();
+    return load(Kind::Download, {.url = QUrl(address), .pauses = pauses}, tree.path()).error;
 }
 
 // A script that hangs until it is let go on.
@@ -178,16 +172,12 @@ private slots:
             QNetworkProxyFactory::setApplicationProxyFactory(new Hanging);
             URLRequest request{.url = QUrl("http://updates.example/file")};
             request.timeout = isCancelled ? 1h : 50ms;
-            std::promise<ZELError> ended;
-            const auto task = dataTask(request, [&](const QByteArray &, const QUrl &, const ZELError &error) {
-                ended.set_value(error);
-            });
-            task->resume();
+            Load load(Kind::Data, request, {});
+            load.task->resume();
             asked.acquire();
             if (isCancelled)
-                task->cancel();
-            QCOMPARE(ended.get_future().get().code,
-                     isCancelled ? URLErrorCode::Cancelled : URLErrorCode::TimedOut);
+                load.task->cancel();
+            QCOMPARE(load.wait().error.code, isCancelled ? URLErrorCode::Cancelled : URLErrorCode::TimedOut);
             goesOn.release();
         }
     }

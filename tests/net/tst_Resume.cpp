@@ -224,8 +224,12 @@ private slots:
             ended.set_value();
         })->resume();
         ended.get_future().wait();
-        request.method = "POST";
-        Download(request).load();
+        Download({.url = request.url,
+                  .method = "POST",
+                  .timeout = request.timeout,
+                  .bodyLimit = request.bodyLimit,
+                  .pauses = request.pauses})
+            .load();
         QCOMPARE(server.requests().size(), before + 2);
     }
 
