@@ -188,9 +188,11 @@ void addDecodedApplication(std::vector<Row> &rows, const Pair &pair)
         timed([&] {
             zel::PatchFile patch;
             if (!zel::PatchFile::read(QString::fromStdString(pair.made(".patch1")), {}, patch)
-                && patch.manifest.commands.size() == 1)
-                result =
-                    bspatch2(pair.oldItem(), pair.made(".built"), std::as_bytes(std::span(patch.payload)));
+                && patch.manifest.commands.size() == 1) {
+                const QByteArray delta =
+                    patch.contentOf(patch.manifest.commands.front()).value_or(QByteArray());
+                result = bspatch2(pair.oldItem(), pair.made(".built"), std::as_bytes(std::span(delta)));
+            }
         });
         return result == 0;
     };

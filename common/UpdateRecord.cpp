@@ -59,6 +59,17 @@ OfferedFile fileFrom(const QVariantMap &map)
             map};
 }
 
+// Nobody knows a null word.
+QStringList wordsFrom(const QVariant &value)
+{
+    if (value.typeId() != QMetaType::QVariantList)
+        return {QString()};
+    QStringList words;
+    for (const QVariant &word : value.toList())
+        words.append(isText(word) ? word.toString() : QString());
+    return words;
+}
+
 QList<PatchEntry> patchesFrom(const QVariantList &values)
 {
     QList<PatchEntry> patches;
@@ -84,12 +95,21 @@ void OfferedFile::announceIn(QJsonObject &entry) const
 
 PatchEntry PatchEntry::fromMap(const QVariantMap &map)
 {
-    return {fileFrom(map)};
+    PatchEntry entry{fileFrom(map)};
+    if (map.contains(key::Format))
+        entry.format = qMax(countUnder(key::Format, map).value_or(0), qint64(0));
+    if (map.contains(key::Requires))
+        entry.requirements = wordsFrom(map[key::Requires]);
+    return entry;
 }
 
 QJsonObject PatchEntry::toJson() const
 {
     QJsonObject entry{{key::Build, build}};
+    if (format > 1) {
+        entry[key::Format] = format;
+        entry[key::Requires] = QJsonArray::fromStringList(requirements);
+    }
     announceIn(entry);
     return entry;
 }

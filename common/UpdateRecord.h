@@ -5,6 +5,7 @@
 
 #include <QJsonObject>
 #include <QList>
+#include <QStringList>
 #include <QUrl>
 #include <QVariantMap>
 
@@ -21,6 +22,7 @@ inline constexpr QLatin1String Build("build");
 inline constexpr QLatin1String Builds("builds");
 inline constexpr QLatin1String Expires("expires");
 inline constexpr QLatin1String File("file");
+inline constexpr QLatin1String Format("format");
 inline constexpr QLatin1String Hash("hash");
 inline constexpr QLatin1String HideChecking("hidechecking");
 inline constexpr QLatin1String History("history");
@@ -39,6 +41,7 @@ inline constexpr QLatin1String Patches("patches");
 inline constexpr QLatin1String PatchOnly("patchonly");
 inline constexpr QLatin1String Path("path");
 inline constexpr QLatin1String Platform("platform");
+inline constexpr QLatin1String Requires("requires");
 inline constexpr QLatin1String Server("server");
 inline constexpr QLatin1String SHA256("sha256");
 inline constexpr QLatin1String Sheet("sheet");
@@ -74,6 +77,10 @@ struct OfferedFile {
 
 /// A bundle patch. `build` is the build that it starts from.
 struct PatchEntry : OfferedFile {
+    qint64 format = 1; ///< of the patch file; 0 where that is no number
+    QStringList requirements =
+        {}; ///< what a reader must know besides; null ones where that is no list of texts
+
     static PatchEntry fromMap(const QVariantMap &map);
     QJsonObject toJson() const;
 };

@@ -63,6 +63,11 @@ ZELError readFormat(const QJsonObject &manifest, int &format)
     return {};
 }
 
+bool isKnownWord(const QString &word)
+{
+    return std::ranges::find(KnownRequirements, word) != KnownRequirements.end();
+}
+
 ZELError readRequirements(const QJsonObject &manifest, QStringList &requirements)
 {
     const QJsonValue value = manifest[QLatin1String("requires")];
@@ -70,7 +75,7 @@ ZELError readRequirements(const QJsonObject &manifest, QStringList &requirements
         return problem(QStringLiteral("its \"requires\" is no array"));
     for (const QJsonValue word : value.toArray()) {
         const QString text = word.toString();
-        if (std::ranges::find(KnownRequirements, text) == KnownRequirements.end())
+        if (!isKnownWord(text))
             return problem(QStringLiteral("it requires \"%1\", which is not known here").arg(text.left(100)));
         requirements.append(text);
     }
@@ -226,6 +231,11 @@ QLatin1String wordOf(PatchAction action)
 bool buildsFile(PatchAction action)
 {
     return action == PatchAction::Add || action == PatchAction::Patch || action == PatchAction::Copy;
+}
+
+bool PatchManifest::isKnown(qint64 format, const QStringList &requirements)
+{
+    return format >= 1 && format <= NewestFormat && std::ranges::all_of(requirements, isKnownWord);
 }
 
 ZELError PatchManifest::read(const QByteArray &json, PatchManifest &result)

@@ -61,6 +61,9 @@ struct PatchManifest {
     /// Without the guard of format 2. None when the manifest is not JSON or holds no "commands".
     std::vector<PatchCommand> commands;
 
+    /// Whether patches of a format that require such words can be read here.
+    static bool isKnown(qint64 format, const QStringList &requirements);
+
     /// Reads a manifest's JSON text. An error beyond the limits, where it is of a format or requires something
     /// that is unknown here, and where a value of format 2 is missing or of a type that makes no sense.
     static ZELError read(const QByteArray &json, PatchManifest &result);

@@ -264,11 +264,11 @@ bool PatchRunner::build(const PatchCommand &command, WalkedItem &target)
         return failed("Error creating file", command);
     const QString path = QFileInfo(pathOf(m_newPath, target)).path() + u'/' + QFile::decodeName(file.name());
     if (!fill(command, file, path))
-        return failed(command.action == PatchAction::Patch ? "Error patching file" : "Error creating file",
-                      command);
+        return command.action == PatchAction::Patch ? patchFailed("Error patching file", command, path)
+                                                    : failed("Error creating file", command);
     if ((command.sha256 && sha256OfFile(file.descriptor()) != command.sha256)
         || (command.hash && MD5FromFile(path) != command.hash))
-        return failed("Hash error", command);
+        return patchFailed("Hash error", command, path);
     if (command.mode && ::fchmod(file.descriptor(), mode_t(*command.mode)) != 0)
         return failed("Error setting mode", command);
     return file.moveIntoPlace() || failed("Error creating file", command);
@@ -326,6 +326,15 @@ bool PatchRunner::failed(const char *description, const PatchCommand &command)
 {
     DDLogDebug(QLatin1String(description) + QLatin1String(": ") + command.path);
     appendEntry(m_log, QLatin1String(description), {{QStringLiteral("file"), command.path}});
+    return false;
+}
+
+bool PatchRunner::patchFailed(const char *description, const PatchCommand &command, const QString &path)
+{
+    DDLogDebug(QLatin1String(description) + QLatin1String(": ") + command.path);
+    const auto source =
+        command.action == PatchAction::Add ? std::nullopt : m_old.find(command.from, FinalLink::Follow);
+    appendContents(description, command, source ? pathOf(m_oldPath, *source) : QString(), path);
     return false;
 }
 

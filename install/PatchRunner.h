@@ -63,6 +63,7 @@ private:
     std::optional<FileDescriptor> openOld(const PatchCommand &command, const WalkedItem &item);
     bool setMode(const PatchCommand &command, const WalkedItem &target);
     bool failed(const char *description, const PatchCommand &command);
+    bool patchFailed(const char *description, const PatchCommand &command, const QString &path);
     void appendContents(const char *description, const PatchCommand &command, const QString &original,
                         const QString &target);
 

@@ -164,7 +164,8 @@ ZELError trustedOffer(const CheckResult &result, const std::optional<RecordPolic
     trusted.update = record->record;
     trusted.update->file = result.update->file;
     for (const PatchEntry &entry : record->record.patches) {
-        const bool isChosen = result.patch && result.patch->build == entry.build && !trusted.patch;
+        const bool isChosen = result.patch && result.patch->build == entry.build && !trusted.patch
+            && result.patch->format == entry.format && result.patch->requirements == entry.requirements;
         if (isChosen && isKnown(entry)) {
             trusted.patch = entry;
             trusted.patch->file = result.patch->file;

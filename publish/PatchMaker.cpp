@@ -227,10 +227,11 @@ public:
         if (m_options.allowLostModes || m_plan.lostModes.empty())
             return {};
         return ZELError::withMessage(
-            QLatin1String("a patch cannot add executables, and these are new: ")
+            QLatin1String("a patch of format 1 cannot add executables, and these are new: ")
             + m_summary.lostModes.join(QLatin1String(", "))
-            + QLatin1String("; publish the full archive only, or give --allow-lost-modes to let them arrive "
-                            "without their executable bit"));
+            + QLatin1String(
+                "; make it in format 2, publish the full archive only, or give --allow-lost-modes to "
+                "let them arrive without their executable bit"));
     }
 
     ZELError addFiles()
@@ -265,6 +266,8 @@ public:
         PatchManifest manifest;
         manifest.format = m_options.format;
         manifest.commands = m_commands;
+        if (manifest.format > 1)
+            manifest.requirements = m_summary.requirements = requirementsOf(m_commands);
         const ZELError error = encodePatchFile(manifest, payload.blocks, m_options.memory, bytes);
         return error ? ZELError::withMessage(QLatin1String("no patch can be made: ") + error.message
                                              + QLatin1String("; publish the full archive only"))

@@ -33,6 +33,7 @@ struct PatchSummary {
     int patched = 0; ///< files that travel as deltas
     int copied = 0; ///< files that are in the old bundle under another name
     int modes = 0; ///< files of which the mode alone changes
+    QStringList requirements; ///< what a reader of the format must know besides
     QStringList lostModes; ///< executables that arrive without their executable bit
 };
 

@@ -131,24 +131,6 @@ QJsonValue inEach(const PatchCommand &command, qint64 PatchSlice::*number)
     return numbers;
 }
 
-// What a reader of the format must know besides to perform the commands.
-QJsonArray requirementsOf(const std::vector<PatchCommand> &commands)
-{
-    QJsonArray words;
-    const auto moved = [](const PatchCommand &command) {
-        return command.action == PatchAction::Copy
-            || (command.action == PatchAction::Patch && command.from != command.path);
-    };
-    const auto hasDelta = [](const PatchCommand &command) { return command.action == PatchAction::Patch; };
-    if (std::ranges::any_of(commands, hasDelta))
-        words.append(QLatin1String("move-deltas"));
-    if (std::ranges::any_of(commands, [](const PatchCommand &command) { return command.mode.has_value(); }))
-        words.append(QLatin1String("modes"));
-    if (std::ranges::any_of(commands, moved))
-        words.append(QLatin1String("moved-files"));
-    return words;
-}
-
 // A reader that knows format 1 alone must fail at the first command, before it performs one.
 QJsonValue guard()
 {
@@ -163,7 +145,7 @@ QByteArray textOf(const PatchManifest &manifest)
     QJsonArray list;
     if (manifest.format > 1) {
         object[QLatin1String("format")] = manifest.format;
-        object[QLatin1String("requires")] = requirementsOf(manifest.commands);
+        object[QLatin1String("requires")] = QJsonArray::fromStringList(manifest.requirements);
         list.append(guard());
     }
     for (const PatchCommand &command : manifest.commands)
@@ -223,6 +205,23 @@ QJsonValue manifestEntry(const PatchCommand &command)
     if (command.size)
         object[QLatin1String("size")] = *command.size;
     return object;
+}
+
+QStringList requirementsOf(const std::vector<PatchCommand> &commands)
+{
+    QStringList words;
+    const auto moved = [](const PatchCommand &command) {
+        return command.action == PatchAction::Copy
+            || (command.action == PatchAction::Patch && command.from != command.path);
+    };
+    const auto hasDelta = [](const PatchCommand &command) { return command.action == PatchAction::Patch; };
+    if (std::ranges::any_of(commands, hasDelta))
+        words.append(QLatin1String("move-deltas"));
+    if (std::ranges::any_of(commands, [](const PatchCommand &command) { return command.mode.has_value(); }))
+        words.append(QLatin1String("modes"));
+    if (std::ranges::any_of(commands, moved))
+        words.append(QLatin1String("moved-files"));
+    return words;
 }
 
 ZELError encodePatchFile(const PatchManifest &manifest, std::span<const XZBlock> blocks, qint64 memory,

@@ -19,8 +19,10 @@ QJsonValue manifestEntry(const PatchCommand &command);
 /// that several processors share a large one. The commands' slices follow each other and cover the payload.
 std::vector<XZBlock> payloadBlocks(const std::vector<PatchCommand> &commands, QByteArrayView payload);
 
-/// A whole patch file of a manifest and the blocks of a payload. What the manifest requires is seen from its
-/// commands. An error when memory runs out, and where a reader would refuse the commands. The file's size is
+/// What a reader of the format must know besides to perform the commands.
+QStringList requirementsOf(const std::vector<PatchCommand> &commands);
+
+/// A whole patch file of a manifest and the blocks of a payload. An error when memory runs out, and where a reader would refuse the commands. The file's size is
 /// never one whose hash is empty. `memory` bounds what compressing takes besides them, as for
 /// `compressXZBlocks`.
 ZELError encodePatchFile(const PatchManifest &manifest, std::span<const XZBlock> blocks, qint64 memory,

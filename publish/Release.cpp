@@ -91,8 +91,10 @@ ZELError Release::make(const NewBuild &build, const QByteArray &notes, const QJs
     for (const QJsonValue earlier : records) {
         if (m_options.noPatches || buildOf(earlier) >= m_build.number)
             continue;
-        if (const ZELError error = addPatch(earlier.toObject()))
-            return error;
+        for (const int format : m_options.patchFormats) {
+            if (const ZELError error = addPatch(earlier.toObject(), format))
+                return error;
+        }
     }
     finishRecord();
     const ZELError error = notes.isNull() ? ZELError() : addNotes(notes);
@@ -120,10 +122,10 @@ ZELError Release::checkBegin(const QJsonArray &records) const
 {
     if (!signs() || !records.isEmpty() || m_options.startAnew)
         return {};
-    const QString own = QStringLiteral("-to-%1.zelpatch").arg(m_build.number);
+    const QString own = QStringLiteral("-to-%1.").arg(m_build.number);
     const QStringList kinds{QStringLiteral("*.zip"), QStringLiteral("*.zelpatch")};
     for (const QString &name : QDir(m_folder).entryList(kinds, QDir::Files | QDir::System)) {
-        if (name != stem() + QLatin1String(".zip") && !name.endsWith(own))
+        if (name != stem() + QLatin1String(".zip") && !name.contains(own))
             return problem(
                 QStringLiteral("%1 lies in %2, and releases.json has no record of any release: bring that "
                                "back, or give --start-anew if there is to be no earlier one")
@@ -179,10 +181,9 @@ ZELError Release::addArchive()
     const QString archive = m_scratch.filePath(name);
     if (const ZELError error = writeBundleZip(m_build.bundle, archive))
         return error;
-    QString bundle;
-    ZELError error = unpackArchive(archive, m_scratch.filePath(QStringLiteral("proof")), bundle);
+    ZELError error = unpackArchive(archive, m_scratch.filePath(QStringLiteral("proof")), m_unpacked);
     if (!error)
-        error = verifySeal(bundle);
+        error = verifySeal(m_unpacked);
     if (error)
         return problem(name + QLatin1String(" could not be installed: ") + error.message);
     m_record.build = m_build.number;
@@ -190,22 +191,25 @@ ZELError Release::addArchive()
     return announce(name, m_record);
 }
 
-ZELError Release::addPatch(const QJsonObject &earlier)
+// Between the bundles as installations unpack them: patches then give the modes that archives give.
+ZELError Release::addPatch(const QJsonObject &earlier, int format)
 {
-    const QString name = QStringLiteral("%1-%2-to-%3.zelpatch")
-                             .arg(m_build.name, QString::number(buildOf(earlier)))
-                             .arg(m_build.number);
+    const QString name =
+        QStringLiteral("%1-%2-to-%3%4.zelpatch")
+            .arg(m_build.name, QString::number(buildOf(earlier)), QString::number(m_build.number),
+                 format == 1 ? QString() : u'.' + QString::number(format));
     QJsonObject record = earlier;
     QString oldBundle;
     if (const ZELError error = m_earlier.unpack(record, oldBundle))
         return error;
     PatchMakerOptions options;
+    options.format = format;
     options.memory = m_options.memory;
     options.progress = m_options.progress;
     PatchSummary summary;
-    const ZELError error = makePatch(oldBundle, m_build.bundle, m_scratch.filePath(name), options, summary);
+    const ZELError error = makePatch(oldBundle, m_unpacked, m_scratch.filePath(name), options, summary);
     if (error && !summary.lostModes.isEmpty())
-        return leaveOut(earlier, error.message);
+        return leaveOut(earlier, format, error.message);
     if (error)
         return problem(
             QStringLiteral("no patch from build %1 could be made: %2; give --no-patches to release the "
@@ -213,19 +217,25 @@ ZELError Release::addPatch(const QJsonObject &earlier)
                 .arg(buildOf(earlier))
                 .arg(error.message));
     if (summary.size >= *m_record.size && !m_options.patchOnly)
-        return leaveOut(earlier, QStringLiteral("it would be no smaller than the archive"));
+        return leaveOut(earlier, format, QStringLiteral("it would be no smaller than the archive"));
     PatchEntry entry;
     entry.build = buildOf(earlier);
+    entry.format = format;
+    entry.requirements = summary.requirements;
     if (const ZELError unsettled = announce(name, entry))
         return unsettled;
     m_record.patches.append(entry);
     return {};
 }
 
-ZELError Release::leaveOut(const QJsonObject &earlier, const QString &reason)
+ZELError Release::leaveOut(const QJsonObject &earlier, int format, const QString &reason)
 {
-    m_options.say(QStringLiteral("no patch from build %1: %2").arg(buildOf(earlier)).arg(reason));
-    m_added.leftOut.append(QJsonObject{{key::Build, buildOf(earlier)}, {QLatin1String("reason"), reason}});
+    m_options.say(QStringLiteral("no patch of format %1 from build %2: %3")
+                      .arg(format)
+                      .arg(buildOf(earlier))
+                      .arg(reason));
+    m_added.leftOut.append(QJsonObject{
+        {key::Build, buildOf(earlier)}, {key::Format, format}, {QLatin1String("reason"), reason}});
     return {};
 }
 

@@ -51,8 +51,8 @@ private:
     ZELError compareWithSigners() const;
     ZELError compareWithLast(const QJsonArray &records);
     ZELError addArchive();
-    ZELError addPatch(const QJsonObject &earlier);
-    ZELError leaveOut(const QJsonObject &earlier, const QString &reason);
+    ZELError addPatch(const QJsonObject &earlier, int format);
+    ZELError leaveOut(const QJsonObject &earlier, int format, const QString &reason);
     ZELError addNotes(const QByteArray &html);
     ZELError announce(const QString &name, OfferedFile &offered);
     void finishRecord();
@@ -66,6 +66,7 @@ private:
     ReleaseFolder::Added &m_added;
     ReleasedBundles m_earlier;
     NewBuild m_build;
+    QString m_unpacked; // the bundle as the new archive unpacks
     UpdateRecord m_record; // the new one
     QStringList m_made; // names of files in the scratch folder that are finished
     QStringList m_moved;

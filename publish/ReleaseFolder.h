@@ -29,6 +29,7 @@ public:
         bool beta = false;
         bool patchOnly = false; ///< offer the build only to installations that a patch can bring there
         bool noPatches = false; ///< make none
+        QList<int> patchFormats = {1, 2}; ///< a patch of each; clients before format 2 take the first kind
 
         /// The seal may be others' than the last release's, or than those who sign the record.
         bool newSigner = false;
@@ -43,12 +44,12 @@ public:
 
     struct Added {
         QJsonObject record;
-        QJsonArray leftOut; ///< patches that were not made: objects of "build" and "reason"
+        QJsonArray leftOut; ///< patches that were not made: objects of "build", "format" and "reason"
     };
 
-    /// Adds a sealed bundle: its full archive, proved by unpacking it as an installation would, a patch from
+    /// Adds a sealed bundle: its full archive, proved by unpacking it as an installation would, patches from
     /// each earlier build that is in the folder, and its record. A patch that is no smaller than the archive,
-    /// or cannot be because it would bring new executables, is left out and said; any other that cannot be
+    /// or of format 1 and would bring new executables, is left out and said; any other that cannot be
     /// made is an error. The bundle has to be of the application, and by the signers, of the release with the
     /// highest build.
     ///

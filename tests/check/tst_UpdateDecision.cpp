@@ -101,6 +101,19 @@ private slots:
             R"("patches":[{"build":99,"file":"a"},{"build":"98 or so","file":"b"},{"build":98,"file":"c"}])";
         row("from the installed build", two, 99, 1, "a");
         row("the first of two", two, 98, 1, "b");
+        const auto kinds = [](const char *keys) {
+            return QByteArray(R"("patches":[{"build":99,"file":"a"},{"build":99,"file":"b",)") + keys
+                + R"(},{"build":99,"file":"c","format":2}])";
+        };
+        row("the newest format", kinds(R"("format":2,"requires":["modes","moved-files"])"), 99, 1, "b");
+        row("no requirements", kinds(R"("format":2,"requires":[])"), 99, 1, "b");
+        row("a format to come", kinds(R"("format":3)"), 99, 1, "c");
+        row("a format as text", kinds(R"("format":"2")"), 99, 1, "c");
+        row("a format between", kinds(R"("format":1.5)"), 99, 1, "c");
+        row("a word to come", kinds(R"("format":2,"requires":["modes","wings"])"), 99, 1, "c");
+        row("a word of no type", kinds(R"("format":2,"requires":[7])"), 99, 1, "c");
+        row("words as text", kinds(R"("format":2,"requires":"modes")"), 99, 1, "c");
+        row("only what is to come", R"("patches":[{"build":99,"file":"a","format":3}])", 99, 1, "");
         row("not from the configured build", R"("patches":[{"build":100,"file":"a"}])", 99, 1, "");
         row("no bundle", R"("patches":[{"file":"a"}])", -1, 1, "");
         row("bundle without a build", R"("patches":[7,{"file":"a"}])", 0, 1, "a");

@@ -36,7 +36,7 @@ class ThreatsTest : public QObject
 {
     Q_OBJECT
 
-    static inline const QString Archive = "/Example-102.zip", Patch = "/Example-100-to-102.zelpatch";
+    static inline const QString Archive = "/Example-102.zip", Patch = "/Example-100-to-102.2.zelpatch";
 
     const TemporaryTree m_tree;
     const TestCertificate m_maker = makeTestCertificate(m_tree.path(), "maker");
@@ -127,7 +127,7 @@ private slots:
         const qint64 now = QDateTime::currentSecsSinceEpoch();
         const QByteArray genuine = feedOf(feed);
         const QByteArray other = m_tree.read("ours/r/Example-101.zip");
-        const QByteArray otherPatch = m_tree.read("ours/r/Example-100-to-101.zelpatch");
+        const QByteArray otherPatch = m_tree.read("ours/r/Example-100-to-101.2.zelpatch");
         const QStringList patch{"/check", Patch}, fallsBack{"/check", Patch, Archive};
         const Answer endless{.body = "x", .endless = TestServer::Endless::Body};
         const auto row = [](const char *name, const Threat &threat) { QTest::newRow(name) << threat; };
@@ -157,7 +157,7 @@ private slots:
              {},
              {},
              "/Example.app",
-             {"/check", "/Example-100-to-101.zelpatch", "/wexmoor7/updates/patch/", Archive}});
+             {"/check", "/Example-100-to-101.2.zelpatch", "/wexmoor7/updates/patch/", Archive}});
         row("endless data",
             {genuine, {{Patch, endless}, {Archive, endless}}, {}, "Download Failed", fallsBack});
         row("a redirected check",

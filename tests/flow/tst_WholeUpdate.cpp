@@ -31,7 +31,7 @@ struct Offer {
     // A key without a value goes.
     void changePatch(const QVariantMap &keys)
     {
-        QVariantMap entry = record["patches"][0].toObject().toVariantMap();
+        QVariantMap entry = record["patches"].toArray().last().toObject().toVariantMap();
         entry.insert(keys);
         entry.removeIf([](const auto &key) { return !key.value().isValid(); });
         record["patches"] = QJsonArray{QJsonObject::fromVariantMap(entry)};
@@ -74,7 +74,7 @@ class WholeUpdateTest : public QObject
 {
     Q_OBJECT
 
-    static constexpr char Patch[] = "/Example-100-to-101.zelpatch";
+    static constexpr char Patch[] = "/Example-100-to-101.2.zelpatch";
     static constexpr char Notes[] = "/Example-101.html";
     static constexpr char Archive[] = "/Example-101.zip";
 
@@ -110,7 +110,7 @@ private slots:
         const Change nothing = [](Offer &) {};
         const QVariantMap pinned{{"signers", QStringList(m_signer.fingerprint)}};
         const QStringList patched{"check 1", "choice 2", "download 1 Patched-100.app"};
-        const QString patchedFiles = "Example-100-to-101.zelpatch Old-100.app Patched-100.app";
+        const QString patchedFiles = "Example-100-to-101.2.zelpatch Old-100.app Patched-100.app";
 
         row("by patch, pinned", nothing, pinned, {"History: Install", "Updated: Done"},
             patched + QStringList("cancel"), "Checking History Download Updated", {patch, check, notes},

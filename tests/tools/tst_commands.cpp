@@ -133,10 +133,10 @@ private slots:
             {"md5|{}/b", "^[0-9a-f]{32}\n$"},
             {"md5|{}/chunk", "^\n$"},
             {"md5|{}/chunk|--json", R"(^\{"md5":""\}\n$)"},
-            {"make-patch|{}/100|{new}|{}/p|--allow-lost-modes", "without their executable bit"},
+            {"make-patch|{}/100|{new}|{}/p|--format|1|--allow-lost-modes", "without their executable bit"},
             {"apply-patch|{old}|{}/new.app|{}/good.patch", "new.app is ready"},
             {"test-patch|{old}|{}/new.app|{}/good.patch|{new}", "Successfully patched"},
-            {"inspect-patch|{}/good.patch", "patch +\\d+ +\\d+  Contents/MacOS/example\n"},
+            {"inspect-patch|{}/good.patch", "add +\\d+ +\\d+ +755  Contents/MacOS/example\n"},
             {"verify|{old}", "is valid, sealed by CN = maker \\([0-9a-f]{64}\\)\n$"},
             {"release|{old}|{}/r1|--patch-only", "offered to nobody"},
         };
@@ -149,7 +149,7 @@ private slots:
             {"make-patch|{old}|{}/none.app|{}/p", "there is no bundle .*none.app"},
             {"make-patch|{old}|{}/a|{}/p", "/a is not a folder"},
             {"make-patch|{old}|{}/linked|{}/p", "linked is not a bundle: it has no Info.plist"},
-            {"make-patch|{}/100|{new}|{}/p", "Contents/MacOS/example; .*--allow-lost-modes"},
+            {"make-patch|{}/100|{new}|{}/p|--format|1", "Contents/MacOS/example; .*--allow-lost-modes"},
             {"apply-patch|{old}|{}/new.app|{}/short", "shorter than its header"},
             {"apply-patch|{new}|{}/new.app|{}/good.patch", "Hash error: Contents/"},
             {"test-patch|{old}|{}/new.app|{}/good.patch|{old}", "Patching failed"},
@@ -414,7 +414,7 @@ private slots:
         QCOMPARE(offer["text"], QJsonValue("Update Available"));
         const QJsonValue result = offer["result"];
         for (const auto &[key, name] :
-             {std::pair("update", "My App-101.zip"), std::pair("patch", "My App-100-to-101.zelpatch")}) {
+             {std::pair("update", "My App-101.zip"), std::pair("patch", "My App-100-to-101.2.zelpatch")}) {
             const QByteArray file = m_tree.read(QString("releases/") + name);
             QCOMPARE(result[key]["size"], QJsonValue(file.size()));
             const QByteArray hash = QCryptographicHash::hash(file, QCryptographicHash::Sha256).toHex();

@@ -4,6 +4,7 @@
 // below takes them as they are. A bundle half built is removed, be it for a failure or for ^C, but never what
 // was there before this run touched anything.
 #include "Commands.h"
+#include "common/UpdateRecord.h"
 #include "CommonOptions.h"
 #include "install/PatchFile.h"
 #include "install/PatchLog.h"
@@ -34,19 +35,23 @@ QString folderProblem(const QString &path)
 
 QString summaryText(const PatchSummary &summary)
 {
-    return QStringLiteral("%1: %2 patched, %3 added, %4 removed, %5 folders, %6 links")
+    return QStringLiteral("%1: %2 patched, %3 copied, %4 added, %5 removed, %6 folders, %7 links, %8 modes")
         .arg(sizeText(summary.size))
         .arg(summary.patched)
+        .arg(summary.copied)
         .arg(summary.added)
         .arg(summary.removed)
         .arg(summary.folders)
-        .arg(summary.links);
+        .arg(summary.links)
+        .arg(summary.modes);
 }
 
 QJsonObject summaryJson(const PatchSummary &summary)
 {
     return {{QLatin1String("size"), summary.size},
             {QLatin1String("patched"), summary.patched},
+            {QLatin1String("copied"), summary.copied},
+            {QLatin1String("modes"), summary.modes},
             {QLatin1String("added"), summary.added},
             {QLatin1String("removed"), summary.removed},
             {QLatin1String("folders"), summary.folders},
@@ -162,6 +167,14 @@ QString nameOf(PatchAction action)
     return action == PatchAction::None ? QStringLiteral("(none)") : wordOf(action);
 }
 
+QString rowOf(const QString &action, const QString &length, const QString &position, const QString &mode,
+              const QString &path)
+{
+    return QStringLiteral("%1 %2 %3 %4  %5")
+        .arg(action.leftJustified(14), length.rightJustified(12), position.rightJustified(12),
+             mode.rightJustified(4), path);
+}
+
 QString rowOf(const PatchCommand &command)
 {
     const bool sliced = isSliced(command.action);
@@ -171,11 +184,13 @@ QString rowOf(const PatchCommand &command)
     const QString length = sliced ? QString::number(size) : QString();
     const QString position =
         command.slices.empty() ? QString() : QString::number(command.slices.front().position);
-    const QString target =
-        command.action == PatchAction::CreateSymlink ? QLatin1String(" -> ") + command.symlink : QString();
-    return QStringLiteral("%1 %2 %3  %4")
-        .arg(nameOf(command.action).leftJustified(14), length.rightJustified(12), position.rightJustified(12),
-             command.path + target);
+    const QString mode = command.mode ? QString::number(*command.mode, 8) : QString();
+    QString path = command.path;
+    if (command.action == PatchAction::CreateSymlink)
+        path += QLatin1String(" -> ") + command.symlink;
+    if (command.size && command.from != command.path)
+        path += QLatin1String(" <- ") + command.from;
+    return rowOf(nameOf(command.action), length, position, mode, path);
 }
 
 QString totalOf(PatchAction action, int count, qint64 bytes)
@@ -192,11 +207,8 @@ int runInspectPatch(const Arguments &arguments)
     PatchFile patch;
     if (const ZELError error = PatchFile::read(path, {}, patch))
         return arguments.failed(error.message);
-    const QString header =
-        QStringLiteral("%1 %2 %3  %4")
-            .arg(QStringLiteral("action").leftJustified(14), QStringLiteral("length").rightJustified(12),
-                 QStringLiteral("position").rightJustified(12), QStringLiteral("path"));
-    arguments.say(header);
+    const auto word = [](const char *text) { return QString::fromLatin1(text); };
+    arguments.say(rowOf(word("action"), word("length"), word("position"), word("mode"), word("path")));
     QJsonArray commands;
     std::map<PatchAction, std::pair<int, qint64>> totals;
     for (const PatchCommand &command : patch.manifest.commands) {
@@ -210,13 +222,17 @@ int runInspectPatch(const Arguments &arguments)
     for (const auto &[action, total] : totals)
         arguments.say(totalOf(action, total.first, total.second));
     arguments.say(
-        QStringLiteral("manifest %1 compressed; payload %2 compressed, %3 in all")
+        QStringLiteral("format %1; manifest %2 compressed; payload %3 compressed, %4 in all")
+            .arg(patch.manifest.format)
             .arg(sizeText(patch.manifestSize), sizeText(patch.payloadSize), sizeText(patch.payload.size())));
-    return arguments.done({},
-                          QJsonObject{{QLatin1String("commands"), commands},
-                                      {QLatin1String("manifestSize"), patch.manifestSize},
-                                      {QLatin1String("payloadSize"), patch.payloadSize},
-                                      {QLatin1String("payloadLength"), qint64(patch.payload.size())}});
+    return arguments.done(
+        {},
+        QJsonObject{{key::Format, patch.manifest.format},
+                    {key::Requires, QJsonArray::fromStringList(patch.manifest.requirements)},
+                    {QLatin1String("commands"), commands},
+                    {QLatin1String("manifestSize"), patch.manifestSize},
+                    {QLatin1String("payloadSize"), patch.payloadSize},
+                    {QLatin1String("payloadLength"), qint64(patch.payload.size())}});
 }
 
 } // namespace

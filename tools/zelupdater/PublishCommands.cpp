@@ -87,6 +87,12 @@ int runRelease(const Arguments &arguments)
     options.beta = arguments.isSet(QStringLiteral("beta"));
     options.patchOnly = arguments.isSet(QStringLiteral("patch-only"));
     options.noPatches = arguments.isSet(QStringLiteral("no-patches"));
+    if (arguments.isSet(QStringLiteral("patch-format"))) {
+        const auto format = arguments.number(QStringLiteral("patch-format"), 1, 2);
+        if (!format)
+            return WrongUsage;
+        options.patchFormats = {int(*format)};
+    }
     int status = Done;
     if (!readSigning(arguments, options.signing, status))
         return status;
@@ -194,6 +200,10 @@ std::vector<ToolCommand> publishCommands()
              {word("patch-only"),
               word("Offer the build only to installations that a patch can bring there.")},
              {word("no-patches"), word("Make no patches: the full archive alone.")},
+             {word("patch-format"),
+              word(
+                  "Make patches of one format alone: 1, which every version reads, or 2. Both unless given."),
+              word("N")},
              {word("arch"), word("The processor that the build is for: x86, arm or all."), word("WORD")},
              {word("start-anew"),
               word("Sign the first record of a folder in which files of earlier releases lie.")},

@@ -9,6 +9,7 @@
 
 #include "common/DDLog.h"
 #include "common/WireValues.h"
+#include "install/PatchManifest.h"
 #include "platform/BoundedJson.h"
 
 #include <QJsonArray>
@@ -83,11 +84,13 @@ std::optional<UpdateRecord> bestRecord(const QJsonArray &records, const HostConf
 // itself.
 std::optional<PatchEntry> patchFrom(std::optional<qint64> installedBuild, const UpdateRecord &record)
 {
+    std::optional<PatchEntry> newest;
     for (const PatchEntry &patch : record.patches) {
-        if (patch.build == installedBuild)
-            return patch;
+        if (patch.build == installedBuild && PatchManifest::isKnown(patch.format, patch.requirements)
+            && (!newest || patch.format > newest->format))
+            newest = patch;
     }
-    return std::nullopt;
+    return newest;
 }
 
 Decision offer(const UpdateRecord &record, std::optional<qint64> installedBuild)
