@@ -3,6 +3,7 @@
 #include "publish/PatchMaker.h"
 #include "support/Case.h"
 #include "support/DeltaSupport.h"
+#include "support/PlainApplier.h"
 #include "support/TemporaryTree.h"
 
 #include <QRegularExpression>
@@ -28,6 +29,16 @@ void makeTree(const TemporaryTree &tree, const QString &root, const QString &ite
         else
             tree.write(path, item.section('=', 1).toUtf8(), executable ? 0755 : 0644);
     }
+}
+
+QStringList withModes(const QString &bundle)
+{
+    QStringList items = TemporaryTree::listing(bundle);
+    for (QString &item : items) {
+        if (item.contains(" = "))
+            item += QString(" %1").arg(TemporaryTree::mode(bundle + '/' + item.section(" = ", 0, 0)), 0, 8);
+    }
+    return items;
 }
 
 // Two bundles, and the patch from one to the other.
@@ -182,6 +193,10 @@ private slots:
             QCOMPARE(file.manifest.requirements.contains("modes"),
                      std::ranges::any_of(file.manifest.commands,
                                          [](const PatchCommand &each) { return each.mode.has_value(); }));
+
+            PlainApplier plain(tree.path("old.app"), tree.path("plain.app"), tree.path("patch"));
+            QCOMPARE(plain.apply(), "");
+            QCOMPARE(withModes(tree.path("plain.app")), withModes(tree.path("new.app")));
 
             QVERIFY(!bundles.make({.memory = 1}, "same patch"));
             QCOMPARE(tree.read("same patch"), tree.read("patch"));
