@@ -268,10 +268,18 @@ private slots:
     // A result that the host has kept, and gives back when much has changed.
     void keptResults()
     {
-        const QJsonArray patches{
-            QJsonObject{
-                {"build", 100}, {"file", "p"}, {"hash", "h"}, {"size", 7}, {"sha256", QString(64, u'b')}},
-            QJsonObject{{"build", 99}, {"file", "q"}, {"hash", "h"}}};
+        // Of the installed build one that nobody knows yet, an older kind, and the one that is chosen.
+        const auto of = [](QJsonObject more, int size) {
+            more.insert("build", 100);
+            more.insert("file", "p");
+            more.insert("hash", "h");
+            more.insert("size", size);
+            more.insert("sha256", QString(64, u'b'));
+            return more;
+        };
+        const QJsonArray patches{of({{"format", 2}, {"requires", QJsonArray{"wings"}}}, 5), of({}, 6),
+                                 of({{"format", 2}, {"requires", QJsonArray{"modes"}}}, 7),
+                                 QJsonObject{{"build", 99}, {"file", "q"}, {"hash", "h"}}};
         const QVariantMap kept = decide({good(101, {{"patches", patches}})}, policy()).result.toMap();
         CheckResult trusted;
         const auto refusal = [&](const QVariantMap &result, const RecordPolicy &now) {

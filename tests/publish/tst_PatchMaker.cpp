@@ -142,6 +142,7 @@ private slots:
         const QString a = text(1);
         const QString b = text(2);
         const QString fresh = text(3);
+        const QString nearly = a.left(a.size() * 7 / 8);
         const QString half = a.left(a.size() / 2);
         // The bundles, the commands from one to the other, and how many bytes their payload has at most.
         const std::tuple<const char *, QString, QString, QString, qsizetype> cases[] = {
@@ -154,8 +155,8 @@ private slots:
             {"small", "a1=some file of a few words, and hardly any more of them than these, b=x",
              "a2=some file of a few words, and hardly any more of them than these, b=x",
              "delete a1, copy a2<a1", 0},
-            {"its own place is preferred", "a=" + a + ", b=" + a + "?", "a=" + a + "!, b=" + a + "?",
-             "patch a", 12'000},
+            {"its own place is preferred", "a=" + nearly + ", b=" + a, "a=" + a + "!, b=" + a, "patch a",
+             12'000},
             {"unless another is clearly better", "a=" + a + ", b=" + b, "a=" + b + "!, b=" + b, "patch a<b",
              12'000},
             {"one slice for equal files", "", "a=" + fresh + ", b=" + fresh + ", c=" + fresh,
