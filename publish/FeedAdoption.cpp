@@ -95,8 +95,10 @@ private:
             return error;
         if (const ZELError error = m_bundles.unpack(earlier, oldBundle))
             return error;
-        whyNot =
-            provePatch(oldBundle, bundle, copy, m_scratch + QLatin1String("/built"), Modes::Ignored).message;
+        // Of the first format all that comes out is executable.
+        const Modes modes =
+            integerValue(entry[key::Format].toVariant()) > 1 ? Modes::Compared : Modes::Ignored;
+        whyNot = provePatch(oldBundle, bundle, copy, m_scratch + QLatin1String("/built"), modes).message;
         QFile::remove(copy);
         return {};
     }
