@@ -3,31 +3,12 @@
 #include "delta/bspatch2.h"
 #include "generate/bsdiff2.h"
 #include "generate/compactdelta.h"
+#include "Numbers.h"
 #include "Sandbox.h"
 #include "support/PlainScan.h"
 #include "support/RepetitiveText.h"
 
 namespace {
-
-// Reads the numbers that the text is put together from, a byte each, so that a seed can be written by hand;
-// the end counts as zeros.
-class Numbers
-{
-public:
-    explicit Numbers(std::span<const unsigned char> bytes)
-        : m_bytes(bytes)
-    {
-    }
-
-    std::uint32_t operator()(std::uint32_t most)
-    {
-        return m_next < m_bytes.size() ? m_bytes[m_next++] % (most + 1) : 0;
-    }
-
-private:
-    std::span<const unsigned char> m_bytes;
-    std::size_t m_next = 0;
-};
 
 std::span<const unsigned char> bytesOf(const auto &bytes)
 {
@@ -41,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     static const zel::Sandbox sandbox;
     static const auto oldPath = sandbox.path("old"), newPath = sandbox.path("new"),
                       rebuilt = sandbox.path("rebuilt");
-    Numbers numbers({data, size});
+    zel::Numbers numbers({data, size});
     const std::string oldBytes = zel::repetitiveText(numbers);
     const std::string newBytes = zel::repetitiveText(numbers, oldBytes);
     zel::Sandbox::write(oldPath, oldBytes);

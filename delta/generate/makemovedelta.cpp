@@ -37,31 +37,47 @@ void clear(Buffer &bytes, std::uint64_t from, std::uint64_t count)
     std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(from), count, 0);
 }
 
-// Clears in `bytes` the hashes that computing gives back, and returns which.
-std::vector<PageHashes> clearPageHashes(const std::vector<ProgramImage> &programs, Buffer &bytes,
-                                        const PageHasher &hasher)
+// Whether neither's table is among what the other hashes, or in the other's table: then each can be computed
+// before the other.
+bool areIndependent(const PageHashes &one, const PageHashes &other)
 {
-    std::vector<PageHashes> cleared;
+    const auto tableEnd = [](const PageHashes &hashes) {
+        return hashes.table + hashes.count() * PageHashSize;
+    };
+    const auto isClear = [&](const PageHashes &hashes, std::uint64_t start, std::uint64_t end) {
+        return tableEnd(hashes) <= start || end <= hashes.table;
+    };
+    return isClear(one, other.start, other.end) && isClear(other, one.start, one.end)
+        && isClear(one, other.table, tableEnd(other));
+}
+
+bool areGivenBack(const PageHashes &hashes, FileBytes bytes, const PageHasher &hasher)
+{
+    for (std::uint64_t i = 0; i < hashes.count(); ++i) {
+        std::array<unsigned char, PageHashSize> hash;
+        const std::uint64_t start = hashes.start + i * hashes.pageSize;
+        hasher(bytes.subspan(start, std::min(hashes.pageSize, hashes.end - start)), hash.data());
+        if (!std::ranges::equal(hash, bytes.subspan(hashes.table + i * PageHashSize, PageHashSize)))
+            return false;
+    }
+    return true;
+}
+
+// Clears in `bytes` the hashes that computing gives back, and notes which.
+void clearPageHashes(const std::vector<ProgramImage> &programs, const PageHasher &hasher, Buffer &bytes,
+                     MoveDelta &delta)
+{
     for (const ProgramImage &program : programs) {
         for (const PageHashes &hashes : program.pageHashes) {
-            if (hashes.end > hashes.table || cleared.size() == MostPageHashes)
-                continue;
-            bool isGivenBack = true;
-            for (std::uint64_t i = 0; i < hashes.count() && isGivenBack; ++i) {
-                std::array<unsigned char, PageHashSize> hash;
-                const std::uint64_t start = hashes.start + i * hashes.pageSize;
-                hasher(FileBytes(bytes).subspan(start, std::min(hashes.pageSize, hashes.end - start)),
-                       hash.data());
-                isGivenBack = std::ranges::equal(
-                    hash, FileBytes(bytes).subspan(hashes.table + i * PageHashSize, PageHashSize));
-            }
-            if (!isGivenBack)
-                continue;
-            clear(bytes, hashes.table, hashes.count() * PageHashSize);
-            cleared.push_back(hashes);
+            const bool isIndependent = std::ranges::all_of(
+                delta.pageHashes, [&](const PageHashes &each) { return areIndependent(each, hashes); });
+            delta.pageHashes.push_back(hashes);
+            if (!arePageHashesValid(delta) || !isIndependent || !areGivenBack(hashes, bytes, hasher))
+                delta.pageHashes.pop_back();
+            else
+                clear(bytes, hashes.table, hashes.count() * PageHashSize);
         }
     }
-    return cleared;
 }
 
 // Distances to places in the same function stay: they change with the function only.
@@ -213,6 +229,8 @@ std::optional<std::vector<DeltaCopy>> findCopies(FileBytes oldBytes, FileBytes n
         if (progress)
             progress(std::min(done, total), total);
     };
+    if (oldBytes.empty())
+        return std::vector<DeltaCopy>();
     const Entries I = allocateEntries(oldBytes.size() + 1);
     if (!I)
         return std::nullopt;
@@ -234,31 +252,42 @@ std::optional<std::vector<DeltaCopy>> findCopies(FileBytes oldBytes, FileBytes n
 }
 
 // The sections that both programs have, by their names.
+MovedImage pairSections(const ProgramImage &old, const ProgramImage &now, std::size_t most)
+{
+    MovedImage image = {.oldBase = old.base, .newBase = now.base, .ranges = {}};
+    std::vector<bool> isTaken(now.sections.size());
+    for (const ProgramSection &section : old.sections) {
+        const auto same = std::ranges::find_if(now.sections, [&](const ProgramSection &each) {
+            return each.name == section.name && each.isInFile == section.isInFile
+                && !isTaken[static_cast<std::size_t>(&each - now.sections.data())];
+        });
+        if (same == now.sections.end() || image.ranges.size() == most)
+            continue;
+        isTaken[static_cast<std::size_t>(same - now.sections.begin())] = true;
+        image.ranges.push_back({.kind = section.isCode ? now.code : RangeKind::Plain,
+                                .isInFile = section.isInFile,
+                                .old = section.place,
+                                .now = same->place});
+    }
+    return image;
+}
+
 std::vector<MovedImage> pairImages(const std::vector<ProgramImage> &before,
                                    const std::vector<ProgramImage> &after)
 {
     std::vector<MovedImage> images;
     std::vector<bool> isTaken(before.size());
+    std::size_t ranges = 0;
     for (const ProgramImage &now : after) {
         const auto old = std::ranges::find_if(before, [&](const ProgramImage &each) {
             return each.code == now.code && each.format == now.format
-                && !isTaken[size_t(&each - before.data())];
+                && !isTaken[static_cast<std::size_t>(&each - before.data())];
         });
         if (old == before.end() || images.size() == MostImages)
             continue;
         isTaken[static_cast<std::size_t>(old - before.begin())] = true;
-        MovedImage image = {.oldBase = old->base, .newBase = now.base, .ranges = {}};
-        for (const ProgramSection &section : old->sections) {
-            const auto same = std::ranges::find_if(now.sections, [&](const ProgramSection &each) {
-                return each.name == section.name && each.isInFile == section.isInFile;
-            });
-            if (same != now.sections.end())
-                image.ranges.push_back({.kind = section.isCode ? now.code : RangeKind::Plain,
-                                        .isInFile = section.isInFile,
-                                        .old = section.place,
-                                        .now = same->place});
-        }
-        images.push_back(std::move(image));
+        images.push_back(pairSections(*old, now, MostRanges - ranges));
+        ranges += images.back().ranges.size();
     }
     return images;
 }
@@ -437,7 +466,7 @@ std::optional<std::vector<std::byte>> makeMoveDelta(FileBytes oldBytes, FileByte
     MoveDelta delta;
     delta.oldSize = oldBytes.size();
     delta.newSize = newBytes.size();
-    delta.pageHashes = clearPageHashes(after, now, hasher);
+    clearPageHashes(after, hasher, now, delta);
     {
         const SortedTables tables = findTables(oldBytes, before);
         const Buffer oldMasked = masked(oldBytes, before, tables);

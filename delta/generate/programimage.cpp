@@ -127,7 +127,8 @@ void readSignature(const Fields &file, std::uint64_t start, std::uint64_t size, 
                                    .start = 0,
                                    .end = signature.big(blob + 32, 4),
                                    .pageSize = std::uint64_t(1) << signature.big(blob + 39, 1)};
-        if (hashes.end > 0 && hashes.count() == signature.big(blob + 28, 4)
+        if (image.pageHashes.size() < MostPageHashes && hashes.end > 0
+            && hashes.count() == signature.big(blob + 28, 4)
             && file.holds(hashes.table, hashes.count() * PageHashSize))
             image.pageHashes.push_back(hashes);
     }

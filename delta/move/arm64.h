@@ -48,11 +48,9 @@ struct DistanceField {
     Unit unit = Words;
     bool isSplit = false; ///< ADR and ADRP: the two lowest bits lie at bit 29
 
-    constexpr std::uint32_t mask() const
-    {
-        const std::uint32_t high = ((1u << (bits - (isSplit ? 2 : 0))) - 1) << shift;
-        return isSplit ? high | 3u << 29 : high;
-    }
+    /// Without the two lowest bits of a distance that is split.
+    constexpr std::uint32_t highMask() const { return ((1u << (bits - (isSplit ? 2 : 0))) - 1) << shift; }
+    constexpr std::uint32_t mask() const { return highMask() | (isSplit ? 3u << 29 : 0); }
 };
 
 /// Nothing when the instruction holds no distance.
@@ -102,9 +100,9 @@ inline std::uint32_t withTarget(std::uint32_t word, const DistanceField &field, 
 {
     const auto bytes = static_cast<std::int64_t>(originOf(field, target) - originOf(field, address));
     const auto distance = static_cast<std::uint32_t>(bytes >> field.unit);
-    const std::uint32_t placed =
-        field.isSplit ? (distance >> 2) << field.shift | (distance & 3) << 29 : distance << field.shift;
-    return (word & ~field.mask()) | (placed & field.mask());
+    const std::uint32_t low = field.isSplit ? (distance & 3) << 29 : 0;
+    const std::uint32_t high = (field.isSplit ? distance >> 2 : distance) << field.shift;
+    return (word & ~field.mask()) | low | (high & field.highMask());
 }
 
 /// The word without its distance: what has to agree for two to be the same instruction.

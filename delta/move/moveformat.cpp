@@ -93,23 +93,17 @@ bool readImages(NumberReader &reader, std::vector<MovedImage> &images)
     return true;
 }
 
-bool readPageHashes(NumberReader &reader, MoveDelta &delta)
+bool readPageHashes(NumberReader &reader, std::vector<PageHashes> &pageHashes)
 {
     const std::uint64_t count = reader.number();
     if (count > MostPageHashes)
         return false;
-    std::uint64_t hashed = 0;
     for (std::uint64_t i = 0; i < count; ++i) {
-        PageHashes &hashes = delta.pageHashes.emplace_back();
+        PageHashes &hashes = pageHashes.emplace_back();
         hashes.table = reader.number();
         hashes.start = reader.number();
         hashes.end = reader.number();
         hashes.pageSize = reader.number();
-        if (!isValid(hashes, delta.newSize))
-            return false;
-        hashed += hashes.end - hashes.start;
-        if (hashed > 2 * delta.newSize)
-            return false;
     }
     return true;
 }
@@ -269,6 +263,17 @@ bool areRangesValid(const MoveDelta &delta)
     return areApart(delta.images, &MovedRange::old) && areApart(delta.images, &MovedRange::now);
 }
 
+bool arePageHashesValid(const MoveDelta &delta)
+{
+    std::uint64_t hashed = 0;
+    for (const PageHashes &hashes : delta.pageHashes) {
+        if (!isValid(hashes, delta.newSize))
+            return false;
+        hashed += hashes.end - hashes.start;
+    }
+    return delta.pageHashes.size() <= MostPageHashes && hashed <= 2 * delta.newSize;
+}
+
 std::optional<MoveDelta> readMoveDelta(std::span<const unsigned char> bytes)
 {
     NumberReader reader(bytes);
@@ -278,7 +283,7 @@ std::optional<MoveDelta> readMoveDelta(std::span<const unsigned char> bytes)
     delta.oldSize = reader.number();
     delta.newSize = reader.number();
     if (delta.oldSize > LargestMoveFile || delta.newSize > LargestMoveFile
-        || !readImages(reader, delta.images) || !readPageHashes(reader, delta))
+        || !readImages(reader, delta.images) || !readPageHashes(reader, delta.pageHashes))
         return std::nullopt;
     const std::uint64_t copies = reader.number();
     const std::uint64_t insertsLength = reader.number();
@@ -291,7 +296,8 @@ std::optional<MoveDelta> readMoveDelta(std::span<const unsigned char> bytes)
                              NumberReader(reader.bytes(seeksLength))};
     delta.corrections = reader.bytes(reader.number());
     delta.inserts = reader.rest();
-    if (!reader.isIntact() || !areRangesValid(delta) || !readCopies(columns, copies, delta))
+    if (!reader.isIntact() || !areRangesValid(delta) || !arePageHashesValid(delta)
+        || !readCopies(columns, copies, delta))
         return std::nullopt;
     return delta;
 }

@@ -120,6 +120,9 @@ std::vector<std::byte> writeMoveDelta(const MoveDelta &delta);
 /// Whether a reader would take these ranges, in images of a delta between files of these sizes.
 bool areRangesValid(const MoveDelta &delta);
 
+/// Whether it would take these hashes of pages.
+bool arePageHashesValid(const MoveDelta &delta);
+
 /// Numbers as they stand in the delta, one after the other: seven bits a byte, lowest first, the top bit set
 /// in all bytes but the last (LEB128).
 class NumberReader
