@@ -364,8 +364,11 @@ public:
     void choose()
     {
         tryKinds([](const Candidate &) { return RangeKind::Plain; });
+        for (Candidate &each : m_ranges)
+            each.asPlain = each.fewest;
         for (const RangeKind kind : {RangeKind::Words, RangeKind::Pointers, RangeKind::ChainedPointers})
             tryKinds([&](const Candidate &each) { return each.code != RangeKind::Plain ? each.code : kind; });
+        limitWords();
         for (Candidate &each : m_ranges)
             each.range->kind = each.best;
         std::erase_if(m_delta.images, [](const MovedImage &image) {
@@ -382,7 +385,22 @@ private:
         RangeKind code; // Plain where it holds none
         RangeKind best = RangeKind::Plain;
         std::size_t fewest = SIZE_MAX; // corrections
+        std::size_t asPlain = 0;
     };
+
+    // Where a delta may not have that many, those that gain most stay.
+    void limitWords()
+    {
+        std::vector<Candidate *> words;
+        for (Candidate &each : m_ranges) {
+            if (each.best == RangeKind::Words)
+                words.push_back(&each);
+        }
+        std::ranges::stable_sort(words, std::ranges::greater(),
+                                 [](const Candidate *each) { return each->asPlain - each->fewest; });
+        for (std::size_t i = MostWordRanges; i < words.size(); ++i)
+            words[i]->best = RangeKind::Plain;
+    }
 
     Recorder predict()
     {

@@ -27,6 +27,7 @@ CopyIndex::CopyIndex(const std::vector<MovedCopy> &copies, std::uint64_t oldSize
         return std::pair(copies[a].length, b) < std::pair(copies[b].length, a);
     };
     std::priority_queue<std::uint32_t, std::vector<std::uint32_t>, decltype(isWorse)> atHand(isWorse);
+    m_stretches.reserve(2 * copies.size()); // where copies begin or end
     std::size_t next = 0;
     std::uint32_t at = 0;
     while (next < order.size() || !atHand.empty()) {

@@ -15,7 +15,7 @@ class CopyIndex
 {
 public:
     /// The copies' old parts lie in a file of `oldSize` bytes. Memory: 16 bytes per copy and one byte per 64
-    /// old ones, and while it is made another 12 bytes per copy. Throws std::bad_alloc.
+    /// old ones, and while it is made another 8 bytes per copy. Throws std::bad_alloc.
     CopyIndex(const std::vector<MovedCopy> &copies, std::uint64_t oldSize);
 
     /// From old to new; nothing when there are no copies. `place` may be the file's end. Quickest for places

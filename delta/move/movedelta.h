@@ -23,8 +23,9 @@ std::optional<std::uint64_t> moveDeltaNewSize(std::span<const unsigned char> del
 ///
 /// Returns false when the delta is corrupt or belongs to another old file (which only its size tells: whoever
 /// wants to know hashes the outcome); `newBytes` then holds anything. Throws std::bad_alloc. Takes a time that
-/// is linear in the sizes of both files and the delta. Memory: 28 bytes for each copy of the delta, 4 MiB for
-/// each of its images (8 at most), a 64th of the old file, 256 KiB for each range of words. Any thread.
+/// is linear in the sizes of both files and the delta. Memory: 36 bytes for each copy of the delta (2^20 at
+/// most), 4 MiB for each of its images (4 at most), 256 KiB for each range of words (64 at most), and a 40th
+/// of the old file. Any thread.
 bool applyMoveDelta(std::span<const unsigned char> oldBytes, std::span<const unsigned char> delta,
                     std::span<unsigned char> newBytes, const PageHasher &hasher);
 

@@ -253,14 +253,17 @@ void appendNumber(std::vector<std::byte> &bytes, std::uint64_t number)
 
 bool areRangesValid(const MoveDelta &delta)
 {
+    std::size_t words = 0;
     for (const MovedImage &image : delta.images) {
         for (const MovedRange &range : image.ranges) {
+            words += range.kind == RangeKind::Words;
             if (!isWithin(range.old, range.isInFile, delta.oldSize)
                 || !isWithin(range.now, range.isInFile, delta.newSize))
                 return false;
         }
     }
-    return areApart(delta.images, &MovedRange::old) && areApart(delta.images, &MovedRange::now);
+    return words <= MostWordRanges && areApart(delta.images, &MovedRange::old)
+        && areApart(delta.images, &MovedRange::now);
 }
 
 bool arePageHashesValid(const MoveDelta &delta)

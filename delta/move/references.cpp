@@ -1,10 +1,13 @@
 #include "references.h"
 
+#include "delta/owned.h"
 #include "x86.h"
 
 #include <algorithm>
 #include <bit>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 // A copy is cut into pieces that lie in one range of the old file and one range of the same image in the new
 // one, so that every byte of a piece has an old and a new address. What a piece holds is walked through in
@@ -18,6 +21,8 @@
 namespace zel {
 
 namespace {
+
+constexpr std::size_t SmallestField = 4;
 
 template <typename Word> Word load(const unsigned char *bytes)
 {
@@ -36,10 +41,13 @@ template <typename Word> void store(unsigned char *bytes, Word word)
 class LearnedTargets
 {
 public:
+    // Memory that is only touched where something is learned: most deltas learn little.
     LearnedTargets()
         : m_isUsed(std::size_t(1) << SlotBits)
-        , m_slots(std::size_t(1) << SlotBits)
+        , m_slots(static_cast<Slot *>(std::calloc(std::size_t(1) << SlotBits, sizeof(Slot))))
     {
+        if (!m_slots)
+            throw std::bad_alloc();
     }
 
     std::optional<std::uint32_t> find(std::uint32_t target) const
@@ -59,8 +67,8 @@ public:
 
 private:
     struct Slot {
-        std::uint32_t target = 0;
-        std::uint32_t actual = 0;
+        std::uint32_t target;
+        std::uint32_t actual;
     };
 
     static constexpr unsigned SlotBits = 19;
@@ -68,7 +76,7 @@ private:
     static std::size_t slotOf(std::uint32_t target) { return target * 0x9E3779B1u >> (32 - SlotBits); }
 
     std::vector<bool> m_isUsed; // fits into the nearest cache; few are
-    std::vector<Slot> m_slots;
+    const Array<Slot> m_slots;
 };
 
 // By how much words changed lately whose values are near each other. Offsets into one table grow alike when
@@ -170,19 +178,30 @@ struct ReferenceModel::Image {
     std::uint64_t newLowest = 0;
     std::vector<const MovedRange *> byOldAddress;
     std::vector<const MovedRange *> byNewOffset; // those in the file
+    std::vector<std::uint64_t> oldAddresses; // of these, to be searched
+    std::vector<std::uint64_t> newEnds; // offsets
     std::unique_ptr<LearnedTargets> learned;
     const MovedRange *lastFound = nullptr;
+
+    void sortRanges()
+    {
+        std::ranges::sort(byOldAddress, {}, [](const MovedRange *range) { return range->old.address; });
+        for (const MovedRange *range : byOldAddress)
+            oldAddresses.push_back(range->old.address);
+        std::ranges::sort(byNewOffset, {}, [](const MovedRange *range) { return range->now.offset; });
+        for (const MovedRange *range : byNewOffset)
+            newEnds.push_back(range->now.offset + range->now.size);
+    }
 
     // A range's end counts as its own where no other begins.
     const MovedRange *atOldAddress(std::uint64_t address)
     {
         if (lastFound && address - lastFound->old.address < lastFound->old.size)
             return lastFound;
-        const auto next = std::ranges::upper_bound(
-            byOldAddress, address, {}, [](const MovedRange *range) { return range->old.address; });
-        if (next == byOldAddress.begin())
+        const auto next = std::ranges::upper_bound(oldAddresses, address);
+        if (next == oldAddresses.begin())
             return nullptr;
-        const MovedRange *const range = *std::prev(next);
+        const MovedRange *const range = byOldAddress[std::size_t(next - oldAddresses.begin()) - 1];
         if (address - range->old.address > range->old.size)
             return nullptr;
         lastFound = range;
@@ -192,9 +211,8 @@ struct ReferenceModel::Image {
     // The first range that ends behind the place.
     const MovedRange *atOrBehindNewOffset(std::uint64_t offset) const
     {
-        const auto end = [](const MovedRange *range) { return range->now.offset + range->now.size; };
-        const auto range = std::ranges::upper_bound(byNewOffset, offset, {}, end);
-        return range != byNewOffset.end() ? *range : nullptr;
+        const auto end = std::ranges::upper_bound(newEnds, offset);
+        return end != newEnds.end() ? byNewOffset[std::size_t(end - newEnds.begin())] : nullptr;
     }
 
     const MovedRange *atNewOffset(std::uint64_t offset) const
@@ -260,8 +278,7 @@ ReferenceModel::ReferenceModel(std::span<const unsigned char> oldBytes, const st
             if (range.kind == RangeKind::Words)
                 own.drift = std::make_unique<Drift>();
         }
-        std::ranges::sort(image.byOldAddress, {}, [](const MovedRange *range) { return range->old.address; });
-        std::ranges::sort(image.byNewOffset, {}, [](const MovedRange *range) { return range->now.offset; });
+        image.sortRanges();
     }
     std::ranges::sort(m_ranges, {}, [](const auto &range) { return range->start(); });
 }
@@ -277,7 +294,7 @@ void ReferenceModel::rebuild(const MovedCopy &copy, unsigned char *newFile, Sett
         at = std::max(at, (*range)->start());
         const std::uint64_t end = std::min<std::uint64_t>(copy.oldEnd(), (*range)->end());
         // Where the new place lies in several ranges, each makes a piece.
-        while (at < end && (*range)->moved->kind != RangeKind::Plain) {
+        while (at + SmallestField <= end && (*range)->moved->kind != RangeKind::Plain) {
             const std::uint64_t newPlace = at - copy.oldStart + copy.newStart;
             const MovedRange *const now = (*range)->image->atOrBehindNewOffset(newPlace);
             if (!now)
@@ -287,14 +304,15 @@ void ReferenceModel::rebuild(const MovedCopy &copy, unsigned char *newFile, Sett
                 continue;
             }
             const std::uint64_t length = std::min(end - at, now->now.offset + now->now.size - newPlace);
-            rebuildPiece({.range = **range,
-                          .oldBytes = m_old.data() + at,
-                          .newBytes = newFile + newPlace,
-                          .length = static_cast<std::size_t>(length),
-                          .newStart = static_cast<std::uint32_t>(newPlace),
-                          .oldAddress = (*range)->moved->old.address + (at - (*range)->start()),
-                          .newAddress = now->now.address + (newPlace - now->now.offset),
-                          .settler = settler});
+            if (length >= SmallestField)
+                rebuildPiece({.range = **range,
+                              .oldBytes = m_old.data() + at,
+                              .newBytes = newFile + newPlace,
+                              .length = static_cast<std::size_t>(length),
+                              .newStart = static_cast<std::uint32_t>(newPlace),
+                              .oldAddress = (*range)->moved->old.address + (at - (*range)->start()),
+                              .newAddress = now->now.address + (newPlace - now->now.offset),
+                              .settler = settler});
             at += length;
         }
         at = std::max(at, end);

@@ -266,6 +266,11 @@ private slots:
             delta.images.resize(2);
             delta.images[1].ranges.resize(zel::MostRanges - 1);
         });
+        row("ranges of words", [](MoveDelta &delta) {
+            MovedRange empty;
+            empty.kind = zel::RangeKind::Words;
+            delta.images[0].ranges.resize(zel::MostWordRanges + 3, empty);
+        });
         row("kind", [=](MoveDelta &delta) { range(delta, 0).kind = zel::RangeKind(zel::RangeKinds); });
         row("range behind the old file", [=](MoveDelta &delta) { range(delta, 0).old.offset = 37; });
         row("range behind the new file", [=](MoveDelta &delta) { range(delta, 0).now.offset = 109; });
@@ -323,18 +328,56 @@ private slots:
     void damagedBytes()
     {
         const Bytes old(100, 0x94);
-        const Delta whole = writeMoveDelta(smallDelta());
-        for (std::size_t size = 0; size < whole.size(); ++size)
-            QVERIFY(!rebuilt(old, Delta(whole.begin(), whole.begin() + std::ptrdiff_t(size))));
-        for (std::size_t at = 0; at < whole.size(); ++at) {
-            for (const std::byte bit : {std::byte(1), std::byte(0x80)}) {
+        const QByteArray whole = toBytes(writeMoveDelta(smallDelta()));
+        const auto isTaken = [&](const QByteArray &bytes) {
+            const auto delta = std::as_bytes(view(bytes));
+            const Delta copy(delta.begin(), delta.end());
+            const auto outcome = rebuilt(old, copy);
+            return outcome == rebuiltPlainly(old, copy) ? std::optional(outcome.has_value()) : std::nullopt;
+        };
+        for (qsizetype size = 0; size < whole.size(); ++size)
+            QCOMPARE(isTaken(whole.first(size)), false);
+        for (qsizetype at = 0; at < whole.size(); ++at) {
+            for (const int bit : {1, 0x80}) {
                 const Case current(QString("byte %1").arg(at));
-                Delta damaged = whole;
-                damaged[at] ^= bit;
-                if (zel::moveDeltaNewSize(asBytes(damaged)).value_or(0) < 100'000)
-                    QVERIFY(rebuilt(old, damaged) == rebuiltPlainly(old, damaged));
+                QByteArray damaged = whole;
+                damaged[at] = char(damaged[at] ^ bit);
+                if (zel::moveDeltaNewSize(view(damaged)).value_or(0) < 100'000)
+                    QVERIFY(isTaken(damaged));
             }
         }
+        const auto with = [&](const char *part, const char *other) {
+            QByteArray changed = whole;
+            return changed.replace(QByteArray::fromHex(part), QByteArray::fromHex(other));
+        };
+        QCOMPARE(isTaken(with("4d4f56453164",
+                              "4d4f564531e48080808080808080"
+                              "00")),
+                 true); // the old size, long
+        QCOMPARE(isTaken(with("4d4f56453164",
+                              "4d4f564531e48080808080808080"
+                              "02")),
+                 false); // beyond 64 bits
+        QCOMPARE(isTaken(with("4d4f56453164",
+                              "4d4f564531e4808080808080808080"
+                              "00")),
+                 false);
+        QCOMPARE(isTaken(with("01010101006400",
+                              "0101010100"
+                              "6400")),
+                 true); // as it was
+        QCOMPARE(isTaken(with("01010101006400",
+                              "010201010000"
+                              "6400")),
+                 false); // columns with a byte more
+        QCOMPARE(isTaken(with("01010101006400",
+                              "010102010064"
+                              "0000")),
+                 false);
+        QCOMPARE(isTaken(with("01010101006400",
+                              "010101020064"
+                              "0000")),
+                 false);
     }
 
     // What refers to places that moved need not be corrected.

@@ -138,16 +138,20 @@ private:
 
     void readImages()
     {
-        m_images.resize(number(m_delta, 8));
+        m_images.resize(number(m_delta, 4));
+        U64 words = 0;
         U64 left = 1024;
         for (Image &image : m_images) {
             image.oldBase = number(m_delta);
             image.newBase = number(m_delta);
             image.ranges.resize(number(m_delta, left));
             left -= image.ranges.size();
-            for (Range &range : image.ranges)
+            for (Range &range : image.ranges) {
                 readRange(image, range);
+                words += range.kind == Words;
+            }
         }
+        demand(words <= 64);
         for (Image &one : m_images) {
             for (Image &other : m_images)
                 demandApart(one, other);
@@ -218,7 +222,7 @@ private:
 
     void readCopies()
     {
-        const U64 count = number(m_delta, 2'097'152);
+        const U64 count = number(m_delta, 1'048'576);
         const U64 insertSize = number(m_delta), lengthSize = number(m_delta), seekSize = number(m_delta);
         View inserts = part(insertSize), lengths = part(lengthSize), seeks = part(seekSize);
         U64 from = 0, to = 0;
