@@ -39,9 +39,9 @@ struct PatchFile {
 
     /// Reads and decompresses a patch file. An error when the file cannot be read, is shorter than its
     /// header, states a manifest length that is negative or runs past its end, when the manifest or the
-    /// payload does not decompress or `PatchManifest::read` refuses it, and beyond the limits, which docs/bundle-patch-format.md gives. Peak
-    /// memory: the file, 300 MiB for the worst manifest, the payload, and the decoders (`decompressXZ`).
-    /// Works on all processors.
+    /// payload does not decompress or `PatchManifest::read` refuses it, and beyond the limits, which
+    /// docs/bundle-patch-format.md gives. Peak memory: the file, 300 MiB for the worst manifest, the payload,
+    /// and the decoders (`decompressXZ`). Works on all processors.
     static ZELError read(const QString &path, const Reading &reading, PatchFile &result);
 
     /// The bytes that a command's slices hold together; nothing when it has none, or one lies outside the

@@ -1,4 +1,5 @@
-// The manifest of a bundle patch: which commands build the new bundle. docs/bundle-patch-format.md describes it.
+// The manifest of a bundle patch: which commands build the new bundle. docs/bundle-patch-format.md describes
+// it.
 #pragma once
 
 #include "common/ZELError.h"
@@ -64,8 +65,9 @@ struct PatchManifest {
     /// Whether patches of a format that require such words can be read here.
     static bool isKnown(qint64 format, const QStringList &requirements);
 
-    /// Reads a manifest's JSON text. An error beyond the limits, where it is of a format or requires something
-    /// that is unknown here, and where a value of format 2 is missing or of a type that makes no sense.
+    /// Reads a manifest's JSON text. An error beyond the limits, where it is of a format or requires
+    /// something that is unknown here, and where a value of format 2 is missing or of a type that makes no
+    /// sense.
     static ZELError read(const QByteArray &json, PatchManifest &result);
 
     /// An error when there are more commands, or more names in their paths, than a patch may have.

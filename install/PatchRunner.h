@@ -32,8 +32,8 @@ class PatchRunner
 {
 public:
     /// All four must outlive the runner, and nobody else may change the bundles meanwhile. `log` receives the
-    /// entries of commands that fail. `oldSize`: the bytes of the old bundle; deltas of format 1 may read each
-    /// of them once, commands of format 2 as much as they may write.
+    /// entries of commands that fail. `oldSize`: the bytes of the old bundle; deltas of format 1 may read
+    /// each of them once, commands of format 2 as much as they may write.
     PatchRunner(const QString &oldBundle, const QString &newBundle, qint64 oldSize, const PatchFile &patch,
                 QVariantList &log)
         : m_oldPath(oldBundle)

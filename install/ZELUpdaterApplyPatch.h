@@ -10,8 +10,8 @@
 ///
 /// Whatever stands at `newPath` is removed first; then the old bundle is copied there, every mode of the copy
 /// is set to 755, and the manifest's commands are performed in their order. `oldPath` is only read. Files
-/// that the patch adds get the process's default mode (0666 less the umask). In a patch of format 2 files keep
-/// their modes, and those that it builds get the ones that it states. In the end the bundle's program
+/// that the patch adds get the process's default mode (0666 less the umask). In a patch of format 2 files
+/// keep their modes, and those that it builds get the ones that it states. In the end the bundle's program
 /// ("CFBundleExecutable") is executable. A link at `newPath` is replaced, never what it points at.
 ///
 /// Returns true when every command was processed without a fatal failure: a file that cannot be added, a

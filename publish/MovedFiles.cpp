@@ -1,7 +1,7 @@
 // Names say little: builds give files names made of their content, so that a file which hardly changed has
 // another one. What a file is built from is therefore found by content, first by SHA-256 among the old files
-// of the same size, then by what it shares with them (SimilarFiles.h). Whether a delta of that file is smaller
-// than the file itself is found later, by making it.
+// of the same size, then by what it shares with them (SimilarFiles.h). Whether a delta of that file is
+// smaller than the file itself is found later, by making it.
 //
 // New files of equal content are built alike, so that the payload holds their slice once.
 #include "MovedFiles.h"

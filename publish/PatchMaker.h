@@ -46,11 +46,11 @@ ZELError provePatch(const QString &oldPath, const QString &newPath, const QStrin
                     const QString &built, Modes modes);
 
 /// Writes the patch file that turns the bundle `oldPath` into the bundle `newPath`, and proves it: the patch
-/// is applied to a copy and the outcome compared item by item, byte by byte, in format 2 with the modes, before
-/// the file gets its name.
-/// On an error nothing is left at `patchPath` that was not there before. Works on all processors. Peak
-/// memory: the payload, and besides `options.memory` or, if that is more, what the largest changed file takes
-/// by itself (nine bytes per old byte, three per new byte and 90 MiB) or the encoder of one block (370 MiB).
+/// is applied to a copy and the outcome compared item by item, byte by byte, in format 2 with the modes,
+/// before the file gets its name. On an error nothing is left at `patchPath` that was not there before. Works
+/// on all processors. Peak memory: the payload, and besides `options.memory` or, if that is more, what the
+/// largest changed file takes by itself (nine bytes per old byte, three per new byte and 90 MiB) or the
+/// encoder of one block (370 MiB).
 ZELError makePatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
                    const PatchMakerOptions &options, PatchSummary &summary);
 

@@ -1,7 +1,7 @@
 // What lies in one block is compressed together, so that files which resemble each other belong into one, and
 // what does not resemble them into others: rows of numbers, differences that are mostly zeros, and bytes that
-// are like the files' own are modelled each by itself (XZWriter.h). Hundreds of small deltas are worth a block
-// for each kind, as large ones are; for a few small ones it would cost more than it saves.
+// are like the files' own are modelled each by itself (XZWriter.h). Hundreds of small deltas are worth a
+// block for each kind, as large ones are; for a few small ones it would cost more than it saves.
 //
 // Files are sorted by the end of their names, then by the names: what one compiler made, and what is in one
 // language, comes together.

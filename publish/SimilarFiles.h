@@ -31,9 +31,9 @@ class SimilarFiles
 public:
     explicit SimilarFiles(std::vector<SketchedFile> files);
 
-    /// The path of the file that shares most with `wanted`; nothing where none shares an eighth of it. Of those
-    /// that share about as much, the one at the same path is taken, else the one whose name is most alike.
-    /// Linear in the samples of `wanted`.
+    /// The path of the file that shares most with `wanted`; nothing where none shares an eighth of it. Of
+    /// those that share about as much, the one at the same path is taken, else the one whose name is most
+    /// alike. Linear in the samples of `wanted`.
     std::optional<QString> mostLike(const SketchedFile &wanted) const;
 
 private:

@@ -1,5 +1,5 @@
-// Applies a bundle patch of format 2 as docs/bundle-patch-format.md says it, byte by byte and without a thought
-// of speed, memory or hostile input: the measure for the real one.
+// Applies a bundle patch of format 2 as docs/bundle-patch-format.md says it, byte by byte and without a
+// thought of speed, memory or hostile input: the measure for the real one.
 #pragma once
 
 #include "platform/FileTree.h"

@@ -36,10 +36,10 @@ struct Decision {
 ///
 /// A record must have a higher "build" than the configuration, a "platform" no newer than the running system,
 /// a supported "arch", and no "beta" unless the configuration has that key too; the record with the highest
-/// build wins, the earlier one on a tie. Of the record's patches that start from `installedBuild`, the build of
-/// the bundle that would be patched (nothing when there is no bundle), it is the first of the newest format that
-/// is known. A record with "patchonly"
-/// and no such patch is dropped, and no other takes its place.
+/// build wins, the earlier one on a tie. Of the record's patches that start from `installedBuild`, the build
+/// of the bundle that would be patched (nothing when there is no bundle), it is the first of the newest
+/// format that is known. A record with "patchonly" and no such patch is dropped, and no other takes its
+/// place.
 ///
 /// With a policy only records count that are signed as it demands, and of those what is inside the signature;
 /// their addresses are relative to `base`, the address that answered. Then the result tells when the newest
