@@ -9,6 +9,7 @@
 #include "FeedAdoption.h"
 
 #include "common/UpdateRecord.h"
+#include "common/WireValues.h"
 #include "FeedRecord.h"
 #include "install/BundleBuild.h"
 #include "PatchMaker.h"
