@@ -1,11 +1,15 @@
 // The delta engine by itself, for systems and processors that the other tests do not run on: pairs of files
 // that repeat themselves, and one of a size that needs several threads, give the plain scan's bytes and are
-// rebuilt from them.
+// rebuilt from them, and so do move deltas of any kind.
 #include <ZELUpdater/bsdiff2.h>
 #include <ZELUpdater/bspatch2.h>
 
+#include "generate/makemovedelta.h"
+#include "support/MoveSample.h"
+#include "support/PlainMoveDelta.h"
 #include "support/PlainScan.h"
 #include "support/RepetitiveText.h"
+#include "support/SampleProgram.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -66,6 +70,47 @@ void judgeHugeClaim(const Path &folder)
         fail("a delta that claims more than it holds was taken");
 }
 
+std::span<const unsigned char> view(const std::vector<std::byte> &bytes)
+{
+    return {reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size()};
+}
+
+void judgeMoveDelta(const std::vector<unsigned char> &old, const std::vector<std::byte> &delta,
+                    const std::optional<std::vector<unsigned char>> &expected, const std::string &name)
+{
+    std::vector<unsigned char> rebuilt(expected ? expected->size() : 0);
+    if (zel::applyMoveDelta(old, view(delta), rebuilt, zel::sampleHash) != expected.has_value()
+        || (expected && rebuilt != *expected))
+        fail(name + ": the move delta gives something else");
+}
+
+template <typename Pick> void judgeMoveSample(Pick &pick, const std::string &name)
+{
+    const auto [old, delta] = zel::MoveSampler(pick).make();
+    if (zel::moveDeltaNewSize(view(delta)).value_or(0) < 100'000)
+        judgeMoveDelta(old, delta, zel::PlainMoveDelta::apply(old, view(delta), zel::sampleHash), name);
+}
+
+void judgePrograms(zel::SampleReference::Machine machine)
+{
+    zel::SampleProgram program;
+    program.machine = machine;
+    program.isMachO = true;
+    program.signatures = 1;
+    program.words = program.pointers = program.chained = 100;
+    for (const zel::SampleReference &reference : zel::SampleReferences) {
+        if (reference.machine == machine)
+            program.references.push_back(&reference);
+    }
+    const auto old = zel::SampleLinker(program, zel::sampleHash).link();
+    program.functions.insert(program.functions.begin() + 50, zel::SampleProgram::Unlike);
+    const auto fresh = zel::SampleLinker(program, zel::sampleHash).link();
+    const auto delta = zel::makeMoveDelta(old, fresh, zel::sampleHash, {});
+    if (!delta)
+        fail("programs: no move delta");
+    judgeMoveDelta(old, *delta, fresh, "programs");
+}
+
 std::string randomText(std::mt19937 &random, std::size_t size)
 {
     std::string text(size, '\0');
@@ -84,14 +129,19 @@ int main(int argc, char *argv[])
     const unsigned pairs = unsigned(std::atoi(argv[2]));
     for (unsigned seed = 0; seed < pairs; ++seed) {
         std::mt19937 random(seed);
-        const auto pick = [&random](std::uint32_t most) { return std::uint32_t(random()) % (most + 1); };
+        const auto pick = [&random](std::uint32_t most) {
+            return std::uint32_t(random() % (std::uint64_t(most) + 1));
+        };
         const std::string old = zel::repetitiveText(pick);
         judgePair(folder, old, zel::repetitiveText(pick, old), "pair " + std::to_string(seed));
+        judgeMoveSample(pick, "move delta " + std::to_string(seed));
     }
     std::mt19937 random(1);
     const std::string large = randomText(random, 300'000);
     judgePair(folder, large, large.substr(150'000) + randomText(random, 500) + large.substr(0, 180'000),
               "large pair");
     judgeHugeClaim(folder);
+    judgePrograms(zel::SampleReference::Arm64);
+    judgePrograms(zel::SampleReference::X86_64);
     std::printf("%u pairs rebuilt\n", pairs + 1);
 }
