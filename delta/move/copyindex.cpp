@@ -18,7 +18,6 @@ constexpr std::uint64_t Reach = 16; // in front of a copy
 } // namespace
 
 CopyIndex::CopyIndex(const std::vector<MovedCopy> &copies, std::uint64_t oldSize)
-    : m_copies(copies)
 {
     std::vector<std::uint32_t> order(copies.size());
     std::iota(order.begin(), order.end(), 0u);
@@ -36,7 +35,7 @@ CopyIndex::CopyIndex(const std::vector<MovedCopy> &copies, std::uint64_t oldSize
         for (; next < order.size() && copies[order[next]].oldStart == at; ++next)
             atHand.push(order[next]);
         const std::uint32_t best = atHand.top();
-        append(at, best);
+        append(at, static_cast<std::int32_t>(copies[best].newStart - copies[best].oldStart));
         at = copies[best].oldEnd();
         if (next < order.size())
             at = std::min(at, copies[order[next]].oldStart);
@@ -54,24 +53,18 @@ CopyIndex::CopyIndex(const std::vector<MovedCopy> &copies, std::uint64_t oldSize
     }
 }
 
-void CopyIndex::append(std::uint32_t start, std::uint32_t copy)
+void CopyIndex::append(std::uint32_t start, std::int32_t shift)
 {
     if (!m_stretches.empty() && m_stretches.back().start == start)
         m_stretches.pop_back();
-    if (m_stretches.empty() || m_stretches.back().copy != copy)
-        m_stretches.push_back({start, copy});
-}
-
-std::int64_t CopyIndex::shiftOf(const Stretch &stretch) const
-{
-    const MovedCopy &copy = m_copies[stretch.copy];
-    return std::int64_t(copy.newStart) - std::int64_t(copy.oldStart);
+    if (m_stretches.empty() || m_stretches.back().shift != shift)
+        m_stretches.push_back({start, shift});
 }
 
 std::optional<std::int64_t> CopyIndex::shiftAt(std::uint64_t place)
 {
     if (m_last && m_stretches[*m_last].start <= place && place < m_stretches[*m_last + 1].start)
-        return shiftOf(m_stretches[*m_last]);
+        return m_stretches[*m_last].shift;
     const std::size_t block = static_cast<std::size_t>(place >> BlockBits);
     if (m_stretches.empty() || block >= m_first.size())
         return std::nullopt;
@@ -79,15 +72,15 @@ std::optional<std::int64_t> CopyIndex::shiftAt(std::uint64_t place)
     const auto to = block + 1 < m_first.size() ? begin + m_first[block + 1] + 1 : m_stretches.end();
     const auto next = std::upper_bound(begin + m_first[block], to, place,
                                        [](std::uint64_t at, const Stretch &each) { return at < each.start; });
-    if (next != begin && std::prev(next)->copy != Stretch::NoCopy) {
+    if (next != begin && std::prev(next)->shift != Stretch::NoCopy) {
         m_last = static_cast<std::size_t>(std::prev(next) - begin);
-        return shiftOf(*std::prev(next));
+        return std::prev(next)->shift;
     }
     if (next != m_stretches.end() && next->start - place <= Reach)
-        return shiftOf(*next);
+        return next->shift;
     if (next == begin)
         return std::nullopt;
-    return shiftOf(*std::prev(next, 2)); // a stretch without a copy follows one with a copy
+    return std::prev(next, 2)->shift; // a stretch without a copy follows one with a copy
 }
 
 } // namespace zel

@@ -7,10 +7,10 @@
 
 namespace zel {
 
-/// Answers from the copies of a delta how far a place moved. Where several copies hold it, the longest counts,
-/// of equally long ones the first in the new file. A place that none holds moved as the copy behind it did,
-/// if that begins within 16 bytes (a place in front of a function belongs to it), or else as the copy before
-/// it.
+/// Answers from the copies of a delta how far a place moved. Where several copies hold it, the longest
+/// counts, of equally long ones the first in the new file. A place that none holds moved as the copy behind
+/// it did, if that begins within 16 bytes (a place in front of a function belongs to it), or else as the
+/// copy before it.
 class CopyIndex
 {
 public:
@@ -26,15 +26,13 @@ private:
     // A stretch of the old file up to where the next one begins.
     struct Stretch {
         std::uint32_t start;
-        std::uint32_t copy; // or NoCopy
+        std::int32_t shift; // or NoCopy, which is none that files allow
 
-        static constexpr std::uint32_t NoCopy = 0xFFFFFFFF;
+        static constexpr std::int32_t NoCopy = INT32_MIN;
     };
 
-    void append(std::uint32_t start, std::uint32_t copy);
-    std::int64_t shiftOf(const Stretch &stretch) const;
+    void append(std::uint32_t start, std::int32_t shift);
 
-    const std::vector<MovedCopy> &m_copies; // belong to the caller
     std::vector<Stretch> m_stretches;
     std::vector<std::uint32_t> m_first; // of each block of the old file: the stretch that its start lies in
     std::optional<std::size_t> m_last; // stretch that an answer came from; it has a copy, and one behind it

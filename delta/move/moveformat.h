@@ -19,8 +19,8 @@ namespace zel {
 
 inline constexpr std::string_view MoveDeltaMark = "ZELMOVE1";
 
-// Limits of what a reader takes; a writer keeps within them. They bound what a small delta can cost: all that they
-// allow takes some 70 MiB beside the files.
+// Limits of what a reader takes; a writer keeps within them. They bound what a small delta can cost: all
+// that they allow takes some 70 MiB beside the files.
 inline constexpr std::uint64_t LargestMoveFile = 0x7FFFFFFF; // bytes of the old and of the new file
 inline constexpr std::size_t MostMoveCopies = 1 << 20;
 inline constexpr std::size_t MostImages = 4;

@@ -1,11 +1,11 @@
 // Predicting what copied bytes have become.
 //
-// A copy brings old bytes to a new place. Where they refer to other places, the new file refers to where those
-// moved, seen from the new place; the copies tell where that is. What they do not tell is learned: when a
-// reference turns out to lead elsewhere, all later ones to the same place are taken to lead there too, which
-// the two sides of the engine can do alike, as both know the new file up to where they are. The ideas are
-// those of B. S. Baker, U. Manber and R. Muth, "Compressing Differences of Executable Code" (1999), and of
-// C. Percival, "Naive Differences of Executable Code" (2003); learning comes on top.
+// A copy brings old bytes to a new place. Where they refer to other places, the new file refers to where
+// those moved, seen from the new place; the copies tell where that is. What they do not tell is learned:
+// when a reference turns out to lead elsewhere, all later ones to the same place are taken to lead there
+// too, which the two sides of the engine can do alike, as both know the new file up to where they are. The
+// ideas are those of B. S. Baker, U. Manber and R. Muth, "Compressing Differences of Executable Code"
+// (1999), and of C. Percival, "Naive Differences of Executable Code" (2003); learning comes on top.
 //
 // What is predicted badly costs size, never correctness: every byte is corrected where it differs.
 #pragma once

@@ -2,6 +2,7 @@
 // thought of speed, memory or hostile input: the measure for the real one.
 #pragma once
 
+#include "PlainMoveDelta.h"
 #include "platform/FileTree.h"
 #include "TemporaryTree.h"
 #include "xz/XZ.h"
@@ -98,6 +99,11 @@ private:
     static QByteArray result(const QByteArray &old, const QByteArray &delta)
     {
         QByteArray bytes;
+        if (delta.startsWith("ZELMOVE1")) {
+            const auto made = zel::PlainMoveDelta::apply(view(old), view(delta), hash);
+            return made ? QByteArray(reinterpret_cast<const char *>(made->data()), qsizetype(made->size()))
+                        : QByteArray();
+        }
         qsizetype control = 32;
         qsizetype difference = control + number(delta, 8);
         qsizetype extra = difference + number(delta, 16);
@@ -109,6 +115,17 @@ private:
             at += number(delta, control + 16);
         }
         return bytes;
+    }
+
+    static std::span<const unsigned char> view(const QByteArray &bytes)
+    {
+        return {reinterpret_cast<const unsigned char *>(bytes.data()), size_t(bytes.size())};
+    }
+
+    static void hash(std::span<const unsigned char> page, unsigned char *hash)
+    {
+        const QByteArrayView bytes(page.data(), qsizetype(page.size()));
+        std::ranges::copy(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256), hash);
     }
 
     const QString m_old;
