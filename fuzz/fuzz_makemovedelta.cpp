@@ -1,5 +1,5 @@
-// A move delta between any two files makes the one of the other: between programs to which something was done,
-// whose headers and the rest then are damaged, or between bytes as they come.
+// A move delta between any two files makes the one of the other: between programs to which something was
+// done, whose headers and the rest then are damaged, or between bytes as they come.
 #include "generate/makemovedelta.h"
 #include "Numbers.h"
 #include "Sandbox.h"

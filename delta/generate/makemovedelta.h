@@ -16,10 +16,10 @@ namespace zel {
 /// changed is still found whole; of each part of a program the prediction is chosen that leaves least to be
 /// corrected. The same input always gives the same bytes.
 ///
-/// `hasher` computes hashes of pages, which the delta then leaves out; `progress` as for makeDelta, and may be
-/// empty. Nothing when a file has more bytes than the format allows, or memory for the suffixes is missing;
-/// throws std::bad_alloc. Memory: ten bytes per old byte, three per new one and 90 MiB, beside the files. Works
-/// on all processors.
+/// `hasher` computes hashes of pages, which the delta then leaves out; `progress` as for makeDelta, and may
+/// be empty. Nothing when a file has more bytes than the format allows, or memory for the suffixes is
+/// missing; throws std::bad_alloc. Memory: ten bytes per old byte, three per new one and 90 MiB, beside the
+/// files. Works on all processors.
 std::optional<std::vector<std::byte>> makeMoveDelta(std::span<const unsigned char> oldBytes,
                                                     std::span<const unsigned char> newBytes,
                                                     const PageHasher &hasher, const DeltaProgress &progress);

@@ -1,5 +1,5 @@
-// A move delta applied byte by byte, as docs/move-delta-format.md has it and without any short cut: the measure
-// for the real one.
+// A move delta applied byte by byte, as docs/move-delta-format.md has it and without any short cut: the
+// measure for the real one.
 #pragma once
 
 #include <algorithm>
