@@ -30,7 +30,7 @@ constexpr std::array Words = {
 constexpr size_t WordsOfFormat1 = size_t(PatchAction::Patch) + 1;
 constexpr qint64 NewestFormat = 2;
 constexpr std::array KnownRequirements = {QLatin1String("move-deltas"), QLatin1String("moved-files"),
-                                         QLatin1String("modes")};
+                                          QLatin1String("modes")};
 constexpr qint64 MostValues = 8 * PatchManifest::CommandLimit; // a command of format 1 has eight at most
 
 ZELError problem(const QString &message)

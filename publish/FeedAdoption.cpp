@@ -9,11 +9,12 @@
 #include "FeedAdoption.h"
 
 #include "common/UpdateRecord.h"
-#include "common/WireValues.h"
 #include "FeedRecord.h"
 #include "install/BundleBuild.h"
+#include "install/PatchFile.h"
 #include "PatchMaker.h"
 #include "platform/BundleInfo.h"
+#include "platform/FileTree.h"
 #include "ReleasedBundles.h"
 #include "seal/BundleSeal.h"
 
@@ -96,12 +97,31 @@ private:
             return error;
         if (const ZELError error = m_bundles.unpack(earlier, oldBundle))
             return error;
-        // Of the first format all that comes out is executable.
-        const Modes modes =
-            integerValue(entry[key::Format].toVariant()) > 1 ? Modes::Compared : Modes::Ignored;
-        whyNot = provePatch(oldBundle, bundle, copy, m_scratch + QLatin1String("/built"), modes).message;
+        whyNot = judgePatch(oldBundle, bundle, copy, entry).message;
         QFile::remove(copy);
         return {};
+    }
+
+    // Of what kind a patch is, the file says and not the entry.
+    ZELError judgePatch(const QString &oldBundle, const QString &bundle, const QString &patch,
+                        QJsonObject &entry) const
+    {
+        PatchManifest manifest;
+        {
+            PatchFile file;
+            if (const ZELError error = PatchFile::read(patch, {.oldBundle = treeSize(oldBundle)}, file))
+                return ZELError::withMessage(QLatin1String("the patch does not apply: ") + error.message);
+            manifest = file.manifest;
+        }
+        entry.remove(key::Format);
+        entry.remove(key::Requires);
+        if (manifest.format > 1) {
+            entry[key::Format] = manifest.format;
+            entry[key::Requires] = QJsonArray::fromStringList(manifest.requirements);
+        }
+        // Of the first format all that comes out is executable.
+        const Modes modes = manifest.format > 1 ? Modes::Compared : Modes::Ignored;
+        return provePatch(oldBundle, bundle, patch, m_scratch + QLatin1String("/built"), modes);
     }
 
     const QString m_folder;

@@ -136,7 +136,7 @@ private slots:
             {"make-patch|{}/100|{new}|{}/p|--format|1|--allow-lost-modes", "without their executable bit"},
             {"apply-patch|{old}|{}/new.app|{}/good.patch", "new.app is ready"},
             {"test-patch|{old}|{}/new.app|{}/good.patch|{new}", "Successfully patched"},
-            {"inspect-patch|{}/good.patch", "add +\\d+ +\\d+ +755  Contents/MacOS/example\n"},
+            {"inspect-patch|{}/good.patch", "patch +\\d+ +\\d+ +755  Contents/MacOS/example\n"},
             {"verify|{old}", "is valid, sealed by CN = maker \\([0-9a-f]{64}\\)\n$"},
             {"release|{old}|{}/r1|--patch-only", "offered to nobody"},
         };
@@ -319,7 +319,7 @@ private slots:
         for (const QJsonValue command : manifest["commands"].toArray()) {
             if (command["actions"][0] == "patch")
                 QCOMPARE(m_tree.read("payload").mid(command["position"].toInteger(), 8),
-                         QByteArray("BSDIFN40"));
+                         QByteArray("ZELMOVE1"));
         }
     }
 
