@@ -2,24 +2,20 @@
 
 #include "compactdelta.h"
 #include "delta/owned.h"
-#include "move/arm64.h"
+#include "maskreferences.h"
 #include "move/references.h"
-#include "move/x86.h"
 #include "programimage.h"
 #include "scan.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <map>
-#include <string>
 
 // The way from two files to a move delta:
 //
 //   1. Hashes of the new file's own pages are cleared, where computing them gives them back.
-//   2. Both files are masked: distances in instructions become zeros, and places in sorted tables become
-//      differences to the row before. Two builds of a function then differ only where it was changed, and the
-//      search finds it in one piece wherever it went; so with tables of functions.
+//   2. References are left out of both files (maskreferences.h), so that the search finds what moved in one
+//      piece.
 //   3. The search and the choice among its copies are those of an ordinary delta, on the masked bytes.
 //   4. Each copy is predicted from the true bytes, once for every kind that a part of a program could be
 //      taken for; what leaves least to be corrected is taken. Kinds influence each other a little, since all
@@ -78,145 +74,6 @@ void clearPageHashes(const std::vector<ProgramImage> &programs, const PageHasher
                 clear(bytes, hashes.table, hashes.count() * PageHashSize);
         }
     }
-}
-
-// Distances to places in the same function stay: they change with the function only.
-void maskArm64(FileBytes code, unsigned char *masked)
-{
-    using namespace arm64;
-    std::array<std::size_t, Registers> pageEnds = {}; // in front of which a register holds an ADRP's page
-    for (std::size_t at = 0; at + 4 <= code.size(); at += 4) {
-        std::uint32_t word;
-        std::memcpy(&word, code.data() + at, sizeof word);
-        const std::optional<DistanceField> field = distanceField(word);
-        const std::optional<PageOffsetField> offset = pageOffsetField(word);
-        constexpr unsigned farBits = 21;
-        const bool isPage = field && field->unit == DistanceField::Pages;
-        if (field && field->bits >= farBits)
-            word = withoutDistance(word, *field);
-        else if (offset && at < pageEnds[offset->base])
-            word &= ~PageOffsetField::Mask;
-        std::memcpy(masked + at, &word, sizeof word);
-        if (isPage || !field)
-            pageEnds[registerOf(word)] = isPage ? at + 4 + 4 * MostWordsBehind : 0;
-    }
-}
-
-void maskX86(FileBytes code, unsigned char *masked)
-{
-    constexpr std::int32_t near = 2048;
-    for (std::size_t at = 0; at < code.size();) {
-        const x86::Instruction instruction = x86::decode(code.subspan(at));
-        const std::size_t field = at + instruction.distance;
-        std::int32_t distance = 0;
-        if (instruction.distance != 0)
-            std::memcpy(&distance, code.data() + field, sizeof distance);
-        const bool isCall = instruction.isBranch && code[field - 1] == 0xE8;
-        const bool isNear = instruction.isBranch && !isCall && distance >= -near && distance <= near;
-        if (instruction.distance != 0 && !isNear)
-            std::fill_n(masked + field, x86::DistanceSize, static_cast<unsigned char>(0));
-        at += instruction.length;
-    }
-}
-
-// A table of places, sorted: rows of words of four bytes, some of whose columns only grow. A place put in
-// changes all rows behind it, but not by how much each is above the one before.
-struct SortedTable {
-    std::size_t row = 0; // in words; 0 for what is no table
-    std::uint32_t columns = 0; // a bit for each that grows
-    std::uint32_t value = 0; // the bits of a word that do
-};
-
-std::uint32_t wordAt(FileBytes bytes, std::size_t index)
-{
-    std::uint32_t word;
-    std::memcpy(&word, bytes.data() + 4 * index, sizeof word);
-    return word;
-}
-
-// How many words of a column grow by a little from row to row; none when too many do not.
-std::size_t growingWords(FileBytes bytes, std::size_t row, std::size_t column, std::uint32_t value)
-{
-    constexpr std::size_t fewest = 64;
-    constexpr std::uint32_t step = 1 << 20;
-    std::size_t growing = 0;
-    std::size_t all = 0;
-    for (std::size_t i = row + column; i < bytes.size() / 4; i += row, ++all) {
-        const std::uint32_t more = ((wordAt(bytes, i) & value) - (wordAt(bytes, i - row) & value)) & value;
-        growing += more != 0 && more < step ? 1 : 0;
-    }
-    return all >= fewest && growing > all / 10 * 8 ? growing : 0;
-}
-
-// Longer rows are no tables but of relocations, whose addends would be torn apart from their places.
-SortedTable sortedTable(FileBytes bytes)
-{
-    SortedTable best;
-    std::size_t most = 0;
-    for (const std::uint32_t value : {0xFFFFFFFFu, 0xFFFFFFu}) {
-        for (const std::size_t row : {1, 2, 3, 4}) {
-            SortedTable table = {.row = row, .columns = 0, .value = value};
-            std::size_t count = 0;
-            for (std::size_t column = 0; column < row; ++column) {
-                const std::size_t growing = growingWords(bytes, row, column, value);
-                table.columns |= growing > 0 ? 1u << column : 0;
-                count += growing;
-            }
-            if (count > most + most / 10) { // what grows by rows of one word, does so by longer ones
-                most = count;
-                best = table;
-            }
-        }
-    }
-    return most > bytes.size() / 4 / 8 ? best : SortedTable();
-}
-
-void maskTable(FileBytes bytes, const SortedTable &table, unsigned char *masked)
-{
-    for (std::size_t i = table.row; i < bytes.size() / 4; ++i) {
-        if (!(table.columns >> i % table.row & 1))
-            continue;
-        const std::uint32_t word = wordAt(bytes, i);
-        const std::uint32_t more = (word - wordAt(bytes, i - table.row)) & table.value;
-        const std::uint32_t bare = (word & ~table.value) | more;
-        std::memcpy(masked + 4 * i, &bare, sizeof bare);
-    }
-}
-
-using SortedTables = std::map<std::string, SortedTable>;
-
-Buffer masked(FileBytes bytes, const std::vector<ProgramImage> &programs, const SortedTables &tables)
-{
-    Buffer result(bytes.begin(), bytes.end());
-    for (const ProgramImage &program : programs) {
-        for (const ProgramSection &section : program.sections) {
-            if (!section.isInFile)
-                continue;
-            const FileBytes part = bytes.subspan(section.place.offset, section.place.size);
-            unsigned char *const to = result.data() + section.place.offset;
-            const auto table = tables.find(section.name);
-            if (section.isCode)
-                program.code == RangeKind::Arm64 ? maskArm64(part, to) : maskX86(part, to);
-            else if (table != tables.end())
-                maskTable(part, table->second, to);
-        }
-    }
-    return result;
-}
-
-SortedTables findTables(FileBytes bytes, const std::vector<ProgramImage> &programs)
-{
-    SortedTables tables;
-    for (const ProgramImage &program : programs) {
-        for (const ProgramSection &section : program.sections) {
-            if (section.isCode || !section.isInFile)
-                continue;
-            const SortedTable table = sortedTable(bytes.subspan(section.place.offset, section.place.size));
-            if (table.row != 0)
-                tables[section.name] = table;
-        }
-    }
-    return tables;
 }
 
 // Nothing when memory is missing.
@@ -486,9 +343,7 @@ std::optional<std::vector<std::byte>> makeMoveDelta(FileBytes oldBytes, FileByte
     delta.newSize = newBytes.size();
     clearPageHashes(after, hasher, now, delta);
     {
-        const SortedTables tables = findTables(oldBytes, before);
-        const Buffer oldMasked = masked(oldBytes, before, tables);
-        const Buffer newMasked = masked(now, after, tables);
+        const auto [oldMasked, newMasked] = maskReferences(oldBytes, before, now, after);
         const auto found = findCopies(oldMasked, newMasked, progress);
         if (!found)
             return std::nullopt;

@@ -1,22 +1,19 @@
 #include "references.h"
 
-#include "delta/owned.h"
-#include "x86.h"
+#include "instructionwalk.h"
+#include "learning.h"
 
 #include <algorithm>
 #include <bit>
-#include <cstdlib>
 #include <cstring>
-#include <new>
 
 // A copy is cut into pieces that lie in one range of the old file and one range of the same image in the new
 // one, so that every byte of a piece has an old and a new address. What a piece holds is walked through in
-// order; at each reference the prediction is written over the copied bytes, these are settled, and the outcome
-// is learned from.
+// order; at each reference the prediction is written over the copied bytes, these are settled, and the
+// outcome is learned from.
 //
 // Everything is bounded by the number of copied bytes, whatever a delta says: a reference takes a few steps,
-// and all tables have a size that is known from the start. They forget where two of their entries meet, in
-// the same way on both sides.
+// and all tables have a size that is known from the start.
 
 namespace zel {
 
@@ -36,138 +33,6 @@ template <typename Word> void store(unsigned char *bytes, Word word)
 {
     std::memcpy(bytes, &word, sizeof word);
 }
-
-// What became of the targets that were predicted wrongly. Places are counted from the image's lowest address.
-class LearnedTargets
-{
-public:
-    // Memory that is only touched where something is learned: most deltas learn little.
-    LearnedTargets()
-        : m_isUsed(std::size_t(1) << SlotBits)
-        , m_slots(static_cast<Slot *>(std::calloc(std::size_t(1) << SlotBits, sizeof(Slot))))
-    {
-        if (!m_slots)
-            throw std::bad_alloc();
-    }
-
-    std::optional<std::uint32_t> find(std::uint32_t target) const
-    {
-        const std::size_t slot = slotOf(target);
-        if (!m_isUsed[slot] || m_slots[slot].target != target || target == 0)
-            return std::nullopt;
-        return m_slots[slot].actual;
-    }
-
-    void insert(std::uint32_t target, std::uint32_t actual)
-    {
-        const std::size_t slot = slotOf(target);
-        m_isUsed[slot] = true;
-        m_slots[slot] = {target, actual};
-    }
-
-private:
-    struct Slot {
-        std::uint32_t target;
-        std::uint32_t actual;
-    };
-
-    static constexpr unsigned SlotBits = 19;
-
-    static std::size_t slotOf(std::uint32_t target) { return target * 0x9E3779B1u >> (32 - SlotBits); }
-
-    std::vector<bool> m_isUsed; // fits into the nearest cache; few are
-    const Array<Slot> m_slots;
-};
-
-// By how much words changed lately whose values are near each other. Offsets into one table grow alike when
-// something is put into it, whatever they count from.
-class Drift
-{
-public:
-    Drift()
-        : m_shifts(Buckets, Unknown)
-    {
-    }
-
-    static bool isPlace(std::uint32_t word) { return word >> BucketBits != 0; }
-
-    std::uint32_t predict(std::uint32_t word) const
-    {
-        const std::uint32_t bucket = word >> BucketBits;
-        const std::int32_t own = m_shifts[bucket % Buckets];
-        const std::int32_t shift = own != Unknown ? own : m_shifts[(bucket - 1) % Buckets];
-        return shift == Unknown ? word : word + static_cast<std::uint32_t>(shift);
-    }
-
-    void learn(std::uint32_t word, std::uint32_t actual)
-    {
-        const auto shift = static_cast<std::int32_t>(actual - word);
-        if (shift > -Most && shift < Most)
-            m_shifts[(word >> BucketBits) % Buckets] = shift;
-    }
-
-private:
-    static constexpr unsigned BucketBits = 10;
-    static constexpr std::uint32_t Buckets = 1 << 16;
-    static constexpr std::int32_t Unknown = INT32_MIN;
-    static constexpr std::int32_t Most = 1 << 20; // what changes by more is no offset
-
-    std::vector<std::int32_t> m_shifts;
-};
-
-// Walks through a range's instructions, each of which begins where the one before it ends, and so all hang on
-// the first. Of each block of the range it keeps where its first instruction begins, to go on from there;
-// copies come nearly in the old file's order, so that hardly any instruction is decoded twice.
-class InstructionWalk
-{
-public:
-    explicit InstructionWalk(std::span<const unsigned char> code)
-        : m_code(code)
-        , m_starts((code.size() >> BlockBits) + 1, Unknown)
-    {
-    }
-
-    // To the first instruction that begins at `from` or behind it.
-    void seek(std::size_t from)
-    {
-        if (from < m_at || from - m_at > BlockSize) {
-            std::size_t block = std::min(from, m_known) >> BlockBits;
-            while (block > 0 && (m_starts[block] == Unknown || startOf(block) > from))
-                --block;
-            m_at = m_starts[block] == Unknown ? 0 : startOf(block);
-        }
-        while (m_at < from && m_at < m_code.size())
-            next();
-    }
-
-    std::size_t at() const { return m_at; }
-
-    // The instruction at hand, which is passed.
-    x86::Instruction next()
-    {
-        if (m_at >= m_known) {
-            unsigned char &start = m_starts[m_at >> BlockBits];
-            if (start == Unknown)
-                start = static_cast<unsigned char>(m_at % BlockSize);
-        }
-        const x86::Instruction instruction = x86::decode(m_code.subspan(m_at));
-        m_at += instruction.length;
-        m_known = std::max(m_known, m_at);
-        return instruction;
-    }
-
-private:
-    static constexpr unsigned BlockBits = 7;
-    static constexpr std::size_t BlockSize = 1 << BlockBits; // every block has an instruction's beginning
-    static constexpr unsigned char Unknown = 0xFF;
-
-    std::size_t startOf(std::size_t block) const { return block << BlockBits | m_starts[block]; }
-
-    std::span<const unsigned char> m_code;
-    std::vector<unsigned char> m_starts;
-    std::size_t m_at = 0; // an instruction's beginning, or the end
-    std::size_t m_known = 0; // all beginnings before it have been seen
-};
 
 } // namespace
 
