@@ -1,13 +1,12 @@
 // What lies in one block is compressed together, so that files which resemble each other belong into one, and
-// what does not resemble them into others: rows of numbers, differences that are mostly zeros, and bytes that
-// are like the files' own are modelled each by itself (XZWriter.h). Hundreds of small deltas are worth a
-// block for each kind, as large ones are; for a few small ones it would cost more than it saves.
+// what does not resemble them into others: columns of numbers, corrections, and bytes that are like the
+// files' own are modelled each by itself (XZWriter.h). Hundreds of small deltas are worth a block for each
+// kind, as large ones are; for a few small ones it would cost more than it saves.
 //
 // Files are sorted by the end of their names, then by the names: what one compiler made, and what is in one
 // language, comes together.
 #include "PatchPayload.h"
 
-#include "delta/deltaformat.h"
 #include "move/moveformat.h"
 
 #include <QHash>
@@ -22,9 +21,8 @@ namespace zel {
 namespace {
 
 constexpr qsizetype LargestBlock = qsizetype(32) << 20;
-constexpr qsizetype SmallDelta = 64; // a further slice in the manifest would cost more than it saves
-constexpr std::array Kinds = {XZContent::Records, XZContent::Numbers, XZContent::Sparse, XZContent::Pairs,
-                              XZContent::Bytes};
+constexpr qsizetype SmallDelta = 96; // a further slice in the manifest would cost more than it saves
+constexpr std::array Kinds = {XZContent::Numbers, XZContent::Pairs, XZContent::Bytes};
 
 struct Part {
     QByteArrayView bytes;
@@ -34,21 +32,15 @@ struct Part {
 std::vector<Part> partsOf(const PayloadItem &item)
 {
     const QByteArrayView bytes(item.bytes);
-    if (!item.isDelta || bytes.size() < qsizetype(DeltaHeaderSize) + SmallDelta)
-        return {{bytes, XZContent::Bytes}};
     const std::span delta(reinterpret_cast<const unsigned char *>(bytes.data()), size_t(bytes.size()));
-    if (const std::optional<MoveStreams> streams = moveStreams(delta)) {
-        const auto corrections = qsizetype(streams->corrections);
-        const auto inserts = qsizetype(streams->inserts);
-        return {{bytes.first(corrections), XZContent::Numbers},
-                {bytes.sliced(corrections, inserts - corrections), XZContent::Pairs},
-                {bytes.sliced(inserts), XZContent::Bytes}};
-    }
-    const qint64 control = qint64(DeltaHeaderSize) + deltaIntegerAt(delta, ControlLengthOffset);
-    const qint64 difference = deltaIntegerAt(delta, DiffLengthOffset);
-    return {{bytes.first(control), XZContent::Records},
-            {bytes.sliced(control, difference), XZContent::Sparse},
-            {bytes.sliced(control + difference), XZContent::Bytes}};
+    const auto streams = item.isDelta && bytes.size() >= SmallDelta ? moveStreams(delta) : std::nullopt;
+    if (!streams)
+        return {{bytes, XZContent::Bytes}};
+    const auto corrections = qsizetype(streams->corrections);
+    const auto inserts = qsizetype(streams->inserts);
+    return {{bytes.first(corrections), XZContent::Numbers},
+            {bytes.sliced(corrections, inserts - corrections), XZContent::Pairs},
+            {bytes.sliced(inserts), XZContent::Bytes}};
 }
 
 auto sortKey(const QString &path)

@@ -11,7 +11,7 @@
 
 namespace zel {
 
-/// What a command needs: a whole file, or a delta.
+/// What a command needs: a whole file, or a move delta.
 struct PayloadItem {
     QString path; ///< of the file that comes of it
     QByteArray bytes;

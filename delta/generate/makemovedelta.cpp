@@ -220,6 +220,10 @@ public:
 
     void choose()
     {
+        if (m_ranges.empty()) {
+            m_delta.images.clear();
+            return;
+        }
         tryKinds([](const Candidate &) { return RangeKind::Plain; });
         for (Candidate &each : m_ranges)
             each.asPlain = each.fewest;

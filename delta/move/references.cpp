@@ -117,8 +117,9 @@ struct ReferenceModel::Piece {
 ReferenceModel::ReferenceModel(std::span<const unsigned char> oldBytes, const std::vector<MovedImage> &images,
                                const std::vector<MovedCopy> &copies)
     : m_old(oldBytes)
-    , m_index(copies, oldBytes.size())
 {
+    if (!images.empty())
+        m_index.emplace(copies, oldBytes.size());
     for (const MovedImage &each : images) {
         Image &image = *m_images.emplace_back(std::make_unique<Image>());
         image.oldBase = each.oldBase;
@@ -342,7 +343,7 @@ std::optional<std::uint64_t> ReferenceModel::predict(Image &image, std::uint64_t
     if (!range->isInFile)
         return range->now.address + inRange;
     const std::uint64_t oldOffset = range->old.offset + inRange;
-    const std::optional<std::int64_t> shift = m_index.shiftAt(oldOffset);
+    const std::optional<std::int64_t> shift = m_index->shiftAt(oldOffset);
     if (!shift)
         return std::nullopt;
     const std::uint64_t newOffset = oldOffset + static_cast<std::uint64_t>(*shift);

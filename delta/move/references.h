@@ -73,7 +73,7 @@ private:
                std::uint64_t actual) const;
 
     std::span<const unsigned char> m_old;
-    CopyIndex m_index;
+    std::optional<CopyIndex> m_index; // where there are images, which alone ask it
     std::vector<std::unique_ptr<Image>> m_images;
     std::vector<std::unique_ptr<Range>> m_ranges; // that are in the files, in their order in the old one
 };
