@@ -1,11 +1,7 @@
 #include "PatchMaker.h"
 
 #include "BundleTree.h"
-#include "generate/compactdelta.h"
-#include "generate/makedelta.h"
-#include "generate/makemovedelta.h"
-#include "install/DeltaFile.h"
-#include "install/MD5FromData.h"
+#include "FileSlices.h"
 #include "install/PatchFile.h"
 #include "install/ZELUpdaterApplyPatch.h"
 #include "Interrupt.h"
@@ -16,14 +12,10 @@
 #include "platform/Containment.h"
 #include "platform/FileContents.h"
 #include "platform/FileTree.h"
-#include "platform/Queues.h"
-#include "XZWriter.h"
 
 #include <QFile>
 #include <QFileInfo>
 
-#include <limits>
-#include <mutex>
 #include <new>
 #include <utility>
 
@@ -32,11 +24,12 @@
 //   1. Both trees are read and compared, and the comparison decides the commands (BundleTree.h): what is
 //      removed, first, to make room; then folders; then files, each whole or as a delta; links last, so that
 //      nothing is written through one. All refusals that need no long work come here.
-//   2. Each new or changed file becomes a slice of the payload, several of them side by side as memory
-//      allows, since deltas of large files take most of the time. A delta is compacted (compactdelta.h) and
-//      has to be smaller than the file, but for programs: only a patched file keeps its mode.
-//   3. The slices are put in a row, in the order of the commands whatever the order in which they were made,
-//      and the whole is compressed (PatchWriter.h). The same two bundles always give the same bytes.
+//   2. Each new or changed file becomes a slice of the payload (FileSlices.h), several of them side by side
+//      as memory allows, since deltas of large files take most of the time. A delta has to be smaller than
+//      the file, but in format 1 for programs, whose mode only a patched file keeps.
+//   3. The slices are laid out, in format 1 in the order of the commands, in format 2 as they compress best
+//      (PatchPayload.h), and the whole is compressed (PatchWriter.h). The same two bundles always give the
+//      same bytes.
 //   4. The file is applied to the old bundle as an updater would, and the outcome compared with the new one.
 //      What gets the patch's name has been proved: no fault of the steps before reaches anybody.
 //
@@ -46,158 +39,6 @@
 namespace zel {
 
 namespace {
-
-// What one command carries: a whole file, or a delta and the hash of the file that it gives.
-struct FileSlice {
-    PatchAction action = PatchAction::Add;
-    QByteArray bytes;
-    std::optional<QString> hash;
-};
-
-constexpr qint64 DeltaLimit = std::numeric_limits<qint32>::max(); // a suffix array's length is an int
-constexpr qint64 TableSize = qint64(90) << 20; // of the tables that speed up generation
-
-class SliceMaker
-{
-public:
-    SliceMaker(const QString &oldBundle, const QString &newBundle, const PlannedFile &file, int format)
-        : m_format(format)
-        , m_old(oldBundle + u'/' + file.from)
-        , m_new(newBundle + u'/' + file.path)
-        , m_transport(file.transport)
-    {
-    }
-
-    qint64 newSize() const { return QFileInfo(m_new).size(); }
-
-    // The memory that `make` takes, in bytes.
-    qint64 cost() const
-    {
-        const bool isDelta = m_transport == Transport::Delta || m_transport == Transport::Smaller;
-        // Of format 2 the files are in memory all the while, and masked once more.
-        return isDelta ? (m_format > 1 ? 11 : 9) * QFileInfo(m_old).size()
-                + (m_format > 1 ? 5 : 3) * newSize() + TableSize
-                       : newSize();
-    }
-
-    // `progress` hears how many of the new file's bytes are worked off.
-    ZELError make(FileSlice &slice, const std::function<void(qint64)> &progress) const
-    {
-        try {
-            return makeAny(slice, progress);
-        } catch (const std::bad_alloc &) {
-            return ZELError::withMessage(QLatin1String("memory is exhausted by ") + m_new);
-        }
-    }
-
-private:
-    ZELError makeAny(FileSlice &slice, const std::function<void(qint64)> &progress) const
-    {
-        if (m_transport == Transport::Copy) {
-            slice.action = PatchAction::Copy;
-            return {};
-        }
-        if (m_transport == Transport::Whole)
-            return makeWhole(slice);
-        const bool possible = QFileInfo(m_old).size() < DeltaLimit && newSize() < DeltaLimit;
-        // A failure is not worth a larger patch that nobody asked for.
-        if (possible && !makeDelta(slice, progress))
-            return ZELError::withMessage(QLatin1String("cannot make a delta of ") + m_new);
-        if (m_transport == Transport::Smaller) {
-            FileSlice whole;
-            if (const ZELError error = makeWhole(whole))
-                return error;
-            if (!possible || estimateXZ(whole.bytes) < estimateXZ(slice.bytes))
-                slice = std::move(whole);
-        } else if (!possible) {
-            return ZELError::withMessage(QLatin1String("cannot make a delta of ") + m_new
-                                         + QLatin1String("; an executable cannot travel in another way"));
-        }
-        return {};
-    }
-
-    ZELError makeWhole(FileSlice &slice) const
-    {
-        std::optional<QByteArray> bytes = readFile(m_new);
-        if (!bytes)
-            return ZELError::withMessage(QLatin1String("cannot read ") + m_new);
-        slice.bytes = std::move(*bytes);
-        return {};
-    }
-
-    bool makeDelta(FileSlice &slice, const std::function<void(qint64)> &progress) const
-    {
-        const auto report = [&, size = newSize()](qint64 done, qint64 total) {
-            progress(qint64(double(size) * double(done) / double(total)));
-        };
-        const auto oldBytes = readFile(m_old);
-        const auto newBytes = readFile(m_new);
-        if (!oldBytes || !newBytes)
-            return false;
-        auto delta = m_format > 1 ? makeMoveDelta(bytesOf(*oldBytes), bytesOf(*newBytes), hashPage, report)
-                                  : zel::makeDelta(QFile::encodeName(m_old).toStdString(),
-                                                   QFile::encodeName(m_new).toStdString(), report);
-        if (delta && m_format == 1)
-            delta = compactDelta(bytesOf(*oldBytes), bytesOf(*newBytes), bytesOf(*delta));
-        if (!delta)
-            return false;
-        slice.action = PatchAction::Patch;
-        slice.bytes = QByteArray(reinterpret_cast<const char *>(delta->data()), qsizetype(delta->size()));
-        slice.hash = MD5FromData(*newBytes);
-        return true;
-    }
-
-    static std::span<const unsigned char> bytesOf(const auto &bytes)
-    {
-        return {reinterpret_cast<const unsigned char *>(bytes.data()), size_t(bytes.size())};
-    }
-
-    int m_format; // of the patch
-    QString m_old;
-    QString m_new;
-    Transport m_transport;
-};
-
-// Makes the slices of files side by side, one per processor, the costliest first, as long as what they need
-// together stays within `memory` bytes; a file that needs more is done alone. `progress` hears the path of
-// each file that is begun or goes on, and how many bytes of new files are done by then: one call at a time,
-// on any thread. Gives the slices in the order of `files`. After an error no more files are begun.
-ZELError makeFileSlices(const QString &oldBundle, const QString &newBundle,
-                        const std::vector<PlannedFile> &files, int format, qint64 memory,
-                        const std::function<void(const QString &path, qint64 done)> &progress,
-                        std::vector<FileSlice> &slices)
-{
-    std::vector<SliceMaker> makers;
-    std::vector<qint64> costs;
-    for (const PlannedFile &file : files) {
-        makers.emplace_back(oldBundle, newBundle, file, format);
-        costs.push_back(makers.back().cost());
-    }
-    slices.assign(files.size(), {});
-    std::mutex mutex;
-    ZELError first;
-    qint64 done = 0;
-    const auto job = [&](size_t i) {
-        std::unique_lock lock(mutex);
-        if (first)
-            return;
-        progress(files[i].path, done);
-        lock.unlock();
-        qint64 ownDone = 0;
-        const auto advance = [&](qint64 ownBytes) {
-            const std::lock_guard guard(mutex);
-            done += ownBytes - std::exchange(ownDone, ownBytes);
-            progress(files[i].path, done);
-        };
-        const ZELError error = makers[i].make(slices[i], advance);
-        lock.lock();
-        done += makers[i].newSize() - ownDone;
-        if (error && !first)
-            first = error;
-    };
-    runJobs(costs, job, memory);
-    return first;
-}
 
 class PatchAssembly
 {
